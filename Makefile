@@ -1,0 +1,15 @@
+# The commands of the README. CMake does the building; see CONTRIBUTING.md for its presets.
+.PHONY: all test demo format
+
+all:
+	@scripts/setup build tools
+	cmake --preset release -DKP_BUILD_TESTS=OFF
+	cmake --build --preset release
+
+test:
+	@scripts/setup build test tools
+	cmake --workflow --preset release
+
+demo:
+	@scripts/setup build
+	@examples/demo/run

@@ -1,0 +1,33 @@
+// The dictionary's record. Its chains are read without a lock while a tag is entered, so heads and
+// links are published with release stores and read with acquire loads.
+#pragma once
+
+#include "kp.h"
+
+struct kp_dict {
+    kp_dict_entry *buckets[KP_BUCKET_COUNT];
+};
+
+extern "C" {
+
+// Makes an unlinked entry for a tag; null, with a log line, when out of memory.
+KP_API kp_dict_entry *kp_dict_new_entry(kp_tag_t *tag);
+}
+
+namespace kp {
+
+// Where a hash's bit stands in the bitmap of a change notice.
+constexpr uint32_t bitmap_byte(uint32_t hash)
+{
+    return hash >> 3;
+}
+
+constexpr uint8_t bitmap_bit(uint32_t hash)
+{
+    return static_cast<uint8_t>(1U << (hash & 7));
+}
+
+// The entry behind this one in its bucket, or null.
+kp_dict_entry *next_entry(const kp_dict_entry &entry);
+
+} // namespace kp
