@@ -1,6 +1,6 @@
 // Writing and reading through an open segment, without a lock or, but for the wait for a writer, a
-// system call. The `writing` byte is all that readers and writer share: a reader that finds it clear
-// copies without a further check, so a write that begins during the copy can tear the value.
+// system call. The `writing` byte is all that readers and writer share: a reader that finds it
+// clear copies without a further check, so a write that begins during the copy can tear the value.
 #include "store/buffered.h"
 
 #include "support/value_type.h"
@@ -18,8 +18,7 @@ constexpr useconds_t kWriterPauseUs = 10;
 
 // Keeps `writing` set over a scope. It is visible before any store of the scope and cleared after
 // all of them, which gives the byte its meaning on a machine that reorders stores.
-class WriteMark
-{
+class WriteMark {
   public:
     explicit WriteMark(Segment &segment) : writing_(segment.state.writing)
     {

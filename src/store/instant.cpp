@@ -17,8 +17,7 @@ namespace kp {
 namespace {
 
 // A segment mapped for one call; unmaps before it closes, and logs under the call's name.
-class MappedSegment
-{
+class MappedSegment {
   public:
     MappedSegment(UniqueFd fd, Segment *segment, LogSite site)
         : fd_(std::move(fd)), segment_(segment), site_(site)
@@ -71,9 +70,9 @@ std::optional<MappedSegment> map_open_file(UniqueFd fd, LogSite site)
     return MappedSegment(std::move(fd), segment, site);
 }
 
-// A file whose owner stands between its open and its ftruncate, or that somebody else made: to touch
-// it through a mapping could be a fatal signal. A file without a page holds nothing but zeros, and on
-// a full file system could not be touched either.
+// A file whose owner stands between its open and its ftruncate, or that somebody else made: to
+// touch it through a mapping could be a fatal signal. A file without a page holds nothing but
+// zeros, and on a full file system could not be touched either.
 bool is_whole(const UniqueFd &fd)
 {
     struct stat status;
@@ -123,8 +122,7 @@ struct WritableSegment {
 };
 
 // Opens a segment for a writer and creates it when missing; nullopt after its message.
-std::optional<WritableSegment> open_or_create(const char *topic,
-                                              LogSite site = LogSite::current())
+std::optional<WritableSegment> open_or_create(const char *topic, LogSite site = LogSite::current())
 {
     const auto path = segment_path(topic, site);
     if (!path)
@@ -215,8 +213,8 @@ int32_t kp_shm_instant_read(const char *topic, void **value, uint32_t *value_typ
 }
 
 int32_t kp_shm_instant_write(const char *topic, const void *value, uint32_t value_type,
-                             uint32_t size, uint64_t timestamp, uint8_t quality,
-                             uint64_t source_ts, uint32_t extra_info)
+                             uint32_t size, uint64_t timestamp, uint8_t quality, uint64_t source_ts,
+                             uint32_t extra_info)
 {
     if (!topic) {
         KP_ERROR("topic is null\n");

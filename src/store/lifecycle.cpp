@@ -1,6 +1,6 @@
 // Handles on segments: opening, counting, declaring and closing. The counts are kept under the
-// segment's process-shared semaphore, and changed atomically besides, because every open initialises
-// the semaphore again and so two processes can hold it at once.
+// segment's process-shared semaphore, and changed atomically besides, because every open
+// initialises the semaphore again and so two processes can hold it at once.
 #include "store/segment.h"
 
 #include "support/memory.h"
@@ -26,8 +26,7 @@ constexpr long kSemaphoreStepNs = 10'000'000;
 constexpr int kSemaphoreSteps = 100;
 
 // Holds the segment's semaphore over a scope, or goes on without it when its holder is gone.
-class SemaphoreLock
-{
+class SemaphoreLock {
   public:
     explicit SemaphoreLock(sem_t &sem) : sem_(sem), held_(wait())
     {

@@ -67,8 +67,7 @@ bool size_segment_file(const UniqueFd &fd)
 
 Segment *map_segment(const UniqueFd &fd)
 {
-    void *memory =
-        mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    void *memory = mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     return memory == MAP_FAILED ? nullptr : static_cast<Segment *>(memory);
 }
 

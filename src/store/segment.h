@@ -109,8 +109,8 @@ std::optional<PathBuffer> segment_path(const char *topic, LogSite site = LogSite
 // Opens a segment file; O_NOFOLLOW and O_CLOEXEC are added to the flags.
 UniqueFd open_segment(const char *path, int flags);
 
-// Gives the file its size and reserves its page, so that a full file system is an error here and not
-// a fatal signal at the first store. False with errno set.
+// Gives the file its size and reserves its page, so that a full file system is an error here and
+// not a fatal signal at the first store. False with errno set.
 bool size_segment_file(const UniqueFd &fd);
 
 // Maps an open segment file; null with errno set.

@@ -157,8 +157,8 @@ void *kplist_remove(kplist *list, kplist_compare_t compare, const void *key)
         node->next->prev = before;
     if (list->head == node)
         list->head = node->next;
-    // Deliberate: the node's own backward link, not `before`. In a list filled by kplist_add() it is
-    // null, so removing the last node leaves the list without a tail.
+    // Deliberate: the node's own backward link, not `before`. In a list filled by kplist_add() it
+    // is null, so removing the last node leaves the list without a tail.
     if (list->tail == node)
         list->tail = node->prev;
     void *element = node->data;

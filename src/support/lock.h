@@ -5,8 +5,7 @@
 
 namespace kp {
 
-class MutexLock
-{
+class MutexLock {
   public:
     explicit MutexLock(pthread_mutex_t &mutex) : mutex_(mutex)
     {

@@ -10,8 +10,7 @@
 namespace kp {
 
 // Keeps errno as it is over a scope.
-class KeepErrno
-{
+class KeepErrno {
   public:
     KeepErrno() = default;
     KeepErrno(const KeepErrno &) = delete;
@@ -25,8 +24,7 @@ class KeepErrno
     int saved_ = errno;
 };
 
-class UniqueFd
-{
+class UniqueFd {
   public:
     UniqueFd() = default;
     explicit UniqueFd(int fd) : fd_(fd)
@@ -55,20 +53,20 @@ class UniqueFd
     {
         return std::exchange(fd_, -1);
     }
-    void reset()
+    void reset(int fd = -1)
     {
-        if (fd_ < 0)
+        const int old = std::exchange(fd_, fd);
+        if (old < 0)
             return;
         const KeepErrno keep;
-        (void)close(release());
+        (void)close(old);
     }
 
   private:
     int fd_ = -1;
 };
 
-class UniqueDir
-{
+class UniqueDir {
   public:
     explicit UniqueDir(DIR *dir) : dir_(dir)
     {

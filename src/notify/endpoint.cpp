@@ -1,0 +1,110 @@
+// What the threads of an endpoint, its opening and its closing share.
+#include "notify/endpoint.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kp {
+
+namespace {
+
+constexpr int kDayMs = 86'400'000;
+
+// Moves a pipe's end away from descriptor 0, which a process without standard input gives out.
+bool leave_zero(int32_t &fd)
+{
+    if (fd != 0)
+        return true;
+    const UniqueFd zero(fd);
+    fd = fcntl(zero.get(), F_DUPFD_CLOEXEC, 1);
+    return fd > 0;
+}
+
+} // namespace
+
+sockaddr_un socket_address(const char *name, LogSite site)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (!format_text(address.sun_path, "%s%s", kEndpointDirectory, name))
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "socket address name '%s' is too long\n", name);
+    return address;
+}
+
+bool make_pipe(std::span<int32_t, 2> ends)
+{
+    std::array<int32_t, 2> made{};
+    if (pipe2(made.data(), O_CLOEXEC) != 0)
+        return false;
+    if (!leave_zero(made[kReadEnd]) || !leave_zero(made[kWriteEnd])) {
+        const UniqueFd read_end(made[kReadEnd]);
+        const UniqueFd write_end(made[kWriteEnd]);
+        return false;
+    }
+    std::copy(made.begin(), made.end(), ends.begin());
+    return true;
+}
+
+bool start_thread(pthread_t &thread, void *(*body)(void *), kp_notify_t &endpoint)
+{
+    sigset_t all;
+    sigset_t before;
+    (void)sigfillset(&all);
+    (void)pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t started{};
+    const bool done = pthread_create(&started, nullptr, body, &endpoint) == 0;
+    (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (done)
+        thread = started;
+    return done;
+}
+
+std::size_t take_slot(std::span<int32_t> slots, int fd)
+{
+    std::size_t slot = 0;
+    while (slot < slots.size() && !replace_if(slots[slot], kFreeSlot, fd))
+        ++slot;
+    return slot;
+}
+
+std::size_t find_slot(std::span<const int32_t> slots, int fd)
+{
+    std::size_t slot = 0;
+    while (slot < slots.size() && load_ordered(slots[slot]) != fd)
+        ++slot;
+    return slot;
+}
+
+void add_interest(const UniqueFd &poll, int fd, LogSite site)
+{
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    if (epoll_ctl(poll.get(), EPOLL_CTL_ADD, fd, &event) != 0)
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "epoll_ctl(EPOLL_CTL_ADD, %d) failed\n", fd);
+}
+
+void remove_interest(const UniqueFd &poll, int fd, LogSite site)
+{
+    if (epoll_ctl(poll.get(), EPOLL_CTL_DEL, fd, nullptr) != 0)
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "epoll_ctl(EPOLL_CTL_DEL, %d) failed\n", fd);
+}
+
+ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room, LogSite site)
+{
+    const int count = epoll_wait(poll.get(), room.data(), static_cast<int>(room.size()), kDayMs);
+    if (count >= 0)
+        return {Wait::ready, room.first(static_cast<std::size_t>(count))};
+    if (errno == EINTR || errno == EBADF) {
+        KP_LOG_AT(KP_LEVEL_WARN, site, "epoll_wait interrupted\n");
+        return {Wait::interrupted, {}};
+    }
+    KP_LOG_AT(KP_LEVEL_WARN, site, "epoll_wait failed\n");
+    return {Wait::failed, {}};
+}
+
+} // namespace kp

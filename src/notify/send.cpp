@@ -1,0 +1,56 @@
+// Sending one message to every peer, on the connections that the peers made to this endpoint.
+#include "notify/endpoint.h"
+
+#include <cerrno>
+#include <sys/socket.h>
+
+namespace kp {
+
+namespace {
+
+// Counts a thread in while it may use a slot's descriptor: as long as the count is not zero, the
+// accept thread does not close the descriptor that it has taken out of the slot.
+class SlotUse {
+  public:
+    explicit SlotUse(uint32_t &senders) : senders_(senders)
+    {
+        add_ordered(senders_, 1);
+    }
+    SlotUse(const SlotUse &) = delete;
+    SlotUse &operator=(const SlotUse &) = delete;
+    ~SlotUse()
+    {
+        subtract_ordered(senders_, 1);
+    }
+
+  private:
+    uint32_t &senders_;
+};
+
+} // namespace
+
+} // namespace kp
+
+using namespace kp;
+
+int32_t kp_notify_send(kp_notify_t *endpoint, const void *buf, uint32_t len)
+{
+    for (int slot = kFirstPeerSlot; slot < kSlotCount; ++slot) {
+        if (load_relaxed(endpoint->client_fds[slot]) == kFreeSlot)
+            continue;
+        const SlotUse use(endpoint->senders[slot]);
+        const int fd = load_ordered(endpoint->client_fds[slot]);
+        if (fd == kFreeSlot || send(fd, buf, len, MSG_NOSIGNAL) != -1)
+            continue;
+        const int cause = errno;
+        KP_ERROR("send failed: %d (%d), errno=%d\n", slot, load_relaxed(endpoint->client_fds[slot]),
+                 cause);
+    }
+    return 0;
+}
+
+void kp_notify_set_callback(kp_notify_t *endpoint, kp_notify_cb_t callback)
+{
+    if (endpoint)
+        store_release(endpoint->callback, callback);
+}

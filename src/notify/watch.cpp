@@ -1,0 +1,86 @@
+// The directory-watch thread: connects to every socket that appears beside the endpoint's own.
+#include "notify/endpoint.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+namespace kp {
+
+namespace {
+
+constexpr std::size_t kNameSize = 256;
+
+// The file appears with bind(); its owner needs a moment more to listen.
+constexpr useconds_t kListenDelayUs = 1000;
+
+// Connects to one new name. False when it is the endpoint's own.
+bool link_up(kp_notify_t &endpoint, std::span<const uint8_t> name_bytes,
+             LogSite site = LogSite::current())
+{
+    std::array<char, kNameSize> name;
+    (void)format_text(name, "%.*s", static_cast<int>(name_bytes.size()),
+                      reinterpret_cast<const char *>(name_bytes.data()));
+    if (std::strncmp(name.data(), endpoint.name, kNameSize - 1) == 0)
+        return false;
+    (void)usleep(kListenDelayUs);
+    KP_LOG_AT(KP_LEVEL_DEBUG, site, "event %s connect to %s\n", endpoint.name, name.data());
+    connect_to(endpoint, name.data());
+    return true;
+}
+
+} // namespace
+
+int handle_read_event(kp_notify_t &endpoint, int fd)
+{
+    const ssize_t length = read(fd, endpoint.event_buf, sizeof(endpoint.event_buf));
+    if (length < 0)
+        return errno == EAGAIN ? 0 : 1;
+    auto rest =
+        std::span<const uint8_t>(endpoint.event_buf).first(static_cast<std::size_t>(length));
+    while (rest.size() >= sizeof(inotify_event) && !is_stopping(endpoint)) {
+        inotify_event event;
+        std::memcpy(&event, rest.data(), sizeof(event));
+        rest = rest.subspan(sizeof(event));
+        if (event.len > rest.size())
+            return 0;
+        // Deliberate: the endpoint's own name ends the batch, so what follows it is not connected.
+        if ((event.mask & IN_CREATE) && event.len != 0 && !link_up(endpoint, rest.first(event.len)))
+            return 0;
+        rest = rest.subspan(event.len);
+    }
+    return 0;
+}
+
+void *publisher_linkup_listener(void *arg)
+{
+    auto &endpoint = *static_cast<kp_notify_t *>(arg);
+    UniqueFd watch(inotify_init1(IN_CLOEXEC)); // a failure shows at the next call
+    const int result = inotify_add_watch(watch.get(), kEndpointDirectory, IN_CREATE);
+    if (result < 0) {
+        endpoint.watch_fd = watch.release(); // stays open until the endpoint is closed
+        KP_ERROR("add_watch_topic failed (%d)\n", result);
+        return nullptr;
+    }
+    const UniqueFd poll(epoll_create1(EPOLL_CLOEXEC));
+    if (!poll) {
+        KP_ERROR("epoll_create1 failed\n");
+        return nullptr;
+    }
+    add_interest(poll, watch.get());
+    add_interest(poll, endpoint.cancel_fds[kReadEnd]);
+
+    std::array<epoll_event, 2> room;
+    while (!is_stopping(endpoint)) {
+        const auto [wait, events] = wait_for_events(poll, room);
+        if (wait == Wait::failed)
+            break;
+        for (const epoll_event &event : events)
+            if (event.data.fd == watch.get())
+                (void)handle_read_event(endpoint, watch.get());
+    }
+    return nullptr;
+}
+
+} // namespace kp
