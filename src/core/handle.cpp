@@ -1,0 +1,221 @@
+// Handles: making and destroying them, finding tags, and what incoming notices set off.
+#include "core/handle.h"
+
+#include "core/tag_value.h"
+#include "support/dict.h"
+#include "support/lock.h"
+#include "support/log.h"
+#include "support/memory.h"
+#include "support/path.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace kp {
+
+namespace {
+
+void set_level_from_environment()
+{
+    if (const char *name = std::getenv("KP_XLOG_USER_LEVEL"))
+        kp_xlog_set_user_level(kp_xlog_get_level_by_str(name));
+}
+
+void run_callback(kp_t &handle, const uint8_t *notice)
+{
+    if (!load_acquire(handle.callback))
+        return;
+    const MutexLock lock(handle.mutex);
+    (void)load_acquire(handle.callback)(&handle, reinterpret_cast<const kp_write_info *>(notice),
+                                        load_acquire(handle.user_data));
+}
+
+void follow_new_tag(kp_t &handle, const uint8_t *notice)
+{
+    // A peer's text need not be terminated.
+    std::array<char, KP_NEW_TAG_TOPIC_SIZE + 1> topic{};
+    std::memcpy(topic.data(), notice + offsetof(kp_new_tag_info, topic), KP_NEW_TAG_TOPIC_SIZE);
+    (void)kp_sub_plain_topic(&handle, topic.data());
+}
+
+bool is_flagged(const kp_write_info &notice, uint32_t bucket)
+{
+    return notice.bitmap[bitmap_byte(bucket)] & bitmap_bit(bucket);
+}
+
+// Gives the handle all but its endpoint and its callback. The lists are there before a notice can
+// arrive.
+bool fill(kp_t &handle)
+{
+    if (pthread_mutex_init(&handle.mutex, nullptr) != 0)
+        return false;
+    handle.dict = kp_dict_new();
+    handle.sub_topics = kplist_new();
+    handle.sub_patterns = kplist_new();
+    handle.write_info.type = KP_MSG_WRITE_INFO;
+    handle.new_tag_info.type = KP_MSG_NEW_TAG;
+    return handle.dict && handle.sub_topics && handle.sub_patterns;
+}
+
+} // namespace
+
+} // namespace kp
+
+using namespace kp;
+
+kp_t *kp_new(const char *name, kp_callback_t callback)
+{
+    auto made = make_zeroed<kp_t>();
+    if (!made) {
+        KP_ERROR("kp init: malloc kp_t: %s\n", std::strerror(errno));
+        return nullptr;
+    }
+    set_level_from_environment();
+    kp_t *handle = made.release(); // from here on kp_destroy() cleans up
+    if (fill(*handle))
+        handle->notify = kp_notify_init(name, kWriteInfoSize, kp_notify_callback, handle);
+    if (!handle->notify) {
+        const KeepErrno keep;
+        (void)kp_destroy(handle);
+        return nullptr;
+    }
+    store_release(handle->callback, callback);
+    return handle;
+}
+
+int32_t kp_destroy(kp_t *handle)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return -1;
+    }
+    // The endpoint goes first: its receive thread may be in the middle of a walk of the dictionary.
+    (void)kp_notify_close(&handle->notify);
+    (void)kp_dict_destroy(handle->dict);
+    (void)pthread_mutex_destroy(&handle->mutex);
+    kplist_free(handle->sub_topics, std::free);
+    kplist_free(handle->sub_patterns, std::free);
+    std::free(handle);
+    return 0;
+}
+
+int32_t kp_set_user_data(kp_t *handle, void *data)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return -1;
+    }
+    store_release(handle->user_data, data);
+    return 0;
+}
+
+void *kp_get_user_data(kp_t *handle)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return nullptr;
+    }
+    return load_acquire(handle->user_data);
+}
+
+kp_dict_entry *kp_lookup_head(kp_t *handle, uint32_t bucket)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return nullptr;
+    }
+    return kp_dict_lookup_entry_head(handle->dict, bucket);
+}
+
+kp_tag_t *kp_get_tag(kp_t *handle, const char *topic)
+{
+    if (!topic)
+        return nullptr;
+    for (kp_dict_entry *entry = kp_lookup_head(handle, kp_hash(topic)); entry;
+         entry = next_entry(*entry))
+        if (entry->tag && std::strcmp(kp_tag_get_topic(entry->tag), topic) == 0)
+            return entry->tag;
+    return nullptr;
+}
+
+kp_tag_t *kp_get_next_updated_tag(kp_t *handle, const kp_write_info *notice, kp_tag_iter_t *iter)
+{
+    if (!notice || !iter || notice->type != KP_MSG_WRITE_INFO)
+        return nullptr;
+    // Deliberate: the end of a bucket's chain is reported, not passed over; the next call goes on
+    // with the next bucket.
+    if (iter->entry)
+        return next_need_read_tag(iter->entry);
+    if (iter->bucket < 0)
+        iter->bucket = 0;
+    while (iter->bucket < KP_BUCKET_COUNT) {
+        const auto bucket = static_cast<uint32_t>(iter->bucket++);
+        if (!is_flagged(*notice, bucket))
+            continue;
+        iter->entry = kp_lookup_head(handle, bucket);
+        if (kp_tag_t *tag = next_need_read_tag(iter->entry))
+            return tag;
+    }
+    return nullptr;
+}
+
+int32_t kp_set_new_tag_notify(kp_t *handle, uint8_t enable)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return -1;
+    }
+    const uint32_t flags = load_relaxed(handle->flags);
+    store_relaxed(handle->flags, enable ? flags | kAnnounceNewTags : flags & ~kAnnounceNewTags);
+    return 0;
+}
+
+int32_t kp_is_new_tag_notify_enabled(kp_t *handle)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return 0;
+    }
+    return load_relaxed(handle->flags) & kAnnounceNewTags ? 1 : 0;
+}
+
+kp_topic_node_t *kp_list_all_topics(void)
+{
+    return kp_shm_list_all_topics();
+}
+
+void kp_free_list_all_topics(kp_topic_node_t *list)
+{
+    while (list) {
+        kp_topic_node_t *next = list->next;
+        std::free(list->topic);
+        std::free(list);
+        list = next;
+    }
+}
+
+void kp_dump_dict(kp_t *handle)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return;
+    }
+    kp_dict_dump_dict(handle->dict);
+}
+
+void kp_notify_callback(const uint8_t *notice, int32_t length, void *handle)
+{
+    if (!notice) {
+        KP_ERROR("notification is null\n");
+        return;
+    }
+    if (!handle) {
+        KP_ERROR("obj is null\n");
+        return;
+    }
+    auto &receiver = *static_cast<kp_t *>(handle);
+    if (notice[0] == KP_MSG_WRITE_INFO && length == kWriteInfoSize)
+        run_callback(receiver, notice);
+    else if (notice[0] == KP_MSG_NEW_TAG && length == kNewTagInfoSize)
+        follow_new_tag(receiver, notice);
+}

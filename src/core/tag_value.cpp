@@ -1,0 +1,227 @@
+// Writing and reading values through tags and by topic. What is added to the store here: the time,
+// the quality of a plain write, the size rule and the marks in the handle's change notice.
+#include "core/tag_value.h"
+
+#include "core/handle.h"
+#include "core/tag.h"
+#include "support/dict.h"
+#include "support/log.h"
+
+#include <cstring>
+
+namespace kp {
+
+namespace {
+
+void mark_written(kp_t &handle, uint32_t hash)
+{
+    handle.write_info.bitmap[bitmap_byte(hash)] |= bitmap_bit(hash);
+}
+
+// The bytes that a write through the tag stores, by the type its provider declared; 0 after a log
+// line under the caller's name.
+uint32_t size_to_write(const kp_tag_t &tag, uint32_t size, LogSite site = LogSite::current())
+{
+    uint32_t value_type = 0;
+    if (kp_shm_get_read_info(tag.shm, &value_type, nullptr, nullptr) == -1) {
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "get tag(%s) value type fail\n", tag.topic);
+        return 0;
+    }
+    const uint32_t value_size = kp_get_value_size(value_type, size);
+    if (value_size == 0)
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "value size is invalid\n");
+    return value_size;
+}
+
+} // namespace
+
+kp_tag_t *next_need_read_tag(kp_dict_entry *&cursor)
+{
+    while (cursor) {
+        kp_tag_t *tag = cursor->tag;
+        cursor = next_entry(*cursor);
+        if (tag && kp_tag_need_read(tag))
+            return tag;
+    }
+    return nullptr;
+}
+
+} // namespace kp
+
+using namespace kp;
+
+int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag, const void *value, uint32_t size)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return -1;
+    }
+    if (!tag) {
+        KP_ERROR("tag is null\n");
+        return -1;
+    }
+    const uint64_t now = kp_get_timestamp_us();
+    const uint32_t value_size = size_to_write(*tag, size);
+    if (value_size == 0)
+        return -1;
+    const int32_t written = kp_shm_write(tag->shm, value, value_size, now, KP_QUALITY_GOOD, now);
+    if (written == -1)
+        return -1;
+    mark_written(*handle, tag->hash);
+    return written;
+}
+
+int32_t kp_tag_write_with_timestamp(kp_t *handle, kp_tag_t *tag, const void *value, uint32_t size,
+                                    uint64_t timestamp)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return -1;
+    }
+    if (!tag) {
+        KP_ERROR("tag is null\n");
+        return -1;
+    }
+    if (!value) {
+        KP_ERROR("value is null\n");
+        return -1;
+    }
+    if (timestamp == 0)
+        return -1;
+    const int32_t written =
+        kp_shm_write(tag->shm, value, size, timestamp, KP_QUALITY_GOOD, timestamp);
+    if (written == -1)
+        return -1;
+    mark_written(*handle, tag->hash);
+    return written;
+}
+
+int32_t kp_tag_write_with_source_params(kp_t *handle, kp_tag_t *tag, const void *value,
+                                        uint32_t size, uint32_t quality, uint64_t source_ts)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return -1;
+    }
+    if (!tag) {
+        KP_ERROR("tag is null\n");
+        return -1;
+    }
+    const uint32_t value_size = size_to_write(*tag, size);
+    if (value_size == 0)
+        return -1;
+    const int32_t written = kp_shm_write(tag->shm, value, value_size, kp_get_timestamp_us(),
+                                         static_cast<uint8_t>(quality), source_ts);
+    if (written == -1)
+        return -1;
+    mark_written(*handle, tag->hash);
+    return written;
+}
+
+int32_t kp_tag_instant_write(kp_t *handle, const char *topic, const void *value,
+                             uint32_t value_type, uint32_t size, uint8_t quality,
+                             uint64_t source_ts, uint32_t extra_info)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return -1;
+    }
+    if (!topic) {
+        KP_ERROR("topic is null\n");
+        return -1;
+    }
+    if (size > KP_MAX_VALUE_SIZE) {
+        KP_ERROR("value size is invalid\n");
+        return -1;
+    }
+    const uint32_t value_size = kp_get_value_size(value_type, size);
+    if (value_size == 0) {
+        KP_ERROR("value size is invalid\n");
+        return -1;
+    }
+    const int32_t result =
+        kp_shm_instant_write(topic, value, value_type, value_size, kp_get_timestamp_us(), quality,
+                             source_ts, extra_info);
+    if (result == -1)
+        return -1;
+    mark_written(*handle, kp_hash(topic));
+    (void)kp_tag_notify(handle);
+    return result;
+}
+
+int32_t kp_tag_notify(kp_t *handle)
+{
+    if (!handle) {
+        KP_ERROR("kp is null\n");
+        return -1;
+    }
+    handle->write_info.type = KP_MSG_WRITE_INFO;
+    if (kp_notify_send(handle->notify, &handle->write_info, kWriteInfoSize) != 0) {
+        KP_ERROR("ret is null\n"); // the marks stay and go out with the next notice
+        return -1;
+    }
+    std::memset(handle->write_info.bitmap, 0, sizeof(handle->write_info.bitmap));
+    return 0;
+}
+
+int32_t kp_tag_read(kp_tag_t *tag, void *buffer, uint32_t buffer_size)
+{
+    if (!tag) {
+        KP_ERROR("tag is null\n");
+        return -1;
+    }
+    if (!buffer) {
+        KP_ERROR("value is null\n");
+        return -1;
+    }
+    return kp_shm_read(tag->shm, buffer, buffer_size, nullptr, nullptr, nullptr);
+}
+
+int32_t kp_tag_read_with_timestamp(kp_tag_t *tag, void *buffer, uint32_t buffer_size,
+                                   uint64_t *timestamp)
+{
+    if (!tag) {
+        KP_ERROR("tag is null\n");
+        return -1;
+    }
+    return kp_shm_read(tag->shm, buffer, buffer_size, timestamp, nullptr, nullptr);
+}
+
+int32_t kp_tag_read_with_source_params(kp_tag_t *tag, void *buffer, uint32_t buffer_size,
+                                       uint32_t *quality, uint64_t *source_ts)
+{
+    if (!tag) {
+        KP_ERROR("tag is null\n");
+        return -1;
+    }
+    uint8_t stored_quality = 0;
+    const int32_t result =
+        kp_shm_read(tag->shm, buffer, buffer_size, nullptr, &stored_quality, source_ts);
+    if (quality)
+        *quality = stored_quality;
+    return result;
+}
+
+int32_t kp_tag_instant_read(const char *topic, void **value, uint32_t *value_type, uint32_t *size,
+                            uint8_t *quality, uint64_t *source_ts, uint32_t *extra_info)
+{
+    if (!value) {
+        KP_ERROR("value is null\n");
+        return -1;
+    }
+    if (!value_type) {
+        KP_ERROR("value type is null\n");
+        return -1;
+    }
+    if (!size) {
+        KP_ERROR("value size is null\n");
+        return -1;
+    }
+    return kp_shm_instant_read(topic, value, value_type, size, nullptr, quality, source_ts,
+                               extra_info);
+}
+
+uint64_t kp_get_timestamp_us(void)
+{
+    return kp_shm_get_timestamp_us();
+}
