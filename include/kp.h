@@ -70,9 +70,9 @@ enum {
 
 /** Limits. */
 enum {
-    KP_MAX_VALUE_SIZE = 4000, /**< bytes of the largest value */
-    KP_BUCKET_COUNT = 1024,   /**< topic hashes run from 0 to 1023 */
-    KP_MAX_PEERS = 31,        /**< endpoints that one endpoint can send to */
+    KP_MAX_VALUE_SIZE = 4000,    /**< bytes of the largest value */
+    KP_BUCKET_COUNT = 1024,      /**< topic hashes run from 0 to 1023 */
+    KP_MAX_PEERS = 31,           /**< endpoints that one endpoint can send to */
     KP_NEW_TAG_TOPIC_SIZE = 386, /**< bytes of an announced topic, with its terminator */
     KP_ENDPOINT_NAME_SIZE = 128  /**< bytes of an endpoint's name, with its terminator */
 };
@@ -120,8 +120,8 @@ typedef struct kp_write_info {
 
 /** The new-tag notice, as it travels: 387 bytes. */
 typedef struct kp_new_tag_info {
-    uint8_t type;      /**< always #KP_MSG_NEW_TAG */
-    char topic[386];   /**< the announced topic, NUL-terminated, at most 385 characters */
+    uint8_t type;    /**< always #KP_MSG_NEW_TAG */
+    char topic[386]; /**< the announced topic, NUL-terminated, at most 385 characters */
 } kp_new_tag_info;
 
 /** One entry of a dictionary bucket, newest first. */
@@ -374,8 +374,7 @@ KP_API int32_t kp_tag_write_with_timestamp(kp_t *handle, kp_tag_t *tag, const vo
  * stored one) and source timestamp.
  */
 KP_API int32_t kp_tag_write_with_source_params(kp_t *handle, kp_tag_t *tag, const void *value,
-                                               uint32_t size, uint32_t quality,
-                                               uint64_t source_ts);
+                                               uint32_t size, uint32_t quality, uint64_t source_ts);
 
 /**
  * Writes a topic by its name, without a tag, and sends the handle's change notice at once.
@@ -517,13 +516,12 @@ KP_API int32_t kp_unsub_topic(kp_t *handle, const char *topic);
  * A tag that exists is used as it is, with its own type. Returns 0, or -1 for a null handle or
  * topic, an unknown type, a size of 0, or a failed write.
  */
-KP_API int32_t kp_pub_topic(kp_t *handle, const char *topic, const void *value,
-                            uint32_t value_size, uint32_t value_type, uint64_t source_ts);
+KP_API int32_t kp_pub_topic(kp_t *handle, const char *topic, const void *value, uint32_t value_size,
+                            uint32_t value_type, uint64_t source_ts);
 
 /** Does the same and then sends the handle's change notice. */
 KP_API int32_t kp_pub_topic_instant(kp_t *handle, const char *topic, const void *value,
-                                    uint32_t value_size, uint32_t value_type,
-                                    uint64_t source_ts);
+                                    uint32_t value_size, uint32_t value_type, uint64_t source_ts);
 
 /** @} */
 
@@ -554,8 +552,8 @@ KP_API int32_t kp_shm_destroy(kp_shm_t *shm, const char *topic, uint32_t role);
 
 /** Declares type, maximum size in bytes and extra information, and clears the value. Returns 0, or
     -1 for a null segment. */
-KP_API int32_t kp_shm_set_provider_info(kp_shm_t *shm, uint32_t value_type,
-                                        uint32_t max_value_size, uint32_t extra_info);
+KP_API int32_t kp_shm_set_provider_info(kp_shm_t *shm, uint32_t value_type, uint32_t max_value_size,
+                                        uint32_t extra_info);
 
 /** Sets quality and source timestamp to 0. Returns 0, or -1 for a null segment. */
 KP_API int32_t kp_shm_init_source_params(kp_shm_t *shm);
@@ -581,8 +579,8 @@ KP_API int32_t kp_shm_write(kp_shm_t *shm, const void *value, uint32_t size, uin
  * Reads the latest value into `buffer` (optional) and marks it as seen; `buffer_size` must be large
  * enough in any case. The outputs are optional. Returns the bytes of the value, or -1.
  */
-KP_API int32_t kp_shm_read(kp_shm_t *shm, void *buffer, uint32_t buffer_size,
-                           uint64_t *timestamp, uint8_t *quality, uint64_t *source_ts);
+KP_API int32_t kp_shm_read(kp_shm_t *shm, void *buffer, uint32_t buffer_size, uint64_t *timestamp,
+                           uint8_t *quality, uint64_t *source_ts);
 
 /** Gives type, bytes of the value and extra information, each optional. Returns 0, or -1. */
 KP_API int32_t kp_shm_get_read_info(kp_shm_t *shm, uint32_t *value_type, uint32_t *size,

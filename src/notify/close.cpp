@@ -42,7 +42,7 @@ void remove_socket_file(const kp_notify_t &endpoint, LogSite site)
 }
 
 // The descriptors taken out of both tables, closed when this goes out of scope.
-using Retired = std::array<UniqueFd, 2 * kSlotCount>;
+using Retired = std::array<UniqueFd, std::size_t{2} * kSlotCount>;
 
 // Ends the connection in a slot, frees the slot and keeps the descriptor; says whether there was
 // one.
