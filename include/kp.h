@@ -14,8 +14,8 @@
  *  - Timestamps are microseconds since the Unix epoch, from the wall clock.
  *  - What a `_new` function returns goes back through its `_destroy` or `_free` function. Memory
  *    that a function hands over is released with free().
- *  - A function may be called from any thread, but calls that use one handle, one tag or one segment
- *    are serialised by the application, unless the family's description allows more.
+ *  - A function may be called from any thread, but calls that use one handle, one tag or one
+ *    segment are serialised by the application, unless the family's description allows more.
  */
 #ifndef KP_H
 #define KP_H
@@ -190,9 +190,9 @@ typedef void (*kplist_print_t)(const void *element);
  * of tags, the lists of subscriptions and one notification endpoint with three threads, on one of
  * which the change callback runs. It does not own its tags: kp_tags_destroy() destroys them.
  *
- * Tags may be created on any thread. The lookups and the walk read the dictionary without a lock and
- * rely on no tag being destroyed meanwhile. After fork() the child must not use the handle, not even
- * to destroy it.
+ * Tags may be created on any thread. The lookups and the walk read the dictionary without a lock
+ * and rely on no tag being destroyed meanwhile. After fork() the child must not use the handle, not
+ * even to destroy it.
  * @{
  */
 
@@ -200,16 +200,16 @@ typedef void (*kplist_print_t)(const void *element);
  * Creates a handle and joins the endpoints of the device.
  *
  * `name` becomes the endpoint's name, at most 127 characters, and the file name of its socket in
- * `/run/providers/`, where it replaces any file of that name; a null or empty name makes up a random
- * number. Use a name once per device. `callback` may be null: change notices are then dropped,
- * announced topics still followed.
+ * `/run/providers/`, where it replaces any file of that name; a null or empty name makes up a
+ * random number. Use a name once per device. `callback` may be null: change notices are then
+ * dropped, announced topics still followed.
  *
  * Reads `KP_XLOG_USER_LEVEL` and sets the process's log level when the variable is set. Waits 10 ms
  * for peers that start at the same moment, and about 3 s for every dead socket file that it finds,
  * which it removes.
  *
- * Returns null when memory, a descriptor or a thread is missing, or `/run/providers/` can neither be
- * made nor used; errno tells why.
+ * Returns null when memory, a descriptor or a thread is missing, or `/run/providers/` can neither
+ * be made nor used; errno tells why.
  */
 KP_API kp_t *kp_new(const char *name, kp_callback_t callback);
 
@@ -228,8 +228,8 @@ KP_API int32_t kp_set_user_data(kp_t *handle, void *data);
 KP_API void *kp_get_user_data(kp_t *handle);
 
 /**
- * Returns the first entry of a bucket of the handle's dictionary; null for an empty bucket, a bucket
- * above 1023 or a null handle. The entry lives as long as its tag.
+ * Returns the first entry of a bucket of the handle's dictionary; null for an empty bucket, a
+ * bucket above 1023 or a null handle. The entry lives as long as its tag.
  */
 KP_API kp_dict_entry *kp_lookup_head(kp_t *handle, uint32_t bucket);
 
@@ -288,8 +288,8 @@ KP_API void kp_dump_dict(kp_t *handle);
  * tags of one handle are created by one thread at a time.
  *
  * A topic is a relative path: levels of 1 to 255 bytes separated by "/". Empty levels vanish. A
- * level ".." is refused with "topic is invalid". A topic cannot be both a value and the beginning of
- * another one: a and a/b exclude each other.
+ * level ".." is refused with "topic is invalid". A topic cannot be both a value and the beginning
+ * of another one: a and a/b exclude each other.
  * @{
  */
 
@@ -308,9 +308,9 @@ KP_API kp_tag_t *kp_tag_provider_new(kp_t *handle, const char *topic, uint32_t v
                                      uint32_t value_size, uint32_t extra_info);
 
 /**
- * Creates a consumer tag. The topic need not exist yet: its segment is then created empty, and reads
- * fail until a provider declares it. Returns the tag, or null for a null argument or a segment that
- * cannot be opened.
+ * Creates a consumer tag. The topic need not exist yet: its segment is then created empty, and
+ * reads fail until a provider declares it. Returns the tag, or null for a null argument or a
+ * segment that cannot be opened.
  */
 KP_API kp_tag_t *kp_tag_consumer_new(kp_t *handle, const char *topic);
 
@@ -362,9 +362,9 @@ KP_API const char *kp_tag_get_topic(kp_tag_t *tag);
 KP_API int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag, const void *value, uint32_t size);
 
 /**
- * Writes a value with the caller's time, which must not be 0, as timestamp and source timestamp, and
- * quality 1. `size` must equal the size of a fixed-size type and is not capped. Returns the bytes
- * written, or -1; a time of 0 fails without a message.
+ * Writes a value with the caller's time, which must not be 0, as timestamp and source timestamp,
+ * and quality 1. `size` must equal the size of a fixed-size type and is not capped. Returns the
+ * bytes written, or -1; a time of 0 fails without a message.
  */
 KP_API int32_t kp_tag_write_with_timestamp(kp_t *handle, kp_tag_t *tag, const void *value,
                                            uint32_t size, uint64_t timestamp);
@@ -399,10 +399,10 @@ KP_API int32_t kp_tag_notify(kp_t *handle);
 /**
  * Reads the latest value into `buffer`, which must hold it whole, and marks it as seen.
  *
- * Waits up to about 100 us for a write in progress. A write that begins during the copy can tear the
- * value; kp_tag_read_consistent() excludes that. Returns the bytes of the value, or -1 for a null
- * argument, a topic that no provider declared, a topic without a value, a buffer that is too small,
- * or a write that does not end.
+ * Waits up to about 100 us for a write in progress. A write that begins during the copy can tear
+ * the value; kp_tag_read_consistent() excludes that. Returns the bytes of the value, or -1 for a
+ * null argument, a topic that no provider declared, a topic without a value, a buffer that is too
+ * small, or a write that does not end.
  */
 KP_API int32_t kp_tag_read(kp_tag_t *tag, void *buffer, uint32_t buffer_size);
 
@@ -493,8 +493,8 @@ KP_API uint64_t kp_get_timestamp_us(void);
 KP_API int32_t kp_sub_topic(kp_t *handle, const char *topic);
 
 /**
- * Creates the consumer tag for a topic if a subscribed pattern covers it. Returns 0, or -1 when none
- * does or the tag cannot be made.
+ * Creates the consumer tag for a topic if a subscribed pattern covers it. Returns 0, or -1 when
+ * none does or the tag cannot be made.
  */
 KP_API int32_t kp_sub_plain_topic(kp_t *handle, const char *topic);
 
@@ -509,9 +509,9 @@ KP_API int32_t kp_sub_plain_topic(kp_t *handle, const char *topic);
 KP_API int32_t kp_unsub_topic(kp_t *handle, const char *topic);
 
 /**
- * Writes a value to a topic by name, with quality 1, through the handle's tag for it; a provider tag
- * is created on first use, with a maximum of 4000 bytes for the types of variable size. Marks the
- * topic but sends nothing. `value_size` matters only for the types of variable size.
+ * Writes a value to a topic by name, with quality 1, through the handle's tag for it; a provider
+ * tag is created on first use, with a maximum of 4000 bytes for the types of variable size. Marks
+ * the topic but sends nothing. `value_size` matters only for the types of variable size.
  *
  * A tag that exists is used as it is, with its own type. Returns 0, or -1 for a null handle or
  * topic, an unknown type, a size of 0, or a failed write.
@@ -528,8 +528,8 @@ KP_API int32_t kp_pub_topic_instant(kp_t *handle, const char *topic, const void 
 /**
  * @defgroup kp_store Store
  * The shared-memory files below `/dev/shm/zu-kp`, one of 4080 bytes for each topic, on which tags
- * stand. Most applications use tags instead. Calls on one kp_shm_t are serialised by the caller; any
- * number of processes may use one topic. Topics are as described with the tags.
+ * stand. Most applications use tags instead. Calls on one kp_shm_t are serialised by the caller;
+ * any number of processes may use one topic. Topics are as described with the tags.
  *
  * The instant functions reach a topic by name, open, map and close its file in each call and count
  * no reference. Those that read print "access failed" on standard output for a missing file.
@@ -538,15 +538,15 @@ KP_API int32_t kp_pub_topic_instant(kp_t *handle, const char *topic, const void 
 
 /**
  * Opens a topic's segment, creating file and directories when missing, and counts the role (a
- * KP_ROLE_ constant; any other number is not counted). The current value counts as seen. Returns the
- * open segment, or null for a null, empty or invalid topic, or a failing system call.
+ * KP_ROLE_ constant; any other number is not counted). The current value counts as seen. Returns
+ * the open segment, or null for a null, empty or invalid topic, or a failing system call.
  */
 KP_API kp_shm_t *kp_shm_new(const char *topic, uint32_t role);
 
 /**
- * Closes a segment, uncounts the role and removes the file when no count is left. Topic and role are
- * those of kp_shm_new(). Returns 0 (also for a null segment), or -1 for a null, empty or invalid
- * topic, which closes nothing.
+ * Closes a segment, uncounts the role and removes the file when no count is left. Topic and role
+ * are those of kp_shm_new(). Returns 0 (also for a null segment), or -1 for a null, empty or
+ * invalid topic, which closes nothing.
  */
 KP_API int32_t kp_shm_destroy(kp_shm_t *shm, const char *topic, uint32_t role);
 
@@ -678,8 +678,8 @@ KP_API void kp_notify_set_callback(kp_notify_t *endpoint, kp_notify_cb_t callbac
 KP_API kplist *kplist_new(void);
 
 /**
- * Inserts an element at the head. It sets no backward link, neither the new node's nor the old first
- * node's. Returns 0, always; out of memory inserts nothing.
+ * Inserts an element at the head. It sets no backward link, neither the new node's nor the old
+ * first node's. Returns 0, always; out of memory inserts nothing.
  */
 KP_API int32_t kplist_add(kplist *list, void *element);
 
@@ -698,8 +698,8 @@ KP_API void *kplist_find(kplist *list, kplist_compare_t compare, const void *key
 
 /**
  * Removes the first element that matches `key` and returns it, or null. Removing the last node sets
- * `tail` to that node's own backward link, which is null in a list filled by kplist_add(); don't mix
- * kplist_add() and kplist_append() on a list from which elements are removed.
+ * `tail` to that node's own backward link, which is null in a list filled by kplist_add(); don't
+ * mix kplist_add() and kplist_append() on a list from which elements are removed.
  */
 KP_API void *kplist_remove(kplist *list, kplist_compare_t compare, const void *key);
 
@@ -733,8 +733,8 @@ KP_API uint32_t kplist_size(kplist *list);
 /**
  * @defgroup kp_dictionary Dictionary
  * Tags in 1024 buckets by the hash of their topic. The dictionary owns its entries, never the tags,
- * and checks for no duplicates. Additions and removals are serialised by the caller; lookups on other
- * threads may run beside an addition, not beside a removal.
+ * and checks for no duplicates. Additions and removals are serialised by the caller; lookups on
+ * other threads may run beside an addition, not beside a removal.
  * @{
  */
 
@@ -757,8 +757,8 @@ KP_API kp_dict_entry *kp_dict_lookup_entry_head(kp_dict *dict, uint32_t hash);
 /** Returns the newest entry of this very tag in bucket `hash`, or null. */
 KP_API kp_dict_entry *kp_dict_lookup_entry(kp_dict *dict, uint32_t hash, kp_tag_t *tag);
 
-/** Removes the newest entry of this very tag from bucket `hash`. Returns 0, or -1 when there is none
-    or an argument is null or above 1023. */
+/** Removes the newest entry of this very tag from bucket `hash`. Returns 0, or -1 when there is
+    none or an argument is null or above 1023. */
 KP_API int32_t kp_dict_remove_tag(kp_dict *dict, kp_tag_t *tag, uint32_t hash);
 
 /** Prints the topics of all tags on standard error, for debugging. */
@@ -772,9 +772,9 @@ KP_API void kp_dict_list_dict(kp_dict *dict, kplist *list);
 /**
  * @defgroup kp_log Logging
  * Every diagnostic is one line on standard error: a colour, the level's name, the function, the
- * source line, the text, and the colour's end. One level for the whole process says what is printed;
- * kp_new() sets it from the environment variable `KP_XLOG_USER_LEVEL`. Any thread may log; the parts
- * of lines from several threads can mix.
+ * source line, the text, and the colour's end. One level for the whole process says what is
+ * printed; kp_new() sets it from the environment variable `KP_XLOG_USER_LEVEL`. Any thread may log;
+ * the parts of lines from several threads can mix.
  * @{
  */
 
