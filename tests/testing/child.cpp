@@ -1,0 +1,145 @@
+#include "testing/child.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace kptest {
+
+namespace {
+
+constexpr int kThrew = 99;
+constexpr int kNotExecuted = 127;
+
+[[noreturn]] void execute(const std::vector<std::string> &command, int read_fd, int write_fd)
+{
+    std::vector<char *> arguments;
+    for (const std::string &word : command)
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    (void)dup2(read_fd, STDIN_FILENO);
+    (void)dup2(write_fd, STDOUT_FILENO);
+    (void)execvp(arguments[0], arguments.data());
+    (void)std::fprintf(stderr, "%s: %s\n", arguments[0], std::strerror(errno));
+    _exit(kNotExecuted);
+}
+
+[[noreturn]] void run(const std::function<int(Channel &)> &body, int read_fd, int write_fd)
+{
+    int status = kThrew;
+    try {
+        Channel parent(read_fd, write_fd);
+        status = body(parent);
+    } catch (...) {
+    }
+    (void)std::fflush(nullptr);
+    _exit(status);
+}
+
+} // namespace
+
+Channel::~Channel()
+{
+    (void)close(read_fd_);
+    (void)close(write_fd_);
+}
+
+bool Channel::tell(const std::string &line) const
+{
+    const std::string text = line + '\n';
+    return write(write_fd_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+std::optional<std::string> Channel::hear(std::chrono::milliseconds deadline)
+{
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    for (;;) {
+        if (const std::size_t length = pending_.find('\n'); length != std::string::npos) {
+            std::string line = pending_.substr(0, length);
+            pending_.erase(0, length + 1);
+            return line;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            end - std::chrono::steady_clock::now());
+        pollfd wanted{read_fd_, POLLIN, 0};
+        if (left.count() < 0 || poll(&wanted, 1, static_cast<int>(left.count())) != 1)
+            return std::nullopt;
+        char bytes[4096];
+        const ssize_t count = read(read_fd_, bytes, sizeof(bytes));
+        if (count <= 0)
+            return std::nullopt;
+        pending_.append(bytes, static_cast<std::size_t>(count));
+    }
+}
+
+ChildProcess::ChildProcess(const std::function<int(Channel &)> &body)
+{
+    start([&body](int read_fd, int write_fd) { run(body, read_fd, write_fd); });
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string> &command)
+{
+    start([&command](int read_fd, int write_fd) { execute(command, read_fd, write_fd); });
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (!status_) {
+        signal(SIGKILL);
+        (void)wait();
+    }
+}
+
+void ChildProcess::start(const std::function<void(int, int)> &child_side)
+{
+    (void)std::signal(SIGPIPE, SIG_IGN); // a child may be gone when it is told something
+    int to_child[2];
+    int from_child[2];
+    if (pipe2(to_child, O_CLOEXEC) != 0 || pipe2(from_child, O_CLOEXEC) != 0)
+        std::abort();
+    (void)std::fflush(nullptr);
+    const pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ < 0)
+        std::abort();
+    if (pid_ == 0) {
+        (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent)
+            _exit(kThrew);
+        (void)std::signal(SIGPIPE, SIG_DFL);
+        (void)close(to_child[1]);
+        (void)close(from_child[0]);
+        child_side(to_child[0], from_child[1]);
+    }
+    (void)close(to_child[0]);
+    (void)close(from_child[1]);
+    channel_.emplace(from_child[0], to_child[1]);
+}
+
+void ChildProcess::signal(int number) const
+{
+    if (!status_)
+        (void)kill(pid_, number);
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds deadline)
+{
+    (void)wait_until(
+        [this] {
+            int status = 0;
+            if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_)
+                status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            return status_.has_value();
+        },
+        deadline);
+    return status_;
+}
+
+} // namespace kptest

@@ -1,0 +1,29 @@
+// The private view of the file system in which every test binary runs.
+#pragma once
+
+#include <string>
+
+namespace kptest {
+
+// Gives this process, which must have one thread only, a mount namespace of its own with an empty
+// /dev/shm and /run; ends it with a message when the system does not allow that. An ordinary user
+// becomes root of a user namespace for it.
+void enter_private_mounts();
+
+// An empty tmpfs of `pages` pages at a directory, which is made when missing, for as long as the
+// object lives.
+class TinyTmpfs {
+  public:
+    TinyTmpfs(std::string directory, unsigned pages);
+    TinyTmpfs(const TinyTmpfs &) = delete;
+    TinyTmpfs &operator=(const TinyTmpfs &) = delete;
+    ~TinyTmpfs();
+
+    // Takes every page that is left.
+    void fill() const;
+
+  private:
+    std::string directory_;
+};
+
+} // namespace kptest

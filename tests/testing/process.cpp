@@ -1,0 +1,51 @@
+#include "testing/process.h"
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+namespace kptest {
+
+namespace fs = std::filesystem;
+
+bool wait_until(const std::function<bool()> &condition, std::chrono::milliseconds deadline)
+{
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end)
+            return condition();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+std::map<int, std::string> open_descriptors()
+{
+    std::map<int, std::string> descriptors;
+    for (const fs::directory_entry &entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        descriptors[std::stoi(entry.path().filename())] = fs::read_symlink(entry, gone);
+    }
+    // The walk saw its own descriptor, which is closed by now.
+    std::erase_if(descriptors, [](const auto &item) {
+        return !fs::is_symlink(fs::symlink_status("/proc/self/fd/" + std::to_string(item.first)));
+    });
+    return descriptors;
+}
+
+int thread_count()
+{
+    const fs::directory_iterator tasks("/proc/self/task");
+    return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+}
+
+int mapping_count(const std::string &directory)
+{
+    std::ifstream maps("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);)
+        count += line.find(' ' + directory) != std::string::npos;
+    return count;
+}
+
+} // namespace kptest

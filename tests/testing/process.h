@@ -1,0 +1,27 @@
+// What this process holds, and waiting for something to become so.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <string>
+
+namespace kptest {
+
+// Long enough for a loaded machine under a sanitizer; nobody waits so long unless a test fails.
+constexpr std::chrono::seconds kDeadline{20};
+
+// Waits until the condition holds; false when it does not within the deadline.
+bool wait_until(const std::function<bool()> &condition,
+                std::chrono::milliseconds deadline = kDeadline);
+
+// The open descriptors and what each refers to. Compare the results of two calls.
+std::map<int, std::string> open_descriptors();
+
+// The threads of this process.
+int thread_count();
+
+// The mappings of files below a directory, by default of segments.
+int mapping_count(const std::string &directory = "/dev/shm/zu-kp/");
+
+} // namespace kptest
