@@ -3,13 +3,13 @@
 
 all:
 	@scripts/setup build tools
-	cmake --preset release -DKP_BUILD_TESTS=OFF
-	cmake --build --preset release
+	cmake --preset product
+	cmake --build --preset product
 
 test:
 	@scripts/setup build test tools
 	cmake --workflow --preset release
 
 demo:
-	@scripts/setup build
+	@scripts/setup build tools
 	@examples/demo/run
