@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <elf.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -18,9 +19,31 @@ namespace {
 constexpr int kThrew = 99;
 constexpr int kNotExecuted = 127;
 
+// Cross-built tests run emulated, and such a process cannot execute a program of its own machine
+// without the emulator, whose name the build gives.
+#ifdef KP_TEST_EMULATOR
+const char *emulator_for(const std::string &program)
+{
+    Elf64_Ehdr header{};
+    const int fd = open(program.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool is_foreign = read(fd, &header, sizeof(header)) == sizeof(header) &&
+                            std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
+                            header.e_machine == EM_AARCH64;
+    (void)close(fd);
+    return is_foreign ? KP_TEST_EMULATOR : nullptr;
+}
+#else
+const char *emulator_for(const std::string &)
+{
+    return nullptr;
+}
+#endif
+
 [[noreturn]] void execute(const std::vector<std::string> &command, int read_fd, int write_fd)
 {
     std::vector<char *> arguments;
+    if (const char *emulator = emulator_for(command.front()))
+        arguments.push_back(const_cast<char *>(emulator));
     for (const std::string &word : command)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);

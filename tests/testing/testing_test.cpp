@@ -150,6 +150,14 @@ TEST(Children, ExchangeLinesWithTheTest)
     EXPECT_EQ(child.wait(), 7);
 }
 
+TEST(Children, ExecuteProgramsBuiltLikeTheTest)
+{
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    ChildProcess child({self, "--gtest_list_tests"});
+
+    EXPECT_EQ(child.wait(), 0);
+}
+
 TEST(Children, CanBeKilled)
 {
     ChildProcess child({"sleep", "1000"});
