@@ -1,0 +1,54 @@
+// The programs of the README are the ones that are built here, and they do what it says.
+#include "testing/child.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+using namespace kptest;
+using testing::HasSubstr;
+
+namespace {
+
+std::string contents(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+std::string code_block(const std::string &path)
+{
+    return "```c\n" + contents(path) + "```\n";
+}
+
+} // namespace
+
+TEST(Readme, ShowsTheProviderThatIsBuilt)
+{
+    EXPECT_THAT(contents(KP_SOURCE_DIR "/README.md"),
+                HasSubstr(code_block(KP_SOURCE_DIR "/examples/provider.c")));
+}
+
+TEST(Readme, ShowsTheConsumerThatIsBuilt)
+{
+    EXPECT_THAT(contents(KP_SOURCE_DIR "/README.md"),
+                HasSubstr(code_block(KP_SOURCE_DIR "/examples/consumer.c")));
+}
+
+TEST(Examples, ConsumerPrintsWhatTheProviderWrites)
+{
+    ChildProcess consumer(std::vector<std::string>{KP_EXAMPLE_CONSUMER});
+    ChildProcess provider(std::vector<std::string>{KP_EXAMPLE_PROVIDER});
+
+    const auto first = consumer.hear();
+    const auto second = consumer.hear();
+
+    ASSERT_TRUE(first && second);
+    EXPECT_THAT(*first, HasSubstr("plant/boiler/temperature: 2"));
+    EXPECT_THAT(*second, HasSubstr("plant/boiler/temperature: 2"));
+    EXPECT_NE(*first, *second);
+}
