@@ -419,6 +419,17 @@ KP_API int32_t kp_tag_read_with_source_params(kp_tag_t *tag, void *buffer, uint3
                                               uint32_t *quality, uint64_t *source_ts);
 
 /**
+ * Reads like kp_tag_read_with_source_params(), but only a value that was whole at one moment, with
+ * the quality, the timestamp and the source timestamp that belong to it. All outputs are optional.
+ *
+ * Tries again while writes get in the way, for about a millisecond, then fails with "shm read
+ * fail"; the topic is not marked as seen then, and what `buffer` holds means nothing. Relies on one
+ * writer at a time and on timestamps that don't fall; see docs/reliability.md for what remains.
+ */
+KP_API int32_t kp_tag_read_consistent(kp_tag_t *tag, void *buffer, uint32_t buffer_size,
+                                      uint32_t *quality, uint64_t *timestamp, uint64_t *source_ts);
+
+/**
  * Reads a topic by its name, without a tag.
  *
  * `*value` receives a new buffer of `*size` bytes that the caller frees; the other outputs but

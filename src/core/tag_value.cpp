@@ -4,6 +4,7 @@
 
 #include "core/handle.h"
 #include "core/tag.h"
+#include "store/consistent.h"
 #include "support/dict.h"
 #include "support/log.h"
 
@@ -197,6 +198,21 @@ int32_t kp_tag_read_with_source_params(kp_tag_t *tag, void *buffer, uint32_t buf
     uint8_t stored_quality = 0;
     const int32_t result =
         kp_shm_read(tag->shm, buffer, buffer_size, nullptr, &stored_quality, source_ts);
+    if (quality)
+        *quality = stored_quality;
+    return result;
+}
+
+int32_t kp_tag_read_consistent(kp_tag_t *tag, void *buffer, uint32_t buffer_size, uint32_t *quality,
+                               uint64_t *timestamp, uint64_t *source_ts)
+{
+    if (!tag) {
+        KP_ERROR("tag is null\n");
+        return -1;
+    }
+    uint8_t stored_quality = 0;
+    const int32_t result =
+        read_consistent(tag->shm, buffer, buffer_size, timestamp, &stored_quality, source_ts);
     if (quality)
         *quality = stored_quality;
     return result;

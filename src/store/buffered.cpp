@@ -3,6 +3,7 @@
 // clear copies without a further check, so a write that begins during the copy can tear the value.
 #include "store/buffered.h"
 
+#include "store/checks.h"
 #include "support/value_type.h"
 
 #include <algorithm>
@@ -12,9 +13,6 @@
 namespace kp {
 
 namespace {
-
-constexpr int kWriterTries = 10;
-constexpr useconds_t kWriterPauseUs = 10;
 
 // Keeps `writing` set over a scope. It is visible before any store of the scope and cleared after
 // all of them, which gives the byte its meaning on a machine that reorders stores.
@@ -36,41 +34,12 @@ class WriteMark {
     uint8_t &writing_;
 };
 
-// The segment behind a handle once a provider has declared it, else null. The two families of
-// callers word a missing mapping differently.
-Segment *declared_segment(const kp_shm_t *shm, const char *no_memory, LogSite site)
-{
-    if (!shm) [[unlikely]] {
-        KP_LOG_AT(KP_LEVEL_ERROR, site, "shm is null\n");
-        return nullptr;
-    }
-    if (!shm->mem) [[unlikely]] {
-        KP_LOG_AT(KP_LEVEL_ERROR, site, "%s", no_memory);
-        return nullptr;
-    }
-    if (!is_valid(*shm->mem)) [[unlikely]] {
-        KP_LOG_AT(KP_LEVEL_DEBUG, site, "%s", kUndeclared);
-        return nullptr;
-    }
-    return shm->mem;
-}
-
-Segment *segment_for_value(const kp_shm_t *shm, LogSite site = LogSite::current())
-{
-    return declared_segment(shm, "shm memory is not exist\n", site);
-}
-
-Segment *segment_for_query(const kp_shm_t *shm, LogSite site = LogSite::current())
-{
-    return declared_segment(shm, "shm memory is null\n", site);
-}
-
 bool writer_is_done(const Segment &segment)
 {
     for (int tries = 0; tries < kWriterTries; ++tries) {
         if (load_acquire(segment.state.writing) != 1) [[likely]]
             return true;
-        (void)usleep(kWriterPauseUs); // a write lasts less than a microsecond
+        (void)usleep(kWriterPauseUs);
     }
     return false;
 }
@@ -107,8 +76,8 @@ int32_t kp_shm_write(kp_shm_t *shm, const void *value, uint32_t size, uint64_t t
     if (!segment || kp_shm_check_written_value_size(*segment, size) < 0)
         return -1;
 
-    store_relaxed(segment->last_write_ts, timestamp);
-    const WriteMark mark(*segment); // readers wait until the end of this scope
+    store_release(segment->last_write_ts, timestamp); // after the whole of the write before
+    const WriteMark mark(*segment);                   // readers wait until the end of this scope
 
     if (quality != KP_QUALITY_KEEP)
         store_relaxed(segment->quality, quality);
@@ -125,18 +94,8 @@ int32_t kp_shm_read(kp_shm_t *shm, void *buffer, uint32_t buffer_size, uint64_t 
                     uint8_t *quality, uint64_t *source_ts)
 {
     const Segment *segment = segment_for_value(shm);
-    if (!segment)
+    if (!segment || !value_fits(*segment, buffer_size))
         return -1;
-    const uint32_t size = load_relaxed(segment->written_value_size);
-    if (size == 0) {
-        KP_WARN("written_value_size is 0, cannot read anything. please write first\n");
-        return -1;
-    }
-    if (size > buffer_size) {
-        KP_WARN("value_buffer_size(%d) < written_value_size(%d)\n",
-                static_cast<int32_t>(buffer_size), static_cast<int32_t>(size));
-        return -1;
-    }
     if (!writer_is_done(*segment)) {
         KP_INFO("shm read fail\n");
         return -1;

@@ -228,7 +228,7 @@ int32_t kp_shm_instant_write(const char *topic, const void *value, uint32_t valu
     if (!file)
         return -1;
     Segment &segment = *file->segment;
-    store_relaxed(segment.last_write_ts, timestamp);
+    store_release(segment.last_write_ts, timestamp); // after the whole of the write before
     begin_write(segment);
     if (quality != KP_QUALITY_KEEP)
         store_relaxed(segment.quality, quality);

@@ -1,0 +1,391 @@
+// The consistent read against a writer that is played store by store, in every order in which its
+// stores can fall between the steps of the read, and against a writer of this build.
+#include "testing/capture.h"
+#include "testing/process.h"
+#include "testing/segment_file.h"
+
+#include "kp.h"
+#include "store/consistent.h"
+
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace kptest;
+
+namespace {
+
+struct Version {
+    uint64_t ts;
+    std::string bytes;
+    uint8_t quality;
+};
+
+// A writer that stores two versions over a first one, one store a step.
+class PlayedWriter {
+  public:
+    static constexpr int kStepsPerWrite = 7;
+    static constexpr int kSteps = 2 * kStepsPerWrite;
+
+    PlayedWriter(kp::Segment &segment, const std::array<Version, 3> &versions)
+        : segment_(segment), versions_(versions)
+    {
+        segment_.state.flags = kp::kValid;
+        for (int step = 0; step < kStepsPerWrite; ++step)
+            store(versions_[0], step);
+    }
+
+    void go_on_to(int step)
+    {
+        for (; done_ < step; ++done_)
+            store(versions_[static_cast<std::size_t>(1 + done_ / kStepsPerWrite)],
+                  done_ % kStepsPerWrite);
+    }
+    // Whether a write stands before its second store or right behind it, as it can after the last
+    // look of a read at the mark.
+    bool has_just_stored_a_timestamp() const
+    {
+        return done_ % kStepsPerWrite == 1 || done_ % kStepsPerWrite == 2;
+    }
+
+  private:
+    void store(const Version &version, int step)
+    {
+        const std::size_t half = version.bytes.size() / 2;
+        switch (step) {
+        case 0:
+            segment_.last_write_ts = version.ts;
+            return;
+        case 1:
+            segment_.state.writing = 1;
+            return;
+        case 2:
+            segment_.quality = version.quality;
+            segment_.source_ts = version.quality;
+            return;
+        case 3:
+            std::memcpy(segment_.value, version.bytes.data(), half);
+            return;
+        case 4:
+            std::memcpy(segment_.value + half, version.bytes.data() + half, half);
+            return;
+        case 5:
+            segment_.written_value_size = static_cast<uint32_t>(version.bytes.size());
+            segment_.state.flags = kp::kValid | kp::kHasValue;
+            return;
+        default:
+            segment_.state.writing = 0;
+        }
+    }
+
+    kp::Segment &segment_;
+    const std::array<Version, 3> &versions_;
+    int done_ = 0;
+};
+
+// How far the writer has come at each of the places where a read can be overtaken.
+using Schedule = std::array<int, 9>;
+
+// The next schedule, none of whose numbers falls; false after the last one.
+bool advance(Schedule &schedule)
+{
+    for (std::size_t place = schedule.size(); place-- > 0;) {
+        if (schedule[place] == PlayedWriter::kSteps)
+            continue;
+        const int next = schedule[place] + 1;
+        for (std::size_t later = place; later < schedule.size(); ++later)
+            schedule[later] = next;
+        return true;
+    }
+    return false;
+}
+
+// Lets the writer go on between the steps of a read, and copies and compares in two halves.
+class OvertakenAccess {
+  public:
+    OvertakenAccess(PlayedWriter &writer, const Schedule &schedule)
+        : writer_(&writer), next_(schedule.begin())
+    {
+        between_steps();
+    }
+
+    void between_steps()
+    {
+        writer_->go_on_to(*next_++);
+    }
+    void copy(uint8_t *to, const uint8_t *from, uint32_t size)
+    {
+        std::memcpy(to, from, size / 2);
+        between_steps();
+        std::memcpy(to + size / 2, from + size / 2, size - size / 2);
+        between_steps();
+    }
+    bool is_equal(const uint8_t *copy, const uint8_t *from, uint32_t size)
+    {
+        const bool first = std::memcmp(copy, from, size / 2) == 0;
+        between_steps();
+        const bool second = std::memcmp(copy + size / 2, from + size / 2, size - size / 2) == 0;
+        between_steps();
+        return first && second;
+    }
+
+  private:
+    PlayedWriter *writer_;
+    Schedule::const_iterator next_;
+};
+
+struct Outcomes {
+    int refused = 0;
+    int whole = 0;
+    int early_timestamp = 0; // whole, with the timestamp that the writer stored last
+    int torn = 0;
+};
+
+bool is_version(const Version &version, const kp::ValueHeader &header, const uint8_t *bytes)
+{
+    return header.written_value_size == version.bytes.size() &&
+           std::memcmp(bytes, version.bytes.data(), version.bytes.size()) == 0 &&
+           header.quality == version.quality && header.source_ts == version.quality;
+}
+
+// What one read gives whose writer comes as far as the schedule says.
+void read_once(const std::array<Version, 3> &versions, const Schedule &schedule, Outcomes &outcomes)
+{
+    kp::Segment segment{};
+    std::array<uint8_t, 16> buffer{};
+    PlayedWriter writer(segment, versions);
+    const auto header = kp::try_consistent_read(segment, buffer.data(), buffer.size(),
+                                                OvertakenAccess(writer, schedule));
+    if (!header) {
+        ++outcomes.refused;
+        return;
+    }
+    bool is_whole = false;
+    bool belongs = false;
+    for (const Version &version : versions) {
+        const bool same = is_version(version, *header, buffer.data());
+        is_whole |= same;
+        belongs |= same && version.ts == header->last_write_ts;
+    }
+    if (belongs)
+        ++outcomes.whole;
+    else if (is_whole && writer.has_just_stored_a_timestamp())
+        ++outcomes.early_timestamp;
+    else
+        ++outcomes.torn;
+}
+
+// All outcomes of a read that two writes overtake in every possible way.
+Outcomes read_in_every_order(const std::array<Version, 3> &versions)
+{
+    Outcomes outcomes;
+    Schedule schedule{};
+    do
+        read_once(versions, schedule, outcomes);
+    while (advance(schedule));
+    return outcomes;
+}
+
+// An open topic of 1000 raw bytes, and a second handle on it.
+class ConsistentRead : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(provider_ && consumer_);
+        ASSERT_EQ(kp_shm_set_provider_info(provider_, KP_TYPE_RAW, kSize, 0), 0);
+    }
+    void TearDown() override
+    {
+        (void)kp_shm_destroy(consumer_, "a/b", KP_ROLE_CONSUMER);
+        (void)kp_shm_destroy(provider_, "a/b", KP_ROLE_PROVIDER);
+    }
+
+    static constexpr uint32_t kSize = 1000;
+    kp_shm_t *provider_ = kp_shm_new("a/b", KP_ROLE_PROVIDER);
+    kp_shm_t *consumer_ = kp_shm_new("a/b", KP_ROLE_CONSUMER);
+    SegmentFile file_{"a/b"};
+};
+
+// Whether the value is one that write_filled() has written, whole and with what belongs to it.
+bool is_filled(const std::vector<uint8_t> &value, uint8_t quality, uint64_t source_ts)
+{
+    return std::ranges::count(value, value[0]) == std::ssize(value) && quality == value[0] % 200 &&
+           source_ts == value[0];
+}
+
+void write_filled(kp_shm_t *shm, uint8_t fill)
+{
+    const std::vector<uint8_t> value(1000, fill);
+    (void)kp_shm_write(shm, value.data(), 1000, kp_shm_get_timestamp_us(),
+                       static_cast<uint8_t>(fill % 200), fill);
+}
+
+struct Reads {
+    int whole = 0;
+    int failed = 0;
+    int torn = 0;
+};
+
+Reads read_while(kp_shm_t *shm, const std::atomic<bool> &running, int least)
+{
+    Reads reads;
+    std::vector<uint8_t> value(1000);
+    while (running || reads.whole < least) {
+        uint8_t quality = 0;
+        uint64_t source_ts = 0;
+        if (kp::read_consistent(shm, value.data(), 1000, nullptr, &quality, &source_ts) == -1)
+            ++reads.failed;
+        else if (is_filled(value, quality, source_ts))
+            ++reads.whole;
+        else
+            ++reads.torn;
+    }
+    return reads;
+}
+
+} // namespace
+
+TEST(ConsistentAttempt, IsNeverTornByWritesOfDifferentTimestamps)
+{
+    const Outcomes outcomes =
+        read_in_every_order({{{10, "aaaa", 1}, {11, "bbbb", 2}, {12, "aaaa", 1}}});
+
+    EXPECT_EQ(outcomes.torn, 0);
+    EXPECT_GT(outcomes.whole, 0);
+    EXPECT_GT(outcomes.refused, 0);
+}
+
+TEST(ConsistentAttempt, IsNeverTornByWritesOfOneTimestampAndDifferentBytes)
+{
+    const Outcomes outcomes =
+        read_in_every_order({{{10, "aaaa", 1}, {10, "bbbb", 2}, {10, "cccc", 3}}});
+
+    EXPECT_EQ(outcomes.torn, 0);
+    EXPECT_GT(outcomes.whole, 0);
+    EXPECT_GT(outcomes.refused, 0);
+}
+
+TEST(ConsistentAttempt, IsNeverTornByWritesOfDifferentSizes)
+{
+    const Outcomes outcomes =
+        read_in_every_order({{{10, "aaaa", 1}, {10, "bbbbbbbb", 1}, {10, "cc", 1}}});
+
+    EXPECT_EQ(outcomes.torn, 0);
+    EXPECT_GT(outcomes.whole, 0);
+    EXPECT_GT(outcomes.refused, 0);
+}
+
+TEST(ConsistentAttempt, GivesAValueWithTheNextTimestampOnlyBetweenTheFirstTwoStoresOfAWrite)
+{
+    const Outcomes outcomes =
+        read_in_every_order({{{10, "aaaa", 1}, {11, "bbbb", 2}, {12, "cccc", 3}}});
+
+    EXPECT_GT(outcomes.early_timestamp, 0);
+    EXPECT_EQ(outcomes.torn, 0);
+}
+
+TEST(ConsistentAttempt, RefusesAValueThatAProviderIsJustClearing)
+{
+    kp::Segment segment{};
+    segment.state.flags = kp::kValid;
+    segment.written_value_size = 4;
+    std::memcpy(segment.value, "\0\0xy", 4);
+    std::array<uint8_t, 4> buffer{};
+
+    const auto header = kp::try_consistent_read(segment, buffer.data(), buffer.size());
+
+    EXPECT_FALSE(header);
+}
+
+TEST_F(ConsistentRead, GivesTheValueWithAllThatBelongsToIt)
+{
+    const std::string written(kSize, 'x');
+    ASSERT_EQ(kp_shm_write(provider_, written.data(), kSize, 123, 77, 99), 1000);
+    std::string value(kSize, '\0');
+    uint64_t timestamp = 0;
+    uint8_t quality = 0;
+    uint64_t source_ts = 0;
+
+    const int32_t result =
+        kp::read_consistent(consumer_, value.data(), kSize, &timestamp, &quality, &source_ts);
+
+    EXPECT_EQ(result, 1000);
+    EXPECT_EQ(value, written);
+    EXPECT_EQ(timestamp, 123U);
+    EXPECT_EQ(quality, 77);
+    EXPECT_EQ(source_ts, 99U);
+}
+
+TEST_F(ConsistentRead, GivesZerosForAFixedSizeThatNobodyHasWritten)
+{
+    ASSERT_EQ(kp_shm_set_provider_info(provider_, KP_TYPE_UINT32, 4, 0), 0);
+    uint32_t value = 1;
+
+    const int32_t result = kp::read_consistent(consumer_, &value, 4, nullptr, nullptr, nullptr);
+
+    EXPECT_EQ(result, 4);
+    EXPECT_EQ(value, 0U);
+}
+
+TEST_F(ConsistentRead, MarksTheValueAsSeen)
+{
+    write_filled(provider_, 5);
+    kp_shm_set_last_update_ts(consumer_, 0);
+
+    const int32_t result =
+        kp::read_consistent(consumer_, nullptr, kSize, nullptr, nullptr, nullptr);
+
+    EXPECT_EQ(result, 1000);
+    EXPECT_EQ(kp_shm_has_read(consumer_), 1);
+}
+
+TEST_F(ConsistentRead, GivesUpInBoundedTimeWhenAWriterDiedInTheMiddleAndMarksNothing)
+{
+    write_filled(provider_, 5);
+    kp_shm_set_last_update_ts(consumer_, 0);
+    file_.put_u8(at::writing, 1);
+    std::vector<uint8_t> value(kSize);
+    kp_xlog_set_user_level(KP_LEVEL_INFO);
+    StderrCapture log;
+
+    const int32_t result =
+        kp::read_consistent(consumer_, value.data(), kSize, nullptr, nullptr, nullptr);
+
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(kp_shm_has_read(consumer_), 0);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_TRUE(log.lines()[0].ends_with("shm read fail")) << log.lines()[0];
+}
+
+TEST_F(ConsistentRead, BoundsASizeThatAnotherProcessHasSpoilt)
+{
+    write_filled(provider_, 5);
+    file_.put_u32(at::written_value_size, 0xFFFFFFFF);
+    std::vector<uint8_t> value(kp::kValueAreaSize);
+
+    const int32_t result =
+        kp::read_consistent(consumer_, value.data(), 0xFFFFFFFF, nullptr, nullptr, nullptr);
+
+    EXPECT_EQ(result, static_cast<int32_t>(kp::kValueAreaSize));
+}
+
+TEST_F(ConsistentRead, IsNeverTornByAWriterAtFullSpeed)
+{
+    write_filled(provider_, 0);
+    std::atomic<bool> running = true;
+    Reads reads;
+
+    std::thread reader([&] { reads = read_while(consumer_, running, 1); });
+    for (int count = 0; count < 200'000; ++count)
+        write_filled(provider_, static_cast<uint8_t>(count));
+    running = false;
+    reader.join();
+
+    EXPECT_EQ(reads.torn, 0);
+    EXPECT_GT(reads.whole, 0);
+}
