@@ -101,7 +101,7 @@ int32_t kp_notify_close(kp_notify_t **endpoint_ref)
     close_pipe_end(endpoint.cancel_fds[kWriteEnd]);
     close_pipe_end(endpoint.new_server_fds[kReadEnd]);
     close_pipe_end(endpoint.new_server_fds[kWriteEnd]);
-    close_pipe_end(endpoint.watch_fd);
+    const UniqueFd watch(endpoint.watch_fd);
     (void)sem_destroy(&endpoint.stop_cleared);
     return 0;
 }

@@ -55,7 +55,7 @@ struct kp_notify_t {
     // From here on nothing is anybody else's business.
     uint32_t senders[kp::kSlotCount]; // threads that are sending on a slot's descriptor
     sem_t stop_cleared;               // posted by the accept thread once it has cleared `stop`
-    int32_t watch_fd;                 // the directory watch, closed at the end. 0: never created
+    int32_t watch_fd;                 // a directory watch whose thread ended early, else -1
 };
 
 static_assert(offsetof(kp_notify_t, stop) == 0);

@@ -143,6 +143,7 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
     }
     std::ranges::fill(endpoint->server_fds, kFreeSlot);
     std::ranges::fill(endpoint->client_fds, kFreeSlot);
+    endpoint->watch_fd = -1;
     (void)sem_init(&endpoint->stop_cleared, 0, 0); // cannot fail for these arguments
     if (name && *name)
         (void)format_text(endpoint->name, "%s", name);
