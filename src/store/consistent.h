@@ -58,11 +58,12 @@ struct ValueHeader {
 struct ValueAccess {
     static void copy(uint8_t *to, const uint8_t *from, uint32_t size)
     {
-        std::memcpy(to, from, size);
+        if (size != 0) // a null buffer is not to be passed on
+            std::memcpy(to, from, size);
     }
     static bool is_equal(const uint8_t *copy, const uint8_t *from, uint32_t size)
     {
-        return std::memcmp(copy, from, size) == 0;
+        return size == 0 || std::memcmp(copy, from, size) == 0;
     }
     static void between_steps()
     {
