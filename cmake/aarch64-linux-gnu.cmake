@@ -12,3 +12,5 @@ set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64-static)
 # the address space only.
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
     "-B/usr/lib/llvm-14/bin -fuse-ld=lld -Wl,-z,common-page-size=65536")
+
+set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)
