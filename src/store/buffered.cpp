@@ -7,7 +7,6 @@
 #include "support/value_type.h"
 
 #include <algorithm>
-#include <cstring>
 #include <unistd.h>
 
 namespace kp {
@@ -105,7 +104,7 @@ int32_t kp_shm_read(kp_shm_t *shm, void *buffer, uint32_t buffer_size, uint64_t 
     store_relaxed(shm->last_update_ts, last_write_ts);
     // The size is read again, and may have grown: no more than the buffer holds is copied or told.
     if (buffer)
-        std::memcpy(buffer, segment->value, std::min(stored_value_size(*segment), buffer_size));
+        copy_bytes(buffer, segment->value, std::min(stored_value_size(*segment), buffer_size));
     give(timestamp, last_write_ts);
     give(quality, load_relaxed(segment->quality));
     give(source_ts, load_relaxed(segment->source_ts));

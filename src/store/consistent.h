@@ -14,7 +14,7 @@
 // that write was equal. Either way the copy is a whole value. So a torn copy needs two whole writes
 // within the attempt, Y during the copy and Z during the comparison, and Z has to bring back every
 // byte that the copy has from before Y. `last_write_ts`, read before 1 and after 2 and 3, must also
-// be the same, so that timestamps which never fall are those of Y and of Z too: the two writes, and
+// be the same (to see it before 1 makes the write before it visible), so that timestamps which never fall are those of Y and of Z too: the two writes, and
 // the one that X preceded, lie within one microsecond. A write that takes its time from the clock
 // after that microsecond is over is always told apart, so from then on a torn value cannot pass.
 //
@@ -33,8 +33,6 @@
 #include "store/segment.h"
 
 #include <algorithm>
-#include <cstring>
-#include <span>
 
 namespace kp {
 
@@ -46,8 +44,6 @@ struct ValueHeader {
     uint8_t quality;
     uint8_t flags;
 
-    bool operator==(const ValueHeader &) const = default;
-
     uint32_t size() const
     {
         return std::min(written_value_size, kValueAreaSize);
@@ -58,63 +54,80 @@ struct ValueHeader {
 struct ValueAccess {
     static void copy(uint8_t *to, const uint8_t *from, uint32_t size)
     {
-        if (size != 0) // a null buffer is not to be passed on
-            std::memcpy(to, from, size);
+        copy_bytes(to, from, size);
     }
     static bool is_equal(const uint8_t *copy, const uint8_t *from, uint32_t size)
     {
-        return size == 0 || std::memcmp(copy, from, size) == 0;
+        return are_equal(copy, from, size);
     }
     static void between_steps()
     {
     }
 };
 
-// The header while no write is in progress.
+// Reads the header; false while a write is in progress.
 template <typename Access>
-std::optional<ValueHeader> quiet_header(const Segment &segment, Access &access)
-{
-    if (load_acquire(segment.state.writing) == 1)
-        return std::nullopt;
-    access.between_steps();
-    return ValueHeader{load_relaxed(segment.last_write_ts), load_relaxed(segment.source_ts),
-                       load_relaxed(segment.written_value_size), load_relaxed(segment.quality),
-                       load_relaxed(segment.state.flags)};
-}
-
-// A value that no write set is all zeros, unless a provider is just clearing it.
-inline bool is_settled(const ValueHeader &header, std::span<const uint8_t> copy)
-{
-    return header.flags & kHasValue || std::ranges::count(copy, 0) == std::ssize(copy);
-}
-
-// Reads the value into a buffer of `buffer_size` bytes, which may be null; nothing when a write got
-// in the way or the value is none or too large.
-template <typename Access = ValueAccess>
-std::optional<ValueHeader> try_consistent_read(const Segment &segment, uint8_t *buffer,
-                                               uint32_t buffer_size, Access access = {})
+bool read_quiet_header(const Segment &segment, ValueHeader &header, Access &access)
 {
     const uint64_t last_write_ts = load_acquire(segment.last_write_ts);
     access.between_steps();
-    const auto header = quiet_header(segment, access);
-    if (!header || header->last_write_ts != last_write_ts)
-        return std::nullopt;
-    const uint32_t size = header->written_value_size;
-    if (size == 0 || size > buffer_size)
-        return std::nullopt;
-    const uint32_t copied = buffer ? header->size() : 0;
-    access.copy(buffer, segment.value, copied);
+    const WriteState state = load_acquire(segment.state);
+    access.between_steps();
+    header = {last_write_ts, load_relaxed(segment.source_ts),
+              load_relaxed(segment.written_value_size), load_relaxed(segment.quality), state.flags};
+    return state.writing != 1;
+}
+
+// Whether no write is in progress and none has begun since the header was read, as far as its
+// timestamp tells.
+template <typename Access>
+bool is_still_quiet(const Segment &segment, const ValueHeader &header, Access &access)
+{
     order_loads();
-    if (quiet_header(segment, access) != header)
-        return std::nullopt;
-    if (!access.is_equal(buffer, segment.value, copied))
-        return std::nullopt;
-    order_loads();
-    if (quiet_header(segment, access) != header)
-        return std::nullopt;
-    if (!is_settled(*header, std::span(buffer, copied)))
-        return std::nullopt;
-    return header;
+    const WriteState state = load_acquire(segment.state);
+    access.between_steps();
+    return state.writing != 1 && state.flags == header.flags &&
+           load_relaxed(segment.last_write_ts) == header.last_write_ts;
+}
+
+// The comparison with what was copied.
+template <typename Access>
+bool is_unchanged(const Segment &segment, const ValueHeader &header, const uint8_t *copy,
+                  Access &access)
+{
+    return load_relaxed(segment.source_ts) == header.source_ts &&
+           load_relaxed(segment.quality) == header.quality &&
+           load_relaxed(segment.written_value_size) == header.written_value_size &&
+           (!copy || access.is_equal(copy, segment.value, header.size()));
+}
+
+[[gnu::noinline]] inline bool is_all_zeros(const uint8_t *bytes, uint32_t size)
+{
+    return std::all_of(bytes, bytes + size, [](uint8_t byte) { return byte == 0; });
+}
+
+// A value that no write set is all zeros, unless a provider is just clearing it.
+inline bool is_settled(const ValueHeader &header, const uint8_t *copy)
+{
+    return header.flags & kHasValue || !copy || is_all_zeros(copy, header.size());
+}
+
+// Reads the value into a buffer of `buffer_size` bytes, which may be null, and what belongs to it
+// into `header`. False when a write got in the way, or there is no value or one that is too large;
+// what was read means nothing then.
+template <typename Access = ValueAccess>
+bool try_consistent_read(const Segment &segment, uint8_t *buffer, uint32_t buffer_size,
+                         ValueHeader &header, Access access = {})
+{
+    if (!read_quiet_header(segment, header, access))
+        return false;
+    if (header.written_value_size == 0 || header.written_value_size > buffer_size)
+        return false;
+    if (buffer)
+        access.copy(buffer, segment.value, header.size());
+    return is_still_quiet(segment, header, access) &&
+           is_unchanged(segment, header, buffer, access) &&
+           is_still_quiet(segment, header, access) && is_settled(header, buffer);
 }
 
 // kp_shm_read() but for the copy: gives only a value that was whole at one moment, and marks it as

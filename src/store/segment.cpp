@@ -28,6 +28,16 @@ bool leaves_the_store(std::string_view topic)
 
 } // namespace
 
+void copy_many_bytes(void *to, const void *from, std::size_t size)
+{
+    std::memcpy(to, from, size);
+}
+
+bool are_many_equal(const void *left, const void *right, std::size_t size)
+{
+    return std::memcmp(left, right, size) == 0;
+}
+
 void store_value(Segment &segment, const void *value, uint32_t size)
 {
     std::memcpy(segment.value, value, size);

@@ -10,6 +10,7 @@
 #include "support/unique_fd.h"
 
 #include <cstddef>
+#include <cstring>
 #include <optional>
 #include <semaphore.h>
 #include <type_traits>
@@ -97,6 +98,48 @@ template <typename T> void give(T *output, T value)
 {
     if (output)
         *output = value;
+}
+
+// Copying and comparing values. Not inline, where the compiler would replace them by instructions
+// that are slower than the C library's functions as soon as it knows a bound of the size.
+void copy_many_bytes(void *to, const void *from, std::size_t size);
+bool are_many_equal(const void *left, const void *right, std::size_t size);
+
+// Calls `action` with the size, as a constant for the small values that most topics have.
+template <typename Action> auto with_size(uint32_t size, Action action)
+{
+    switch (size) {
+    case 1:
+        return action(std::integral_constant<uint32_t, 1>());
+    case 2:
+        return action(std::integral_constant<uint32_t, 2>());
+    case 4:
+        return action(std::integral_constant<uint32_t, 4>());
+    case 8:
+        return action(std::integral_constant<uint32_t, 8>());
+    default:
+        return action(size);
+    }
+}
+
+inline void copy_bytes(void *to, const void *from, uint32_t size)
+{
+    with_size(size, [=](auto count) {
+        if constexpr (std::is_integral_v<decltype(count)>)
+            copy_many_bytes(to, from, count);
+        else
+            std::memcpy(to, from, count);
+    });
+}
+
+inline bool are_equal(const void *left, const void *right, uint32_t size)
+{
+    return with_size(size, [=](auto count) {
+        if constexpr (std::is_integral_v<decltype(count)>)
+            return are_many_equal(left, right, count);
+        else
+            return std::memcmp(left, right, count) == 0;
+    });
 }
 
 // Stores a value with its size; the caller has checked that it fits the value area.

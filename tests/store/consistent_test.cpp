@@ -46,12 +46,6 @@ class PlayedWriter {
             store(versions_[static_cast<std::size_t>(1 + done_ / kStepsPerWrite)],
                   done_ % kStepsPerWrite);
     }
-    // Whether a write stands before its second store or right behind it, as it can after the last
-    // look of a read at the mark.
-    bool has_just_stored_a_timestamp() const
-    {
-        return done_ % kStepsPerWrite == 1 || done_ % kStepsPerWrite == 2;
-    }
 
   private:
     void store(const Version &version, int step)
@@ -90,6 +84,13 @@ class PlayedWriter {
 
 // How far the writer has come at each of the places where a read can be overtaken.
 using Schedule = std::array<int, 9>;
+
+// Whether the writer stood between the first two stores of a write when the read first looked at the
+// mark.
+bool has_just_stored_a_timestamp(const Schedule &schedule)
+{
+    return schedule[1] % PlayedWriter::kStepsPerWrite == 1;
+}
 
 // The next schedule, none of whose numbers falls; false after the last one.
 bool advance(Schedule &schedule)
@@ -159,22 +160,22 @@ void read_once(const std::array<Version, 3> &versions, const Schedule &schedule,
     kp::Segment segment{};
     std::array<uint8_t, 16> buffer{};
     PlayedWriter writer(segment, versions);
-    const auto header = kp::try_consistent_read(segment, buffer.data(), buffer.size(),
-                                                OvertakenAccess(writer, schedule));
-    if (!header) {
+    kp::ValueHeader header{};
+    if (!kp::try_consistent_read(segment, buffer.data(), buffer.size(), header,
+                                 OvertakenAccess(writer, schedule))) {
         ++outcomes.refused;
         return;
     }
     bool is_whole = false;
     bool belongs = false;
     for (const Version &version : versions) {
-        const bool same = is_version(version, *header, buffer.data());
+        const bool same = is_version(version, header, buffer.data());
         is_whole |= same;
-        belongs |= same && version.ts == header->last_write_ts;
+        belongs |= same && version.ts == header.last_write_ts;
     }
     if (belongs)
         ++outcomes.whole;
-    else if (is_whole && writer.has_just_stored_a_timestamp())
+    else if (is_whole && has_just_stored_a_timestamp(schedule))
         ++outcomes.early_timestamp;
     else
         ++outcomes.torn;
@@ -297,9 +298,11 @@ TEST(ConsistentAttempt, RefusesAValueThatAProviderIsJustClearing)
     std::memcpy(segment.value, "\0\0xy", 4);
     std::array<uint8_t, 4> buffer{};
 
-    const auto header = kp::try_consistent_read(segment, buffer.data(), buffer.size());
+    kp::ValueHeader header{};
 
-    EXPECT_FALSE(header);
+    const bool result = kp::try_consistent_read(segment, buffer.data(), buffer.size(), header);
+
+    EXPECT_FALSE(result);
 }
 
 TEST_F(ConsistentRead, GivesTheValueWithAllThatBelongsToIt)
