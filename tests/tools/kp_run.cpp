@@ -1,0 +1,215 @@
+#include "kp_run.h"
+
+#include "testing/process.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace kptest {
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+constexpr int kDeadlineMs = 60'000;
+
+struct Pipe {
+    int read_end = -1;
+    int write_end = -1;
+
+    Pipe()
+    {
+        std::array<int, 2> ends{};
+        if (pipe2(ends.data(), O_CLOEXEC) == 0) {
+            read_end = ends[0];
+            write_end = ends[1];
+        }
+    }
+    ~Pipe()
+    {
+        close_read();
+        close_write();
+    }
+    void close_read()
+    {
+        if (read_end >= 0)
+            (void)close(std::exchange(read_end, -1));
+    }
+    void close_write()
+    {
+        if (write_end >= 0)
+            (void)close(std::exchange(write_end, -1));
+    }
+};
+
+std::vector<char *> pointers_to(std::vector<std::string> &texts)
+{
+    std::vector<char *> pointers;
+    for (std::string &text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+[[noreturn]] void become(std::vector<std::string> command, const RunOptions &options,
+                         const Pipe &input, const Pipe &output, const Pipe &errors)
+{
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    (void)dup2(input.read_end, STDIN_FILENO);
+    (void)dup2(errors.write_end, STDERR_FILENO);
+    const int out = options.output_file.empty()
+                        ? output.write_end
+                        : open(options.output_file.c_str(), O_WRONLY | O_CLOEXEC);
+    (void)dup2(out, STDOUT_FILENO);
+    if (options.uid != 0 && (setgid(options.uid) != 0 || setuid(options.uid) != 0))
+        _exit(99);
+    (void)setenv("LC_ALL", "C.UTF-8", 1);
+    (void)setenv("TZ", "UTC", 1);
+    (void)unsetenv("NO_COLOR");
+    for (const std::string &entry : options.environment)
+        (void)putenv(strdup(entry.c_str()));
+    (void)execvp(command[0].c_str(), pointers_to(command).data());
+    _exit(127);
+}
+
+// Moves what there is to read to `text`; closes the end at its end.
+void take(Pipe &pipe, std::string &text)
+{
+    std::array<char, 65536> buffer;
+    const ssize_t size = read(pipe.read_end, buffer.data(), buffer.size());
+    if (size > 0)
+        text.append(buffer.data(), static_cast<std::size_t>(size));
+    else if (size == 0 || errno != EINTR)
+        pipe.close_read();
+}
+
+void exchange_text(Pipe &input, Pipe &output, Pipe &errors, const RunOptions &options, Ran &ran)
+{
+    std::string rest = options.input;
+    while (output.read_end >= 0 || errors.read_end >= 0) {
+        if (rest.empty())
+            input.close_write();
+        std::array<pollfd, 3> fds = {{{output.read_end, POLLIN, 0},
+                                      {errors.read_end, POLLIN, 0},
+                                      {input.write_end, POLLOUT, 0}}};
+        if (poll(fds.data(), fds.size(), kDeadlineMs) <= 0)
+            return;
+        if (fds[0].revents)
+            take(output, ran.out);
+        if (options.close_output_after > 0 && ran.out.size() >= options.close_output_after)
+            output.close_read();
+        if (fds[1].revents)
+            take(errors, ran.err);
+        if (fds[2].revents) {
+            const ssize_t size = write(input.write_end, rest.data(), rest.size());
+            rest.erase(0, size > 0 ? static_cast<std::size_t>(size) : rest.size());
+        }
+    }
+}
+
+} // namespace
+
+Ran run_program(const std::vector<std::string> &command, const RunOptions &options)
+{
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    Pipe input;
+    Pipe output;
+    Pipe errors;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        (void)std::signal(SIGPIPE, SIG_DFL);
+        become(command, options, input, output, errors);
+    }
+    input.close_read();
+    output.close_write();
+    errors.close_write();
+    Ran ran;
+    exchange_text(input, output, errors, options, ran);
+    int status = 0;
+    if (!wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; })) {
+        (void)kill(pid, SIGKILL);
+        (void)waitpid(pid, &status, 0);
+        ran.err += "(killed: it did not end)";
+    }
+    ran.code = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    return ran;
+}
+
+Ran kp(const std::vector<std::string> &arguments, const RunOptions &options)
+{
+    std::vector<std::string> command = {KP_PROGRAM};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return run_program(command, options);
+}
+
+std::string filtered(const std::string &input, const std::vector<std::string> &command)
+{
+    const Ran ran = run_program(command, {.input = input});
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.code, 0);
+    return ran.out;
+}
+
+void put(const std::string &topic, uint32_t type, const std::string &bytes)
+{
+    ASSERT_EQ(kp_shm_instant_write(topic.c_str(), bytes.data(), type,
+                                   static_cast<uint32_t>(bytes.size()), kFutureUs, 1, kFutureUs, 0),
+              0);
+}
+
+void put_double(const std::string &topic, double value)
+{
+    put(topic, KP_TYPE_DOUBLE, bytes_of(value));
+}
+
+void put_text(const std::string &topic, const std::string &text)
+{
+    put(topic, KP_TYPE_STRING, text);
+}
+
+std::string store_picture()
+{
+    std::vector<std::string> lines;
+    for (const char *root : {"/dev/shm", "/run"})
+        for (const auto &entry : std::filesystem::recursive_directory_iterator(root)) {
+            struct stat status;
+            if (lstat(entry.path().c_str(), &status) != 0)
+                continue;
+            std::ostringstream line;
+            line << entry.path().string() << ' ' << status.st_mode << ' ' << status.st_size << ' '
+                 << status.st_ino << ' ' << status.st_mtim.tv_sec << '.' << status.st_mtim.tv_nsec
+                 << ' ' << status.st_ctim.tv_sec << '.' << status.st_ctim.tv_nsec << ' ';
+            if (S_ISREG(status.st_mode))
+                line << std::ifstream(entry.path()).rdbuf();
+            lines.push_back(line.str());
+        }
+    std::sort(lines.begin(), lines.end());
+    std::string picture;
+    for (const std::string &line : lines)
+        picture += line + '\n';
+    return picture;
+}
+
+uid_t other_user()
+{
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(setgid(kNobody) == 0 && setuid(kNobody) == 0 ? 0 : 1);
+    int status = 1;
+    (void)waitpid(pid, &status, 0);
+    return status == 0 ? kNobody : 0;
+}
+
+} // namespace kptest

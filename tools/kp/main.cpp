@@ -1,0 +1,108 @@
+// kp: the tags of this device, seen, set and looked after from a shell.
+#include "commands.h"
+#include "fault_guard.h"
+#include "kp.h"
+#include "output.h"
+#include "stop.h"
+
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+
+namespace {
+
+using namespace kp::tool;
+
+constexpr const char *kFooter =
+    "Patterns: + stands for any one level, # for one or more remaining levels. Quote them. Unlike "
+    "in\n"
+    "MQTT, a/# does not match a itself.\n"
+    "Exit codes: 0 done, 1 nothing matched or condition false, 2 usage, 3 permission, 4 invalid "
+    "or\n"
+    "corrupt segment, 5 a limit or peer trouble, 124 timeout, 128+n signal.\n"
+    "See kp(1), or kp help COMMAND.";
+
+struct GlobalOptions {
+    bool debug = false;
+    ColorChoice color = ColorChoice::automatic;
+};
+
+void add_global_options(CLI::App &app, GlobalOptions &options)
+{
+    app.add_flag("-d,--debug", options.debug, "print the library's own messages on standard error");
+    app.add_option("--color", options.color, "auto, always or never")
+        ->transform(CLI::CheckedTransformer(
+                        std::map<std::string, ColorChoice>{{"auto", ColorChoice::automatic},
+                                                           {"always", ColorChoice::always},
+                                                           {"never", ColorChoice::never}})
+                        .description(""))
+        ->type_name("WHEN");
+    app.set_version_flag("--version", "kp " KP_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(kFooter);
+}
+
+void add_commands(Commands &commands)
+{
+    add_list(commands);
+    add_get(commands);
+    add_set(commands);
+    add_info(commands);
+}
+
+// `kp help` and `kp help COMMAND` are `kp --help` and `kp COMMAND --help`.
+std::vector<std::string> arguments_of(int argc, char **argv)
+{
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (!arguments.empty() && arguments[0] == "help") {
+        arguments.erase(arguments.begin());
+        arguments.emplace_back("--help");
+    }
+    return arguments;
+}
+
+int report_parse_end(const CLI::App &app, const CLI::ParseError &end)
+{
+    const int code = app.exit(end, std::cout, std::cerr);
+    std::cout.flush();
+    if (code == 0)
+        return std::cout.good() ? kDone : kLimit;
+    return kUsage;
+}
+
+// The library reports on standard error in its own colours; the tool prints its own messages.
+void set_library_level(bool debug)
+{
+    (void)unsetenv("KP_XLOG_USER_LEVEL"); // opening a handle would set it again
+    kp_xlog_set_user_level(debug ? KP_LEVEL_ALL : KP_LEVEL_OFF);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    (void)std::setlocale(LC_CTYPE, "");
+    (void)std::signal(SIGPIPE, SIG_IGN); // a closed output shows as an error, and ends quietly
+    catch_bus_errors();
+
+    CLI::App app("Shows, sets and looks after the tags of this device.", "kp");
+    GlobalOptions options;
+    add_global_options(app, options);
+    Commands commands(app);
+    add_commands(commands);
+    try {
+        auto arguments = arguments_of(argc, argv);
+        std::reverse(arguments.begin(), arguments.end()); // the order that the parser wants
+        app.parse(arguments);
+    } catch (const CLI::ParseError &end) {
+        return report_parse_end(app, end);
+    }
+    choose_colors(options.color);
+    set_library_level(options.debug);
+    const int code = commands.run();
+    (void)output().flush();
+    return end_code(code);
+}

@@ -1,0 +1,115 @@
+#include "mesh.h"
+
+#include "stop.h"
+#include "time_text.h"
+#include "unix_sockets.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <time.h>
+#include <unistd.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr long kPauseNs = 2'000'000;
+
+struct Connections {
+    std::size_t live_peers = 0;
+    std::size_t connected = 0;
+};
+
+Connections count_connections(const std::string &own_name)
+{
+    Connections count;
+    const UnixSockets all = list_unix_sockets();
+    for (const EndpointFile &file : list_endpoint_files()) {
+        const bool own = file.name == own_name;
+        for (const UnixSocket &socket : all.sockets) {
+            if (!file.is_bound_by(socket))
+                continue;
+            count.live_peers += !own && socket.listening;
+            count.connected += own && !socket.listening;
+        }
+    }
+    return count;
+}
+
+void pause_briefly()
+{
+    const timespec pause{0, kPauseNs};
+    (void)nanosleep(&pause, nullptr);
+}
+
+void ignore_message(const uint8_t *, int32_t, void *)
+{
+}
+
+} // namespace
+
+std::string own_endpoint_name(const char *verb)
+{
+    return std::string("kp-") + verb + "-" + std::to_string(getpid());
+}
+
+NoticeSender::~NoticeSender()
+{
+    if (endpoint_)
+        (void)kp_notify_close(&endpoint_);
+}
+
+void NoticeSender::mark(const std::string &topic, bool is_new)
+{
+    const uint32_t bucket = kp_hash(topic.c_str());
+    marks_.bitmap[bucket >> 3] =
+        static_cast<uint8_t>(marks_.bitmap[bucket >> 3] | 1U << (bucket & 7));
+    has_marks_ = true;
+    if (is_new && topic.size() < KP_NEW_TAG_TOPIC_SIZE)
+        new_topics_.push_back(topic);
+}
+
+bool NoticeSender::wait_for_peers(uint64_t wait_us) const
+{
+    const uint64_t deadline = monotonic_us() + wait_us;
+    for (;;) {
+        const Connections count = count_connections(name_);
+        const bool complete =
+            count.connected >= std::min<std::size_t>(count.live_peers, KP_MAX_PEERS);
+        pause_briefly(); // also between a connection's acceptance and its being used
+        if (complete)
+            return true;
+        if (monotonic_us() >= deadline) {
+            complain(std::to_string(count.live_peers - count.connected) + " of " +
+                     std::to_string(count.live_peers) +
+                     " peers did not connect in time and will not see the notice (see kp peers)");
+            return false;
+        }
+    }
+}
+
+bool NoticeSender::send(uint64_t wait_us, Problem &problem)
+{
+    if (!has_marks_)
+        return true;
+    name_ = own_endpoint_name("set");
+    endpoint_ = kp_notify_init(name_.c_str(), sizeof(kp_write_info), ignore_message, nullptr);
+    if (!endpoint_) {
+        problem = system_problem(std::string(kProvidersRoot) + ": stored, but nobody could be told",
+                                 errno);
+        if (problem.code != kPermission)
+            problem.code = kLimit;
+        return false;
+    }
+    (void)wait_for_peers(wait_us);
+    for (const std::string &topic : new_topics_) {
+        kp_new_tag_info announcement{KP_MSG_NEW_TAG, {}};
+        (void)std::snprintf(announcement.topic, sizeof(announcement.topic), "%s", topic.c_str());
+        (void)kp_notify_send(endpoint_, &announcement, sizeof(announcement));
+    }
+    (void)kp_notify_send(endpoint_, &marks_, sizeof(marks_));
+    return true;
+}
+
+} // namespace kp::tool

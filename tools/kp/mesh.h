@@ -1,0 +1,39 @@
+// One change notice to all peers of the device, after they had a moment to connect: an endpoint that
+// says its word and leaves at once would be heard by nobody.
+#pragma once
+
+#include "exit_code.h"
+#include "kp.h"
+
+#include <string>
+#include <vector>
+
+namespace kp::tool {
+
+class NoticeSender {
+  public:
+    NoticeSender() = default;
+    NoticeSender(const NoticeSender &) = delete;
+    NoticeSender &operator=(const NoticeSender &) = delete;
+    ~NoticeSender();
+
+    // Marks a topic as written; one that is new is announced too.
+    void mark(const std::string &topic, bool is_new);
+    // Joins the device's endpoints, waits for them up to `wait_us` and sends what was marked. False
+    // with a problem when no endpoint can be made; peers that did not come in time are complained of.
+    bool send(uint64_t wait_us, Problem &problem);
+
+  private:
+    bool wait_for_peers(uint64_t wait_us) const;
+
+    std::string name_;
+    kp_notify_t *endpoint_ = nullptr;
+    kp_write_info marks_{KP_MSG_WRITE_INFO, {}};
+    std::vector<std::string> new_topics_;
+    bool has_marks_ = false;
+};
+
+// The name under which the tool joins, different for every process.
+std::string own_endpoint_name(const char *verb);
+
+} // namespace kp::tool

@@ -1,0 +1,173 @@
+#include "processes.h"
+
+#include "escape.h"
+#include "support/unique_fd.h"
+
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <compare>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr ino_t kFirstPidNamespace = 0xEFFFFFFC; // fixed by the kernel
+
+std::string proc_path(pid_t pid, const char *name)
+{
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+std::vector<pid_t> all_pids()
+{
+    std::vector<pid_t> pids;
+    const UniqueDir proc(opendir("/proc"));
+    while (const dirent *entry = proc ? proc.next() : nullptr)
+        if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9')
+            pids.push_back(static_cast<pid_t>(std::atoi(entry->d_name)));
+    return pids;
+}
+
+// What lies behind the last ")" of the stat line begins with the state; the name before it may
+// contain anything.
+char state_of(pid_t pid)
+{
+    std::ifstream file(proc_path(pid, "stat"));
+    std::string line;
+    std::getline(file, line);
+    const std::size_t end = line.rfind(") ");
+    return end == std::string::npos || end + 2 >= line.size() ? '?' : line[end + 2];
+}
+
+Mapper &mapper_of(std::vector<Mapper> &mappers, pid_t pid)
+{
+    const auto known = std::find_if(mappers.begin(), mappers.end(),
+                                    [pid](const Mapper &mapper) { return mapper.pid == pid; });
+    if (known != mappers.end())
+        return *known;
+    mappers.push_back({pid});
+    return mappers.back();
+}
+
+void take_mapping(const char *line, pid_t pid, dev_t device, Mappers &found)
+{
+    std::array<char, 5> access{};
+    unsigned major_number = 0;
+    unsigned minor_number = 0;
+    unsigned long inode = 0;
+    if (std::sscanf(line, "%*x-%*x %4s %*x %x:%x %lu", access.data(), &major_number, &minor_number,
+                    &inode) != 4)
+        return;
+    if (inode == 0 || makedev(major_number, minor_number) != device || access[3] != 's')
+        return;
+    Mapper &mapper = mapper_of(found.of_file[{device, inode}], pid);
+    ++(access[1] == 'w' ? mapper.writable : mapper.read_only);
+    mapper.deleted = mapper.deleted || std::strstr(line, " (deleted)") != nullptr;
+}
+
+void take_sockets(const UniqueDir &directory, int fd, pid_t pid, SocketHolders &found)
+{
+    while (const dirent *entry = directory.next()) {
+        std::array<char, 64> target{};
+        if (readlinkat(fd, entry->d_name, target.data(), target.size() - 1) <= 0)
+            continue;
+        unsigned long inode = 0;
+        if (std::sscanf(target.data(), "socket:[%lu]", &inode) != 1)
+            continue;
+        auto &holders = found.of_socket[inode];
+        if (holders.empty() || holders.back() != pid)
+            holders.push_back(pid);
+    }
+}
+
+} // namespace
+
+Process process_of(pid_t pid)
+{
+    Process process;
+    process.pid = pid;
+    std::ifstream file(proc_path(pid, "comm"));
+    std::getline(file, process.program);
+    process.program = escaped(process.program);
+    struct stat status;
+    if (stat(("/proc/" + std::to_string(pid)).c_str(), &status) == 0)
+        process.uid = status.st_uid;
+    process.user = user_name(process.uid);
+    process.state = state_of(pid);
+    return process;
+}
+
+std::string user_name(uid_t uid)
+{
+    const passwd *entry = getpwuid(uid);
+    return entry ? entry->pw_name : std::to_string(uid);
+}
+
+std::string group_name(gid_t gid)
+{
+    const group *entry = getgrgid(gid);
+    return entry ? entry->gr_name : std::to_string(gid);
+}
+
+std::string process_text(const Process &process)
+{
+    return std::to_string(process.pid) + " " + process.program + " (" + process.user + ")";
+}
+
+Mappers find_mappers(dev_t device)
+{
+    Mappers found;
+    for (const pid_t pid : all_pids()) {
+        std::FILE *maps = std::fopen(proc_path(pid, "maps").c_str(), "re");
+        if (!maps) {
+            if (errno != ENOENT && errno != ESRCH)
+                found.unreadable.push_back(pid);
+            continue;
+        }
+        char *line = nullptr;
+        std::size_t room = 0;
+        while (getline(&line, &room, maps) > 0)
+            take_mapping(line, pid, device, found);
+        const bool failed = std::ferror(maps) != 0; // access is checked at the read
+        std::free(line);
+        (void)std::fclose(maps);
+        if (failed)
+            found.unreadable.push_back(pid);
+    }
+    return found;
+}
+
+SocketHolders find_socket_holders()
+{
+    SocketHolders found;
+    for (const pid_t pid : all_pids()) {
+        const UniqueDir directory(opendir(proc_path(pid, "fd").c_str()));
+        if (!directory) {
+            if (errno != ENOENT && errno != ESRCH)
+                found.unreadable.push_back(pid);
+            continue;
+        }
+        const UniqueFd fd(open(proc_path(pid, "fd").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (fd)
+            take_sockets(directory, fd.get(), pid, found);
+    }
+    return found;
+}
+
+bool sees_all_processes()
+{
+    struct stat status;
+    return stat("/proc/self/ns/pid", &status) == 0 && status.st_ino == kFirstPidNamespace;
+}
+
+} // namespace kp::tool

@@ -1,0 +1,60 @@
+// Who is who: processes with their programs and users, the segments that they map and the sockets
+// that they hold, from /proc. Processes of other users show only to root.
+#pragma once
+
+#include <map>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace kp::tool {
+
+struct Process {
+    pid_t pid = 0;
+    uid_t uid = 0;
+    std::string program;
+    std::string user;
+    char state = '?'; // R S D T Z ...
+};
+
+Process process_of(pid_t pid);
+std::string user_name(uid_t uid);
+std::string group_name(gid_t gid);
+
+// "1234 program (user)"
+std::string process_text(const Process &process);
+
+struct FileId {
+    dev_t device;
+    ino_t inode;
+
+    auto operator<=>(const FileId &) const = default;
+};
+
+// One process's mappings of one segment: the library maps it once for each open handle, writable.
+struct Mapper {
+    pid_t pid;
+    unsigned writable = 0;
+    unsigned read_only = 0;
+    bool deleted = false; // the file has been removed since
+};
+
+struct Mappers {
+    std::map<FileId, std::vector<Mapper>> of_file; // files of `device` only
+    std::vector<pid_t> unreadable;                 // processes that only root may look into
+};
+
+// Every process's mappings of files on one file system.
+Mappers find_mappers(dev_t device);
+
+// The processes that hold a socket, by its inode.
+struct SocketHolders {
+    std::map<ino_t, std::vector<pid_t>> of_socket;
+    std::vector<pid_t> unreadable;
+};
+SocketHolders find_socket_holders();
+
+// Says whether every process that could share files with this one has a number here.
+bool sees_all_processes();
+
+} // namespace kp::tool

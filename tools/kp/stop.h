@@ -1,0 +1,24 @@
+// Ending and waiting of the commands that run until they are told to stop.
+#pragma once
+
+#include <cstdint>
+
+namespace kp::tool {
+
+// From now on SIGINT, SIGTERM, SIGHUP and SIGQUIT are remembered instead of ending the program.
+void catch_stop_signals();
+
+// The signal that asked for the end, or 0.
+int stop_signal();
+
+// Waits until the monotonic time. False, at once, when a signal asked for the end or the reader of
+// standard output has gone.
+bool wait_until(uint64_t monotonic_us);
+
+// The same, but also returns true early when `fd` becomes readable.
+bool wait_readable(int fd, uint64_t monotonic_us);
+
+// What a command ended by a signal, by its closed output or normally returns.
+int end_code(int code);
+
+} // namespace kp::tool

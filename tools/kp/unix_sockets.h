@@ -1,0 +1,48 @@
+// The Unix-domain sockets of this network namespace, as the kernel tells them to anybody: no socket
+// is connected to, so that no peer notices.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace kp::tool {
+
+constexpr const char *kProvidersRoot = "/run/providers";
+
+struct UnixSocket {
+    ino_t inode = 0;
+    ino_t peer = 0; // the inode of the other end
+    std::string path;
+    dev_t file_device = 0; // of the file that it is bound to, 0 if unknown
+    ino_t file_inode = 0;
+    bool listening = false;
+    uint32_t receive_queue = 0; // bytes not read yet; connections not accepted yet when listening
+    uint32_t queue_limit = 0;   // backlog when listening
+};
+
+struct UnixSockets {
+    std::vector<UnixSocket> sockets;
+    bool is_known = false;   // false: neither source could be read
+    bool has_queues = false; // false: the kernel offers no socket diagnosis, only /proc/net/unix
+};
+
+UnixSockets list_unix_sockets();
+
+// A socket file below /run/providers.
+struct EndpointFile {
+    std::string name;
+    dev_t device;
+    ino_t inode;
+    uid_t owner;
+    mode_t mode;
+    bool is_socket;
+
+    bool is_bound_by(const UnixSocket &socket) const;
+};
+
+// Sorted by name; an empty list for a missing directory, with errno told apart by the caller.
+std::vector<EndpointFile> list_endpoint_files();
+
+} // namespace kp::tool

@@ -1,0 +1,149 @@
+#include "writer.h"
+
+#include "escape.h"
+#include "support/value_type.h"
+#include "time_text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr uint32_t kNoRole = 0;         // a look at the segment that is not counted
+constexpr uint32_t kPublishedExtra = 2; // what topics published by name carry
+
+// Handles that declared a topic. Closing one would remove the file of a topic that nobody else has
+// open, so they stay until the program ends; a handle without a role leaves no count behind.
+std::vector<kp_shm_t *> &declaring_handles()
+{
+    static auto *handles = new std::vector<kp_shm_t *>;
+    return *handles;
+}
+
+// What stands where the topic's directories or its file should be and is neither.
+std::optional<Problem> obstacle(const std::string &topic)
+{
+    std::string path = kStoreRoot;
+    const auto levels = split_levels(topic);
+    for (std::size_t index = 0; index < levels.size(); ++index) {
+        struct stat status;
+        path.append("/").append(levels[index]);
+        if (lstat(path.c_str(), &status) != 0)
+            return std::nullopt;
+        const bool is_last = index + 1 == levels.size();
+        if (is_last && S_ISDIR(status.st_mode))
+            return Problem{kInvalid, escaped(topic) + ": other topics lie below it"};
+        if (!is_last && S_ISLNK(status.st_mode))
+            return Problem{kInvalid, escaped(path) + ": a symbolic link, which is not followed"};
+        if (!is_last && !S_ISDIR(status.st_mode))
+            return Problem{kInvalid, escaped(path) + ": a topic itself, so none can lie below it"};
+    }
+    return std::nullopt;
+}
+
+Problem failed_write(const std::string &topic)
+{
+    return errno == 0 ? Problem{kLimit, escaped(topic) + ": the library refused the write"}
+                      : system_problem(escaped(topic), errno);
+}
+
+bool declare(const Write &write, const Target &target, Problem &problem)
+{
+    errno = 0;
+    kp_shm_t *shm = kp_shm_new(write.topic.c_str(), kNoRole);
+    if (!shm) {
+        problem = failed_write(write.topic);
+        return false;
+    }
+    declaring_handles().push_back(shm);
+    (void)kp_shm_init_source_params(shm);
+    (void)kp_shm_set_provider_info(shm, target.type, target.max, target.extra);
+    return true;
+}
+
+// The maximum that a value must keep: a topic made by a one-shot write has none of its own.
+uint32_t largest_size(const Target &target)
+{
+    constexpr uint32_t most = KP_MAX_VALUE_SIZE;
+    return target.max == 0 ? most : std::min(target.max, most);
+}
+
+std::optional<Target> declared_target(const Write &write, const Snapshot &snapshot,
+                                      Problem &problem)
+{
+    Target target{snapshot.type, snapshot.max, write.extra.value_or(snapshot.extra), false,
+                  snapshot};
+    if (snapshot.condition == Condition::corrupt && !write.change_type) {
+        problem = value_problem(write.topic, snapshot);
+        return std::nullopt;
+    }
+    if (!write.type || *write.type == snapshot.type)
+        return target;
+    if (!write.change_type) {
+        problem = {kUsage, escaped(write.topic) + ": its type is " + kp_type2str(snapshot.type) +
+                               ", not " + kp_type2str(*write.type) + " (--force changes it)"};
+        return std::nullopt;
+    }
+    target.is_new = true;
+    return target;
+}
+
+} // namespace
+
+std::optional<Target> find_target(const Write &write, Problem &problem)
+{
+    if (auto trouble = obstacle(write.topic)) {
+        problem = std::move(*trouble);
+        return std::nullopt;
+    }
+    TopicOpener opener;
+    const auto snapshot = read_topic(opener, write.topic, problem);
+    if (!snapshot && problem.code != kNothing)
+        return std::nullopt;
+    std::optional<Target> target;
+    if (snapshot && snapshot->condition != Condition::undeclared) {
+        target = declared_target(write, *snapshot, problem);
+        if (!target || !target->is_new)
+            return target;
+    } else if (!write.type) {
+        problem = {kUsage, escaped(write.topic) + ": a new topic; say its type with --type"};
+        return std::nullopt;
+    }
+    Target fresh;
+    fresh.type = *write.type;
+    fresh.max = kp_get_value_size(fresh.type, write.max.value_or(KP_MAX_VALUE_SIZE));
+    fresh.extra = write.extra.value_or(snapshot && target ? snapshot->extra : kPublishedExtra);
+    fresh.is_new = true;
+    if (snapshot)
+        fresh.before = *snapshot;
+    return fresh;
+}
+
+bool store_value(const Write &write, const Target &target, const std::optional<std::string> &bytes,
+                 Problem &problem)
+{
+    if (bytes && has_variable_size(target.type) && bytes->size() > largest_size(target)) {
+        problem = {kUsage, escaped(write.topic) + ": " + std::to_string(bytes->size()) +
+                               " bytes are more than the topic's maximum, " +
+                               std::to_string(largest_size(target))};
+        return false;
+    }
+    if (target.is_new && !declare(write, target, problem))
+        return false;
+    if (!bytes)
+        return true;
+    const uint64_t timestamp = write.timestamp.value_or(now_us());
+    errno = 0;
+    if (kp_shm_instant_write(write.topic.c_str(), bytes->data(), target.type,
+                             static_cast<uint32_t>(bytes->size()), timestamp,
+                             write.quality.value_or(KP_QUALITY_GOOD),
+                             write.source_ts.value_or(timestamp), target.extra) == 0)
+        return true;
+    problem = failed_write(write.topic);
+    return false;
+}
+
+} // namespace kp::tool
