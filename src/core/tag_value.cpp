@@ -4,6 +4,7 @@
 
 #include "core/handle.h"
 #include "core/tag.h"
+#include "store/buffered.h"
 #include "store/consistent.h"
 #include "support/dict.h"
 #include "support/log.h"
@@ -21,17 +22,32 @@ void mark_written(kp_t &handle, uint32_t hash)
 
 // The bytes that a write through the tag stores, by the type its provider declared; 0 after a log
 // line under the caller's name.
-uint32_t size_to_write(const kp_tag_t &tag, uint32_t size, LogSite site = LogSite::current())
+[[gnu::always_inline]] inline uint32_t size_to_write(const kp_tag_t &tag, uint32_t size,
+                                                     LogSite site = LogSite::current())
 {
-    uint32_t value_type = 0;
-    if (kp_shm_get_read_info(tag.shm, &value_type, nullptr, nullptr) == -1) {
+    const Segment *segment = declared_segment(tag.shm);
+    if (!segment) [[unlikely]] {
+        (void)kp_shm_get_read_info(tag.shm, nullptr, nullptr, nullptr); // says why
         KP_LOG_AT(KP_LEVEL_ERROR, site, "get tag(%s) value type fail\n", tag.topic);
         return 0;
     }
-    const uint32_t value_size = kp_get_value_size(value_type, size);
-    if (value_size == 0)
+    const uint32_t value_type = load_relaxed(segment->value_type);
+    const uint32_t value_size = value_type < kValueTypeCount ? size_of_known_type(value_type, size)
+                                                             : kp_get_value_size(value_type, size);
+    if (value_size == 0) [[unlikely]]
         KP_LOG_AT(KP_LEVEL_ERROR, site, "value size is invalid\n");
     return value_size;
+}
+
+// Writes a value of a size that size_to_write() gave, so to a segment that is declared.
+[[gnu::always_inline]] inline int32_t write_sized(const kp_tag_t &tag, const void *value,
+                                                  uint32_t size, uint64_t now, uint8_t quality,
+                                                  uint64_t source_ts)
+{
+    Segment &segment = *tag.shm->mem;
+    if (find_size_fault(segment, size) != SizeFault::none) [[unlikely]] // says which
+        return kp_shm_write(tag.shm, value, size, now, quality, source_ts);
+    return store_write(*tag.shm, segment, value, size, now, quality, source_ts);
 }
 
 } // namespace
@@ -61,11 +77,11 @@ int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag, const void *value, uint32_t si
         KP_ERROR("tag is null\n");
         return -1;
     }
-    const uint64_t now = kp_get_timestamp_us();
+    const uint64_t now = wall_clock_us();
     const uint32_t value_size = size_to_write(*tag, size);
     if (value_size == 0)
         return -1;
-    const int32_t written = kp_shm_write(tag->shm, value, value_size, now, KP_QUALITY_GOOD, now);
+    const int32_t written = write_sized(*tag, value, value_size, now, KP_QUALITY_GOOD, now);
     if (written == -1)
         return -1;
     mark_written(*handle, tag->hash);
@@ -111,8 +127,8 @@ int32_t kp_tag_write_with_source_params(kp_t *handle, kp_tag_t *tag, const void 
     const uint32_t value_size = size_to_write(*tag, size);
     if (value_size == 0)
         return -1;
-    const int32_t written = kp_shm_write(tag->shm, value, value_size, kp_get_timestamp_us(),
-                                         static_cast<uint8_t>(quality), source_ts);
+    const int32_t written = write_sized(*tag, value, value_size, wall_clock_us(),
+                                        static_cast<uint8_t>(quality), source_ts);
     if (written == -1)
         return -1;
     mark_written(*handle, tag->hash);
@@ -140,9 +156,8 @@ int32_t kp_tag_instant_write(kp_t *handle, const char *topic, const void *value,
         KP_ERROR("value size is invalid\n");
         return -1;
     }
-    const int32_t result =
-        kp_shm_instant_write(topic, value, value_type, value_size, kp_get_timestamp_us(), quality,
-                             source_ts, extra_info);
+    const int32_t result = kp_shm_instant_write(topic, value, value_type, value_size,
+                                                wall_clock_us(), quality, source_ts, extra_info);
     if (result == -1)
         return -1;
     mark_written(*handle, kp_hash(topic));
@@ -175,7 +190,11 @@ int32_t kp_tag_read(kp_tag_t *tag, void *buffer, uint32_t buffer_size)
         KP_ERROR("value is null\n");
         return -1;
     }
-    return kp_shm_read(tag->shm, buffer, buffer_size, nullptr, nullptr, nullptr);
+    const Segment *segment = declared_segment(tag->shm);
+    if (!segment || !can_be_read(*segment, buffer_size)) [[unlikely]] // waits, or says why not
+        return kp_shm_read(tag->shm, buffer, buffer_size, nullptr, nullptr, nullptr);
+    (void)read_value(*tag->shm, *segment, buffer, buffer_size);
+    return static_cast<int32_t>(readable_size(*segment, buffer_size));
 }
 
 int32_t kp_tag_read_with_timestamp(kp_tag_t *tag, void *buffer, uint32_t buffer_size,

@@ -4,43 +4,23 @@
 #include "store/buffered.h"
 
 #include "store/checks.h"
-#include "support/value_type.h"
 
-#include <algorithm>
 #include <unistd.h>
 
 namespace kp {
 
 namespace {
 
-// Keeps `writing` set over a scope. It is visible before any store of the scope and cleared after
-// all of them, which gives the byte its meaning on a machine that reorders stores.
-class WriteMark {
-  public:
-    explicit WriteMark(Segment &segment) : writing_(segment.state.writing)
-    {
-        store_relaxed(writing_, 1);
-        order_stores();
-    }
-    WriteMark(const WriteMark &) = delete;
-    WriteMark &operator=(const WriteMark &) = delete;
-    ~WriteMark()
-    {
-        store_release(writing_, 0);
-    }
-
-  private:
-    uint8_t &writing_;
-};
-
-bool writer_is_done(const Segment &segment)
+// Waits for a writer that was found at work; false when it does not end.
+[[gnu::cold]] bool wait_for_writer(const Segment &segment)
 {
-    for (int tries = 0; tries < kWriterTries; ++tries) {
-        if (load_acquire(segment.state.writing) != 1) [[likely]]
-            return true;
+    for (int pauses = 1;; ++pauses) {
         (void)usleep(kWriterPauseUs);
+        if (pauses == kWriterTries)
+            return false;
+        if (!is_being_written(segment))
+            return true;
     }
-    return false;
 }
 
 } // namespace
@@ -52,41 +32,31 @@ using namespace kp;
 int32_t kp_shm_check_written_value_size(const Segment &segment, uint32_t size)
 {
     const uint32_t max_value_size = load_relaxed(segment.max_value_size);
-    const bool variable = has_variable_size(load_relaxed(segment.value_type));
-    if (!variable && size != max_value_size) {
+    switch (find_size_fault(segment, size)) {
+    case SizeFault::none:
+        return 0;
+    case SizeFault::differs:
         KP_WARN("written_value_size(%d) != max_value_size(%d)\n", static_cast<int32_t>(size),
                 static_cast<int32_t>(max_value_size));
         return -1;
-    }
-    // A segment may claim a maximum that its value area does not have.
-    const uint32_t most = std::min(max_value_size, kValueAreaSize);
-    if (size > most) {
+    case SizeFault::too_large:
         KP_WARN("written_value_size(%d) > max_value_size(%d)\n", static_cast<int32_t>(size),
-                static_cast<int32_t>(most));
+                static_cast<int32_t>(std::min(max_value_size, kValueAreaSize)));
         return -1;
     }
-    return 0;
+    return -1;
 }
 
 int32_t kp_shm_write(kp_shm_t *shm, const void *value, uint32_t size, uint64_t timestamp,
                      uint8_t quality, uint64_t source_ts)
 {
     Segment *segment = segment_for_value(shm);
-    if (!segment || kp_shm_check_written_value_size(*segment, size) < 0)
+    if (!segment)
         return -1;
-
-    store_release(segment->last_write_ts, timestamp); // after the whole of the write before
-    const WriteMark mark(*segment);                   // readers wait until the end of this scope
-
-    if (quality != KP_QUALITY_KEEP)
-        store_relaxed(segment->quality, quality);
-    store_relaxed(segment->source_ts, source_ts);
-    store_relaxed(shm->last_update_ts, timestamp);
-    if (!value)
-        return 0;
-
-    store_value(*segment, value, size);
-    return static_cast<int32_t>(size);
+    if (find_size_fault(*segment, size) != SizeFault::none &&
+        kp_shm_check_written_value_size(*segment, size) < 0) [[unlikely]]
+        return -1;
+    return store_write(*shm, *segment, value, size, timestamp, quality, source_ts);
 }
 
 int32_t kp_shm_read(kp_shm_t *shm, void *buffer, uint32_t buffer_size, uint64_t *timestamp,
@@ -95,20 +65,15 @@ int32_t kp_shm_read(kp_shm_t *shm, void *buffer, uint32_t buffer_size, uint64_t 
     const Segment *segment = segment_for_value(shm);
     if (!segment || !value_fits(*segment, buffer_size))
         return -1;
-    if (!writer_is_done(*segment)) {
+    if (is_being_written(*segment) && !wait_for_writer(*segment)) {
         KP_INFO("shm read fail\n");
         return -1;
     }
 
-    const uint64_t last_write_ts = load_relaxed(segment->last_write_ts);
-    store_relaxed(shm->last_update_ts, last_write_ts);
-    // The size is read again, and may have grown: no more than the buffer holds is copied or told.
-    if (buffer)
-        copy_bytes(buffer, segment->value, std::min(stored_value_size(*segment), buffer_size));
-    give(timestamp, last_write_ts);
+    give(timestamp, read_value(*shm, *segment, buffer, buffer_size));
     give(quality, load_relaxed(segment->quality));
     give(source_ts, load_relaxed(segment->source_ts));
-    return static_cast<int32_t>(std::min(stored_value_size(*segment), buffer_size));
+    return static_cast<int32_t>(readable_size(*segment, buffer_size));
 }
 
 int32_t kp_shm_get_read_info(kp_shm_t *shm, uint32_t *value_type, uint32_t *size,

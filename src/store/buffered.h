@@ -1,10 +1,98 @@
-// What lies behind the buffered write and is exported for its name in log lines.
+// The hot path of writing and reading, inline because a tag's write and read consist of little else:
+// first whether nothing stands in the way, then the work itself. What does stand in the way, the
+// exported functions find out again and report under their own names.
 #pragma once
 
 #include "store/segment.h"
+#include "support/value_type.h"
+
+#include <algorithm>
 
 extern "C" {
 
 // Says with 0 that a value of `size` bytes may be written, with -1 and a log line that it may not.
 KP_API int32_t kp_shm_check_written_value_size(const kp::Segment &segment, uint32_t size);
 }
+
+namespace kp {
+
+// Keeps `writing` set over a scope. It is visible before any store of the scope and cleared after
+// all of them, which gives the byte its meaning on a machine that reorders stores.
+class WriteMark {
+  public:
+    explicit WriteMark(Segment &segment) : writing_(segment.state.writing)
+    {
+        store_relaxed(writing_, 1);
+        order_stores();
+    }
+    WriteMark(const WriteMark &) = delete;
+    WriteMark &operator=(const WriteMark &) = delete;
+    ~WriteMark()
+    {
+        store_release(writing_, 0);
+    }
+
+  private:
+    uint8_t &writing_;
+};
+
+inline bool is_being_written(const Segment &segment)
+{
+    return load_acquire(segment.state.writing) == 1;
+}
+
+enum class SizeFault { none, differs, too_large };
+
+inline SizeFault find_size_fault(const Segment &segment, uint32_t size)
+{
+    const uint32_t max_value_size = load_relaxed(segment.max_value_size);
+    if (size != max_value_size && !has_variable_size(load_relaxed(segment.value_type)))
+        return SizeFault::differs;
+    // A segment may claim a maximum that its value area does not have.
+    return size > std::min(max_value_size, kValueAreaSize) ? SizeFault::too_large : SizeFault::none;
+}
+
+// The stores of a write whose size has no fault. Returns the bytes written.
+inline int32_t store_write(kp_shm_t &shm, Segment &segment, const void *value, uint32_t size,
+                           uint64_t timestamp, uint8_t quality, uint64_t source_ts)
+{
+    store_release(segment.last_write_ts, timestamp); // after the whole of the write before
+    const WriteMark mark(segment);                   // readers wait until the end of this scope
+
+    if (quality != KP_QUALITY_KEEP)
+        store_relaxed(segment.quality, quality);
+    store_relaxed(segment.source_ts, source_ts);
+    store_relaxed(shm.last_update_ts, timestamp);
+    if (!value)
+        return 0;
+
+    store_value(segment, value, size);
+    return static_cast<int32_t>(size);
+}
+
+// True when a value is there, fits the buffer and is not being written.
+inline bool can_be_read(const Segment &segment, uint32_t buffer_size)
+{
+    const uint32_t size = load_relaxed(segment.written_value_size);
+    return size != 0 && size <= buffer_size && !is_being_written(segment);
+}
+
+// The bytes of the value as they are now, which may be more than a moment ago: no more than the
+// buffer holds is copied or told.
+inline uint32_t readable_size(const Segment &segment, uint32_t buffer_size)
+{
+    return std::min(stored_value_size(segment), buffer_size);
+}
+
+// Marks the value as seen and copies it into the buffer (optional). Returns its timestamp.
+inline uint64_t read_value(kp_shm_t &shm, const Segment &segment, void *buffer,
+                           uint32_t buffer_size)
+{
+    const uint64_t last_write_ts = load_relaxed(segment.last_write_ts);
+    store_relaxed(shm.last_update_ts, last_write_ts);
+    if (buffer)
+        copy_bytes(buffer, segment.value, readable_size(segment, buffer_size));
+    return last_write_ts;
+}
+
+} // namespace kp

@@ -6,33 +6,32 @@
 
 namespace kp {
 
-// The segment behind a handle once a provider has declared it, else null. The two families of
-// callers word a missing mapping differently.
-inline Segment *declared_segment(const kp_shm_t *shm, const char *no_memory, LogSite site)
+// Says why a handle has no declared segment. The two families of callers word a missing mapping
+// differently.
+[[gnu::cold]] inline void log_undeclared(const kp_shm_t *shm, const char *no_memory, LogSite site)
 {
-    if (!shm) [[unlikely]] {
+    if (!shm)
         KP_LOG_AT(KP_LEVEL_ERROR, site, "shm is null\n");
-        return nullptr;
-    }
-    if (!shm->mem) [[unlikely]] {
+    else if (!shm->mem)
         KP_LOG_AT(KP_LEVEL_ERROR, site, "%s", no_memory);
-        return nullptr;
-    }
-    if (!is_valid(*shm->mem)) [[unlikely]] {
+    else
         KP_LOG_AT(KP_LEVEL_DEBUG, site, "%s", kUndeclared);
-        return nullptr;
-    }
-    return shm->mem;
 }
 
 inline Segment *segment_for_value(const kp_shm_t *shm, LogSite site = LogSite::current())
 {
-    return declared_segment(shm, "shm memory is not exist\n", site);
+    Segment *segment = declared_segment(shm);
+    if (!segment) [[unlikely]]
+        log_undeclared(shm, "shm memory is not exist\n", site);
+    return segment;
 }
 
 inline Segment *segment_for_query(const kp_shm_t *shm, LogSite site = LogSite::current())
 {
-    return declared_segment(shm, "shm memory is null\n", site);
+    Segment *segment = declared_segment(shm);
+    if (!segment) [[unlikely]]
+        log_undeclared(shm, "shm memory is null\n", site);
+    return segment;
 }
 
 // Whether there is a value, and a buffer of this size holds it whole.

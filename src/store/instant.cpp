@@ -206,7 +206,7 @@ int32_t kp_shm_instant_read(const char *topic, void **value, uint32_t *value_typ
         KP_ERROR("malloc: %s\n", std::strerror(errno));
         return -1;
     }
-    std::memcpy(*value, (*segment)->value, stored);
+    copy_bytes(*value, (*segment)->value, stored);
     give(quality, load_relaxed((*segment)->quality));
     give(source_ts, load_relaxed((*segment)->source_ts));
     return 0;

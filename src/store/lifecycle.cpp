@@ -202,7 +202,5 @@ void kp_shm_set_last_update_ts(kp_shm_t *shm, uint64_t timestamp)
 
 uint64_t kp_shm_get_timestamp_us(void)
 {
-    timeval now{};
-    (void)gettimeofday(&now, nullptr);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_usec);
+    return wall_clock_us();
 }

@@ -28,24 +28,6 @@ bool leaves_the_store(std::string_view topic)
 
 } // namespace
 
-void copy_many_bytes(void *to, const void *from, std::size_t size)
-{
-    std::memcpy(to, from, size);
-}
-
-bool are_many_equal(const void *left, const void *right, std::size_t size)
-{
-    return std::memcmp(left, right, size) == 0;
-}
-
-void store_value(Segment &segment, const void *value, uint32_t size)
-{
-    std::memcpy(segment.value, value, size);
-    store_relaxed(segment.written_value_size, size);
-    store_relaxed(segment.state.flags,
-                  static_cast<uint8_t>(load_relaxed(segment.state.flags) | kHasValue));
-}
-
 std::optional<PathBuffer> segment_path(const char *topic, LogSite site)
 {
     if (leaves_the_store(topic)) {

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <optional>
 #include <semaphore.h>
+#include <sys/time.h>
 #include <type_traits>
 
 namespace kp {
@@ -100,10 +101,13 @@ template <typename T> void give(T *output, T value)
         *output = value;
 }
 
-// Copying and comparing values. Not inline, where the compiler would replace them by instructions
-// that are slower than the C library's functions as soon as it knows a bound of the size.
-void copy_many_bytes(void *to, const void *from, std::size_t size);
-bool are_many_equal(const void *left, const void *right, std::size_t size);
+// Hides a size from the compiler, which would otherwise see its bound and replace the C library's
+// functions by string instructions, many times as slow.
+inline std::size_t unbounded(std::size_t size)
+{
+    asm("" : "+r"(size));
+    return size;
+}
 
 // Calls `action` with the size, as a constant for the small values that most topics have.
 template <typename Action> auto with_size(uint32_t size, Action action)
@@ -126,7 +130,7 @@ inline void copy_bytes(void *to, const void *from, uint32_t size)
 {
     with_size(size, [=](auto count) {
         if constexpr (std::is_integral_v<decltype(count)>)
-            copy_many_bytes(to, from, count);
+            std::memcpy(to, from, unbounded(count));
         else
             std::memcpy(to, from, count);
     });
@@ -136,14 +140,20 @@ inline bool are_equal(const void *left, const void *right, uint32_t size)
 {
     return with_size(size, [=](auto count) {
         if constexpr (std::is_integral_v<decltype(count)>)
-            return are_many_equal(left, right, count);
+            return std::memcmp(left, right, unbounded(count)) == 0;
         else
             return std::memcmp(left, right, count) == 0;
     });
 }
 
 // Stores a value with its size; the caller has checked that it fits the value area.
-void store_value(Segment &segment, const void *value, uint32_t size);
+inline void store_value(Segment &segment, const void *value, uint32_t size)
+{
+    copy_bytes(segment.value, value, size);
+    store_relaxed(segment.written_value_size, size);
+    store_relaxed(segment.state.flags,
+                  static_cast<uint8_t>(load_relaxed(segment.state.flags) | kHasValue));
+}
 
 // The segment's path below the store's root. Refuses, with a log line under the caller's name, a
 // topic with a level "..", which would leave the store. A path that is too long is cut.
@@ -174,6 +184,24 @@ static_assert(offsetof(kp_shm_t, mem) == 8);
 static_assert(offsetof(kp_shm_t, last_update_ts) == 16);
 static_assert(offsetof(kp_topic_node_t, topic) == 0);
 static_assert(offsetof(kp_topic_node_t, next) == 8);
+
+namespace kp {
+
+// The segment behind a handle once a provider has declared it, else null.
+inline Segment *declared_segment(const kp_shm_t *shm)
+{
+    return shm && shm->mem && is_valid(*shm->mem) ? shm->mem : nullptr;
+}
+
+// The wall clock in microseconds since the Unix epoch.
+inline uint64_t wall_clock_us()
+{
+    timeval now;
+    (void)gettimeofday(&now, nullptr);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_usec);
+}
+
+} // namespace kp
 
 extern "C" {
 
