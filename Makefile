@@ -1,5 +1,5 @@
 # The commands of the README. CMake does the building; see CONTRIBUTING.md for its presets.
-.PHONY: all test demo format
+.PHONY: all test demo format fuzz
 
 all:
 	@scripts/setup build tools
@@ -13,3 +13,6 @@ test:
 demo:
 	@scripts/setup build tools
 	@examples/demo/run
+
+fuzz:
+	@tests/fuzz/run $$(( $(if $(MINUTES),$(MINUTES),20) * 60 ))
