@@ -2,12 +2,12 @@
 .PHONY: all test demo format fuzz
 
 all:
-	@scripts/setup build tools
+	@scripts/setup build tools mqtt
 	cmake --preset product
 	cmake --build --preset product
 
 test:
-	@scripts/setup build test tools
+	@scripts/setup build test tools mqtt
 	cmake --workflow --preset release
 
 demo:

@@ -1,0 +1,63 @@
+#include "pending.h"
+
+#include <gtest/gtest.h>
+
+using namespace kp::mqtt;
+using std::chrono::seconds;
+
+namespace {
+const Clock::time_point kStart{};
+}
+
+TEST(PendingNames, HoldEachNameOnceInTheOrderOfItsFirstMark)
+{
+    PendingNames names;
+    names.mark_change("a", kStart);
+    names.mark_change("b", kStart);
+    names.mark_change("a", kStart);
+
+    EXPECT_EQ(names.size(), 2u);
+    EXPECT_EQ(names.take(true), "a");
+    EXPECT_EQ(names.take(true), "b");
+    EXPECT_EQ(names.take(true), std::nullopt);
+}
+
+TEST(PendingNames, LetChangesGoBeforeTheBurst)
+{
+    PendingNames names;
+    names.mark_burst("old", kStart);
+    names.mark_change("new", kStart);
+
+    EXPECT_EQ(names.take(true), "new");
+    EXPECT_EQ(names.take(true), "old");
+}
+
+TEST(PendingNames, HoldTheBurstBackWhenToldTo)
+{
+    PendingNames names;
+    names.mark_burst("old", kStart);
+
+    EXPECT_EQ(names.take(false), std::nullopt);
+    EXPECT_TRUE(names.has_burst());
+}
+
+TEST(PendingNames, MoveAChangedNameOutOfTheBurst)
+{
+    PendingNames names;
+    names.mark_burst("a", kStart);
+    names.mark_change("a", kStart);
+
+    EXPECT_EQ(names.size(), 1u);
+    EXPECT_FALSE(names.has_burst());
+    EXPECT_EQ(names.take(false), "a");
+}
+
+TEST(PendingNames, KeepTheAgeOfTheFirstMark)
+{
+    PendingNames names;
+    names.mark_change("b", kStart + seconds(5));
+    names.mark_burst("a", kStart + seconds(1));
+    names.mark_change("a", kStart + seconds(9));
+
+    EXPECT_EQ(names.oldest(), kStart + seconds(1));
+}

@@ -1,0 +1,84 @@
+#include "state_file.h"
+
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kp::mqtt;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+const std::string kPath = "/run/state";
+
+std::unique_ptr<StateFile> opened()
+{
+    auto file = StateFile::open(kPath);
+    EXPECT_EQ(file.fault, "");
+    return file ? std::move(*file.value) : nullptr;
+}
+
+void write_file(const std::string &text)
+{
+    std::ofstream(kPath, std::ios::binary) << text;
+}
+
+} // namespace
+
+TEST(StateFile, RemembersTopicsAcrossRuns)
+{
+    {
+        const auto file = opened();
+        file->add("kp/a");
+        file->add("kp/b");
+        file->remove("kp/a");
+    }
+    EXPECT_THAT(opened()->topics(), UnorderedElementsAre("kp/b"));
+}
+
+TEST(StateFile, IgnoresALastLineThatACrashCutShort)
+{
+    write_file("+kp/a\n+kp/half");
+
+    EXPECT_THAT(opened()->topics(), UnorderedElementsAre("kp/a"));
+}
+
+TEST(StateFile, IgnoresLinesThatAreNoTopics)
+{
+    write_file("\n+\n?kp/a\n+kp/+\n+kp/\x01\n+kp/good\n");
+
+    EXPECT_THAT(opened()->topics(), UnorderedElementsAre("kp/good"));
+}
+
+TEST(StateFile, DoesNotGrowWithoutEnd)
+{
+    const auto file = opened();
+    for (int round = 0; round < 20'000; ++round) {
+        file->add("kp/a");
+        file->remove("kp/a");
+    }
+
+    EXPECT_LT(std::filesystem::file_size(kPath), 10'000u);
+}
+
+TEST(StateFile, BelongsToOneBridge)
+{
+    const auto file = opened();
+
+    EXPECT_EQ(StateFile::open(kPath).fault, "/run/state: another bridge uses this state file");
+}
+
+TEST(StateFile, SaysWhyItCannotBeWritten)
+{
+    EXPECT_EQ(StateFile::open("/run/nowhere/state").fault,
+              "/run/nowhere/state.lock: No such file or directory");
+}
+
+TEST(StateFile, WithoutAPathKeepsNothing)
+{
+    auto file = StateFile::open("");
+    (*file.value)->add("kp/a");
+
+    EXPECT_TRUE((*file.value)->has("kp/a"));
+}

@@ -1,0 +1,172 @@
+#include "store_reader.h"
+
+#include "store_fixture.h"
+#include "testing/process.h"
+#include "testing/segment_file.h"
+
+#include <atomic>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <thread>
+
+using namespace kp::mqtt;
+using namespace kptest;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+ReadOutcome outcome_of(const std::string &topic)
+{
+    Sample sample;
+    return StoreReader{}.read(topic, sample);
+}
+
+std::vector<std::string> all_topics()
+{
+    std::vector<std::string> topics;
+    (void)StoreReader{}.for_each_topic(
+        [&topics](const std::string &topic) { topics.push_back(topic); });
+    return topics;
+}
+
+} // namespace
+
+TEST(StoreReader, ReadsEverythingAboutATopic)
+{
+    StoreProvider provider("a/b", KP_TYPE_DOUBLE);
+    provider.write(bytes_of(21.5), 1000, 3, 900);
+    Sample sample;
+
+    ASSERT_EQ(StoreReader{}.read("a/b", sample), ReadOutcome::read);
+
+    Sample expected;
+    expected.type = KP_TYPE_DOUBLE;
+    expected.max_size = 8;
+    expected.extra_info = 7;
+    expected.quality = 3;
+    expected.providers = 1;
+    expected.has_value = true;
+    expected.ts = 1000;
+    expected.source_ts = 900;
+    expected.value = bytes_of(21.5);
+    EXPECT_EQ(sample, expected);
+}
+
+TEST(StoreReader, LeavesNoTrace)
+{
+    StoreProvider provider("a/b");
+    provider.write("value");
+    const std::string before = SegmentFile("a/b").all();
+    const auto descriptors = open_descriptors();
+
+    EXPECT_EQ(outcome_of("a/b"), ReadOutcome::read);
+
+    EXPECT_EQ(SegmentFile("a/b").all(), before);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(StoreReader, DoesNotKeepATopicAlive)
+{
+    StoreProvider provider("a/b");
+    EXPECT_EQ(outcome_of("a/b"), ReadOutcome::read);
+    provider.leave();
+
+    EXPECT_EQ(outcome_of("a/b"), ReadOutcome::missing);
+}
+
+TEST(StoreReader, TellsWhyThereIsNoValue)
+{
+    const SegmentFile waiting("waiting");
+    waiting.create();
+    const SegmentFile shorter("shorter");
+    shorter.create(4079);
+    const SegmentFile longer("longer");
+    longer.create(4081);
+    ASSERT_EQ(mkfifo("/dev/shm/zu-kp/pipe", 0600), 0);
+
+    EXPECT_EQ(outcome_of("waiting"), ReadOutcome::undeclared);
+    EXPECT_EQ(outcome_of("none"), ReadOutcome::missing);
+    EXPECT_EQ(outcome_of("waiting/below"), ReadOutcome::missing);
+    EXPECT_EQ(outcome_of("shorter"), ReadOutcome::refused);
+    EXPECT_EQ(outcome_of("longer"), ReadOutcome::refused);
+    EXPECT_EQ(outcome_of("pipe"), ReadOutcome::refused);
+}
+
+TEST(StoreReader, RefusesCorruptFields)
+{
+    StoreProvider type("type");
+    SegmentFile("type").put_u32(at::value_type, 99);
+    StoreProvider size("size");
+    SegmentFile("size").put_u32(at::written_value_size, 0xffffffff);
+    StoreProvider fixed("fixed", KP_TYPE_INT32);
+    SegmentFile("fixed").put_u32(at::written_value_size, 3);
+
+    EXPECT_EQ(outcome_of("type"), ReadOutcome::refused);
+    EXPECT_EQ(outcome_of("size"), ReadOutcome::refused);
+    EXPECT_EQ(outcome_of("fixed"), ReadOutcome::refused);
+}
+
+TEST(StoreReader, ReportsAWriteThatDoesNotEnd)
+{
+    StoreProvider provider("a");
+    provider.write("value");
+    SegmentFile("a").put_u8(at::writing, 1);
+
+    EXPECT_EQ(outcome_of("a"), ReadOutcome::busy);
+}
+
+TEST(StoreReader, NeverSeesATornValue)
+{
+    StoreProvider provider("a");
+    provider.write(std::string(4000, 'a'));
+    std::atomic<bool> stop = false;
+    std::thread writer([&] {
+        for (uint64_t ts = 1; !stop; ++ts)
+            provider.write(std::string(4000, static_cast<char>('a' + ts % 26)), ts);
+    });
+    int torn = 0;
+    int whole = 0;
+    Sample sample;
+    (void)wait_until(
+        [&] {
+            for (int i = 0; i < 1000; ++i)
+                if (StoreReader{}.read("a", sample) == ReadOutcome::read) {
+                    const bool same =
+                        sample.value.find_first_not_of(sample.value[0]) == std::string::npos;
+                    ++(same ? whole : torn);
+                }
+            return whole > 500;
+        },
+        std::chrono::seconds(5));
+    stop = true;
+    writer.join();
+
+    EXPECT_EQ(torn, 0);
+    EXPECT_GT(whole, 0);
+}
+
+TEST(StoreReader, ListsTopicsAtAnyDepthAndFollowsNoLink)
+{
+    const SegmentFile shallow("x");
+    shallow.create();
+    const SegmentFile deep("a/b/c/d/e");
+    deep.create();
+    std::filesystem::create_symlink("/dev/shm/zu-kp/x", "/dev/shm/zu-kp/link");
+    std::filesystem::create_directory_symlink("/dev/shm/zu-kp/a", "/dev/shm/zu-kp/folder");
+
+    EXPECT_THAT(all_topics(), UnorderedElementsAre("x", "a/b/c/d/e"));
+}
+
+TEST(StoreReader, SaysWhatStandsAtAPlace)
+{
+    const SegmentFile topic("a/b");
+    topic.create();
+    using Place = StoreReader::Place;
+
+    EXPECT_EQ(StoreReader{}.place("a/b"), Place::topic);
+    EXPECT_EQ(StoreReader{}.place("a"), Place::directory);
+    EXPECT_EQ(StoreReader{}.place("a/b/c"), Place::below_a_topic);
+    EXPECT_EQ(StoreReader{}.place("a/c/d"), Place::free);
+}

@@ -1,0 +1,65 @@
+#include "pacing.h"
+
+#include "value_text.h"
+
+#include <cmath>
+
+namespace kp::mqtt {
+
+Gate::Verdict Gate::judge(const Quiet &quiet, const Sample &sample, Clock::time_point now) const
+{
+    if (!sent_at_)
+        return Verdict::send;
+    if (is_noise(quiet, sample))
+        return Verdict::skip;
+    return now < due(quiet) ? Verdict::later : Verdict::send;
+}
+
+void Gate::sent(const Sample &sample, Clock::time_point now)
+{
+    sent_at_ = now;
+    type_ = sample.type;
+    quality_ = sample.quality;
+    value_ = sample.value;
+}
+
+bool Gate::is_noise(const Quiet &quiet, const Sample &sample) const
+{
+    if (sample.type != type_ || sample.quality != quality_)
+        return false;
+    if (sample.value == value_)
+        return quiet.only_changes || quiet.deadband > 0 || quiet.relative_deadband > 0;
+    if (!is_number(type_))
+        return false;
+    const double last = as_double(type_, value_);
+    const double step = std::abs(as_double(type_, sample.value) - last);
+    return step < quiet.deadband || step < quiet.relative_deadband * std::abs(last);
+}
+
+bool TokenBucket::may_pass(Clock::time_point now)
+{
+    if (rate_ <= 0)
+        return true;
+    if (!filled_at_)
+        tokens_ = room_;
+    else
+        tokens_ += rate_ * std::chrono::duration<double>(now - *filled_at_).count();
+    tokens_ = std::min(tokens_, room_);
+    filled_at_ = now;
+    return tokens_ >= 1;
+}
+
+void TokenBucket::pass()
+{
+    tokens_ -= 1;
+}
+
+milliseconds Backoff::next()
+{
+    std::uniform_int_distribution<int64_t> part(next_.count() / 2, next_.count());
+    const milliseconds delay(part(random_));
+    next_ = std::min(next_ * 2, most_);
+    return delay;
+}
+
+} // namespace kp::mqtt

@@ -1,0 +1,157 @@
+#include "payload.h"
+
+#include "topic_names.h"
+#include "value_text.h"
+
+#include <charconv>
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+namespace kp::mqtt {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr const char *kText = "text/plain";
+constexpr const char *kJson = "application/json";
+constexpr const char *kBytes = "application/octet-stream";
+
+std::string dump(const json &document)
+{
+    return document.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+// Numbers keep their shortest text, so that a float does not grow digits as a double; not-a-number
+// and the infinities, which JSON lacks, become strings.
+std::string json_value(const Sample &sample)
+{
+    const std::string text = value_text(sample.type, sample.value);
+    const bool finite =
+        !is_floating(sample.type) || std::isfinite(as_double(sample.type, sample.value));
+    const bool bare = !has_variable_size(sample.type) && !text.empty() && finite;
+    return bare ? text : dump(text);
+}
+
+std::string json_object(std::string_view topic, const Sample &sample, uint8_t quality)
+{
+    std::string object = "{\"topic\":" + dump(printable(topic));
+    const char *type = kp_type2str(sample.type);
+    object += ",\"type\":" + dump(type ? type : "unknown");
+    const bool textual =
+        !has_variable_size(sample.type) || (sample.type == KP_TYPE_STRING && is_utf8(sample.value));
+    if (textual || sample.type == KP_TYPE_STRING)
+        object += ",\"value\":" + json_value(sample);
+    if (!textual)
+        object += ",\"value_b64\":\"" + base64(sample.value) + '"';
+    object += ",\"quality\":" + std::to_string(quality);
+    object += ",\"ts\":" + std::to_string(sample.ts);
+    object += ",\"source_ts\":" + std::to_string(sample.source_ts);
+    object += ",\"size\":" + std::to_string(sample.value.size());
+    object += ",\"extra\":" + std::to_string(sample.extra_info) + '}';
+    return object;
+}
+
+template <typename T> std::optional<T> number(std::string_view text)
+{
+    T value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const bool whole = error == std::errc{} && end == text.data() + text.size();
+    return whole ? std::optional(value) : std::nullopt;
+}
+
+std::optional<uint32_t> known_type(const std::string &name)
+{
+    const uint32_t type = kp_str2type(name.c_str());
+    return type == UINT32_MAX ? std::nullopt : std::optional(type);
+}
+
+std::string scalar_text(const json &value)
+{
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+void complete(Description &description, const json &object)
+{
+    const auto field = [&object](const char *name) { return object.find(name); };
+    if (const auto type = field("type"); type != object.end() && type->is_string())
+        description.type = known_type(type->get<std::string>());
+    if (const auto quality = field("quality"); quality != object.end())
+        description.quality = number<uint8_t>(quality->dump());
+    if (const auto time = field("source_ts"); time != object.end())
+        description.source_ts = number<uint64_t>(time->dump());
+}
+
+Result<Content> from_json(std::string_view payload, Description &description)
+{
+    const json document = json::parse(payload, nullptr, false);
+    if (document.is_discarded())
+        return Result<Content>::failed("it is no JSON");
+    if (document.is_primitive() && !document.is_null())
+        return Result<Content>::of({scalar_text(document), false});
+    if (!document.is_object())
+        return Result<Content>::failed("it is no JSON object or scalar");
+    complete(description, document);
+    if (const auto bytes = document.find("value_b64"); bytes != document.end()) {
+        auto decoded = from_base64(bytes->is_string() ? bytes->get<std::string>() : "=");
+        if (!decoded)
+            return Result<Content>::failed(decoded.fault);
+        return Result<Content>::of({std::move(*decoded.value), true});
+    }
+    const auto value = document.find("value");
+    if (value == document.end() || !value->is_primitive() || value->is_null())
+        return Result<Content>::failed("the JSON object has no \"value\"");
+    return Result<Content>::of({scalar_text(*value), false});
+}
+
+} // namespace
+
+Payload make_payload(PayloadMode mode, std::string_view topic, const Sample &sample,
+                     uint8_t quality)
+{
+    switch (mode) {
+    case PayloadMode::json:
+        return {json_object(topic, sample, quality), kJson, true};
+    case PayloadMode::raw:
+        return {sample.value, kBytes, false};
+    case PayloadMode::plain:
+        break;
+    }
+    const bool opaque = sample.type == KP_TYPE_BYTEARRAY || sample.type == KP_TYPE_RAW;
+    std::string text = value_text(sample.type, sample.value);
+    const bool readable = !opaque && is_utf8(text);
+    return {std::move(text), readable ? kText : kBytes, readable};
+}
+
+UserProperties describing_properties(const Sample &sample, uint8_t quality)
+{
+    const char *type = kp_type2str(sample.type);
+    return {{property::kQuality, std::to_string(quality)},
+            {property::kSourceTime, std::to_string(sample.source_ts)},
+            {property::kWriteTime, std::to_string(sample.ts)},
+            {property::kType, type ? type : "unknown"},
+            {property::kExtraInfo, std::to_string(sample.extra_info)}};
+}
+
+Description describe(const UserProperties &properties)
+{
+    Description description;
+    for (const auto &[name, value] : properties) {
+        if (name == property::kType)
+            description.type = known_type(value);
+        else if (name == property::kQuality)
+            description.quality = number<uint8_t>(value);
+        else if (name == property::kSourceTime)
+            description.source_ts = number<uint64_t>(value);
+    }
+    return description;
+}
+
+Result<Content> take_apart(PayloadMode mode, std::string_view payload, Description &description)
+{
+    if (mode == PayloadMode::json)
+        return from_json(payload, description);
+    return Result<Content>::of({std::string(payload), mode == PayloadMode::raw});
+}
+
+} // namespace kp::mqtt

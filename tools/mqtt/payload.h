@@ -1,0 +1,66 @@
+// A tag's value as an MQTT payload, and a payload as a tag's value.
+#pragma once
+
+#include "result.h"
+#include "sample.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace kp::mqtt {
+
+enum class PayloadMode {
+    plain, // text for numbers and booleans, the bytes themselves for the rest
+    json,  // one object with value, type, quality and times
+    raw,   // the store's bytes
+};
+
+using UserProperties = std::vector<std::pair<std::string, std::string>>;
+
+// The names of the user properties, on both directions of travel.
+namespace property {
+constexpr const char *kQuality = "q";
+constexpr const char *kSourceTime = "sts";
+constexpr const char *kWriteTime = "ts";
+constexpr const char *kType = "type";
+constexpr const char *kExtraInfo = "xi";
+constexpr const char *kOrigin = "origin";
+} // namespace property
+
+struct Payload {
+    std::string bytes;
+    const char *content_type;
+    bool is_utf8; // sent as the payload format indicator
+};
+
+// The payload of a sample with a value. `quality` is what the message says, which can differ from the
+// sample's own when the providers are gone.
+Payload make_payload(PayloadMode mode, std::string_view topic, const Sample &sample,
+                     uint8_t quality);
+
+// All but the origin.
+UserProperties describing_properties(const Sample &sample, uint8_t quality);
+
+// What a message says of itself, from its properties or its JSON object.
+struct Description {
+    std::optional<uint32_t> type;
+    std::optional<uint8_t> quality;
+    std::optional<uint64_t> source_ts;
+};
+
+// Ignores properties that it does not know or that make no sense.
+Description describe(const UserProperties &properties);
+
+// A payload ready to be converted: where `is_bytes` is set, the store's own bytes, else text.
+struct Content {
+    std::string data;
+    bool is_bytes = false;
+};
+
+// Takes a payload apart; in JSON mode also completes the description. A bare JSON scalar is a value.
+Result<Content> take_apart(PayloadMode mode, std::string_view payload, Description &description);
+
+} // namespace kp::mqtt

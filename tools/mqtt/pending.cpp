@@ -1,0 +1,47 @@
+#include "pending.h"
+
+#include <algorithm>
+
+namespace kp::mqtt {
+
+void PendingNames::mark_change(const std::string &name, Clock::time_point now)
+{
+    const auto place = places_.find(name);
+    if (place == places_.end()) {
+        places_[name] = {false, changes_.insert(changes_.end(), {name, now})};
+        return;
+    }
+    if (place->second.in_burst) {
+        changes_.splice(changes_.end(), burst_, place->second.at);
+        place->second.in_burst = false;
+    }
+}
+
+void PendingNames::mark_burst(const std::string &name, Clock::time_point now)
+{
+    if (!places_.contains(name))
+        places_[name] = {true, burst_.insert(burst_.end(), {name, now})};
+}
+
+std::optional<std::string> PendingNames::take(bool burst_too)
+{
+    Line &line = changes_.empty() && burst_too ? burst_ : changes_;
+    if (line.empty())
+        return {};
+    std::string name = std::move(line.front().name);
+    line.pop_front();
+    places_.erase(name);
+    return name;
+}
+
+std::optional<Clock::time_point> PendingNames::oldest() const
+{
+    std::optional<Clock::time_point> oldest;
+    for (const Line *line : {&changes_, &burst_})
+        for (const Waiting &waiting : *line)
+            if (!oldest || waiting.since < *oldest)
+                oldest = waiting.since;
+    return oldest;
+}
+
+} // namespace kp::mqtt

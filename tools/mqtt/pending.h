@@ -1,0 +1,58 @@
+// The names that wait to be sent, each once however often it is marked, the oldest first. It holds no
+// values: the newest is read when a name's turn comes, so memory is bounded by the number of names,
+// whatever the network does. Names of the first burst after a connection wait in a line of their own,
+// behind every change.
+#pragma once
+
+#include <chrono>
+#include <list>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace kp::mqtt {
+
+using Clock = std::chrono::steady_clock;
+
+class PendingNames {
+  public:
+    // A name that waits already keeps its place, or moves from the burst to the changes, and keeps
+    // its age either way.
+    void mark_change(const std::string &name, Clock::time_point now);
+    void mark_burst(const std::string &name, Clock::time_point now);
+
+    // Takes the name whose turn it is; the burst only where `burst_too` says so.
+    std::optional<std::string> take(bool burst_too);
+
+    bool has_change() const
+    {
+        return !changes_.empty();
+    }
+    bool has_burst() const
+    {
+        return !burst_.empty();
+    }
+    size_t size() const
+    {
+        return places_.size();
+    }
+    // When the name that has waited longest was first marked; nothing when none waits.
+    std::optional<Clock::time_point> oldest() const;
+
+  private:
+    struct Waiting {
+        std::string name;
+        Clock::time_point since;
+    };
+    using Line = std::list<Waiting>;
+    struct Place {
+        bool in_burst;
+        Line::iterator at;
+    };
+
+    Line changes_; // in the order of marking, which is not always that of `since`
+    Line burst_;
+    std::unordered_map<std::string, Place> places_;
+};
+
+} // namespace kp::mqtt

@@ -1,0 +1,26 @@
+// What a topic's segment held at one moment.
+#pragma once
+
+#include "kp.h"
+
+#include <cstdint>
+#include <string>
+
+namespace kp::mqtt {
+
+struct Sample {
+    uint32_t type = 0;
+    uint32_t max_size = 0; // 0 when no provider ever declared the topic
+    uint32_t extra_info = 0;
+    uint8_t quality = KP_QUALITY_NONE;
+    uint32_t providers = 0;
+    uint32_t consumers = 0;
+    bool has_value = false;
+    uint64_t ts = 0;        // of the write, microseconds since the epoch
+    uint64_t source_ts = 0; // of the source, the same unit
+    std::string value;
+
+    friend bool operator==(const Sample &, const Sample &) = default;
+};
+
+} // namespace kp::mqtt

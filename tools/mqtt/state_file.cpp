@@ -1,0 +1,128 @@
+#include "state_file.h"
+
+#include "log.h"
+#include "topic_names.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <sys/file.h>
+
+namespace kp::mqtt {
+
+namespace {
+
+constexpr size_t kFewLines = 1000; // a journal up to this size is not worth rewriting
+
+std::string failure(const std::string &path)
+{
+    return path + ": " + std::strerror(errno);
+}
+
+bool write_all(int fd, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t written = write(fd, text.data(), text.size());
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            return false;
+        text.remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+} // namespace
+
+Result<std::unique_ptr<StateFile>> StateFile::open(const std::string &path)
+{
+    using Opened = Result<std::unique_ptr<StateFile>>;
+    std::unique_ptr<StateFile> file(new StateFile(path));
+    if (!path.empty())
+        if (std::string fault = file->open_and_load(); !fault.empty())
+            return Opened::failed(std::move(fault));
+    return Opened::of(std::move(file));
+}
+
+std::string StateFile::open_and_load()
+{
+    const std::string lock_path = path_ + ".lock";
+    lock_.reset(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!lock_)
+        return failure(lock_path);
+    if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
+        return errno == EWOULDBLOCK ? path_ + ": another bridge uses this state file"
+                                    : failure(lock_path);
+    std::ifstream file(path_, std::ios::binary);
+    load({std::istreambuf_iterator<char>(file), {}});
+    return rewrite();
+}
+
+// A last line without its end was cut short by a crash and is left out: its message had not gone yet.
+void StateFile::load(const std::string &text)
+{
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = text.find('\n', start);
+        if (end == text.npos)
+            return;
+        const std::string topic = text.substr(start + 1, end - start - 1);
+        const bool usable = !topic.empty() && mqtt_topic_fault(topic).empty();
+        if (usable && text[start] == '+')
+            topics_.insert(topic);
+        if (usable && text[start] == '-')
+            topics_.erase(topic);
+        start = end + 1;
+    }
+}
+
+// Written beside and renamed, so that a crash leaves the old file or the new one.
+std::string StateFile::rewrite()
+{
+    std::string text;
+    for (const std::string &topic : topics_)
+        text += '+' + topic + '\n';
+    const std::string fresh = path_ + ".new";
+    UniqueFd file(::open(fresh.c_str(),
+                         O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!file || !write_all(file.get(), text) || fdatasync(file.get()) != 0)
+        return failure(fresh);
+    if (rename(fresh.c_str(), path_.c_str()) != 0)
+        return failure(path_);
+    journal_.reset(file.release());
+    lines_ = topics_.size();
+    return {};
+}
+
+void StateFile::add(const std::string &topic)
+{
+    if (topics_.insert(topic).second)
+        append('+', topic);
+}
+
+void StateFile::remove(const std::string &topic)
+{
+    if (topics_.erase(topic))
+        append('-', topic);
+}
+
+void StateFile::append(char sign, const std::string &topic)
+{
+    if (path_.empty())
+        return;
+    ++lines_;
+    const bool stale = lines_ > kFewLines && lines_ > 2 * topics_.size();
+    std::string fault = stale ? rewrite() : std::string();
+    if (!stale && !write_all(journal_.get(), sign + topic + '\n'))
+        fault = failure(path_);
+    if (!fault.empty() && !failed_)
+        log(Level::error,
+            "the state file cannot be written, so that topics which go while the bridge "
+            "is down may stay at the broker: " +
+                fault);
+    failed_ = !fault.empty();
+}
+
+} // namespace kp::mqtt

@@ -1,0 +1,48 @@
+// The topics that the broker keeps a value of because of this bridge, in a small file, so that those
+// that go while the bridge does not run are cleared when it does again. The file is a journal: "+name"
+// and "-name", appended before the message goes, and written anew when it has grown stale.
+#pragma once
+
+#include "result.h"
+#include "support/unique_fd.h"
+
+#include <memory>
+#include <string>
+#include <unordered_set>
+
+namespace kp::mqtt {
+
+class StateFile {
+  public:
+    // Opens or makes the file and locks it: one bridge a file. An empty path keeps nothing.
+    static Result<std::unique_ptr<StateFile>> open(const std::string &path);
+
+    void add(const std::string &topic);
+    void remove(const std::string &topic);
+    bool has(const std::string &topic) const
+    {
+        return topics_.contains(topic);
+    }
+    const std::unordered_set<std::string> &topics() const
+    {
+        return topics_;
+    }
+
+  private:
+    explicit StateFile(std::string path) : path_(std::move(path))
+    {
+    }
+    std::string open_and_load();
+    std::string rewrite();
+    void load(const std::string &text);
+    void append(char sign, const std::string &topic);
+
+    std::string path_;
+    UniqueFd lock_; // of a file beside it, since the file itself is replaced
+    UniqueFd journal_;
+    size_t lines_ = 0;
+    bool failed_ = false; // said once
+    std::unordered_set<std::string> topics_;
+};
+
+} // namespace kp::mqtt

@@ -1,0 +1,194 @@
+#include "topic_names.h"
+
+#include "topic_filter.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <optional>
+
+namespace kp::mqtt {
+
+namespace {
+
+constexpr size_t kMostLevelBytes = 255;     // a file name
+constexpr size_t kMostTagBytes = 4000;      // a path, with room for the store's root
+constexpr std::string_view kOwnValue = "_"; // the tag a/_ is the MQTT topic a
+
+struct Character {
+    size_t bytes = 0; // 0: no valid UTF-8 starts here
+    char32_t code = 0;
+};
+
+// The character at the start of a text that is not empty.
+Character first_character(std::string_view text)
+{
+    const auto byte = [text](size_t at) { return static_cast<unsigned char>(text[at]); };
+    if (byte(0) < 0x80)
+        return {1, byte(0)};
+    const size_t bytes = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
+    if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < bytes)
+        return {};
+    char32_t code = byte(0) & (0x7fu >> bytes);
+    for (size_t at = 1; at < bytes; ++at) {
+        if ((byte(at) & 0xc0) != 0x80)
+            return {};
+        code = code << 6 | (byte(at) & 0x3fu);
+    }
+    const bool overlong = (bytes == 3 && code < 0x800) || (bytes == 4 && code < 0x10000);
+    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+    return overlong || surrogate || code > 0x10ffff ? Character{} : Character{bytes, code};
+}
+
+// Characters that brokers refuse in topics although they are UTF-8.
+bool is_control(char32_t code)
+{
+    const bool non_character = (code & 0xfffe) == 0xfffe || (code >= 0xfdd0 && code <= 0xfdef);
+    return code < 0x20 || (code >= 0x7f && code < 0xa0) || non_character;
+}
+
+void append_escaped(std::string &text, std::string_view bytes)
+{
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        text += {'%', digits[byte >> 4], digits[byte & 15]};
+    }
+}
+
+// Copies a text; escapes what `also` names besides control characters and what is not UTF-8.
+std::string escape(std::string_view text, std::string_view also)
+{
+    std::string escaped;
+    escaped.reserve(text.size());
+    while (!text.empty()) {
+        const Character next = first_character(text);
+        const size_t bytes = std::max<size_t>(next.bytes, 1);
+        if (next.bytes == 0 || is_control(next.code) || also.find(text[0]) != also.npos)
+            append_escaped(escaped, text.substr(0, bytes));
+        else
+            escaped += text.substr(0, bytes);
+        text.remove_prefix(bytes);
+    }
+    return escaped;
+}
+
+// The byte of an escape at the start of a text; nothing when there is none.
+std::optional<char> escaped_byte(std::string_view text)
+{
+    if (text.size() < 3 || text[0] != '%')
+        return {};
+    unsigned byte = 0;
+    const auto end = std::from_chars(text.data() + 1, text.data() + 3, byte, 16).ptr;
+    return end == text.data() + 3 ? std::optional(static_cast<char>(byte)) : std::nullopt;
+}
+
+std::string unescape(std::string_view text)
+{
+    std::string plain;
+    plain.reserve(text.size());
+    while (!text.empty()) {
+        const auto byte = escaped_byte(text);
+        plain += byte.value_or(text[0]);
+        text.remove_prefix(byte ? 3 : 1);
+    }
+    return plain;
+}
+
+std::string level_fault(std::string_view level)
+{
+    if (level.empty())
+        return "it has an empty level";
+    if (level == "." || level == "..")
+        return "a level is \".\" or \"..\"";
+    if (level.size() > kMostLevelBytes)
+        return "a level is longer than 255 bytes";
+    if (level.find('/') != level.npos || level.find('\0') != level.npos)
+        return "a level holds an escaped \"/\" or zero byte";
+    if (level[0] == '+' || level[0] == '#')
+        return "a level starts like a wildcard";
+    return {};
+}
+
+} // namespace
+
+std::string join(std::string_view first, std::string_view second)
+{
+    std::string joined(first);
+    if (!first.empty() && !second.empty())
+        joined += '/';
+    return joined += second;
+}
+
+bool is_utf8(std::string_view text)
+{
+    while (!text.empty()) {
+        const size_t bytes = first_character(text).bytes;
+        if (bytes == 0)
+            return false;
+        text.remove_prefix(bytes);
+    }
+    return true;
+}
+
+std::string printable(std::string_view text)
+{
+    return escape(text, "");
+}
+
+std::string to_mqtt_topic(std::string_view prefix, std::string_view tag)
+{
+    Levels levels = split_tag_levels(tag);
+    if (levels.size() > 1 && levels.back() == kOwnValue)
+        levels.pop_back();
+    std::string topic(prefix);
+    for (size_t at = 0; at < levels.size(); ++at) {
+        const bool first_dollar = at == 0 && levels[at][0] == '$';
+        std::string level = first_dollar ? "%24" : "";
+        level += escape(levels[at].substr(first_dollar), "%+#");
+        topic = join(topic, level);
+    }
+    return topic;
+}
+
+Name to_tag_topic(std::string_view topic)
+{
+    Name name;
+    for (const std::string_view raw : split_levels(topic)) {
+        if (raw.starts_with('$'))
+            return {{}, "a level starts with \"$\""};
+        const std::string level = unescape(raw);
+        if (std::string fault = level_fault(level); !fault.empty())
+            return {{}, std::move(fault)};
+        name.text = join(name.text, level);
+    }
+    if (name.text.size() > kMostTagBytes)
+        return {{}, "it is longer than 4000 bytes"};
+    return name;
+}
+
+Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix, std::string_view topic)
+{
+    if (!mqtt_prefix.empty()) {
+        if (!topic.starts_with(mqtt_prefix) || topic.substr(mqtt_prefix.size(), 1) != "/")
+            return {{}, "it is outside of the prefix"};
+        topic.remove_prefix(mqtt_prefix.size() + 1);
+    }
+    Name name = to_tag_topic(topic);
+    if (name.fault.empty())
+        name.text = join(tag_prefix, name.text);
+    return name;
+}
+
+std::string mqtt_topic_fault(std::string_view topic)
+{
+    if (topic.find_first_of("+#") != topic.npos)
+        return "it has a wildcard";
+    if (escape(topic, "") != topic)
+        return "it has a control character or is not UTF-8";
+    if (topic.size() > 1024)
+        return "it is longer than 1024 bytes";
+    return {};
+}
+
+} // namespace kp::mqtt

@@ -1,0 +1,40 @@
+// Names on both sides. A tag's topic may hold what MQTT forbids or counts differently, so outbound it
+// is escaped (%XX), and inbound what cannot be a tag is refused.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kp::mqtt {
+
+// A name, or the reason why there is none.
+struct Name {
+    std::string text;
+    std::string fault; // empty when the name is good
+};
+
+// The MQTT topic of a tag below a prefix (which may be empty). Escaped are "%", "+", "#", control
+// characters, what is not UTF-8, and a leading "$" of the first level. A last level "_" is dropped:
+// in the store a cannot have a value beside a/b, so a/_ stands for it.
+std::string to_mqtt_topic(std::string_view prefix, std::string_view tag);
+
+// The tag of an MQTT topic whose prefix has been taken off; undoes the escapes.
+Name to_tag_topic(std::string_view topic);
+
+// The same with both prefixes: takes `mqtt_prefix` off and puts `tag_prefix` in front.
+Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix,
+                  std::string_view topic);
+
+// Joins two parts with "/", where neither is empty.
+std::string join(std::string_view first, std::string_view second);
+
+// What is wrong with a prefix or a plain topic for MQTT, or an empty text. Refuses wildcards, control
+// characters and what is not UTF-8.
+std::string mqtt_topic_fault(std::string_view topic);
+
+bool is_utf8(std::string_view text);
+
+// A name as it may be printed: control characters and what is not UTF-8 as %XX.
+std::string printable(std::string_view text);
+
+} // namespace kp::mqtt
