@@ -1,0 +1,200 @@
+#include "configuration.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kp::mqtt;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+std::vector<std::string> faults_of(const std::string &text)
+{
+    return parse_configuration(text, "f").faults;
+}
+
+Configuration good(const std::string &text)
+{
+    auto [configuration, faults] = parse_configuration(text, "f");
+    EXPECT_THAT(faults, IsEmpty());
+    return configuration;
+}
+
+} // namespace
+
+TEST(Configuration, HasDefaultsForAllButTheRules)
+{
+    const Configuration result = good("device = \"press\"\n[[out]]\npattern = \"a/#\"\n"
+                                      "[[in]]\nfilter = \"command/#\"\n");
+
+    EXPECT_EQ(result.prefix, "kp/press");
+    EXPECT_EQ(result.state_topic, "kp/press/$bridge/state");
+    EXPECT_EQ(result.broker.client_id, "kp-mqtt-press");
+    EXPECT_EQ(result.broker.port, 1883);
+    EXPECT_EQ(result.out[0].prefix, "kp/press");
+    EXPECT_EQ(result.out[0].qos, 1);
+    EXPECT_TRUE(result.out[0].retain);
+    EXPECT_EQ(result.in[0].full_filter(), "kp/press-set/command/#");
+    EXPECT_FALSE(result.in[0].retained);
+}
+
+TEST(Configuration, ReadsEverySetting)
+{
+    const Configuration result = good(R"(
+device = "press"
+prefix = "plant/press"
+endpoint = "mine"
+status-prefix = "own"
+state-topic = "plant/state/press"
+state-file = "/var/lib/x"
+scan-interval = 0.5
+quality-when-gone = 64
+[broker]
+host = "broker"
+client-id = "id"
+keep-alive = 10
+connect-timeout = 5
+reconnect-min = 0.2
+reconnect-max = 9
+burst-rate = 50
+[broker.tls]
+ca-file = "ca.pem"
+cert-file = "c.pem"
+key-file = "k.pem"
+[[out]]
+pattern = "a/#"
+exclude = ["a/x", "a/y/#"]
+prefix = "values"
+qos = 0
+retain = false
+payload = "json"
+min-interval = 1.5
+deadband = 0.5
+deadband-relative = 0.01
+only-changes = true
+expiry = 60
+[[in]]
+filter = "#"
+prefix = "orders"
+tags = "order"
+qos = 2
+payload = "raw"
+type = "double"
+max-size = 100
+max-tags = 5
+retained = true
+)");
+
+    EXPECT_EQ(result.scan_interval, milliseconds(500));
+    EXPECT_EQ(result.quality_when_gone, 64);
+    EXPECT_EQ(result.broker.port, 8883);
+    EXPECT_EQ(result.broker.reconnect_min, milliseconds(200));
+    EXPECT_EQ(result.broker.tls->key_file, "k.pem");
+    EXPECT_EQ(result.out[0].payload, PayloadMode::json);
+    EXPECT_EQ(result.out[0].quiet.min_interval, milliseconds(1500));
+    EXPECT_EQ(result.out[0].quiet.relative_deadband, 0.01);
+    EXPECT_THAT(result.out[0].exclude, ElementsAre("a/x", "a/y/#"));
+    EXPECT_EQ(result.in[0].full_filter(), "orders/#");
+    EXPECT_EQ(result.in[0].type, KP_TYPE_DOUBLE);
+    EXPECT_TRUE(result.in[0].retained);
+}
+
+TEST(Configuration, NamesEveryFaultWithItsLine)
+{
+    EXPECT_THAT(
+        faults_of(R"(colour = "red"
+scan-interval = "fast"
+[broker]
+port = 70000
+[[out]]
+pattern = "a/+x"
+qos = 3
+payload = "xml"
+[[in]]
+type = "int"
+)"),
+        testing::UnorderedElementsAre(
+            "f:1: colour: unknown setting", "f:2: scan-interval: must be a number from 0.1 to 3600",
+            "f:4: port: must be a whole number from 1 to 65535",
+            "f:6: pattern: is no pattern of tags: \"+x\" mixes a wildcard with other characters",
+            "f:7: qos: must be a whole number from 0 to 2",
+            "f:8: payload: must be \"plain\", \"json\" or \"raw\"", "f:9: filter: is missing",
+            "f:10: type: is no value type, as \"double\""));
+}
+
+TEST(Configuration, NamesTheLineThatIsNoToml)
+{
+    const auto faults = faults_of("device = \"a\"\n[[out\n");
+
+    ASSERT_EQ(faults.size(), 1u);
+    EXPECT_TRUE(faults[0].starts_with("f:2: ")) << faults[0];
+}
+
+TEST(Configuration, OfAMissingFileIsAFault)
+{
+    const auto faults = load_configuration("/run/none").faults;
+
+    ASSERT_EQ(faults.size(), 1u);
+    EXPECT_TRUE(faults[0].starts_with("/run/none")) << faults[0];
+}
+
+TEST(Configuration, WithoutARuleHasNothingToDo)
+{
+    EXPECT_THAT(faults_of("device = \"a\"\n"),
+                ElementsAre("f: there is no [[out]] and no [[in]] rule: nothing to do"));
+}
+
+TEST(Overlap, AtTheBrokerIsRefusedWithBothRules)
+{
+    EXPECT_THAT(
+        faults_of("[[out]]\npattern = \"plant/#\"\nprefix = \"dev\"\n"
+                  "[[in]]\nfilter = \"+/pump\"\nprefix = \"dev\"\ntags = \"other\"\n"),
+        ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 4) overlap at the broker: the first "
+                    "sends dev/plant/#, the second receives dev/+/pump; keep them apart, or say "
+                    "shared = true in the second"));
+}
+
+TEST(Overlap, InTheTagsIsRefusedWithBothRules)
+{
+    EXPECT_THAT(
+        faults_of("device = \"d\"\n[[out]]\npattern = \"#\"\n[[in]]\nfilter = \"command/#\"\n"),
+        ElementsAre(
+            "f: [[out]] 1 (line 2) and [[in]] 1 (line 4) overlap in the tags: the second "
+            "writes command/#, the first sends #; exclude it there, or say shared = true in "
+            "the second"));
+}
+
+TEST(Overlap, IsNoneWhereTheOutRuleExcludesWhatIsWritten)
+{
+    EXPECT_THAT(faults_of("[[out]]\npattern = \"#\"\nexclude = [\"command/#\"]\n"
+                          "[[in]]\nfilter = \"command/#\"\n"),
+                IsEmpty());
+}
+
+TEST(Overlap, IsAllowedInATreeThatIsSaidToBeShared)
+{
+    EXPECT_THAT(faults_of("[[out]]\npattern = \"a/#\"\n[[in]]\nfilter = \"a/#\"\nshared = true\n"),
+                IsEmpty());
+}
+
+TEST(Overlap, OfTwoOutRulesOntoOneTopicIsRefused)
+{
+    EXPECT_THAT(
+        faults_of("[[out]]\npattern = \"a/#\"\nprefix = \"x\"\n"
+                  "[[out]]\npattern = \"b\"\nprefix = \"x/a\"\n"),
+        ElementsAre("f: [[out]] 1 (line 1) and [[out]] 2 (line 4) can send different tags to "
+                    "one topic"));
+}
+
+TEST(Rules, AreTriedInTheirOrderAndLeaveTheBridgesOwnTagsOut)
+{
+    const Configuration result =
+        good("[[out]]\npattern = \"a/#\"\nexclude = [\"a/secret\"]\nqos = 0\n"
+             "[[out]]\npattern = \"+/+\"\nqos = 2\n[[out]]\npattern = \"bridge/#\"\n");
+
+    EXPECT_EQ(result.rule_for("a/b")->qos, 0);
+    EXPECT_EQ(result.rule_for("a/secret")->qos, 2);
+    EXPECT_EQ(result.rule_for("b/c/d"), nullptr);
+    EXPECT_EQ(result.rule_for("bridge/mqtt/connected"), nullptr);
+}

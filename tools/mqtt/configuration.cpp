@@ -1,0 +1,286 @@
+#include "configuration.h"
+
+#include "configuration_file.h"
+#include "topic_filter.h"
+#include "topic_names.h"
+
+#include <algorithm>
+#include <array>
+#include <unistd.h>
+
+namespace kp::mqtt {
+
+namespace {
+
+constexpr double kDay = 86'400;
+
+std::string host_name()
+{
+    std::array<char, 256> name{};
+    (void)gethostname(name.data(), name.size() - 1);
+    return name[0] ? name.data() : "device";
+}
+
+Result<PayloadMode> payload_mode(const std::string &name)
+{
+    if (name == "plain")
+        return Result<PayloadMode>::of(PayloadMode::plain);
+    if (name == "json")
+        return Result<PayloadMode>::of(PayloadMode::json);
+    if (name == "raw")
+        return Result<PayloadMode>::of(PayloadMode::raw);
+    return Result<PayloadMode>::failed("must be \"plain\", \"json\" or \"raw\"");
+}
+
+Result<std::string> prefix(const std::string &text)
+{
+    if (text.starts_with('/') || text.ends_with('/'))
+        return Result<std::string>::failed("must not begin or end with \"/\"");
+    if (const std::string fault = mqtt_topic_fault(text); !fault.empty())
+        return Result<std::string>::failed("cannot be part of a topic: " + fault);
+    return Result<std::string>::of(text);
+}
+
+Result<std::string> name_part(const std::string &text)
+{
+    if (text.empty() || text.find('/') != text.npos)
+        return Result<std::string>::failed("must not be empty nor have a \"/\"");
+    return prefix(text);
+}
+
+Result<std::string> tag_pattern(const std::string &text)
+{
+    if (const std::string fault = pattern_fault(text); !fault.empty())
+        return Result<std::string>::failed("is no pattern of tags: " + fault);
+    return Result<std::string>::of(text);
+}
+
+Result<std::string> tag_prefix(const std::string &text)
+{
+    const Name name = to_tag_topic(text);
+    if (!text.empty() && !name.fault.empty())
+        return Result<std::string>::failed("cannot be part of a tag's topic: " + name.fault);
+    return Result<std::string>::of(text);
+}
+
+Result<std::string> topic_filter(const std::string &text)
+{
+    if (const std::string fault = filter_fault(text); !fault.empty())
+        return Result<std::string>::failed("is no filter of topics: " + fault);
+    return Result<std::string>::of(text);
+}
+
+Result<std::optional<uint32_t>> value_type(const std::string &text)
+{
+    const uint32_t type = kp_str2type(text.c_str());
+    if (type == UINT32_MAX)
+        return Result<std::optional<uint32_t>>::failed("is no value type, as \"double\"");
+    return Result<std::optional<uint32_t>>::of(type);
+}
+
+class ConfigurationReader {
+  public:
+    ConfigurationReader(const std::string &path, Faults &faults) : path_(path), faults_(faults)
+    {
+    }
+
+    Configuration read(const toml::table &file)
+    {
+        TableReader table(file, path_, faults_);
+        Configuration result;
+        read_names(table, result);
+        table.read("state-file", result.state_file);
+        table.read("scan-interval", result.scan_interval, 0.1, 3600);
+        table.read_integer("quality-when-gone", result.quality_when_gone, 0, 254);
+        const toml::table none;
+        const toml::table *broker = table.table("broker");
+        result.broker = read_broker(broker ? *broker : none, result.device);
+        int number = 0;
+        for (const toml::table *rule : table.tables("out"))
+            result.out.push_back(read_out(*rule, ++number, result.prefix));
+        number = 0;
+        for (const toml::table *rule : table.tables("in"))
+            result.in.push_back(read_in(*rule, ++number, result.prefix));
+        table.refuse_the_rest();
+        return result;
+    }
+
+  private:
+    static void read_names(TableReader &table, Configuration &result)
+    {
+        result.device = host_name();
+        table.read<std::string>("device", result.device, name_part);
+        result.prefix = "kp/" + result.device;
+        table.read<std::string>("prefix", result.prefix, prefix);
+        result.endpoint = "kp-mqtt";
+        table.read<std::string>("endpoint", result.endpoint, name_part);
+        result.status_prefix = "bridge/mqtt";
+        table.read<std::string>("status-prefix", result.status_prefix, tag_prefix);
+        if (result.status_prefix.empty())
+            table.fault("status-prefix", "must not be empty");
+        result.state_topic = join(result.prefix, "$bridge/state");
+        table.read<std::string>("state-topic", result.state_topic, prefix);
+        if (result.state_topic.empty())
+            table.fault("state-topic", "must not be empty");
+    }
+
+    BrokerSettings read_broker(const toml::table &source, const std::string &device)
+    {
+        TableReader table(source, path_, faults_);
+        BrokerSettings broker;
+        table.read("host", broker.host);
+        broker.client_id = "kp-mqtt-" + device;
+        table.read<std::string>("client-id", broker.client_id, name_part);
+        table.read("credentials-file", broker.credentials_file);
+        table.read_integer("keep-alive", broker.keep_alive_s, 5, 3600);
+        table.read("connect-timeout", broker.connect_timeout, 1, 300);
+        table.read("reconnect-min", broker.reconnect_min, 0.1, 3600);
+        table.read("reconnect-max", broker.reconnect_max, 0.1, 3600);
+        if (broker.reconnect_max < broker.reconnect_min)
+            table.fault("reconnect-max", "must not be less than reconnect-min");
+        table.read("burst-rate", broker.burst_rate, 0, 1e6);
+        if (const toml::table *tls = table.table("tls"))
+            broker.tls = read_tls(*tls);
+        broker.port = broker.tls ? 8883 : 1883;
+        table.read_integer("port", broker.port, 1, 65535);
+        table.refuse_the_rest();
+        return broker;
+    }
+
+    TlsSettings read_tls(const toml::table &source)
+    {
+        TableReader table(source, path_, faults_);
+        TlsSettings tls;
+        table.read("ca-file", tls.ca_file);
+        table.read("ca-path", tls.ca_path);
+        table.read("cert-file", tls.cert_file);
+        table.read("key-file", tls.key_file);
+        if (tls.ca_file.empty() && tls.ca_path.empty())
+            tls.ca_path = "/etc/ssl/certs";
+        if (tls.cert_file.empty() != tls.key_file.empty())
+            table.fault("cert-file", "cert-file and key-file need each other");
+        table.refuse_the_rest();
+        return tls;
+    }
+
+    OutRule read_out(const toml::table &source, int number, const std::string &default_prefix)
+    {
+        TableReader table(source, path_, faults_);
+        OutRule rule;
+        rule.name = rule_name("out", number, source);
+        table.read<std::string>("pattern", rule.pattern, tag_pattern);
+        if (!table.has("pattern"))
+            table.fault("pattern", "is missing");
+        table.read("exclude", rule.exclude);
+        for (const std::string &pattern : rule.exclude)
+            if (const std::string fault = pattern_fault(pattern); !fault.empty())
+                table.fault("exclude", "\"" + pattern + "\" is no pattern of tags: " + fault);
+        rule.prefix = default_prefix;
+        table.read<std::string>("prefix", rule.prefix, prefix);
+        table.read_integer("qos", rule.qos, 0, 2);
+        table.read("retain", rule.retain);
+        table.read<PayloadMode>("payload", rule.payload, payload_mode);
+        table.read("min-interval", rule.quiet.min_interval, 0, kDay);
+        table.read("deadband", rule.quiet.deadband, 0, 1e300);
+        table.read("deadband-relative", rule.quiet.relative_deadband, 0, 1e6);
+        table.read("only-changes", rule.quiet.only_changes);
+        table.read_integer("expiry", rule.expiry_s, 0, UINT32_MAX - 1);
+        table.refuse_the_rest();
+        return rule;
+    }
+
+    InRule read_in(const toml::table &source, int number, const std::string &default_prefix)
+    {
+        TableReader table(source, path_, faults_);
+        InRule rule;
+        rule.name = rule_name("in", number, source);
+        table.read<std::string>("filter", rule.filter, topic_filter);
+        if (!table.has("filter"))
+            table.fault("filter", "is missing");
+        table.read("shared", rule.shared);
+        rule.prefix =
+            rule.shared || default_prefix.empty() ? default_prefix : default_prefix + "-set";
+        table.read<std::string>("prefix", rule.prefix, prefix);
+        table.read<std::string>("tags", rule.tags, tag_prefix);
+        table.read_integer("qos", rule.qos, 0, 2);
+        table.read<PayloadMode>("payload", rule.payload, payload_mode);
+        table.read<std::optional<uint32_t>>("type", rule.type, value_type);
+        table.read_integer("max-size", rule.max_size, 1, KP_MAX_VALUE_SIZE);
+        table.read_integer("max-tags", rule.max_tags, 1, 1'000'000);
+        rule.retained = rule.shared;
+        table.read("retained", rule.retained);
+        table.refuse_the_rest();
+        return rule;
+    }
+
+    static std::string rule_name(const char *kind, int number, const toml::table &source)
+    {
+        return "[[" + std::string(kind) + "]] " + std::to_string(number) + " (line " +
+               std::to_string(source.source().begin.line) + ")";
+    }
+
+    const std::string &path_;
+    Faults &faults_;
+};
+
+ConfigurationResult finish(const toml::table &file, const std::string &path)
+{
+    ConfigurationResult result;
+    result.configuration = ConfigurationReader(path, result.faults).read(file);
+    if (!result.faults.empty())
+        return result;
+    for (const std::string &fault : rule_faults(result.configuration))
+        result.faults.push_back(path + ": " + fault);
+    return result;
+}
+
+ConfigurationResult unreadable(const toml::parse_error &error, const std::string &path)
+{
+    return {{},
+            {path + ":" + std::to_string(error.source().begin.line) + ": " +
+             std::string(error.description())}};
+}
+
+} // namespace
+
+bool OutRule::takes(std::string_view tag) const
+{
+    return pattern_covers(pattern, tag) &&
+           std::none_of(exclude.begin(), exclude.end(), [tag](const std::string &excluded) {
+               return pattern_covers(excluded, tag);
+           });
+}
+
+std::string InRule::full_filter() const
+{
+    return prefix.empty() ? filter : prefix + '/' + filter;
+}
+
+const OutRule *Configuration::rule_for(std::string_view tag) const
+{
+    if (pattern_covers(status_prefix + "/#", tag))
+        return nullptr;
+    const auto rule = std::find_if(
+        out.begin(), out.end(), [tag](const OutRule &candidate) { return candidate.takes(tag); });
+    return rule == out.end() ? nullptr : &*rule;
+}
+
+ConfigurationResult load_configuration(const std::string &path)
+{
+    try {
+        return finish(toml::parse_file(path), path);
+    } catch (const toml::parse_error &error) {
+        return unreadable(error, path);
+    }
+}
+
+ConfigurationResult parse_configuration(std::string_view text, const std::string &path)
+{
+    try {
+        return finish(toml::parse(text), path);
+    } catch (const toml::parse_error &error) {
+        return unreadable(error, path);
+    }
+}
+
+} // namespace kp::mqtt

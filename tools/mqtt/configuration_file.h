@@ -1,0 +1,80 @@
+// Reads the values of one TOML table by name and type and collects what is wrong with them, with
+// lines, instead of stopping at the first.
+#pragma once
+
+#include "result.h"
+
+#include <chrono>
+#include <functional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <toml++/toml.h>
+#include <vector>
+
+namespace kp::mqtt {
+
+using Faults = std::vector<std::string>;
+
+class TableReader {
+  public:
+    // `where` is for messages, as "file:" or "file: [broker]".
+    TableReader(const toml::table &table, std::string where, Faults &faults)
+        : table_(table), where_(std::move(where)), faults_(faults)
+    {
+    }
+
+    bool has(std::string_view key) const
+    {
+        return table_.contains(key);
+    }
+
+    // Each leaves the target alone when the key is missing, and adds a fault when it is wrong.
+    void read(const char *key, std::string &target);
+    void read(const char *key, bool &target);
+    void read(const char *key, std::vector<std::string> &target);
+    void read(const char *key, double &target, double least, double most);
+    template <typename T> void read_integer(const char *key, T &target, int64_t least, int64_t most)
+    {
+        if (const auto value = integer(key, least, most))
+            target = static_cast<T>(*value);
+    }
+    // Seconds with fractions.
+    void read(const char *key, std::chrono::milliseconds &target, double least, double most);
+    // A text that `parse` takes; its fault otherwise.
+    template <typename T>
+    void read(const char *key, T &target,
+              const std::function<Result<T>(const std::string &)> &parse)
+    {
+        std::string text;
+        const size_t before = faults_.size();
+        read(key, text);
+        if (!has(key) || faults_.size() != before)
+            return;
+        if (auto value = parse(text))
+            target = std::move(*value.value);
+        else
+            fault(key, value.fault);
+    }
+
+    // The tables below a key: one table, or an array of tables.
+    const toml::table *table(const char *key);
+    std::vector<const toml::table *> tables(const char *key);
+
+    // Adds a fault with the key's line.
+    void fault(const char *key, const std::string &text);
+
+    // Adds a fault for every key that was not asked for.
+    void refuse_the_rest();
+
+  private:
+    const toml::node *find(const char *key);
+    std::optional<int64_t> integer(const char *key, int64_t least, int64_t most);
+
+    const toml::table &table_;
+    std::string where_;
+    Faults &faults_;
+    std::set<std::string, std::less<>> known_;
+};
+
+} // namespace kp::mqtt
