@@ -1,0 +1,349 @@
+#include "outbound.h"
+
+#include "store_fixture.h"
+#include "testing/segment_file.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kp::mqtt;
+using namespace kptest;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+class OutboundOf {
+  public:
+    explicit OutboundOf(const std::string &rule)
+        : configuration_(parse_configuration("device = \"d\"\n[broker]\nburst-rate = 0\n"
+                                             "[[out]]\npattern = \"a/#\"\nprefix = \"p\"\n" +
+                                                 rule,
+                                             "f")
+                             .configuration),
+          state_(std::move(*StateFile::open("").value)),
+          outbound_(configuration_, reader_, nullptr, *state_, "d/boot", counters_)
+    {
+    }
+
+    // What goes out now, as "topic=payload q=quality".
+    std::vector<std::string> messages(bool acknowledge = true)
+    {
+        std::vector<std::string> texts;
+        while (const auto publication = outbound_.next(now_)) {
+            texts.push_back(
+                publication->topic + "=" + publication->payload +
+                " q=" + (publication->payload.empty() ? "" : publication->properties[0].second));
+            outbound_.sent(*publication, ++id_);
+            if (acknowledge)
+                outbound_.acknowledged(id_, 0, now_);
+        }
+        return texts;
+    }
+    std::vector<std::string> messages_after_scan()
+    {
+        outbound_.scan(now_);
+        return messages();
+    }
+    bool notice(const std::string &tag)
+    {
+        Buckets buckets;
+        buckets.set(kp_hash(tag.c_str()));
+        return outbound_.refresh(buckets, now_);
+    }
+    void pass(milliseconds time)
+    {
+        now_ += time;
+    }
+    Outbound &operator*()
+    {
+        return outbound_;
+    }
+    Outbound *operator->()
+    {
+        return &outbound_;
+    }
+    Clock::time_point now() const
+    {
+        return now_;
+    }
+    const StateFile &state() const
+    {
+        return *state_;
+    }
+    const Counters &counters() const
+    {
+        return counters_;
+    }
+    int last_id() const
+    {
+        return id_;
+    }
+
+  private:
+    Configuration configuration_;
+    StoreReader reader_;
+    std::unique_ptr<StateFile> state_;
+    Counters counters_;
+    Outbound outbound_;
+    Clock::time_point now_{std::chrono::hours(1)};
+    int id_ = 0;
+};
+
+} // namespace
+
+TEST(Outbound, SendsEachCurrentValueOnce)
+{
+    StoreProvider one("a/1");
+    one.write("x");
+    StoreProvider two("a/2");
+    two.write("y");
+    StoreProvider without_value("a/3");
+    StoreProvider other("b/1");
+    other.write("z");
+    OutboundOf outbound("");
+
+    EXPECT_THAT(outbound.messages_after_scan(), UnorderedElementsAre("p/a/1=x q=1", "p/a/2=y q=1"));
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+}
+
+TEST(Outbound, SendsTheNewestOfManyChanges)
+{
+    StoreProvider provider("a/1");
+    OutboundOf outbound("");
+    outbound->scan(outbound.now());
+    provider.write("first", 1);
+    EXPECT_TRUE(outbound.notice("a/1"));
+    provider.write("second", 2);
+    EXPECT_TRUE(outbound.notice("a/1"));
+
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=second q=1"));
+}
+
+TEST(Outbound, SeesAChangeWithinTheSameMicrosecond)
+{
+    StoreProvider provider("a/1");
+    provider.write("first", 1);
+    OutboundOf outbound("");
+    (void)outbound.messages_after_scan();
+    provider.write("other", 1);
+
+    EXPECT_TRUE(outbound.notice("a/1"));
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=other q=1"));
+}
+
+TEST(Outbound, AsksForAScanWhenANoticeIsOfNoTopicItKnows)
+{
+    OutboundOf outbound("");
+    StoreProvider untaken("b/1");
+    outbound->scan(outbound.now());
+    StoreProvider provider("a/new");
+    provider.write("x");
+
+    EXPECT_FALSE(outbound.notice("a/new"));
+    EXPECT_TRUE(outbound.notice("b/1"));
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/new=x q=1"));
+}
+
+TEST(Outbound, ClearsATopicThatIsGone)
+{
+    OutboundOf outbound("");
+    {
+        StoreProvider provider("a/1");
+        provider.write("x");
+        EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=1"));
+        EXPECT_TRUE(outbound.state().has("p/a/1"));
+    }
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1= q="));
+    EXPECT_FALSE(outbound.state().has("p/a/1"));
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+}
+
+TEST(Outbound, ClearsATopicWhoseProviderComesBackWithoutAValue)
+{
+    StoreProvider provider("a/1");
+    provider.write("x");
+    OutboundOf outbound("");
+    (void)outbound.messages_after_scan();
+    StoreProvider again("a/1");
+
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1= q="));
+}
+
+TEST(Outbound, SaysWithTheQualityThatTheProvidersAreGone)
+{
+    kp_shm_t *consumer = kp_shm_new("a/1", KP_ROLE_CONSUMER);
+    StoreProvider provider("a/1");
+    provider.write("x", 1, 3);
+    OutboundOf outbound("");
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=3"));
+    provider.leave();
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=0"));
+    StoreProvider again("a/1");
+    again.write("y", 2, 3);
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=y q=3"));
+    (void)kp_shm_destroy(consumer, "a/1", KP_ROLE_CONSUMER);
+}
+
+TEST(Outbound, KeepsTheQualityOfATopicThatIsWrittenByName)
+{
+    (void)kp_shm_instant_write("a/1", "x", KP_TYPE_STRING, 1, 1, 5, 1, 0);
+    OutboundOf outbound("");
+
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=5"));
+}
+
+TEST(Outbound, SendsAgainWhatWasNotAcknowledged)
+{
+    StoreProvider provider("a/1");
+    provider.write("x");
+    OutboundOf outbound("only-changes = true\n");
+    outbound->scan(outbound.now());
+    EXPECT_THAT(outbound.messages(false), ElementsAre("p/a/1=x q=1"));
+    outbound->connection_lost(outbound.now());
+
+    outbound->connected(true, outbound.now());
+
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=x q=1"));
+}
+
+TEST(Outbound, SendsOnlyWhatChangedToABrokerThatHasKeptTheRest)
+{
+    StoreProvider one("a/1");
+    one.write("x");
+    StoreProvider two("a/2");
+    two.write("y");
+    OutboundOf outbound("");
+    (void)outbound.messages_after_scan();
+    outbound->connection_lost(outbound.now());
+    two.write("z", 2);
+    EXPECT_TRUE(outbound.notice("a/2"));
+
+    outbound->connected(true, outbound.now());
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/2=z q=1"));
+
+    outbound->connected(false, outbound.now());
+    EXPECT_THAT(outbound.messages(), UnorderedElementsAre("p/a/1=x q=1", "p/a/2=z q=1"));
+}
+
+TEST(Outbound, DoubtsWhatWentAtQosZeroJustBeforeTheConnectionBroke)
+{
+    StoreProvider provider("a/1");
+    provider.write("x");
+    OutboundOf outbound("qos = 0\n");
+    (void)outbound.messages_after_scan();
+
+    outbound->connection_lost(outbound.now());
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=x q=1"));
+
+    outbound.pass(seconds(3600));
+    outbound->connection_lost(outbound.now());
+    EXPECT_THAT(outbound.messages(), IsEmpty());
+}
+
+TEST(Outbound, SendsAValueAfterItsIntervalWithoutAFurtherMark)
+{
+    StoreProvider provider("a/1", KP_TYPE_INT32);
+    provider.write(bytes_of<int32_t>(1), 1);
+    OutboundOf outbound("min-interval = 10\n");
+    (void)outbound.messages_after_scan();
+    provider.write(bytes_of<int32_t>(2), 2);
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+    provider.write(bytes_of<int32_t>(3), 3);
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+    EXPECT_EQ(outbound->due(), outbound.now() + seconds(10));
+
+    outbound.pass(seconds(10));
+
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=3 q=1"));
+}
+
+TEST(Outbound, KeepsQuietInsideTheDeadband)
+{
+    StoreProvider provider("a/1", KP_TYPE_DOUBLE);
+    provider.write(bytes_of(20.0), 1);
+    OutboundOf outbound("deadband = 1\n");
+    (void)outbound.messages_after_scan();
+    provider.write(bytes_of(20.5), 2);
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+    provider.write(bytes_of(21.0), 3);
+
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=21 q=1"));
+}
+
+TEST(Outbound, CountsARefusalAndComesBackWhenTheBrokerHadNoRoom)
+{
+    StoreProvider provider("a/1");
+    provider.write("x");
+    OutboundOf outbound("");
+    outbound->scan(outbound.now());
+    (void)outbound.messages(false);
+
+    outbound->acknowledged(outbound.last_id(), kQuotaExceeded, outbound.now());
+    EXPECT_EQ(outbound.counters().refused, 1u);
+    EXPECT_THAT(outbound.messages(), IsEmpty());
+    outbound.pass(seconds(1));
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=x q=1"));
+}
+
+TEST(Outbound, LooksAgainAtATopicInTheMiddleOfAWrite)
+{
+    StoreProvider provider("a/1");
+    provider.write("x");
+    OutboundOf outbound("");
+    outbound->scan(outbound.now());
+    SegmentFile("a/1").put_u8(at::writing, 1);
+    EXPECT_THAT(outbound.messages(), IsEmpty());
+    SegmentFile("a/1").put_u8(at::writing, 0);
+    outbound.pass(seconds(1));
+
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=x q=1"));
+}
+
+TEST(Outbound, ClearsWhatAnEarlierRunHadRetained)
+{
+    const std::string path = "/run/state";
+    {
+        auto before = StateFile::open(path);
+        (*before.value)->add("p/a/gone");
+    }
+    const Configuration configuration =
+        parse_configuration("[[out]]\npattern = \"a/#\"\nprefix = \"p\"\n", "f").configuration;
+    const StoreReader reader;
+    Counters counters;
+    auto state = StateFile::open(path);
+    Outbound outbound(configuration, reader, nullptr, **state.value, "d/boot", counters);
+
+    outbound.connected(false, Clock::now());
+    const auto publication = outbound.next(Clock::now());
+
+    ASSERT_TRUE(publication);
+    EXPECT_EQ(publication->topic, "p/a/gone");
+    EXPECT_TRUE(publication->payload.empty() && publication->retain);
+}
+
+TEST(Outbound, SpreadsTheFirstBurst)
+{
+    StoreProvider one("a/1");
+    one.write("x");
+    StoreProvider two("a/2");
+    two.write("y");
+    auto state = StateFile::open("");
+    const Configuration configuration =
+        parse_configuration("[broker]\nburst-rate = 1\n[[out]]\npattern = \"a/#\"\n", "f")
+            .configuration;
+    const StoreReader reader;
+    Counters counters;
+    Outbound outbound(configuration, reader, nullptr, **state.value, "d/boot", counters);
+    const Clock::time_point start{std::chrono::hours(1)};
+    outbound.scan(start);
+    while (outbound.next(start)) {
+    }
+
+    outbound.connected(false, start);
+    EXPECT_TRUE(outbound.next(start));
+    EXPECT_FALSE(outbound.next(start));
+    EXPECT_TRUE(outbound.next(start + seconds(1)));
+}

@@ -1,0 +1,326 @@
+#include "bridge.h"
+
+#include "log.h"
+#include "topic_names.h"
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <poll.h>
+#include <random>
+
+namespace kp::mqtt {
+
+namespace {
+
+constexpr milliseconds kTick{1000};
+constexpr milliseconds kScanSoon{100};     // after a notice of a topic that is not known
+constexpr milliseconds kAnswerTime{2000};  // for a subscription to the state topic
+constexpr milliseconds kRetainedTime{300}; // for the retained state after that
+constexpr milliseconds kStable{10'000};    // a connection that lasted this long was a good one
+constexpr milliseconds kLeaving{1500};     // for the last messages
+constexpr milliseconds kStuck{10'000};     // for a round of local writes
+constexpr int kMostAtOnce = 200;           // publications between two looks at everything else
+constexpr const char *kConnection = "connection";
+
+std::string random_name()
+{
+    std::random_device random;
+    return std::to_string(random()) + std::to_string(random());
+}
+
+} // namespace
+
+std::string make_origin(const std::string &device)
+{
+    std::ifstream file("/proc/sys/kernel/random/boot_id");
+    std::string boot;
+    (void)std::getline(file, boot);
+    return device + '/' + boot;
+}
+
+Bridge::Bridge(const Configuration &configuration, Credentials credentials, StateFile &state,
+               ChangeMarks &marks, LocalWriter &writer, Counters &counters)
+    : configuration_(configuration), credentials_(std::move(credentials)), marks_(marks),
+      writer_(writer), counters_(counters), origin_(make_origin(configuration.device)),
+      outbound_(configuration, reader_, &writer, state, origin_, counters),
+      inbound_(configuration, reader_,
+               {[this](const std::string &tag, WriteRequest request) {
+                    writer_.put(tag, std::move(request));
+                },
+                [this](const std::string &tag) { writer_.drop(tag); },
+                [this](const std::string &tag) { outbound_.repeat(tag, Clock::now()); }},
+               counters),
+      status_(configuration.status_prefix, writer),
+      backoff_(configuration.broker.reconnect_min, configuration.broker.reconnect_max)
+{
+}
+
+int Bridge::run(int signal_fd)
+{
+    look_for_changes(Clock::now());
+    manager_.ready();
+    bool stop = false;
+    while (!stop) {
+        wait(signal_fd, stop);
+        turn(Clock::now());
+    }
+    manager_.stopping();
+    leave();
+    return 0;
+}
+
+int Bridge::poll_timeout(Clock::time_point now) const
+{
+    if (more_to_send_)
+        return 0;
+    auto until = std::min(next_scan_, next_tick_);
+    if (phase_ != Phase::online)
+        until = std::min(until, phase_ends_);
+    if (const auto due = outbound_.due(); due && link_ && link_->may_send())
+        until = std::min(until, *due);
+    const auto left = std::chrono::ceil<milliseconds>(until - now).count();
+    return static_cast<int>(std::clamp<int64_t>(left, 0, kTick.count()));
+}
+
+void Bridge::wait(int signal_fd, bool &stop)
+{
+    std::array<pollfd, 3> room = {{{signal_fd, POLLIN, 0}, {marks_.fd(), POLLIN, 0}, {-1, 0, 0}}};
+    if (link_)
+        room[2] = {link_->fd(), link_->poll_events(), 0};
+    const int ready = poll(room.data(), room.size(), poll_timeout(Clock::now()));
+    stop = ready > 0 && room[0].revents != 0;
+    if (link_)
+        link_->serve(ready > 0 ? room[2].revents : short{0});
+}
+
+void Bridge::turn(Clock::time_point now)
+{
+    if (std::exchange(is_closed_, false))
+        drop_connection(now);
+    look_for_changes(now);
+    keep_connection(now);
+    send_values(now);
+    if (now >= next_tick_)
+        tick(now);
+}
+
+void Bridge::look_for_changes(Clock::time_point now)
+{
+    const Buckets buckets = marks_.take();
+    if (buckets.any() && !outbound_.refresh(buckets, now))
+        next_scan_ = std::min(next_scan_, last_scan_ + kScanSoon);
+    if (now < next_scan_)
+        return;
+    outbound_.scan(now);
+    last_scan_ = now;
+    next_scan_ = now + configuration_.scan_interval;
+}
+
+void Bridge::keep_connection(Clock::time_point now)
+{
+    if (phase_ == Phase::online || now < phase_ends_)
+        return;
+    if (phase_ == Phase::waiting)
+        return connect(now);
+    if (phase_ == Phase::asking)
+        return go_online(false);
+    close_reason_ = "no answer";
+    drop_connection(now);
+}
+
+void Bridge::connect(Clock::time_point now)
+{
+    connection_ = random_name();
+    auto started =
+        BrokerLink::start(configuration_.broker, credentials_, state_message("offline"), *this);
+    phase_ = Phase::connecting;
+    phase_ends_ = now + configuration_.broker.connect_timeout;
+    if (started) {
+        link_ = std::move(*started.value);
+        return;
+    }
+    close_reason_ = started.fault;
+    drop_connection(now);
+}
+
+void Bridge::drop_connection(Clock::time_point now)
+{
+    if (phase_ == Phase::online && now - online_since_ >= kStable)
+        backoff_.reset();
+    outbound_.connection_lost(now);
+    subscribing_.clear();
+    link_.reset();
+    more_to_send_ = false;
+    phase_ = Phase::waiting;
+    const milliseconds delay = backoff_.next();
+    phase_ends_ = now + delay;
+    const std::string text = "no connection to " + configuration_.broker.host + ":" +
+                             std::to_string(configuration_.broker.port) + ": " + close_reason_;
+    log(text == reported_ ? Level::debug : Level::warning,
+        text + "; trying again, next in " + std::to_string(delay.count()) + " ms");
+    reported_ = text;
+    manager_.status(text);
+}
+
+void Bridge::connected()
+{
+    subscribe_all();
+    if (last_connection_.empty())
+        return go_online(false);
+    phase_ = Phase::asking;
+    phase_ends_ = Clock::now() + kAnswerTime;
+    int id = 0;
+    if (link_->subscribe({configuration_.state_topic, 1, true}, id))
+        subscribing_[id] = configuration_.state_topic;
+}
+
+void Bridge::subscribe_all()
+{
+    for (const Subscription &subscription : inbound_.subscriptions()) {
+        int id = 0;
+        if (link_->subscribe(subscription, id))
+            subscribing_[id] = subscription.filter;
+    }
+}
+
+void Bridge::subscribed(int id, const std::string &refusal)
+{
+    const auto found = subscribing_.find(id);
+    if (found == subscribing_.end())
+        return;
+    if (!refusal.empty()) {
+        ++counters_.refused;
+        log(Level::error, "the broker refuses the subscription " + found->second + ": " + refusal);
+    }
+    if (found->second == configuration_.state_topic && phase_ == Phase::asking)
+        phase_ends_ = Clock::now() + kRetainedTime;
+    subscribing_.erase(found);
+}
+
+void Bridge::received(Message message)
+{
+    if (message.topic != configuration_.state_topic)
+        return inbound_.receive(message);
+    if (phase_ != Phase::asking)
+        return;
+    const std::pair<std::string, std::string> ours{kConnection, last_connection_};
+    const auto &properties = message.properties;
+    const bool kept = message.payload == "offline" &&
+                      std::find(properties.begin(), properties.end(), ours) != properties.end();
+    go_online(kept);
+}
+
+void Bridge::go_online(bool kept)
+{
+    if (!last_connection_.empty())
+        link_->unsubscribe(configuration_.state_topic);
+    phase_ = Phase::online;
+    online_since_ = Clock::now();
+    if (std::exchange(was_online_, true))
+        ++counters_.reconnects;
+    last_connection_ = connection_;
+    reported_.clear();
+    send_state("online", false);
+    outbound_.connected(kept, online_since_);
+    const std::string text = "connected to " + configuration_.broker.host + ":" +
+                             std::to_string(configuration_.broker.port);
+    log(Level::info, text + (kept ? "; the broker has kept what it had" : "; sending everything"));
+    manager_.status(text);
+}
+
+Publication Bridge::state_message(const char *text) const
+{
+    Publication state;
+    state.topic = configuration_.state_topic;
+    state.payload = text;
+    state.retain = true;
+    state.content_type = "text/plain";
+    state.is_utf8 = true;
+    state.properties = {{property::kOrigin, origin_}, {kConnection, connection_}};
+    return state;
+}
+
+void Bridge::send_state(const char *text, bool wait_for_it)
+{
+    int id = 0;
+    std::string refusal;
+    const auto outcome = link_->publish(state_message(text), id, refusal);
+    if (outcome == SendOutcome::refused)
+        log(Level::error, "the state cannot be sent: " + refusal);
+    state_id_ = wait_for_it && outcome == SendOutcome::sent ? id : 0;
+}
+
+void Bridge::send_values(Clock::time_point now)
+{
+    more_to_send_ = false;
+    for (int count = 0; phase_ == Phase::online && link_->may_send(); ++count) {
+        if (count == kMostAtOnce) {
+            more_to_send_ = true;
+            return;
+        }
+        const auto publication = outbound_.next(now);
+        if (!publication)
+            return;
+        int id = 0;
+        std::string refusal;
+        switch (link_->publish(*publication, id, refusal)) {
+        case SendOutcome::sent:
+            outbound_.sent(*publication, id);
+            break;
+        case SendOutcome::refused:
+            outbound_.refused(*publication, refusal);
+            break;
+        case SendOutcome::lost:
+            return outbound_.not_sent(*publication, now);
+        }
+    }
+}
+
+void Bridge::acknowledged(int id, int reason)
+{
+    if (id == state_id_)
+        state_id_ = 0;
+    outbound_.acknowledged(id, reason, Clock::now());
+}
+
+// Only noted here: the link must not be destroyed within its own call.
+void Bridge::closed(const std::string &why)
+{
+    is_closed_ = true;
+    close_reason_ = why;
+}
+
+void Bridge::tick(Clock::time_point now)
+{
+    next_tick_ = now + kTick;
+    manager_.keep_watchdog_quiet(now);
+    Status status;
+    status.connected = phase_ == Phase::online;
+    status.topics = outbound_.topic_count();
+    status.pending = outbound_.pending_count();
+    status.oldest_unsent_ms = static_cast<uint64_t>(outbound_.oldest_age(now).count());
+    status_.show(status, counters_);
+    const bool stuck = writer_.busy_for(now) > kStuck;
+    if (stuck && !reported_stuck_)
+        log(Level::warning, "a local peer does not read its notices; values from the broker wait");
+    reported_stuck_ = stuck;
+}
+
+// Sends what is left as far as that is quick, then says goodbye.
+void Bridge::leave()
+{
+    if (phase_ != Phase::online)
+        return;
+    const auto deadline = Clock::now() + kLeaving;
+    send_state("offline", true);
+    while (state_id_ && !is_closed_ && Clock::now() < deadline) {
+        pollfd broker = {link_->fd(), link_->poll_events(), 0};
+        (void)poll(&broker, 1, 50);
+        link_->serve(broker.revents);
+    }
+    if (!is_closed_)
+        link_->disconnect();
+}
+
+} // namespace kp::mqtt

@@ -1,0 +1,190 @@
+#include "inbound.h"
+
+#include "topic_filter.h"
+#include "topic_names.h"
+#include "value_text.h"
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+namespace kp::mqtt {
+
+namespace {
+
+constexpr int kMostReads = 10; // of a tag in the middle of a write
+
+const std::string *find_property(const UserProperties &properties, std::string_view name)
+{
+    for (const auto &[key, value] : properties)
+        if (key == name)
+            return &value;
+    return nullptr;
+}
+
+ReadOutcome read_patiently(const StoreReader &reader, const std::string &tag, Sample &sample)
+{
+    ReadOutcome outcome = reader.read(tag, sample);
+    for (int reads = 1; reads < kMostReads && outcome == ReadOutcome::busy; ++reads) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100)); // a write takes far less
+        outcome = reader.read(tag, sample);
+    }
+    return outcome;
+}
+
+} // namespace
+
+std::string_view origin_device(std::string_view origin)
+{
+    return origin.substr(0, origin.find('/'));
+}
+
+Inbound::Inbound(const Configuration &configuration, const StoreReader &reader, Target target,
+                 Counters &counters)
+    : configuration_(configuration), reader_(reader), target_(std::move(target)),
+      counters_(counters)
+{
+    for (const InRule &rule : configuration.in)
+        rules_.push_back({&rule, {}});
+}
+
+std::vector<Subscription> Inbound::subscriptions() const
+{
+    std::vector<Subscription> subscriptions;
+    for (const Rule &rule : rules_)
+        subscriptions.push_back(
+            {rule.settings->full_filter(), rule.settings->qos, rule.settings->retained});
+    return subscriptions;
+}
+
+void Inbound::receive(const Message &message)
+{
+    Rule *rule = rule_for(message.topic);
+    if (!rule)
+        return; // of a subscription that is just being cancelled
+    if (is_own(message)) {
+        ++counters_.echoes;
+        return;
+    }
+    const Name tag = tag_for(*rule, message.topic);
+    if (!tag.fault.empty())
+        return refuse(message.topic, "cannot be a tag: " + tag.fault);
+    if (!message.payload.empty())
+        return take(*rule, tag.text, message);
+    // An empty message clears a retained one. A shared tag goes with it; a command has been taken.
+    if (rule->settings->shared && rule->tags.erase(tag.text))
+        target_.drop(tag.text);
+}
+
+Inbound::Rule *Inbound::rule_for(const std::string &topic)
+{
+    const auto found = std::find_if(rules_.begin(), rules_.end(), [&topic](const Rule &rule) {
+        return filter_covers(rule.settings->full_filter(), topic);
+    });
+    return found == rules_.end() ? nullptr : &*found;
+}
+
+// Whatever the boot: what the broker kept from before a restart is an echo too.
+bool Inbound::is_own(const Message &message) const
+{
+    const std::string *origin = find_property(message.properties, property::kOrigin);
+    return origin && origin_device(*origin) == configuration_.device;
+}
+
+// A value that cannot stand beside what is below its name goes to the level "_" there.
+Name Inbound::tag_for(const Rule &rule, const std::string &topic) const
+{
+    Name name = to_tag_topic(rule.settings->prefix, rule.settings->tags, topic);
+    if (!name.fault.empty())
+        return name;
+    if (pattern_covers(configuration_.status_prefix + "/#", name.text))
+        return {{}, "it is the bridge's own"};
+    switch (reader_.place(name.text)) {
+    case StoreReader::Place::directory:
+        name.text += "/_";
+        break;
+    case StoreReader::Place::below_a_topic:
+        return {{}, "a part of its name is a tag with a value"};
+    case StoreReader::Place::free:
+    case StoreReader::Place::topic:
+        break;
+    }
+    return name;
+}
+
+void Inbound::take(Rule &rule, const std::string &tag, const Message &message)
+{
+    const bool is_new = !rule.tags.contains(tag);
+    if (is_new && rule.tags.size() >= rule.settings->max_tags)
+        return refuse(message.topic, "the rule has written max-tags tags already");
+    Sample current;
+    const ReadOutcome outcome = read_patiently(reader_, tag, current);
+    WriteRequest request;
+    if (const std::string fault = convert(*rule.settings, message, outcome, current, request);
+        !fault.empty())
+        return refuse(message.topic, fault);
+    if (outcome == ReadOutcome::read && current.has_value &&
+        is_superfluous(*rule.settings, tag, current, request.sample))
+        return;
+    rule.tags.insert(tag);
+    target_.put(tag, std::move(request));
+    ++counters_.in;
+}
+
+// Returns what is wrong, or an empty text.
+std::string Inbound::convert(const InRule &rule, const Message &message, ReadOutcome outcome,
+                             const Sample &current, WriteRequest &request) const
+{
+    if (outcome == ReadOutcome::busy)
+        return "another write to the tag does not end";
+    if (outcome == ReadOutcome::refused)
+        return "the tag cannot be read: no rights, or not a valid segment";
+    Description description = describe(message.properties);
+    auto content = take_apart(rule.payload, message.payload, description);
+    if (!content)
+        return content.fault;
+    Sample &sample = request.sample;
+    request.is_declared = outcome == ReadOutcome::read;
+    sample.type = request.is_declared
+                      ? current.type
+                      : rule.type.value_or(description.type.value_or(KP_TYPE_STRING));
+    sample.max_size = current.max_size;
+    sample.extra_info = current.extra_info;
+    if (!request.is_declared || (has_variable_size(sample.type) && sample.max_size == 0))
+        sample.max_size = rule.max_size;
+    auto bytes = content.value->is_bytes
+                     ? checked_bytes(sample.type, sample.max_size, content.value->data)
+                     : value_bytes(sample.type, sample.max_size, content.value->data);
+    if (!bytes)
+        return "is no " + std::string(kp_type2str(sample.type)) + " for the tag: " + bytes.fault;
+    sample.value = std::move(*bytes.value);
+    sample.has_value = true;
+    sample.quality = description.quality.value_or(KP_QUALITY_GOOD);
+    sample.source_ts = description.source_ts.value_or(kp_get_timestamp_us());
+    return {};
+}
+
+// In a shared tree a value can be one that the tag has already, or older than the tag's.
+bool Inbound::is_superfluous(const InRule &rule, const std::string &tag, const Sample &current,
+                             const Sample &wanted) const
+{
+    if (!rule.shared)
+        return false;
+    const bool same = wanted.value == current.value && wanted.source_ts == current.source_ts &&
+                      wanted.quality == current.quality;
+    const bool older = wanted.source_ts < current.source_ts;
+    if (older)
+        target_.older_arrived(tag);
+    counters_.echoes += same || older;
+    return same || older;
+}
+
+void Inbound::refuse(const std::string &topic, const std::string &why)
+{
+    ++counters_.refused;
+    const std::string text = "the message on " + printable(topic) + " is refused: " + why;
+    if (said_.is_new(text))
+        log(Level::warning, text);
+}
+
+} // namespace kp::mqtt

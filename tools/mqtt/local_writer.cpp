@@ -1,0 +1,166 @@
+#include "local_writer.h"
+
+#include "log.h"
+#include "topic_names.h"
+
+#include <functional>
+
+namespace kp::mqtt {
+
+std::unique_ptr<LocalWriter> LocalWriter::start(const std::string &endpoint, ChangeMarks &marks,
+                                                Counters &counters)
+{
+    std::unique_ptr<LocalWriter> writer(new LocalWriter(marks, counters));
+    writer->handle_ = kp_new(endpoint.c_str(), changed);
+    if (!writer->handle_) {
+        log(Level::error, "the tags of this device cannot be joined; see the line above, and the "
+                          "rights of /run/providers");
+        return nullptr;
+    }
+    (void)kp_set_new_tag_notify(writer->handle_, 1);
+    (void)kp_set_user_data(writer->handle_, writer.get());
+    writer->thread_ = std::thread([self = writer.get()] { self->run(); });
+    return writer;
+}
+
+LocalWriter::~LocalWriter()
+{
+    if (!handle_)
+        return;
+    if (thread_.joinable())
+        (void)stop(std::chrono::hours(1));
+    (void)kp_tags_destroy(handle_);
+    (void)kp_destroy(handle_);
+}
+
+// A notice that comes before the user data stands is caught up by the first scan.
+int LocalWriter::changed(kp_t *, const kp_write_info *notice, void *self)
+{
+    if (self)
+        static_cast<LocalWriter *>(self)->marks_.add(*notice);
+    return 0;
+}
+
+void LocalWriter::put(const std::string &tag, WriteRequest request)
+{
+    const std::lock_guard lock(mutex_);
+    waiting_[tag] = std::move(request);
+    wake_.notify_one();
+}
+
+void LocalWriter::drop(const std::string &tag)
+{
+    const std::lock_guard lock(mutex_);
+    waiting_[tag] = std::nullopt;
+    wake_.notify_one();
+}
+
+LocalWriter::Written LocalWriter::written(const Sample &sample)
+{
+    return {std::hash<std::string>{}(sample.value), sample.source_ts, sample.quality};
+}
+
+bool LocalWriter::is_own(const std::string &tag, const Sample &sample) const
+{
+    const Written seen = written(sample);
+    const std::lock_guard lock(mutex_);
+    const auto found = memory_.find(tag);
+    return found != memory_.end() && (found->second[0] == seen || found->second[1] == seen);
+}
+
+std::chrono::milliseconds LocalWriter::busy_for(Clock::time_point now) const
+{
+    const std::lock_guard lock(mutex_);
+    if (!busy_since_)
+        return {};
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now - *busy_since_);
+}
+
+bool LocalWriter::stop(std::chrono::milliseconds patience)
+{
+    std::unique_lock lock(mutex_);
+    stop_ = true;
+    wake_.notify_one();
+    const bool ended = ended_.wait_for(lock, patience, [this] { return has_ended_; });
+    lock.unlock();
+    if (ended && thread_.joinable())
+        thread_.join();
+    return ended;
+}
+
+void LocalWriter::run()
+{
+    std::unique_lock lock(mutex_);
+    while (true) {
+        wake_.wait(lock, [this] { return stop_ || !waiting_.empty(); });
+        if (waiting_.empty())
+            break;
+        const Requests requests = std::exchange(waiting_, {});
+        busy_since_ = Clock::now();
+        lock.unlock();
+        carry_out(requests);
+        lock.lock();
+        busy_since_.reset();
+    }
+    has_ended_ = true;
+    ended_.notify_one();
+}
+
+void LocalWriter::carry_out(const Requests &requests)
+{
+    bool announce = false;
+    for (const auto &[tag, request] : requests) {
+        if (request) {
+            announce |= write(tag, *request);
+            continue;
+        }
+        if (const auto own = own_.find(tag); own != own_.end()) {
+            (void)kp_tag_destroy(handle_, own->second);
+            own_.erase(own);
+        }
+    }
+    if (announce)
+        (void)kp_tag_notify(handle_);
+}
+
+bool LocalWriter::write(const std::string &tag, const WriteRequest &request)
+{
+    const Sample &sample = request.sample;
+    const auto size = static_cast<uint32_t>(sample.value.size());
+    const bool own = own_.contains(tag);
+    remember(tag, sample);
+    bool done = false;
+    if (request.is_declared && !own) {
+        done = kp_tag_instant_write(handle_, tag.c_str(), sample.value.data(), sample.type, size,
+                                    sample.quality, sample.source_ts, sample.extra_info) == 0;
+    } else if (kp_tag_t *provided = provider(tag, request)) {
+        done = kp_tag_write_with_source_params(handle_, provided, sample.value.data(), size,
+                                               sample.quality, sample.source_ts) >= 0;
+    }
+    if (!done) {
+        ++counters_.refused;
+        log(Level::warning, "the tag " + printable(tag) + " cannot be written; see the line above");
+    }
+    return done;
+}
+
+kp_tag_t *LocalWriter::provider(const std::string &tag, const WriteRequest &request)
+{
+    if (const auto own = own_.find(tag); own != own_.end())
+        return own->second;
+    kp_tag_t *made = kp_tag_provider_new(handle_, tag.c_str(), request.sample.type,
+                                         request.sample.max_size, request.sample.extra_info);
+    if (made)
+        own_[tag] = made;
+    return made;
+}
+
+void LocalWriter::remember(const std::string &tag, const Sample &sample)
+{
+    const std::lock_guard lock(mutex_);
+    auto &memory = memory_[tag];
+    memory[1] = memory[0];
+    memory[0] = written(sample);
+}
+
+} // namespace kp::mqtt

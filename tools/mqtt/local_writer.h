@@ -1,0 +1,89 @@
+// Everything that changes the store: values from the broker and the bridge's own state. It has a
+// thread of its own, because sending a notice waits for a local peer that does not read; a stuck one
+// then holds up what comes in, but never what goes out, nor the connection. What waits is a map with
+// the newest value of each tag.
+#pragma once
+
+#include "change_marks.h"
+#include "counters.h"
+#include "pending.h"
+#include "sample.h"
+
+#include <array>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+namespace kp::mqtt {
+
+struct WriteRequest {
+    Sample sample;            // type, maximum, extra information, quality, source time, value
+    bool is_declared = false; // by somebody: written as it is, else a provider tag is made
+};
+
+class LocalWriter {
+  public:
+    // Joins the device's endpoints; null with a log line when that fails.
+    static std::unique_ptr<LocalWriter> start(const std::string &endpoint, ChangeMarks &marks,
+                                              Counters &counters);
+    ~LocalWriter();
+    LocalWriter(const LocalWriter &) = delete;
+    LocalWriter &operator=(const LocalWriter &) = delete;
+
+    void put(const std::string &tag, WriteRequest request);
+
+    // Gives up the bridge's own provider tag, if it has one, so that the topic goes.
+    void drop(const std::string &tag);
+
+    // Whether a value that stands in the store is what put() last brought there.
+    bool is_own(const std::string &tag, const Sample &sample) const;
+
+    // How long the thread has been at one round of writes.
+    std::chrono::milliseconds busy_for(Clock::time_point now) const;
+
+    // Writes what waits and ends the thread. False when a peer keeps it from ending: the process must
+    // then leave without destroying this object, which the thread still uses.
+    bool stop(std::chrono::milliseconds patience);
+
+  private:
+    using Requests = std::unordered_map<std::string, std::optional<WriteRequest>>; // none: drop
+    struct Written {
+        size_t value_hash;
+        uint64_t source_ts;
+        uint8_t quality;
+        bool operator==(const Written &) const = default;
+    };
+
+    LocalWriter(ChangeMarks &marks, Counters &counters) : marks_(marks), counters_(counters)
+    {
+    }
+    static int changed(kp_t *, const kp_write_info *notice, void *self);
+    static Written written(const Sample &sample);
+    void run();
+    void carry_out(const Requests &requests);
+    bool write(const std::string &tag, const WriteRequest &request);
+    kp_tag_t *provider(const std::string &tag, const WriteRequest &request);
+    void remember(const std::string &tag, const Sample &sample);
+
+    ChangeMarks &marks_;
+    Counters &counters_;
+    kp_t *handle_ = nullptr;
+    std::unordered_map<std::string, kp_tag_t *> own_; // the thread's
+
+    mutable std::mutex mutex_;
+    std::condition_variable wake_;
+    std::condition_variable ended_;
+    bool stop_ = false;
+    bool has_ended_ = false;
+    std::optional<Clock::time_point> busy_since_;
+    Requests waiting_;
+    // The last two, since between reading a value and asking about it a newer one can be written.
+    std::unordered_map<std::string, std::array<Written, 2>> memory_;
+    std::thread thread_;
+};
+
+} // namespace kp::mqtt

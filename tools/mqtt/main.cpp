@@ -1,0 +1,165 @@
+// kp-mqtt: joins the tags of a device to an MQTT 5 broker. See kp-mqtt(1) and kp-mqtt.conf(5).
+#include "bridge.h"
+#include "log.h"
+#include "mapping.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <mosquitto.h>
+#include <pthread.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+using namespace kp::mqtt;
+
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kWrong = 2; // the command line or the configuration
+
+struct Options {
+    std::string file = "/etc/kp-mqtt/kp-mqtt.conf";
+    bool check = false;
+    bool dry_run = false;
+    bool verbose = false;
+};
+
+// Blocked before any thread starts, so that they arrive at the descriptor alone.
+kp::UniqueFd take_signals()
+{
+    sigset_t signals;
+    (void)sigemptyset(&signals);
+    (void)sigaddset(&signals, SIGTERM);
+    (void)sigaddset(&signals, SIGINT);
+    (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    return kp::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+// Faults of the files that the configuration names.
+std::vector<std::string> file_faults(const BrokerSettings &broker)
+{
+    std::vector<std::string> faults;
+    const auto note = [&faults](std::string fault) {
+        if (!fault.empty())
+            faults.push_back(std::move(fault));
+    };
+    if (!broker.credentials_file.empty())
+        note(read_credentials(broker.credentials_file).fault);
+    if (!broker.tls)
+        return faults;
+    for (const std::string &path :
+         {broker.tls->ca_file, broker.tls->ca_path, broker.tls->cert_file})
+        if (!path.empty() && access(path.c_str(), R_OK) != 0)
+            note(path + ": " + std::strerror(errno));
+    if (!broker.tls->key_file.empty())
+        note(secret_file_fault(broker.tls->key_file));
+    return faults;
+}
+
+// Taking over the name of a live endpoint would cut it off unseen.
+bool is_endpoint_taken(const std::string &name)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (void)std::snprintf(address.sun_path, sizeof address.sun_path, "/run/providers/%s",
+                        name.c_str());
+    const kp::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int result = connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address);
+    return result == 0 || errno == EAGAIN;
+}
+
+int run(const Configuration &configuration)
+{
+    const kp::UniqueFd signals = take_signals();
+    Credentials credentials;
+    if (!configuration.broker.credentials_file.empty())
+        credentials = *read_credentials(configuration.broker.credentials_file).value;
+    auto state = StateFile::open(configuration.state_file);
+    if (!state) {
+        log(Level::error, state.fault);
+        return kFailed;
+    }
+    if (is_endpoint_taken(configuration.endpoint)) {
+        log(Level::error, "a live process has the endpoint " + configuration.endpoint +
+                              " already; give this bridge another with endpoint = \"...\"");
+        return kFailed;
+    }
+    ChangeMarks marks;
+    Counters counters;
+    auto writer = LocalWriter::start(configuration.endpoint, marks, counters);
+    if (!writer)
+        return kFailed;
+    (void)mosquitto_lib_init();
+    const int status =
+        Bridge(configuration, std::move(credentials), **state.value, marks, *writer, counters)
+            .run(signals.get());
+    if (!writer->stop(std::chrono::seconds(2))) {
+        log(Level::warning, "a local peer does not read its notices; leaving without it");
+        (void)unlink(("/run/providers/" + configuration.endpoint).c_str());
+        std::_Exit(status);
+    }
+    return status;
+}
+
+// Whether standard error goes to the journal, by the device and inode that systemd names.
+bool logs_to_journal()
+{
+    const char *stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return stream && fstat(STDERR_FILENO, &status) == 0 &&
+           std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
+}
+
+int act(const Options &options)
+{
+    if (options.verbose)
+        log_debug_too();
+    if (logs_to_journal())
+        log_for_journal();
+    auto [configuration, faults] = load_configuration(options.file);
+    if (faults.empty())
+        faults = file_faults(configuration.broker);
+    for (const std::string &fault : faults)
+        std::cerr << "kp-mqtt: " << fault << '\n';
+    if (!faults.empty())
+        return kWrong;
+    if (options.check) {
+        std::cout << options.file << ": good, " << configuration.out.size() << " rules out, "
+                  << configuration.in.size() << " rules in\n";
+        return 0;
+    }
+    if (options.dry_run) {
+        print_mapping(configuration, std::cout);
+        return std::cout.flush() ? 0 : kFailed;
+    }
+    return run(configuration);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options options;
+    CLI::App app{"Joins the tags of this device to an MQTT 5 broker.", "kp-mqtt"};
+    app.set_version_flag("--version", "kp-mqtt " KP_MQTT_VERSION);
+    app.add_option("-c,--config", options.file, "the configuration, see kp-mqtt.conf(5)")
+        ->capture_default_str();
+    auto *check = app.add_flag("--check", options.check, "check the configuration and leave");
+    app.add_flag("--dry-run", options.dry_run,
+                 "print what the live topics map to, one JSON line each, and leave")
+        ->excludes(check);
+    app.add_flag("-v,--verbose", options.verbose, "log debugging lines too");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : kWrong;
+    }
+    return act(options);
+}

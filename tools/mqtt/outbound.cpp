@@ -1,0 +1,327 @@
+#include "outbound.h"
+
+#include "topic_names.h"
+
+#include <functional>
+
+namespace kp::mqtt {
+
+namespace {
+
+constexpr milliseconds kBusyDelay{100}; // until a topic in the middle of a write is looked at again
+constexpr milliseconds kQuotaDelay{1000}; // after a broker has said that it has no room
+constexpr milliseconds kBurstDelay{10};
+
+// Whether the value stands although nobody provides it any more. A topic that was only ever written
+// by name has no maximum; one that somebody goes on writing by name is alive.
+bool providers_have_left(const Sample &now, const Sample *before, bool had_left)
+{
+    if (now.providers > 0 || now.max_size == 0)
+        return false;
+    if (!before || before->providers > 0)
+        return true;
+    return had_left && now.ts == before->ts;
+}
+
+} // namespace
+
+Outbound::Outbound(const Configuration &configuration, const StoreReader &reader,
+                   const LocalWriter *writer, StateFile &state, std::string origin,
+                   Counters &counters)
+    : configuration_(configuration), reader_(reader), writer_(writer), state_(state),
+      origin_(std::move(origin)), counters_(counters), burst_(configuration.broker.burst_rate)
+{
+}
+
+bool Outbound::refresh(const Buckets &buckets, Clock::time_point now)
+{
+    bool explained = true;
+    for (size_t bucket = 0; bucket < buckets.size(); ++bucket) {
+        if (!buckets[bucket])
+            continue;
+        bool changed = others_[bucket];
+        for (Topic *topic : by_bucket_[bucket])
+            changed |= refresh(*topic, now);
+        explained = explained && changed;
+    }
+    return explained;
+}
+
+void Outbound::scan(Clock::time_point now)
+{
+    ++scan_;
+    others_.reset();
+    (void)reader_.for_each_topic([this, now](const std::string &tag) { look_at(tag, now); });
+    std::vector<Topic *> gone;
+    for (const auto &[tag, topic] : by_tag_)
+        if (topic->scan != scan_)
+            gone.push_back(topic.get());
+    for (Topic *topic : gone)
+        remove(*topic, now);
+}
+
+void Outbound::look_at(const std::string &tag, Clock::time_point now)
+{
+    const auto known = by_tag_.find(tag);
+    Topic *topic = known == by_tag_.end() ? nullptr : known->second.get();
+    if (!topic)
+        if (const OutRule *rule = configuration_.rule_for(tag))
+            topic = add(tag, *rule);
+    if (!topic) {
+        others_.set(kp_hash(tag.c_str()));
+        return;
+    }
+    topic->scan = scan_;
+    (void)refresh(*topic, now);
+}
+
+// Null when another tag stands for the same MQTT topic, as a for a/_ until a scan has seen one go.
+Outbound::Topic *Outbound::add(const std::string &tag, const OutRule &rule)
+{
+    std::string mqtt = to_mqtt_topic(rule.prefix, tag);
+    if (by_mqtt_.contains(mqtt))
+        return nullptr;
+    auto topic = std::make_unique<Topic>();
+    topic->tag = tag;
+    topic->mqtt = std::move(mqtt);
+    topic->rule = &rule;
+    by_mqtt_[topic->mqtt] = topic.get();
+    by_bucket_[kp_hash(tag.c_str())].push_back(topic.get());
+    return (by_tag_[tag] = std::move(topic)).get();
+}
+
+void Outbound::remove(Topic &topic, Clock::time_point now)
+{
+    pending_.mark_change(topic.mqtt, now);
+    by_mqtt_.erase(topic.mqtt);
+    std::erase(by_bucket_[kp_hash(topic.tag.c_str())], &topic);
+    by_tag_.erase(std::string(topic.tag)); // a copy, since the entry holds the name
+}
+
+bool Outbound::refresh(Topic &topic, Clock::time_point now)
+{
+    Sample sample;
+    const ReadOutcome outcome = reader_.read(topic.tag, sample);
+    if (outcome == ReadOutcome::refused && said_.is_new("read " + topic.tag))
+        log(Level::warning, "the topic " + printable(topic.tag) +
+                                " cannot be read: no rights, or not a valid segment");
+    if (outcome != ReadOutcome::read || !take_up(topic, std::move(sample)))
+        return false;
+    const bool was_sent = topic.gate.sent_at() || state_.has(topic.mqtt);
+    if (topic.seen->has_value || was_sent)
+        pending_.mark_change(topic.mqtt, now);
+    return true;
+}
+
+// Says whether something changed that the broker should know.
+bool Outbound::take_up(Topic &topic, Sample sample)
+{
+    const size_t value_hash = std::hash<std::string>{}(sample.value);
+    sample.value.clear();
+    sample.consumers = 0;
+    const Sample *before = topic.seen ? &*topic.seen : nullptr;
+    const bool gone = providers_have_left(sample, before, topic.providers_gone);
+    const uint32_t providers = std::exchange(sample.providers, before ? before->providers : 0);
+    const bool changed = !before || *before != sample || value_hash != topic.value_hash ||
+                         gone != topic.providers_gone;
+    sample.providers = providers;
+    topic.seen = std::move(sample);
+    topic.value_hash = value_hash;
+    topic.providers_gone = gone;
+    return changed;
+}
+
+void Outbound::connected(bool kept, Clock::time_point now)
+{
+    burst_ = TokenBucket(configuration_.broker.burst_rate);
+    if (kept)
+        return;
+    for (const auto &[tag, topic] : by_tag_) {
+        topic->must_send = true;
+        if (topic->seen && topic->seen->has_value)
+            pending_.mark_burst(topic->mqtt, now);
+    }
+    for (const std::string &mqtt : state_.topics())
+        pending_.mark_burst(mqtt, now);
+}
+
+void Outbound::connection_lost(Clock::time_point now)
+{
+    for (const auto &[id, publication] : std::exchange(unacknowledged_, {}))
+        mark_again(publication.topic, now);
+    // What went at QoS 0 since the broker was last surely alive may not have arrived.
+    const auto doubtful = now - std::chrono::seconds(2 * configuration_.broker.keep_alive_s);
+    for (const auto &[tag, topic] : by_tag_)
+        if (topic->rule->qos == 0 && topic->gate.sent_at() > doubtful)
+            mark_again(topic->mqtt, now);
+}
+
+void Outbound::mark_again(const std::string &mqtt, Clock::time_point now)
+{
+    if (const auto live = by_mqtt_.find(mqtt); live != by_mqtt_.end())
+        live->second->must_send = true;
+    pending_.mark_change(mqtt, now);
+}
+
+void Outbound::repeat(const std::string &tag, Clock::time_point now)
+{
+    if (const auto live = by_tag_.find(tag); live != by_tag_.end())
+        mark_again(live->second->mqtt, now);
+}
+
+std::optional<Publication> Outbound::next(Clock::time_point now)
+{
+    take_what_is_due(now);
+    while (true) {
+        const bool from_burst = !pending_.has_change();
+        const auto mqtt = pending_.take(burst_.may_pass(now));
+        if (!mqtt)
+            return {};
+        const auto live = by_mqtt_.find(*mqtt);
+        auto publication =
+            live == by_mqtt_.end() ? clearing(*mqtt) : publication_for(*live->second, now);
+        if (publication && from_burst)
+            burst_.pass();
+        if (publication)
+            return publication;
+    }
+}
+
+void Outbound::take_what_is_due(Clock::time_point now)
+{
+    while (!later_.empty() && later_.begin()->first <= now) {
+        const std::string mqtt = std::move(later_.begin()->second);
+        later_.erase(later_.begin());
+        if (const auto live = by_mqtt_.find(mqtt); live != by_mqtt_.end()) {
+            live->second->is_deferred = false;
+            pending_.mark_change(mqtt, now);
+        }
+    }
+}
+
+std::optional<Publication> Outbound::publication_for(Topic &topic, Clock::time_point now)
+{
+    if (!topic.rule->retain && state_.has(topic.mqtt)) {
+        pending_.mark_change(topic.mqtt,
+                             now); // the value follows the clearing of what was retained
+        return clearing(topic.mqtt);
+    }
+    Sample sample;
+    const ReadOutcome outcome = reader_.read(topic.tag, sample);
+    if (outcome == ReadOutcome::busy)
+        defer(topic, now + kBusyDelay);
+    if (outcome == ReadOutcome::busy || outcome == ReadOutcome::refused)
+        return {};
+    if (outcome != ReadOutcome::read || !sample.has_value)
+        return clearing(topic.mqtt);
+    if (writer_ && writer_->is_own(topic.tag, sample))
+        return {}; // it came from the broker
+    (void)take_up(topic, sample);
+    if (topic.providers_gone)
+        sample.quality = static_cast<uint8_t>(configuration_.quality_when_gone);
+    const auto verdict =
+        topic.must_send ? Gate::Verdict::send : topic.gate.judge(topic.rule->quiet, sample, now);
+    if (verdict == Gate::Verdict::later)
+        defer(topic, topic.gate.due(topic.rule->quiet));
+    if (verdict != Gate::Verdict::send)
+        return {};
+    if (topic.rule->retain)
+        state_.add(topic.mqtt);
+    topic.gate.sent(sample, now);
+    topic.must_send = false;
+    return publication_of(topic, sample);
+}
+
+void Outbound::defer(Topic &topic, Clock::time_point until)
+{
+    if (!std::exchange(topic.is_deferred, true))
+        later_.emplace(until, topic.mqtt);
+}
+
+std::optional<Publication> Outbound::clearing(const std::string &mqtt) const
+{
+    if (!state_.has(mqtt))
+        return {};
+    Publication publication;
+    publication.topic = mqtt;
+    publication.retain = true;
+    publication.properties = {{property::kOrigin, origin_}};
+    return publication;
+}
+
+Publication Outbound::publication_of(const Topic &topic, const Sample &sample) const
+{
+    const OutRule &rule = *topic.rule;
+    Payload payload = make_payload(rule.payload, topic.tag, sample, sample.quality);
+    Publication publication;
+    publication.topic = topic.mqtt;
+    publication.payload = std::move(payload.bytes);
+    publication.qos = rule.qos;
+    publication.retain = rule.retain;
+    publication.content_type = payload.content_type;
+    publication.is_utf8 = payload.is_utf8;
+    publication.expiry_s = rule.expiry_s;
+    publication.properties = describing_properties(sample, sample.quality);
+    publication.properties.emplace_back(property::kOrigin, origin_);
+    return publication;
+}
+
+void Outbound::sent(const Publication &publication, int id)
+{
+    if (id)
+        unacknowledged_[id] = publication;
+    else
+        ++counters_.out;
+}
+
+void Outbound::acknowledged(int id, int reason, Clock::time_point now)
+{
+    const auto found = unacknowledged_.find(id);
+    if (found == unacknowledged_.end())
+        return;
+    const Publication publication = std::move(found->second);
+    unacknowledged_.erase(found);
+    const auto live = by_mqtt_.find(publication.topic);
+    if (reason >= kFirstRefusal) {
+        refused(publication, reason_text(reason));
+        if (reason == kQuotaExceeded && live != by_mqtt_.end()) {
+            live->second->must_send = true;
+            defer(*live->second, now + kQuotaDelay);
+        }
+        return;
+    }
+    ++counters_.out;
+    if (publication.payload.empty() && live == by_mqtt_.end())
+        state_.remove(publication.topic);
+}
+
+void Outbound::refused(const Publication &publication, const std::string &why)
+{
+    ++counters_.refused;
+    const std::string text = "the broker does not take " + publication.topic + ": " + why;
+    if (said_.is_new(text))
+        log(Level::warning, text);
+}
+
+void Outbound::not_sent(const Publication &publication, Clock::time_point now)
+{
+    mark_again(publication.topic, now);
+}
+
+std::optional<Clock::time_point> Outbound::due() const
+{
+    std::optional<Clock::time_point> due;
+    if (!later_.empty())
+        due = later_.begin()->first;
+    if (pending_.has_burst() && !pending_.has_change())
+        due = std::min(due.value_or(Clock::time_point::max()), Clock::now() + kBurstDelay);
+    return due;
+}
+
+milliseconds Outbound::oldest_age(Clock::time_point now) const
+{
+    const auto oldest = pending_.oldest();
+    return oldest ? std::chrono::duration_cast<milliseconds>(now - *oldest) : milliseconds{0};
+}
+
+} // namespace kp::mqtt
