@@ -129,10 +129,8 @@ kp_dict_entry *kp_lookup_head(kp_t *handle, uint32_t bucket)
 
 kp_tag_t *kp_get_tag(kp_t *handle, const char *topic)
 {
-    if (!topic)
-        return nullptr;
-    for (kp_dict_entry *entry = kp_lookup_head(handle, kp_hash(topic)); entry;
-         entry = next_entry(*entry))
+    kp_dict_entry *entry = kp_lookup_head(handle, kp_hash(topic));
+    for (; topic && entry; entry = next_entry(*entry))
         if (entry->tag && std::strcmp(kp_tag_get_topic(entry->tag), topic) == 0)
             return entry->tag;
     return nullptr;
