@@ -1,0 +1,159 @@
+// What the tests of handles, tags and topics stand on: handles that clean up after themselves, the
+// bytes of the two notices, sockets that the test itself holds at both ends of a handle's mesh, and a
+// writer that is none of the handle's tags.
+#pragma once
+
+#include "core/handle.h"
+#include "core/tag.h"
+#include "testing/capture.h"
+#include "testing/faults.h"
+#include "testing/process.h"
+#include "testing/segment_file.h"
+#include "testing/unix_socket.h"
+
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <initializer_list>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kptest {
+
+// The same character `count` times.
+std::string repeated(char character, std::size_t count);
+
+// A change notice of 129 bytes with these buckets' bits.
+std::string write_notice(std::initializer_list<uint32_t> buckets);
+
+// An announcement of 387 bytes, of which the topic fills at most 386; the rest is zero.
+std::string new_tag_notice(const std::string &topic);
+
+// The same as the library receives it.
+const uint8_t *bytes_of(const std::string &notice);
+const kp_write_info *as_write_info(const std::string &notice);
+
+// What a handle's change callback was given. A callback while no recorder exists is ignored.
+class CallbackRecorder {
+  public:
+    struct Call {
+        kp_t *handle;
+        std::string notice;
+        void *user_data;
+    };
+
+    CallbackRecorder();
+    CallbackRecorder(const CallbackRecorder &) = delete;
+    CallbackRecorder &operator=(const CallbackRecorder &) = delete;
+    ~CallbackRecorder();
+
+    // Give this one to kp_new().
+    static int callback(kp_t *handle, const kp_write_info *notice, void *user_data);
+
+    // Runs in each callback, after it was recorded.
+    void on_call(std::function<void(kp_t *, const kp_write_info *)> action);
+
+    std::vector<Call> calls() const;
+    bool wait_for(std::size_t count) const;
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<Call> calls_;
+    std::function<void(kp_t *, const kp_write_info *)> action_;
+};
+
+// A handle whose threads have all started, and that destroys its tags and itself.
+class Handle {
+  public:
+    explicit Handle(const char *name = "self", kp_callback_t callback = CallbackRecorder::callback);
+    Handle(const Handle &) = delete;
+    Handle &operator=(const Handle &) = delete;
+    ~Handle();
+
+    operator kp_t *() const
+    {
+        return handle_;
+    }
+    kp_t *operator->() const
+    {
+        return handle_;
+    }
+    // Destroys it early, and leaves its tags alone.
+    int32_t destroy();
+
+  private:
+    kp_t *handle_;
+};
+
+// A listening socket beside the handles', to which each of them connects. Made before a handle, it
+// is found while the handle starts, so accept() finds the connection waiting.
+class Peer {
+  public:
+    explicit Peer(const std::string &name = "peer");
+    Peer(const Peer &) = delete;
+    Peer &operator=(const Peer &) = delete;
+    ~Peer();
+
+    // The connection on which the next handle receives.
+    UnixSocket accept() const
+    {
+        return listener_.accept();
+    }
+
+  private:
+    std::string path_;
+    UnixSocket listener_;
+};
+
+// A connection on which the test receives what a handle sends; the handle has accepted it.
+UnixSocket listen_to(kp_t *handle);
+
+// Subscribes to a pattern, which takes effect whether there is a store to scan or not.
+void follow(kp_t *handle, const char *pattern);
+
+// Every tag of a handle by its topic, newest first within a bucket.
+std::vector<std::string> topics_of(kp_t *handle);
+
+// The subscriptions of a handle, from the head of each list.
+std::vector<std::string> plain_subscriptions_of(kp_t *handle);
+std::vector<std::string> patterns_of(kp_t *handle);
+
+// The buckets marked in a handle's outgoing notice.
+std::vector<uint32_t> marks_of(kp_t *handle);
+
+// Another process's provider, as far as a segment can tell: declares a topic and writes it without a
+// tag. Every write is newer than the ones before and than any tag's opening.
+class Writer {
+  public:
+    explicit Writer(std::string topic, uint32_t value_type = KP_TYPE_INT32,
+                    uint32_t max_value_size = 4);
+    Writer(const Writer &) = delete;
+    Writer &operator=(const Writer &) = delete;
+    ~Writer();
+
+    void write(int32_t value, uint8_t quality = KP_QUALITY_GOOD);
+
+  private:
+    std::string topic_;
+    kp_shm_t *shm_;
+};
+
+// What the process holds: descriptors, threads, the library's heap blocks and mapped segments.
+class Footprint {
+  public:
+    // Whether it holds just that again.
+    testing::AssertionResult is_restored() const;
+
+  private:
+    std::map<int, std::string> descriptors_ = open_descriptors();
+    int threads_ = thread_count();
+    long blocks_ = live_blocks();
+    int mappings_ = mapping_count();
+};
+
+// The first bytes of a segment's value as a number.
+int32_t stored_int(const std::string &topic);
+
+} // namespace kptest
