@@ -1,0 +1,296 @@
+// The broker goes away, comes back, or does not want us; the device goes on as if nothing were.
+#include "broker.h"
+#include "device.h"
+#include "store_fixture.h"
+#include "testing/process.h"
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+using namespace kptest;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kTopics = 100;
+constexpr int kChanges = 10'000;
+
+std::string topic_of(int change)
+{
+    return "a/" + std::to_string(change % kTopics);
+}
+
+void declare_all(Tags &tags)
+{
+    for (int topic = 0; topic < kTopics; ++topic)
+        tags.declare(topic_of(topic), KP_TYPE_INT32);
+}
+
+// Writes the numbers from `first` to before `end`, in turn to all topics. Returns the time that 99 of
+// 100 writes with their notice stay below.
+std::chrono::nanoseconds write_changes(Tags &tags, int first, int end)
+{
+    std::vector<std::chrono::nanoseconds> times;
+    for (int change = first; change < end; ++change) {
+        const auto start = Clock::now();
+        tags.write(topic_of(change), bytes_of<int32_t>(change));
+        times.push_back(Clock::now() - start);
+    }
+    std::sort(times.begin(), times.end());
+    return times[times.size() * 99 / 100];
+}
+
+std::map<std::string, int> last_values()
+{
+    std::map<std::string, int> values;
+    for (int change = kChanges - kTopics; change < kChanges; ++change)
+        values["p/" + topic_of(change)] = change;
+    return values;
+}
+
+// The messages of each topic that carry its last value, and those values.
+struct Arrived {
+    std::map<std::string, int> times;
+    std::map<std::string, int> values;
+};
+
+Arrived arrived(const std::vector<SeenMessage> &messages)
+{
+    const auto expected = last_values();
+    Arrived result;
+    for (const SeenMessage &message : messages) {
+        const int value = std::stoi(message.payload);
+        result.values[message.topic] = value;
+        result.times[message.topic] += value == expected.at(message.topic);
+    }
+    return result;
+}
+
+bool nothing_waits()
+{
+    return wait_until(
+        [] { return status_number("pending") == 0 && status_number("topics") >= kTopics; });
+}
+
+} // namespace
+
+TEST(BrokerKilled, InTheMiddleOfManyChangesHasEachLastValueOnceAfterwards)
+{
+    Broker broker;
+    Tags tags;
+    declare_all(tags);
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+    (void)write_changes(tags, 0, kChanges / 2);
+    broker.kill();
+    const long before = bridge.memory();
+    (void)write_changes(tags, kChanges / 2, kChanges);
+    ASSERT_TRUE(wait_for_connection(false));
+    const long after = bridge.memory();
+
+    broker.start();
+    Subscriber subscriber(broker.port(), "p/a/#");
+    const Arrived seen = arrived(subscriber.until_quiet(3s));
+
+    EXPECT_EQ(seen.values, last_values());
+    EXPECT_THAT(seen.times, testing::Each(testing::Pair(testing::_, 1)));
+    EXPECT_LT(after - before, 2000) << "KiB";
+}
+
+TEST(BrokerStopped, DelaysNoWriterAndGetsEachLastValueOnceAfterwards)
+{
+    const Broker broker;
+    Tags tags;
+    declare_all(tags);
+    const auto alone = write_changes(tags, 0, 1000);
+    BridgeProgram bridge(broker.port(), kBothWays);
+    Subscriber subscriber(broker.port(), "p/a/#");
+    ASSERT_TRUE(wait_for_connection());
+    ASSERT_TRUE(nothing_waits());
+    broker.signal(SIGSTOP);
+    const long before = bridge.memory();
+    const auto bridged = write_changes(tags, 1000, kChanges);
+    const long after = bridge.memory();
+    (void)subscriber.until_quiet(500ms);
+
+    broker.signal(SIGCONT);
+    const Arrived seen = arrived(subscriber.until_quiet(2s));
+
+    EXPECT_EQ(seen.values, last_values());
+    EXPECT_THAT(seen.times, testing::Each(testing::Pair(testing::_, 1)));
+    EXPECT_LT(after - before, 2000) << "KiB";
+    EXPECT_LT(bridged, alone * 20 + 1ms); // a writer that waited for the broker would take seconds
+}
+
+TEST(BrokerRestarted, ThatHasKeptEverythingGetsOnlyWhatChanged)
+{
+    const Broker broker;
+    Tags tags;
+    tags.declare("a/same");
+    tags.declare("a/changed");
+    tags.write("a/same", "x");
+    tags.write("a/changed", "y");
+    BridgeProgram bridge(broker.port(),
+                         configuration(broker.port(), kBothWays, "keep-alive = 5\n"));
+    ASSERT_TRUE(wait_until([] { return status_number("out") == 2; }));
+    Subscriber subscriber(broker.port(), "p/a/#");
+    (void)subscriber.until_quiet(300ms);
+
+    // Another client of the same name takes the connection over; the broker sends the will.
+    publish(broker.port(), "other", "x", {"-i", "kp-mqtt-dev"});
+    tags.write("a/changed", "z");
+    const auto seen = subscriber.until_quiet(3s);
+
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].payload, "z");
+    EXPECT_THAT(bridge.log(), testing::HasSubstr("the broker has kept what it had"));
+}
+
+TEST(Deletion, MadeWhileAwayIsClearedAfterwards)
+{
+    const Broker broker;
+    const std::string rules = "state-file = \"/run/state\"\n" + std::string(kBothWays);
+    Tags tags;
+    tags.declare("a/stays");
+    tags.declare("a/goes");
+    tags.write("a/stays", "x");
+    tags.write("a/goes", "y");
+    BridgeProgram bridge(broker.port(), rules);
+    ASSERT_TRUE(wait_until([] { return status_number("out") == 2; }));
+    bridge.signal(SIGKILL);
+    EXPECT_EQ(bridge.wait(), 128 + SIGKILL);
+    tags.drop("a/goes");
+    ASSERT_EQ(retained(broker.port(), "p/a/#").size(), 2u);
+
+    bridge.start();
+    Subscriber subscriber(broker.port(), "p/a/#");
+
+    EXPECT_TRUE(wait_until([&] { return retained(broker.port(), "p/a/#").size() == 1; }));
+}
+
+TEST(StateTopic, SaysWhetherTheDeviceIsThere)
+{
+    const Broker broker;
+    Tags tags;
+    tags.declare("a/b");
+    tags.write("a/b", "x");
+    Subscriber subscriber(broker.port(), "p/#");
+    BridgeProgram bridge(broker.port(), kBothWays);
+
+    const auto online = subscriber.next();
+    const auto value = subscriber.next();
+    bridge.signal(SIGKILL);
+    const auto killed = subscriber.next();
+    (void)bridge.wait();
+    bridge.start();
+    const auto again = subscriber.next_on("p/$bridge/state");
+    EXPECT_EQ(bridge.stop(), 0);
+    const auto stopped = subscriber.next_on("p/$bridge/state");
+
+    ASSERT_TRUE(online && value && killed && again && stopped);
+    EXPECT_EQ(online->topic, "p/$bridge/state");
+    EXPECT_EQ(online->payload, "online");
+    EXPECT_EQ(value->topic, "p/a/b");
+    EXPECT_EQ(killed->payload, "offline");
+    EXPECT_EQ(again->payload, "online");
+    EXPECT_EQ(stopped->payload, "offline");
+    EXPECT_EQ(retained(broker.port(), "p/$bridge/state").at("p/$bridge/state").payload, "offline");
+}
+
+TEST(Credentials, ThatAreWrongAreSaidAndTheRightOnesWork)
+{
+    std::ofstream("/run/users") << "";
+    ASSERT_EQ(std::system("mosquitto_passwd -b /run/users dev right 2>/run/passwd.log"), 0);
+    const Broker broker("allow_anonymous false\npassword_file /run/users\n");
+    std::ofstream("/run/secret") << "dev\nwrong\n";
+    ASSERT_EQ(chmod("/run/secret", 0600), 0);
+    BridgeProgram bridge(broker.port(), configuration(broker.port(), kBothWays,
+                                                      "credentials-file = \"/run/secret\"\n"));
+    ASSERT_TRUE(wait_until([&] {
+        return bridge.log().find("the broker refuses the connection: Not authorized") !=
+               std::string::npos;
+    })) << bridge.log();
+    EXPECT_EQ(bridge.stop(), 0);
+
+    std::ofstream("/run/secret") << "dev\nright\n";
+    bridge.start();
+
+    EXPECT_TRUE(wait_for_connection());
+}
+
+TEST(BrokerLimits, OfPacketSizeRefuseOneTopicAndNoOther)
+{
+    const Broker broker("allow_anonymous true\nmax_packet_size 1000\n");
+    Tags tags;
+    tags.declare("a/large");
+    tags.declare("a/small");
+    tags.write("a/large", std::string(2000, 'x'));
+    tags.write("a/small", "y");
+    BridgeProgram bridge(broker.port(), kBothWays);
+
+    EXPECT_TRUE(wait_until([] { return status_number("out") == 1; }));
+    EXPECT_TRUE(wait_until([] { return status_number("refused") >= 1; }));
+    EXPECT_EQ(retained(broker.port(), "p/a/#").size(), 1u);
+}
+
+TEST(BrokerLimits, OfItsQueueLoseNoLastValue)
+{
+    const Broker broker("allow_anonymous true\nmax_queued_messages 1\nmax_inflight_messages 1\n");
+    Tags tags;
+    declare_all(tags);
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+
+    (void)write_changes(tags, 0, kChanges);
+
+    ASSERT_TRUE(nothing_waits());
+    std::map<std::string, int> values; // read at QoS 0, for which the broker's queue has no limit
+    for (const auto &[topic, message] : retained(broker.port(), "p/a/#", {"-q", "0"}))
+        values[topic] = std::stoi(message.payload);
+    EXPECT_EQ(values, last_values());
+}
+
+TEST(Leaving, TakesNoLongWhileTheBrokerIsStopped)
+{
+    const Broker broker;
+    Tags tags;
+    declare_all(tags);
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+    broker.signal(SIGSTOP);
+    (void)write_changes(tags, 0, 200);
+    const auto start = Clock::now();
+
+    EXPECT_EQ(bridge.stop(), 0);
+
+    EXPECT_LT(Clock::now() - start, 5s);
+    broker.signal(SIGCONT);
+}
+
+TEST(LocalPeer, ThatIsStoppedHoldsNothingUpThatGoesOut)
+{
+    const Broker broker;
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+    ChildProcess peer([](Channel &parent) {
+        kp_t *handle = kp_new("stuck", nullptr);
+        (void)parent.tell(handle ? "there" : "failed");
+        (void)parent.hear(std::chrono::minutes(2));
+        return 0;
+    });
+    ASSERT_EQ(peer.hear(), "there");
+    StoreProvider silent("a/value", KP_TYPE_INT32);
+    Subscriber subscriber(broker.port(), "p/a/#");
+    peer.signal(SIGSTOP);
+    publish(broker.port(), "s/c/x", "again", {"--repeat", "3000", "--repeat-delay", "0.0003"});
+
+    silent.write(bytes_of<int32_t>(5), 5);
+
+    EXPECT_TRUE(subscriber.next());
+    peer.signal(SIGCONT);
+}
