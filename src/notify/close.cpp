@@ -103,5 +103,6 @@ int32_t kp_notify_close(kp_notify_t **endpoint_ref)
     close_pipe_end(endpoint.new_server_fds[kWriteEnd]);
     const UniqueFd watch(endpoint.watch_fd);
     (void)sem_destroy(&endpoint.stop_cleared);
+    (void)sem_destroy(&endpoint.watch_tried);
     return 0;
 }

@@ -55,6 +55,7 @@ struct kp_notify_t {
     // From here on nothing is anybody else's business.
     uint32_t senders[kp::kSlotCount]; // threads that are sending on a slot's descriptor
     sem_t stop_cleared;               // posted by the accept thread once it has cleared `stop`
+    sem_t watch_tried;                // posted by the watch thread once it watches, or cannot
     int32_t watch_fd;                 // a directory watch whose thread ended early, else -1
 };
 

@@ -44,10 +44,9 @@ void make_up_name(std::span<char> name)
     }
 }
 
-// Waits until the accept thread has cleared the stop flag: later it could undo a close.
-void wait_until_stop_is_cleared(kp_notify_t &endpoint)
+void wait_for(sem_t &posted)
 {
-    while (sem_wait(&endpoint.stop_cleared) != 0 && errno == EINTR)
+    while (sem_wait(&posted) != 0 && errno == EINTR)
         continue;
 }
 
@@ -92,7 +91,7 @@ bool notify_server_init(kp_notify_t &endpoint)
     store_release(endpoint.client_fds[kListeningSlot], fd.release());
     if (!start_thread(endpoint.connecting_thread, subscriber_connecting_listener, endpoint))
         return false;
-    wait_until_stop_is_cleared(endpoint);
+    wait_for(endpoint.stop_cleared); // cleared later, it could undo a close
     return true;
 }
 
@@ -108,6 +107,7 @@ bool notify_client_init(kp_notify_t &endpoint)
             return false;
         if (!start_thread(endpoint.linkup_thread, publisher_linkup_listener, endpoint))
             return false;
+        wait_for(endpoint.watch_tried); // a socket made between scan and watch would stay unseen
         (void)usleep(kScanDelayUs);
         while (const dirent *entry = dir.next()) {
             if (entry->d_type != DT_SOCK || std::strcmp(entry->d_name, endpoint.name) == 0)
@@ -145,6 +145,7 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
     std::ranges::fill(endpoint->client_fds, kFreeSlot);
     endpoint->watch_fd = -1;
     (void)sem_init(&endpoint->stop_cleared, 0, 0); // cannot fail for these arguments
+    (void)sem_init(&endpoint->watch_tried, 0, 0);
     if (name && *name)
         (void)format_text(endpoint->name, "%s", name);
     else

@@ -58,6 +58,7 @@ void *publisher_linkup_listener(void *arg)
     auto &endpoint = *static_cast<kp_notify_t *>(arg);
     UniqueFd watch(inotify_init1(IN_CLOEXEC)); // a failure shows at the next call
     const int result = inotify_add_watch(watch.get(), kEndpointDirectory, IN_CREATE);
+    (void)sem_post(&endpoint.watch_tried);
     if (result < 0) {
         endpoint.watch_fd = watch.release(); // stays open until the endpoint is closed
         KP_ERROR("add_watch_topic failed (%d)\n", result);
