@@ -651,7 +651,8 @@ KP_API int32_t kp_shm_get_reference_count(const char *topic, uint32_t *providers
  * Opens an endpoint and connects it to all others; name and waits are those of kp_new().
  *
  * `len` is the initial size of the receive buffer in bytes, above 0. `callback` receives each
- * message on the receive thread, with `cb_obj`. Returns the endpoint, or null.
+ * message on the receive thread, with `cb_obj`. Returns the endpoint, or null; errno tells why
+ * unless an argument is wrong.
  */
 KP_API kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callback,
                                    void *cb_obj);

@@ -56,11 +56,13 @@ bool start_thread(pthread_t &thread, void *(*body)(void *), kp_notify_t &endpoin
     (void)sigfillset(&all);
     (void)pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t started{};
-    const bool done = pthread_create(&started, nullptr, body, &endpoint) == 0;
+    const int error = pthread_create(&started, nullptr, body, &endpoint);
     (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (done)
+    if (error == 0)
         thread = started;
-    return done;
+    else
+        errno = error;
+    return error == 0;
 }
 
 std::size_t take_slot(std::span<int32_t> slots, int fd)

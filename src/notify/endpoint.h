@@ -109,7 +109,7 @@ sockaddr_un socket_address(const char *name, LogSite site = LogSite::current());
 bool make_pipe(std::span<int32_t, 2> ends);
 
 // Starts a thread that blocks every signal, so that the application's handlers run on its own
-// threads; stores its handle, or leaves that 0.
+// threads; stores its handle, or leaves that 0 with errno set.
 bool start_thread(pthread_t &thread, void *(*body)(void *), kp_notify_t &endpoint);
 
 inline bool is_stopping(const kp_notify_t &endpoint)

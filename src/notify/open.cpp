@@ -168,11 +168,13 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
 
     kp_notify_t *started = endpoint.release(); // from here on kp_notify_close() cleans up
     if (!notify_server_init(*started)) {
+        const KeepErrno keep;
         (void)kp_notify_close(&started);
         KP_ERROR("init server failed\n");
         return nullptr;
     }
     if (!notify_client_init(*started)) {
+        const KeepErrno keep;
         KP_ERROR("client failed\n");
         (void)kp_notify_close(&started);
         return nullptr;
