@@ -122,7 +122,7 @@ void *subscriber_connecting_listener(void *arg)
     std::array<epoll_event, kSlotCount + 1> room;
     while (!is_stopping(endpoint)) {
         const auto [wait, events] = wait_for_events(acceptor.poll, room);
-        if (wait == Wait::failed)
+        if (!can_go_on(wait))
             break;
         serve_events(acceptor, events);
     }

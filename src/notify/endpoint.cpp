@@ -96,17 +96,21 @@ void remove_interest(const UniqueFd &poll, int fd, LogSite site)
         KP_LOG_AT(KP_LEVEL_ERROR, site, "epoll_ctl(EPOLL_CTL_DEL, %d) failed\n", fd);
 }
 
-ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room, LogSite site)
+ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room)
 {
     const int count = epoll_wait(poll.get(), room.data(), static_cast<int>(room.size()), kDayMs);
     if (count >= 0)
         return {Wait::ready, room.first(static_cast<std::size_t>(count))};
-    if (errno == EINTR || errno == EBADF) {
+    return {errno == EINTR || errno == EBADF ? Wait::interrupted : Wait::failed, {}};
+}
+
+bool can_go_on(Wait wait, LogSite site)
+{
+    if (wait == Wait::interrupted)
         KP_LOG_AT(KP_LEVEL_WARN, site, "epoll_wait interrupted\n");
-        return {Wait::interrupted, {}};
-    }
-    KP_LOG_AT(KP_LEVEL_WARN, site, "epoll_wait failed\n");
-    return {Wait::failed, {}};
+    else if (wait == Wait::failed)
+        KP_LOG_AT(KP_LEVEL_WARN, site, "epoll_wait failed\n");
+    return wait != Wait::failed;
 }
 
 } // namespace kp

@@ -134,8 +134,11 @@ struct ReadyEvents {
     std::span<const epoll_event> events;
 };
 
-// Waits for events, for a day at most; what goes wrong is logged under the caller's name.
-ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room,
-                            LogSite site = LogSite::current());
+// Waits for events, for a day at most.
+ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room);
+
+// Says whether a thread can go on after such a wait; what went wrong is logged under the caller's
+// name.
+bool can_go_on(Wait wait, LogSite site = LogSite::current());
 
 } // namespace kp

@@ -192,7 +192,7 @@ void *message_receive_listener(void *arg)
     std::array<epoll_event, kSlotCount + 2> room;
     while (!is_stopping(endpoint)) {
         const auto [wait, events] = wait_for_events(receiver.poll, room);
-        if (is_stopping(endpoint) || wait == Wait::failed)
+        if (is_stopping(endpoint) || !can_go_on(wait))
             break;
         serve_events(receiver, events);
     }

@@ -75,7 +75,7 @@ void *publisher_linkup_listener(void *arg)
     std::array<epoll_event, 2> room;
     while (!is_stopping(endpoint)) {
         const auto [wait, events] = wait_for_events(poll, room);
-        if (wait == Wait::failed)
+        if (!can_go_on(wait))
             break;
         for (const epoll_event &event : events)
             if (event.data.fd == watch.get())
