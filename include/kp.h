@@ -670,7 +670,7 @@ KP_API int32_t kp_notify_send(kp_notify_t *endpoint, const void *buf, uint32_t l
  */
 KP_API int32_t kp_notify_close(kp_notify_t **endpoint_ref);
 
-/** Replaces the receiver of messages; does nothing for a null endpoint. */
+/** Replaces the receiver of messages; a null one drops them. Does nothing for a null endpoint. */
 KP_API void kp_notify_set_callback(kp_notify_t *endpoint, kp_notify_cb_t callback);
 
 /** @} */

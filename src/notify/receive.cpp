@@ -53,9 +53,11 @@ std::span<uint8_t> body(const kp_notify_t &endpoint, int32_t message_size)
     return std::span(endpoint.msg_buf, static_cast<std::size_t>(message_size)).subspan(1);
 }
 
+// Hands a message to the callback; without one, which the application may set, it is dropped.
 void deliver(const kp_notify_t &endpoint, const void *message, int32_t length)
 {
-    load_acquire(endpoint.callback)(static_cast<const uint8_t *>(message), length, endpoint.cb_obj);
+    if (const kp_notify_cb_t callback = load_acquire(endpoint.callback))
+        callback(static_cast<const uint8_t *>(message), length, endpoint.cb_obj);
 }
 
 // Takes up the connections that were announced, all at once although only one byte is read: the
