@@ -17,6 +17,7 @@
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -318,6 +319,7 @@ SHIM(int, epoll_wait, -1, (int poll, epoll_event *events, int room, int timeout)
      (poll, events, room, timeout))
 SHIM(int, inotify_init1, -1, (int flags), (flags))
 SHIM(int, inotify_add_watch, -1, (int fd, const char *path, uint32_t mask), (fd, path, mask))
+SHIM(ssize_t, getrandom, -1, (void *bytes, size_t count, unsigned flags), (bytes, count, flags))
 SHIM(ssize_t, send, -1, (int fd, const void *bytes, size_t count, int flags),
      (fd, bytes, count, flags))
 SHIM(ssize_t, recv, -1, (int fd, void *bytes, size_t room, int flags), (fd, bytes, room, flags))
