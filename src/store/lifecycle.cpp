@@ -19,11 +19,18 @@ namespace {
 
 // Short, so that a wait ends soon after another open has initialised the semaphore again, which
 // wakes nobody.
-constexpr long kSemaphoreStepNs = 10'000'000;
+constexpr int64_t kSemaphoreStepNs = 10'000'000;
 
-// After this many steps the holder counts as killed. The counts are atomic without the semaphore,
-// so going on is safe and waiting longer would hang every later close of the topic.
-constexpr int kSemaphoreSteps = 100;
+// After this time the holder counts as killed. The counts are atomic without the semaphore, so going
+// on is safe and waiting longer would hang every later close of the topic.
+constexpr int64_t kSemaphorePatienceNs = 1'000'000'000;
+
+int64_t monotonic_ns()
+{
+    timespec now{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
 
 // Holds the segment's semaphore over a scope, or goes on without it when its holder is gone.
 class SemaphoreLock {
@@ -40,27 +47,17 @@ class SemaphoreLock {
     }
 
   private:
+    // The clock ends the wait and not the number of steps, of which signals can cut any short.
     bool wait()
     {
-        for (int step = 0; step < kSemaphoreSteps;) {
-            if (wait_one_step() == 0)
+        const int64_t start = monotonic_ns();
+        for (int64_t now = start; now - start < kSemaphorePatienceNs; now = monotonic_ns()) {
+            const int64_t end = now + kSemaphoreStepNs;
+            const timespec deadline{.tv_sec = end / 1'000'000'000, .tv_nsec = end % 1'000'000'000};
+            if (sem_clockwait(&sem_, CLOCK_MONOTONIC, &deadline) == 0)
                 return true;
-            if (errno != EINTR)
-                ++step;
         }
         return false;
-    }
-
-    int wait_one_step()
-    {
-        timespec deadline{};
-        (void)clock_gettime(CLOCK_MONOTONIC, &deadline);
-        deadline.tv_nsec += kSemaphoreStepNs;
-        if (deadline.tv_nsec >= 1'000'000'000) {
-            deadline.tv_nsec -= 1'000'000'000;
-            ++deadline.tv_sec;
-        }
-        return sem_clockwait(&sem_, CLOCK_MONOTONIC, &deadline);
     }
 
     sem_t &sem_;
