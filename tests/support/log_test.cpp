@@ -25,9 +25,7 @@ std::string said_at_every_level_under(uint32_t user_level)
     return log.text_without_line_numbers();
 }
 
-int evaluations = 0;
-
-int count_evaluation()
+int counted(int &evaluations)
 {
     return ++evaluations;
 }
@@ -136,10 +134,11 @@ TEST_F(UserLevel, AboveOffSilencesEverythingAndIsKept)
 
 TEST_F(UserLevel, KeepsTheArgumentsOfASuppressedMessageFromBeingEvaluated)
 {
+    int evaluations = 0;
     StderrCapture log;
 
-    KP_DEBUG("%d\n", count_evaluation());
-    KP_ERROR("%d\n", count_evaluation());
+    KP_DEBUG("%d\n", counted(evaluations));
+    KP_ERROR("%d\n", counted(evaluations));
 
     EXPECT_EQ(log.lines(), Lines{"ERROR: TestBody: 1"});
 }

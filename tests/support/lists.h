@@ -1,0 +1,58 @@
+// Lists that free themselves, and their elements.
+#pragma once
+
+#include "kp.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+namespace kptest {
+
+struct FreeListOnly {
+    void operator()(kplist *list) const
+    {
+        kplist_free(list, nullptr);
+    }
+};
+
+using List = std::unique_ptr<kplist, FreeListOnly>;
+
+inline char one[] = "1";
+inline char two[] = "2";
+inline char three[] = "3";
+inline char another_two[] = "2";
+
+inline List added(const std::vector<char *> &elements)
+{
+    List list(kplist_new());
+    for (char *element : elements)
+        EXPECT_EQ(kplist_add(list.get(), element), 0);
+    return list;
+}
+
+inline List appended(const std::vector<char *> &elements)
+{
+    List list(kplist_new());
+    for (char *element : elements)
+        EXPECT_EQ(kplist_append(list.get(), element), 0);
+    return list;
+}
+
+// The elements from the head along the forward links.
+inline std::vector<void *> elements_of(const List &list)
+{
+    std::vector<void *> elements;
+    for (const kplist_node *node = list->head; node; node = node->next)
+        elements.push_back(node->data);
+    return elements;
+}
+
+using Elements = std::vector<void *>;
+inline int is_text(const void *key, const void *element)
+{
+    return std::string_view(static_cast<const char *>(key)) == static_cast<const char *>(element);
+}
+
+} // namespace kptest
