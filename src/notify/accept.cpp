@@ -70,7 +70,7 @@ std::size_t accept_peer(const Acceptor &acceptor, std::size_t index, LogSite sit
     if (slot == kSlotCount)
         KP_LOG_AT(KP_LEVEL_WARN, site, "Cannot find free socket in client_fds poll\n");
     else
-        add_interest(acceptor.poll, peer.release(), site);
+        (void)add_interest(acceptor.poll, peer.release(), site);
     return slot;
 }
 
@@ -116,12 +116,12 @@ void *subscriber_connecting_listener(void *arg)
         KP_ERROR("epoll_create1 failed\n");
         return nullptr;
     }
-    add_interest(acceptor.poll, listening_fd);
-    add_interest(acceptor.poll, endpoint.cancel_fds[kReadEnd]);
+    (void)add_interest(acceptor.poll, listening_fd);
+    const int timeout_ms = watch_for_close(endpoint, acceptor.poll);
 
     std::array<epoll_event, kSlotCount + 1> room;
     while (!is_stopping(endpoint)) {
-        const auto [wait, events] = wait_for_events(acceptor.poll, room);
+        const auto [wait, events] = wait_for_events(acceptor.poll, room, timeout_ms);
         if (!can_go_on(wait))
             break;
         serve_events(acceptor, events);

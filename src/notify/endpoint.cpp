@@ -13,6 +13,7 @@ namespace kp {
 namespace {
 
 constexpr int kDayMs = 86'400'000;
+constexpr int kUnwokenMs = 100;
 
 // Moves a pipe's end away from descriptor 0, which a process without standard input gives out.
 bool leave_zero(int32_t &fd)
@@ -81,13 +82,20 @@ std::size_t find_slot(std::span<const int32_t> slots, int fd)
     return slot;
 }
 
-void add_interest(const UniqueFd &poll, int fd, LogSite site)
+bool add_interest(const UniqueFd &poll, int fd, LogSite site)
 {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.fd = fd;
-    if (epoll_ctl(poll.get(), EPOLL_CTL_ADD, fd, &event) != 0)
-        KP_LOG_AT(KP_LEVEL_ERROR, site, "epoll_ctl(EPOLL_CTL_ADD, %d) failed\n", fd);
+    if (epoll_ctl(poll.get(), EPOLL_CTL_ADD, fd, &event) == 0)
+        return true;
+    KP_LOG_AT(KP_LEVEL_ERROR, site, "epoll_ctl(EPOLL_CTL_ADD, %d) failed\n", fd);
+    return false;
+}
+
+int watch_for_close(const kp_notify_t &endpoint, const UniqueFd &poll, LogSite site)
+{
+    return add_interest(poll, endpoint.cancel_fds[kReadEnd], site) ? kDayMs : kUnwokenMs;
 }
 
 void remove_interest(const UniqueFd &poll, int fd, LogSite site)
@@ -96,9 +104,10 @@ void remove_interest(const UniqueFd &poll, int fd, LogSite site)
         KP_LOG_AT(KP_LEVEL_ERROR, site, "epoll_ctl(EPOLL_CTL_DEL, %d) failed\n", fd);
 }
 
-ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room)
+ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room, int timeout_ms)
 {
-    const int count = epoll_wait(poll.get(), room.data(), static_cast<int>(room.size()), kDayMs);
+    const int count =
+        epoll_wait(poll.get(), room.data(), static_cast<int>(room.size()), timeout_ms);
     if (count >= 0)
         return {Wait::ready, room.first(static_cast<std::size_t>(count))};
     return {errno == EINTR || errno == EBADF ? Wait::interrupted : Wait::failed, {}};

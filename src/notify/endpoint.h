@@ -123,8 +123,9 @@ std::size_t take_slot(std::span<int32_t> slots, int fd);
 // The number of the slot that holds a descriptor, or `slots.size()`.
 std::size_t find_slot(std::span<const int32_t> slots, int fd);
 
-// Adds a descriptor to an epoll set; a failure is logged under the caller's name.
-void add_interest(const UniqueFd &poll, int fd, LogSite site = LogSite::current());
+// Adds a descriptor to an epoll set; says whether it is in it now. A failure is logged under the
+// caller's name.
+bool add_interest(const UniqueFd &poll, int fd, LogSite site = LogSite::current());
 void remove_interest(const UniqueFd &poll, int fd, LogSite site = LogSite::current());
 
 enum class Wait { ready, interrupted, failed };
@@ -134,8 +135,13 @@ struct ReadyEvents {
     std::span<const epoll_event> events;
 };
 
-// Waits for events, for a day at most.
-ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room);
+// Adds the pipe that wakes the threads at a close. Gives the most that each wait may last: a day, or
+// so short a time that a thread sees the stop flag by itself when the pipe could not be added.
+int watch_for_close(const kp_notify_t &endpoint, const UniqueFd &poll,
+                    LogSite site = LogSite::current());
+
+// Waits for events.
+ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room, int timeout_ms);
 
 // Says whether a thread can go on after such a wait; what went wrong is logged under the caller's
 // name.

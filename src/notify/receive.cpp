@@ -73,7 +73,7 @@ void take_up_connections(Receiver &receiver, LogSite site)
         if (fd == receiver.shadow[slot] || fd == kFreeSlot)
             continue;
         receiver.shadow[slot] = fd;
-        add_interest(receiver.poll, fd, site);
+        (void)add_interest(receiver.poll, fd, site);
     }
 }
 
@@ -188,12 +188,12 @@ void *message_receive_listener(void *arg)
         KP_ERROR("epoll_create1 failed\n");
         return nullptr;
     }
-    add_interest(receiver.poll, endpoint.cancel_fds[kReadEnd]);
-    add_interest(receiver.poll, endpoint.new_server_fds[kReadEnd]);
+    const int timeout_ms = watch_for_close(endpoint, receiver.poll);
+    (void)add_interest(receiver.poll, endpoint.new_server_fds[kReadEnd]);
 
     std::array<epoll_event, kSlotCount + 2> room;
     while (!is_stopping(endpoint)) {
-        const auto [wait, events] = wait_for_events(receiver.poll, room);
+        const auto [wait, events] = wait_for_events(receiver.poll, room, timeout_ms);
         if (is_stopping(endpoint) || !can_go_on(wait))
             break;
         serve_events(receiver, events);

@@ -69,12 +69,12 @@ void *publisher_linkup_listener(void *arg)
         KP_ERROR("epoll_create1 failed\n");
         return nullptr;
     }
-    add_interest(poll, watch.get());
-    add_interest(poll, endpoint.cancel_fds[kReadEnd]);
+    (void)add_interest(poll, watch.get());
+    const int timeout_ms = watch_for_close(endpoint, poll);
 
     std::array<epoll_event, 2> room;
     while (!is_stopping(endpoint)) {
-        const auto [wait, events] = wait_for_events(poll, room);
+        const auto [wait, events] = wait_for_events(poll, room, timeout_ms);
         if (!can_go_on(wait))
             break;
         for (const epoll_event &event : events)

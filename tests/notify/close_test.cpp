@@ -220,6 +220,18 @@ TEST_F(NotifyClose, EndsWhenTheThreadsDiedLongBefore)
     EXPECT_EQ(log.lines().size(), 3U);
 }
 
+TEST_F(NotifyClose, EndsWhenNoThreadCanBeWoken)
+{
+    StderrCapture log;
+    FailFrom adding(Call::epoll_ctl, 1, ENOMEM);
+    Endpoint endpoint;
+    EXPECT_TRUE(wait_until([&] { return adding.count() == 6; }));
+
+    endpoint.close();
+
+    EXPECT_EQ(log.lines().size(), 6U);
+}
+
 TEST_F(NotifyClose, CanBeFollowedByAnEndpointOfTheSameName)
 {
     Endpoint first;
