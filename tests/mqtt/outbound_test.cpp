@@ -122,6 +122,19 @@ TEST(Outbound, SendsTheNewestOfManyChanges)
     EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=second q=1"));
 }
 
+TEST(Outbound, ReadsATopicThatWaitsOnlyWhenItsTurnComes)
+{
+    StoreProvider provider("a/1");
+    provider.write("first", 1);
+    OutboundOf outbound("");
+    outbound->scan(outbound.now());
+    SegmentFile("a/1").put_u8(at::writing, 1);
+    EXPECT_TRUE(outbound.notice("a/1"));
+    SegmentFile("a/1").put_u8(at::writing, 0);
+
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=first q=1"));
+}
+
 TEST(Outbound, SeesAChangeWithinTheSameMicrosecond)
 {
     StoreProvider provider("a/1");

@@ -100,6 +100,8 @@ void Outbound::remove(Topic &topic, Clock::time_point now)
 
 bool Outbound::refresh(Topic &topic, Clock::time_point now)
 {
+    if (pending_.has(topic.mqtt))
+        return true; // it is read when its turn comes
     Sample sample;
     const ReadOutcome outcome = reader_.read(topic.tag, sample);
     if (outcome == ReadOutcome::refused && said_.is_new("read " + topic.tag))

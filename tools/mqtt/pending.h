@@ -24,6 +24,10 @@ class PendingNames {
     // Takes the name whose turn it is; the burst only where `burst_too` says so.
     std::optional<std::string> take(bool burst_too);
 
+    bool has(const std::string &name) const
+    {
+        return places_.contains(name);
+    }
     bool has_change() const
     {
         return !changes_.empty();
