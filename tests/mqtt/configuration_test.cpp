@@ -198,3 +198,8 @@ TEST(Rules, AreTriedInTheirOrderAndLeaveTheBridgesOwnTagsOut)
     EXPECT_EQ(result.rule_for("b/c/d"), nullptr);
     EXPECT_EQ(result.rule_for("bridge/mqtt/connected"), nullptr);
 }
+
+TEST(Example, IsAGoodConfiguration)
+{
+    EXPECT_THAT(load_configuration(KP_MQTT_EXAMPLE).faults, IsEmpty());
+}
