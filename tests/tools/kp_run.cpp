@@ -202,6 +202,11 @@ std::string store_picture()
     return picture;
 }
 
+int ignore_notice(kp_t *, const kp_write_info *, void *)
+{
+    return 0;
+}
+
 uid_t other_user()
 {
     const pid_t pid = fork();

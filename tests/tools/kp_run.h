@@ -50,6 +50,9 @@ template <typename T> std::string bytes_of(T value)
 // lies in /run/providers.
 std::string store_picture();
 
+// A change callback for handles whose notices do not matter.
+int ignore_notice(kp_t *handle, const kp_write_info *notice, void *user_data);
+
 // A user without rights; 0 when this test cannot become one.
 uid_t other_user();
 

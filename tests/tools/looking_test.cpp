@@ -8,15 +8,6 @@
 
 using namespace kptest;
 
-namespace {
-
-int ignore_notice(kp_t *, const kp_write_info *, void *)
-{
-    return 0;
-}
-
-} // namespace
-
 class Looking : public testing::TestWithParam<std::vector<std::string>> {};
 
 TEST_P(Looking, ChangesNothing)
@@ -38,10 +29,15 @@ TEST_P(Looking, ChangesNothing)
     (void)kp_destroy(handle);
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryCommandThatLooks, Looking,
-                         testing::Values(std::vector<std::string>{"list"},
-                                         std::vector<std::string>{"list", "-l"},
-                                         std::vector<std::string>{"list", "--tree"},
-                                         std::vector<std::string>{"get", "#"},
-                                         std::vector<std::string>{"get", "missing", "-t", "0.1"},
-                                         std::vector<std::string>{"info", "plant/speed"}));
+INSTANTIATE_TEST_SUITE_P(
+    EveryCommandThatLooks, Looking,
+    testing::Values(std::vector<std::string>{"list"}, std::vector<std::string>{"list", "-l"},
+                    std::vector<std::string>{"list", "--tree"},
+                    std::vector<std::string>{"get", "#"},
+                    std::vector<std::string>{"get", "missing", "-t", "0.1"},
+                    std::vector<std::string>{"info", "plant/speed"},
+                    std::vector<std::string>{"dump"}, std::vector<std::string>{"peers"},
+                    std::vector<std::string>{"doctor"}, std::vector<std::string>{"gc", "-n"},
+                    std::vector<std::string>{"hz", "#", "-1", "-w", "0.1"},
+                    std::vector<std::string>{"watch", "#", "-t", "0.2", "--rate", "100"},
+                    std::vector<std::string>{"wait", "plant/speed", "==", "0", "-t", "0.1"}));

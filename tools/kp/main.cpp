@@ -51,6 +51,17 @@ void add_commands(Commands &commands)
     add_get(commands);
     add_set(commands);
     add_info(commands);
+    add_watch(commands);
+    add_wait(commands);
+    add_hz(commands);
+    add_top(commands);
+    add_dump(commands);
+    add_restore(commands);
+    add_rm(commands);
+    add_peers(commands);
+    add_doctor(commands);
+    add_gc(commands);
+    add_bench(commands);
 }
 
 // `kp help` and `kp help COMMAND` are `kp --help` and `kp COMMAND --help`.

@@ -72,6 +72,7 @@ void take_mapping(const char *line, pid_t pid, dev_t device, Mappers &found)
         return;
     Mapper &mapper = mapper_of(found.of_file[{device, inode}], pid);
     ++(access[1] == 'w' ? mapper.writable : mapper.read_only);
+    mapper.is_store = std::strstr(line, "/zu-kp/") != nullptr;
     mapper.deleted = mapper.deleted || std::strstr(line, " (deleted)") != nullptr;
 }
 

@@ -36,7 +36,8 @@ struct Mapper {
     pid_t pid;
     unsigned writable = 0;
     unsigned read_only = 0;
-    bool deleted = false; // the file has been removed since
+    bool deleted = false;  // the file has been removed since
+    bool is_store = false; // the file lies, or lay, in the store
 };
 
 struct Mappers {

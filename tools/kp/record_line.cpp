@@ -111,11 +111,8 @@ std::optional<uint64_t> parse_iso(const std::string &text)
     return static_cast<uint64_t>(seconds) * kUsPerSecond + fraction;
 }
 
-} // namespace
-
-std::optional<Record> parse_record(const std::string &line, ByteStyle style, Problem &problem)
+std::optional<Record> parse_object(const json &object, ByteStyle style, Problem &problem)
 {
-    const json object = json::parse(line, nullptr, false);
     if (!object.is_object()) {
         problem = {kUsage, "not a JSON object"};
         return std::nullopt;
@@ -130,6 +127,27 @@ std::optional<Record> parse_record(const std::string &line, ByteStyle style, Pro
     if (!good)
         return std::nullopt;
     record.value = object.value("value", json());
+    return record;
+}
+
+} // namespace
+
+std::optional<Record> parse_record(const std::string &line, ByteStyle style, Problem &problem)
+{
+    const json object = json::parse(line, nullptr, false);
+    return parse_object(object, style, problem);
+}
+
+std::optional<Record> parse_stored_record(const std::string &line, Problem &problem)
+{
+    const json object = json::parse(line, nullptr, false);
+    auto record = parse_object(object, ByteStyle::hex, problem);
+    if (!record || !take_number(object, "ts", record->write.timestamp, problem) ||
+        !take_number(object, "max", record->write.max, problem) ||
+        !take_number(object, "extra", record->write.extra, problem))
+        return std::nullopt;
+    if (record->write.max == 0U) // of a topic that a one-shot write made
+        record->write.max.reset();
     return record;
 }
 

@@ -15,6 +15,9 @@ struct Record {
 
 std::optional<Record> parse_record(const std::string &line, ByteStyle style, Problem &problem);
 
+// The same with what else a segment holds: its time, maximum and extra information.
+std::optional<Record> parse_stored_record(const std::string &line, Problem &problem);
+
 // The value's bytes for a topic of this type.
 std::optional<std::string> record_bytes(const Record &record, uint32_t type, Problem &problem);
 

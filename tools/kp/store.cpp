@@ -200,4 +200,15 @@ bool TopicOpener::status(const std::string &topic, struct stat &status, Problem 
     return false;
 }
 
+bool TopicOpener::remove(const std::string &topic, Problem &problem)
+{
+    const int directory = directory_of(topic, problem);
+    if (directory < 0)
+        return false;
+    if (unlinkat(directory, name_.c_str(), 0) == 0)
+        return true;
+    problem = topic_problem(topic, errno);
+    return false;
+}
+
 } // namespace kp::tool

@@ -53,6 +53,8 @@ class TopicOpener {
     static Problem not_a_segment(const std::string &topic, const UniqueFd &fd);
     // The file's status without opening it; false with a problem.
     bool status(const std::string &topic, struct stat &status, Problem &problem);
+    // Removes the file; false with a problem.
+    bool remove(const std::string &topic, Problem &problem);
 
   private:
     // Where the topic's file lies, or -1 with a problem; sets `name_` to its name there.

@@ -1,0 +1,287 @@
+// hz, top, bench, the help and what is installed beside the program.
+#include "kp_run.h"
+
+#include "testing/child.h"
+#include "testing/process.h"
+#include "testing/segment_file.h"
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace kptest;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+// Writes a topic at an even pace until it is told to end.
+int write_steadily(Channel &parent)
+{
+    kp_shm_t *shm = kp_shm_new("fast", KP_ROLE_PROVIDER);
+    (void)kp_shm_set_provider_info(shm, KP_TYPE_UINT64, 8, 0);
+    (void)parent.tell("writing");
+    uint64_t stamp = 1'000'000;
+    while (!parent.hear(std::chrono::milliseconds(20))) {
+        stamp += 20'000; // exactly even by its stamps, however late the process runs
+        (void)kp_shm_write(shm, &stamp, sizeof(stamp), stamp, 1, stamp);
+    }
+    (void)kp_shm_destroy(shm, "fast", KP_ROLE_PROVIDER);
+    return 0;
+}
+
+// `kp top` in a terminal of 100 by 20, through a tmux of its own.
+class TopInTerminal {
+  public:
+    explicit TopInTerminal(const std::string &arguments = "")
+        : socket_("/run/tmux-" + std::to_string(getpid()))
+    {
+        tmux({"new-session", "-d", "-x", "100", "-y", "20",
+              "TERM=screen LC_ALL=C.UTF-8 '" KP_PROGRAM "' top --delay 0.1 " + arguments +
+                  "; echo code $?; sleep 60"});
+    }
+    TopInTerminal(const TopInTerminal &) = delete;
+    TopInTerminal &operator=(const TopInTerminal &) = delete;
+    ~TopInTerminal()
+    {
+        tmux({"kill-server"});
+    }
+
+    void type(const std::string &keys) const
+    {
+        tmux({"send-keys", keys});
+    }
+    void resize(const std::string &columns, const std::string &rows) const
+    {
+        tmux({"resize-window", "-x", columns, "-y", rows});
+    }
+    // To the program alone: the terminal's first process is the shell that started it.
+    void signal(int number) const
+    {
+        const std::string shell = tmux({"display-message", "-p", "#{pane_pid}"});
+        const Ran child =
+            run_program({"ps", "-o", "pid=", "--ppid", std::to_string(std::stoi(shell))});
+        (void)kill(std::stoi(child.out), number);
+    }
+    std::string screen() const
+    {
+        return tmux({"capture-pane", "-p"});
+    }
+    // Waits until the screen shows the text; gives the screen.
+    std::string showing(const std::string &text) const
+    {
+        std::string seen;
+        (void)wait_until([&] {
+            seen = screen();
+            return seen.find(text) != std::string::npos;
+        });
+        return seen;
+    }
+
+  private:
+    std::string tmux(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), {"tmux", "-f", "/dev/null", "-S", socket_});
+        return run_program(arguments).out;
+    }
+
+    std::string socket_;
+};
+
+std::string first_lines(const std::string &text, int count)
+{
+    std::size_t end = 0;
+    for (int line = 0; line < count && end != std::string::npos; ++line)
+        end = text.find('\n', end + 1);
+    return text.substr(0, end);
+}
+
+} // namespace
+
+TEST(KpHz, MeasuresRateAndJitterByTheStamps)
+{
+    ChildProcess writer(write_steadily);
+    ASSERT_EQ(writer.hear(), "writing");
+
+    const Ran ran = kp({"hz", "#", "-1", "-j", "-w", "0.5"});
+
+    EXPECT_EQ(ran.code, 0);
+    EXPECT_EQ(
+        filtered(ran.out, {"jq", "-c", "[.topic, .hz, .min_us, .mean_us, .max_us, .jitter_us]"}),
+        "[\"fast\",50,20000,20000,20000,0]\n");
+    (void)writer.tell("end");
+}
+
+TEST(KpHz, PrintsATable)
+{
+    ChildProcess writer(write_steadily);
+    ASSERT_EQ(writer.hear(), "writing");
+
+    EXPECT_THAT(
+        kp({"hz", "fast", "-1", "-w", "0.5"}).out,
+        testing::MatchesRegex("TOPIC +WRITES +HZ +MIN +MEAN +MAX +JITTER +BYTES/S\n"
+                              "fast +[0-9]+ +50.00 +20.0ms +20.0ms +20.0ms +0us +[0-9.]+\n"));
+    (void)writer.tell("end");
+}
+
+TEST(KpHz, HasNothingToSayOfATopicThatRests)
+{
+    put_double("a", 1);
+
+    const Ran ran = kp({"hz", "a", "-1", "-w", "0.05"});
+
+    EXPECT_EQ(ran.out, "TOPIC                               WRITES        HZ       MIN      MEAN "
+                       "      MAX    JITTER   BYTES/S\n");
+    EXPECT_EQ(ran.code, 1);
+}
+
+TEST(KpTop, ShowsTopicsAndFollowsThem)
+{
+    put_double("plant/speed", 21.5);
+    put_text("plant/name", "north");
+    const TopInTerminal top;
+
+    EXPECT_EQ(first_lines(top.showing("plant/speed"), 4),
+              "kp top  2 topics  by topic  (h: help)\n"
+              "TOPIC                          TYPE      VALUE                  QUAL      AGE      "
+              "RATE  PROV  CONS\n"
+              "plant/name                     string    north                     1   future       "
+              "0.0     0     0\n"
+              "plant/speed                    double    21.5                      1   future       "
+              "0.0     0     0");
+    put_double("plant/speed", 22.5);
+    EXPECT_THAT(top.showing("22.5"), HasSubstr("double    22.5"));
+    put_double("plant/third", 1);
+    EXPECT_THAT(top.showing("plant/third"), HasSubstr("kp top  3 topics"));
+}
+
+TEST(KpTop, FiltersSortsFreezesAndHelps)
+{
+    put_double("a/one", 1);
+    put_double("b/two", 2);
+    const TopInTerminal top;
+    ASSERT_THAT(top.showing("b/two"), HasSubstr("a/one"));
+
+    top.type("/");
+    top.type("b/#");
+    top.type("Enter");
+    EXPECT_THAT(top.showing("1 match b/#"), Not(HasSubstr("a/one")));
+    top.type("/");
+    top.type("Enter");
+    ASSERT_THAT(top.showing("a/one"), HasSubstr("b/two"));
+    top.type("r");
+    EXPECT_THAT(top.showing("by topic, reversed"), testing::ContainsRegex("b/two.*\na/one"));
+    top.type("s");
+    EXPECT_THAT(top.showing("by rate"), HasSubstr("a/one"));
+    top.type("h");
+    EXPECT_THAT(top.showing("reverse the order"), Not(HasSubstr("a/one")));
+    top.type("h");
+    top.type("Space");
+    ASSERT_THAT(top.showing("FROZEN"), HasSubstr("a/one"));
+    put_double("c/three", 3);
+    top.type("Space");
+    EXPECT_THAT(top.showing("c/three"), Not(HasSubstr("FROZEN")));
+}
+
+TEST(KpTop, FollowsTheSizeOfItsTerminal)
+{
+    put_double("a", 1);
+    const TopInTerminal top;
+    ASSERT_THAT(top.showing("CONS"), HasSubstr("a  "));
+
+    top.resize("130", "10");
+
+    EXPECT_TRUE(wait_until([&] {
+        return top.screen().find("TOPIC" + std::string(56, ' ') + "TYPE") != std::string::npos;
+    })) << top.screen();
+}
+
+TEST(KpTop, RestoresTheTerminalHoweverItEnds)
+{
+    put_double("a", 1);
+    const TopInTerminal quit;
+    ASSERT_THAT(quit.showing("CONS"), HasSubstr("kp top"));
+    quit.type("q");
+    EXPECT_THAT(quit.showing("code 0"), Not(HasSubstr("CONS")));
+}
+
+TEST(KpTop, RestoresTheTerminalWhenASignalEndsIt)
+{
+    put_double("a", 1);
+    const TopInTerminal top;
+    ASSERT_THAT(top.showing("CONS"), HasSubstr("kp top"));
+
+    top.signal(SIGTERM);
+
+    EXPECT_THAT(top.showing("code 143"), Not(HasSubstr("CONS")));
+}
+
+TEST(KpTop, EscapesWhatCouldSteerTheTerminal)
+{
+    put_text("a\x1b[2J", "x\x1b]0;title\x07");
+    const TopInTerminal top;
+
+    EXPECT_THAT(top.showing("title"), HasSubstr("a\\x1b[2J"));
+}
+
+TEST(KpTop, NeedsATerminal)
+{
+    const Ran ran = kp({"top"});
+
+    EXPECT_EQ(ran.err, "kp: top needs a terminal; watch serves pipes\n");
+    EXPECT_EQ(ran.code, 2);
+}
+
+TEST(KpBench, MeasuresAndLeavesNothingBehind)
+{
+    const Ran ran = kp({"bench", "-t", "0.5", "-j"});
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.code, 0);
+    EXPECT_EQ(filtered(ran.out, {"jq", "-c", "[.name, .per_second > 0, .median_us > 0]"}),
+              "[\"write 8 bytes\",true,true]\n"
+              "[\"read 8 bytes\",true,true]\n"
+              "[\"write 4000 bytes\",true,true]\n"
+              "[\"read 4000 bytes\",true,true]\n"
+              "[\"write, notice, read\",true,true]\n");
+    EXPECT_TRUE(std::filesystem::is_empty("/dev/shm/zu-kp"));
+    EXPECT_TRUE(std::filesystem::is_empty("/run/providers"));
+}
+
+TEST(KpHelp, ExplainsEveryCommand)
+{
+    const Ran all = kp({"help"});
+    const Ran one = kp({"help", "watch"});
+
+    EXPECT_EQ(all.code, 0);
+    EXPECT_THAT(all.out, HasSubstr("128+n signal"));
+    EXPECT_EQ(one.out, kp({"watch", "--help"}).out);
+    EXPECT_THAT(one.out, HasSubstr("--mesh"));
+    EXPECT_EQ(kp({}).code, 2);
+    EXPECT_EQ(kp({"nonsense"}).code, 2);
+    EXPECT_EQ(kp({"--version"}).code, 0);
+}
+
+TEST(KpCompletion, KnowsCommandsAndLiveTopics)
+{
+    put_double("plant/pump/speed", 1);
+    put_double("plant/name", 1);
+    const std::string program = KP_PROGRAM;
+    const auto completed = [&](const std::string &words, int index) {
+        const std::string script =
+            "PATH=" + program.substr(0, program.rfind('/')) +
+            ":$PATH; source '" KP_COMPLETION "'; compopt() { :; }; COMP_WORDS=(" + words +
+            "); COMP_CWORD=" + std::to_string(index) + "; _kp; printf '%s ' \"${COMPREPLY[@]}\"";
+        return run_program({"bash", "-c", script}).out;
+    };
+
+    EXPECT_EQ(completed("kp wa", 1), "watch wait ");
+    EXPECT_EQ(completed("kp get plant/", 2), "plant/name plant/pump/ ");
+    EXPECT_EQ(completed("kp get plant/pump/", 2), "plant/pump/speed ");
+    EXPECT_THAT(completed("kp set --", 2), HasSubstr("--source-time"));
+    EXPECT_EQ(completed("kp set x --type u", 4), "uint8 uint16 uint32 uint64 ");
+}

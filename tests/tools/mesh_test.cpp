@@ -1,0 +1,282 @@
+// peers, gc and doctor: what the tool says of endpoints and topics in trouble.
+#include "kp_run.h"
+
+#include "testing/child.h"
+#include "testing/process.h"
+#include "testing/segment_file.h"
+#include "testing/unix_socket.h"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace kptest;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+// An application with one endpoint and one provided topic, in a process of its own.
+int run_application(Channel &parent)
+{
+    kp_t *handle = kp_new("application", ignore_notice);
+    (void)kp_tag_provider_new(handle, "plant/speed", KP_TYPE_DOUBLE, 8, 0);
+    (void)parent.tell("running");
+    (void)parent.hear();
+    (void)kp_tags_destroy(handle);
+    (void)kp_destroy(handle);
+    return 0;
+}
+
+std::string checks_of(const Ran &doctor)
+{
+    return filtered(doctor.out,
+                    {"jq", "-r", "select(.level != \"note\") | .level + \" \" + .check"});
+}
+
+} // namespace
+
+TEST(KpPeers, FindsNobodyWhereNobodyIs)
+{
+    EXPECT_EQ(kp({"peers"}).code, 1);
+    EXPECT_EQ(kp({"peers"}).out, "");
+}
+
+TEST(KpPeers, ShowsEachEndpointWithItsProcessAndConnections)
+{
+    ChildProcess application(run_application);
+    ASSERT_EQ(application.hear(), "running");
+    kp_t *other = kp_new("other", ignore_notice);
+    const auto connections = [] {
+        return filtered(kp({"peers", "-j"}).out,
+                        {"jq", "-c", "[.name,.state,.connections,.max_connections]"});
+    };
+
+    EXPECT_TRUE(wait_until([&] {
+        return connections() == "[\"application\",\"live\",1,31]\n[\"other\",\"live\",1,31]\n";
+    })) << connections();
+    EXPECT_THAT(kp({"peers"}).out,
+                HasSubstr("application  live   " + std::to_string(application.pid())));
+    (void)kp_destroy(other);
+    (void)application.tell("end");
+}
+
+TEST(KpPeers, TellsDeadSocketsAndForeignFiles)
+{
+    UnixSocket::leave_dead_file("/run/providers/gone");
+    std::ofstream("/run/providers/notes") << "text";
+
+    EXPECT_EQ(filtered(kp({"peers", "-j"}).out, {"jq", "-c", "[.name,.state,.note]"}),
+              "[\"gone\",\"dead\",\"dead: nobody listens (kp gc removes it)\"]\n"
+              "[\"notes\",\"foreign\",\"not a socket\"]\n");
+}
+
+TEST(KpPeers, CountsWhatAStoppedPeerHasNotRead)
+{
+    ChildProcess application(run_application);
+    ASSERT_EQ(application.hear(), "running");
+    kp_t *other = kp_new("other", ignore_notice);
+    const auto unread = [] {
+        return filtered(kp({"peers", "-j"}).out,
+                        {"jq", "-c", "select(.name==\"application\")|[.unread,.stopped]"});
+    };
+    ASSERT_TRUE(wait_until([&] { return unread() == "[0,false]\n"; }));
+    application.signal(SIGSTOP);
+
+    // Ten notices of 129 bytes once the stopped process has connected.
+    ASSERT_TRUE(wait_until([] {
+        return filtered(kp({"peers", "-j"}).out,
+                        {"jq", "-c", "select(.name==\"other\")|.connections"}) == "1\n";
+    }));
+    for (int count = 0; count < 10; ++count)
+        (void)kp_tag_notify(other);
+
+    EXPECT_TRUE(wait_until([&] { return unread() == "[1290,true]\n"; })) << unread();
+    EXPECT_THAT(checks_of(kp({"doctor", "-j"})), HasSubstr("error peer-stopped\n"));
+    application.signal(SIGCONT);
+    (void)kp_destroy(other);
+    (void)application.tell("end");
+}
+
+TEST(KpGc, RemovesSocketsThatRefuseAndLeavesLiveOnesAlone)
+{
+    kp_t *live = kp_new("live", ignore_notice);
+    UnixSocket::leave_dead_file("/run/providers/gone");
+
+    const Ran dry = kp({"gc", "-n"});
+    const bool still_there = exists("/run/providers/gone");
+    const Ran real = kp({"gc"});
+
+    EXPECT_EQ(dry.out,
+              "/run/providers/gone: a socket that refuses connections; would be removed\n");
+    EXPECT_TRUE(still_there);
+    EXPECT_EQ(real.out, "/run/providers/gone: a socket that refuses connections; removed\n");
+    EXPECT_EQ(real.code, 0);
+    EXPECT_FALSE(exists("/run/providers/gone"));
+    EXPECT_TRUE(exists("/run/providers/live"));
+    (void)kp_destroy(live);
+}
+
+TEST(KpGc, RemovesATopicWhoseCountsHaveNoProcess)
+{
+    {
+        ChildProcess killed([](Channel &parent) {
+            (void)kp_shm_new("a", KP_ROLE_PROVIDER);
+            (void)parent.tell("open");
+            (void)parent.hear();
+            return 0;
+        });
+        ASSERT_EQ(killed.hear(), "open");
+        killed.signal(SIGKILL);
+        ASSERT_EQ(killed.wait(), 128 + SIGKILL);
+    }
+    ASSERT_TRUE(SegmentFile("a").exists());
+
+    const Ran dry = kp({"gc", "-n", "--trust-visible"});
+    const bool still_there = SegmentFile("a").exists();
+    const Ran real = kp({"gc", "--trust-visible"});
+
+    EXPECT_EQ(dry.out, "a: counts 1 providers and 0 consumers, 0 are open; would be removed\n");
+    EXPECT_TRUE(still_there);
+    EXPECT_EQ(real.out, "a: counts 1 providers and 0 consumers, 0 are open; removed\n");
+    EXPECT_FALSE(SegmentFile("a").exists());
+}
+
+TEST(KpGc, CorrectsACountOfOneRoleAndKeepsWhatIsOpen)
+{
+    kp_shm_t *shm = kp_shm_new("a", KP_ROLE_CONSUMER);
+    SegmentFile("a").put_u8(at::consumer_refs, 3);
+
+    const Ran ran = kp({"gc", "--trust-visible"});
+
+    EXPECT_EQ(ran.out, "a: counts 0 providers and 3 consumers, 1 are open; corrected\n");
+    EXPECT_EQ(SegmentFile("a").u8(at::consumer_refs), 1);
+    (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
+    EXPECT_FALSE(SegmentFile("a").exists());
+}
+
+TEST(KpGc, LeavesCountsAloneThatItCannotTellApart)
+{
+    kp_shm_t *shm = kp_shm_new("a", KP_ROLE_CONSUMER);
+    SegmentFile("a").put_u8(at::provider_refs, 1);
+
+    const Ran ran = kp({"gc", "--trust-visible"});
+
+    EXPECT_THAT(ran.out, HasSubstr("left alone, since either may be gone\n"));
+    EXPECT_EQ(SegmentFile("a").u16(at::provider_refs), 0x0101);
+    (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
+}
+
+TEST(KpGc, TouchesNothingThatIsInOrder)
+{
+    kp_t *live = kp_new("live", ignore_notice);
+    (void)kp_tag_provider_new(live, "a", KP_TYPE_INT8, 1, 0);
+    put_double("one/shot", 1);
+    const std::string before = store_picture();
+
+    const Ran ran = kp({"gc", "--trust-visible"});
+
+    EXPECT_EQ(ran.out, "");
+    EXPECT_EQ(ran.code, 0);
+    EXPECT_EQ(store_picture(), before);
+    (void)kp_tags_destroy(live);
+    (void)kp_destroy(live);
+}
+
+TEST(KpGc, RemovesOldOrphansAndEmptyDirectoriesWhenAsked)
+{
+    put_double("old/topic", 1);
+    SegmentFile("old/topic").put_u64(at::last_write_ts, 1);
+    put_double("new/topic", 1);
+    std::filesystem::create_directories("/dev/shm/zu-kp/empty");
+
+    const Ran young = kp({"gc", "--orphans", "--trust-visible"});
+    const Ran all = kp({"gc", "--orphans", "--trust-visible", "--older-than", "0"});
+
+    EXPECT_THAT(young.out, AllOf(testing::StartsWith("old/topic: an orphan, written "),
+                                 Not(HasSubstr("new/topic"))));
+    EXPECT_FALSE(SegmentFile("old/topic").exists());
+    EXPECT_THAT(all.out, HasSubstr("empty/: an empty directory; removed\n"));
+    EXPECT_FALSE(exists("/dev/shm/zu-kp/empty"));
+    EXPECT_TRUE(SegmentFile("new/topic").exists()); // written in the future, so never old
+}
+
+TEST(KpGc, ProvesNothingAsAUserWhoSeesHalf)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    put_double("a", 1);
+    SegmentFile("a").put_u8(at::provider_refs, 1);
+
+    const Ran ran = kp({"gc"}, {.uid = user});
+
+    EXPECT_EQ(ran.out, "");
+    EXPECT_EQ(ran.code, 3);
+    EXPECT_EQ(SegmentFile("a").u8(at::provider_refs), 1);
+}
+
+TEST(KpDoctor, FindsNothingWhereAllIsWell)
+{
+    ChildProcess application(run_application);
+    ASSERT_EQ(application.hear(), "running");
+    ASSERT_EQ(chmod("/run/providers", 03775), 0);
+
+    const Ran ran = kp({"doctor"});
+
+    EXPECT_THAT(ran.out, HasSubstr("healthy: 1 topics, 1 endpoints\n"));
+    EXPECT_EQ(ran.code, 0);
+    (void)application.tell("end");
+}
+
+TEST(KpDoctor, FindsEveryKindOfBrokenTopic)
+{
+    put_double("stuck", 1);
+    SegmentFile("stuck").put_u64(at::last_write_ts, 1);
+    SegmentFile("stuck").put_u8(at::writing, 1);
+    put_double("corrupt", 1);
+    SegmentFile("corrupt").put_u64(at::last_write_ts, 1);
+    SegmentFile("corrupt").put_u32(at::value_type, 99);
+    put_double("future", 1);
+    SegmentFile("short").create(3);
+    put_double("odd", 1);
+    SegmentFile("odd").put_u64(at::last_write_ts, 1);
+    SegmentFile("odd").put_u8(at::reserved, 1);
+    std::filesystem::create_directories("/run/providers");
+    ASSERT_EQ(chmod("/run/providers", 03775), 0);
+
+    const Ran ran = kp({"doctor", "-j"});
+
+    EXPECT_EQ(checks_of(ran), "error corrupt\n"
+                              "error not-a-segment\n"
+                              "error writing\n"
+                              "warning future\n"
+                              "warning foreign-layout\n");
+    EXPECT_EQ(ran.code, 1);
+    EXPECT_THAT(kp({"doctor"}).out, HasSubstr("error: stuck: a write has begun and does not end"));
+}
+
+TEST(KpDoctor, FindsDeadEndpointsAndUnsafeDirectories)
+{
+    UnixSocket::leave_dead_file("/run/providers/gone");
+    std::filesystem::create_directories("/dev/shm/zu-kp");
+    ASSERT_EQ(chmod("/run/providers", 0777), 0);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 01777), 0);
+
+    EXPECT_EQ(checks_of(kp({"doctor", "-j"})),
+              "warning store-sticky\nwarning providers-mode\nwarning peer-dead\n");
+}
+
+TEST(KpDoctor, NamesAProcessThatMapsARemovedTopic)
+{
+    kp_shm_t *shm = kp_shm_new("a", KP_ROLE_CONSUMER);
+    SegmentFile("a").remove();
+
+    EXPECT_THAT(kp({"doctor"}).out, HasSubstr("error: " + std::to_string(getpid()) + " test_kp"));
+    (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
+}

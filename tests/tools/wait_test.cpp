@@ -1,0 +1,114 @@
+#include "kp_run.h"
+
+#include "testing/child.h"
+#include "testing/segment_file.h"
+
+#include <chrono>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace kptest;
+
+TEST(KpWait, ComparesNumbersByValue)
+{
+    put_double("a", 9);
+
+    EXPECT_EQ(kp({"wait", "a", "==9.0", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "a", "==", "9", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "a", "<", "10", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "a", ">=", "10", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "a", "!=", "9", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "a", ">", "-9", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "a", "<=", "8", "-t", "0"}).code, 1);
+}
+
+TEST(KpWait, ComparesTextAndBooleans)
+{
+    put_text("text", "on");
+    put("flag", KP_TYPE_BOOLEAN, bytes_of(uint8_t{1}));
+
+    EXPECT_EQ(kp({"wait", "text", "==", "on", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "text", "==", "off", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "flag", "==", "true", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "flag", "==", "off", "-t", "0"}).code, 1);
+}
+
+TEST(KpWait, FindsNotANumberUnequalToAll)
+{
+    put_double("a", std::nan(""));
+
+    EXPECT_EQ(kp({"wait", "a", "==", "nan", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "a", "!=", "1", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "a", "<=", "1", "-t", "0"}).code, 1);
+}
+
+TEST(KpWait, WaitsForAValue)
+{
+    put_double("a", 1);
+    ChildProcess writer([](Channel &) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        put_double("a", 5);
+        return 0;
+    });
+
+    const Ran ran = kp({"wait", "a", "==5", "-t", "20"});
+
+    EXPECT_EQ(ran.out, "");
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.code, 0);
+}
+
+TEST(KpWait, WaitsForATopicToAppear)
+{
+    ChildProcess writer([](Channel &) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        put_double("late", 5);
+        return 0;
+    });
+
+    EXPECT_EQ(kp({"wait", "late", "exists", "-t", "20"}).code, 0);
+}
+
+TEST(KpWait, WaitsForAChange)
+{
+    put_double("a", 1);
+    EXPECT_EQ(kp({"wait", "a", "changes", "-t", "0.05"}).code, 124);
+    ChildProcess writer([](Channel &parent) {
+        (void)parent.hear();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        put_double("a", 2);
+        return 0;
+    });
+
+    (void)writer.tell("go");
+
+    EXPECT_EQ(kp({"wait", "a", "changes", "-t", "20"}).code, 0);
+}
+
+TEST(KpWait, KnowsHowFreshAValueIs)
+{
+    put_double("a", 1);
+    SegmentFile("a").put_u64(at::last_write_ts, kp_shm_get_timestamp_us() - 10'000'000);
+
+    EXPECT_EQ(kp({"wait", "a", "fresh", "5", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "a", "fresh", "1000", "-t", "0"}).code, 0);
+}
+
+TEST(KpWait, GivesUpWithItsOwnCode)
+{
+    put_double("a", 1);
+
+    EXPECT_EQ(kp({"wait", "a", "==", "2", "-t", "0.05"}).code, 124);
+    EXPECT_EQ(kp({"wait", "missing", "exists", "-t", "0.05"}).code, 124);
+}
+
+TEST(KpWait, RefusesWhatCanNeverHold)
+{
+    put("a", KP_TYPE_INT32, bytes_of(int32_t{1}));
+
+    EXPECT_EQ(kp({"wait", "a", "==", "x"}).err, "kp: \"x\" is not int32 in its range\n");
+    EXPECT_EQ(kp({"wait", "a", "~", "1"}).code, 2);
+    EXPECT_EQ(kp({"wait", "a", "fresh", "soon"}).code, 2);
+    EXPECT_EQ(kp({"wait", "a"}).code, 2);
+}

@@ -1,0 +1,186 @@
+#include "kp_run.h"
+
+#include "testing/child.h"
+#include "testing/process.h"
+#include "testing/segment_file.h"
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace kptest;
+
+namespace {
+
+std::vector<std::string> watching(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), {KP_PROGRAM, "watch"});
+    return arguments;
+}
+
+} // namespace
+
+TEST(KpWatch, ShowsWhatIsThereAndThenEachChange)
+{
+    put_double("a/b", 1);
+    ChildProcess watch(watching({"a/#", "--rate", "200"}));
+
+    EXPECT_EQ(watch.hear(), "a/b\t1");
+    put_double("a/b", 2);
+    SegmentFile("a/b").put_u64(at::last_write_ts, 5);
+    EXPECT_EQ(watch.hear(), "a/b\t2");
+}
+
+TEST(KpWatch, FindsNewTopicsAndNewDirectories)
+{
+    put_double("a", 1);
+    ChildProcess watch(watching({"#", "--rate", "200"}));
+    ASSERT_EQ(watch.hear(), "a\t1");
+
+    put_double("x/y/z", 2);
+    EXPECT_EQ(watch.hear(), "x/y/z\t2");
+    put_double("x/y/w", 3);
+    EXPECT_EQ(watch.hear(), "x/y/w\t3");
+}
+
+TEST(KpWatch, FollowsATopicThatIsRemovedAndMadeAnew)
+{
+    put_double("a", 1);
+    ChildProcess watch(watching({"a", "--rate", "200"}));
+    ASSERT_EQ(watch.hear(), "a\t1");
+
+    SegmentFile("a").remove();
+    put_double("a", 2);
+
+    EXPECT_EQ(watch.hear(), "a\t2");
+}
+
+TEST(KpWatch, SurvivesAFileThatIsCutShort)
+{
+    put_double("a", 1);
+    put_double("b", 1);
+    ChildProcess watch(watching({"#", "--rate", "200"}));
+    ASSERT_EQ(watch.hear(), "a\t1");
+    ASSERT_EQ(watch.hear(), "b\t1");
+
+    ASSERT_EQ(truncate(SegmentFile("a").path().c_str(), 0), 0);
+    put_double("b", 2);
+    SegmentFile("b").put_u64(at::last_write_ts, 5);
+
+    EXPECT_EQ(watch.hear(), "b\t2");
+}
+
+TEST(KpWatch, EndsAfterTheWantedNumberOfLines)
+{
+    put_double("a", 1);
+    put_double("b", 2);
+
+    const Ran two = kp({"watch", "#", "-n", "2"});
+    const Ran one = kp({"watch", "#", "-1"});
+
+    EXPECT_EQ(two.out, "a\t1\nb\t2\n");
+    EXPECT_EQ(two.code, 0);
+    EXPECT_EQ(one.out, "a\t1\n");
+}
+
+TEST(KpWatch, EndsWhenItsTimeIsOver)
+{
+    put_double("a", 1);
+
+    EXPECT_EQ(kp({"watch", "a", "-t", "0.05"}).code, 0);
+    EXPECT_EQ(kp({"watch", "a", "-t", "0.05", "-n", "2"}).code, 124);
+    const Ran quiet = kp({"watch", "a", "-t", "0.05", "--no-initial"});
+    EXPECT_EQ(quiet.out, "");
+    EXPECT_EQ(quiet.code, 1);
+}
+
+TEST(KpWatch, PrintsInEveryFormat)
+{
+    put_double("a", 1);
+
+    EXPECT_EQ(kp({"watch", "a", "-1", "-F", "%v"}).out, "1\n");
+    EXPECT_EQ(filtered(kp({"watch", "a", "-1", "-j"}).out, {"jq", "-c", "[.topic,.value]"}),
+              "[\"a\",1]\n");
+    EXPECT_THAT(kp({"watch", "a", "-1", "--format", "csv"}).out,
+                testing::StartsWith("topic,type,value,"));
+}
+
+TEST(KpWatch, SaysWithItsCodeWhichSignalEndedIt)
+{
+    put_double("a", 1);
+    ChildProcess watch(watching({"a"}));
+    ASSERT_EQ(watch.hear(), "a\t1");
+
+    watch.signal(SIGTERM);
+
+    EXPECT_EQ(watch.wait(), 128 + SIGTERM);
+}
+
+TEST(KpWatch, EndsQuietlyWhenItsReaderGoesAwayEvenIfNothingChanges)
+{
+    put_double("a", 1);
+
+    const Ran ran = kp({"watch", "a"}, {.close_output_after = 1});
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.code, 0);
+}
+
+TEST(KpWatch, NeitherJoinsTheMeshNorCounts)
+{
+    put_double("a", 1);
+    std::filesystem::create_directories("/run/providers");
+    const std::string before = store_picture();
+    ChildProcess watch(watching({"#"}));
+    ASSERT_EQ(watch.hear(), "a\t1");
+
+    EXPECT_EQ(store_picture(), before);
+}
+
+TEST(KpWatch, CannotStopAProviderByBeingStopped)
+{
+    kp_t *handle = kp_new("provider", ignore_notice);
+    kp_tag_t *tag = kp_tag_provider_new(handle, "a", KP_TYPE_INT32, 4, 0);
+    int32_t value = 0;
+    (void)kp_tag_write(handle, tag, &value, sizeof(value));
+    ChildProcess watch(watching({"#"}));
+    ASSERT_EQ(watch.hear(), "a\t0");
+    watch.signal(SIGSTOP);
+
+    for (value = 1; value <= 2000; ++value) {
+        (void)kp_tag_write(handle, tag, &value, sizeof(value));
+        (void)kp_tag_notify(handle);
+    }
+
+    EXPECT_EQ(kp({"get", "a"}).out, "2000\n");
+    watch.signal(SIGCONT);
+    EXPECT_EQ(watch.hear(), "a\t2000");
+    (void)kp_tags_destroy(handle);
+    (void)kp_destroy(handle);
+}
+
+TEST(KpWatch, FollowsTheNoticesOfTheMesh)
+{
+    kp_t *handle = kp_new("provider", ignore_notice);
+    kp_tag_t *tag = kp_tag_provider_new(handle, "a", KP_TYPE_INT32, 4, 0);
+    int32_t value = 1;
+    (void)kp_tag_write(handle, tag, &value, sizeof(value));
+    ChildProcess watch(watching({"a", "--mesh"}));
+    ASSERT_EQ(watch.hear(), "a\t1");
+
+    value = 2;
+    (void)kp_tag_write(handle, tag, &value, sizeof(value));
+    (void)kp_tag_notify(handle);
+
+    EXPECT_EQ(watch.hear(), "a\t2");
+    EXPECT_EQ(SegmentFile("a").u8(at::consumer_refs), 0);
+    watch.signal(SIGINT);
+    EXPECT_EQ(watch.wait(), 128 + SIGINT);
+    EXPECT_FALSE(exists("/run/providers/kp-watch-" + std::to_string(watch.pid())));
+    (void)kp_tags_destroy(handle);
+    (void)kp_destroy(handle);
+}

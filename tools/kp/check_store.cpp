@@ -1,0 +1,178 @@
+// The topics: files that are no segments, writes that never ended, counts without owners, times that
+// cannot be.
+#include "escape.h"
+#include "finding.h"
+#include "processes.h"
+#include "segment_view.h"
+#include "time_text.h"
+
+#include <algorithm>
+#include <set>
+#include <sys/stat.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr uint64_t kClockSlackUs = kUsPerSecond;
+constexpr std::size_t kListedLevels = 3; // the library lists no deeper
+constexpr unsigned kManyHandles = 250;   // the counts have 8 bits
+
+// Findings of which every topic would give the same: told once, with an example.
+struct Repeated {
+    std::size_t count = 0;
+    std::string example;
+
+    void add(const std::string &topic)
+    {
+        if (count++ == 0)
+            example = topic;
+    }
+};
+
+class StoreCheck {
+  public:
+    explicit StoreCheck(Findings &findings) : findings_(findings)
+    {
+    }
+
+    std::size_t run()
+    {
+        Selection everything;
+        const StoreListing listing = list_store(everything);
+        for (const Problem &problem : listing.problems)
+            add(Severity::note, "unreadable", "store", problem.text, "sudo kp doctor");
+        struct stat root;
+        if (stat(kStoreRoot, &root) == 0)
+            mappers_ = find_mappers(root.st_dev);
+        for (const StoreFile &file : listing.files)
+            check_topic(file.topic);
+        report_repeated();
+        report_dead_files(listing);
+        return listing.files.size();
+    }
+
+  private:
+    void add(Severity severity, const char *check, const std::string &subject, std::string text,
+             std::string fix)
+    {
+        findings_.push_back({severity, check, subject, std::move(text), std::move(fix)});
+    }
+
+    void check_topic(const std::string &topic)
+    {
+        const std::string name = escaped(topic);
+        struct stat status;
+        Problem problem;
+        if (!opener_.status(topic, status, problem))
+            return;
+        const auto snapshot = read_topic(opener_, topic, problem);
+        if (!snapshot) {
+            if (problem.code == kInvalid)
+                add(Severity::error, "not-a-segment", name, problem.text, "kp rm '" + name + "'");
+            return;
+        }
+        check_condition(name, topic, *snapshot);
+        check_stamps(name, *snapshot);
+        check_counts(name, *snapshot, status);
+        users_.insert(status.st_uid);
+        if (!(status.st_mode & (S_IWGRP | S_IWOTH)))
+            private_.add(name);
+        if (split_levels(topic).size() > kListedLevels)
+            deep_.add(name);
+    }
+
+    void check_condition(const std::string &name, const std::string &topic,
+                         const Snapshot &snapshot)
+    {
+        if (snapshot.condition == Condition::busy)
+            add(Severity::error, "writing", name,
+                "a write has begun and does not end (last write " +
+                    age_text(snapshot.last_write_ts, now_us()) + " ago); nobody can read it",
+                "kp set '" + name + "' VALUE");
+        if (snapshot.condition == Condition::corrupt)
+            add(Severity::error, "corrupt", name, value_problem(topic, snapshot).text,
+                "kp rm '" + name + "'");
+        if (snapshot.reserved_in_use)
+            add(Severity::warning, "foreign-layout", name,
+                "bytes are in use that must be zero: another version or program wrote it", "");
+        if (snapshot.providers > 1)
+            add(Severity::warning, "providers", name,
+                std::to_string(snapshot.providers) + " providers have it open",
+                "kp info '" + name + "'");
+    }
+
+    void check_stamps(const std::string &name, const Snapshot &snapshot)
+    {
+        if (snapshot.last_write_ts > now_us() + kClockSlackUs)
+            add(Severity::warning, "future", name,
+                "was written at " + iso_utc(snapshot.last_write_ts) +
+                    ", which is to come: new values look as if they had been read",
+                "date");
+    }
+
+    void check_counts(const std::string &name, const Snapshot &snapshot, const struct stat &status)
+    {
+        const unsigned counted = static_cast<unsigned>(snapshot.providers) + snapshot.consumers;
+        if (snapshot.providers >= kManyHandles || snapshot.consumers >= kManyHandles)
+            add(Severity::warning, "counts-full", name,
+                "a count of handles is about to wrap at 256", "kp info '" + name + "'");
+        unsigned open = 0;
+        const auto found = mappers_.of_file.find({status.st_dev, status.st_ino});
+        if (found != mappers_.of_file.end())
+            for (const Mapper &mapper : found->second)
+                open += mapper.writable;
+        if (open >= counted)
+            return;
+        const bool is_sure = mappers_.unreadable.empty() && sees_all_processes();
+        add(is_sure ? Severity::warning : Severity::note, "counts", name,
+            std::to_string(counted) + " handles are counted, " + std::to_string(open) +
+                (is_sure ? " are open" : " are open as far as can be seen"),
+            "kp gc");
+    }
+
+    void report_repeated()
+    {
+        if (private_.count > 0 && users_.size() > 1)
+            add(Severity::warning, "umask", private_.example,
+                "and " + std::to_string(private_.count - 1) +
+                    " more can be opened by their owner only, while several users have topics",
+                "systemctl edit UNIT (UMask=0002 and one Group= for all)");
+        if (deep_.count > 0)
+            add(Severity::note, "deep", deep_.example,
+                "and " + std::to_string(deep_.count - 1) +
+                    " more lie deeper than the three levels that the library lists",
+                "");
+    }
+
+    // Processes that still map a topic's file after it was removed see no new value.
+    void report_dead_files(const StoreListing &listing)
+    {
+        std::set<ino_t> alive;
+        for (const StoreFile &file : listing.files)
+            alive.insert(file.inode);
+        std::set<pid_t> told;
+        for (const auto &[id, mappers] : mappers_.of_file)
+            for (const Mapper &mapper : mappers)
+                if (mapper.is_store && mapper.deleted && !alive.contains(id.inode) &&
+                    told.insert(mapper.pid).second)
+                    add(Severity::error, "dead-file", process_text(process_of(mapper.pid)),
+                        "has a topic open whose file was removed, and sees no new values", "");
+    }
+
+    Findings &findings_;
+    TopicOpener opener_;
+    Mappers mappers_;
+    std::set<uid_t> users_;
+    Repeated private_;
+    Repeated deep_;
+};
+
+} // namespace
+
+std::size_t check_store(Findings &findings)
+{
+    return StoreCheck(findings).run();
+}
+
+} // namespace kp::tool

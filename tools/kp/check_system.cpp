@@ -1,0 +1,132 @@
+// The surroundings: directories that the wrong user owns, modes that lock others out, room and limits.
+#include "escape.h"
+#include "finding.h"
+#include "processes.h"
+#include "store/segment.h"
+#include "unix_sockets.h"
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr const char *kSharedMemory = "/dev/shm";
+constexpr rlim_t kFewDescriptors = 256; // 31 peers twice, and what the application needs
+constexpr long kFewInotifyInstances = 64;
+constexpr unsigned kLowPercent = 10;
+
+std::string octal(mode_t mode)
+{
+    std::array<char, 8> out{};
+    (void)std::snprintf(out.data(), out.size(), "%04o", static_cast<unsigned>(mode & 07777));
+    return out.data();
+}
+
+bool is_open_to_all(mode_t mode)
+{
+    return (mode & S_IWOTH) && !(mode & S_ISVTX);
+}
+
+void check_store_directory(Findings &findings)
+{
+    struct stat status;
+    const std::string path = kStoreRoot;
+    if (stat(kStoreRoot, &status) != 0) {
+        findings.push_back(
+            {Severity::note, "store", path, "does not exist: no topic was made yet", ""});
+        return;
+    }
+    if (status.st_uid != 0)
+        findings.push_back({Severity::warning, "store-owner", path,
+                            "belongs to " + user_name(status.st_uid) +
+                                ", at whose logout systemd may remove every topic (RemoveIPC)",
+                            "chown root " + path});
+    if (status.st_mode & S_ISVTX)
+        findings.push_back({Severity::warning, "store-sticky", path,
+                            "has the sticky bit, so users cannot remove each other's topics",
+                            "chmod -t " + path});
+    if (is_open_to_all(status.st_mode))
+        findings.push_back({Severity::warning, "store-mode", path,
+                            "mode " + octal(status.st_mode) + " lets every user remove any topic",
+                            "chmod 2775 " + path});
+}
+
+void check_providers_directory(Findings &findings)
+{
+    struct stat status;
+    const std::string path = kProvidersRoot;
+    if (stat(kProvidersRoot, &status) != 0) {
+        findings.push_back({Severity::note, "providers", path,
+                            "does not exist: only root can start the first endpoint",
+                            "install -d -m 3775 " + path});
+        return;
+    }
+    if (is_open_to_all(status.st_mode))
+        findings.push_back({Severity::warning, "providers-mode", path,
+                            "mode " + octal(status.st_mode) +
+                                " lets every user remove the socket of a live endpoint",
+                            "chmod 3775 " + path});
+    else if (!(status.st_mode & (S_IXGRP | S_IXOTH)))
+        findings.push_back({Severity::warning, "providers-mode", path,
+                            "mode " + octal(status.st_mode) + " keeps all users but " +
+                                user_name(status.st_uid) + " out",
+                            "chmod 3775 " + path});
+}
+
+// Less than a tenth left, in the words of the thing that is short.
+void check_share(Findings &findings, const char *check, unsigned long free, unsigned long all,
+                 const std::string &what, const std::string &fix)
+{
+    if (all == 0 || free >= all / kLowPercent)
+        return;
+    findings.push_back(
+        {free == 0 ? Severity::error : Severity::warning, check, kSharedMemory,
+         std::to_string(free) + " of " + std::to_string(all) + " " + what + " are free", fix});
+}
+
+void check_room(Findings &findings)
+{
+    struct statvfs room;
+    if (statvfs(kSharedMemory, &room) != 0) {
+        findings.push_back({Severity::error, "tmpfs", kSharedMemory, "does not exist",
+                            "mount -t tmpfs tmpfs /dev/shm"});
+        return;
+    }
+    check_share(findings, "tmpfs-size", room.f_bavail, room.f_blocks, "pages (one for each topic)",
+                "mount -o remount,size=128M /dev/shm");
+    check_share(findings, "tmpfs-inodes", room.f_favail, room.f_files, "inodes",
+                "mount -o remount,nr_inodes=100k /dev/shm");
+}
+
+void check_limits(Findings &findings)
+{
+    rlimit descriptors{};
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0 && descriptors.rlim_cur < kFewDescriptors)
+        findings.push_back({Severity::warning, "descriptors", "ulimit -n",
+                            std::to_string(descriptors.rlim_cur) + " open files are few for a mesh",
+                            "ulimit -n 1024"});
+    long instances = kFewInotifyInstances;
+    std::ifstream("/proc/sys/fs/inotify/max_user_instances") >> instances;
+    if (instances < kFewInotifyInstances)
+        findings.push_back({Severity::warning, "inotify", "fs.inotify.max_user_instances",
+                            std::to_string(instances) + " for each user; every endpoint takes one",
+                            "sysctl fs.inotify.max_user_instances=128"});
+}
+
+} // namespace
+
+void check_system(Findings &findings)
+{
+    check_store_directory(findings);
+    check_providers_directory(findings);
+    check_room(findings);
+    check_limits(findings);
+}
+
+} // namespace kp::tool

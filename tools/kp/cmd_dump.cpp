@@ -1,0 +1,143 @@
+// kp dump and kp restore: the store as JSON lines and back, exact to the bit.
+#include "commands.h"
+#include "escape.h"
+#include "mesh.h"
+#include "output.h"
+#include "record_line.h"
+#include "row_format.h"
+#include "selection_options.h"
+
+#include <fstream>
+#include <iostream>
+
+namespace kp::tool {
+
+namespace {
+
+struct RestoreOptions {
+    std::string file = "-";
+    double peer_wait = 0.3;
+    bool force = false;
+    bool now = false;
+};
+
+int run_dump(const SelectionOptions &options)
+{
+    Problem problem;
+    Selection selection;
+    if (!selection.set(options.wanted, options.excluded, problem))
+        return complain(problem);
+    Outcome outcome;
+    const StoreListing listing = list_store(selection);
+    for (const Problem &trouble : listing.problems)
+        outcome.note(trouble);
+    TopicOpener opener;
+    std::size_t printed = 0;
+    for (const StoreFile &file : listing.files) {
+        Problem trouble;
+        const auto snapshot = read_topic(opener, file.topic, trouble);
+        const bool broken = snapshot && (snapshot->condition == Condition::busy ||
+                                         snapshot->condition == Condition::corrupt);
+        if (broken)
+            trouble = value_problem(file.topic, *snapshot);
+        if (!snapshot || broken) {
+            if (trouble.code != kNothing) // one that has just been removed is no trouble
+                outcome.note(trouble);
+            continue;
+        }
+        if (snapshot->condition == Condition::undeclared)
+            continue; // holds nothing yet, and its provider will declare it
+        auto object = row_json({file.topic, *snapshot}, ByteStyle::hex);
+        if (snapshot->condition == Condition::value)
+            object["value_b64"] = to_base64(snapshot->bytes);
+        output().write(json_line(object));
+        ++printed;
+    }
+    if (printed == 0)
+        outcome.note(kNothing);
+    return outcome.code();
+}
+
+// Says whether the line's topic was stored; a line without a value only declares.
+bool restore_line(const std::string &line, const RestoreOptions &options, NoticeSender &sender,
+                  Problem &problem)
+{
+    auto record = parse_stored_record(line, problem);
+    if (!record)
+        return false;
+    record->write.change_type = options.force;
+    if (options.now)
+        record->write.timestamp.reset();
+    const auto target = find_target(record->write, problem);
+    if (!target)
+        return false;
+    std::optional<std::string> bytes;
+    if (record->bytes || !record->value.is_null()) {
+        bytes = record_bytes(*record, target->type, problem);
+        if (!bytes)
+            return false;
+    }
+    if (!store_value(record->write, *target, bytes, problem))
+        return false;
+    if (bytes || target->is_new)
+        sender.mark(record->write.topic, target->is_new);
+    return true;
+}
+
+int restore_from(std::istream &input, const RestoreOptions &options)
+{
+    Outcome outcome;
+    NoticeSender sender;
+    Problem problem;
+    std::string line;
+    for (std::size_t number = 1; std::getline(input, line); ++number) {
+        if (line.find_first_not_of(" \t\r") == std::string::npos ||
+            restore_line(line, options, sender, problem))
+            continue;
+        problem.text = "line " + std::to_string(number) + ": " + problem.text;
+        outcome.note(problem);
+    }
+    if (!sender.send(static_cast<uint64_t>(options.peer_wait * 1e6), problem))
+        outcome.note(problem);
+    return outcome.code();
+}
+
+int run_restore(const RestoreOptions &options)
+{
+    if (options.file == "-")
+        return restore_from(std::cin, options);
+    errno = 0;
+    std::ifstream file(options.file);
+    if (!file)
+        return complain(system_problem(escaped(options.file), errno));
+    return restore_from(file, options);
+}
+
+} // namespace
+
+void add_dump(Commands &commands)
+{
+    const auto options = std::make_shared<SelectionOptions>();
+    CLI::App &command = commands.add("dump", "print topics as JSON lines that restore takes back",
+                                     [options] { return run_dump(*options); });
+    add_selection(command, *options);
+}
+
+void add_restore(Commands &commands)
+{
+    const auto options = std::make_shared<RestoreOptions>();
+    CLI::App &command =
+        commands.add("restore", "write what dump printed, with its times and qualities",
+                     [options] { return run_restore(*options); });
+    command.add_option("file", options->file, "the file; standard input unless given")
+        ->type_name("FILE");
+    command.add_flag("--force", options->force, "change the type of topics that exist");
+    command.add_flag("--now", options->now,
+                     "written now instead of at the times of the dump, which readers that are "
+                     "running take for seen");
+    command.add_option("--peer-wait", options->peer_wait, "how long to wait for peers to connect")
+        ->type_name("SEC")
+        ->check(CLI::Range(0.0, 60.0));
+}
+
+} // namespace kp::tool

@@ -1,0 +1,239 @@
+// kp gc: removes or corrects what is provably dead, and shows what it does.
+#include "commands.h"
+#include "endpoints.h"
+#include "escape.h"
+#include "output.h"
+#include "segment_view.h"
+#include "time_text.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace kp::tool {
+
+namespace {
+
+struct CollectOptions {
+    bool dry_run = false;
+    bool orphans = false;
+    bool trust_visible = false;
+    double older_than = 60;
+};
+
+class Collector {
+  public:
+    explicit Collector(const CollectOptions &options) : options_(options)
+    {
+    }
+
+    int run()
+    {
+        collect_sockets();
+        Selection everything;
+        const StoreListing listing = list_store(everything);
+        for (const Problem &problem : listing.problems)
+            outcome_.note(problem);
+        for (const StoreFile &file : listing.files)
+            collect_topic(file.topic);
+        if (options_.orphans)
+            for (auto directory = listing.directories.rbegin();
+                 directory != listing.directories.rend(); ++directory)
+                collect_directory(*directory);
+        return outcome_.code();
+    }
+
+  private:
+    // Prints the finding; says whether to act on it.
+    bool acts_on(const std::string &what, const std::string &finding, const std::string &deed)
+    {
+        output().line(escaped(what) + ": " + finding + "; " +
+                      (options_.dry_run ? "would be " : "") + deed);
+        (void)output().flush();
+        return !options_.dry_run;
+    }
+
+    void note_failure(const std::string &what)
+    {
+        outcome_.note(system_problem(escaped(what), errno));
+    }
+
+    void collect_sockets()
+    {
+        for (const Endpoint &endpoint : look_at_mesh().endpoints) {
+            const std::string path = std::string(kProvidersRoot) + "/" + endpoint.file.name;
+            if (endpoint.liveness == Liveness::live || endpoint.liveness == Liveness::foreign ||
+                !refuses_connections(endpoint.file.name))
+                continue;
+            if (acts_on(path, "a socket that refuses connections", "removed") &&
+                unlink(path.c_str()) != 0 && errno != ENOENT)
+                note_failure(path);
+        }
+    }
+
+    // Whether nobody out of sight can have a topic open.
+    bool sees_everybody(const Mappers &mappers)
+    {
+        if (options_.trust_visible || (mappers.unreadable.empty() && sees_all_processes()))
+            return true;
+        if (!told_blindness_)
+            outcome_.note(Problem{kPermission,
+                                  "not every process can be seen, so counts are left alone: run "
+                                  "as root outside containers, or with --trust-visible"});
+        told_blindness_ = true;
+        return false;
+    }
+
+    void collect_topic(const std::string &topic)
+    {
+        TopicOpener opener;
+        struct stat status;
+        Problem problem;
+        if (!opener.status(topic, status, problem) || !is_segment_file(status, topic, problem)) {
+            if (problem.code != kNothing)
+                outcome_.note(problem);
+            return;
+        }
+        const auto snapshot = read_topic(opener, topic, problem);
+        if (!snapshot)
+            return;
+        const unsigned counted = static_cast<unsigned>(snapshot->providers) + snapshot->consumers;
+        if (counted == 0 && !options_.orphans)
+            return;
+        // Looked up for each such topic, so that the proof is as fresh as can be.
+        const Mappers mappers = find_mappers(status.st_dev);
+        const auto found = mappers.of_file.find({status.st_dev, status.st_ino});
+        unsigned open = 0;
+        if (found != mappers.of_file.end())
+            for (const Mapper &mapper : found->second)
+                open += mapper.writable;
+        const bool is_mapped = found != mappers.of_file.end();
+        if (counted == 0)
+            collect_orphan(topic, *snapshot, is_mapped, mappers);
+        else if (open < counted && sees_everybody(mappers))
+            correct(topic, *snapshot, open, is_mapped);
+    }
+
+    // A topic that only one-shot writes touched: nobody counts it, so nobody will ever remove it.
+    void collect_orphan(const std::string &topic, const Snapshot &snapshot, bool is_mapped,
+                        const Mappers &mappers)
+    {
+        const auto age = static_cast<uint64_t>(options_.older_than * 1e6);
+        if (is_mapped || snapshot.last_write_ts + age > now_us() || !sees_everybody(mappers))
+            return;
+        if (acts_on(topic,
+                    "an orphan, written " + age_text(snapshot.last_write_ts, now_us()) + " ago",
+                    "removed"))
+            remove(topic);
+    }
+
+    void remove(const std::string &topic)
+    {
+        TopicOpener opener;
+        Problem problem;
+        if (!opener.remove(topic, problem))
+            outcome_.note(problem);
+    }
+
+    // Nobody left: the counts go to 0 and the file goes with them. Some left: only a count of one
+    // role alone tells whose handles are gone.
+    void correct(const std::string &topic, const Snapshot &snapshot, unsigned open, bool is_mapped)
+    {
+        const ReferenceCounts counted{snapshot.providers, snapshot.consumers};
+        const std::string finding = "counts " + std::to_string(counted.providers) +
+                                    " providers and " + std::to_string(counted.consumers) +
+                                    " consumers, " + std::to_string(open) + " are open";
+        ReferenceCounts right{};
+        if (open > 0 && counted.providers > 0 && counted.consumers > 0) {
+            output().line(escaped(topic) + ": " + finding +
+                          "; left alone, since either may be gone");
+            return;
+        }
+        if (open > 0)
+            (counted.providers > 0 ? right.providers : right.consumers) =
+                static_cast<uint8_t>(open);
+        const bool dead = !is_mapped;
+        if (acts_on(topic, finding, dead ? "removed" : "corrected") &&
+            replace_counts(topic, counted, right) && dead)
+            close_last_handle(topic);
+    }
+
+    // Changes the counts unless they have changed since the look.
+    bool replace_counts(const std::string &topic, ReferenceCounts counted, ReferenceCounts right)
+    {
+        const std::string path = std::string(kStoreRoot) + "/" + topic;
+        const UniqueFd fd(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+        Segment *segment = fd ? map_for_counts(fd) : nullptr;
+        if (!segment) {
+            note_failure(topic);
+            return false;
+        }
+        const bool replaced = replace_if(segment->refs, counted, right);
+        (void)munmap(segment, kSegmentSize);
+        return replaced;
+    }
+
+    static Segment *map_for_counts(const UniqueFd &fd)
+    {
+        void *memory = mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+        return memory == MAP_FAILED ? nullptr : static_cast<Segment *>(memory);
+    }
+
+    // Opening and closing through the library removes the file by the library's own rule: only if
+    // nobody has opened it meanwhile.
+    static void close_last_handle(const std::string &topic)
+    {
+        if (kp_shm_t *shm = kp_shm_new(topic.c_str(), KP_ROLE_CONSUMER))
+            (void)kp_shm_destroy(shm, topic.c_str(), KP_ROLE_CONSUMER);
+    }
+
+    // An empty directory that is nobody's in particular: like its parent in owner, group and mode.
+    void collect_directory(const std::string &directory)
+    {
+        if (directory.empty())
+            return;
+        const std::string path = std::string(kStoreRoot) + "/" + directory;
+        const std::string parent = path.substr(0, path.rfind('/'));
+        struct stat own;
+        struct stat above;
+        if (lstat(path.c_str(), &own) != 0 || lstat(parent.c_str(), &above) != 0 ||
+            own.st_nlink > 2 || own.st_uid != above.st_uid || own.st_gid != above.st_gid ||
+            own.st_mode != above.st_mode)
+            return;
+        const auto changed = static_cast<uint64_t>(own.st_mtim.tv_sec) * kUsPerSecond;
+        const auto age = static_cast<uint64_t>(options_.older_than * 1e6);
+        Problem problem;
+        const auto entries = list_directory(directory, problem);
+        if (changed + age > now_us() || !entries || !entries->files.empty())
+            return;
+        if (acts_on(directory + "/", "an empty directory", "removed") && rmdir(path.c_str()) != 0 &&
+            errno != ENOTEMPTY && errno != ENOENT)
+            note_failure(directory);
+    }
+
+    const CollectOptions &options_;
+    Outcome outcome_;
+    bool told_blindness_ = false;
+};
+
+} // namespace
+
+void add_gc(Commands &commands)
+{
+    const auto options = std::make_shared<CollectOptions>();
+    CLI::App &command = commands.add("gc", "remove what is provably dead and correct dead counts",
+                                     [options] { return Collector(*options).run(); });
+    command.add_flag("-n,--dry-run", options->dry_run, "only show what would be done");
+    command.add_flag("--orphans", options->orphans,
+                     "also topics that only one-shot writes touched, and empty directories");
+    command
+        .add_option("--older-than", options->older_than,
+                    "orphans not touched for so long; 60 unless given")
+        ->type_name("SEC")
+        ->check(CLI::Range(0.0, 1e9));
+    command.add_flag("--trust-visible", options->trust_visible,
+                     "take the processes that can be seen for all there are");
+}
+
+} // namespace kp::tool

@@ -1,0 +1,203 @@
+// kp wait: ends when a condition on one topic holds.
+#include "commands.h"
+#include "escape.h"
+#include "row_format.h"
+#include "stop.h"
+
+#include <charconv>
+#include <limits>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr uint64_t kPollUs = 10'000;
+
+enum class Test { equal, unequal, less, at_most, more, at_least, changes, exists, fresh };
+
+struct WaitOptions {
+    std::string topic;
+    std::vector<std::string> condition;
+    double timeout = -1;
+};
+
+struct Wanted {
+    Test test = Test::exists;
+    std::string operand;
+    uint64_t age_us = 0;
+};
+
+// "==5" and "== 5" alike; longer signs come first.
+std::optional<Wanted> comparison(const std::string &first, const std::vector<std::string> &rest)
+{
+    const std::array<std::pair<std::string_view, Test>, 7> signs = {{{"==", Test::equal},
+                                                                     {"!=", Test::unequal},
+                                                                     {"<=", Test::at_most},
+                                                                     {">=", Test::at_least},
+                                                                     {"<", Test::less},
+                                                                     {">", Test::more},
+                                                                     {"=", Test::equal}}};
+    for (const auto &[sign, test] : signs) {
+        if (!first.starts_with(sign))
+            continue;
+        const std::string glued = first.substr(sign.size());
+        if (glued.empty() ? rest.size() != 1 : !rest.empty())
+            return std::nullopt;
+        return Wanted{test, glued.empty() ? rest.front() : glued, 0};
+    }
+    return std::nullopt;
+}
+
+std::optional<Wanted> freshness(const std::vector<std::string> &rest)
+{
+    double seconds = 0;
+    if (rest.size() != 1)
+        return std::nullopt;
+    const char *end = rest[0].data() + rest[0].size();
+    const auto result = std::from_chars(rest[0].data(), end, seconds);
+    if (result.ec != std::errc() || result.ptr != end || !(seconds >= 0 && seconds < 1e9))
+        return std::nullopt;
+    return Wanted{Test::fresh, "", static_cast<uint64_t>(seconds * 1e6)};
+}
+
+std::optional<Wanted> parse_condition(const std::vector<std::string> &words)
+{
+    const std::vector<std::string> rest(words.begin() + 1, words.end());
+    if (words[0] == "fresh")
+        return freshness(rest);
+    if (words[0] == "changes" && rest.empty())
+        return Wanted{Test::changes, "", 0};
+    if (words[0] == "exists" && rest.empty())
+        return Wanted{Test::exists, "", 0};
+    return comparison(words[0], rest);
+}
+
+bool holds(Test test, std::optional<int> order)
+{
+    switch (test) {
+    case Test::equal:
+        return order == 0;
+    case Test::unequal:
+        return order != 0;
+    case Test::less:
+        return order && *order < 0;
+    case Test::at_most:
+        return order && *order <= 0;
+    case Test::more:
+        return order && *order > 0;
+    default:
+        return order && *order >= 0;
+    }
+}
+
+bool same_write(const Snapshot &a, const Snapshot &b)
+{
+    return a.last_write_ts == b.last_write_ts && a.source_ts == b.source_ts &&
+           a.quality == b.quality && a.flags == b.flags && a.bytes == b.bytes;
+}
+
+class Waiting {
+  public:
+    Waiting(std::string topic, Wanted wanted) : topic_(std::move(topic)), wanted_(std::move(wanted))
+    {
+    }
+
+    // Whether the condition holds now; nothing with a problem when it never can.
+    std::optional<bool> is_met(Problem &problem)
+    {
+        TopicOpener opener;
+        Problem missing;
+        const auto snapshot = read_topic(opener, topic_, missing);
+        if (!snapshot && missing.code == kPermission) {
+            problem = missing;
+            return std::nullopt;
+        }
+        if (wanted_.test == Test::exists)
+            return snapshot.has_value();
+        if (wanted_.test == Test::changes)
+            return has_changed(snapshot);
+        if (!snapshot || snapshot->condition != Condition::value)
+            return false;
+        if (wanted_.test == Test::fresh)
+            return snapshot->last_write_ts + wanted_.age_us >= now_us();
+        const auto operand = parse_value(snapshot->type, wanted_.operand, ByteStyle::hex, problem);
+        if (!operand)
+            return std::nullopt;
+        return holds(wanted_.test, compare_values(snapshot->type, snapshot->bytes, *operand));
+    }
+
+  private:
+    bool has_changed(const std::optional<Snapshot> &now)
+    {
+        if (now && now->condition != Condition::value && now->condition != Condition::empty)
+            return false; // in the middle of a write
+        if (!has_looked_) {
+            has_looked_ = true;
+            before_ = now;
+            return false;
+        }
+        const bool had_value = before_ && before_->condition == Condition::value;
+        const bool has_value = now && now->condition == Condition::value;
+        return has_value && (!had_value || !same_write(*before_, *now));
+    }
+
+    std::string topic_;
+    Wanted wanted_;
+    bool has_looked_ = false;
+    std::optional<Snapshot> before_;
+};
+
+int run_wait(const WaitOptions &options)
+{
+    Problem problem;
+    const auto topic = normal_topic(options.topic, problem);
+    if (!topic)
+        return complain(problem);
+    const auto wanted = parse_condition(options.condition);
+    if (!wanted)
+        return complain(Problem{
+            kUsage, "a condition is == != < <= > >= with a value, changes, exists or fresh SEC"});
+
+    catch_stop_signals();
+    const uint64_t end = options.timeout < 0
+                             ? std::numeric_limits<uint64_t>::max()
+                             : monotonic_us() + static_cast<uint64_t>(options.timeout * 1e6);
+    Waiting waiting(*topic, *wanted);
+    for (;;) {
+        const auto met = waiting.is_met(problem);
+        if (!met)
+            return complain(problem);
+        if (*met)
+            return kDone;
+        if (options.timeout == 0)
+            return kNothing;
+        if (monotonic_us() >= end)
+            return kTimeout;
+        if (!wait_until(std::min(end, monotonic_us() + kPollUs)))
+            return kDone; // replaced by what stopped the program
+    }
+}
+
+} // namespace
+
+void add_wait(Commands &commands)
+{
+    const auto options = std::make_shared<WaitOptions>();
+    CLI::App &command = commands.add("wait", "wait until a condition on a topic holds",
+                                     [options] { return run_wait(*options); });
+    command.add_option("topic", options->topic, "the topic")->type_name("TOPIC")->required();
+    command
+        .add_option("condition", options->condition,
+                    "== != < <= > >= VALUE, changes, exists, or fresh SEC (written at most so long "
+                    "ago)")
+        ->type_name("CONDITION")
+        ->required();
+    command
+        .add_option(
+            "-t,--timeout", options->timeout,
+            "give up after so long, with code 124; 0 only tests, with code 1 when it is false")
+        ->type_name("SEC")
+        ->check(CLI::Range(0.0, 1e9));
+}
+
+} // namespace kp::tool

@@ -1,0 +1,153 @@
+// kp watch: a line for each change, by sampling or, asked to, on the notices of the mesh.
+#include "commands.h"
+#include "live_store.h"
+#include "notice_queue.h"
+#include "output.h"
+#include "row_format.h"
+#include "selection_options.h"
+#include "stop.h"
+
+#include <limits>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr uint64_t kMeshRefreshUs =
+    kUsPerSecond; // new topics whose provider does not announce them
+
+struct WatchOptions {
+    SelectionOptions selection;
+    FormatOptions format;
+    double rate = 10;
+    double timeout = 0;
+    uint64_t count = 0;
+    bool mesh = false;
+    bool no_initial = false;
+};
+
+class Watch {
+  public:
+    Watch(const WatchOptions &options, const Selection &selection)
+        : options_(options), store_(selection)
+    {
+    }
+
+    int run(NoticeQueue *queue)
+    {
+        const uint64_t start = monotonic_us();
+        end_ = options_.timeout > 0 ? start + static_cast<uint64_t>(options_.timeout * 1e6)
+                                    : std::numeric_limits<uint64_t>::max();
+        output().write(header_line(options_.format));
+        look(nullptr);
+        is_first_look_ = false;
+        const auto step = static_cast<uint64_t>(1e6 / options_.rate);
+        uint64_t next = start;
+        while (goes_on()) {
+            next = queue ? monotonic_us() + kMeshRefreshUs : std::max(next + step, monotonic_us());
+            const uint64_t until = std::min(next, end_);
+            if (!(queue ? wait_readable(queue->fd(), until) : wait_until(until)))
+                break;
+            if (queue) {
+                const kp_write_info notice = queue->take();
+                look(&notice);
+            } else {
+                look(nullptr);
+            }
+        }
+        return code();
+    }
+
+  private:
+    bool goes_on() const
+    {
+        return output().is_open() && !is_complete() && monotonic_us() < end_;
+    }
+    bool is_complete() const
+    {
+        return options_.count > 0 && printed_ >= options_.count;
+    }
+
+    // A look at every topic, or at those that a notice speaks of.
+    void look(const kp_write_info *notice)
+    {
+        store_.refresh();
+        for (const Problem &problem : store_.take_problems())
+            outcome_.note(problem);
+        store_.for_each_change_where(
+            [notice](const LiveTopic &live) {
+                return !notice || live.is_new || live.unfinished ||
+                       has_bucket(*notice, kp_hash(live.topic.c_str()));
+            },
+            [this](const LiveTopic &live, bool) { print(live); });
+        (void)output().flush();
+    }
+
+    void print(const LiveTopic &live)
+    {
+        if (is_complete() || (is_first_look_ && options_.no_initial))
+            return;
+        auto snapshot = live.view.read();
+        if (!snapshot || snapshot->condition != Condition::value)
+            return;
+        output().write(row_record({live.topic, std::move(*snapshot)}, options_.format));
+        ++printed_;
+    }
+
+    int code() const
+    {
+        if (is_complete())
+            return kDone;
+        if (options_.count > 0 && monotonic_us() >= end_)
+            return kTimeout;
+        return outcome_.code() == kDone && printed_ == 0 ? kNothing : outcome_.code();
+    }
+
+    const WatchOptions &options_;
+    LiveStore store_;
+    Outcome outcome_;
+    uint64_t end_ = 0;
+    uint64_t printed_ = 0;
+    bool is_first_look_ = true;
+};
+
+int run_watch(const WatchOptions &options)
+{
+    Problem problem;
+    Selection selection;
+    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
+        return complain(problem);
+    catch_stop_signals();
+    std::unique_ptr<NoticeQueue> queue;
+    if (options.mesh && !(queue = NoticeQueue::join(problem)))
+        return complain(problem);
+    return Watch(options, selection).run(queue.get());
+}
+
+} // namespace
+
+void add_watch(Commands &commands)
+{
+    const auto options = std::make_shared<WatchOptions>();
+    CLI::App &command = commands.add("watch", "print a line for each change, until stopped",
+                                     [options] { return run_watch(*options); });
+    command.alias("mon");
+    add_selection(command, options->selection)->required();
+    command.add_option("--rate", options->rate, "looks at the store in a second; 10 unless given")
+        ->type_name("HZ")
+        ->check(CLI::Range(0.001, 10000.0));
+    command.add_flag("--mesh", options->mesh,
+                     "join the mesh and follow change notices instead of sampling");
+    command.add_option("-n,--count", options->count, "end after so many lines")->type_name("N");
+    command.add_flag_callback(
+        "-1,--once", [options] { options->count = 1; }, "end after one line");
+    command.add_option("-t,--timeout", options->timeout, "end after so long")
+        ->type_name("SEC")
+        ->check(CLI::Range(0.0, 1e9));
+    command.add_flag("--no-initial", options->no_initial, "leave out the values that are there");
+    command.add_flag("-v,--verbose", options->format.verbose, "with type, quality, times and age");
+    command.add_flag("-T,--terse", options->format.terse, "values without their topics");
+    add_format_options(command, options->format);
+}
+
+} // namespace kp::tool

@@ -1,0 +1,28 @@
+// What kp doctor found: one line each, with the command that mends it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kp::tool {
+
+enum class Severity { note, warning, error };
+
+struct Finding {
+    Severity severity;
+    std::string check;   // a word that stays the same, for monitoring
+    std::string subject; // file, topic, endpoint or limit
+    std::string text;
+    std::string fix; // a command, or empty
+};
+
+using Findings = std::vector<Finding>;
+
+// The directories, their owners and modes, the room in them and the limits of the system.
+void check_system(Findings &findings);
+// The endpoints; gives their number.
+std::size_t check_mesh(Findings &findings);
+// The topics; gives their number.
+std::size_t check_store(Findings &findings);
+
+} // namespace kp::tool

@@ -1,0 +1,61 @@
+# bash completion for kp: commands, options, and the topics that are alive.
+
+# The topics that begin with the word, one level at a time, so that a large store stays readable.
+_kp_topics() {
+    local word=$1 topic rest
+    while IFS= read -r topic; do
+        [[ $topic == "$word"* ]] || continue
+        rest=${topic#"$word"}
+        if [[ $rest == */* ]]; then
+            printf '%s\n' "$word${rest%%/*}/"
+        else
+            printf '%s\n' "$topic"
+        fi
+    done < <(kp list 2>/dev/null) | sort -u
+}
+
+_kp() {
+    local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' index
+    local commands='list get set info watch wait hz top dump restore rm peers doctor gc bench help'
+    COMPREPLY=()
+    for ((index = 1; index < COMP_CWORD; index++)); do
+        case ${COMP_WORDS[index]} in
+        -*) ;;
+        *)
+            command=${COMP_WORDS[index]}
+            break
+            ;;
+        esac
+    done
+    case $previous in
+    --type)
+        mapfile -t COMPREPLY < <(compgen -W 'boolean int8 int16 int32 int64 uint8 uint16 uint32
+            uint64 float double string bytearray raw' -- "$word")
+        return
+        ;;
+    --format)
+        mapfile -t COMPREPLY < <(compgen -W 'plain json csv tsv raw hex' -- "$word")
+        return
+        ;;
+    --color)
+        mapfile -t COMPREPLY < <(compgen -W 'auto always never' -- "$word")
+        return
+        ;;
+    esac
+    if [[ -z $command || $command == help ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$word")
+    elif [[ $word == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(kp "$command" --help 2>/dev/null |
+            grep -oE -- '(^|[ ,])--?[a-zA-Z0-9][a-z0-9-]*' | tr -d ' ,')" -- "$word")
+    elif [[ $command == restore ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+    else
+        case $command in
+        peers | doctor | gc | bench) return ;;
+        esac
+        mapfile -t COMPREPLY < <(_kp_topics "$word")
+        [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == */ ]] && compopt -o nospace
+    fi
+}
+
+complete -F _kp kp

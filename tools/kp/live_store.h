@@ -1,0 +1,96 @@
+// The topics of a selection, kept mapped and looked at again and again: new ones are found, those
+// that vanish are dropped, and one that was removed and made anew is followed in its new file.
+#pragma once
+
+#include "segment_view.h"
+
+#include <map>
+#include <set>
+#include <time.h>
+
+namespace kp::tool {
+
+struct LiveTopic {
+    std::string topic;
+    SegmentView view;
+    WriteStamp seen;         // of the last look
+    bool is_new = true;      // not looked at yet
+    bool unfinished = false; // a write was going on at the last look
+};
+
+class LiveStore {
+  public:
+    explicit LiveStore(const Selection &selection) : selection_(selection)
+    {
+    }
+
+    // Looks into the directories that changed since the last time.
+    void refresh();
+
+    // Calls `use(topic, is_new)` for each topic that was written since the last look.
+    template <typename Use> void for_each_change(const Use &use)
+    {
+        for (auto &[name, live] : topics_)
+            look_at(live, use);
+        drop_lost();
+    }
+
+    // The same for the topics for which `covers(topic)` holds.
+    template <typename Covers, typename Use>
+    void for_each_change_where(const Covers &covers, const Use &use)
+    {
+        for (auto &[name, live] : topics_)
+            if (covers(live))
+                look_at(live, use);
+        drop_lost();
+    }
+
+    const std::map<std::string, LiveTopic> &topics() const
+    {
+        return topics_;
+    }
+    // The trouble met so far, each once; first come, first noted.
+    std::vector<Problem> take_problems();
+
+  private:
+    struct DirectoryState {
+        timespec changed{};
+        bool settled = false; // a change in the same clock tick would not show
+        std::vector<std::string> children;
+        std::vector<std::string> files;
+    };
+
+    void refresh_directory(const std::string &directory);
+    void forget_directory(const std::string &directory);
+    void scan(const std::string &directory, DirectoryState &state);
+    void follow(const StoreFile &file);
+    void drop_files(const DirectoryState &state, const std::vector<StoreFile> &now);
+    void drop_lost();
+    void report(const Problem &problem);
+
+    template <typename Use> void look_at(LiveTopic &live, const Use &use)
+    {
+        const auto stamp = live.view.stamp();
+        if (!stamp) {
+            lost_.push_back(live.topic);
+            return;
+        }
+        live.unfinished = stamp->writing == 1;
+        if (live.unfinished || (!live.is_new && stamp->same_write(live.seen)))
+            return; // a write in progress is seen at the next look
+        const bool is_new = std::exchange(live.is_new, false);
+        live.seen = *stamp;
+        use(live, is_new);
+    }
+
+    const Selection &selection_;
+    TopicOpener opener_;
+    std::map<std::string, LiveTopic> topics_;
+    std::map<std::string, DirectoryState> directories_;
+    std::map<std::string, ino_t> refused_; // files that could not be opened, told once
+    std::vector<std::string> lost_;
+    std::vector<Problem> problems_;
+    std::set<std::string> told_;
+};
+
+} // namespace kp::tool
