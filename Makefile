@@ -1,5 +1,5 @@
 # The commands of the README. CMake does the building; see CONTRIBUTING.md for its presets.
-.PHONY: all test demo format fuzz
+.PHONY: all test demo bench format fuzz
 
 all:
 	@scripts/setup build tools mqtt
@@ -16,3 +16,6 @@ demo:
 
 fuzz:
 	@tests/fuzz/run $$(( $(if $(MINUTES),$(MINUTES),20) * 60 ))
+
+bench:
+	@bench/run

@@ -1,0 +1,15 @@
+// The three measurements of a notice contestant. Each adds its rows.
+#pragma once
+
+#include "notices/channel.h"
+#include "support/placement.h"
+#include "support/summary.h"
+
+namespace bench {
+
+void measure_latency(const NoticeContestant &contestant, Placement placement, nlohmann::json &rows);
+void measure_fanout(const NoticeContestant &contestant, Placement placement, unsigned receivers,
+                    nlohmann::json &rows);
+void measure_footprint(const NoticeContestant &contestant, nlohmann::json &rows);
+
+} // namespace bench

@@ -1,0 +1,264 @@
+"""Turns bench/results/*.json into the tables of docs/performance.md and its plots."""
+
+import json
+import pathlib
+import re
+import subprocess
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+RESULTS = ROOT / "bench" / "results"
+PLOTS = ROOT / "docs" / "plots"
+DOCUMENT = ROOT / "docs" / "performance.md"
+PLACEMENTS = (("one", "one CPU"), ("two", "two CPUs"), ("free", "free"))
+
+
+def load(name):
+    path = RESULTS / f"{name}.json"
+    return json.loads(path.read_text()) if path.exists() else []
+
+
+def table(header, rows):
+    lines = ["| " + " | ".join(header) + " |", "|" + "---|" * len(header)]
+    return "\n".join(lines + ["| " + " | ".join(str(cell) for cell in row) + " |" for row in rows])
+
+
+def short(number):
+    if number is None:
+        return "–"
+    if number >= 100:
+        return f"{number:.0f}"
+    return f"{number:.1f}" if number >= 10 else f"{number:.2f}"
+
+
+def unique(rows, key):
+    return list(dict.fromkeys(row[key] for row in rows))
+
+
+def pick(rows, **wanted):
+    for row in rows:
+        if all(row[key] == value for key, value in wanted.items()):
+            return row
+    return None
+
+
+def machine_table():
+    machine = load("machine")
+    return table(["", ""], [[key.replace("_", " "), value] for key, value in machine.items()])
+
+
+def goal_row(goal, figures, most):
+    """One figure for each place; said to be missed where one is above the goal."""
+    missed = [place for place, figure in figures.items() if figure > most]
+    verdict = "kept" if not missed else "missed: " + ", ".join(missed)
+    return [goal, ", ".join(f"{place} {figure:.2f}" for place, figure in figures.items()), verdict]
+
+
+def goals_table():
+    values, rows = load("values"), []
+
+    def by_placement(key, **wanted):
+        found = {name: pick(values, contestant="kp_tag", placement=placement, **wanted)
+                 for placement, name in PLACEMENTS}
+        return {name: row[key] for name, row in found.items() if row}
+
+    for size in (4, 64, 1000, 4000):
+        rows.append(goal_row(f"write of {size} bytes ≤ 1.15 × limit",
+                             by_placement("ratio", operation="write", size=size), 1.15))
+    for size in (4, 64):
+        rows.append(goal_row(f"read of {size} bytes ≤ 4 ns over limit",
+                             by_placement("over_limit_ns", operation="read", size=size), 4))
+    for size in (1000, 4000):
+        rows.append(goal_row(f"read of {size} bytes ≤ 1.15 × limit",
+                             by_placement("ratio", operation="read", size=size), 1.15))
+    for size in (4, 64, 1000, 4000):
+        rows.append(goal_row(f"fresh read of {size} bytes ≤ 1.15 × limit",
+                             by_placement("ratio", operation="fresh read", size=size), 1.15))
+    latency = [row for row in load("latency") if row["contestant"] == "kp"]
+    names = dict(PLACEMENTS)
+    for pace in ("ping-pong", "1 kHz"):
+        for part in ("p50", "p99"):
+            rows.append(goal_row(f"change to callback, {pace}, {part} ≤ 1.10 × limit",
+                                 {names[row["placement"]]: row[f"ratio_{part}"]
+                                  for row in latency if row["pace"] == pace}, 1.10))
+    rows.append(goal_row("fan-out to 31, CPU of all ≤ 1.10 × limit",
+                         {names[row["placement"]]: row["ratio_cpu"] for row in load("fanout")
+                          if row["contestant"] == "kp" and row["receivers"] == 31}, 1.10))
+    footprint = load("footprint")
+    kp = pick(footprint, contestant="kp")
+    if kp:
+        bare = min(row["private_kb_before"] for row in footprint)
+        rows.append(goal_row("private memory of a handle ≤ 250 kB over bare",
+                             {"": kp["private_kb"] - bare}, 250))
+        over = sorted(ms - 10 for ms in kp["each_open_ms"])
+        rows.append(goal_row("opening the n-th endpoint of 31 ≤ 1 ms over its wait of 10 ms",
+                             {"median n": over[len(over) // 2], "worst n": over[-1]}, 1))
+    return table(["goal", "measured", ""], rows)
+
+
+def value_tables():
+    values = load("values")
+    parts = []
+    for operation in ("write", "read", "fresh write", "fresh read"):
+        rows = []
+        for contestant in unique(values, "contestant"):
+            for size in (4, 64, 1000, 4000):
+                found = [pick(values, contestant=contestant, placement=placement, size=size,
+                              operation=operation) for placement, _ in PLACEMENTS]
+                if not any(found):
+                    continue
+                two = found[1]
+                rows.append([contestant, size, short(two["own_ns"]["p50"]),
+                             short(two["own_ns"]["p99"]), short(two["limit_ns"]["p50"]),
+                             f"{two['over_limit_ns']:+.1f}",
+                             *[short(row["ratio"]) if row else "–" for row in found]])
+        parts.append(f"#### {operation.capitalize()}\n\n" + table(
+            ["contestant", "bytes", "p50 ns", "p99 ns", "limit ns", "over limit ns",
+             "× limit, one CPU", "two CPUs", "free"], rows))
+    return "\n\n".join(parts)
+
+
+def latency_table():
+    rows = []
+    latency = load("latency")
+    for pace in ("ping-pong", "1 kHz"):
+        for contestant in unique(latency, "contestant"):
+            found = [pick(latency, contestant=contestant, placement=placement, pace=pace)
+                     for placement, _ in PLACEMENTS]
+            if not all(found):
+                continue
+            rows.append([pace, contestant,
+                         *[f"{short(row['own_us']['p50'])} / {short(row['own_us']['p99'])} / "
+                           f"{short(row['own_us']['p99.9'])}" for row in found],
+                         *[f"{short(row['ratio_p50'])} / {short(row['ratio_p99'])}"
+                           for row in found]])
+    return table(["pace", "contestant",
+                  *[f"µs p50 / p99 / p99.9, {name}" for _, name in PLACEMENTS],
+                  *[f"× limit p50 / p99, {name}" for _, name in PLACEMENTS]], rows)
+
+
+def fanout_table():
+    rows = []
+    for row in load("fanout"):
+        rows.append([row["contestant"], row["receivers"], dict(PLACEMENTS)[row["placement"]],
+                     short(row["own"]["send_us"]["p50"]), short(row["own"]["delay_us"]["p50"]),
+                     short(row["own"]["delay_us"]["p99"]), short(row["own"]["cpu_us"]),
+                     short(row["ratio_delay"]), short(row["ratio_cpu"]), row["lost"]])
+    return table(["contestant", "receivers", "placement", "send µs", "last has it µs p50", "p99",
+                  "CPU µs of all", "× limit, last", "× limit, CPU", "lost"], rows)
+
+
+def footprint_table():
+    footprint = load("footprint")
+    bare = min((row["private_kb_before"] for row in footprint), default=0)
+    rows = [[row["contestant"], short(row["open_ms"]), short(row["close_ms"]),
+             short(row["open_beside_30_ms"]), short(row["close_beside_30_ms"]),
+             f"{row['private_kb'] - bare:.0f}", f"{row['private_beside_30_kb'] - bare:.0f}",
+             f"{row['threads']:.0f}", f"{row['stack_address_space_kb'] / 1024:.0f}"]
+            for row in footprint]
+    return table(["contestant", "open ms", "close ms", "open ms beside 30", "close ms beside 30",
+                  "private kB over bare", "the same beside 30", "threads", "stacks' MB of addresses"],
+                 rows)
+
+
+def growth_tables():
+    growth = load("growth")
+    rows = [[row["name"], f"{row['real_time'] / 1000:.3f}",
+             *(f"{row[key]:.1f}" if key in row else "" for key in ("create_us", "memory_bytes"))]
+            for row in growth]
+    endpoints = [[row["endpoints"], short(row["connected_ms"] or None),
+                  f"{row['runs_connected']} of {row['runs']}"] for row in load("endpoints")]
+    kp = pick(load("footprint"), contestant="kp")
+    opening = [[n + 1, short(ms)] for n, ms in enumerate(kp["each_open_ms"])] if kp else []
+    return "\n\n".join([
+        table(["operation / size", "µs", "creating one tag µs", "private bytes a tag, with its page"], rows),
+        table(["endpoints started at once", "all connected after ms", "runs in which all were"],
+              endpoints),
+        table(["n-th endpoint", "opening ms"], opening[::5])])
+
+
+def plot(name, commands, data):
+    PLOTS.mkdir(parents=True, exist_ok=True)
+    blocks = "\n".join(f"${label} << EOD\n{text}\nEOD" for label, text in data.items())
+    for terminal, suffix in (("svg size 800,480 font 'sans,12' background 'white'", "svg"),
+                             ("pngcairo size 800,480 font 'sans,12'", "png")):
+        script = (f"set terminal {terminal}\nset output '{PLOTS / name}.{suffix}'\n{blocks}\n"
+                  f"set grid\n{commands}\n")
+        subprocess.run(["gnuplot"], input=script, text=True, check=True)
+
+
+def plot_values(operation):
+    values = [row for row in load("values")
+              if row["placement"] == "two" and row["operation"] == operation]
+    data, curves = {}, []
+    for index, contestant in enumerate(unique(values, "contestant")):
+        rows = [row for row in values if row["contestant"] == contestant]
+        if contestant == "kp_tag":
+            data["limit"] = "\n".join(f"{row['size']} {row['limit_ns']['p50']}" for row in rows)
+            curves.append("$limit using 1:2 with linespoints lw 3 dt 2 lc 'black' title 'limit'")
+        data[f"c{index}"] = "\n".join(f"{row['size']} {row['own_ns']['p50']}" for row in rows)
+        curves.append(f"$c{index} using 1:2 with linespoints lw 2 title \"{contestant}\"")
+    plot(f"value-{operation.replace(' ', '-')}",
+         "set logscale xy\nset key outside noenhanced\nset xlabel 'bytes'\nset ylabel 'ns, median'\n"
+         f"set title '{operation.capitalize()} of a value, two CPUs'\nplot {', '.join(curves)}", data)
+
+
+def plot_latency(pace):
+    rows = [row for row in load("latency") if row["pace"] == pace and row["placement"] == "one"]
+    rows.sort(key=lambda row: row["own_us"]["p50"])
+    text = "\n".join(f"\"{row['contestant']}\" {row['own_us']['p50']} {row['own_us']['p99']}"
+                     for row in rows)
+    plot(f"change-{pace.replace(' ', '')}",
+         "set style data histograms\nset style fill solid 0.7\nset logscale y\n"
+         "set xtics rotate by -35 noenhanced\nset ylabel 'µs'\nset bmargin 6\n"
+         f"set title 'Change to callback, {pace}, one CPU'\n"
+         "plot $d using 2:xtic(1) title 'p50', '' using 3 title 'p99'", {"d": text})
+
+
+def plot_fanout():
+    rows = [row for row in load("fanout") if row["placement"] == "free"]
+    data, curves = {}, []
+    for index, contestant in enumerate(unique(rows, "contestant")):
+        data[f"c{index}"] = "\n".join(
+            f"{row['receivers']} {row['own']['delay_us']['p50']}"
+            for row in rows if row["contestant"] == contestant)
+        curves.append(f"$c{index} using 1:2 with linespoints lw 2 title \"{contestant}\"")
+    plot("fanout", "set logscale xy\nset key outside noenhanced\nset xlabel 'receivers'\n"
+         "set ylabel 'µs until the last has it, median'\nset title 'Fan-out, free placement'\n"
+         f"plot {', '.join(curves)}", data)
+
+
+def plot_growth():
+    data, curves = {}, []
+    for index, name in enumerate(("get_tag", "walk/1", "walk/100", "match_new_tag", "list_topics",
+                                  "subscribe_pattern")):
+        base, _, changed = name.partition("/")
+        points = []
+        for row in load("growth"):
+            parts = row["name"].split("/")
+            if parts[0] == base and (not changed or parts[2:] == [changed]):
+                points.append(f"{parts[1]} {row['real_time'] / 1000}")
+        data[f"c{index}"] = "\n".join(points)
+        title = f"{base}, {changed} changed" if changed else base
+        curves.append(f"$c{index} using 1:2 with linespoints lw 2 title \"{title}\"")
+    plot("growth", "set logscale xy\nset key outside noenhanced\nset xlabel 'tags, topics or patterns'\n"
+         f"set ylabel 'µs'\nset title 'Growth'\nplot {', '.join(curves)}", data)
+
+
+def main():
+    parts = {"machine": machine_table(), "goals": goals_table(), "values": value_tables(), "latency": latency_table(),
+             "fanout": fanout_table(), "footprint": footprint_table(), "growth": growth_tables()}
+    text = DOCUMENT.read_text()
+    for name, part in parts.items():
+        begin, end = f"<!-- begin {name} -->", f"<!-- end {name} -->"
+        text = re.sub(f"{begin}.*?{end}", lambda _: f"{begin}\n{part}\n{end}", text, flags=re.S)
+        print(part, end="\n\n")
+    DOCUMENT.write_text(text)
+    for operation in ("write", "read", "fresh read"):
+        plot_values(operation)
+    for pace in ("ping-pong", "1 kHz"):
+        plot_latency(pace)
+    plot_fanout()
+    plot_growth()
+
+
+main()
