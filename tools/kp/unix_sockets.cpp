@@ -44,7 +44,8 @@ dev_t device_of(uint32_t kernel_number)
     return makedev(kernel_number >> 20, kernel_number & 0xFFFFF);
 }
 
-void take_attribute(const rtattr &attribute, UnixSocket &socket)
+// The macros that walk netlink messages take no pointers to const.
+void take_attribute(rtattr &attribute, UnixSocket &socket)
 {
     const void *data = RTA_DATA(&attribute);
     const std::size_t size = RTA_PAYLOAD(&attribute);
@@ -68,31 +69,30 @@ void take_attribute(const rtattr &attribute, UnixSocket &socket)
     }
 }
 
-UnixSocket socket_of(const nlmsghdr &header)
+UnixSocket socket_of(nlmsghdr &header)
 {
-    const auto *message = static_cast<const unix_diag_msg *>(NLMSG_DATA(&header));
+    auto *message = static_cast<unix_diag_msg *>(NLMSG_DATA(&header));
     UnixSocket socket;
     socket.inode = message->udiag_ino;
     socket.listening = message->udiag_state == TCP_LISTEN;
     auto left = static_cast<int>(header.nlmsg_len - NLMSG_LENGTH(sizeof(*message)));
-    const auto *attribute = reinterpret_cast<const rtattr *>(message + 1);
+    auto *attribute = reinterpret_cast<rtattr *>(message + 1);
     while (left >= static_cast<int>(sizeof(rtattr)) && attribute->rta_len >= sizeof(rtattr) &&
            attribute->rta_len <= left) {
         take_attribute(*attribute, socket);
         const auto step = static_cast<int>(RTA_ALIGN(attribute->rta_len));
         left -= step;
-        attribute =
-            reinterpret_cast<const rtattr *>(reinterpret_cast<const char *>(attribute) + step);
+        attribute = reinterpret_cast<rtattr *>(reinterpret_cast<char *>(attribute) + step);
     }
     return socket;
 }
 
 enum class Progress { more, done, failed };
 
-Progress take_messages(const char *buffer, std::size_t size, std::vector<UnixSocket> &sockets)
+Progress take_messages(char *buffer, std::size_t size, std::vector<UnixSocket> &sockets)
 {
     auto left = static_cast<unsigned>(size);
-    const auto *header = reinterpret_cast<const nlmsghdr *>(buffer);
+    auto *header = reinterpret_cast<nlmsghdr *>(buffer);
     for (; NLMSG_OK(header, left); header = NLMSG_NEXT(header, left)) {
         if (header->nlmsg_type == NLMSG_DONE)
             return Progress::done;
