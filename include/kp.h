@@ -199,14 +199,15 @@ typedef void (*kplist_print_t)(const void *element);
 /**
  * Creates a handle and joins the endpoints of the device.
  *
- * `name` becomes the endpoint's name, at most 127 characters, and the file name of its socket in
- * `/run/providers/`, where it replaces any file of that name; a null or empty name makes up a
- * random number. Use a name once per device. `callback` may be null: change notices are then
- * dropped, announced topics still followed.
+ * `name` becomes the endpoint's name and the file name of its socket in `/run/providers/`, where it
+ * replaces any file of that name. Give at most 92 characters: a longer name does not fit a socket
+ * address and is cut, with a log line. A null or empty name makes up a random number, a name with a
+ * "/" fails. Use a name once per device. `callback` may be null: change notices are then dropped,
+ * announced topics still followed.
  *
  * Reads `KP_XLOG_USER_LEVEL` and sets the process's log level when the variable is set. Waits 10 ms
- * for peers that start at the same moment, and about 3 s for every dead socket file that it finds,
- * which it removes.
+ * for peers that start at the same moment, about 3 s for every dead socket file that it finds,
+ * which it removes, and about 6 s for a stopped peer that takes no more connections.
  *
  * Returns null when memory, a descriptor or a thread is missing, or `/run/providers/` can neither
  * be made nor used; errno tells why.
@@ -216,8 +217,10 @@ KP_API kp_t *kp_new(const char *name, kp_callback_t callback);
 /**
  * Stops and joins the endpoint's threads, removes its socket file and frees the handle.
  *
- * The handle's tags stay open; call kp_tags_destroy() first. Must not be called from the change
- * callback. Returns 0, or -1 for a null handle.
+ * The handle's tags stay open; call kp_tags_destroy() first. A handle with a pattern can still make
+ * a tag of a topic that is announced between the two calls, which then stays open and counted until
+ * the process ends. Must not be called from the change callback. Returns 0, or -1 for a null
+ * handle.
  */
 KP_API int32_t kp_destroy(kp_t *handle);
 
@@ -497,7 +500,8 @@ KP_API uint64_t kp_get_timestamp_us(void);
  * every covered topic that a provider announces later. What was written since the process's first
  * subscription counts as not yet read.
  *
- * What an earlier pattern covers already is not recorded again. Returns 0 (also for a null handle),
+ * What an earlier pattern covers already is not recorded again; a "+" covers a "#" in its place, so
+ * subscribe a/# before a/+. Returns 0 (also for a null handle),
  * or -1 for a null topic, a tag that cannot be made, or a store that cannot be listed; a pattern
  * stays subscribed all the same.
  */
