@@ -124,10 +124,10 @@ TEST(TwoBridges, ThroughTwoTreesMakeOneMessageOfOneWrite)
 TEST(TwoBridges, AgreeOnTheNewerValueWhenOneComesBackWithAnOlder)
 {
     const Broker broker;
+    OtherDevice other(broker.port(), kShared);
     Tags tags;
     tags.declare("a/both");
     tags.write("a/both", "old");
-    OtherDevice other(broker.port(), kShared);
     ASSERT_TRUE(other.does("declare a/both"));
     ASSERT_TRUE(other.does("write a/both new"));
     ASSERT_TRUE(

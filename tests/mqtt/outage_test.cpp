@@ -20,6 +20,13 @@ namespace {
 constexpr int kTopics = 100;
 constexpr int kChanges = 10'000;
 
+// How much the bridge may grow while the broker is away, in KiB. A sanitizer keeps freed memory.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr long kGrowth = 200'000;
+#else
+constexpr long kGrowth = 2'000;
+#endif
+
 std::string topic_of(int change)
 {
     return "a/" + std::to_string(change % kTopics);
@@ -99,7 +106,7 @@ TEST(BrokerKilled, InTheMiddleOfManyChangesHasEachLastValueOnceAfterwards)
 
     EXPECT_EQ(seen.values, last_values());
     EXPECT_THAT(seen.times, testing::Each(testing::Pair(testing::_, 1)));
-    EXPECT_LT(after - before, 2000) << "KiB";
+    EXPECT_LT(after - before, kGrowth);
 }
 
 TEST(BrokerStopped, DelaysNoWriterAndGetsEachLastValueOnceAfterwards)
@@ -123,7 +130,9 @@ TEST(BrokerStopped, DelaysNoWriterAndGetsEachLastValueOnceAfterwards)
 
     EXPECT_EQ(seen.values, last_values());
     EXPECT_THAT(seen.times, testing::Each(testing::Pair(testing::_, 1)));
-    EXPECT_LT(after - before, 2000) << "KiB";
+    EXPECT_LT(after - before, kGrowth);
+    RecordProperty("p99_alone_ns", std::to_string(alone.count()));
+    RecordProperty("p99_bridged_ns", std::to_string(bridged.count()));
     EXPECT_LT(bridged, alone * 20 + 1ms); // a writer that waited for the broker would take seconds
 }
 

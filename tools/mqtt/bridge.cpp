@@ -307,7 +307,7 @@ void Bridge::tick(Clock::time_point now)
     reported_stuck_ = stuck;
 }
 
-// Sends what is left as far as that is quick, then says goodbye.
+// Says offline, as far as that is quick, then goodbye. What waits is sent again by the next start.
 void Bridge::leave()
 {
     if (phase_ != Phase::online)
