@@ -1,5 +1,5 @@
 # The commands of the README. CMake does the building; see CONTRIBUTING.md for its presets.
-.PHONY: all test demo bench format fuzz
+.PHONY: all test demo bench format fuzz soak coverage
 
 all:
 	@scripts/setup build tools mqtt
@@ -19,3 +19,10 @@ fuzz:
 
 bench:
 	@bench/run
+
+soak:
+	@tests/soak/run $$(( $(if $(MINUTES),$(MINUTES),10) * 60 ))
+
+coverage:
+	@scripts/setup build test coverage tools
+	@scripts/coverage
