@@ -41,24 +41,41 @@ class Watch {
         output().write(header_line(options_.format));
         look(nullptr);
         is_first_look_ = false;
-        const auto step = static_cast<uint64_t>(1e6 / options_.rate);
-        uint64_t next = start;
-        while (goes_on()) {
-            next = queue ? monotonic_us() + kMeshRefreshUs : std::max(next + step, monotonic_us());
-            const uint64_t until = std::min(next, end_);
-            if (!(queue ? wait_readable(queue->fd(), until) : wait_until(until)))
-                break;
-            if (queue) {
-                const kp_write_info notice = queue->take();
-                look(&notice);
-            } else {
-                look(nullptr);
-            }
-        }
+        if (queue)
+            follow(*queue);
+        else
+            sample(start);
         return code();
     }
 
   private:
+    void sample(uint64_t next)
+    {
+        const auto step = static_cast<uint64_t>(1e6 / options_.rate);
+        while (goes_on()) {
+            next = std::max(next + step, monotonic_us());
+            if (!wait_until(std::min(next, end_)))
+                return;
+            look(nullptr);
+        }
+    }
+
+    // Every second all topics are looked at, since a notice can be lost: one that is sent before the
+    // sender has accepted this program's connection does not come.
+    void follow(NoticeQueue &queue)
+    {
+        uint64_t look_at_all = monotonic_us() + kMeshRefreshUs;
+        while (goes_on()) {
+            if (!wait_readable(queue.fd(), std::min(look_at_all, end_)))
+                return;
+            const kp_write_info notice = queue.take();
+            const bool all = monotonic_us() >= look_at_all;
+            look(all ? nullptr : &notice);
+            if (all)
+                look_at_all = monotonic_us() + kMeshRefreshUs;
+        }
+    }
+
     bool goes_on() const
     {
         return output().is_open() && !is_complete() && monotonic_us() < end_;
