@@ -1,5 +1,5 @@
 # The commands of the README. CMake does the building; see CONTRIBUTING.md for its presets.
-.PHONY: all test demo bench format fuzz soak coverage
+.PHONY: all test demo bench fuzz soak coverage
 
 all:
 	@scripts/setup build tools mqtt
