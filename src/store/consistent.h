@@ -14,9 +14,10 @@
 // that write was equal. Either way the copy is a whole value. So a torn copy needs two whole writes
 // within the attempt, Y during the copy and Z during the comparison, and Z has to bring back every
 // byte that the copy has from before Y. `last_write_ts`, read before 1 and after 2 and 3, must also
-// be the same (to see it before 1 makes the write before it visible), so that timestamps which never fall are those of Y and of Z too: the two writes, and
-// the one that X preceded, lie within one microsecond. A write that takes its time from the clock
-// after that microsecond is over is always told apart, so from then on a torn value cannot pass.
+// be the same (to see it before 1 makes the write before it visible), so that timestamps which never
+// fall are those of Y and of Z too: the two writes, and the one that X preceded, lie within one
+// microsecond. A write that takes its time from the clock after that microsecond is over is always
+// told apart, so from then on a torn value cannot pass.
 //
 // What remains:
 //  - Two writes within one attempt and one microsecond (or with one timestamp of the caller's own)
