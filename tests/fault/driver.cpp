@@ -32,10 +32,13 @@ namespace {
 
 constexpr std::chrono::seconds kMostTime{8}; // three tries of a connection take three seconds
 constexpr std::chrono::milliseconds kSettling{50};
+constexpr std::chrono::milliseconds kPatienceWithFault{300};
 // A peer that was just connecting to what is gone keeps trying for three seconds.
 constexpr std::chrono::milliseconds kStateDeadline{8000};
 constexpr unsigned kHangSeconds = 60;
 constexpr long kMostPoints = 2000; // no operation makes so many calls
+
+const Shim *armed = nullptr;
 
 // Which calls fail together, with which error.
 struct Kind {
@@ -48,7 +51,7 @@ struct Kind {
 // With many errors of every call on the thread that runs the operation. Where the threads of the
 // handles take part, which makes a point slow, each call has its usual error, and those that a
 // thread waits and works with have others beside it. A connection that fails for ever is retried for
-// three seconds, and a wait for events that does so burns the processor.
+// three seconds, a semaphore for one, and a wait for events that does so burns the processor.
 std::vector<Kind> kinds(bool has_threads)
 {
     if (has_threads)
@@ -56,12 +59,13 @@ std::vector<Kind> kinds(bool has_threads)
                 {"EBADF once", {Call::epoll_wait, Call::recv, Call::send}, EBADF, false},
                 {"ENOMEM once", {Call::epoll_wait, Call::accept4, Call::recv}, ENOMEM, false},
                 {"EAGAIN once", {Call::accept4, Call::recv, Call::read}, EAGAIN, false}};
-    const CallSet slow{Call::connect, Call::epoll_wait};
+    const CallSet slow{Call::connect, Call::epoll_wait, Call::sem_clockwait};
     std::vector<Kind> all{
         {"each call once", kFallibleCalls, kUsualError, false},
         {"each call and all after it", kFallibleCalls.without(slow), kUsualError, true}};
+    const CallSet others = kFallibleCalls.without({Call::connect, Call::epoll_wait});
     for (const int error : {EINTR, EAGAIN, ENOMEM, ENOSPC, EACCES, EBADF, EIO})
-        all.push_back({strerrorname_np(error), kFallibleCalls.without(slow), error, false});
+        all.push_back({strerrorname_np(error), others, error, false});
     return all;
 }
 
@@ -199,7 +203,9 @@ class Point {
         const auto threads = scenario_.has_threads ? Threads::all : Threads::this_one;
         Fault fault(kind_.calls, number_, kind_.error, threads);
         const auto begin = std::chrono::steady_clock::now();
+        armed = &fault;
         const bool succeeded = scenario_.run();
+        armed = nullptr;
         const auto duration = std::chrono::steady_clock::now() - begin;
         fault.disarm();
         fired_ = fault.fired();
@@ -300,6 +306,21 @@ long fail_every_call_of(const Scenario &scenario, const Kind &kind, State &befor
 }
 
 } // namespace
+
+bool wait_patiently(const std::function<bool()> &condition)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    const auto is_over = [begin] {
+        return armed && armed->fired() &&
+               std::chrono::steady_clock::now() - begin > kPatienceWithFault;
+    };
+    bool holds = false;
+    (void)wait_until([&] {
+        holds = condition();
+        return holds || is_over();
+    });
+    return holds;
+}
 
 void fail_every_call(const Scenario &scenario)
 {

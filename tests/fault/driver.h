@@ -18,6 +18,10 @@ struct Scenario {
     bool has_threads = false;
 };
 
+// Waits for what the other threads of an operation do: briefly once a call has failed, since it may
+// never come, and else for as long as a loaded machine may take.
+bool wait_patiently(const std::function<bool()> &condition);
+
 // Fails the test for every point after which something is not as it should be; prints the number of
 // points.
 void fail_every_call(const Scenario &scenario);

@@ -19,7 +19,9 @@ extern "C" void __wrap_free(void *block);
 
 namespace {
 
-constexpr std::chrono::milliseconds kNoticeDeadline{300};
+// So that a receiver whose thread has ended does not fill up with notices and block the sender.
+constexpr std::chrono::milliseconds kBetweenNotices{5};
+constexpr std::chrono::milliseconds kBetweenAnnouncements{50};
 
 kp_t *handle;
 kp_t *peer;
@@ -198,14 +200,12 @@ bool exchange_a_notice()
         kp_tag_t *source = kp_tag_provider_new(provider, "a/b", KP_TYPE_INT32, 4, 0);
         (void)kp_tag_consumer_new(consumer, "a/b");
         const int32_t value = 42;
-        (void)kptest::wait_until(
-            [&] {
-                if (source)
-                    (void)kp_tag_write(provider, source, &value, 4);
-                (void)kp_tag_notify(provider);
-                return received == 42;
-            },
-            kNoticeDeadline);
+        (void)wait_patiently([&] {
+            if (source)
+                (void)kp_tag_write(provider, source, &value, 4);
+            (void)kp_tag_notify(provider);
+            return kptest::wait_until([&] { return received == 42; }, kBetweenNotices);
+        });
     }
     for (kp_t *opened : {provider, consumer}) {
         if (!opened)
@@ -219,7 +219,7 @@ bool exchange_a_notice()
 bool exists_for(kp_t *follower, const std::string &topic)
 {
     return kptest::wait_until([&] { return kp_get_tag(follower, topic.c_str()) != nullptr; },
-                              kNoticeDeadline);
+                              kBetweenAnnouncements);
 }
 
 // Two handles are opened, and one follows a topic that the other announces.
@@ -231,11 +231,11 @@ bool exchange_an_announcement()
     if (follower && provider) {
         (void)kp_sub_topic(follower, "#");
         (void)kp_set_new_tag_notify(provider, 1);
-        for (int number = 0; number < 6 && !followed; ++number) {
-            const std::string topic = "t/" + std::to_string(number);
+        followed = wait_patiently([&, number = 0]() mutable {
+            const std::string topic = "t/" + std::to_string(number++);
             (void)kp_tag_provider_new(provider, topic.c_str(), KP_TYPE_INT32, 4, 0);
-            followed = exists_for(follower, topic);
-        }
+            return exists_for(follower, topic);
+        });
     }
     for (kp_t *opened : {provider, follower}) {
         if (!opened)
