@@ -27,6 +27,11 @@ std::string topic_of(int member, int number)
     return "stress/" + std::to_string(member) + "/" + std::to_string(number);
 }
 
+std::string greeting_of(int member)
+{
+    return "stress/" + std::to_string(member) + "/hello";
+}
+
 // One handle, with the thread that alone writes and creates tags on it.
 class Member {
   public:
@@ -70,6 +75,16 @@ class Member {
     int notices() const
     {
         return notices_;
+    }
+    // Makes and announces a tag that nobody writes.
+    void greet() const
+    {
+        (void)kp_tag_destroy(handle_, kp_tag_provider_new(handle_, greeting_of(number_).c_str(),
+                                                          KP_TYPE_INT8, 1, 0));
+    }
+    bool follows(const std::string &topic) const
+    {
+        return kp_get_tag(handle_, topic.c_str()) != nullptr;
     }
     // Whether this handle's tag for the topic holds the value.
     bool holds(const std::string &topic, uint32_t expected) const
@@ -140,6 +155,7 @@ class Stress : public testing::Test {
     {
         for (int number = 0; number < kMembers; ++number)
             members_.push_back(std::make_unique<Member>(number));
+        EXPECT_TRUE(wait_until([this] { return have_met(); }));
         std::atomic<bool> running = true;
         std::thread visitors([&] { visitors_ = open_and_close_endpoints(running); });
         for (const auto &member : members_)
@@ -149,6 +165,19 @@ class Stress : public testing::Test {
         visitors.join();
         for (const auto &member : members_)
             member->stop();
+    }
+    // An announcement reaches those alone who are connected, so each is repeated until all know it.
+    bool have_met() const
+    {
+        bool all = true;
+        for (std::size_t greeter = 0; greeter < members_.size(); ++greeter)
+            for (std::size_t other = 0; other < members_.size(); ++other)
+                if (other != greeter &&
+                    !members_[other]->follows(greeting_of(static_cast<int>(greeter)))) {
+                    members_[greeter]->greet();
+                    all = false;
+                }
+        return all;
     }
     // Every handle holds what every other wrote last.
     bool all_hold_the_last_values() const
