@@ -6,16 +6,20 @@
 #include "testing/segment_file.h"
 #include "testing/unix_socket.h"
 
+#include <algorithm>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 using namespace kptest;
 using testing::AllOf;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -32,6 +36,32 @@ int run_application(Channel &parent)
     (void)kp_destroy(handle);
     return 0;
 }
+
+// Maps a topic's file again and again.
+class ManyMappings {
+  public:
+    ManyMappings(const std::string &topic, std::size_t count)
+    {
+        const int fd = open(segment_file_path(topic).c_str(), O_RDONLY | O_CLOEXEC);
+        for (mapped_.reserve(count); mapped_.size() < count;)
+            mapped_.push_back(mmap(nullptr, at::end, PROT_READ, MAP_SHARED, fd, 0));
+        (void)close(fd);
+    }
+    ManyMappings(const ManyMappings &) = delete;
+    ManyMappings &operator=(const ManyMappings &) = delete;
+    ~ManyMappings()
+    {
+        for (void *memory : mapped_)
+            (void)munmap(memory, at::end);
+    }
+    bool succeeded() const
+    {
+        return std::ranges::find(mapped_, MAP_FAILED) == mapped_.end();
+    }
+
+  private:
+    std::vector<void *> mapped_;
+};
 
 std::string checks_of(const Ran &doctor)
 {
@@ -259,6 +289,21 @@ TEST(KpDoctor, FindsEveryKindOfBrokenTopic)
                               "warning foreign-layout\n");
     EXPECT_EQ(ran.code, 1);
     EXPECT_THAT(kp({"doctor"}).out, HasSubstr("error: stuck: a write has begun and does not end"));
+}
+
+TEST(KpDoctor, FindsAProcessThatComesNearItsLimitOfMappings)
+{
+    put_double("a", 1);
+    std::size_t limit = 0;
+    std::ifstream("/proc/sys/vm/max_map_count") >> limit;
+    const std::string name = std::to_string(getpid()) + " test_kp";
+    EXPECT_THAT(kp({"doctor"}).out, Not(HasSubstr("mappings; each open topic takes one")));
+
+    const ManyMappings many("a", limit * 95 / 100);
+
+    ASSERT_TRUE(many.succeeded());
+    EXPECT_THAT(kp({"doctor"}).out, ContainsRegex("warning: " + name + " .*: has [0-9]+ of " +
+                                                  std::to_string(limit) + " mappings"));
 }
 
 TEST(KpDoctor, FindsDeadEndpointsAndUnsafeDirectories)

@@ -7,6 +7,7 @@
 #include "time_text.h"
 
 #include <algorithm>
+#include <fstream>
 #include <set>
 #include <sys/stat.h>
 
@@ -17,6 +18,7 @@ namespace {
 constexpr uint64_t kClockSlackUs = kUsPerSecond;
 constexpr std::size_t kListedLevels = 3; // the library lists no deeper
 constexpr unsigned kManyHandles = 250;   // the counts have 8 bits
+constexpr std::size_t kManyMappingsPercent = 90;
 
 // Findings of which every topic would give the same: told once, with an example.
 struct Repeated {
@@ -49,6 +51,7 @@ class StoreCheck {
             check_topic(file.topic);
         report_repeated();
         report_dead_files(listing);
+        report_mappings();
         return listing.files.size();
     }
 
@@ -158,6 +161,27 @@ class StoreCheck {
                     told.insert(mapper.pid).second)
                     add(Severity::error, "dead-file", process_text(process_of(mapper.pid)),
                         "has a topic open whose file was removed, and sees no new values", "");
+    }
+
+    // Each open topic is a mapping, of which a process can have so many.
+    void report_mappings()
+    {
+        std::size_t limit = 0;
+        if (!(std::ifstream("/proc/sys/vm/max_map_count") >> limit))
+            return;
+        std::set<pid_t> users;
+        for (const auto &[id, mappers] : mappers_.of_file)
+            for (const Mapper &mapper : mappers)
+                if (mapper.is_store)
+                    users.insert(mapper.pid);
+        for (const pid_t pid : users) {
+            const std::size_t count = mappers_.mappings[pid];
+            if (count >= limit / 100 * kManyMappingsPercent)
+                add(Severity::warning, "mappings", process_text(process_of(pid)),
+                    "has " + std::to_string(count) + " of " + std::to_string(limit) +
+                        " mappings; each open topic takes one",
+                    "sysctl vm.max_map_count=" + std::to_string(limit * 4));
+        }
     }
 
     Findings &findings_;

@@ -137,7 +137,7 @@ Mappers find_mappers(dev_t device)
         }
         char *line = nullptr;
         std::size_t room = 0;
-        while (getline(&line, &room, maps) > 0)
+        for (; getline(&line, &room, maps) > 0; ++found.mappings[pid])
             take_mapping(line, pid, device, found);
         const bool failed = std::ferror(maps) != 0; // access is checked at the read
         std::free(line);

@@ -42,6 +42,7 @@ struct Mapper {
 
 struct Mappers {
     std::map<FileId, std::vector<Mapper>> of_file; // files of `device` only
+    std::map<pid_t, std::size_t> mappings;         // all of a process's, whatever they map
     std::vector<pid_t> unreadable;                 // processes that only root may look into
 };
 
