@@ -89,7 +89,7 @@ class SegmentView {
 };
 
 // Opens, reads and closes a topic. Reads the file instead of mapping it, which takes a third of the
-// time for a single look, and counts only what two readings agree on.
+// time for a single look, and counts only what several readings agree on.
 std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic, Problem &problem);
 
 // Why a snapshot has no value to show; only for other conditions than `value`.
