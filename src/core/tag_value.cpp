@@ -20,34 +20,52 @@ void mark_written(kp_t &handle, uint32_t hash)
     handle.write_info.bitmap[bitmap_byte(hash)] |= bitmap_bit(hash);
 }
 
-// The bytes that a write through the tag stores, by the type its provider declared; 0 after a log
-// line under the caller's name.
-[[gnu::always_inline]] inline uint32_t size_to_write(const kp_tag_t &tag, uint32_t size,
-                                                     LogSite site = LogSite::current())
+// The bytes that a write to a declared segment stores, by its type; 0 when there are none.
+[[gnu::always_inline]] inline uint32_t size_to_write(const Segment &segment, uint32_t size)
 {
-    const Segment *segment = declared_segment(tag.shm);
-    if (!segment) [[unlikely]] {
-        (void)kp_shm_get_read_info(tag.shm, nullptr, nullptr, nullptr); // says why
-        KP_LOG_AT(KP_LEVEL_ERROR, site, "get tag(%s) value type fail\n", tag.topic);
-        return 0;
-    }
-    const uint32_t value_type = load_relaxed(segment->value_type);
-    const uint32_t value_size = value_type < kValueTypeCount ? size_of_known_type(value_type, size)
-                                                             : kp_get_value_size(value_type, size);
-    if (value_size == 0) [[unlikely]]
-        KP_LOG_AT(KP_LEVEL_ERROR, site, "value size is invalid\n");
-    return value_size;
+    const uint32_t value_type = load_relaxed(segment.value_type);
+    return value_type < kValueTypeCount ? size_of_known_type(value_type, size) : 0;
 }
 
-// Writes a value of a size that size_to_write() gave, so to a segment that is declared.
-[[gnu::always_inline]] inline int32_t write_sized(const kp_tag_t &tag, const void *value,
-                                                  uint32_t size, uint64_t now, uint8_t quality,
-                                                  uint64_t source_ts)
+// Says why size_to_write() gave 0. Finds it out again, so that a write that succeeds need not know
+// the site.
+[[gnu::cold, gnu::noinline]] int32_t refuse_write(const kp_tag_t &tag, LogSite site)
 {
-    Segment &segment = *tag.shm->mem;
-    if (find_size_fault(segment, size) != SizeFault::none) [[unlikely]] // says which
-        return kp_shm_write(tag.shm, value, size, now, quality, source_ts);
-    return store_write(*tag.shm, segment, value, size, now, quality, source_ts);
+    uint32_t value_type = 0;
+    if (kp_shm_get_read_info(tag.shm, &value_type, nullptr, nullptr) < 0) { // says why
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "get tag(%s) value type fail\n", tag.topic);
+        return -1;
+    }
+    (void)kp_get_value_size(value_type, 0); // says which type is unknown
+    KP_LOG_AT(KP_LEVEL_ERROR, site, "value size is invalid\n");
+    return -1;
+}
+
+// Writes through the store's own checks, which say what is wrong with the size.
+[[gnu::cold, gnu::noinline]] int32_t write_checked(kp_t &handle, const kp_tag_t &tag,
+                                                   const void *value, uint32_t size, uint64_t now,
+                                                   uint8_t quality, uint64_t source_ts)
+{
+    const int32_t written = kp_shm_write(tag.shm, value, size, now, quality, source_ts);
+    if (written != -1)
+        mark_written(handle, tag.hash);
+    return written;
+}
+
+// Writes a value of the size that its type gives and marks it for the next notice.
+[[gnu::always_inline]] inline int32_t write_by_type(kp_t &handle, const kp_tag_t &tag,
+                                                    const void *value, uint32_t size, uint64_t now,
+                                                    uint8_t quality, uint64_t source_ts,
+                                                    LogSite site = LogSite::current())
+{
+    Segment *segment = declared_segment(tag.shm);
+    const uint32_t value_size = segment ? size_to_write(*segment, size) : 0;
+    if (value_size == 0) [[unlikely]]
+        return refuse_write(tag, site);
+    if (find_size_fault(*segment, value_size) != SizeFault::none) [[unlikely]]
+        return write_checked(handle, tag, value, value_size, now, quality, source_ts);
+    mark_written(handle, tag.hash);
+    return store_write(*tag.shm, *segment, value, value_size, now, quality, source_ts);
 }
 
 } // namespace
@@ -67,7 +85,9 @@ kp_tag_t *next_need_read_tag(kp_dict_entry *&cursor)
 
 using namespace kp;
 
-int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag, const void *value, uint32_t size)
+// Without a stack protector, which costs a fortieth of a write: the time is all that lies on the stack.
+__attribute__((no_stack_protector)) int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag,
+                                                         const void *value, uint32_t size)
 {
     if (!handle) {
         KP_ERROR("kp is null\n");
@@ -78,14 +98,7 @@ int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag, const void *value, uint32_t si
         return -1;
     }
     const uint64_t now = wall_clock_us();
-    const uint32_t value_size = size_to_write(*tag, size);
-    if (value_size == 0)
-        return -1;
-    const int32_t written = write_sized(*tag, value, value_size, now, KP_QUALITY_GOOD, now);
-    if (written == -1)
-        return -1;
-    mark_written(*handle, tag->hash);
-    return written;
+    return write_by_type(*handle, *tag, value, size, now, KP_QUALITY_GOOD, now);
 }
 
 int32_t kp_tag_write_with_timestamp(kp_t *handle, kp_tag_t *tag, const void *value, uint32_t size,
@@ -105,12 +118,7 @@ int32_t kp_tag_write_with_timestamp(kp_t *handle, kp_tag_t *tag, const void *val
     }
     if (timestamp == 0)
         return -1;
-    const int32_t written =
-        kp_shm_write(tag->shm, value, size, timestamp, KP_QUALITY_GOOD, timestamp);
-    if (written == -1)
-        return -1;
-    mark_written(*handle, tag->hash);
-    return written;
+    return write_checked(*handle, *tag, value, size, timestamp, KP_QUALITY_GOOD, timestamp);
 }
 
 int32_t kp_tag_write_with_source_params(kp_t *handle, kp_tag_t *tag, const void *value,
@@ -124,15 +132,8 @@ int32_t kp_tag_write_with_source_params(kp_t *handle, kp_tag_t *tag, const void 
         KP_ERROR("tag is null\n");
         return -1;
     }
-    const uint32_t value_size = size_to_write(*tag, size);
-    if (value_size == 0)
-        return -1;
-    const int32_t written = write_sized(*tag, value, value_size, wall_clock_us(),
-                                        static_cast<uint8_t>(quality), source_ts);
-    if (written == -1)
-        return -1;
-    mark_written(*handle, tag->hash);
-    return written;
+    return write_by_type(*handle, *tag, value, size, wall_clock_us(), static_cast<uint8_t>(quality),
+                         source_ts);
 }
 
 int32_t kp_tag_instant_write(kp_t *handle, const char *topic, const void *value,

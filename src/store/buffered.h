@@ -20,20 +20,20 @@ namespace kp {
 // all of them, which gives the byte its meaning on a machine that reorders stores.
 class WriteMark {
   public:
-    explicit WriteMark(Segment &segment) : writing_(segment.state.writing)
+    explicit WriteMark(Segment &segment) : segment_(segment)
     {
-        store_relaxed(writing_, 1);
+        store_relaxed<uint8_t>(segment_.state.writing, 1);
         order_stores();
     }
     WriteMark(const WriteMark &) = delete;
     WriteMark &operator=(const WriteMark &) = delete;
     ~WriteMark()
     {
-        store_release(writing_, 0);
+        store_release<uint8_t>(segment_.state.writing, 0);
     }
 
   private:
-    uint8_t &writing_;
+    Segment &segment_;
 };
 
 inline bool is_being_written(const Segment &segment)
@@ -43,18 +43,22 @@ inline bool is_being_written(const Segment &segment)
 
 enum class SizeFault { none, differs, too_large };
 
+// A segment may claim a maximum that its value area does not have.
 inline SizeFault find_size_fault(const Segment &segment, uint32_t size)
 {
     const uint32_t max_value_size = load_relaxed(segment.max_value_size);
-    if (size != max_value_size && !has_variable_size(load_relaxed(segment.value_type)))
+    if (size == max_value_size) [[likely]]
+        return size > kValueAreaSize ? SizeFault::too_large : SizeFault::none;
+    if (!has_variable_size(load_relaxed(segment.value_type)))
         return SizeFault::differs;
-    // A segment may claim a maximum that its value area does not have.
     return size > std::min(max_value_size, kValueAreaSize) ? SizeFault::too_large : SizeFault::none;
 }
 
 // The stores of a write whose size has no fault. Returns the bytes written.
-inline int32_t store_write(kp_shm_t &shm, Segment &segment, const void *value, uint32_t size,
-                           uint64_t timestamp, uint8_t quality, uint64_t source_ts)
+[[gnu::always_inline]] inline int32_t store_write(kp_shm_t &shm, Segment &segment,
+                                                  const void *value, uint32_t size,
+                                                  uint64_t timestamp, uint8_t quality,
+                                                  uint64_t source_ts)
 {
     store_release(segment.last_write_ts, timestamp); // after the whole of the write before
     const WriteMark mark(segment);                   // readers wait until the end of this scope
@@ -63,7 +67,7 @@ inline int32_t store_write(kp_shm_t &shm, Segment &segment, const void *value, u
         store_relaxed(segment.quality, quality);
     store_relaxed(segment.source_ts, source_ts);
     store_relaxed(shm.last_update_ts, timestamp);
-    if (!value)
+    if (!value) [[unlikely]]
         return 0;
 
     store_value(segment, value, size);
@@ -85,8 +89,8 @@ inline uint32_t readable_size(const Segment &segment, uint32_t buffer_size)
 }
 
 // Marks the value as seen and copies it into the buffer (optional). Returns its timestamp.
-inline uint64_t read_value(kp_shm_t &shm, const Segment &segment, void *buffer,
-                           uint32_t buffer_size)
+[[gnu::always_inline]] inline uint64_t read_value(kp_shm_t &shm, const Segment &segment,
+                                                  void *buffer, uint32_t buffer_size)
 {
     const uint64_t last_write_ts = load_relaxed(segment.last_write_ts);
     store_relaxed(shm.last_update_ts, last_write_ts);

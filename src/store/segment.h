@@ -110,7 +110,8 @@ inline std::size_t unbounded(std::size_t size)
 }
 
 // Calls `action` with the size, as a constant for the small values that most topics have.
-template <typename Action> auto with_size(uint32_t size, Action action)
+template <typename Action>
+[[gnu::always_inline]] inline auto with_size(uint32_t size, Action action)
 {
     switch (size) {
     case 1:
@@ -126,7 +127,7 @@ template <typename Action> auto with_size(uint32_t size, Action action)
     }
 }
 
-inline void copy_bytes(void *to, const void *from, uint32_t size)
+[[gnu::always_inline]] inline void copy_bytes(void *to, const void *from, uint32_t size)
 {
     with_size(size, [=](auto count) {
         if constexpr (std::is_integral_v<decltype(count)>)
