@@ -38,7 +38,7 @@ class Manager {
     int fd_;
 };
 
-const std::chrono::steady_clock::time_point kStart{std::chrono::hours(1)};
+const std::chrono::steady_clock::time_point kBegin{std::chrono::hours(1)};
 
 } // namespace
 
@@ -62,11 +62,11 @@ TEST(ServiceManager, HearsOfTheWatchdogOftenEnoughAndNoMore)
     (void)setenv("WATCHDOG_USEC", "4000000", 1);
     ServiceManager bridge;
 
-    bridge.keep_watchdog_quiet(kStart);
-    bridge.keep_watchdog_quiet(kStart + std::chrono::milliseconds(500));
+    bridge.keep_watchdog_quiet(kBegin);
+    bridge.keep_watchdog_quiet(kBegin + std::chrono::milliseconds(500));
     EXPECT_EQ(manager.hear(), "WATCHDOG=1");
     EXPECT_EQ(manager.hear(), "");
 
-    bridge.keep_watchdog_quiet(kStart + std::chrono::milliseconds(1500));
+    bridge.keep_watchdog_quiet(kBegin + std::chrono::milliseconds(1500));
     EXPECT_EQ(manager.hear(), "WATCHDOG=1");
 }
