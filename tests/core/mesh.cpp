@@ -223,8 +223,6 @@ void Writer::write(int32_t value, uint8_t quality)
 
 testing::AssertionResult Footprint::is_restored() const
 {
-    const int threads = threads_; // one that was joined takes a moment to vanish
-    (void)wait_until([threads] { return thread_count() == threads; });
     const Footprint now;
     if (now.descriptors_ == descriptors_ && now.threads_ == threads_ && now.blocks_ == blocks_ &&
         now.mappings_ == mappings_)

@@ -1,7 +1,9 @@
 #include "testing/process.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 namespace kptest {
@@ -33,10 +35,31 @@ std::map<int, std::string> open_descriptors()
     return descriptors;
 }
 
+namespace {
+
+// One that was joined stands among the tasks for a moment more, on its way out.
+bool is_exiting(const fs::path &task)
+{
+    constexpr unsigned kExiting = 0x4; // of the kernel's flags, the seventh word after the name
+    std::ifstream file(task / "stat");
+    std::string stat;
+    std::getline(file, stat);
+    std::istringstream words(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
+    std::string word;
+    for (int count = 0; count < 6; ++count)
+        words >> word;
+    unsigned flags = kExiting;
+    words >> flags;
+    return flags & kExiting;
+}
+
+} // namespace
+
 int thread_count()
 {
     const fs::directory_iterator tasks("/proc/self/task");
-    return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+    return static_cast<int>(std::count_if(
+        begin(tasks), end(tasks), [](const auto &task) { return !is_exiting(task.path()); }));
 }
 
 int mapping_count(const std::string &directory)

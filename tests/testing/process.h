@@ -18,7 +18,7 @@ bool wait_until(const std::function<bool()> &condition,
 // The open descriptors and what each refers to. Compare the results of two calls.
 std::map<int, std::string> open_descriptors();
 
-// The threads of this process.
+// The threads of this process that have not ended.
 int thread_count();
 
 // The mappings of files below a directory, by default of segments.
