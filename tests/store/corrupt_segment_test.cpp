@@ -26,8 +26,6 @@ namespace {
 
 constexpr uint32_t kValueArea = 4004;
 
-const std::string kUndeclared = "shm is invalid. tag size and tag type should be set by provider.";
-
 // A buffer whose end lies before a page that cannot be touched.
 class GuardedBuffer {
   public:

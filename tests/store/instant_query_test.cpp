@@ -18,10 +18,8 @@ using namespace kptest;
 
 namespace {
 
-const std::string kUndeclared = "shm is invalid. tag size and tag type should be set by provider.";
-
 // Leaves a topic that nobody has open, with every field set.
-void write_hello()
+void leave_hello()
 {
     ASSERT_EQ(kp_shm_instant_write("a", "hello", KP_TYPE_STRING, 5, 11, 12, 13, 77), 0);
     SegmentFile("a").put_u32(at::max_value_size, 100);
@@ -31,13 +29,13 @@ class InstantQueryFault : public LeavesNothingBehind {
   protected:
     InstantQueryFault()
     {
-        write_hello();
+        leave_hello();
     }
 };
 
 TEST(InstantValueInfo, GivesTypeSizeAndExtraInformation)
 {
-    write_hello();
+    leave_hello();
     uint32_t type = 0;
     uint32_t size = 0;
     uint32_t extra = 0;
@@ -50,14 +48,14 @@ TEST(InstantValueInfo, GivesTypeSizeAndExtraInformation)
 
 TEST(InstantValueInfo, TakesNullForEveryOutput)
 {
-    write_hello();
+    leave_hello();
 
     EXPECT_EQ(kp_shm_instant_get_value_info("a", nullptr, nullptr, nullptr), 0);
 }
 
 TEST(InstantMaxValueSize, IsTheDeclaredOne)
 {
-    write_hello();
+    leave_hello();
     uint32_t size = 0;
 
     EXPECT_EQ(kp_shm_instant_get_max_value_size("a", &size), 0);
@@ -66,7 +64,7 @@ TEST(InstantMaxValueSize, IsTheDeclaredOne)
 
 TEST(InstantMaxValueSize, TakesNullForItsOutput)
 {
-    write_hello();
+    leave_hello();
 
     EXPECT_EQ(kp_shm_instant_get_max_value_size("a", nullptr), 0);
 }

@@ -19,8 +19,6 @@ using namespace kptest;
 
 namespace {
 
-const std::string kUndeclared = "shm is invalid. tag size and tag type should be set by provider.";
-
 // All that an instant read gives, preset to what no test writes. Frees the value.
 struct ReadValue {
     ReadValue() = default;

@@ -1,4 +1,4 @@
-// An open segment that closes itself.
+// An open segment that closes itself, and what the tests of segments share.
 #pragma once
 
 #include "kp.h"
@@ -8,6 +8,12 @@
 #include <utility>
 
 namespace kptest {
+
+// What each operation says that needs what only a provider can declare.
+inline const std::string kUndeclared =
+    "shm is invalid. tag size and tag type should be set by provider.";
+
+constexpr uint32_t kNumber = 0x04030201; // each of its bytes is another
 
 class OpenedSegment {
   public:

@@ -17,10 +17,6 @@ using namespace kptest;
 
 namespace {
 
-const std::string kUndeclared = "shm is invalid. tag size and tag type should be set by provider.";
-
-constexpr uint32_t kNumber = 0x04030201;
-
 using Buffer = std::array<char, 128>;
 
 // What a read gives besides its result; preset to what no test writes.

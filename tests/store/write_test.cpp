@@ -15,10 +15,6 @@ using namespace kptest;
 
 namespace {
 
-const std::string kUndeclared = "shm is invalid. tag size and tag type should be set by provider.";
-
-constexpr uint32_t kNumber = 0x04030201;
-
 TEST(ShmWrite, OfAFixedSizeReturnsIt)
 {
     const DeclaredSegment shm("a", KP_TYPE_UINT32, 4);
