@@ -53,10 +53,19 @@ bool is_exiting(const fs::path &task)
     return flags & kExiting;
 }
 
+// Under the emulator it can be joined before it is on its way out.
+void wait_for_joined_threads()
+{
+#ifdef KP_TEST_EMULATOR
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+#endif
+}
+
 } // namespace
 
 int thread_count()
 {
+    wait_for_joined_threads();
     const fs::directory_iterator tasks("/proc/self/task");
     return static_cast<int>(std::count_if(
         begin(tasks), end(tasks), [](const auto &task) { return !is_exiting(task.path()); }));

@@ -52,8 +52,7 @@ TEST(KpInfo, NamesTheProcessesThatMapTheTopic)
 
     const Ran ran = kp({"info", "a"});
 
-    EXPECT_THAT(ran.out, HasSubstr("mapped by   " + std::to_string(user.pid()) +
-                                   " test_kp (root)  2 open\n"));
+    EXPECT_THAT(ran.out, HasSubstr("mapped by   " + shown(user.pid()) + " (root)  2 open\n"));
     EXPECT_THAT(ran.out, HasSubstr("providers   1\nconsumers   1\n"));
     (void)user.tell("end");
 }

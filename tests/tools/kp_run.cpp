@@ -162,6 +162,13 @@ std::string filtered(const std::string &input, const std::vector<std::string> &c
     return ran.out;
 }
 
+std::string shown(pid_t pid)
+{
+    std::string program;
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), program);
+    return std::to_string(pid) + " " + program;
+}
+
 void put(const std::string &topic, uint32_t type, const std::string &bytes)
 {
     ASSERT_EQ(kp_shm_instant_write(topic.c_str(), bytes.data(), type,

@@ -36,6 +36,9 @@ std::string filtered(const std::string &input, const std::vector<std::string> &c
 // A time that never passes while a test runs, so that what is printed of it stays the same.
 constexpr uint64_t kFutureUs = 4'102'444'800'123'456; // 2100-01-01T00:00:00.123456Z
 
+// A process as the tool shows it, by number and program. An emulated one has the emulator's name.
+std::string shown(pid_t pid);
+
 // Writes a topic in one shot, with quality 1 and kFutureUs as both of its times.
 void put(const std::string &topic, uint32_t type, const std::string &bytes);
 void put_double(const std::string &topic, double value);

@@ -115,7 +115,7 @@ TEST(KpPeers, CountsWhatAStoppedPeerHasNotRead)
         return filtered(kp({"peers", "-j"}).out,
                         {"jq", "-c", "select(.name==\"application\")|[.unread,.stopped]"});
     };
-    ASSERT_TRUE(wait_until([&] { return unread() == "[0,false]\n"; }));
+    ASSERT_TRUE(wait_until([&] { return unread() == "[0,false]\n"; })) << unread();
     application.signal(SIGSTOP);
 
     // Ten notices of 129 bytes once the stopped process has connected.
@@ -296,7 +296,7 @@ TEST(KpDoctor, FindsAProcessThatComesNearItsLimitOfMappings)
     put_double("a", 1);
     std::size_t limit = 0;
     std::ifstream("/proc/sys/vm/max_map_count") >> limit;
-    const std::string name = std::to_string(getpid()) + " test_kp";
+    const std::string name = shown(getpid());
     EXPECT_THAT(kp({"doctor"}).out, Not(HasSubstr("mappings; each open topic takes one")));
 
     const ManyMappings many("a", limit * 95 / 100);
@@ -322,6 +322,6 @@ TEST(KpDoctor, NamesAProcessThatMapsARemovedTopic)
     kp_shm_t *shm = kp_shm_new("a", KP_ROLE_CONSUMER);
     SegmentFile("a").remove();
 
-    EXPECT_THAT(kp({"doctor"}).out, HasSubstr("error: " + std::to_string(getpid()) + " test_kp"));
+    EXPECT_THAT(kp({"doctor"}).out, HasSubstr("error: " + shown(getpid())));
     (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
 }
