@@ -105,9 +105,19 @@ void Broker::start()
 
 void Broker::kill()
 {
+    end_with(SIGKILL);
+}
+
+void Broker::stop()
+{
+    end_with(SIGTERM);
+}
+
+void Broker::end_with(int number)
+{
     if (!process_)
         return;
-    process_->signal(SIGKILL);
+    process_->signal(number);
     (void)process_->wait();
     process_.reset();
 }

@@ -38,11 +38,15 @@ class Broker {
         process_->signal(number);
     }
     void kill();
+    // Lets it save what its settings make it keep.
+    void stop();
     // On the same port. What it had retained is gone unless `settings` say persistence.
     void start();
     bool accepts() const;
 
   private:
+    void end_with(int number);
+
     std::string settings_;
     int port_;
     std::unique_ptr<ChildProcess> process_;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -78,18 +79,31 @@ Arrived arrived(const std::vector<SeenMessage> &messages)
     return result;
 }
 
-bool nothing_waits()
+bool nothing_waits_of(uint64_t topics)
 {
     return wait_until(
-        [] { return status_number("pending") == 0 && status_number("topics") >= kTopics; });
+        [topics] { return status_number("pending") == 0 && status_number("topics") >= topics; });
 }
 
-// Read at QoS 0, for which the broker's queue has no limit.
+bool nothing_waits()
+{
+    return nothing_waits_of(kTopics);
+}
+
+// What the broker has retained, read at QoS 0, for which its queue has no limit.
+std::map<std::string, std::string> payloads(const Broker &broker)
+{
+    std::map<std::string, std::string> found;
+    for (const auto &[topic, message] : retained(broker.port(), "p/a/#", {"-q", "0"}))
+        found[topic] = message.payload;
+    return found;
+}
+
 std::map<std::string, int> retained_values(const Broker &broker)
 {
     std::map<std::string, int> values;
-    for (const auto &[topic, message] : retained(broker.port(), "p/a/#", {"-q", "0"}))
-        values[topic] = std::stoi(message.payload);
+    for (const auto &[topic, payload] : payloads(broker))
+        values[topic] = std::stoi(payload);
     return values;
 }
 
@@ -146,7 +160,34 @@ TEST(BrokerStopped, DelaysNoWriterAndGetsEachLastValueOnceAfterwards)
     EXPECT_LT(without, with_broker * 5 + 100us);
 }
 
-TEST(BrokerRestarted, ThatHasKeptEverythingGetsOnlyWhatChanged)
+TEST(BrokerRestarted, WithPersistenceGetsOnlyWhatChanged)
+{
+    std::filesystem::create_directory("/run/broker");
+    Broker broker("allow_anonymous true\npersistence true\npersistence_location /run/broker/\n");
+    Tags tags;
+    tags.declare("a/same");
+    tags.declare("a/changed");
+    tags.write("a/same", "x");
+    tags.write("a/changed", "y");
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_until([] { return status_number("out") == 2; }));
+    ASSERT_TRUE(nothing_waits_of(2));
+    broker.stop();
+    ASSERT_TRUE(wait_for_connection(false));
+    tags.write("a/changed", "z");
+
+    broker.start();
+
+    ASSERT_TRUE(wait_for_connection());
+    EXPECT_TRUE(wait_until([] { return status_number("out") >= 3; }));
+    EXPECT_TRUE(nothing_waits_of(2));
+    EXPECT_EQ(status_number("out"), 3u);
+    EXPECT_EQ(payloads(broker),
+              (std::map<std::string, std::string>{{"p/a/changed", "z"}, {"p/a/same", "x"}}));
+    EXPECT_THAT(bridge.log(), testing::HasSubstr("the broker has kept what it had"));
+}
+
+TEST(BrokerTaken, ByAnotherClientOfItsNameGetsOnlyWhatChanged)
 {
     const Broker broker;
     Tags tags;
