@@ -47,6 +47,10 @@ class OutboundOf {
         outbound_.scan(now_);
         return messages();
     }
+    void retained_before(const std::string &mqtt)
+    {
+        state_->add(mqtt);
+    }
     bool notice(const std::string &tag)
     {
         Buckets buckets;
@@ -313,6 +317,44 @@ TEST(Outbound, LooksAgainAtATopicInTheMiddleOfAWrite)
     outbound.pass(seconds(1));
 
     EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=x q=1"));
+}
+
+TEST(Outbound, ClearsOnceWhatAnEarlierRunHadRetainedAndThenSendsTheValue)
+{
+    StoreProvider provider("a/1");
+    provider.write("x");
+    OutboundOf outbound("retain = false\n");
+    outbound.retained_before("p/a/1");
+    outbound->scan(outbound.now());
+
+    EXPECT_THAT(outbound.messages(false), ElementsAre("p/a/1= q="));
+    provider.write("y");
+    EXPECT_TRUE(outbound.notice("a/1"));
+    EXPECT_THAT(outbound.messages(false), IsEmpty()); // the clearing is still on its way
+    outbound->acknowledged(outbound.last_id(), 0, outbound.now());
+
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=y q=1"));
+    EXPECT_FALSE(outbound.state().has("p/a/1"));
+}
+
+TEST(Outbound, ClearsAgainWhatTheBrokerHadNoRoomFor)
+{
+    OutboundOf outbound("");
+    {
+        StoreProvider provider("a/1");
+        provider.write("x");
+        outbound->scan(outbound.now());
+        ASSERT_THAT(outbound.messages(), ElementsAre("p/a/1=x q=1"));
+    }
+    outbound->scan(outbound.now());
+    ASSERT_THAT(outbound.messages(false), ElementsAre("p/a/1= q="));
+
+    outbound->acknowledged(outbound.last_id(), kQuotaExceeded, outbound.now());
+    EXPECT_THAT(outbound.messages(), IsEmpty());
+    outbound.pass(seconds(1));
+
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1= q="));
+    EXPECT_FALSE(outbound.state().has("p/a/1"));
 }
 
 TEST(Outbound, ClearsWhatAnEarlierRunHadRetained)

@@ -77,7 +77,8 @@ int Bridge::poll_timeout(Clock::time_point now) const
     auto until = std::min(next_scan_, next_tick_);
     if (phase_ != Phase::online)
         until = std::min(until, phase_ends_);
-    if (const auto due = outbound_.due(); due && link_ && link_->may_send())
+    const bool can_send = phase_ == Phase::online && link_ && link_->may_send();
+    if (const auto due = outbound_.due(); due && can_send)
         until = std::min(until, *due);
     const auto left = std::chrono::ceil<milliseconds>(until - now).count();
     return static_cast<int>(std::clamp<int64_t>(left, 0, kTick.count()));

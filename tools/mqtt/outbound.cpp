@@ -194,20 +194,19 @@ void Outbound::take_what_is_due(Clock::time_point now)
     while (!later_.empty() && later_.begin()->first <= now) {
         const std::string mqtt = std::move(later_.begin()->second);
         later_.erase(later_.begin());
-        if (const auto live = by_mqtt_.find(mqtt); live != by_mqtt_.end()) {
+        const auto live = by_mqtt_.find(mqtt);
+        if (live != by_mqtt_.end())
             live->second->is_deferred = false;
+        if (live != by_mqtt_.end() || state_.has(mqtt))
             pending_.mark_change(mqtt, now);
-        }
     }
 }
 
 std::optional<Publication> Outbound::publication_for(Topic &topic, Clock::time_point now)
 {
-    if (!topic.rule->retain && state_.has(topic.mqtt)) {
-        pending_.mark_change(topic.mqtt,
-                             now); // the value follows the clearing of what was retained
-        return clearing(topic.mqtt);
-    }
+    // The value follows once the broker has taken the clearing of what was retained.
+    if (!topic.rule->retain && state_.has(topic.mqtt))
+        return is_clearing(topic.mqtt) ? std::nullopt : clearing(topic.mqtt);
     Sample sample;
     const ReadOutcome outcome = reader_.read(topic.tag, sample);
     if (outcome == ReadOutcome::busy)
@@ -238,6 +237,13 @@ void Outbound::defer(Topic &topic, Clock::time_point until)
 {
     if (!std::exchange(topic.is_deferred, true))
         later_.emplace(until, topic.mqtt);
+}
+
+bool Outbound::is_clearing(const std::string &mqtt) const
+{
+    return std::ranges::any_of(unacknowledged_, [&mqtt](const auto &item) {
+        return item.second.topic == mqtt && item.second.payload.empty();
+    });
 }
 
 std::optional<Publication> Outbound::clearing(const std::string &mqtt) const
@@ -289,12 +295,20 @@ void Outbound::acknowledged(int id, int reason, Clock::time_point now)
         if (reason == kQuotaExceeded && live != by_mqtt_.end()) {
             live->second->must_send = true;
             defer(*live->second, now + kQuotaDelay);
+        } else if (reason == kQuotaExceeded) {
+            later_.emplace(now + kQuotaDelay, publication.topic);
         }
         return;
     }
     ++counters_.out;
-    if (publication.payload.empty() && live == by_mqtt_.end())
+    if (!publication.payload.empty() || !state_.has(publication.topic))
+        return;
+    if (live == by_mqtt_.end())
+        return state_.remove(publication.topic);
+    if (!live->second->rule->retain) {
         state_.remove(publication.topic);
+        pending_.mark_change(publication.topic, now);
+    }
 }
 
 void Outbound::refused(const Publication &publication, const std::string &why)

@@ -87,6 +87,8 @@ class Outbound {
     bool refresh(Topic &topic, Clock::time_point now);
     bool take_up(Topic &topic, Sample sample);
     std::optional<Publication> publication_for(Topic &topic, Clock::time_point now);
+    // Whether a clearing of the topic is on its way.
+    bool is_clearing(const std::string &mqtt) const;
     std::optional<Publication> clearing(const std::string &mqtt) const;
     Publication publication_of(const Topic &topic, const Sample &sample) const;
     void defer(Topic &topic, Clock::time_point until);

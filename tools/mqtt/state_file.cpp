@@ -113,7 +113,8 @@ void StateFile::append(char sign, const std::string &topic)
     if (path_.empty())
         return;
     ++lines_;
-    const bool stale = lines_ > kFewLines && lines_ > 2 * topics_.size();
+    // After a failure the last line may be there in part, which a new one would join.
+    const bool stale = failed_ || (lines_ > kFewLines && lines_ > 2 * topics_.size());
     std::string fault = stale ? rewrite() : std::string();
     if (!stale && !write_all(journal_.get(), sign + topic + '\n'))
         fault = failure(path_);
