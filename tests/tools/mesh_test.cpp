@@ -291,6 +291,21 @@ TEST(KpDoctor, FindsEveryKindOfBrokenTopic)
     EXPECT_THAT(kp({"doctor"}).out, HasSubstr("error: stuck: a write has begun and does not end"));
 }
 
+TEST(KpDoctor, NamesTopicsSoThatItsCommandsCanBePasted)
+{
+    SegmentFile("a'; b; '").create(3);
+    SegmentFile("c\n'\\").create(3);
+    const std::string first = R"('a'\''; b; '\''')";
+    const std::string second = R"($'c\n\'\\')";
+
+    const std::string fixes = filtered(kp({"doctor", "-j"}).out,
+                                       {"jq", "-r", "select(.check==\"not-a-segment\") | .fix"});
+
+    EXPECT_EQ(fixes, "kp rm " + first + "\nkp rm " + second + "\n");
+    EXPECT_EQ(run_program({"bash", "-c", "printf '%s|' " + first + " " + second}).out,
+              "a'; b; '|c\n'\\|");
+}
+
 TEST(KpDoctor, FindsAProcessThatComesNearItsLimitOfMappings)
 {
     put_double("a", 1);

@@ -103,6 +103,17 @@ TEST(KpWait, GivesUpWithItsOwnCode)
     EXPECT_EQ(kp({"wait", "missing", "exists", "-t", "0.05"}).code, 124);
 }
 
+TEST(KpWait, DoesNotTakeTheEndOfItsReaderForTheCondition)
+{
+    put_double("a", 1);
+
+    const Ran ran = run_program(
+        {"bash", "-c", "(\"$0\" wait a == 2 -t 20; echo $? >/run/code) | true; cat /run/code",
+         KP_PROGRAM});
+
+    EXPECT_EQ(ran.out, "1\n");
+}
+
 TEST(KpWait, RefusesWhatCanNeverHold)
 {
     put("a", KP_TYPE_INT32, bytes_of(int32_t{1}));

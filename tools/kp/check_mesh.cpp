@@ -43,8 +43,9 @@ void check_endpoint(const Endpoint &endpoint, Findings &findings)
                                 user_name(endpoint.file.owner) + "), which costs every start 3 s",
                             "kp gc"});
     if (endpoint.liveness == Liveness::foreign)
-        findings.push_back({Severity::warning, "peer-foreign", name, "is not a socket",
-                            "rm '" + std::string(kProvidersRoot) + "/" + name + "'"});
+        findings.push_back(
+            {Severity::warning, "peer-foreign", name, "is not a socket",
+             "rm " + shell_word(std::string(kProvidersRoot) + "/" + endpoint.file.name)});
     if (endpoint.connections >= kManyConnections)
         findings.push_back({Severity::warning, "peer-crowded", name,
                             std::to_string(endpoint.connections) + " of " +
@@ -64,7 +65,7 @@ std::size_t check_mesh(Findings &findings)
         findings.push_back({Severity::error, "peer-lost", escaped(socket.path),
                             "somebody listens on it but its file is gone or another's: two "
                             "endpoints had one name, or it was removed",
-                            "ss -xlp src '" + escaped(socket.path) + "'"});
+                            "ss -xlp src " + shell_word(socket.path)});
     if (mesh.hidden_processes > 0)
         findings.push_back({Severity::note, "hidden", "processes",
                             std::to_string(mesh.hidden_processes) + " show only to root",

@@ -72,12 +72,13 @@ class StoreCheck {
         const auto snapshot = read_topic(opener_, topic, problem);
         if (!snapshot) {
             if (problem.code == kInvalid)
-                add(Severity::error, "not-a-segment", name, problem.text, "kp rm '" + name + "'");
+                add(Severity::error, "not-a-segment", name, problem.text,
+                    "kp rm " + shell_word(topic));
             return;
         }
         check_condition(name, topic, *snapshot);
         check_stamps(name, *snapshot);
-        check_counts(name, *snapshot, status);
+        check_counts(name, topic, *snapshot, status);
         users_.insert(status.st_uid);
         if (!(status.st_mode & (S_IWGRP | S_IWOTH)))
             private_.add(name);
@@ -92,17 +93,17 @@ class StoreCheck {
             add(Severity::error, "writing", name,
                 "a write has begun and does not end (last write " +
                     age_text(snapshot.last_write_ts, now_us()) + " ago); nobody can read it",
-                "kp set '" + name + "' VALUE");
+                "kp set " + shell_word(topic) + " VALUE");
         if (snapshot.condition == Condition::corrupt)
             add(Severity::error, "corrupt", name, value_problem(topic, snapshot).text,
-                "kp rm '" + name + "'");
+                "kp rm " + shell_word(topic));
         if (snapshot.reserved_in_use)
             add(Severity::warning, "foreign-layout", name,
                 "bytes are in use that must be zero: another version or program wrote it", "");
         if (snapshot.providers > 1)
             add(Severity::warning, "providers", name,
                 std::to_string(snapshot.providers) + " providers have it open",
-                "kp info '" + name + "'");
+                "kp info " + shell_word(topic));
     }
 
     void check_stamps(const std::string &name, const Snapshot &snapshot)
@@ -114,12 +115,13 @@ class StoreCheck {
                 "date");
     }
 
-    void check_counts(const std::string &name, const Snapshot &snapshot, const struct stat &status)
+    void check_counts(const std::string &name, const std::string &topic, const Snapshot &snapshot,
+                      const struct stat &status)
     {
         const unsigned counted = static_cast<unsigned>(snapshot.providers) + snapshot.consumers;
         if (snapshot.providers >= kManyHandles || snapshot.consumers >= kManyHandles)
             add(Severity::warning, "counts-full", name,
-                "a count of handles is about to wrap at 256", "kp info '" + name + "'");
+                "a count of handles is about to wrap at 256", "kp info " + shell_word(topic));
         unsigned open = 0;
         const auto found = mappers_.of_file.find({status.st_dev, status.st_ino});
         if (found != mappers_.of_file.end())

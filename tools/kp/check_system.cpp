@@ -99,9 +99,10 @@ void check_room(Findings &findings)
         return;
     }
     check_share(findings, "tmpfs-size", room.f_bavail, room.f_blocks, "pages (one for each topic)",
-                "mount -o remount,size=128M /dev/shm");
+                "mount -o remount,size=" + std::to_string(room.f_blocks * room.f_frsize / 512) +
+                    "k /dev/shm"); // twice as much
     check_share(findings, "tmpfs-inodes", room.f_favail, room.f_files, "inodes",
-                "mount -o remount,nr_inodes=100k /dev/shm");
+                "mount -o remount,nr_inodes=" + std::to_string(room.f_files * 2) + " /dev/shm");
 }
 
 void check_limits(Findings &findings)

@@ -85,6 +85,15 @@ class Collector {
         return false;
     }
 
+    static unsigned open_handles(const Mappers &mappers, const FileId &file)
+    {
+        unsigned open = 0;
+        if (const auto found = mappers.of_file.find(file); found != mappers.of_file.end())
+            for (const Mapper &mapper : found->second)
+                open += mapper.writable;
+        return open;
+    }
+
     void collect_topic(const std::string &topic)
     {
         TopicOpener opener;
@@ -101,14 +110,15 @@ class Collector {
         const unsigned counted = static_cast<unsigned>(snapshot->providers) + snapshot->consumers;
         if (counted == 0 && !options_.orphans)
             return;
-        // Looked up for each such topic, so that the proof is as fresh as can be.
+        const FileId file{status.st_dev, status.st_ino};
+        if (!first_look_)
+            first_look_ = find_mappers(status.st_dev);
+        if (counted > 0 && open_handles(*first_look_, file) >= counted)
+            return;
+        // Once more for each topic that is left, so that the proof is as fresh as can be.
         const Mappers mappers = find_mappers(status.st_dev);
-        const auto found = mappers.of_file.find({status.st_dev, status.st_ino});
-        unsigned open = 0;
-        if (found != mappers.of_file.end())
-            for (const Mapper &mapper : found->second)
-                open += mapper.writable;
-        const bool is_mapped = found != mappers.of_file.end();
+        const unsigned open = open_handles(mappers, file);
+        const bool is_mapped = mappers.of_file.contains(file);
         if (counted == 0)
             collect_orphan(topic, *snapshot, is_mapped, mappers);
         else if (open < counted && sees_everybody(mappers))
@@ -213,6 +223,7 @@ class Collector {
     }
 
     const CollectOptions &options_;
+    std::optional<Mappers> first_look_;
     Outcome outcome_;
     bool told_blindness_ = false;
 };

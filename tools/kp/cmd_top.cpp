@@ -343,7 +343,7 @@ int run_top(const TopOptions &options)
     if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO))
         return complain(Problem{kUsage, "top needs a terminal; watch serves pipes"});
     catch_stop_signals();
-    Screen screen;
+    Screen screen(uses_colors());
     if (!screen.is_ready())
         return complain(Problem{kUsage, "this terminal (TERM) is not known"});
     return Top(options, selection, screen).run();

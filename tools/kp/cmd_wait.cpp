@@ -174,7 +174,7 @@ int run_wait(const WaitOptions &options)
         if (monotonic_us() >= end)
             return kTimeout;
         if (!wait_until(std::min(end, monotonic_us() + kPollUs)))
-            return kDone; // replaced by what stopped the program
+            return kNothing; // replaced by what stopped the program
     }
 }
 

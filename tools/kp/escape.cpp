@@ -109,6 +109,16 @@ std::string escaped(std::string_view text)
     return out;
 }
 
+std::string shell_word(std::string_view text)
+{
+    const std::string shown = escaped(text);
+    const bool is_plain = shown == text;
+    std::string out = is_plain ? "'" : "$'";
+    for (const char byte : shown)
+        out += byte != '\'' ? std::string(1, byte) : is_plain ? "'\\''" : "\\'";
+    return out + "'";
+}
+
 std::size_t display_width(std::string_view text)
 {
     std::size_t width = 0;

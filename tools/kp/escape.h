@@ -23,6 +23,10 @@ bool is_utf8(std::string_view text);
 // itself as backslash escapes; all else as it is.
 std::string escaped(std::string_view text);
 
+// A word for a shell that stands for just these bytes, safe to show and to paste: in quotes, and in
+// those of bash where something in it must not reach the terminal.
+std::string shell_word(std::string_view text);
+
 // Columns that escaped text takes on a terminal.
 std::size_t display_width(std::string_view text);
 

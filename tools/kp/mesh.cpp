@@ -70,7 +70,7 @@ void NoticeSender::mark(const std::string &topic, bool is_new)
         new_topics_.push_back(topic);
 }
 
-bool NoticeSender::wait_for_peers(uint64_t wait_us) const
+bool NoticeSender::wait_for_peers(uint64_t wait_us, Problem &problem) const
 {
     const uint64_t deadline = monotonic_us() + wait_us;
     for (;;) {
@@ -81,9 +81,10 @@ bool NoticeSender::wait_for_peers(uint64_t wait_us) const
         if (complete)
             return true;
         if (monotonic_us() >= deadline) {
-            complain(std::to_string(count.live_peers - count.connected) + " of " +
-                     std::to_string(count.live_peers) +
-                     " peers did not connect in time and will not see the notice (see kp peers)");
+            problem = {kLimit, std::to_string(count.live_peers - count.connected) + " of " +
+                                   std::to_string(count.live_peers) +
+                                   " peers did not connect in time and did not see the notice of "
+                                   "what was stored (see kp peers)"};
             return false;
         }
     }
@@ -102,14 +103,14 @@ bool NoticeSender::send(uint64_t wait_us, Problem &problem)
             problem.code = kLimit;
         return false;
     }
-    (void)wait_for_peers(wait_us);
+    const bool all_connected = wait_for_peers(wait_us, problem);
     for (const std::string &topic : new_topics_) {
         kp_new_tag_info announcement{KP_MSG_NEW_TAG, {}};
         (void)std::snprintf(announcement.topic, sizeof(announcement.topic), "%s", topic.c_str());
         (void)kp_notify_send(endpoint_, &announcement, sizeof(announcement));
     }
     (void)kp_notify_send(endpoint_, &marks_, sizeof(marks_));
-    return true;
+    return all_connected;
 }
 
 } // namespace kp::tool

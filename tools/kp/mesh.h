@@ -20,11 +20,11 @@ class NoticeSender {
     // Marks a topic as written; one that is new is announced too.
     void mark(const std::string &topic, bool is_new);
     // Joins the device's endpoints, waits for them up to `wait_us` and sends what was marked. False
-    // with a problem when no endpoint can be made; peers that did not come in time are complained of.
+    // with a problem when no endpoint can be made, or when peers did not come in time.
     bool send(uint64_t wait_us, Problem &problem);
 
   private:
-    bool wait_for_peers(uint64_t wait_us) const;
+    bool wait_for_peers(uint64_t wait_us, Problem &problem) const;
 
     std::string name_;
     kp_notify_t *endpoint_ = nullptr;

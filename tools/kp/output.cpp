@@ -74,6 +74,11 @@ void choose_colors(ColorChoice choice)
         use_colors = isatty(STDOUT_FILENO) == 1 || is_set("CLICOLOR_FORCE");
 }
 
+bool uses_colors()
+{
+    return use_colors;
+}
+
 std::string colored(std::string_view text, Color color)
 {
     if (!use_colors)

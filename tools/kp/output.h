@@ -40,6 +40,7 @@ void choose_colors(ColorChoice choice);
 enum class Color { red, yellow, dim, bold };
 
 // The text in a colour, or as it is.
+bool uses_colors();
 std::string colored(std::string_view text, Color color);
 
 } // namespace kp::tool

@@ -36,7 +36,7 @@ attr_t attributes(Style style, bool colors)
 
 } // namespace
 
-Screen::Screen() : screen_(newterm(nullptr, stdout, stdin))
+Screen::Screen(bool colors) : screen_(newterm(nullptr, stdout, stdin))
 {
     if (!screen_)
         return;
@@ -46,8 +46,7 @@ Screen::Screen() : screen_(newterm(nullptr, stdout, stdin))
     (void)keypad(stdscr, true);
     (void)curs_set(0);
     (void)set_escdelay(25);
-    const char *no_color = std::getenv("NO_COLOR");
-    if ((no_color && *no_color) || !::has_colors())
+    if (!colors || !::has_colors())
         return;
     has_colors_ = start_color() == OK && use_default_colors() == OK;
     (void)init_pair(kRedPair, COLOR_RED, -1);

@@ -30,7 +30,7 @@ struct Input {
 
 class Screen {
   public:
-    Screen();
+    explicit Screen(bool colors);
     Screen(const Screen &) = delete;
     Screen &operator=(const Screen &) = delete;
     // The terminal is left as it was found.
