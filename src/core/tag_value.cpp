@@ -42,9 +42,9 @@ void mark_written(kp_t &handle, uint32_t hash)
 }
 
 // Writes through the store's own checks, which say what is wrong with the size.
-[[gnu::cold, gnu::noinline]] int32_t write_checked(kp_t &handle, const kp_tag_t &tag,
-                                                   const void *value, uint32_t size, uint64_t now,
-                                                   uint8_t quality, uint64_t source_ts)
+[[gnu::noinline]] int32_t write_checked(kp_t &handle, const kp_tag_t &tag, const void *value,
+                                        uint32_t size, uint64_t now, uint8_t quality,
+                                        uint64_t source_ts)
 {
     const int32_t written = kp_shm_write(tag.shm, value, size, now, quality, source_ts);
     if (written != -1)
