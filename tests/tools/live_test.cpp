@@ -141,6 +141,15 @@ TEST(KpHz, HasNothingToSayOfATopicThatRests)
     EXPECT_EQ(ran.code, 1);
 }
 
+TEST(KpTop, ShowsWhatItCanOfATopicWhoseWriterDiedInAWrite)
+{
+    put_double("stuck", 1);
+    SegmentFile("stuck").put_u8(at::writing, 1);
+    const TopInTerminal top;
+
+    EXPECT_THAT(top.showing("stuck"), testing::ContainsRegex("stuck +double"));
+}
+
 TEST(KpTop, ShowsTopicsAndFollowsThem)
 {
     put_double("plant/speed", 21.5);
