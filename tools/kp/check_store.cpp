@@ -122,11 +122,7 @@ class StoreCheck {
         if (snapshot.providers >= kManyHandles || snapshot.consumers >= kManyHandles)
             add(Severity::warning, "counts-full", name,
                 "a count of handles is about to wrap at 256", "kp info " + shell_word(topic));
-        unsigned open = 0;
-        const auto found = mappers_.of_file.find({status.st_dev, status.st_ino});
-        if (found != mappers_.of_file.end())
-            for (const Mapper &mapper : found->second)
-                open += mapper.writable;
+        const unsigned open = mappers_.open_handles({status.st_dev, status.st_ino});
         if (open >= counted)
             return;
         const bool is_sure = mappers_.unreadable.empty() && sees_all_processes();

@@ -85,15 +85,6 @@ class Collector {
         return false;
     }
 
-    static unsigned open_handles(const Mappers &mappers, const FileId &file)
-    {
-        unsigned open = 0;
-        if (const auto found = mappers.of_file.find(file); found != mappers.of_file.end())
-            for (const Mapper &mapper : found->second)
-                open += mapper.writable;
-        return open;
-    }
-
     void collect_topic(const std::string &topic)
     {
         TopicOpener opener;
@@ -113,11 +104,11 @@ class Collector {
         const FileId file{status.st_dev, status.st_ino};
         if (!first_look_)
             first_look_ = find_mappers(status.st_dev);
-        if (counted > 0 && open_handles(*first_look_, file) >= counted)
+        if (counted > 0 && first_look_->open_handles(file) >= counted)
             return;
         // Once more for each topic that is left, so that the proof is as fresh as can be.
         const Mappers mappers = find_mappers(status.st_dev);
-        const unsigned open = open_handles(mappers, file);
+        const unsigned open = mappers.open_handles(file);
         const bool is_mapped = mappers.of_file.contains(file);
         if (counted == 0)
             collect_orphan(topic, *snapshot, is_mapped, mappers);

@@ -125,6 +125,15 @@ std::string process_text(const Process &process)
     return std::to_string(process.pid) + " " + process.program + " (" + process.user + ")";
 }
 
+unsigned Mappers::open_handles(const FileId &file) const
+{
+    unsigned open = 0;
+    if (const auto found = of_file.find(file); found != of_file.end())
+        for (const Mapper &mapper : found->second)
+            open += mapper.writable;
+    return open;
+}
+
 Mappers find_mappers(dev_t device)
 {
     Mappers found;

@@ -44,6 +44,9 @@ struct Mappers {
     std::map<FileId, std::vector<Mapper>> of_file; // files of `device` only
     std::map<pid_t, std::size_t> mappings;         // all of a process's, whatever they map
     std::vector<pid_t> unreadable;                 // processes that only root may look into
+
+    // The handles that all processes have open on a segment, as far as can be seen.
+    unsigned open_handles(const FileId &file) const;
 };
 
 // Every process's mappings of files on one file system.
