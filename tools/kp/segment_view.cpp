@@ -82,7 +82,7 @@ enum class Attempt { good, disturbed, no_segment };
 Attempt try_copy(const Segment &segment, Copy &copy)
 {
     bool same = load_acquire(segment.state.writing) != 1;
-    const std::size_t end = copy_segment(segment, copy); // of one that stays busy all but the value
+    const std::size_t end = copy_segment(segment, copy); // a busy one has fields to show
     for (int look = 1; look < kLooks && same; ++look) {
         same = load_acquire(segment.state.writing) != 1 &&
                still_holds(reinterpret_cast<const uint8_t *>(&segment), copy, end);
