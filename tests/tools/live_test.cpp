@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -139,6 +140,29 @@ TEST(KpHz, HasNothingToSayOfATopicThatRests)
     EXPECT_EQ(ran.out, "TOPIC                               WRITES        HZ       MIN      MEAN "
                        "      MAX    JITTER   BYTES/S\n");
     EXPECT_EQ(ran.code, 1);
+}
+
+TEST(KpHz, SaysWhichDirectoryItMayNotRead)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    put_double("closed/a", 1);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp/closed", 0700), 0);
+
+    const Ran ran = kp({"hz", "#", "-1", "-w", "0.05"}, {.uid = user});
+
+    EXPECT_EQ(ran.err, "kp: closed: Permission denied\n");
+    EXPECT_EQ(ran.code, 3);
+}
+
+TEST(KpTop, CountsWhatItCannotRead)
+{
+    put_double("a", 1);
+    SegmentFile("short").create(3);
+    const TopInTerminal top;
+
+    EXPECT_THAT(top.showing("CONS"), HasSubstr("kp top  1 topics, 1 cannot be read  by topic"));
 }
 
 TEST(KpTop, ShowsWhatItCanOfATopicWhoseWriterDiedInAWrite)

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -20,6 +21,13 @@ std::vector<std::string> watching(std::vector<std::string> arguments)
 {
     arguments.insert(arguments.begin(), {KP_PROGRAM, "watch"});
     return arguments;
+}
+
+void put_double_at(const std::string &topic, double value, uint64_t written_us)
+{
+    ASSERT_EQ(kp_shm_instant_write(topic.c_str(), &value, KP_TYPE_DOUBLE, sizeof(value), written_us,
+                                   1, written_us, 0),
+              0);
 }
 
 } // namespace
@@ -72,6 +80,45 @@ TEST(KpWatch, SurvivesAFileThatIsCutShort)
     SegmentFile("b").put_u64(at::last_write_ts, 5);
 
     EXPECT_EQ(watch.hear(), "b\t2");
+}
+
+TEST(KpWatch, FollowsAFileAgainThatIsGivenBackItsSize)
+{
+    put_double("a", 1);
+    put_double("b", 1);
+    ChildProcess watch(watching({"#", "--rate", "200"}));
+    ASSERT_EQ(watch.hear(), "a\t1");
+    ASSERT_EQ(watch.hear(), "b\t1");
+    const SegmentFile file("a");
+    const std::string bytes = file.all();
+
+    ASSERT_EQ(truncate(file.path().c_str(), 0), 0);
+    for (const int value : {2, 3}) { // by the second change it has surely met the short file
+        put_double_at("b", value, static_cast<uint64_t>(value));
+        ASSERT_EQ(watch.hear(), "b\t" + std::to_string(value));
+    }
+    file.put_bytes(0, bytes);
+
+    EXPECT_EQ(watch.hear(), "a\t1");
+}
+
+TEST(KpWatch, FollowsAFileOnceItMayBeRead)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    put_double("a", 1);
+    put_double("b", 1);
+    ASSERT_EQ(chmod(SegmentFile("a").path().c_str(), 0600), 0);
+    ASSERT_EQ(chmod(SegmentFile("b").path().c_str(), 0644), 0);
+    const std::string number = std::to_string(user);
+    ChildProcess watch(std::vector<std::string>{"setpriv", "--reuid=" + number, "--regid=" + number,
+                                                "--clear-groups", KP_PROGRAM, "watch", "#"});
+    ASSERT_EQ(watch.hear(), "b\t1");
+
+    ASSERT_EQ(chmod(SegmentFile("a").path().c_str(), 0644), 0);
+
+    EXPECT_EQ(watch.hear(), "a\t1");
 }
 
 TEST(KpWatch, EndsAfterTheWantedNumberOfLines)

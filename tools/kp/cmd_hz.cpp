@@ -58,7 +58,7 @@ class Meter {
         }
         if (options_.count > 0 && reports < options_.count && stop_signal() == 0)
             return kTimeout;
-        return has_reported_ ? kDone : kNothing;
+        return outcome_.code() == kDone && !has_reported_ ? kNothing : outcome_.code();
     }
 
   private:
@@ -74,8 +74,7 @@ class Meter {
             if (!wait_until(std::min(next, until)))
                 return false;
             if (next >= refresh_at) {
-                store_.refresh();
-                (void)store_.take_problems(); // kp list tells them
+                refresh();
                 refresh_at = next + kRefreshUs;
             }
             look();
@@ -84,10 +83,17 @@ class Meter {
         return true;
     }
 
+    void refresh()
+    {
+        store_.refresh();
+        for (const Problem &problem : store_.take_problems())
+            outcome_.note(problem);
+    }
+
     void look()
     {
         if (store_.topics().empty())
-            store_.refresh();
+            refresh();
         store_.for_each_change([this](const LiveTopic &live, bool is_new) {
             const uint64_t before = std::exchange(last_ts_[live.topic], live.seen.last_write_ts);
             if (is_new)
@@ -113,6 +119,7 @@ class Meter {
                 print_row(topic, rate, seconds);
         }
         rates_.clear();
+        store_.forget_removed(last_ts_);
         (void)output().flush();
     }
 
@@ -174,6 +181,7 @@ class Meter {
 
     const HzOptions &options_;
     LiveStore store_;
+    Outcome outcome_;
     std::map<std::string, Rate> rates_;
     std::map<std::string, uint64_t> last_ts_;
     uint64_t measured_since_ = 0;

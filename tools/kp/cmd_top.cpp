@@ -71,7 +71,7 @@ class Top {
     void sample(uint64_t now)
     {
         store_.refresh();
-        (void)store_.take_problems(); // no room for them here; kp list tells them
+        (void)store_.take_problems(); // there is room for their number only; kp list tells them
         store_.for_each_change([this](const LiveTopic &live, bool is_new) {
             Rate &rate = rates_[live.topic];
             rate.writes += !is_new;
@@ -80,6 +80,8 @@ class Top {
         if (now < second_at_ + kUsPerSecond)
             return;
         const double seconds = static_cast<double>(now - second_at_) / 1e6;
+        store_.forget_removed(rates_);
+        store_.forget_removed(shown_);
         for (auto &[topic, rate] : rates_) {
             const double last = static_cast<double>(std::exchange(rate.writes, 0U)) / seconds;
             rate.per_second =
@@ -221,6 +223,8 @@ class Top {
         std::string line = "kp top  " + std::to_string(store_.topics().size()) + " topics";
         if (!filter_.empty())
             line += ", " + std::to_string(shown) + " match " + filter_;
+        if (store_.refused_count() > 0)
+            line += ", " + std::to_string(store_.refused_count()) + " cannot be read";
         line += "  by " + std::string(kOrderNames[static_cast<std::size_t>(order_)]);
         line += is_reversed_ ? ", reversed" : "";
         line += is_frozen_ ? "  FROZEN" : "";

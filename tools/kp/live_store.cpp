@@ -10,6 +10,8 @@ namespace {
 
 // Directory times move in steps of the kernel's clock tick, at most 10 ms.
 constexpr uint64_t kClockTickUs = 20'000;
+// Nothing in its directory tells that a file can be opened again.
+constexpr uint64_t kRetryUs = kUsPerSecond;
 
 uint64_t to_us(const timespec &time)
 {
@@ -28,6 +30,15 @@ void LiveStore::refresh()
 {
     opener_ = TopicOpener(); // the directory that it kept may be another one by now
     refresh_directory("");
+    if (monotonic_us() >= retry_at_)
+        retry_refused();
+}
+
+void LiveStore::retry_refused()
+{
+    retry_at_ = monotonic_us() + kRetryUs;
+    for (const std::string &topic : std::set(refused_))
+        open(topic);
 }
 
 void LiveStore::refresh_directory(const std::string &directory)
@@ -80,12 +91,13 @@ void LiveStore::scan(const std::string &directory, DirectoryState &state)
 
 void LiveStore::forget_directory(const std::string &directory)
 {
-    const auto below = [&directory](const auto &entry) {
-        return directory.empty() || entry.first == directory ||
-               entry.first.starts_with(directory + "/");
+    const auto is_below = [&directory](const std::string &name) {
+        return directory.empty() || name == directory || name.starts_with(directory + "/");
     };
+    const auto below = [&is_below](const auto &entry) { return is_below(entry.first); };
     std::erase_if(topics_, below);
     std::erase_if(directories_, below);
+    std::erase_if(refused_, is_below);
 }
 
 void LiveStore::follow(const StoreFile &file)
@@ -93,17 +105,23 @@ void LiveStore::follow(const StoreFile &file)
     const auto known = topics_.find(file.topic);
     if (known != topics_.end() && known->second.view.inode() == file.inode)
         return;
+    topics_.erase(file.topic); // another file took its name
+    open(file.topic);
+}
+
+void LiveStore::open(const std::string &topic)
+{
     Problem problem;
-    auto view = SegmentView::open(opener_, file.topic, problem);
-    if (!view) {
-        if (problem.code == kNothing || refused_[file.topic] == file.inode)
-            return;
-        refused_[file.topic] = file.inode;
+    auto view = SegmentView::open(opener_, topic, problem);
+    if (view) {
+        refused_.erase(topic);
+        topics_.insert_or_assign(topic, LiveTopic{topic, std::move(*view), {}, true, false});
+    } else if (problem.code == kNothing) {
+        refused_.erase(topic); // its directory will show it, should it come back
+    } else {
+        refused_.insert(topic);
         report(problem);
-        return;
     }
-    LiveTopic &live = topics_[file.topic];
-    live = {file.topic, std::move(*view), {}, true, false};
 }
 
 void LiveStore::drop_files(const DirectoryState &state, const std::vector<StoreFile> &now)
@@ -112,15 +130,18 @@ void LiveStore::drop_files(const DirectoryState &state, const std::vector<StoreF
     for (const StoreFile &file : now)
         there.insert(file.topic);
     for (const std::string &topic : state.files)
-        if (!there.contains(topic))
+        if (!there.contains(topic)) {
             topics_.erase(topic);
+            refused_.erase(topic);
+        }
 }
 
 void LiveStore::drop_lost()
 {
-    for (const std::string &topic : lost_)
+    for (const std::string &topic : std::exchange(lost_, {})) {
         topics_.erase(topic);
-    lost_.clear();
+        refused_.insert(topic);
+    }
 }
 
 void LiveStore::report(const Problem &problem)

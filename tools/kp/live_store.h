@@ -1,5 +1,6 @@
 // The topics of a selection, kept mapped and looked at again and again: new ones are found, those
-// that vanish are dropped, and one that was removed and made anew is followed in its new file.
+// that vanish are dropped, and one that was removed and made anew is followed in its new file. A file
+// that cannot be read is tried again now and then: it may be given back its rights or its size.
 #pragma once
 
 #include "segment_view.h"
@@ -24,7 +25,8 @@ class LiveStore {
     {
     }
 
-    // Looks into the directories that changed since the last time.
+    // Looks into the directories that changed since the last time, and once a second at the files
+    // that could not be read.
     void refresh();
 
     // Calls `use(topic, is_new)` for each topic that was written since the last look.
@@ -49,6 +51,16 @@ class LiveStore {
     {
         return topics_;
     }
+    // Those found whose files cannot be read.
+    std::size_t refused_count() const
+    {
+        return refused_.size();
+    }
+    // Drops what a user keeps of topics that are gone.
+    template <typename Kept> void forget_removed(std::map<std::string, Kept> &kept) const
+    {
+        std::erase_if(kept, [this](const auto &entry) { return !topics_.contains(entry.first); });
+    }
     // The trouble met so far, each once; first come, first noted.
     std::vector<Problem> take_problems();
 
@@ -60,10 +72,12 @@ class LiveStore {
         std::vector<std::string> files;
     };
 
+    void retry_refused();
     void refresh_directory(const std::string &directory);
     void forget_directory(const std::string &directory);
     void scan(const std::string &directory, DirectoryState &state);
     void follow(const StoreFile &file);
+    void open(const std::string &topic);
     void drop_files(const DirectoryState &state, const std::vector<StoreFile> &now);
     void drop_lost();
     void report(const Problem &problem);
@@ -87,7 +101,8 @@ class LiveStore {
     TopicOpener opener_;
     std::map<std::string, LiveTopic> topics_;
     std::map<std::string, DirectoryState> directories_;
-    std::map<std::string, ino_t> refused_; // files that could not be opened, told once
+    std::set<std::string> refused_; // whose files could not be opened, or were cut short
+    uint64_t retry_at_ = 0;
     std::vector<std::string> lost_;
     std::vector<Problem> problems_;
     std::set<std::string> told_;
