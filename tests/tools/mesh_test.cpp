@@ -13,7 +13,9 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,6 +64,8 @@ class ManyMappings {
   private:
     std::vector<void *> mapped_;
 };
+
+constexpr uid_t kUserOfItsOwn = 54'321;
 
 std::string checks_of(const Ran &doctor)
 {
@@ -295,15 +299,17 @@ TEST(KpDoctor, NamesTopicsSoThatItsCommandsCanBePasted)
 {
     SegmentFile("a'; b; '").create(3);
     SegmentFile("c\n'\\").create(3);
+    SegmentFile("-x").create(3);
     const std::string first = R"('a'\''; b; '\''')";
     const std::string second = R"($'c\n\'\\')";
 
     const std::string fixes = filtered(kp({"doctor", "-j"}).out,
                                        {"jq", "-r", "select(.check==\"not-a-segment\") | .fix"});
 
-    EXPECT_EQ(fixes, "kp rm " + first + "\nkp rm " + second + "\n");
+    EXPECT_EQ(fixes, "kp rm -- '-x'\nkp rm " + first + "\nkp rm " + second + "\n");
     EXPECT_EQ(run_program({"bash", "-c", "printf '%s|' " + first + " " + second}).out,
               "a'; b; '|c\n'\\|");
+    EXPECT_EQ(kp({"rm", "--", "-x"}).code, 0);
 }
 
 TEST(KpDoctor, FindsAProcessThatComesNearItsLimitOfMappings)
@@ -319,6 +325,55 @@ TEST(KpDoctor, FindsAProcessThatComesNearItsLimitOfMappings)
     ASSERT_TRUE(many.succeeded());
     EXPECT_THAT(kp({"doctor"}).out, ContainsRegex("warning: " + name + " .*: has [0-9]+ of " +
                                                   std::to_string(limit) + " mappings"));
+}
+
+TEST(KpDoctor, FindsAnEndpointThatComesNearItsLimitOfDescriptors)
+{
+    ChildProcess application(run_application);
+    ASSERT_EQ(application.hear(), "running");
+    EXPECT_THAT(kp({"doctor"}).out, Not(HasSubstr("descriptors open")));
+    const rlimit few = {64, 4096};
+    ASSERT_EQ(prlimit(application.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+
+    const std::string out = kp({"doctor"}).out;
+
+    const std::string pid = std::to_string(application.pid());
+    EXPECT_THAT(out,
+                ContainsRegex("warning: " + shown(application.pid()) +
+                              " .*: has [0-9]+ of 64 descriptors open; each further peer takes "
+                              "two  .prlimit --pid " +
+                              pid + " --nofile=1024:.\n"));
+    (void)application.tell("end");
+}
+
+TEST(KpDoctor, FindsAUserWhoHasNearlyAllInotifyInstances)
+{
+    std::size_t limit = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_user_instances") >> limit;
+    if (limit > 1024)
+        GTEST_SKIP() << "this system lets a user have " << limit << " instances";
+    if (other_user() == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    // Of a user of its own, since those of this one are needed by what runs beside.
+    ChildProcess owner([limit](Channel &parent) {
+        if (setuid(kUserOfItsOwn) != 0)
+            return 1;
+        for (std::size_t count = 0; count < limit * 95 / 100; ++count)
+            (void)inotify_init1(IN_CLOEXEC);
+        (void)parent.tell("has them");
+        (void)parent.hear();
+        return 0;
+    });
+    ASSERT_EQ(owner.hear(), "has them");
+
+    const std::string out = kp({"doctor"}).out;
+
+    EXPECT_THAT(out, HasSubstr("warning: " + std::to_string(kUserOfItsOwn) + ": has " +
+                               std::to_string(limit * 95 / 100) + " of " + std::to_string(limit) +
+                               " inotify instances; every endpoint takes one  [sysctl "
+                               "fs.inotify.max_user_instances=" +
+                               std::to_string(limit * 2) + "]\n"));
+    (void)owner.tell("end");
 }
 
 TEST(KpDoctor, FindsDeadEndpointsAndUnsafeDirectories)

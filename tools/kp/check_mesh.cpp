@@ -66,10 +66,11 @@ std::size_t check_mesh(Findings &findings)
                             "somebody listens on it but its file is gone or another's: two "
                             "endpoints had one name, or it was removed",
                             "ss -xlp src " + shell_word(socket.path)});
-    if (mesh.hidden_processes > 0)
+    const std::size_t hidden = mesh.descriptors.unreadable.size();
+    if (hidden > 0)
         findings.push_back({Severity::note, "hidden", "processes",
-                            std::to_string(mesh.hidden_processes) + " show only to root",
-                            "sudo kp doctor"});
+                            std::to_string(hidden) + " show only to root", "sudo kp doctor"});
+    check_descriptors(mesh, findings);
     return mesh.endpoints.size();
 }
 

@@ -32,6 +32,12 @@ struct Repeated {
     }
 };
 
+// A topic on a command line of kp's, which takes a leading minus sign for an option's.
+std::string argument(const std::string &topic)
+{
+    return (topic.starts_with('-') ? "-- " : "") + shell_word(topic);
+}
+
 class StoreCheck {
   public:
     explicit StoreCheck(Findings &findings) : findings_(findings)
@@ -73,7 +79,7 @@ class StoreCheck {
         if (!snapshot) {
             if (problem.code == kInvalid)
                 add(Severity::error, "not-a-segment", name, problem.text,
-                    "kp rm " + shell_word(topic));
+                    "kp rm " + argument(topic));
             return;
         }
         check_condition(name, topic, *snapshot);
@@ -93,17 +99,17 @@ class StoreCheck {
             add(Severity::error, "writing", name,
                 "a write has begun and does not end (last write " +
                     age_text(snapshot.last_write_ts, now_us()) + " ago); nobody can read it",
-                "kp set " + shell_word(topic) + " VALUE");
+                "kp set " + argument(topic) + " VALUE");
         if (snapshot.condition == Condition::corrupt)
             add(Severity::error, "corrupt", name, value_problem(topic, snapshot).text,
-                "kp rm " + shell_word(topic));
+                "kp rm " + argument(topic));
         if (snapshot.reserved_in_use)
             add(Severity::warning, "foreign-layout", name,
                 "bytes are in use that must be zero: another version or program wrote it", "");
         if (snapshot.providers > 1)
             add(Severity::warning, "providers", name,
                 std::to_string(snapshot.providers) + " providers have it open",
-                "kp info " + shell_word(topic));
+                "kp info " + argument(topic));
     }
 
     void check_stamps(const std::string &name, const Snapshot &snapshot)
@@ -121,7 +127,7 @@ class StoreCheck {
         const unsigned counted = static_cast<unsigned>(snapshot.providers) + snapshot.consumers;
         if (snapshot.providers >= kManyHandles || snapshot.consumers >= kManyHandles)
             add(Severity::warning, "counts-full", name,
-                "a count of handles is about to wrap at 256", "kp info " + shell_word(topic));
+                "a count of handles is about to wrap at 256", "kp info " + argument(topic));
         const unsigned open = mappers_.open_handles({status.st_dev, status.st_ino});
         if (open >= counted)
             return;

@@ -108,8 +108,9 @@ int run_peers(bool json)
             output().write(json_line(peer_json(endpoint)));
     else
         print_table(mesh);
-    if (mesh.hidden_processes > 0 && !json)
-        complain(std::to_string(mesh.hidden_processes) + " processes show only to root");
+    const std::size_t hidden = mesh.descriptors.unreadable.size();
+    if (hidden > 0 && !json)
+        complain(std::to_string(hidden) + " processes show only to root");
     return kDone;
 }
 

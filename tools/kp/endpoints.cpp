@@ -17,14 +17,14 @@ namespace {
 // Everything that one look at the system gives, so that its parts fit together.
 struct View {
     UnixSockets sockets;
-    SocketHolders holders;
+    Descriptors descriptors;
     std::map<ino_t, const UnixSocket *> by_inode;
 };
 
 std::vector<pid_t> holders_of(const View &view, ino_t inode)
 {
-    const auto found = view.holders.of_socket.find(inode);
-    return found == view.holders.of_socket.end() ? std::vector<pid_t>() : found->second;
+    const auto found = view.descriptors.of_socket.find(inode);
+    return found == view.descriptors.of_socket.end() ? std::vector<pid_t>() : found->second;
 }
 
 // The bytes that wait in connections to other endpoints which one of these processes holds.
@@ -108,12 +108,11 @@ std::vector<UnixSocket> lost_listeners(const View &view, const std::vector<Endpo
 
 Mesh look_at_mesh()
 {
-    View view{list_unix_sockets(), find_socket_holders(), {}};
+    View view{list_unix_sockets(), find_descriptors(), {}};
     for (const UnixSocket &socket : view.sockets.sockets)
         view.by_inode[socket.inode] = &socket;
     Mesh mesh;
     mesh.has_queues = view.sockets.has_queues;
-    mesh.hidden_processes = view.holders.unreadable.size();
     for (const EndpointFile &file : list_endpoint_files())
         mesh.endpoints.push_back(endpoint_of(view, file));
     const std::set<ino_t> ends = far_ends(view, mesh.endpoints);
@@ -121,6 +120,7 @@ Mesh look_at_mesh()
         if (mesh.has_queues && !endpoint.owners.empty())
             endpoint.unread = unread_bytes(view, endpoint.owners, ends);
     mesh.lost = lost_listeners(view, mesh.endpoints);
+    mesh.descriptors = std::move(view.descriptors);
     return mesh;
 }
 

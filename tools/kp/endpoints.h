@@ -32,7 +32,7 @@ struct Mesh {
     std::vector<Endpoint> endpoints; // sorted by name
     std::vector<UnixSocket> lost;    // listening on a file that is not there any more
     bool has_queues = false;
-    std::size_t hidden_processes = 0;
+    Descriptors descriptors; // of all processes that may be looked into
 };
 
 Mesh look_at_mesh();

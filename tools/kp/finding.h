@@ -18,10 +18,14 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+struct Mesh;
+
 // The directories, their owners and modes, the room in them and the limits of the system.
 void check_system(Findings &findings);
 // The endpoints; gives their number.
 std::size_t check_mesh(Findings &findings);
+// What the processes of the endpoints, and their users, have left of their limits.
+void check_descriptors(const Mesh &mesh, Findings &findings);
 // The topics; gives their number.
 std::size_t check_store(Findings &findings);
 

@@ -76,12 +76,15 @@ void take_mapping(const char *line, pid_t pid, dev_t device, Mappers &found)
     mapper.deleted = mapper.deleted || std::strstr(line, " (deleted)") != nullptr;
 }
 
-void take_sockets(const UniqueDir &directory, int fd, pid_t pid, SocketHolders &found)
+void take_descriptors(const UniqueDir &directory, int fd, pid_t pid, Descriptors &found)
 {
+    Descriptors::Use &use = found.of_process[pid];
     while (const dirent *entry = directory.next()) {
         std::array<char, 64> target{};
         if (readlinkat(fd, entry->d_name, target.data(), target.size() - 1) <= 0)
             continue;
+        ++use.open;
+        use.inotify += std::string_view(target.data()) == "anon_inode:inotify";
         unsigned long inode = 0;
         if (std::sscanf(target.data(), "socket:[%lu]", &inode) != 1)
             continue;
@@ -157,9 +160,9 @@ Mappers find_mappers(dev_t device)
     return found;
 }
 
-SocketHolders find_socket_holders()
+Descriptors find_descriptors()
 {
-    SocketHolders found;
+    Descriptors found;
     for (const pid_t pid : all_pids()) {
         const UniqueDir directory(opendir(proc_path(pid, "fd").c_str()));
         if (!directory) {
@@ -169,9 +172,20 @@ SocketHolders find_socket_holders()
         }
         const UniqueFd fd(open(proc_path(pid, "fd").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (fd)
-            take_sockets(directory, fd.get(), pid, found);
+            take_descriptors(directory, fd.get(), pid, found);
     }
     return found;
+}
+
+std::optional<std::size_t> descriptor_limit(pid_t pid)
+{
+    constexpr std::string_view name = "Max open files";
+    std::ifstream file(proc_path(pid, "limits"));
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with(name)) // then the soft limit; a hard one, which is no matter here
+            if (const std::size_t limit = std::strtoul(line.c_str() + name.size(), nullptr, 10))
+                return limit;
+    return std::nullopt;
 }
 
 bool sees_all_processes()

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -52,12 +53,20 @@ struct Mappers {
 // Every process's mappings of files on one file system.
 Mappers find_mappers(dev_t device);
 
-// The processes that hold a socket, by its inode.
-struct SocketHolders {
-    std::map<ino_t, std::vector<pid_t>> of_socket;
-    std::vector<pid_t> unreadable;
+// What the processes hold open.
+struct Descriptors {
+    struct Use {
+        std::size_t open = 0;
+        std::size_t inotify = 0; // instances of it
+    };
+    std::map<ino_t, std::vector<pid_t>> of_socket; // who holds it, by its inode
+    std::map<pid_t, Use> of_process;
+    std::vector<pid_t> unreadable; // processes that only root may look into
 };
-SocketHolders find_socket_holders();
+Descriptors find_descriptors();
+
+// How many descriptors a process may have open; nothing for one that has ended or has no limit.
+std::optional<std::size_t> descriptor_limit(pid_t pid);
 
 // Says whether every process that could share files with this one has a number here.
 bool sees_all_processes();
