@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits>
@@ -14,6 +15,20 @@
 #include <unistd.h>
 
 using namespace kptest;
+
+namespace {
+
+int write_without_pause(Channel &parent)
+{
+    kp_shm_t *shm = kp_shm_new("a", KP_ROLE_PROVIDER);
+    (void)kp_shm_set_provider_info(shm, KP_TYPE_STRING, KP_MAX_VALUE_SIZE, 0);
+    const std::string value(KP_MAX_VALUE_SIZE, 'x');
+    (void)parent.tell("writing");
+    for (uint64_t now_us = 1;; ++now_us)
+        (void)kp_shm_write(shm, value.data(), KP_MAX_VALUE_SIZE, now_us, 1, now_us);
+}
+
+} // namespace
 
 TEST(KpGet, PrintsOneTopicsValueAlone)
 {
@@ -163,6 +178,30 @@ TEST(KpGet, ReportsAWriteThatDoesNotEnd)
     EXPECT_EQ(ran.err,
               "kp: stuck: a write has begun and does not end (its writer may have died)\n");
     EXPECT_EQ(ran.code, 4);
+}
+
+TEST(KpGet, ShowsNothingOfAWriteWhoseWriterWasKilledInIt)
+{
+    const SegmentFile file("a");
+    for (int attempt = 0; attempt < 500 && !(file.exists() && file.u8(at::writing)); ++attempt) {
+        ChildProcess writer(write_without_pause);
+        ASSERT_EQ(writer.hear(), "writing");
+        writer.signal(SIGKILL);
+        ASSERT_EQ(writer.wait(), 128 + SIGKILL);
+    }
+    ASSERT_EQ(file.u8(at::writing), 1);
+
+    const Ran ran = kp({"get", "a"});
+    const Ran all = kp({"get", "#", "-j"});
+    const Ran watch = kp({"watch", "a", "-t", "0.1"});
+    const Ran doctor = kp({"doctor"});
+
+    EXPECT_EQ(ran.out + all.out + watch.out, "");
+    EXPECT_EQ(ran.err, "kp: a: a write has begun and does not end (its writer may have died)\n");
+    EXPECT_EQ(ran.code, 4);
+    EXPECT_THAT(doctor.out, testing::HasSubstr("error: a: a write has begun and does not end"));
+    EXPECT_EQ(kp({"set", "a", "mended"}).code, 0);
+    EXPECT_EQ(kp({"get", "a"}).out, "mended\n");
 }
 
 TEST(KpGet, ReportsSegmentsThatMakeNoSense)

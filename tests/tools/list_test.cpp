@@ -207,16 +207,6 @@ TEST(KpList, ShowsTenThousandTopics)
     EXPECT_THAT(kp({"get", "plant/42/#"}).out, testing::HasSubstr("plant/42/sensor/4242\t4242\n"));
 }
 
-TEST(KpList, ReportsAFullDiskOnItsOutput)
-{
-    put_double("a", 1);
-
-    const Ran ran = kp({"list"}, {.output_file = "/dev/full"});
-
-    EXPECT_EQ(ran.err, "kp: standard output: No space left on device\n");
-    EXPECT_EQ(ran.code, 5);
-}
-
 TEST(KpList, RefusesAnUnknownOption)
 {
     const Ran ran = kp({"list", "--nonsense"});
