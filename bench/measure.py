@@ -87,7 +87,8 @@ def describe_machine(build):
 
 def main():
     build = pathlib.Path(sys.argv[1]).resolve()
-    wanted = sys.argv[2:] or ["machine", "values", "latency", "fanout", "footprint", "growth"]
+    wanted = sys.argv[2:] or ["machine", "values", "latency", "fanout", "footprint", "growth",
+                              "tools"]
     programs = build / "bench"
     start = time.monotonic()
     enter_private_places()
@@ -102,6 +103,8 @@ def main():
         write("endpoints", run(programs / "growth-endpoints") or [])
         tags = run(programs / "growth-tags", "--benchmark_format=json", "--benchmark_min_time=0.05")
         write("growth", (tags or {}).get("benchmarks", []))
+    if "tools" in wanted:
+        write("tools", run(ROOT / "bench" / "tools" / "run", build / "tools" / "kp", "--json") or [])
     print(f"bench: all in {time.monotonic() - start:.0f} s", file=sys.stderr)
 
 

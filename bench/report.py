@@ -176,6 +176,11 @@ def growth_tables():
         table(["n-th endpoint", "opening ms"], opening[::5])])
 
 
+def tools_table():
+    return table(["figure", "measured", "at most"],
+                 [[row["name"], row["figure"], row["most"]] for row in load("tools")])
+
+
 def plot(name, commands, data):
     PLOTS.mkdir(parents=True, exist_ok=True)
     blocks = "\n".join(f"${label} << EOD\n{text}\nEOD" for label, text in data.items())
@@ -246,7 +251,8 @@ def plot_growth():
 
 def main():
     parts = {"machine": machine_table(), "goals": goals_table(), "values": value_tables(), "latency": latency_table(),
-             "fanout": fanout_table(), "footprint": footprint_table(), "growth": growth_tables()}
+             "fanout": fanout_table(), "footprint": footprint_table(), "growth": growth_tables(),
+             "tools": tools_table()}
     text = DOCUMENT.read_text()
     for name, part in parts.items():
         begin, end = f"<!-- begin {name} -->", f"<!-- end {name} -->"

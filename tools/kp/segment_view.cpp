@@ -22,7 +22,7 @@ constexpr long kPauseNs = 50'000; // a write lasts less than a microsecond
 
 // The fields after the semaphore, and the value.
 struct Copy {
-    std::array<uint8_t, kSegmentSize> bytes;
+    std::array<uint8_t, kSegmentSize + 1> bytes; // one more, in which a file that is too long shows
 
     Segment segment() const
     {
@@ -35,15 +35,21 @@ struct Copy {
 constexpr std::size_t kFieldsStart = offsetof(Segment, last_write_ts);
 constexpr std::size_t kFieldsEnd = offsetof(Segment, value);
 
+// Where the value ends that the fields of a copy speak of.
+std::size_t value_end(const Copy &copy)
+{
+    uint32_t size = 0;
+    std::memcpy(&size, &copy.bytes[offsetof(Segment, written_value_size)], sizeof(size));
+    return kFieldsEnd + std::min<std::size_t>(size, kValueAreaSize);
+}
+
 // Copies the fields and as much of the value as they speak of; returns the end of what was copied.
 std::size_t copy_segment(const Segment &segment, Copy &copy)
 {
     const auto *source = reinterpret_cast<const uint8_t *>(&segment);
     std::memcpy(&copy.bytes[kFieldsStart], source + kFieldsStart, kFieldsEnd - kFieldsStart);
     order_loads();
-    uint32_t size = 0;
-    std::memcpy(&size, &copy.bytes[offsetof(Segment, written_value_size)], sizeof(size));
-    const std::size_t end = kFieldsEnd + std::min<std::size_t>(size, kValueAreaSize);
+    const std::size_t end = value_end(copy);
     std::memcpy(&copy.bytes[kFieldsEnd], source + kFieldsEnd, end - kFieldsEnd);
     order_loads();
     return end;
@@ -68,11 +74,7 @@ bool is_being_written(const Copy &copy)
 // Reads the file as a whole; false when it has not a segment's size.
 bool read_whole(const UniqueFd &fd, Copy &copy)
 {
-    std::array<uint8_t, kSegmentSize + 1> bytes;
-    if (pread(fd.get(), bytes.data(), bytes.size(), 0) != kSegmentSize)
-        return false;
-    std::memcpy(copy.bytes.data(), bytes.data(), kSegmentSize);
-    return true;
+    return pread(fd.get(), copy.bytes.data(), copy.bytes.size(), 0) == kSegmentSize;
 }
 
 enum class Attempt { good, disturbed, no_segment };
@@ -97,11 +99,12 @@ Attempt try_read(const UniqueFd &fd, Copy &copy)
     if (!read_whole(fd, copy))
         return Attempt::no_segment;
     bool same = !is_being_written(copy);
+    const std::size_t end = value_end(copy);
     for (int look = 1; look < kLooks && same; ++look) {
         Copy again;
-        if (!read_whole(fd, again))
+        if (pread(fd.get(), again.bytes.data(), end, 0) != static_cast<ssize_t>(end))
             return Attempt::no_segment;
-        same = !is_being_written(again) && still_holds(again.bytes.data(), copy, kSegmentSize);
+        same = !is_being_written(again) && still_holds(again.bytes.data(), copy, end);
     }
     return same ? Attempt::good : Attempt::disturbed;
 }
