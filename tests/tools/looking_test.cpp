@@ -114,16 +114,17 @@ TEST_P(Looking, ChangesNothing)
 
 INSTANTIATE_TEST_SUITE_P(
     EveryCommandThatLooks, Looking,
-    testing::Values(std::vector<std::string>{"list"}, std::vector<std::string>{"list", "-l"},
-                    std::vector<std::string>{"list", "--tree"},
-                    std::vector<std::string>{"get", "#"},
-                    std::vector<std::string>{"get", "missing", "-t", "0.1"},
-                    std::vector<std::string>{"info", "plant/speed"},
-                    std::vector<std::string>{"dump"}, std::vector<std::string>{"peers"},
-                    std::vector<std::string>{"doctor"}, std::vector<std::string>{"gc", "-n"},
-                    std::vector<std::string>{"hz", "#", "-1", "-w", "0.1"},
-                    std::vector<std::string>{"watch", "#", "-t", "0.2", "--rate", "100"},
-                    std::vector<std::string>{"wait", "plant/speed", "==", "0", "-t", "0.1"}));
+    testing::Values(
+        std::vector<std::string>{"list"}, std::vector<std::string>{"list", "-l"},
+        std::vector<std::string>{"list", "--tree"}, std::vector<std::string>{"get", "#"},
+        std::vector<std::string>{"get", "missing", "-t", "0.1"},
+        std::vector<std::string>{"info", "plant/speed"}, std::vector<std::string>{"dump"},
+        std::vector<std::string>{"export", "--prometheus"},
+        std::vector<std::string>{"record", "#", "-t", "0.2"}, std::vector<std::string>{"peers"},
+        std::vector<std::string>{"doctor"}, std::vector<std::string>{"gc", "-n"},
+        std::vector<std::string>{"hz", "#", "-1", "-w", "0.1"},
+        std::vector<std::string>{"watch", "#", "-t", "0.2", "--rate", "100"},
+        std::vector<std::string>{"wait", "plant/speed", "==", "0", "-t", "0.1"}));
 
 TEST(LookingAtTheLiveView, ChangesNothing)
 {

@@ -29,11 +29,11 @@ TEST_P(Output, ThatNobodyReadsAnyMoreEndsTheCommandQuietly)
 
 INSTANTIATE_TEST_SUITE_P(
     OfEveryCommandThatPrintsTopics, Output,
-    testing::Values(std::vector<std::string>{"list"}, std::vector<std::string>{"list", "-l"},
-                    std::vector<std::string>{"get", "a"},
-                    std::vector<std::string>{"get", "#", "-j"},
-                    std::vector<std::string>{"info", "a"}, std::vector<std::string>{"dump"},
-                    std::vector<std::string>{"set", "a", "2", "--peer-wait", "0"},
-                    std::vector<std::string>{"doctor", "-j"},
-                    std::vector<std::string>{"watch", "#"},
-                    std::vector<std::string>{"hz", "#", "-w", "0.05"}));
+    testing::Values(
+        std::vector<std::string>{"list"}, std::vector<std::string>{"list", "-l"},
+        std::vector<std::string>{"get", "a"}, std::vector<std::string>{"get", "#", "-j"},
+        std::vector<std::string>{"info", "a"}, std::vector<std::string>{"dump"},
+        std::vector<std::string>{"record", "#"}, std::vector<std::string>{"export", "--prometheus"},
+        std::vector<std::string>{"set", "a", "2", "--peer-wait", "0"},
+        std::vector<std::string>{"doctor", "-j"}, std::vector<std::string>{"watch", "#"},
+        std::vector<std::string>{"hz", "#", "-w", "0.05"}));

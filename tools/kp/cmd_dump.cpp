@@ -1,11 +1,11 @@
 // kp dump and kp restore: the store as JSON lines and back, exact to the bit.
 #include "commands.h"
 #include "escape.h"
-#include "mesh.h"
 #include "output.h"
 #include "record_line.h"
-#include "row_format.h"
+#include "record_store.h"
 #include "selection_options.h"
+#include "store_walk.h"
 
 #include <fstream>
 #include <iostream>
@@ -28,37 +28,17 @@ int run_dump(const SelectionOptions &options)
     if (!selection.set(options.wanted, options.excluded, problem))
         return complain(problem);
     Outcome outcome;
-    const StoreListing listing = list_store(selection);
-    for (const Problem &trouble : listing.problems)
-        outcome.note(trouble);
-    TopicOpener opener;
     std::size_t printed = 0;
-    for (const StoreFile &file : listing.files) {
-        Problem trouble;
-        const auto snapshot = read_topic(opener, file.topic, trouble);
-        const bool broken = snapshot && (snapshot->condition == Condition::busy ||
-                                         snapshot->condition == Condition::corrupt);
-        if (broken)
-            trouble = value_problem(file.topic, *snapshot);
-        if (!snapshot || broken) {
-            if (trouble.code != kNothing) // one that has just been removed is no trouble
-                outcome.note(trouble);
-            continue;
-        }
-        if (snapshot->condition == Condition::undeclared)
-            continue; // holds nothing yet, and its provider will declare it
-        auto object = row_json({file.topic, *snapshot}, ByteStyle::hex);
-        if (snapshot->condition == Condition::value)
-            object["value_b64"] = to_base64(snapshot->bytes);
-        output().write(json_line(object));
-        ++printed;
-    }
+    for_each_declared(selection, outcome,
+                      [&printed](const std::string &topic, const Snapshot &snapshot) {
+                          output().write(stored_record({topic, snapshot}));
+                          ++printed;
+                      });
     if (printed == 0)
         outcome.note(kNothing);
     return outcome.code();
 }
 
-// Says whether the line's topic was stored; a line without a value only declares.
 bool restore_line(const std::string &line, const RestoreOptions &options, NoticeSender &sender,
                   Problem &problem)
 {
@@ -68,20 +48,7 @@ bool restore_line(const std::string &line, const RestoreOptions &options, Notice
     record->write.change_type = options.force;
     if (options.now)
         record->write.timestamp.reset();
-    const auto target = find_target(record->write, problem);
-    if (!target)
-        return false;
-    std::optional<std::string> bytes;
-    if (record->bytes || !record->value.is_null()) {
-        bytes = record_bytes(*record, target->type, problem);
-        if (!bytes)
-            return false;
-    }
-    if (!store_value(record->write, *target, bytes, problem))
-        return false;
-    if (bytes || target->is_new)
-        sender.mark(record->write.topic, target->is_new);
-    return true;
+    return store_record(*record, sender, problem);
 }
 
 int restore_from(std::istream &input, const RestoreOptions &options)

@@ -1,9 +1,9 @@
-// kp watch: a line for each change, by sampling or, asked to, on the notices of the mesh.
+// kp watch and kp record: a line for each change, by sampling or, asked to, on the notices of the mesh.
 #include "commands.h"
 #include "live_store.h"
 #include "notice_queue.h"
 #include "output.h"
-#include "row_format.h"
+#include "record_line.h"
 #include "selection_options.h"
 #include "stop.h"
 
@@ -24,6 +24,7 @@ struct WatchOptions {
     uint64_t count = 0;
     bool mesh = false;
     bool no_initial = false;
+    bool is_record = false; // lines that replay takes
 };
 
 class Watch {
@@ -38,7 +39,8 @@ class Watch {
         const uint64_t start = monotonic_us();
         end_ = options_.timeout > 0 ? start + static_cast<uint64_t>(options_.timeout * 1e6)
                                     : std::numeric_limits<uint64_t>::max();
-        output().write(header_line(options_.format));
+        if (!options_.is_record)
+            output().write(header_line(options_.format));
         look(nullptr);
         is_first_look_ = false;
         if (queue)
@@ -107,7 +109,9 @@ class Watch {
         auto snapshot = live.view.read();
         if (!snapshot || snapshot->condition != Condition::value)
             return;
-        output().write(row_record({live.topic, std::move(*snapshot)}, options_.format));
+        const Row row{live.topic, std::move(*snapshot)};
+        output().write(options_.is_record ? stored_record(row, now_us())
+                                          : row_record(row, options_.format));
         ++printed_;
     }
 
@@ -143,6 +147,39 @@ int run_watch(const WatchOptions &options)
 
 } // namespace
 
+namespace {
+
+void add_following(CLI::App &command, WatchOptions &options)
+{
+    command
+        .add_option("--rate", options.rate,
+                    "looks at the store in a second; " +
+                        std::to_string(static_cast<int>(options.rate)) + " unless given")
+        ->type_name("HZ")
+        ->check(CLI::Range(0.001, 10000.0));
+    command.add_flag("--mesh", options.mesh,
+                     "join the mesh and follow change notices instead of sampling");
+    command.add_option("-n,--count", options.count, "end after so many lines")->type_name("N");
+    command.add_option("-t,--timeout", options.timeout, "end after so long")
+        ->type_name("SEC")
+        ->check(CLI::Range(0.0, 1e9));
+    command.add_flag("--no-initial", options.no_initial, "leave out the values that are there");
+}
+
+} // namespace
+
+void add_record(Commands &commands)
+{
+    const auto options = std::make_shared<WatchOptions>();
+    options->is_record = true;
+    options->rate = 100;
+    CLI::App &command =
+        commands.add("record", "print each change as a JSON line that replay takes, until stopped",
+                     [options] { return run_watch(*options); });
+    add_selection(command, options->selection)->required();
+    add_following(command, *options);
+}
+
 void add_watch(Commands &commands)
 {
     const auto options = std::make_shared<WatchOptions>();
@@ -150,18 +187,9 @@ void add_watch(Commands &commands)
                                      [options] { return run_watch(*options); });
     command.alias("mon");
     add_selection(command, options->selection)->required();
-    command.add_option("--rate", options->rate, "looks at the store in a second; 10 unless given")
-        ->type_name("HZ")
-        ->check(CLI::Range(0.001, 10000.0));
-    command.add_flag("--mesh", options->mesh,
-                     "join the mesh and follow change notices instead of sampling");
-    command.add_option("-n,--count", options->count, "end after so many lines")->type_name("N");
+    add_following(command, *options);
     command.add_flag_callback(
         "-1,--once", [options] { options->count = 1; }, "end after one line");
-    command.add_option("-t,--timeout", options->timeout, "end after so long")
-        ->type_name("SEC")
-        ->check(CLI::Range(0.0, 1e9));
-    command.add_flag("--no-initial", options->no_initial, "leave out the values that are there");
     command.add_flag("-v,--verbose", options->format.verbose, "with type, quality, times and age");
     command.add_flag("-T,--terse", options->format.terse, "values without their topics");
     add_format_options(command, options->format);

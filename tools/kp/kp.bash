@@ -16,7 +16,8 @@ _kp_topics() {
 
 _kp() {
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' index
-    local commands='list get set info watch wait hz top dump restore rm peers doctor gc bench help'
+    local commands='list get set info watch wait hz top dump restore record
+        replay export rm peers doctor gc bench help'
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         case ${COMP_WORDS[index]} in
@@ -47,7 +48,7 @@ _kp() {
     elif [[ $word == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(kp "$command" --help 2>/dev/null |
             grep -oE -- '(^|[ ,])--?[a-zA-Z0-9][a-z0-9-]*' | tr -d ' ,')" -- "$word")
-    elif [[ $command == restore ]]; then
+    elif [[ $command == restore || $command == replay ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
     else
         case $command in

@@ -57,6 +57,9 @@ void add_commands(Commands &commands)
     add_top(commands);
     add_dump(commands);
     add_restore(commands);
+    add_record(commands);
+    add_replay(commands);
+    add_export(commands);
     add_rm(commands);
     add_peers(commands);
     add_doctor(commands);

@@ -90,26 +90,41 @@ bool NoticeSender::wait_for_peers(uint64_t wait_us, Problem &problem) const
     }
 }
 
-bool NoticeSender::send(uint64_t wait_us, Problem &problem)
+bool NoticeSender::join(Problem &problem)
 {
-    if (!has_marks_)
-        return true;
     name_ = own_endpoint_name("set");
     endpoint_ = kp_notify_init(name_.c_str(), sizeof(kp_write_info), ignore_message, nullptr);
-    if (!endpoint_) {
-        problem = system_problem(std::string(kProvidersRoot) + ": stored, but nobody could be told",
-                                 errno);
-        if (problem.code != kPermission)
-            problem.code = kLimit;
-        return false;
-    }
-    const bool all_connected = wait_for_peers(wait_us, problem);
+    if (endpoint_)
+        return true;
+    problem =
+        system_problem(std::string(kProvidersRoot) + ": stored, but nobody could be told", errno);
+    if (problem.code != kPermission)
+        problem.code = kLimit;
+    return false;
+}
+
+void NoticeSender::send_marks()
+{
     for (const std::string &topic : new_topics_) {
         kp_new_tag_info announcement{KP_MSG_NEW_TAG, {}};
         (void)std::snprintf(announcement.topic, sizeof(announcement.topic), "%s", topic.c_str());
         (void)kp_notify_send(endpoint_, &announcement, sizeof(announcement));
     }
     (void)kp_notify_send(endpoint_, &marks_, sizeof(marks_));
+    new_topics_.clear();
+    marks_ = {KP_MSG_WRITE_INFO, {}};
+    has_marks_ = false;
+}
+
+bool NoticeSender::send(uint64_t wait_us, Problem &problem)
+{
+    if (!has_marks_)
+        return true;
+    const bool is_first = endpoint_ == nullptr;
+    if (is_first && !join(problem))
+        return false;
+    const bool all_connected = !is_first || wait_for_peers(wait_us, problem);
+    send_marks();
     return all_connected;
 }
 

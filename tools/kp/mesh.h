@@ -19,11 +19,14 @@ class NoticeSender {
 
     // Marks a topic as written; one that is new is announced too.
     void mark(const std::string &topic, bool is_new);
-    // Joins the device's endpoints, waits for them up to `wait_us` and sends what was marked. False
-    // with a problem when no endpoint can be made, or when peers did not come in time.
+    // Sends what was marked since the last time. The first time it joins the device's endpoints and
+    // waits for them up to `wait_us`. False with a problem when no endpoint can be made, or when peers
+    // did not come in time.
     bool send(uint64_t wait_us, Problem &problem);
 
   private:
+    bool join(Problem &problem);
+    void send_marks();
     bool wait_for_peers(uint64_t wait_us, Problem &problem) const;
 
     std::string name_;

@@ -132,6 +132,16 @@ std::optional<Record> parse_object(const json &object, ByteStyle style, Problem 
 
 } // namespace
 
+std::string stored_record(const Row &row, std::optional<uint64_t> seen)
+{
+    auto object = row_json(row, ByteStyle::hex);
+    if (row.snapshot.condition == Condition::value)
+        object["value_b64"] = to_base64(row.snapshot.bytes);
+    if (seen)
+        object["seen"] = *seen;
+    return json_line(object);
+}
+
 std::optional<Record> parse_record(const std::string &line, ByteStyle style, Problem &problem)
 {
     const json object = json::parse(line, nullptr, false);
@@ -144,7 +154,8 @@ std::optional<Record> parse_stored_record(const std::string &line, Problem &prob
     auto record = parse_object(object, ByteStyle::hex, problem);
     if (!record || !take_number(object, "ts", record->write.timestamp, problem) ||
         !take_number(object, "max", record->write.max, problem) ||
-        !take_number(object, "extra", record->write.extra, problem))
+        !take_number(object, "extra", record->write.extra, problem) ||
+        !take_number(object, "seen", record->seen, problem))
         return std::nullopt;
     if (record->write.max == 0U) // of a topic that a one-shot write made
         record->write.max.reset();

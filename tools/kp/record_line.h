@@ -1,6 +1,8 @@
-// A topic as a JSON line, read back: what `set --batch` and `restore` take.
+// A topic as a JSON line: what `dump` and `record` print, and `set --batch`, `restore` and `replay`
+// take.
 #pragma once
 
+#include "row_format.h"
 #include "value.h"
 #include "writer.h"
 
@@ -11,11 +13,15 @@ struct Record {
     nlohmann::json value;             // null without one
     std::optional<std::string> bytes; // exact, from value_b64
     ByteStyle style = ByteStyle::hex;
+    std::optional<uint64_t> seen; // when it was recorded
 };
+
+// The line, with the value's bytes beside it in base64; `seen` goes into a record of changes.
+std::string stored_record(const Row &row, std::optional<uint64_t> seen = {});
 
 std::optional<Record> parse_record(const std::string &line, ByteStyle style, Problem &problem);
 
-// The same with what else a segment holds: its time, maximum and extra information.
+// The same with what else such a line holds: times, maximum and extra information.
 std::optional<Record> parse_stored_record(const std::string &line, Problem &problem);
 
 // The value's bytes for a topic of this type.

@@ -1,0 +1,43 @@
+#include "line_reader.h"
+
+#include "stop.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <unistd.h>
+#include <utility>
+
+namespace kp::tool {
+
+std::optional<std::string> LineReader::next()
+{
+    while (!has_line() && !is_at_end_)
+        if (!read_more())
+            return std::nullopt;
+    if (start_ == ready_.size())
+        return std::nullopt;
+    const std::size_t end =
+        std::min(ready_.find('\n', start_), ready_.size()); // the last may lack it
+    const std::size_t start = std::exchange(start_, std::min(end + 1, ready_.size()));
+    return ready_.substr(start, end - start);
+}
+
+bool LineReader::read_more()
+{
+    std::array<char, 65536> buffer;
+    if (!wait_readable(fd_, std::numeric_limits<uint64_t>::max()))
+        return false;
+    const ssize_t size = read(fd_, buffer.data(), buffer.size());
+    if (size < 0 && errno != EINTR && errno != EAGAIN) {
+        error_ = errno;
+        return false;
+    }
+    is_at_end_ = size == 0;
+    ready_.erase(0, std::exchange(start_, 0));
+    ready_.append(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    return true;
+}
+
+} // namespace kp::tool

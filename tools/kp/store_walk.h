@@ -1,0 +1,31 @@
+// The topics of a selection, read one after another.
+#pragma once
+
+#include "segment_view.h"
+
+namespace kp::tool {
+
+// Calls `use(topic, snapshot)` for each topic that a provider has declared, sorted, and notes those
+// that cannot be shown.
+template <typename Use>
+void for_each_declared(const Selection &selection, Outcome &outcome, const Use &use)
+{
+    const StoreListing listing = list_store(selection);
+    for (const Problem &trouble : listing.problems)
+        outcome.note(trouble);
+    TopicOpener opener;
+    for (const StoreFile &file : listing.files) {
+        Problem trouble;
+        const auto snapshot = read_topic(opener, file.topic, trouble);
+        const bool broken = snapshot && (snapshot->condition == Condition::busy ||
+                                         snapshot->condition == Condition::corrupt);
+        if (broken)
+            trouble = value_problem(file.topic, *snapshot);
+        if (trouble.code != kDone && trouble.code != kNothing) // one that was removed is no trouble
+            outcome.note(trouble);
+        if (snapshot && !broken && snapshot->condition != Condition::undeclared)
+            use(file.topic, *snapshot);
+    }
+}
+
+} // namespace kp::tool
