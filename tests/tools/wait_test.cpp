@@ -74,16 +74,15 @@ TEST(KpWait, WaitsForAChange)
 {
     put_double("a", 1);
     EXPECT_EQ(kp({"wait", "a", "changes", "-t", "0.05"}).code, 124);
+    // Goes on changing it, since nobody knows when the command has had its first look.
     ChildProcess writer([](Channel &parent) {
-        (void)parent.hear();
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        put_double("a", 2);
+        for (double value = 2; !parent.hear(std::chrono::milliseconds(100)); ++value)
+            put_double("a", value);
         return 0;
     });
 
-    (void)writer.tell("go");
-
     EXPECT_EQ(kp({"wait", "a", "changes", "-t", "20"}).code, 0);
+    (void)writer.tell("end");
 }
 
 TEST(KpWait, KnowsHowFreshAValueIs)
