@@ -104,7 +104,8 @@ def main():
         tags = run(programs / "growth-tags", "--benchmark_format=json", "--benchmark_min_time=0.05")
         write("growth", (tags or {}).get("benchmarks", []))
     if "tools" in wanted:
-        write("tools", run(ROOT / "bench" / "tools" / "run", build / "tools" / "kp", "--json") or [])
+        kp = str(build / "tools" / "kp")
+        write("tools", run(ROOT / "bench" / "tools" / "run", kp, "--json") or [])
     print(f"bench: all in {time.monotonic() - start:.0f} s", file=sys.stderr)
 
 
