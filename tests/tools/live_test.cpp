@@ -299,9 +299,44 @@ TEST(KpHelp, ExplainsEveryCommand)
     EXPECT_THAT(all.out, HasSubstr("128+n signal"));
     EXPECT_EQ(one.out, kp({"watch", "--help"}).out);
     EXPECT_THAT(one.out, HasSubstr("--mesh"));
+    EXPECT_EQ(kp({"help", "nonsense"}).err, "kp: no such command: nonsense\n");
+    EXPECT_EQ(kp({"help", "nonsense"}).code, 2);
     EXPECT_EQ(kp({}).code, 2);
     EXPECT_EQ(kp({"nonsense"}).code, 2);
     EXPECT_EQ(kp({"--version"}).code, 0);
+}
+
+TEST(KpCompletion, InsertsNamesSoThatTheShellTakesThemForNothingElse)
+{
+    put_double("y;touch $(touch x)", 1);
+    put_double("z\n", 1);
+    const std::string program = KP_PROGRAM;
+    const std::string socket = "/run/tmux-" + std::to_string(getpid());
+    const auto tmux = [&socket](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"tmux", "-f", "/dev/null", "-S", socket});
+        return run_program(arguments).out;
+    };
+    tmux({"new-session", "-d", "-x", "100", "-y", "20",
+          "cd /run; PS1='> ' PATH=" + program.substr(0, program.rfind('/')) +
+              ":$PATH bash --norc --noprofile -i"});
+
+    tmux({"send-keys", "source '" KP_COMPLETION "'; echo rea''dy", "Enter"});
+    const auto screen_shows = [&tmux](const std::string &text) {
+        return wait_until([&] {
+            return tmux({"capture-pane", "-p"}).find(text) != std::string::npos;
+        });
+    };
+    ASSERT_TRUE(screen_shows("\nready"));
+    tmux({"send-keys", "kp get y", "Tab"});
+
+    EXPECT_TRUE(screen_shows(R"(> kp get y\;touch\ \$\(touch\ x\))"))
+        << tmux({"capture-pane", "-p"});
+    tmux({"send-keys", "Enter"});
+    EXPECT_TRUE(screen_shows("\n1\n"));
+    EXPECT_FALSE(exists("/run/x"));
+    tmux({"send-keys", "kp get z", "Tab", "Tab", "!"});
+    EXPECT_TRUE(screen_shows("> kp get z!")) << tmux({"capture-pane", "-p"});
+    tmux({"kill-server"});
 }
 
 TEST(KpCompletion, KnowsCommandsAndLiveTopics)

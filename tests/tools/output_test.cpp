@@ -30,6 +30,7 @@ TEST_P(Output, ThatNobodyReadsAnyMoreEndsTheCommandQuietly)
 INSTANTIATE_TEST_SUITE_P(
     OfEveryCommandThatPrintsTopics, Output,
     testing::Values(
+        std::vector<std::string>{"help"}, std::vector<std::string>{"get", "--help"},
         std::vector<std::string>{"list"}, std::vector<std::string>{"list", "-l"},
         std::vector<std::string>{"get", "a"}, std::vector<std::string>{"get", "#", "-j"},
         std::vector<std::string>{"info", "a"}, std::vector<std::string>{"dump"},

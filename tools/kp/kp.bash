@@ -1,17 +1,27 @@
 # bash completion for kp: commands, options, and the topics that are alive.
 
-# The topics that begin with the word, one level at a time, so that a large store stays readable.
+# The topics that begin with the word, one level at a time, so that a large store stays readable. Names
+# that kp escapes, which is what a backslash tells, can't be typed and are left out. All others are quoted:
+# a topic may be named anything, and none may become a command of the one who completes it.
 _kp_topics() {
     local word=$1 topic rest
     while IFS= read -r topic; do
-        [[ $topic == "$word"* ]] || continue
+        [[ $topic == "$word"* && $topic != *\\* ]] || continue
         rest=${topic#"$word"}
         if [[ $rest == */* ]]; then
-            printf '%s\n' "$word${rest%%/*}/"
+            printf '%q\n' "$word${rest%%/*}/"
         else
-            printf '%s\n' "$topic"
+            printf '%q\n' "$topic"
         fi
     done < <(kp list 2>/dev/null) | sort -u
+}
+
+# The word as the shell will read it.
+_kp_unquoted() {
+    case $1 in
+    [\'\"]*) printf '%s' "${1:1}" ;;
+    *) printf '%s' "${1//\\/}" ;;
+    esac
 }
 
 _kp() {
@@ -54,7 +64,7 @@ _kp() {
         case $command in
         peers | doctor | gc | bench) return ;;
         esac
-        mapfile -t COMPREPLY < <(_kp_topics "$word")
+        mapfile -t COMPREPLY < <(_kp_topics "$(_kp_unquoted "$word")")
         [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == */ ]] && compopt -o nospace
     fi
 }

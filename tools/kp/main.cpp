@@ -1,5 +1,6 @@
 // kp: the tags of this device, seen, set and looked after from a shell.
 #include "commands.h"
+#include "escape.h"
 #include "fault_guard.h"
 #include "kp.h"
 #include "output.h"
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <sstream>
 
 namespace {
 
@@ -67,6 +69,35 @@ void add_commands(Commands &commands)
     add_bench(commands);
 }
 
+// Negative numbers that the parser takes for options: -inf, -nan, -.5.
+bool is_odd_negative(const std::string &text)
+{
+    if (text.size() < 2 || text[0] != '-' || (text[1] >= '0' && text[1] <= '9'))
+        return false;
+    char *end = nullptr;
+    (void)std::strtod(text.c_str(), &end);
+    return *end == '\0';
+}
+
+// They are put where the parser takes them for a value: with set, whose last word the value is, behind
+// the end of the options, and with wait behind the sign.
+void protect_negative_value(std::vector<std::string> &arguments)
+{
+    const bool is_wait = arguments[0] == "wait";
+    if (!is_wait && arguments[0] != "set" && arguments[0] != "put")
+        return;
+    const auto odd = std::find_if(arguments.begin(), arguments.end(), is_odd_negative);
+    if (odd == arguments.end() ||
+        std::find(arguments.begin(), arguments.end(), "--") != arguments.end())
+        return;
+    const std::string value = *odd;
+    if (is_wait)
+        *std::prev(odd) += value;
+    arguments.erase(odd);
+    if (!is_wait)
+        arguments.insert(arguments.end(), {"--", value});
+}
+
 // `kp help` and `kp help COMMAND` are `kp --help` and `kp COMMAND --help`.
 std::vector<std::string> arguments_of(int argc, char **argv)
 {
@@ -74,17 +105,27 @@ std::vector<std::string> arguments_of(int argc, char **argv)
     if (!arguments.empty() && arguments[0] == "help") {
         arguments.erase(arguments.begin());
         arguments.emplace_back("--help");
+    } else if (!arguments.empty()) {
+        protect_negative_value(arguments);
     }
     return arguments;
 }
 
+// `kp help` of what is no command, which would pass for `kp --help`.
+bool asks_for_unknown_help(const CLI::App &app, int argc, char **argv)
+{
+    const bool asks = argc > 2 && std::string_view(argv[1]) == "help" && argv[2][0] != '-';
+    const auto is_meant = [argv](const CLI::App *command) { return command->check_name(argv[2]); };
+    return asks && app.get_subcommands(is_meant).empty();
+}
+
 int report_parse_end(const CLI::App &app, const CLI::ParseError &end)
 {
-    const int code = app.exit(end, std::cout, std::cerr);
-    std::cout.flush();
-    if (code == 0)
-        return std::cout.good() ? kDone : kLimit;
-    return kUsage;
+    std::ostringstream text;
+    const bool is_usage = app.exit(end, text, std::cerr) != 0;
+    output().write(text.str());
+    (void)output().flush();
+    return is_usage ? kUsage : output().code();
 }
 
 // The library reports on standard error in its own colours; the tool prints its own messages.
@@ -107,6 +148,8 @@ int main(int argc, char **argv)
     add_global_options(app, options);
     Commands commands(app);
     add_commands(commands);
+    if (asks_for_unknown_help(app, argc, argv))
+        return complain(Problem{kUsage, "no such command: " + escaped(argv[2])});
     try {
         auto arguments = arguments_of(argc, argv);
         std::reverse(arguments.begin(), arguments.end()); // the order that the parser wants
