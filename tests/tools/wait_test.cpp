@@ -113,6 +113,37 @@ TEST(KpWait, DoesNotTakeTheEndOfItsReaderForTheCondition)
     EXPECT_EQ(ran.out, "1\n");
 }
 
+TEST(KpWait, SaysWhatKeepsItFromSeeingTheTopic)
+{
+    put_double("stuck", 1);
+    SegmentFile("stuck").put_u8(at::writing, 1);
+    SegmentFile("short").create(3);
+    const std::string stuck =
+        "kp: stuck: a write has begun and does not end (its writer may have died)\n";
+
+    const Ran timed = kp({"wait", "stuck", "==", "1", "-t", "0.1"});
+    const Ran once = kp({"wait", "short", "exists", "-t", "0"});
+
+    EXPECT_EQ(timed.err, stuck);
+    EXPECT_EQ(timed.code, 4);
+    EXPECT_EQ(once.err, "kp: short: not a segment (3 bytes instead of 4080)\n");
+    EXPECT_EQ(once.code, 4);
+    EXPECT_EQ(kp({"get", "stuck", "-t", "0.1"}).code, 4);
+}
+
+TEST(KpWait, TellsAtOnceOfTroubleWhenItWaitsForEver)
+{
+    put_double("a", 1);
+    SegmentFile("a").put_u8(at::writing, 1);
+    ChildProcess wait(
+        std::vector<std::string>{"bash", "-c", "exec '" KP_PROGRAM "' wait a == 2 2>&1"});
+
+    EXPECT_EQ(wait.hear(), "kp: a: a write has begun and does not end (its writer may have died)");
+    put_double("a", 2);
+
+    EXPECT_EQ(wait.wait(), 0);
+}
+
 TEST(KpWait, RefusesWhatCanNeverHold)
 {
     put("a", KP_TYPE_INT32, bytes_of(int32_t{1}));
@@ -121,4 +152,6 @@ TEST(KpWait, RefusesWhatCanNeverHold)
     EXPECT_EQ(kp({"wait", "a", "~", "1"}).code, 2);
     EXPECT_EQ(kp({"wait", "a", "fresh", "soon"}).code, 2);
     EXPECT_EQ(kp({"wait", "a"}).code, 2);
+    EXPECT_EQ(kp({"wait", "a/+", "==", "1"}).err,
+              "kp: \"a/+\" is a pattern; wait looks at one topic\n");
 }

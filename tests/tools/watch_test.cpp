@@ -134,6 +134,63 @@ TEST(KpWatch, EndsAfterTheWantedNumberOfLines)
     EXPECT_EQ(one.out, "a\t1\n");
 }
 
+TEST(KpWatch, SaysWhichTopicsItCannotShow)
+{
+    put_double("corrupt", 1);
+    SegmentFile("corrupt").put_u32(at::value_type, 99);
+    put_double("fine", 1);
+    SegmentFile("short").create(3);
+    put_double("stuck", 1);
+    SegmentFile("stuck").put_u8(at::writing, 1);
+
+    const Ran ran = kp({"watch", "#", "-t", "0.5", "--rate", "50"});
+
+    EXPECT_EQ(ran.out, "fine\t1\n");
+    EXPECT_EQ(ran.err,
+              "kp: corrupt: the segment is corrupt (type 99, size 8, maximum 0)\n"
+              "kp: short: not a segment (3 bytes instead of 4080)\n"
+              "kp: stuck: a write has begun and does not end (its writer may have died)\n");
+    EXPECT_EQ(ran.code, 4);
+}
+
+TEST(KpWatch, HasACodeThatDoesNotHangOnTheOrderOfTheFiles)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    const auto code_after = [user](const std::vector<std::string> &order) {
+        for (const std::string &topic : order) {
+            SegmentFile(topic).create(topic == "short" ? 3 : at::end);
+            (void)chmod(SegmentFile(topic).path().c_str(), topic == "short" ? 0644 : 0600);
+        }
+        const Ran ran = kp({"watch", "#", "-t", "0.1"}, {.uid = user});
+        for (const std::string &topic : order)
+            SegmentFile(topic).remove();
+        return ran.code;
+    };
+
+    EXPECT_EQ(code_after({"private", "short"}), 3);
+    EXPECT_EQ(code_after({"short", "private"}), 3);
+}
+
+TEST(KpWatch, EndsAfterTheValuesThatAreThere)
+{
+    put_double("a", 1);
+
+    const Ran ran = kp({"watch", "#", "--initial-only"});
+
+    EXPECT_EQ(ran.out, "a\t1\n");
+    EXPECT_EQ(ran.code, 0);
+}
+
+TEST(KpWatch, RefusesNumbersThatAreNone)
+{
+    EXPECT_EQ(kp({"watch", "a", "-n", "-1"}).code, 2);
+    EXPECT_EQ(kp({"watch", "a", "-t", "nan"}).code, 2);
+    EXPECT_EQ(kp({"watch", "a", "--rate", "nan"}).code, 2);
+    EXPECT_EQ(kp({"hz", "a", "-n", "1.5"}).code, 2);
+}
+
 TEST(KpWatch, EndsWhenItsTimeIsOver)
 {
     put_double("a", 1);

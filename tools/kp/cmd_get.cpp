@@ -1,4 +1,5 @@
 // kp get: values, once.
+#include "checks.h"
 #include "commands.h"
 #include "output.h"
 #include "row_format.h"
@@ -97,7 +98,7 @@ int run_get(GetOptions &options)
     (void)output().flush();
     for (const Problem &trouble : found.problems)
         outcome.note(trouble);
-    if (timed_out && is_incomplete(found))
+    if (timed_out && is_incomplete(found) && outcome.code() <= kNothing)
         return kTimeout;
     if (found.rows.empty())
         outcome.note(kNothing);
@@ -117,7 +118,7 @@ void add_get(Commands &commands)
     command.add_flag("-T,--terse", options->format.terse, "values without their topics");
     command.add_option("-t,--timeout", options->timeout, "wait so long for a value to appear")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 1e9));
+        ->check(in_range(0.0, 1e9));
     add_format_options(command, options->format);
 }
 

@@ -1,4 +1,5 @@
 // kp wait: ends when a condition on one topic holds.
+#include "checks.h"
 #include "commands.h"
 #include "escape.h"
 #include "row_format.h"
@@ -112,6 +113,7 @@ class Waiting {
             problem = missing;
             return std::nullopt;
         }
+        note_trouble(snapshot, missing);
         if (wanted_.test == Test::exists)
             return snapshot.has_value();
         if (wanted_.test == Test::changes)
@@ -126,7 +128,31 @@ class Waiting {
         return holds(wanted_.test, compare_values(snapshot->type, snapshot->bytes, *operand));
     }
 
+    // What keeps the topic from being read at present, and since when. It may pass: a file is short
+    // while it is made, and somebody may write what was left unfinished.
+    const Problem &trouble() const
+    {
+        return trouble_;
+    }
+    uint64_t trouble_since() const
+    {
+        return trouble_since_;
+    }
+
   private:
+    void note_trouble(const std::optional<Snapshot> &snapshot, const Problem &missing)
+    {
+        Problem trouble;
+        if (!snapshot && missing.code != kNothing)
+            trouble = missing;
+        if (snapshot &&
+            (snapshot->condition == Condition::busy || snapshot->condition == Condition::corrupt))
+            trouble = value_problem(topic_, *snapshot);
+        if (trouble_.code == kDone)
+            trouble_since_ = monotonic_us();
+        trouble_ = std::move(trouble);
+    }
+
     bool has_changed(const std::optional<Snapshot> &now)
     {
         if (now && now->condition != Condition::value && now->condition != Condition::empty)
@@ -145,7 +171,15 @@ class Waiting {
     Wanted wanted_;
     bool has_looked_ = false;
     std::optional<Snapshot> before_;
+    Problem trouble_;
+    uint64_t trouble_since_ = 0;
 };
+
+// The code when the condition did not come to hold.
+int give_up(const Waiting &waiting, int code)
+{
+    return waiting.trouble().code == kDone ? code : complain(waiting.trouble());
+}
 
 int run_wait(const WaitOptions &options)
 {
@@ -158,21 +192,32 @@ int run_wait(const WaitOptions &options)
         return complain(Problem{
             kUsage, "a condition is == != < <= > >= with a value, changes, exists or fresh SEC"});
 
+    if (is_pattern(options.topic))
+        return complain(Problem{kUsage, "\"" + escaped(options.topic) +
+                                            "\" is a pattern; wait looks at one topic"});
+
     catch_stop_signals();
     const uint64_t end = options.timeout < 0
                              ? std::numeric_limits<uint64_t>::max()
                              : monotonic_us() + static_cast<uint64_t>(options.timeout * 1e6);
     Waiting waiting(*topic, *wanted);
+    bool is_told = false;
     for (;;) {
         const auto met = waiting.is_met(problem);
         if (!met)
             return complain(problem);
         if (*met)
             return kDone;
+        const uint64_t now = monotonic_us();
         if (options.timeout == 0)
-            return kNothing;
-        if (monotonic_us() >= end)
-            return kTimeout;
+            return give_up(waiting, kNothing);
+        if (now >= end)
+            return give_up(waiting, kTimeout);
+        if (options.timeout < 0 && !is_told && waiting.trouble().code != kDone &&
+            now >= waiting.trouble_since() + kUsPerSecond) {
+            is_told = true;
+            complain(waiting.trouble().text);
+        }
         if (!wait_until(std::min(end, monotonic_us() + kPollUs)))
             return kNothing; // replaced by what stopped the program
     }
@@ -197,7 +242,7 @@ void add_wait(Commands &commands)
             "-t,--timeout", options->timeout,
             "give up after so long, with code 124; 0 only tests, with code 1 when it is false")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 1e9));
+        ->check(in_range(0.0, 1e9));
 }
 
 } // namespace kp::tool

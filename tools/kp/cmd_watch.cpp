@@ -1,4 +1,5 @@
 // kp watch and kp record: a line for each change, by sampling or, asked to, on the notices of the mesh.
+#include "checks.h"
 #include "commands.h"
 #include "live_store.h"
 #include "notice_queue.h"
@@ -24,6 +25,7 @@ struct WatchOptions {
     uint64_t count = 0;
     bool mesh = false;
     bool no_initial = false;
+    bool initial_only = false;
     bool is_record = false; // lines that replay takes
 };
 
@@ -43,6 +45,8 @@ class Watch {
             output().write(header_line(options_.format));
         look(nullptr);
         is_first_look_ = false;
+        if (options_.initial_only)
+            return code();
         if (queue)
             follow(*queue);
         else
@@ -91,8 +95,6 @@ class Watch {
     void look(const kp_write_info *notice)
     {
         store_.refresh();
-        for (const Problem &problem : store_.take_problems())
-            outcome_.note(problem);
         store_.for_each_change_where(
             [notice](const LiveTopic &live) {
                 return !notice || live.is_new || live.unfinished ||
@@ -100,6 +102,8 @@ class Watch {
             },
             [this](const LiveTopic &live, bool) { print(live); });
         (void)output().flush();
+        for (const Problem &problem : store_.take_problems())
+            outcome_.note(problem);
     }
 
     void print(const LiveTopic &live)
@@ -107,8 +111,12 @@ class Watch {
         if (is_complete() || (is_first_look_ && options_.no_initial))
             return;
         auto snapshot = live.view.read();
+        if (snapshot && snapshot->condition == Condition::corrupt &&
+            told_.insert(live.topic).second)
+            outcome_.note(value_problem(live.topic, *snapshot));
         if (!snapshot || snapshot->condition != Condition::value)
             return;
+        told_.erase(live.topic);
         const Row row{live.topic, std::move(*snapshot)};
         output().write(options_.is_record ? stored_record(row, now_us())
                                           : row_record(row, options_.format));
@@ -119,7 +127,7 @@ class Watch {
     {
         if (is_complete())
             return kDone;
-        if (options_.count > 0 && monotonic_us() >= end_)
+        if (options_.count > 0 && monotonic_us() >= end_ && outcome_.code() == kDone)
             return kTimeout;
         return outcome_.code() == kDone && printed_ == 0 ? kNothing : outcome_.code();
     }
@@ -127,6 +135,7 @@ class Watch {
     const WatchOptions &options_;
     LiveStore store_;
     Outcome outcome_;
+    std::set<std::string> told_; // topics that are corrupt
     uint64_t end_ = 0;
     uint64_t printed_ = 0;
     bool is_first_look_ = true;
@@ -156,14 +165,19 @@ void add_following(CLI::App &command, WatchOptions &options)
                     "looks at the store in a second; " +
                         std::to_string(static_cast<int>(options.rate)) + " unless given")
         ->type_name("HZ")
-        ->check(CLI::Range(0.001, 10000.0));
+        ->check(in_range(0.001, 10000.0));
     command.add_flag("--mesh", options.mesh,
                      "join the mesh and follow change notices instead of sampling");
-    command.add_option("-n,--count", options.count, "end after so many lines")->type_name("N");
+    command.add_option("-n,--count", options.count, "end after so many lines")
+        ->type_name("N")
+        ->check(whole_number());
     command.add_option("-t,--timeout", options.timeout, "end after so long")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 1e9));
-    command.add_flag("--no-initial", options.no_initial, "leave out the values that are there");
+        ->check(in_range(0.0, 1e9));
+    CLI::Option *none =
+        command.add_flag("--no-initial", options.no_initial, "leave out the values that are there");
+    command.add_flag("--initial-only", options.initial_only, "end after the values that are there")
+        ->excludes(none);
 }
 
 } // namespace

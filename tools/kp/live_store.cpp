@@ -144,6 +144,17 @@ void LiveStore::drop_lost()
     }
 }
 
+void LiveStore::report_if_stuck(LiveTopic &live)
+{
+    if (std::exchange(live.was_stuck, true))
+        return;
+    const auto snapshot = live.view.read();
+    if (snapshot && snapshot->condition == Condition::busy)
+        report(value_problem(live.topic, *snapshot));
+    else
+        live.was_stuck = false; // only written often
+}
+
 void LiveStore::report(const Problem &problem)
 {
     if (told_.insert(problem.text).second)
@@ -152,6 +163,7 @@ void LiveStore::report(const Problem &problem)
 
 std::vector<Problem> LiveStore::take_problems()
 {
+    std::ranges::sort(problems_, {}, &Problem::text);
     return std::exchange(problems_, {});
 }
 

@@ -17,6 +17,7 @@ struct LiveTopic {
     WriteStamp seen;         // of the last look
     bool is_new = true;      // not looked at yet
     bool unfinished = false; // a write was going on at the last look
+    bool was_stuck = false;  // the same write, which does not end
 };
 
 class LiveStore {
@@ -61,7 +62,7 @@ class LiveStore {
     {
         std::erase_if(kept, [this](const auto &entry) { return !topics_.contains(entry.first); });
     }
-    // The trouble met so far, each once; first come, first noted.
+    // The trouble met since the last call, each once and in the order of the topics.
     std::vector<Problem> take_problems();
 
   private:
@@ -80,6 +81,7 @@ class LiveStore {
     void open(const std::string &topic);
     void drop_files(const DirectoryState &state, const std::vector<StoreFile> &now);
     void drop_lost();
+    void report_if_stuck(LiveTopic &live);
     void report(const Problem &problem);
 
     template <typename Use> void look_at(LiveTopic &live, const Use &use)
@@ -89,9 +91,11 @@ class LiveStore {
             lost_.push_back(live.topic);
             return;
         }
-        live.unfinished = stamp->writing == 1;
+        if (std::exchange(live.unfinished, stamp->writing == 1) && live.unfinished)
+            report_if_stuck(live);
         if (live.unfinished || (!live.is_new && stamp->same_write(live.seen)))
             return; // a write in progress is seen at the next look
+        live.was_stuck = false;
         const bool is_new = std::exchange(live.is_new, false);
         live.seen = *stamp;
         use(live, is_new);
