@@ -170,3 +170,26 @@ TEST(KpRm, RefusesPatternsDirectoriesAndWhatIsNotThere)
     EXPECT_EQ(kp({"rm", "../x"}).code, 2);
     EXPECT_TRUE(SegmentFile("a/b").exists());
 }
+
+TEST(KpRestore, ReportsAnInputThatCannotBeRead)
+{
+    const Ran ran = kp({"restore", "/run"});
+
+    EXPECT_EQ(ran.err, "kp: /run: Is a directory\n");
+    EXPECT_EQ(ran.code, 4);
+    EXPECT_EQ(run_program({"bash", "-c", "'" KP_PROGRAM "' restore </run"}).err,
+              "kp: standard input: Is a directory\n");
+    EXPECT_EQ(run_program({"bash", "-c", "'" KP_PROGRAM "' set --batch </run"}).code, 4);
+}
+
+TEST(KpRestore, BringsBackTheMaximumOfATopicWhenForced)
+{
+    const std::string line = R"({"topic":"m","type":"string","max":20,"value":"0123456789abcde"})";
+    ASSERT_EQ(kp({"restore"}, {.input = R"({"topic":"m","type":"string","max":10})"}).code, 0);
+
+    EXPECT_EQ(kp({"restore"}, {.input = line}).code, 2);
+    EXPECT_EQ(SegmentFile("m").u32(at::max_value_size), 10U);
+    EXPECT_EQ(kp({"restore", "--force"}, {.input = line}).code, 0);
+    EXPECT_EQ(SegmentFile("m").u32(at::max_value_size), 20U);
+    EXPECT_EQ(kp({"get", "m"}).out, "0123456789abcde\n");
+}

@@ -207,6 +207,16 @@ TEST(KpList, ShowsTenThousandTopics)
     EXPECT_THAT(kp({"get", "plant/42/#"}).out, testing::HasSubstr("plant/42/sensor/4242\t4242\n"));
 }
 
+TEST(KpList, RefusesFormatsThatItDoesNotHave)
+{
+    put_double("a", 1);
+
+    EXPECT_EQ(kp({"list", "--tree", "-j"}).code, 2);
+    EXPECT_EQ(kp({"list", "--tree", "-l"}).code, 2);
+    EXPECT_EQ(kp({"info", "a", "--format", "csv"}).err,
+              "kp: info has the formats plain and json; get has the others\n");
+}
+
 TEST(KpList, RefusesAnUnknownOption)
 {
     const Ran ran = kp({"list", "--nonsense"});

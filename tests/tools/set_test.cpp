@@ -278,3 +278,39 @@ TEST(KpSet, RefusesAnEmptyOrTooLongValue)
     EXPECT_EQ(kp({"set", "a/+", "x"}).code, 2);
     EXPECT_EQ(kp({"get", "a"}).out, "x\n");
 }
+
+TEST(KpSet, TakesEveryNegativeNumber)
+{
+    EXPECT_EQ(kp({"set", "a", "--type", "double", "-inf"}).code, 0);
+    EXPECT_EQ(kp({"get", "a"}).out, "-inf\n");
+    EXPECT_EQ(kp({"set", "a", "-.5", "-q", "3"}).code, 0);
+    EXPECT_EQ(kp({"get", "a"}).out, "-0.5\n");
+    EXPECT_EQ(kp({"wait", "a", "<", "-.25", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "a", ">", "-Infinity", "-t", "0"}).code, 0);
+}
+
+TEST(KpSet, RefusesADayThatDoesNotExist)
+{
+    put_double("a", 1);
+
+    EXPECT_EQ(kp({"set", "a", "2", "--source-time", "2026-02-31T20:30:00"}).code, 2);
+    EXPECT_EQ(kp({"set", "a", "2", "--source-time", "2028-02-29T23:59:60"}).code, 2);
+    EXPECT_EQ(kp({"set", "a", "2", "--source-time", "2028-02-29T23:59:59Z"}).code, 0);
+}
+
+TEST(KpSet, RefusesPatternsInABatchToo)
+{
+    const Ran ran = kp({"set", "--batch"}, {.input = R"({"topic":"n+","type":"int8","value":1})"});
+
+    EXPECT_EQ(ran.err, "kp: line 1: \"n+\" is a pattern; a value has one topic\n");
+    EXPECT_EQ(kp({"set", "--batch", "--type", "int8"}).code, 2);
+}
+
+TEST(KpRm, RemovesATopicWhoseNameLooksLikeAPattern)
+{
+    put_double("n+", 1);
+
+    EXPECT_EQ(kp({"rm", "n+"}).code, 0);
+    EXPECT_FALSE(SegmentFile("n+").exists());
+    EXPECT_EQ(kp({"rm", "n+"}).err, "kp: \"n+\" is a pattern; name each topic\n");
+}

@@ -1,5 +1,6 @@
 // kp bench: what this device gives: writes, reads and notices, measured through the library on a
 // topic and two endpoints of its own.
+#include "checks.h"
 #include "commands.h"
 #include "escape.h"
 #include "mesh.h"
@@ -231,7 +232,7 @@ void add_bench(Commands &commands)
                                      [options] { return run_bench(*options); });
     command.add_option("-t,--time", options->seconds, "seconds in all; 10 unless given")
         ->type_name("SEC")
-        ->check(CLI::Range(0.1, 3600.0));
+        ->check(in_range(0.1, 3600.0));
     command.add_flag("-j,--json", options->json, "one JSON object a figure");
 }
 

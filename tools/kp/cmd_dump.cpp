@@ -1,14 +1,16 @@
 // kp dump and kp restore: the store as JSON lines and back, exact to the bit.
+#include "checks.h"
 #include "commands.h"
 #include "escape.h"
+#include "line_reader.h"
 #include "output.h"
 #include "record_line.h"
 #include "record_store.h"
 #include "selection_options.h"
 #include "store_walk.h"
 
-#include <fstream>
-#include <iostream>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace kp::tool {
 
@@ -51,19 +53,20 @@ bool restore_line(const std::string &line, const RestoreOptions &options, Notice
     return store_record(*record, sender, problem);
 }
 
-int restore_from(std::istream &input, const RestoreOptions &options)
+int restore_from(int fd, const RestoreOptions &options)
 {
     Outcome outcome;
     NoticeSender sender;
     Problem problem;
-    std::string line;
-    for (std::size_t number = 1; std::getline(input, line); ++number) {
-        if (line.find_first_not_of(" \t\r") == std::string::npos ||
-            restore_line(line, options, sender, problem))
+    LineReader lines(fd);
+    for (std::size_t number = 1; const auto line = lines.next(); ++number) {
+        if (is_blank(*line) || restore_line(*line, options, sender, problem))
             continue;
         problem.text = "line " + std::to_string(number) + ": " + problem.text;
         outcome.note(problem);
     }
+    if (lines.error() != 0)
+        outcome.note(system_problem(input_name(options.file), lines.error()));
     if (!sender.send(static_cast<uint64_t>(options.peer_wait * 1e6), problem))
         outcome.note(problem);
     return outcome.code();
@@ -72,12 +75,11 @@ int restore_from(std::istream &input, const RestoreOptions &options)
 int run_restore(const RestoreOptions &options)
 {
     if (options.file == "-")
-        return restore_from(std::cin, options);
-    errno = 0;
-    std::ifstream file(options.file);
+        return restore_from(STDIN_FILENO, options);
+    const UniqueFd file(open(options.file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file)
-        return complain(system_problem(escaped(options.file), errno));
-    return restore_from(file, options);
+        return complain(system_problem(input_name(options.file), errno));
+    return restore_from(file.get(), options);
 }
 
 } // namespace
@@ -104,7 +106,7 @@ void add_restore(Commands &commands)
                      "running take for seen");
     command.add_option("--peer-wait", options->peer_wait, "how long to wait for peers to connect")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 60.0));
+        ->check(in_range(0.0, 60.0));
 }
 
 } // namespace kp::tool

@@ -1,4 +1,5 @@
 // kp gc: removes or corrects what is provably dead, and shows what it does.
+#include "checks.h"
 #include "commands.h"
 #include "endpoints.h"
 #include "escape.h"
@@ -233,7 +234,7 @@ void add_gc(Commands &commands)
         .add_option("--older-than", options->older_than,
                     "orphans not touched for so long; 60 unless given")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 1e9));
+        ->check(in_range(0.0, 1e9));
     command.add_flag("--trust-visible", options->trust_visible,
                      "take the processes that can be seen for all there are");
 }

@@ -1,4 +1,5 @@
 // kp hz: how often topics are written, and how evenly.
+#include "checks.h"
 #include "commands.h"
 #include "escape.h"
 #include "live_store.h"
@@ -209,16 +210,18 @@ void add_hz(Commands &commands)
     add_selection(command, options->selection)->required();
     command.add_option("-w,--window", options->window, "seconds in one report; 1 unless given")
         ->type_name("SEC")
-        ->check(CLI::Range(0.01, 3600.0));
+        ->check(in_range(0.01, 3600.0));
     command.add_option("--rate", options->rate, "looks in a second; 1000 unless given")
         ->type_name("HZ")
-        ->check(CLI::Range(1.0, 100000.0));
-    command.add_option("-n,--count", options->count, "end after so many reports")->type_name("N");
+        ->check(in_range(1.0, 100000.0));
+    command.add_option("-n,--count", options->count, "end after so many reports")
+        ->type_name("N")
+        ->check(whole_number());
     command.add_flag_callback(
         "-1,--once", [options] { options->count = 1; }, "end after one report");
     command.add_option("-t,--timeout", options->timeout, "end after so long")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 1e9));
+        ->check(in_range(0.0, 1e9));
     command.add_flag("-j,--json", options->json, "one JSON object a topic and report");
 }
 

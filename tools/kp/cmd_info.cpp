@@ -165,6 +165,10 @@ int run_info(const InfoOptions &options)
     const auto topic = normal_topic(options.topic, problem);
     if (!topic)
         return complain(problem);
+    const Format format = options.format.format;
+    if ((format != Format::plain && format != Format::json) ||
+        !options.format.field_template.empty())
+        return complain(Problem{kUsage, "info has the formats plain and json; get has the others"});
     TopicOpener opener;
     struct stat status;
     if (!opener.status(*topic, status, problem))

@@ -171,11 +171,13 @@ void add_list(Commands &commands)
     CLI::App &command = commands.add("list", "list topics, at any depth, sorted",
                                      [options] { return run_list(*options); });
     command.alias("ls");
-    command.add_flag("-l,--long", options->long_form,
-                     "with type, value, quality, age, providers and consumers");
-    command.add_flag("--tree", options->tree, "as a tree of levels");
+    CLI::Option *long_form = command.add_flag(
+        "-l,--long", options->long_form, "with type, value, quality, age, providers and consumers");
     add_selection(command, options->selection);
     add_format_options(command, options->format);
+    command.add_flag("--tree", options->tree, "as a tree of levels")
+        ->excludes(long_form, command.get_option("--json"), command.get_option("--format"),
+                   command.get_option("--template"));
 }
 
 } // namespace kp::tool

@@ -1,4 +1,5 @@
 // kp replay: writes what record printed, at the pace at which it was seen.
+#include "checks.h"
 #include "commands.h"
 #include "escape.h"
 #include "line_reader.h"
@@ -12,6 +13,8 @@
 namespace kp::tool {
 
 namespace {
+
+constexpr double kLongestWaitUs = 1e15; // some thirty years, whatever a line says
 
 struct ReplayOptions {
     std::string file = "-";
@@ -49,13 +52,13 @@ class Replay {
             if (!line)
                 break;
             Problem problem;
-            if (line->find_first_not_of(" \t\r") == std::string::npos || play(*line, problem))
+            if (is_blank(*line) || play(*line, problem))
                 continue;
             problem.text = "line " + std::to_string(number) + ": " + problem.text;
             outcome_.note(problem);
         }
         if (lines_.error() != 0)
-            outcome_.note(system_problem(escaped(options_.file), lines_.error()));
+            outcome_.note(system_problem(input_name(options_.file), lines_.error()));
         notify();
         return outcome_.code();
     }
@@ -80,7 +83,8 @@ class Replay {
         if (!start_)
             start_ = {seen, monotonic_us()};
         const auto passed = static_cast<double>(seen - std::min(seen, start_->seen));
-        const uint64_t turn = start_->at + static_cast<uint64_t>(passed / options_.speed);
+        const uint64_t turn =
+            start_->at + static_cast<uint64_t>(std::min(passed / options_.speed, kLongestWaitUs));
         if (turn <= monotonic_us())
             return;
         notify();
@@ -114,7 +118,7 @@ int run_replay(const ReplayOptions &options)
         return Replay(options, STDIN_FILENO).run();
     const UniqueFd file(open(options.file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file)
-        return complain(system_problem(escaped(options.file), errno));
+        return complain(system_problem(input_name(options.file), errno));
     return Replay(options, file.get()).run();
 }
 
@@ -132,11 +136,11 @@ void add_replay(Commands &commands)
         .add_option("--speed", options->speed,
                     "times as fast as recorded; 1 unless given, 0 without any wait")
         ->type_name("X")
-        ->check(CLI::Range(0.0, 1e6));
+        ->check(in_range(0.0, 1e6));
     command.add_flag("--force", options->force, "change the type of topics that exist");
     command.add_option("--peer-wait", options->peer_wait, "how long to wait for peers to connect")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 60.0));
+        ->check(in_range(0.0, 60.0));
 }
 
 } // namespace kp::tool

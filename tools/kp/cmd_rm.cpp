@@ -64,11 +64,11 @@ int run_rm(const RemoveOptions &options)
     Outcome outcome;
     for (const std::string &topic : options.topics) {
         Problem problem;
-        if (is_pattern(topic))
-            outcome.note(
-                Problem{kUsage, "\"" + escaped(topic) + "\" is a pattern; name each topic"});
-        else if (!remove_topic(topic, options.force, problem))
-            outcome.note(problem);
+        if (remove_topic(topic, options.force, problem))
+            continue;
+        if (is_pattern(topic) && problem.code == kNothing) // else it is a topic's name all the same
+            problem = {kUsage, "\"" + escaped(topic) + "\" is a pattern; name each topic"};
+        outcome.note(problem);
     }
     return outcome.code();
 }

@@ -1,6 +1,8 @@
 // kp set: one value, or many from JSON lines, checked against what the topic is.
+#include "checks.h"
 #include "commands.h"
 #include "escape.h"
+#include "line_reader.h"
 #include "mesh.h"
 #include "output.h"
 #include "record_line.h"
@@ -9,6 +11,7 @@
 #include "writer.h"
 
 #include <iostream>
+#include <unistd.h>
 
 namespace kp::tool {
 
@@ -135,12 +138,12 @@ int set_batch(const SetOptions &options)
 {
     Outcome outcome;
     NoticeSender sender;
-    std::string line;
-    for (std::size_t number = 1; std::getline(std::cin, line); ++number) {
-        if (line.find_first_not_of(" \t\r") == std::string::npos)
+    LineReader lines(STDIN_FILENO);
+    for (std::size_t number = 1; const auto line = lines.next(); ++number) {
+        if (is_blank(*line))
             continue;
         Problem problem;
-        auto record = parse_record(line, options.bytes, problem);
+        auto record = parse_record(*line, options.bytes, problem);
         if (record)
             record->write.change_type = options.force;
         const auto target = record ? find_target(record->write, problem) : std::nullopt;
@@ -153,6 +156,8 @@ int set_batch(const SetOptions &options)
         print_change(options, record->write, *target);
         sender.mark(record->write.topic, target->is_new);
     }
+    if (lines.error() != 0)
+        outcome.note(system_problem(input_name("-"), lines.error()));
     outcome.note(send_notice(sender, options));
     return outcome.code();
 }
@@ -182,23 +187,23 @@ void add_set(Commands &commands)
     command.add_option("topic", options->topic, "the topic")->type_name("TOPIC");
     command.add_option("value", options->value, "the value; - takes it from standard input")
         ->type_name("VALUE");
-    command.add_option("--type", options->type, "the type of a new topic")
-        ->type_name("TYPE")
-        ->check(CLI::Validator(
-            [](std::string &name) {
-                return kp_str2type(name.c_str()) < kValueTypeCount ? "" : "no such type: " + name;
-            },
-            ""));
-    command.add_option("-q,--quality", options->quality, "the quality (1 is good); 255 keeps it")
-        ->type_name("0..255")
-        ->check(CLI::Range(0, 255));
+    CLI::Option *type = command.add_option("--type", options->type, "the type of a new topic");
+    type->type_name("TYPE")->check(CLI::Validator(
+        [](std::string &name) {
+            return kp_str2type(name.c_str()) < kValueTypeCount ? "" : "no such type: " + name;
+        },
+        ""));
+    CLI::Option *quality = command.add_option("-q,--quality", options->quality,
+                                              "the quality (1 is good); 255 keeps it");
+    quality->type_name("0..255")->check(CLI::Range(0, 255));
+    CLI::Option *source_time =
+        command.add_option("--source-time", options->source_time,
+                           "the source's time: microseconds since 1970, or ISO 8601 in UTC");
+    source_time->type_name("TIME");
     command
-        .add_option("--source-time", options->source_time,
-                    "the source's time: microseconds since 1970, or ISO 8601 in UTC")
-        ->type_name("TIME");
-    command.add_flag(
-        "--batch", options->batch,
-        "JSON lines from standard input, as list -j prints them; one notice at the end");
+        .add_flag("--batch", options->batch,
+                  "JSON lines from standard input, as list -j prints them; one notice at the end")
+        ->excludes(type, quality, source_time); // each line has its own
     command.add_flag("--force", options->force, "change the type of a topic that exists");
     command.add_flag("--text", options->text, "a bytearray or raw value is given as text");
     command.add_flag_callback(
@@ -206,7 +211,7 @@ void add_set(Commands &commands)
         "a bytearray or raw value is given in base64");
     command.add_option("--peer-wait", options->peer_wait, "how long to wait for peers to connect")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 60.0));
+        ->check(in_range(0.0, 60.0));
     command.add_flag("-j,--json", options->json, "print the new state as a JSON line");
 }
 

@@ -1,4 +1,5 @@
 // kp top: the live view. It samples as watch does and draws less often than it samples.
+#include "checks.h"
 #include "commands.h"
 #include "escape.h"
 #include "live_store.h"
@@ -363,10 +364,10 @@ void add_top(Commands &commands)
     add_selection(command, options->selection);
     command.add_option("--delay", options->delay, "seconds between drawings; 0.5 unless given")
         ->type_name("SEC")
-        ->check(CLI::Range(0.05, 60.0));
+        ->check(in_range(0.05, 60.0));
     command.add_option("--stale", options->stale, "seconds after which a value is shown as stale")
         ->type_name("SEC")
-        ->check(CLI::Range(0.0, 1e9));
+        ->check(in_range(0.0, 1e9));
 }
 
 } // namespace kp::tool

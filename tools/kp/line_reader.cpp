@@ -1,5 +1,6 @@
 #include "line_reader.h"
 
+#include "escape.h"
 #include "stop.h"
 
 #include <algorithm>
@@ -10,6 +11,11 @@
 #include <utility>
 
 namespace kp::tool {
+
+std::string input_name(const std::string &file)
+{
+    return file == "-" ? "standard input" : escaped(file);
+}
 
 std::optional<std::string> LineReader::next()
 {
@@ -27,7 +33,7 @@ std::optional<std::string> LineReader::next()
 bool LineReader::read_more()
 {
     std::array<char, 65536> buffer;
-    if (!wait_readable(fd_, std::numeric_limits<uint64_t>::max()))
+    if (!wait_readable(fd_, std::numeric_limits<uint64_t>::max()) && stop_signal() != 0)
         return false;
     const ssize_t size = read(fd_, buffer.data(), buffer.size());
     if (size < 0 && errno != EINTR && errno != EAGAIN) {

@@ -36,4 +36,12 @@ class LineReader {
     int error_ = 0;
 };
 
+// What to call a file in a message, where "-" stands for standard input.
+std::string input_name(const std::string &file);
+
+inline bool is_blank(const std::string &line)
+{
+    return line.find_first_not_of(" \t\r") == std::string::npos;
+}
+
 } // namespace kp::tool

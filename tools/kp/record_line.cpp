@@ -105,8 +105,11 @@ std::optional<uint64_t> parse_iso(const std::string &text)
         for (++rest; *rest >= '0' && *rest <= '9'; ++rest, unit /= 10)
             fraction += static_cast<uint64_t>(*rest - '0') * unit;
     }
-    const time_t seconds = timegm(&parts);
-    if ((*rest != '\0' && std::string_view(rest) != "Z") || seconds < 0)
+    const std::tm given = parts;
+    const time_t seconds = timegm(&parts); // moves a day that does not exist to one that does
+    const bool exists = parts.tm_mday == given.tm_mday && parts.tm_mon == given.tm_mon &&
+                        parts.tm_min == given.tm_min && parts.tm_sec == given.tm_sec;
+    if (!exists || (*rest != '\0' && std::string_view(rest) != "Z") || seconds < 0)
         return std::nullopt;
     return static_cast<uint64_t>(seconds) * kUsPerSecond + fraction;
 }
@@ -145,7 +148,12 @@ std::string stored_record(const Row &row, std::optional<uint64_t> seen)
 std::optional<Record> parse_record(const std::string &line, ByteStyle style, Problem &problem)
 {
     const json object = json::parse(line, nullptr, false);
-    return parse_object(object, style, problem);
+    auto record = parse_object(object, style, problem);
+    if (!record || !is_pattern(record->write.topic))
+        return record;
+    problem = {kUsage,
+               "\"" + escaped(record->write.topic) + "\" is a pattern; a value has one topic"};
+    return std::nullopt;
 }
 
 std::optional<Record> parse_stored_record(const std::string &line, Problem &problem)

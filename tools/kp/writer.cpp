@@ -80,7 +80,9 @@ std::optional<Target> declared_target(const Write &write, const Snapshot &snapsh
         problem = value_problem(write.topic, snapshot);
         return std::nullopt;
     }
-    if (!write.type || *write.type == snapshot.type)
+    const bool is_other_max =
+        write.max && *write.max != snapshot.max && has_variable_size(target.type);
+    if (!write.type || (*write.type == snapshot.type && !(write.change_type && is_other_max)))
         return target;
     if (!write.change_type) {
         problem = {kUsage, escaped(write.topic) + ": its type is " + kp_type2str(snapshot.type) +

@@ -14,7 +14,7 @@ struct Write {
     std::optional<uint8_t> quality; // 1 else
     std::optional<uint64_t> timestamp;
     std::optional<uint64_t> source_ts; // the timestamp else
-    bool change_type = false;          // declare anew where the type differs
+    bool change_type = false; // declare anew where the type, or a maximum that is wanted, differs
 };
 
 // What a topic is before it is written.
