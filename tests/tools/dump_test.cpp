@@ -180,6 +180,7 @@ TEST(KpRestore, ReportsAnInputThatCannotBeRead)
     EXPECT_EQ(run_program({"bash", "-c", "'" KP_PROGRAM "' restore </run"}).err,
               "kp: standard input: Is a directory\n");
     EXPECT_EQ(run_program({"bash", "-c", "'" KP_PROGRAM "' set --batch </run"}).code, 4);
+    EXPECT_EQ(kp({"restore", "/dev/zero"}).err, "kp: /dev/zero: Message too long\n");
 }
 
 TEST(KpRestore, BringsBackTheMaximumOfATopicWhenForced)

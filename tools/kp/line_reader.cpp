@@ -12,6 +12,12 @@
 
 namespace kp::tool {
 
+namespace {
+
+constexpr std::size_t kLongestLine = 1 << 20; // a record takes a tenth of that at most
+
+} // namespace
+
 std::string input_name(const std::string &file)
 {
     return file == "-" ? "standard input" : escaped(file);
@@ -38,6 +44,10 @@ bool LineReader::read_more()
     const ssize_t size = read(fd_, buffer.data(), buffer.size());
     if (size < 0 && errno != EINTR && errno != EAGAIN) {
         error_ = errno;
+        return false;
+    }
+    if (ready_.size() - start_ > kLongestLine) {
+        error_ = EMSGSIZE;
         return false;
     }
     is_at_end_ = size == 0;

@@ -20,7 +20,7 @@ class LineReader {
     {
         return ready_.find('\n', start_) != std::string::npos;
     }
-    // The errno of the read that failed, or 0.
+    // The errno of the read that failed, EMSGSIZE for a line that is no record's, or 0.
     int error() const
     {
         return error_;
