@@ -1,19 +1,15 @@
 #include "value_text.h"
 
-#include "kp.h"
+#include "store_fixture.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
 #include <limits>
 
 using namespace kp::mqtt;
+using namespace kptest;
 
 namespace {
-
-template <typename T> std::string bytes_of(T value)
-{
-    return {reinterpret_cast<const char *>(&value), sizeof value};
-}
 
 std::string converted(uint32_t type, std::string_view text)
 {
