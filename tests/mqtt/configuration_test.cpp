@@ -50,6 +50,7 @@ state-topic = "plant/state/press"
 state-file = "/var/lib/x"
 scan-interval = 0.5
 quality-when-gone = 64
+trust-visible = true
 [broker]
 host = "broker"
 client-id = "id"
@@ -88,6 +89,7 @@ retained = true
 
     EXPECT_EQ(result.scan_interval, milliseconds(500));
     EXPECT_EQ(result.quality_when_gone, 64);
+    EXPECT_TRUE(result.trust_visible);
     EXPECT_EQ(result.broker.port, 8883);
     EXPECT_EQ(result.broker.reconnect_min, milliseconds(200));
     EXPECT_EQ(result.broker.tls->key_file, "k.pem");

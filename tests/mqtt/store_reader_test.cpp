@@ -51,7 +51,9 @@ TEST(StoreReader, ReadsEverythingAboutATopic)
     expected.ts = 1000;
     expected.source_ts = 900;
     expected.value = bytes_of(21.5);
+    expected.file = sample.file;
     EXPECT_EQ(sample, expected);
+    EXPECT_NE(sample.file, 0u);
 }
 
 TEST(StoreReader, LeavesNoTrace)

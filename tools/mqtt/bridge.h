@@ -12,6 +12,7 @@
 #include "inbound.h"
 #include "local_writer.h"
 #include "outbound.h"
+#include "segment_holders.h"
 #include "service_manager.h"
 #include "state_file.h"
 #include "status_tags.h"
@@ -47,6 +48,7 @@ class Bridge final : private BrokerEvents {
     void wait(int signal_fd, bool &stop);
     void turn(Clock::time_point now);
     void look_for_changes(Clock::time_point now);
+    void look_for_lost_providers(Clock::time_point now);
     void keep_connection(Clock::time_point now);
     void connect(Clock::time_point now);
     void drop_connection(Clock::time_point now);
@@ -67,6 +69,7 @@ class Bridge final : private BrokerEvents {
     StoreReader reader_;
     Outbound outbound_;
     Inbound inbound_;
+    SegmentHolders holders_;
     StatusTags status_;
     ServiceManager manager_;
 
@@ -87,6 +90,9 @@ class Bridge final : private BrokerEvents {
     Clock::time_point next_scan_{};
     Clock::time_point last_scan_{};
     Clock::time_point next_tick_{};
+    bool wants_census_ = true;
+    Clock::time_point next_census_{};
+    std::optional<Clock::time_point> second_census_;
     bool more_to_send_ = false;
     bool reported_stuck_ = false;
 };

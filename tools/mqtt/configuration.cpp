@@ -92,6 +92,7 @@ class ConfigurationReader {
         table.read("state-file", result.state_file);
         table.read("scan-interval", result.scan_interval, 0.1, 3600);
         table.read_integer("quality-when-gone", result.quality_when_gone, 0, 254);
+        table.read("trust-visible", result.trust_visible);
         const toml::table none;
         const toml::table *broker = table.table("broker");
         result.broker = read_broker(broker ? *broker : none, result.device);

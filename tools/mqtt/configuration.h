@@ -71,6 +71,7 @@ struct Configuration {
     std::string state_file;
     milliseconds scan_interval{2'000};
     int quality_when_gone = 0;
+    bool trust_visible = false; // the processes that can be seen are all that matter
     BrokerSettings broker;
     std::vector<OutRule> out;
     std::vector<InRule> in;

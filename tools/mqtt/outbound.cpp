@@ -14,8 +14,10 @@ constexpr milliseconds kBurstDelay{10};
 
 // Whether the value stands although nobody provides it any more. A topic that was only ever written
 // by name has no maximum; one that somebody goes on writing by name is alive.
-bool providers_have_left(const Sample &now, const Sample *before, bool had_left)
+bool providers_have_left(const Sample &now, const Sample *before, bool had_left, bool are_lost)
 {
+    if (are_lost)
+        return true;
     if (now.providers > 0 || now.max_size == 0)
         return false;
     if (!before || before->providers > 0)
@@ -120,9 +122,13 @@ bool Outbound::take_up(Topic &topic, Sample sample)
 {
     const size_t value_hash = std::hash<std::string>{}(sample.value);
     sample.value.clear();
+    take_counts(topic, sample);
     sample.consumers = 0;
     const Sample *before = topic.seen ? &*topic.seen : nullptr;
-    const bool gone = providers_have_left(sample, before, topic.providers_gone);
+    if (before && (sample.ts != before->ts || sample.providers > before->providers))
+        topic.providers_lost = false;
+    const bool gone =
+        providers_have_left(sample, before, topic.providers_gone, topic.providers_lost);
     const uint32_t providers = std::exchange(sample.providers, before ? before->providers : 0);
     const bool changed = !before || *before != sample || value_hash != topic.value_hash ||
                          gone != topic.providers_gone;
@@ -131,6 +137,49 @@ bool Outbound::take_up(Topic &topic, Sample sample)
     topic.value_hash = value_hash;
     topic.providers_gone = gone;
     return changed;
+}
+
+void Outbound::take_counts(Topic &topic, const Sample &sample)
+{
+    const HandleCounts counted{sample.providers, sample.consumers};
+    counts_changed_ = counts_changed_ || counted != topic.counted || !topic.seen;
+    topic.counted = counted;
+}
+
+unsigned Outbound::take_census(const HandleCensus &census, Clock::time_point now)
+{
+    unsigned handles = 0;
+    for (const auto &[tag, topic] : by_tag_) {
+        look_at_holders(*topic, census, now);
+        handles += topic->roles.open_handles();
+    }
+    return handles;
+}
+
+// The topic is read once more, since only counts that stood still during the census can be compared
+// with it.
+void Outbound::look_at_holders(Topic &topic, const HandleCensus &census, Clock::time_point now)
+{
+    if (!topic.seen ||
+        !topic.roles.differs(topic.seen->file, topic.counted, census.of(topic.seen->file)))
+        return;
+    Sample sample;
+    if (reader_.read(topic.tag, sample) != ReadOutcome::read)
+        return;
+    const HandleCounts counted{sample.providers, sample.consumers};
+    if (counted != topic.counted || sample.file != topic.seen->file) {
+        take_counts(topic, sample);
+        counts_changed_ = true;
+        return;
+    }
+    const bool were_lost = topic.roles.providers_are_lost(census.sight);
+    const bool others_came = topic.roles.counted().providers < counted.providers;
+    topic.roles.learn(sample.file, counted, census.of(sample.file));
+    const bool are_lost = topic.roles.providers_are_lost(census.sight);
+    if (are_lost && were_lost && !others_came)
+        return; // what was written since came from somebody without a handle
+    topic.providers_lost = are_lost;
+    (void)refresh(topic, now);
 }
 
 void Outbound::connected(bool kept, Clock::time_point now)

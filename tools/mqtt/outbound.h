@@ -6,6 +6,7 @@
 #include "change_marks.h"
 #include "configuration.h"
 #include "counters.h"
+#include "handle_roles.h"
 #include "local_writer.h"
 #include "log.h"
 #include "pacing.h"
@@ -34,6 +35,16 @@ class Outbound {
 
     // Looks at the whole store: new topics, those gone, and changes that nobody announced.
     void scan(Clock::time_point now);
+
+    // Whether a scan has found other counts of handles since it was asked last.
+    bool counts_changed()
+    {
+        return std::exchange(counts_changed_, false);
+    }
+
+    // Compares who has which topic open with the counts, right after a scan: a provider that was killed
+    // leaves its count behind. Returns the handles that are open on the topics.
+    unsigned take_census(const HandleCensus &census, Clock::time_point now);
 
     // A connection stands. Where the broker has kept what it had, only what changed meanwhile is
     // sent, else everything once.
@@ -74,10 +85,13 @@ class Outbound {
         const OutRule *rule;
         std::optional<Sample> seen; // the value's place is taken by its hash
         size_t value_hash = 0;
-        bool providers_gone = false;
-        bool must_send = true;    // whatever the gate says
-        bool is_deferred = false; // has an entry in later_
-        unsigned scan = 0;        // the last scan that found it
+        HandleCounts counted;
+        HandleRoles roles;
+        bool providers_lost = false; // they ended without closing, and nothing was written since
+        bool providers_gone = false; // in one way or the other
+        bool must_send = true;       // whatever the gate says
+        bool is_deferred = false;    // has an entry in later_
+        unsigned scan = 0;           // the last scan that found it
         Gate gate;
     };
 
@@ -86,6 +100,8 @@ class Outbound {
     void remove(Topic &topic, Clock::time_point now);
     bool refresh(Topic &topic, Clock::time_point now);
     bool take_up(Topic &topic, Sample sample);
+    void take_counts(Topic &topic, const Sample &sample);
+    void look_at_holders(Topic &topic, const HandleCensus &census, Clock::time_point now);
     std::optional<Publication> publication_for(Topic &topic, Clock::time_point now);
     // Whether a clearing of the topic is on its way.
     bool is_clearing(const std::string &mqtt) const;
@@ -107,6 +123,7 @@ class Outbound {
     std::array<std::vector<Topic *>, KP_BUCKET_COUNT> by_bucket_;
     Buckets others_; // buckets with topics that no rule takes
     unsigned scan_ = 0;
+    bool counts_changed_ = false;
 
     PendingNames pending_; // MQTT topics: also those of topics that are gone
     std::multimap<Clock::time_point, std::string> later_;

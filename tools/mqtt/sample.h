@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 
 namespace kp::mqtt {
 
@@ -15,6 +16,7 @@ struct Sample {
     uint8_t quality = KP_QUALITY_NONE;
     uint32_t providers = 0;
     uint32_t consumers = 0;
+    ino_t file = 0; // tells a topic that was made anew from the one before
     bool has_value = false;
     uint64_t ts = 0;        // of the write, microseconds since the epoch
     uint64_t source_ts = 0; // of the source, the same unit

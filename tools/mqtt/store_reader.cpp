@@ -104,6 +104,9 @@ ReadOutcome StoreReader::read(const std::string &topic, Sample &sample) const
     const UniqueFd fd(open(path_of(topic).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!fd)
         return errno == ENOENT || errno == ENOTDIR ? ReadOutcome::missing : ReadOutcome::refused;
+    struct stat status {};
+    if (fstat(fd.get(), &status) != 0)
+        return ReadOutcome::refused;
     Segment segment;
     const ReadOutcome outcome = load_consistently(fd, segment);
     if (outcome != ReadOutcome::read)
@@ -113,6 +116,7 @@ ReadOutcome StoreReader::read(const std::string &topic, Sample &sample) const
     if (is_corrupt(segment))
         return ReadOutcome::refused;
     take_over(segment, sample);
+    sample.file = status.st_ino;
     return ReadOutcome::read;
 }
 
