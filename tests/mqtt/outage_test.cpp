@@ -160,6 +160,26 @@ TEST(BrokerStopped, DelaysNoWriterAndGetsEachLastValueOnceAfterwards)
     EXPECT_LT(without, with_broker * 5 + 100us);
 }
 
+TEST(BrokerStopped, ShowsInTheAgeOfTheOldestChangeThatItHasNotAcknowledged)
+{
+    const Broker broker;
+    Tags tags;
+    tags.declare("a/b");
+    tags.write("a/b", "x");
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_until([] { return status_number("out") == 1; }));
+    ASSERT_TRUE(wait_until([] { return status_number("oldest-unsent-ms") == 0; }));
+    broker.signal(SIGSTOP);
+
+    tags.write("a/b", "y");
+
+    EXPECT_TRUE(wait_until([] { return status_number("oldest-unsent-ms") > 2000; }));
+    EXPECT_EQ(status_number("pending"), 0u);
+    broker.signal(SIGCONT);
+    EXPECT_TRUE(wait_until([] { return status_number("oldest-unsent-ms") == 0; }));
+    EXPECT_TRUE(wait_until([] { return status_number("out") == 2; }));
+}
+
 TEST(BrokerRestarted, WithPersistenceGetsOnlyWhatChanged)
 {
     std::filesystem::create_directory("/run/broker");

@@ -7,7 +7,12 @@ using std::chrono::seconds;
 
 namespace {
 const Clock::time_point kStart{};
+
+std::string name_of(const std::optional<PendingNames::Waiting> &waiting)
+{
+    return waiting ? waiting->name : "none";
 }
+} // namespace
 
 TEST(PendingNames, HoldEachNameOnceInTheOrderOfItsFirstMark)
 {
@@ -17,9 +22,9 @@ TEST(PendingNames, HoldEachNameOnceInTheOrderOfItsFirstMark)
     names.mark_change("a", kStart);
 
     EXPECT_EQ(names.size(), 2u);
-    EXPECT_EQ(names.take(true), "a");
-    EXPECT_EQ(names.take(true), "b");
-    EXPECT_EQ(names.take(true), std::nullopt);
+    EXPECT_EQ(name_of(names.take(true)), "a");
+    EXPECT_EQ(name_of(names.take(true)), "b");
+    EXPECT_EQ(name_of(names.take(true)), "none");
 }
 
 TEST(PendingNames, LetChangesGoBeforeTheBurst)
@@ -28,8 +33,8 @@ TEST(PendingNames, LetChangesGoBeforeTheBurst)
     names.mark_burst("old", kStart);
     names.mark_change("new", kStart);
 
-    EXPECT_EQ(names.take(true), "new");
-    EXPECT_EQ(names.take(true), "old");
+    EXPECT_EQ(name_of(names.take(true)), "new");
+    EXPECT_EQ(name_of(names.take(true)), "old");
 }
 
 TEST(PendingNames, HoldTheBurstBackWhenToldTo)
@@ -37,7 +42,7 @@ TEST(PendingNames, HoldTheBurstBackWhenToldTo)
     PendingNames names;
     names.mark_burst("old", kStart);
 
-    EXPECT_EQ(names.take(false), std::nullopt);
+    EXPECT_EQ(name_of(names.take(false)), "none");
     EXPECT_TRUE(names.has_burst());
 }
 
@@ -49,7 +54,7 @@ TEST(PendingNames, MoveAChangedNameOutOfTheBurst)
 
     EXPECT_EQ(names.size(), 1u);
     EXPECT_FALSE(names.has_burst());
-    EXPECT_EQ(names.take(false), "a");
+    EXPECT_EQ(name_of(names.take(false)), "a");
 }
 
 TEST(PendingNames, KeepTheAgeOfTheFirstMark)
@@ -60,4 +65,14 @@ TEST(PendingNames, KeepTheAgeOfTheFirstMark)
     names.mark_change("a", kStart + seconds(9));
 
     EXPECT_EQ(names.oldest(), kStart + seconds(1));
+}
+
+TEST(PendingNames, AreAsOldAsTheOldestChangeOfTheName)
+{
+    PendingNames names;
+    names.mark_change("a", kStart + seconds(5));
+
+    names.mark_change("a", kStart + seconds(1));
+
+    EXPECT_EQ(names.take(true)->since, kStart + seconds(1));
 }

@@ -307,7 +307,7 @@ void Bridge::send_values(Clock::time_point now)
             outbound_.refused(*publication, refusal);
             break;
         case SendOutcome::lost:
-            return outbound_.not_sent(*publication, now);
+            return outbound_.not_sent(*publication);
         }
     }
 }

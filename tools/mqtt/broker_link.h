@@ -34,6 +34,7 @@ struct Publication {
     bool is_utf8 = false;
     uint32_t expiry_s = 0;
     UserProperties properties;
+    Clock::time_point since{}; // when the oldest change that it stands for was seen
 };
 
 struct Message {

@@ -60,7 +60,7 @@ class Outbound {
     void sent(const Publication &publication, int id);
     void acknowledged(int id, int reason, Clock::time_point now);
     void refused(const Publication &publication, const std::string &why);
-    void not_sent(const Publication &publication, Clock::time_point now);
+    void not_sent(const Publication &publication);
 
     // Sends a topic again although nothing changed, since the broker has been given an older value.
     void repeat(const std::string &tag, Clock::time_point now);
@@ -76,6 +76,9 @@ class Outbound {
     {
         return pending_.size();
     }
+
+    // The age of the oldest change that the broker does not have: one that waits, or was sent and is
+    // not acknowledged. What a rule holds back counts from the end of its interval.
     std::chrono::milliseconds oldest_age(Clock::time_point now) const;
 
   private:
@@ -102,13 +105,14 @@ class Outbound {
     bool take_up(Topic &topic, Sample sample);
     void take_counts(Topic &topic, const Sample &sample);
     void look_at_holders(Topic &topic, const HandleCensus &census, Clock::time_point now);
-    std::optional<Publication> publication_for(Topic &topic, Clock::time_point now);
+    std::optional<Publication> publication_for(Topic &topic, Clock::time_point since,
+                                               Clock::time_point now);
     // Whether a clearing of the topic is on its way.
     bool is_clearing(const std::string &mqtt) const;
     std::optional<Publication> clearing(const std::string &mqtt) const;
     Publication publication_of(const Topic &topic, const Sample &sample) const;
-    void defer(Topic &topic, Clock::time_point until);
-    void mark_again(const std::string &mqtt, Clock::time_point now);
+    void defer(Topic &topic, Clock::time_point until, Clock::time_point since);
+    void mark_again(const std::string &mqtt, Clock::time_point since);
     void take_what_is_due(Clock::time_point now);
 
     const Configuration &configuration_;
@@ -126,7 +130,7 @@ class Outbound {
     bool counts_changed_ = false;
 
     PendingNames pending_; // MQTT topics: also those of topics that are gone
-    std::multimap<Clock::time_point, std::string> later_;
+    std::multimap<Clock::time_point, PendingNames::Waiting> later_; // by when they may go
     std::unordered_map<int, Publication> unacknowledged_;
     TokenBucket burst_;
     OncePerText said_;

@@ -16,13 +16,18 @@ using Clock = std::chrono::steady_clock;
 
 class PendingNames {
   public:
-    // A name that waits already keeps its place, or moves from the burst to the changes, and keeps
-    // its age either way.
-    void mark_change(const std::string &name, Clock::time_point now);
-    void mark_burst(const std::string &name, Clock::time_point now);
+    struct Waiting {
+        std::string name;
+        Clock::time_point since; // when it was first marked
+    };
+
+    // A name that waits already keeps its place, or moves from the burst to the changes, and is as
+    // old as the older of its marks either way.
+    void mark_change(const std::string &name, Clock::time_point since);
+    void mark_burst(const std::string &name, Clock::time_point since);
 
     // Takes the name whose turn it is; the burst only where `burst_too` says so.
-    std::optional<std::string> take(bool burst_too);
+    std::optional<Waiting> take(bool burst_too);
 
     bool has(const std::string &name) const
     {
@@ -44,10 +49,6 @@ class PendingNames {
     std::optional<Clock::time_point> oldest() const;
 
   private:
-    struct Waiting {
-        std::string name;
-        Clock::time_point since;
-    };
     using Line = std::list<Waiting>;
     struct Place {
         bool in_burst;
