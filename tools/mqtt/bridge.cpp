@@ -76,6 +76,11 @@ int Bridge::run(int signal_fd)
     return 0;
 }
 
+bool Bridge::can_send() const
+{
+    return phase_ == Phase::online && link_ && link_->may_send();
+}
+
 int Bridge::poll_timeout(Clock::time_point now) const
 {
     if (more_to_send_)
@@ -83,17 +88,20 @@ int Bridge::poll_timeout(Clock::time_point now) const
     auto until = std::min(next_scan_, next_tick_);
     if (phase_ != Phase::online)
         until = std::min(until, phase_ends_);
-    const bool can_send = phase_ == Phase::online && link_ && link_->may_send();
-    if (const auto due = outbound_.due(); due && can_send)
+    if (const auto due = outbound_.due(); due && can_send())
         until = std::min(until, *due);
     const auto left = std::chrono::ceil<milliseconds>(until - now).count();
     return static_cast<int>(std::clamp<int64_t>(left, 0, kTick.count()));
 }
 
+// While nothing can be sent no mark wakes this thread, so that a writer shares its processor with the
+// receive thread alone; what is marked is looked at once a second then.
 void Bridge::wait(int signal_fd, bool &stop)
 {
-    std::array<pollfd, 4> room = {
-        {{signal_fd, POLLIN, 0}, {marks_.fd(), POLLIN, 0}, {-1, 0, 0}, {holders_.fd(), POLLIN, 0}}};
+    std::array<pollfd, 4> room = {{{signal_fd, POLLIN, 0},
+                                   {can_send() ? marks_.fd() : -1, POLLIN, 0},
+                                   {-1, 0, 0},
+                                   {holders_.fd(), POLLIN, 0}}};
     if (link_)
         room[2] = {link_->fd(), link_->poll_events(), 0};
     const int ready = poll(room.data(), room.size(), poll_timeout(Clock::now()));
@@ -113,11 +121,17 @@ void Bridge::turn(Clock::time_point now)
         tick(now);
 }
 
-void Bridge::look_for_changes(Clock::time_point now)
+void Bridge::look_at_marks(Clock::time_point now)
 {
     const Buckets buckets = marks_.take();
     if (buckets.any() && !outbound_.refresh(buckets, now))
         next_scan_ = std::min(next_scan_, last_scan_ + kScanSoon);
+}
+
+void Bridge::look_for_changes(Clock::time_point now)
+{
+    if (can_send() || now >= next_tick_)
+        look_at_marks(now);
     if (holders_.some_ended()) {
         wants_census_ = true;
         second_census_ = now + kSecondLook;

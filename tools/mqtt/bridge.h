@@ -44,9 +44,11 @@ class Bridge final : private BrokerEvents {
     void received(Message message) override;
     void closed(const std::string &why) override;
 
+    bool can_send() const;
     int poll_timeout(Clock::time_point now) const;
     void wait(int signal_fd, bool &stop);
     void turn(Clock::time_point now);
+    void look_at_marks(Clock::time_point now);
     void look_for_changes(Clock::time_point now);
     void look_for_lost_providers(Clock::time_point now);
     void keep_connection(Clock::time_point now);
