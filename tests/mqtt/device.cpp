@@ -150,10 +150,21 @@ std::vector<std::string> BridgeProgram::output()
 
 long BridgeProgram::memory() const
 {
-    std::ifstream status("/proc/" + std::to_string(process_->pid()) + "/status");
-    for (std::string word; status >> word;)
-        if (word == "VmRSS:" && status >> word)
+    return status("VmRSS:");
+}
+
+long BridgeProgram::times_woken() const
+{
+    return status("voluntary_ctxt_switches:");
+}
+
+long BridgeProgram::status(const std::string &name) const
+{
+    std::ifstream file("/proc/" + std::to_string(process_->pid()) + "/status");
+    for (std::string word; file >> word;)
+        if (word == name && file >> word)
             return std::stol(word);
+    ADD_FAILURE() << "no " << name << " of the bridge";
     return 0;
 }
 

@@ -73,8 +73,13 @@ class BridgeProgram {
     std::vector<std::string> output();
     // Memory in use, in KiB.
     long memory() const;
+    // How often its main thread has waited for something.
+    long times_woken() const;
 
   private:
+    // A number of /proc/PID/status.
+    long status(const std::string &name) const;
+
     std::string path_;
     std::vector<std::string> options_;
     std::unique_ptr<ChildProcess> process_;

@@ -53,6 +53,26 @@ std::chrono::nanoseconds write_changes(Tags &tags, int first, int end)
     return times[times.size() * 99 / 100];
 }
 
+// Reads what changes, as little as any peer does.
+int follow(Channel &parent)
+{
+    kp_t *handle = kp_new("", [](kp_t *self, const kp_write_info *notice, void *) {
+        kp_tag_iter_t iter = {0, nullptr};
+        int32_t value = 0;
+        while (iter.bucket < KP_BUCKET_COUNT)
+            if (kp_tag_t *tag = kp_get_next_updated_tag(self, notice, &iter))
+                (void)kp_tag_read(tag, &value, sizeof value);
+        return 0;
+    });
+    const bool follows = handle && kp_sub_topic(handle, "a/#") == 0;
+    (void)parent.tell(follows ? "there" : "failed");
+    (void)parent.hear(std::chrono::minutes(2));
+    (void)kp_unsub_topic(handle, "a/#");
+    (void)kp_tags_destroy(handle);
+    (void)kp_destroy(handle);
+    return 0;
+}
+
 std::map<std::string, int> last_values()
 {
     std::map<std::string, int> values;
@@ -158,6 +178,35 @@ TEST(BrokerStopped, DelaysNoWriterAndGetsEachLastValueOnceAfterwards)
     RecordProperty("p99_with_broker_ns", std::to_string(with_broker.count()));
     RecordProperty("p99_without_ns", std::to_string(without.count()));
     EXPECT_LT(without, with_broker * 5 + 100us);
+}
+
+TEST(BrokerStopped, DelaysAWriterNoMoreThanAFollowerDoesInTheBridgesPlace)
+{
+    const Broker broker;
+    std::filesystem::create_directories("/dev/shm/zu-kp"); // where the follower looks for topics
+    ChildProcess follower(follow);
+    ASSERT_EQ(follower.hear(), "there");
+    Tags tags;
+    declare_all(tags);
+    const auto beside_follower = write_changes(tags, 0, kChanges / 2);
+    (void)follower.tell("end");
+    ASSERT_EQ(follower.wait(), 0);
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+    broker.signal(SIGSTOP);
+    ASSERT_TRUE(wait_until([&tags] {
+        (void)write_changes(tags, 0, kTopics); // until no more goes without acknowledgement
+        return status_number("pending") == kTopics;
+    }));
+    const long woken_before = bridge.times_woken();
+
+    const auto beside_bridge = write_changes(tags, kChanges / 2, kChanges);
+
+    RecordProperty("p99_beside_follower_ns", std::to_string(beside_follower.count()));
+    RecordProperty("p99_beside_bridge_ns", std::to_string(beside_bridge.count()));
+    EXPECT_LT(beside_bridge, beside_follower * 3 + 100us);
+    EXPECT_LT(bridge.times_woken() - woken_before, kChanges / 20);
+    broker.signal(SIGCONT);
 }
 
 TEST(BrokerStopped, ShowsInTheAgeOfTheOldestChangeThatItHasNotAcknowledged)

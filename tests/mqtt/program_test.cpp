@@ -7,10 +7,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -46,6 +48,16 @@ std::string tls_settings(int port)
     return "listener " + std::to_string(port) +
            " 127.0.0.1\nallow_anonymous true\ncafile /run/tls/ca.pem\n"
            "certfile /run/tls/broker.pem\nkeyfile /run/tls/broker.key\nrequire_certificate true\n";
+}
+
+// The scheduling policies of a process's threads.
+std::vector<int> policies_of(pid_t pid)
+{
+    std::vector<int> policies;
+    const std::string folder = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto &thread : std::filesystem::directory_iterator(folder))
+        policies.push_back(sched_getscheduler(std::stoi(thread.path().filename())));
+    return policies;
 }
 
 std::string tls_client(const std::string &authority)
@@ -179,4 +191,16 @@ TEST(Leaving, RemovesTheBridgesOwnTagsAndEndpoint)
 
     EXPECT_NE(access("/run/providers/kp-mqtt", F_OK), 0);
     EXPECT_NE(access("/dev/shm/zu-kp/bridge/mqtt/connected", F_OK), 0);
+}
+
+TEST(Threads, LetWritersGoFirst)
+{
+    const Broker broker;
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+
+    const std::vector<int> policies = policies_of(bridge.pid());
+
+    EXPECT_GE(policies.size(), 3u);
+    EXPECT_THAT(policies, testing::Each(SCHED_BATCH));
 }

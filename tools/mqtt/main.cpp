@@ -11,6 +11,7 @@
 #include <iostream>
 #include <mosquitto.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -40,6 +41,16 @@ kp::UniqueFd take_signals()
     (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     (void)std::signal(SIGPIPE, SIG_IGN);
     return kp::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+// A thread that wakes up takes the processor from the one that runs there, which is often the writer
+// that has just sent the notice. As batch work the bridge waits until that writer has done its part.
+// Threads inherit this, also those of the library.
+void let_writers_go_first()
+{
+    const sched_param none{};
+    if (sched_setscheduler(0, SCHED_BATCH, &none) != 0)
+        log(Level::debug, std::string("writers are not let go first: ") + std::strerror(errno));
 }
 
 // Faults of the files that the configuration names.
@@ -78,6 +89,7 @@ bool is_endpoint_taken(const std::string &name)
 int run(const Configuration &configuration)
 {
     const kp::UniqueFd signals = take_signals();
+    let_writers_go_first();
     Credentials credentials;
     if (!configuration.broker.credentials_file.empty())
         credentials = *read_credentials(configuration.broker.credentials_file).value;
