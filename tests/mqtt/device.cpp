@@ -14,6 +14,14 @@ namespace kptest {
 
 namespace {
 
+// For the bridge alone: what the suppressions are for is not called by a test.
+#if defined(__SANITIZE_THREAD__)
+constexpr const char *kEnvironment =
+    "TSAN_OPTIONS='halt_on_error=1 suppressions=" KP_TSAN_SUPPRESSIONS "' ";
+#else
+constexpr const char *kEnvironment = "";
+#endif
+
 std::string contents(const std::string &path)
 {
     std::ostringstream text;
@@ -117,6 +125,8 @@ BridgeProgram::BridgeProgram(int port, const std::string &more, std::vector<std:
 
 BridgeProgram::~BridgeProgram()
 {
+    EXPECT_EQ(log().find("Sanitizer"), std::string::npos);
+    EXPECT_EQ(log().find("runtime error:"), std::string::npos);
     if (testing::Test::HasFailure())
         (void)std::fprintf(stderr, "--- the bridge said:\n%s---\n", log().c_str());
 }
@@ -124,7 +134,8 @@ BridgeProgram::~BridgeProgram()
 void BridgeProgram::start()
 {
     std::vector<std::string> command{
-        "/bin/sh", "-c", "exec \"$@\" 2>>" + path_ + ".log", "sh", KP_MQTT, "-c", path_, "-v"};
+        "/bin/sh", "-c", kEnvironment + ("exec \"$@\" 2>>" + path_) + ".log", "sh", KP_MQTT, "-c",
+        path_,     "-v"};
     command.insert(command.end(), options_.begin(), options_.end());
     process_ = std::make_unique<ChildProcess>(command);
 }
