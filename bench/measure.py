@@ -88,7 +88,7 @@ def describe_machine(build):
 def main():
     build = pathlib.Path(sys.argv[1]).resolve()
     wanted = sys.argv[2:] or ["machine", "values", "latency", "fanout", "footprint", "growth",
-                              "tools"]
+                              "tools", "mqtt"]
     programs = build / "bench"
     start = time.monotonic()
     enter_private_places()
@@ -106,6 +106,8 @@ def main():
     if "tools" in wanted:
         kp = str(build / "tools" / "kp")
         write("tools", run(ROOT / "bench" / "tools" / "run", kp, "--json") or [])
+    if "mqtt" in wanted:
+        subprocess.run([ROOT / "bench" / "mqtt" / "run", build], check=True)
     print(f"bench: all in {time.monotonic() - start:.0f} s", file=sys.stderr)
 
 

@@ -4,6 +4,7 @@ import json
 import pathlib
 import re
 import subprocess
+from statistics import median
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 RESULTS = ROOT / "bench" / "results"
@@ -181,6 +182,42 @@ def tools_table():
                  [[row["name"], row["figure"], row["most"]] for row in load("tools")])
 
 
+def mqtt_tables():
+    mqtt = load("mqtt")
+    if not mqtt:
+        return "", ""
+    memory, rates = mqtt["memory"], mqtt["rates"]
+    each = (memory["full_kib"] - memory["empty_kib"]) * 1024 / memory["topics"]
+
+    def row(title, text):
+        return [title, *(text(rate) for rate in rates)]
+
+    main = "\n\n".join([
+        f"Measured {mqtt['date']} with mosquitto {mqtt['mosquitto']}, {mqtt['processors']} "
+        f"processors, load {mqtt['load_at_start']} at the start.",
+        table(["", *(f"QoS {rate['qos']}" for rate in rates)], [
+            row("changes a second, 1,000 tags written as fast as they go",
+                lambda rate: f"{rate['changes_per_s']:,.0f}"),
+            row("mosquitto_pub's own rate in the same run (no properties)",
+                lambda rate: f"{rate['mosquitto_pub_per_s']:,.0f}"),
+            row("delay from the write to the receipt by mosquitto_sub, p50, 10 tags at 10/s",
+                lambda rate: f"{rate['delay_p50_ms']:.2f} ms"),
+            row("the same, p99", lambda rate: f"{rate['delay_p99_ms']:.2f} ms"),
+            row("processor time, 1,000 tags at 10 changes a second each",
+                lambda rate: f"{rate['bridge_cpu_percent']:.0f} % of a core for "
+                             f"{rate['messages_per_s']:,.0f} messages/s"),
+            row("mosquitto's own processor time meanwhile",
+                lambda rate: f"{rate['mosquitto_cpu_percent']:.0f} %")]),
+        f"Memory: {memory['empty_kib'] / 1024:.1f} MiB without topics, "
+        f"{memory['full_kib'] / 1024:.1f} MiB with {memory['topics']:,}, so {each:.0f} bytes a topic."])
+    plain = median(pick(mqtt["writers"], beside="a follower")["p99_us"])
+    writers = table(["beside", "p50 µs", "p99 µs", "p99 of each round, sorted", "× a follower's p99"], [
+        [one["beside"], short(median(one["p50_us"])), short(median(one["p99_us"])),
+         ", ".join(short(figure) for figure in sorted(one["p99_us"])),
+         short(median(one["p99_us"]) / plain)] for one in mqtt["writers"]])
+    return main, writers
+
+
 def plot(name, commands, data):
     PLOTS.mkdir(parents=True, exist_ok=True)
     blocks = "\n".join(f"${label} << EOD\n{text}\nEOD" for label, text in data.items())
@@ -253,6 +290,7 @@ def main():
     parts = {"machine": machine_table(), "goals": goals_table(), "values": value_tables(), "latency": latency_table(),
              "fanout": fanout_table(), "footprint": footprint_table(), "growth": growth_tables(),
              "tools": tools_table()}
+    parts["mqtt"], parts["mqtt-writers"] = mqtt_tables()
     text = DOCUMENT.read_text()
     for name, part in parts.items():
         begin, end = f"<!-- begin {name} -->", f"<!-- end {name} -->"
