@@ -106,6 +106,8 @@ void Bridge::wait(int signal_fd, bool &stop)
         room[2] = {link_->fd(), link_->poll_events(), 0};
     const int ready = poll(room.data(), room.size(), poll_timeout(Clock::now()));
     stop = ready > 0 && room[0].revents != 0;
+    if (ready > 0 && room[3].revents != 0 && holders_.some_ended())
+        want_census_after_an_end(Clock::now());
     if (link_)
         link_->serve(ready > 0 ? room[2].revents : short{0});
 }
@@ -132,17 +134,19 @@ void Bridge::look_for_changes(Clock::time_point now)
 {
     if (can_send() || now >= next_tick_)
         look_at_marks(now);
-    if (holders_.some_ended()) {
-        wants_census_ = true;
-        second_census_ = now + kSecondLook;
-        next_scan_ = std::min(next_scan_, std::max(now, next_census_));
-    }
     if (now < next_scan_)
         return;
     outbound_.scan(now);
     last_scan_ = now;
     next_scan_ = now + configuration_.scan_interval;
     look_for_lost_providers(now);
+}
+
+void Bridge::want_census_after_an_end(Clock::time_point now)
+{
+    wants_census_ = true;
+    second_census_ = now + kSecondLook;
+    next_scan_ = std::min(next_scan_, std::max(now, next_census_));
 }
 
 // Only when somebody has opened, closed or ended, since it reads the mappings of every process.

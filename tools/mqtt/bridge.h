@@ -50,6 +50,7 @@ class Bridge final : private BrokerEvents {
     void turn(Clock::time_point now);
     void look_at_marks(Clock::time_point now);
     void look_for_changes(Clock::time_point now);
+    void want_census_after_an_end(Clock::time_point now);
     void look_for_lost_providers(Clock::time_point now);
     void keep_connection(Clock::time_point now);
     void connect(Clock::time_point now);
