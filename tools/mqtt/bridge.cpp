@@ -20,9 +20,6 @@ constexpr milliseconds kRetainedTime{300}; // for the retained state after that
 constexpr milliseconds kStable{10'000};    // a connection that lasted this long was a good one
 constexpr milliseconds kLeaving{1500};     // for the last messages
 constexpr milliseconds kStuck{10'000};     // for a round of local writes
-constexpr milliseconds kCensusPause{1000}; // between two looks at all processes, at least,
-constexpr int kCensusShare = 20;           // and so many times what the last one took
-constexpr milliseconds kSecondLook{5000};  // after an end, for who was opening or closing just then
 constexpr int kMostAtOnce = 200;           // publications between two looks at everything else
 constexpr const char *kConnection = "connection";
 
@@ -54,16 +51,14 @@ Bridge::Bridge(const Configuration &configuration, Credentials credentials, Stat
                 [this](const std::string &tag) { writer_.drop(tag); },
                 [this](const std::string &tag) { outbound_.repeat(tag, Clock::now()); }},
                counters),
-      holders_(configuration.trust_visible), status_(configuration.status_prefix, writer),
+      lost_providers_(outbound_, configuration.trust_visible),
+      status_(configuration.status_prefix, writer),
       backoff_(configuration.broker.reconnect_min, configuration.broker.reconnect_max)
 {
 }
 
 int Bridge::run(int signal_fd)
 {
-    if (holders_.sight() == Sight::partial)
-        log(Level::info, "not every process can be looked into, so a provider that is killed will "
-                         "not be told from a silent one; see trust-visible in kp-mqtt.conf(5)");
     look_for_changes(Clock::now());
     manager_.ready();
     bool stop = false;
@@ -101,13 +96,13 @@ void Bridge::wait(int signal_fd, bool &stop)
     std::array<pollfd, 4> room = {{{signal_fd, POLLIN, 0},
                                    {can_send() ? marks_.fd() : -1, POLLIN, 0},
                                    {-1, 0, 0},
-                                   {holders_.fd(), POLLIN, 0}}};
+                                   {lost_providers_.fd(), POLLIN, 0}}};
     if (link_)
         room[2] = {link_->fd(), link_->poll_events(), 0};
     const int ready = poll(room.data(), room.size(), poll_timeout(Clock::now()));
     stop = ready > 0 && room[0].revents != 0;
-    if (ready > 0 && room[3].revents != 0 && holders_.some_ended())
-        want_census_after_an_end(Clock::now());
+    if (ready > 0 && room[3].revents != 0)
+        lost_providers_.hear_ends(Clock::now());
     if (link_)
         link_->serve(ready > 0 ? room[2].revents : short{0});
 }
@@ -134,40 +129,13 @@ void Bridge::look_for_changes(Clock::time_point now)
 {
     if (can_send() || now >= next_tick_)
         look_at_marks(now);
+    next_scan_ = std::min(next_scan_, lost_providers_.wants_scan_at().value_or(next_scan_));
     if (now < next_scan_)
         return;
     outbound_.scan(now);
     last_scan_ = now;
     next_scan_ = now + configuration_.scan_interval;
-    look_for_lost_providers(now);
-}
-
-void Bridge::want_census_after_an_end(Clock::time_point now)
-{
-    wants_census_ = true;
-    second_census_ = now + kSecondLook;
-    next_scan_ = std::min(next_scan_, std::max(now, next_census_));
-}
-
-// Only when somebody has opened, closed or ended, since it reads the mappings of every process.
-void Bridge::look_for_lost_providers(Clock::time_point now)
-{
-    const bool is_second = second_census_ && now >= *second_census_;
-    wants_census_ = outbound_.counts_changed() || wants_census_ || is_second;
-    if (!wants_census_ || holders_.sight() == Sight::partial)
-        return;
-    if (now < next_census_) {
-        next_scan_ = std::min(next_scan_, next_census_);
-        return;
-    }
-    if (is_second)
-        second_census_.reset();
-    wants_census_ = false;
-    const auto start = Clock::now();
-    const unsigned handles = outbound_.take_census(holders_.take(), now);
-    log(Level::debug, "the topics have " + std::to_string(handles) + " open handles");
-    const auto cost = std::chrono::ceil<milliseconds>(Clock::now() - start);
-    next_census_ = now + std::max(kCensusPause, kCensusShare * cost);
+    lost_providers_.look(now);
 }
 
 void Bridge::keep_connection(Clock::time_point now)

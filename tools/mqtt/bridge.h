@@ -11,8 +11,8 @@
 #include "configuration.h"
 #include "inbound.h"
 #include "local_writer.h"
+#include "lost_providers.h"
 #include "outbound.h"
-#include "segment_holders.h"
 #include "service_manager.h"
 #include "state_file.h"
 #include "status_tags.h"
@@ -50,8 +50,6 @@ class Bridge final : private BrokerEvents {
     void turn(Clock::time_point now);
     void look_at_marks(Clock::time_point now);
     void look_for_changes(Clock::time_point now);
-    void want_census_after_an_end(Clock::time_point now);
-    void look_for_lost_providers(Clock::time_point now);
     void keep_connection(Clock::time_point now);
     void connect(Clock::time_point now);
     void drop_connection(Clock::time_point now);
@@ -72,7 +70,7 @@ class Bridge final : private BrokerEvents {
     StoreReader reader_;
     Outbound outbound_;
     Inbound inbound_;
-    SegmentHolders holders_;
+    LostProviders lost_providers_;
     StatusTags status_;
     ServiceManager manager_;
 
@@ -93,9 +91,6 @@ class Bridge final : private BrokerEvents {
     Clock::time_point next_scan_{};
     Clock::time_point last_scan_{};
     Clock::time_point next_tick_{};
-    bool wants_census_ = true;
-    Clock::time_point next_census_{};
-    std::optional<Clock::time_point> second_census_;
     bool more_to_send_ = false;
     bool reported_stuck_ = false;
 };

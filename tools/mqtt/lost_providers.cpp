@@ -1,0 +1,56 @@
+#include "lost_providers.h"
+
+#include "log.h"
+
+#include <algorithm>
+
+namespace kp::mqtt {
+
+namespace {
+
+constexpr milliseconds kPause{1000};      // between two looks at least,
+constexpr int kShare = 20;                // and so many times what the last one took
+constexpr milliseconds kSecondLook{5000}; // after an end, for who was opening or closing just then
+
+} // namespace
+
+LostProviders::LostProviders(Outbound &outbound, bool trust_visible)
+    : outbound_(outbound), holders_(trust_visible)
+{
+    if (holders_.sight() == Sight::partial)
+        log(Level::info, "not every process can be looked into, so a provider that is killed will "
+                         "not be told from a silent one; see trust-visible in kp-mqtt.conf(5)");
+}
+
+void LostProviders::hear_ends(Clock::time_point now)
+{
+    if (!holders_.some_ended())
+        return;
+    wants_look_ = true;
+    second_look_ = now + kSecondLook;
+}
+
+void LostProviders::look(Clock::time_point now)
+{
+    const bool is_second = second_look_ && now >= *second_look_;
+    wants_look_ = outbound_.counts_changed() || wants_look_ || is_second;
+    if (!wants_look_ || now < next_look_ || holders_.sight() == Sight::partial)
+        return;
+    if (is_second)
+        second_look_.reset();
+    wants_look_ = false;
+    const auto start = Clock::now();
+    const unsigned handles = outbound_.take_census(holders_.take(), now);
+    log(Level::debug, "the topics have " + std::to_string(handles) + " open handles");
+    const auto cost = std::chrono::ceil<milliseconds>(Clock::now() - start);
+    next_look_ = now + std::max(kPause, kShare * cost);
+}
+
+std::optional<Clock::time_point> LostProviders::wants_scan_at() const
+{
+    if (!wants_look_ || holders_.sight() == Sight::partial)
+        return {};
+    return next_look_;
+}
+
+} // namespace kp::mqtt
