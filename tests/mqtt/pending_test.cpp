@@ -6,7 +6,7 @@ using namespace kp::mqtt;
 using std::chrono::seconds;
 
 namespace {
-const Clock::time_point kStart{};
+const Clock::time_point kFirstMark{};
 
 std::string name_of(const std::optional<PendingNames::Waiting> &waiting)
 {
@@ -17,9 +17,9 @@ std::string name_of(const std::optional<PendingNames::Waiting> &waiting)
 TEST(PendingNames, HoldEachNameOnceInTheOrderOfItsFirstMark)
 {
     PendingNames names;
-    names.mark_change("a", kStart);
-    names.mark_change("b", kStart);
-    names.mark_change("a", kStart);
+    names.mark_change("a", kFirstMark);
+    names.mark_change("b", kFirstMark);
+    names.mark_change("a", kFirstMark);
 
     EXPECT_EQ(names.size(), 2u);
     EXPECT_EQ(name_of(names.take(true)), "a");
@@ -30,8 +30,8 @@ TEST(PendingNames, HoldEachNameOnceInTheOrderOfItsFirstMark)
 TEST(PendingNames, LetChangesGoBeforeTheBurst)
 {
     PendingNames names;
-    names.mark_burst("old", kStart);
-    names.mark_change("new", kStart);
+    names.mark_burst("old", kFirstMark);
+    names.mark_change("new", kFirstMark);
 
     EXPECT_EQ(name_of(names.take(true)), "new");
     EXPECT_EQ(name_of(names.take(true)), "old");
@@ -40,7 +40,7 @@ TEST(PendingNames, LetChangesGoBeforeTheBurst)
 TEST(PendingNames, HoldTheBurstBackWhenToldTo)
 {
     PendingNames names;
-    names.mark_burst("old", kStart);
+    names.mark_burst("old", kFirstMark);
 
     EXPECT_EQ(name_of(names.take(false)), "none");
     EXPECT_TRUE(names.has_burst());
@@ -49,8 +49,8 @@ TEST(PendingNames, HoldTheBurstBackWhenToldTo)
 TEST(PendingNames, MoveAChangedNameOutOfTheBurst)
 {
     PendingNames names;
-    names.mark_burst("a", kStart);
-    names.mark_change("a", kStart);
+    names.mark_burst("a", kFirstMark);
+    names.mark_change("a", kFirstMark);
 
     EXPECT_EQ(names.size(), 1u);
     EXPECT_FALSE(names.has_burst());
@@ -60,19 +60,19 @@ TEST(PendingNames, MoveAChangedNameOutOfTheBurst)
 TEST(PendingNames, KeepTheAgeOfTheFirstMark)
 {
     PendingNames names;
-    names.mark_change("b", kStart + seconds(5));
-    names.mark_burst("a", kStart + seconds(1));
-    names.mark_change("a", kStart + seconds(9));
+    names.mark_change("b", kFirstMark + seconds(5));
+    names.mark_burst("a", kFirstMark + seconds(1));
+    names.mark_change("a", kFirstMark + seconds(9));
 
-    EXPECT_EQ(names.oldest(), kStart + seconds(1));
+    EXPECT_EQ(names.oldest(), kFirstMark + seconds(1));
 }
 
 TEST(PendingNames, AreAsOldAsTheOldestChangeOfTheName)
 {
     PendingNames names;
-    names.mark_change("a", kStart + seconds(5));
+    names.mark_change("a", kFirstMark + seconds(5));
 
-    names.mark_change("a", kStart + seconds(1));
+    names.mark_change("a", kFirstMark + seconds(1));
 
-    EXPECT_EQ(names.take(true)->since, kStart + seconds(1));
+    EXPECT_EQ(names.take(true)->since, kFirstMark + seconds(1));
 }

@@ -1,0 +1,94 @@
+// The way from tags to messages without a broker, at a time of the test's own.
+#pragma once
+
+#include "outbound.h"
+
+#include <string>
+#include <vector>
+
+namespace kptest {
+
+using namespace kp::mqtt;
+
+class OutboundOf {
+  public:
+    explicit OutboundOf(const std::string &rule)
+        : configuration_(parse_configuration("device = \"d\"\n[broker]\nburst-rate = 0\n"
+                                             "[[out]]\npattern = \"a/#\"\nprefix = \"p\"\n" +
+                                                 rule,
+                                             "f")
+                             .configuration),
+          state_(std::move(*StateFile::open("").value)),
+          outbound_(configuration_, reader_, nullptr, *state_, "d/boot", counters_)
+    {
+    }
+
+    // What goes out now, as "topic=payload q=quality".
+    std::vector<std::string> messages(bool acknowledge = true)
+    {
+        std::vector<std::string> texts;
+        while (const auto publication = outbound_.next(now_)) {
+            texts.push_back(
+                publication->topic + "=" + publication->payload +
+                " q=" + (publication->payload.empty() ? "" : publication->properties[0].second));
+            outbound_.sent(*publication, ++id_);
+            if (acknowledge)
+                outbound_.acknowledged(id_, 0, now_);
+        }
+        return texts;
+    }
+    std::vector<std::string> messages_after_scan()
+    {
+        outbound_.scan(now_);
+        return messages();
+    }
+    void retained_before(const std::string &mqtt)
+    {
+        state_->add(mqtt);
+    }
+    bool notice(const std::string &tag)
+    {
+        Buckets buckets;
+        buckets.set(kp_hash(tag.c_str()));
+        return outbound_.refresh(buckets, now_);
+    }
+    void pass(milliseconds time)
+    {
+        now_ += time;
+    }
+    Outbound &operator*()
+    {
+        return outbound_;
+    }
+    Outbound *operator->()
+    {
+        return &outbound_;
+    }
+    Clock::time_point now() const
+    {
+        return now_;
+    }
+    const StateFile &state() const
+    {
+        return *state_;
+    }
+    const Counters &counters() const
+    {
+        return counters_;
+    }
+    int last_id() const
+    {
+        return id_;
+    }
+
+  private:
+    Configuration configuration_;
+    StoreReader reader_;
+    std::unique_ptr<StateFile> state_;
+    Counters counters_;
+    Outbound outbound_;
+    Clock::time_point now_{std::chrono::hours(1)};
+    int id_ = 0;
+};
+
+} // namespace kptest
