@@ -4,6 +4,7 @@
 #include "finding.h"
 #include "kp.h"
 
+#include <cerrno>
 #include <sys/stat.h>
 
 namespace kp::tool {
@@ -54,11 +55,20 @@ void check_endpoint(const Endpoint &endpoint, Findings &findings)
     check_owner(endpoint, name, findings);
 }
 
+// A directory that is missing, or is none, is told with the other directories.
+void check_sight(const Mesh &mesh, Findings &findings)
+{
+    if (mesh.error != 0 && mesh.error != ENOENT && mesh.error != ENOTDIR)
+        findings.push_back(unseen(kProvidersRoot, "cannot be read, so no endpoint was checked",
+                                  system_problem("", mesh.error).code));
+}
+
 } // namespace
 
 std::size_t check_mesh(Findings &findings)
 {
     const Mesh mesh = look_at_mesh();
+    check_sight(mesh, findings);
     for (const Endpoint &endpoint : mesh.endpoints)
         check_endpoint(endpoint, findings);
     for (const UnixSocket &socket : mesh.lost)

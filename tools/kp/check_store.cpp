@@ -30,6 +30,11 @@ struct Repeated {
         if (count++ == 0)
             example = topic;
     }
+    // "and 2 more", in a sentence that begins with the example
+    std::string others() const
+    {
+        return "and " + std::to_string(count - 1) + " more";
+    }
 };
 
 // A topic on a command line of kp's, which takes a leading minus sign for an option's.
@@ -48,13 +53,16 @@ class StoreCheck {
     {
         Selection everything;
         const StoreListing listing = list_store(everything);
-        for (const Problem &problem : listing.problems)
-            add(Severity::note, "unreadable", "store", problem.text, "sudo kp doctor");
+        report_closed(listing);
         struct stat root;
         if (stat(kStoreRoot, &root) == 0)
             mappers_ = find_mappers(root.st_dev);
         for (const StoreFile &file : listing.files)
             check_topic(file.topic);
+        for (const auto *directories : {&listing.directories, &listing.closed})
+            for (const std::string &directory : *directories)
+                check_directory(directory);
+        report_unreadable(listing.files.size());
         report_repeated();
         report_dead_files(listing);
         report_mappings();
@@ -73,10 +81,17 @@ class StoreCheck {
         const std::string name = escaped(topic);
         struct stat status;
         Problem problem;
-        if (!opener_.status(topic, status, problem))
+        if (!opener_.status(topic, status, problem)) {
+            if (problem.code == kPermission)
+                unreadable_.add(name);
             return;
+        }
+        if (is_segment_file(status, topic, problem))
+            check_mode(name, status);
         const auto snapshot = read_topic(opener_, topic, problem);
         if (!snapshot) {
+            if (problem.code == kPermission)
+                unreadable_.add(name);
             if (problem.code == kInvalid)
                 add(Severity::error, "not-a-segment", name, problem.text,
                     "kp rm " + argument(topic));
@@ -85,11 +100,27 @@ class StoreCheck {
         check_condition(name, topic, *snapshot);
         check_stamps(name, *snapshot);
         check_counts(name, topic, *snapshot, status);
+        if (split_levels(topic).size() > kListedLevels)
+            deep_.add(name);
+    }
+
+    // The library opens a topic for writing, also to read it.
+    void check_mode(const std::string &name, const struct stat &status)
+    {
         users_.insert(status.st_uid);
         if (!(status.st_mode & (S_IWGRP | S_IWOTH)))
             private_.add(name);
-        if (split_levels(topic).size() > kListedLevels)
-            deep_.add(name);
+    }
+
+    void check_directory(const std::string &directory)
+    {
+        struct stat status;
+        Problem problem;
+        if (directory.empty() || !opener_.status(directory, status, problem) ||
+            (status.st_mode & (S_IXGRP | S_IXOTH)))
+            return;
+        users_.insert(status.st_uid);
+        private_directories_.add(directory);
     }
 
     void check_condition(const std::string &name, const std::string &topic,
@@ -138,18 +169,47 @@ class StoreCheck {
             "kp gc");
     }
 
+    // A part of the store may be closed on purpose; of one that is closed as a whole nothing is known.
+    void report_closed(const StoreListing &listing)
+    {
+        for (std::size_t index = 0; index < listing.closed.size(); ++index) {
+            const Problem &problem = listing.problems[index];
+            if (!listing.closed[index].empty())
+                add(Severity::note, "unreadable", "store", problem.text, "sudo kp doctor");
+            else if (problem.code != kInvalid) // which is told of the directory
+                findings_.push_back(
+                    unseen(kStoreRoot, "cannot be read, so no topic was checked", problem.code));
+        }
+    }
+
+    void report_unreadable(std::size_t topics)
+    {
+        if (unreadable_.count == 0)
+            return;
+        const std::string text = unreadable_.others() + " cannot be read by this user";
+        if (unreadable_.count < topics)
+            add(Severity::note, "unreadable", unreadable_.example, text, "sudo kp doctor");
+        else
+            findings_.push_back(
+                unseen(unreadable_.example, text + ", so no topic was checked", kPermission));
+    }
+
     void report_repeated()
     {
+        if (private_directories_.count > 0 && users_.size() > 1)
+            add(Severity::warning, "directory-mode", escaped(private_directories_.example) + "/",
+                private_directories_.others() +
+                    " let their owner in only, while several users have topics",
+                "chmod 2775 " +
+                    shell_word(std::string(kStoreRoot) + "/" + private_directories_.example));
         if (private_.count > 0 && users_.size() > 1)
             add(Severity::warning, "umask", private_.example,
-                "and " + std::to_string(private_.count - 1) +
-                    " more can be opened by their owner only, while several users have topics",
+                private_.others() +
+                    " can be opened by their owner only, while several users have topics",
                 "systemctl edit UNIT (UMask=0002 and one Group= for all)");
         if (deep_.count > 0)
             add(Severity::note, "deep", deep_.example,
-                "and " + std::to_string(deep_.count - 1) +
-                    " more lie deeper than the three levels that the library lists",
-                "");
+                deep_.others() + " lie deeper than the three levels that the library lists", "");
     }
 
     // Processes that still map a topic's file after it was removed see no new value.
@@ -193,6 +253,8 @@ class StoreCheck {
     Mappers mappers_;
     std::set<uid_t> users_;
     Repeated private_;
+    Repeated private_directories_; // by their names, not escaped
+    Repeated unreadable_;
     Repeated deep_;
 };
 

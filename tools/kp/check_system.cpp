@@ -6,8 +6,10 @@
 #include "unix_sockets.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
+#include <optional>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -19,7 +21,7 @@ namespace {
 constexpr const char *kSharedMemory = "/dev/shm";
 constexpr rlim_t kFewDescriptors = 256; // 31 peers twice, and what the application needs
 constexpr long kFewInotifyInstances = 64;
-constexpr unsigned kLowPercent = 10;
+constexpr unsigned kFewShare = 10; // a tenth
 
 std::string octal(mode_t mode)
 {
@@ -33,15 +35,72 @@ bool is_open_to_all(mode_t mode)
     return (mode & S_IWOTH) && !(mode & S_ISVTX);
 }
 
-void check_store_directory(Findings &findings)
+// A directory that all processes of the device share.
+struct SharedDirectory {
+    std::string path;
+    const char *check;
+    const char *mode_check;
+    const char *mode;    // as it should be
+    const char *unfound; // what nobody finds who cannot list it
+};
+
+const SharedDirectory &store_directory()
+{
+    static const SharedDirectory store = {kStoreRoot, "store", "store-mode", "2775", "topics"};
+    return store;
+}
+
+const SharedDirectory &providers_directory()
+{
+    static const SharedDirectory providers = {kProvidersRoot, "providers", "providers-mode", "3775",
+                                              "peers"};
+    return providers;
+}
+
+// Its status, or nothing with a finding. One that cannot be looked at is told by what is missed then.
+std::optional<struct stat> status_of(const SharedDirectory &directory, Finding missing,
+                                     Findings &findings)
 {
     struct stat status;
-    const std::string path = kStoreRoot;
-    if (stat(kStoreRoot, &status) != 0) {
+    const bool is_there = stat(directory.path.c_str(), &status) == 0;
+    if (is_there && S_ISDIR(status.st_mode))
+        return status;
+    if (is_there || errno == ENOTDIR)
         findings.push_back(
-            {Severity::note, "store", path, "does not exist: no topic was made yet", ""});
+            {Severity::error, directory.check, directory.path,
+             "is not a directory, so there can be no " + std::string(directory.unfound),
+             "rm " + directory.path});
+    else if (errno == ENOENT)
+        findings.push_back(std::move(missing));
+    return std::nullopt;
+}
+
+// Its entries are found by those of a class who may read it, and reached by those who may search it.
+void check_access(const SharedDirectory &directory, const struct stat &status, Findings &findings)
+{
+    const mode_t mode = status.st_mode;
+    const bool group_lists = (mode & S_IRGRP) && (mode & S_IXGRP);
+    const bool others_list = (mode & S_IROTH) && (mode & S_IXOTH);
+    if (group_lists || others_list)
         return;
-    }
+    const bool is_closed = !(mode & (S_IXGRP | S_IXOTH));
+    findings.push_back({Severity::warning, directory.mode_check, directory.path,
+                        "mode " + octal(mode) +
+                            (is_closed ? " keeps all users but " + user_name(status.st_uid) + " out"
+                                       : " lets only " + user_name(status.st_uid) +
+                                             " list it: others find no " + directory.unfound),
+                        std::string("chmod ") + directory.mode + " " + directory.path});
+}
+
+void check_store_directory(Findings &findings)
+{
+    const std::string path = kStoreRoot;
+    const auto found = status_of(
+        store_directory(),
+        {Severity::note, "store", path, "does not exist: no topic was made yet", ""}, findings);
+    if (!found)
+        return;
+    const struct stat &status = *found;
     if (status.st_uid != 0)
         findings.push_back({Severity::warning, "store-owner", path,
                             "belongs to " + user_name(status.st_uid) +
@@ -55,35 +114,38 @@ void check_store_directory(Findings &findings)
         findings.push_back({Severity::warning, "store-mode", path,
                             "mode " + octal(status.st_mode) + " lets every user remove any topic",
                             "chmod 2775 " + path});
+    check_access(store_directory(), status, findings);
 }
 
 void check_providers_directory(Findings &findings)
 {
-    struct stat status;
     const std::string path = kProvidersRoot;
-    if (stat(kProvidersRoot, &status) != 0) {
-        findings.push_back({Severity::note, "providers", path,
-                            "does not exist: only root can start the first endpoint",
-                            "install -d -m 3775 " + path});
+    const auto found = status_of(providers_directory(),
+                                 {Severity::note, "providers", path,
+                                  "does not exist: only root can start the first endpoint",
+                                  "install -d -m 3775 " + path},
+                                 findings);
+    if (!found)
         return;
-    }
+    const struct stat &status = *found;
+    if (status.st_uid != 0)
+        findings.push_back({Severity::warning, "providers-owner", path,
+                            "belongs to " + user_name(status.st_uid) +
+                                ", who can remove and replace the socket of every endpoint",
+                            "chown root " + path});
     if (is_open_to_all(status.st_mode))
         findings.push_back({Severity::warning, "providers-mode", path,
                             "mode " + octal(status.st_mode) +
                                 " lets every user remove the socket of a live endpoint",
                             "chmod 3775 " + path});
-    else if (!(status.st_mode & (S_IXGRP | S_IXOTH)))
-        findings.push_back({Severity::warning, "providers-mode", path,
-                            "mode " + octal(status.st_mode) + " keeps all users but " +
-                                user_name(status.st_uid) + " out",
-                            "chmod 3775 " + path});
+    check_access(providers_directory(), status, findings);
 }
 
 // Less than a tenth left, in the words of the thing that is short.
 void check_share(Findings &findings, const char *check, unsigned long free, unsigned long all,
                  const std::string &what, const std::string &fix)
 {
-    if (all == 0 || free >= all / kLowPercent)
+    if (all == 0 || free * kFewShare >= all) // none at all: no limit
         return;
     findings.push_back(
         {free == 0 ? Severity::error : Severity::warning, check, kSharedMemory,
@@ -121,6 +183,16 @@ void check_limits(Findings &findings)
 }
 
 } // namespace
+
+Finding unseen(const std::string &subject, std::string text, int code)
+{
+    return {Severity::warning,
+            "unreadable",
+            subject,
+            std::move(text),
+            code == kPermission ? "sudo kp doctor" : "",
+            code};
+}
 
 void check_system(Findings &findings)
 {

@@ -36,6 +36,16 @@ nlohmann::ordered_json finding_json(const Finding &finding)
             {"fix", finding.fix}};
 }
 
+// Trouble that was found counts more than what could not be looked at.
+int code_of(const Findings &findings)
+{
+    int code = kDone;
+    for (const Finding &finding : findings)
+        if (finding.severity != Severity::note && code != kNothing)
+            code = finding.code;
+    return code;
+}
+
 int run_doctor(bool json)
 {
     Findings findings;
@@ -49,11 +59,11 @@ int run_doctor(bool json)
             output().write(json_line(finding_json(finding)));
         else
             print_finding(finding);
-    const bool healthy = findings.empty() || findings.front().severity == Severity::note;
-    if (healthy && !json)
+    const int code = code_of(findings);
+    if (code == kDone && !json)
         output().line("healthy: " + std::to_string(topics) + " topics, " +
                       std::to_string(endpoints) + " endpoints");
-    return healthy ? kDone : kNothing;
+    return code;
 }
 
 } // namespace

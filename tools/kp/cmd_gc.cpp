@@ -62,7 +62,10 @@ class Collector {
 
     void collect_sockets()
     {
-        for (const Endpoint &endpoint : look_at_mesh().endpoints) {
+        const Mesh mesh = look_at_mesh();
+        if (mesh.error != 0 && mesh.error != ENOENT)
+            outcome_.note(system_problem(kProvidersRoot, mesh.error));
+        for (const Endpoint &endpoint : mesh.endpoints) {
             const std::string path = std::string(kProvidersRoot) + "/" + endpoint.file.name;
             if (endpoint.liveness == Liveness::live || endpoint.liveness == Liveness::foreign ||
                 !refuses_connections(endpoint.file.name))

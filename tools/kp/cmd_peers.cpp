@@ -7,6 +7,7 @@
 #include "row_format.h"
 
 #include <array>
+#include <cerrno>
 
 namespace kp::tool {
 
@@ -101,6 +102,8 @@ nlohmann::ordered_json peer_json(const Endpoint &endpoint)
 int run_peers(bool json)
 {
     const Mesh mesh = look_at_mesh();
+    if (mesh.endpoints.empty() && mesh.error != 0 && mesh.error != ENOENT)
+        return complain(system_problem(kProvidersRoot, mesh.error));
     if (mesh.endpoints.empty())
         return kNothing;
     if (json)

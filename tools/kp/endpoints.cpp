@@ -113,13 +113,14 @@ Mesh look_at_mesh()
         view.by_inode[socket.inode] = &socket;
     Mesh mesh;
     mesh.has_queues = view.sockets.has_queues;
-    for (const EndpointFile &file : list_endpoint_files())
+    for (const EndpointFile &file : list_endpoint_files(&mesh.error))
         mesh.endpoints.push_back(endpoint_of(view, file));
     const std::set<ino_t> ends = far_ends(view, mesh.endpoints);
     for (Endpoint &endpoint : mesh.endpoints)
         if (mesh.has_queues && !endpoint.owners.empty())
             endpoint.unread = unread_bytes(view, endpoint.owners, ends);
-    mesh.lost = lost_listeners(view, mesh.endpoints);
+    if (mesh.error == 0) // else files are there that were not seen
+        mesh.lost = lost_listeners(view, mesh.endpoints);
     mesh.descriptors = std::move(view.descriptors);
     return mesh;
 }

@@ -32,6 +32,7 @@ struct Mesh {
     std::vector<Endpoint> endpoints; // sorted by name
     std::vector<UnixSocket> lost;    // listening on a file that is not there any more
     bool has_queues = false;
+    int error = 0;           // why the directory could not be read
     Descriptors descriptors; // of all processes that may be looked into
 };
 

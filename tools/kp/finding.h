@@ -1,6 +1,8 @@
 // What kp doctor found: one line each, with the command that mends it.
 #pragma once
 
+#include "exit_code.h"
+
 #include <string>
 #include <vector>
 
@@ -13,10 +15,14 @@ struct Finding {
     std::string check;   // a word that stays the same, for monitoring
     std::string subject; // file, topic, endpoint or limit
     std::string text;
-    std::string fix; // a command, or empty
+    std::string fix;     // a command, or empty
+    int code = kNothing; // what the program ends with when nothing worse was found
 };
 
 using Findings = std::vector<Finding>;
+
+// What could not be looked at, and so is not known to be in order.
+Finding unseen(const std::string &subject, std::string text, int code);
 
 struct Mesh;
 

@@ -55,8 +55,10 @@ void list_below(const std::string &directory, const Selection &selection, StoreL
     Problem problem;
     auto entries = list_directory(directory, problem);
     if (!entries) {
-        if (problem.code != kNothing) // one that is gone has no topics
-            listing.problems.push_back(std::move(problem));
+        if (problem.code == kNothing) // one that is gone has no topics
+            return;
+        listing.problems.push_back(std::move(problem));
+        listing.closed.push_back(directory);
         return;
     }
     listing.directories.push_back(directory);
@@ -73,6 +75,10 @@ void list_below(const std::string &directory, const Selection &selection, StoreL
 UniqueFd open_store_directory(const std::string &directory, Problem &problem)
 {
     int fd = open(kStoreRoot, kDirectoryFlags);
+    if (fd < 0 && errno == ENOTDIR) {
+        problem = {kInvalid, std::string(kStoreRoot) + ": not a directory, so there are no topics"};
+        return UniqueFd();
+    }
     for (const std::string_view level : split_levels(directory)) {
         if (fd < 0)
             break;
@@ -148,7 +154,7 @@ int TopicOpener::directory_of(const std::string &topic, Problem &problem)
         directory_fd_.reset();
         UniqueFd fd = open_store_directory(directory, problem);
         if (!fd) {
-            if (problem.code != kPermission && problem.code != kLimit)
+            if (problem.code == kNothing || errno == ELOOP)
                 problem = topic_problem(topic, errno);
             return -1;
         }

@@ -34,7 +34,8 @@ std::optional<StoreDirectory> list_directory(const std::string &directory, Probl
 struct StoreListing {
     std::vector<StoreFile> files; // sorted by topic
     std::vector<std::string> directories;
-    std::vector<Problem> problems; // directories that cannot be read
+    std::vector<Problem> problems;   // directories that cannot be read
+    std::vector<std::string> closed; // their names
 };
 
 StoreListing list_store(const Selection &selection);

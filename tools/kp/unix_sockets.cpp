@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -163,10 +164,12 @@ bool EndpointFile::is_bound_by(const UnixSocket &socket) const
     return socket.path == std::string(kProvidersRoot) + "/" + name;
 }
 
-std::vector<EndpointFile> list_endpoint_files()
+std::vector<EndpointFile> list_endpoint_files(int *error)
 {
     std::vector<EndpointFile> files;
     const UniqueDir directory(opendir(kProvidersRoot));
+    if (error)
+        *error = directory ? 0 : errno;
     if (!directory)
         return files;
     while (const dirent *entry = directory.next()) {
@@ -174,7 +177,9 @@ std::vector<EndpointFile> list_endpoint_files()
         const std::string path = std::string(kProvidersRoot) + "/" + entry->d_name;
         if (lstat(path.c_str(), &status) == 0)
             files.push_back({entry->d_name, status.st_dev, status.st_ino, status.st_uid,
-                             status.st_mode, S_ISSOCK(status.st_mode)});
+                             status.st_gid, status.st_mode, S_ISSOCK(status.st_mode)});
+        else if (errno == EACCES && error) // it may be listed but not searched
+            *error = errno;
     }
     std::sort(files.begin(), files.end(),
               [](const EndpointFile &a, const EndpointFile &b) { return a.name < b.name; });

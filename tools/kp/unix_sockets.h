@@ -36,13 +36,15 @@ struct EndpointFile {
     dev_t device;
     ino_t inode;
     uid_t owner;
+    gid_t group;
     mode_t mode;
     bool is_socket;
 
     bool is_bound_by(const UnixSocket &socket) const;
 };
 
-// Sorted by name; an empty list for a missing directory, with errno told apart by the caller.
-std::vector<EndpointFile> list_endpoint_files();
+// Sorted by name. Empty for a directory that is missing or cannot be read; `error` takes the errno that
+// tells why, or 0.
+std::vector<EndpointFile> list_endpoint_files(int *error = nullptr);
 
 } // namespace kp::tool

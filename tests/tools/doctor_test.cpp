@@ -1,0 +1,243 @@
+// doctor: what it says of directories, rights, room and semaphores, and what it ends with.
+#include "kp_run.h"
+
+#include "testing/child.h"
+#include "testing/mounts.h"
+#include "testing/segment_file.h"
+#include "testing/unix_socket.h"
+
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace kptest;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr uid_t kSomebody = 54'322;
+
+// Level, check and subject of all but the notes.
+std::string troubles()
+{
+    return filtered(
+        kp({"doctor", "-j"}).out,
+        {"jq", "-r", "select(.level != \"note\") | .level + \" \" + .check + \" \" + .subject"});
+}
+
+void make_shared_directories()
+{
+    std::filesystem::create_directories("/run/providers");
+    std::filesystem::create_directories("/dev/shm/zu-kp");
+    ASSERT_EQ(chmod("/run/providers", 03775), 0);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 02775), 0);
+}
+
+// The directories as they should be before each test and, for the tests that come later, after it.
+class KpDoctorLooks : public testing::Test {
+  protected:
+    KpDoctorLooks()
+    {
+        clean();
+        make_shared_directories();
+    }
+    ~KpDoctorLooks() override
+    {
+        clean();
+    }
+
+  private:
+    static void clean()
+    {
+        std::filesystem::remove_all("/run/providers");
+        std::filesystem::remove_all("/dev/shm/zu-kp");
+    }
+};
+
+} // namespace
+
+TEST_F(KpDoctorLooks, FindsAStoreThatKeepsTheOthersOut)
+{
+    put_double("a", 1);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 0700), 0);
+
+    const Ran ran = kp({"doctor"});
+
+    EXPECT_THAT(ran.out, HasSubstr("warning: /dev/shm/zu-kp: mode 0700 keeps all users but root "
+                                   "out  [chmod 2775 /dev/shm/zu-kp]\n"));
+    EXPECT_EQ(ran.code, 1);
+}
+
+TEST_F(KpDoctorLooks, FindsDirectoriesThatOnlyTheirOwnerCanList)
+{
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 0711), 0);
+    ASSERT_EQ(chmod("/run/providers", 01731), 0);
+
+    const std::string out = kp({"doctor"}).out;
+
+    EXPECT_THAT(out, HasSubstr("warning: /dev/shm/zu-kp: mode 0711 lets only root list it: others "
+                               "find no topics  [chmod 2775 /dev/shm/zu-kp]\n"));
+    EXPECT_THAT(out, HasSubstr("warning: /run/providers: mode 1731 lets only root list it: others "
+                               "find no peers  [chmod 3775 /run/providers]\n"));
+}
+
+TEST_F(KpDoctorLooks, IsContentWithDirectoriesForTheMembersOfAGroup)
+{
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 02770), 0);
+    ASSERT_EQ(chmod("/run/providers", 03770), 0);
+
+    EXPECT_EQ(troubles(), "");
+}
+
+TEST_F(KpDoctorLooks, FindsDirectoriesThatBelongToAUser)
+{
+    if (other_user() == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    ASSERT_EQ(chown("/dev/shm/zu-kp", kSomebody, 0), 0);
+    ASSERT_EQ(chown("/run/providers", kSomebody, 0), 0);
+
+    EXPECT_EQ(troubles(), "warning store-owner /dev/shm/zu-kp\n"
+                          "warning providers-owner /run/providers\n");
+}
+
+TEST_F(KpDoctorLooks, FindsATreeOfTopicsThatItsOwnerKeepsToItself)
+{
+    if (other_user() == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    put_double("open", 1);
+    put_double("it's/a", 1);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp/open", 0666), 0);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp/it's/a", 0666), 0);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp/it's", 0700), 0);
+    EXPECT_THAT(kp({"doctor"}).out, Not(HasSubstr("let their owner in only")));
+    ASSERT_EQ(chown("/dev/shm/zu-kp/it's", kSomebody, 0), 0);
+
+    EXPECT_THAT(kp({"doctor"}).out,
+                HasSubstr("warning: it's/: and 0 more let their owner in only, while several users "
+                          "have topics  [chmod 2775 '/dev/shm/zu-kp/it'\\''s']\n"));
+}
+
+TEST_F(KpDoctorLooks, DoesNotCallAStoreHealthyThatItCannotRead)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    put_double("a", 1);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 02750), 0);
+    ASSERT_EQ(chmod("/run/providers", 03750), 0);
+
+    const Ran ran = kp({"doctor"}, {.uid = user});
+
+    EXPECT_THAT(ran.out, HasSubstr("warning: /run/providers: cannot be read, so no endpoint was "
+                                   "checked  [sudo kp doctor]\n"
+                                   "warning: /dev/shm/zu-kp: cannot be read, so no topic was "
+                                   "checked  [sudo kp doctor]\n"));
+    EXPECT_THAT(ran.out, Not(HasSubstr("healthy")));
+    EXPECT_EQ(ran.code, 3);
+}
+
+TEST_F(KpDoctorLooks, DoesNotCallEndpointsHealthyThatItCanOnlyList)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    const auto endpoint = UnixSocket::listening("/run/providers/somebody");
+    ASSERT_EQ(chmod("/run/providers", 03774), 0);
+
+    const Ran ran = kp({"doctor"}, {.uid = user});
+
+    EXPECT_THAT(ran.out, HasSubstr("warning: /run/providers: cannot be read"));
+    EXPECT_EQ(ran.code, 3);
+}
+
+TEST_F(KpDoctorLooks, SaysWhenNoneOfTheTopicsCanBeRead)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    put_double("a", 1);
+    put_double("b", 1);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp/a", 0660), 0);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp/b", 0660), 0);
+
+    const Ran none = kp({"doctor"}, {.uid = user});
+    ASSERT_EQ(chmod("/dev/shm/zu-kp/b", 0666), 0);
+    const Ran one = kp({"doctor"}, {.uid = user});
+
+    EXPECT_THAT(none.out, HasSubstr("warning: a: and 1 more cannot be read by this user, so no "
+                                    "topic was checked  [sudo kp doctor]\n"));
+    EXPECT_EQ(none.code, 3);
+    EXPECT_THAT(one.out, HasSubstr("note: a: and 0 more cannot be read by this user  [sudo kp "
+                                   "doctor]\n"));
+}
+
+TEST_F(KpDoctorLooks, EndsWithTheTroubleFoundRatherThanWithWhatItCouldNotSee)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    put_double("a", 1);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 02750), 0);
+    UnixSocket::leave_dead_file("/run/providers/gone");
+
+    EXPECT_EQ(kp({"doctor"}, {.uid = user}).code, 1);
+}
+
+TEST_F(KpDoctorLooks, FindsFilesInThePlaceOfTheDirectories)
+{
+    std::filesystem::remove_all("/run/providers");
+    std::filesystem::remove_all("/dev/shm/zu-kp");
+    std::ofstream("/run/providers") << "text";
+    std::ofstream("/dev/shm/zu-kp") << "text";
+
+    const Ran ran = kp({"doctor"});
+
+    EXPECT_THAT(ran.out, HasSubstr("error: /dev/shm/zu-kp: is not a directory, so there can be no "
+                                   "topics  [rm /dev/shm/zu-kp]\n"
+                                   "error: /run/providers: is not a directory, so there can be no "
+                                   "peers  [rm /run/providers]\n"));
+    EXPECT_THAT(ran.out, Not(HasSubstr("healthy")));
+    EXPECT_EQ(ran.code, 1);
+}
+
+TEST_F(KpDoctorLooks, LeavesNoCommandSilentAboutAFileInThePlaceOfTheStore)
+{
+    std::filesystem::remove_all("/dev/shm/zu-kp");
+    std::ofstream("/dev/shm/zu-kp") << "text";
+    const std::string message = "kp: /dev/shm/zu-kp: not a directory, so there are no topics\n";
+
+    const Ran list = kp({"list"});
+    const Ran get = kp({"get", "a"});
+    const Ran deep = kp({"get", "a/b"});
+    const Ran set = kp({"set", "--type", "int8", "a", "1"});
+
+    EXPECT_EQ(list.err, message);
+    EXPECT_EQ(list.code, 4);
+    EXPECT_EQ(get.err, message);
+    EXPECT_EQ(get.code, 4);
+    EXPECT_EQ(deep.err, message);
+    EXPECT_EQ(set.err, message);
+    EXPECT_EQ(set.code, 4);
+}
+
+TEST_F(KpDoctorLooks, LeavesPeersNotSilentAboutADirectoryThatItCannotRead)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    ASSERT_EQ(chmod("/run/providers", 03770), 0);
+
+    const Ran closed = kp({"peers"}, {.uid = user});
+    std::filesystem::remove_all("/run/providers");
+    std::ofstream("/run/providers") << "text";
+    const Ran file = kp({"peers"});
+
+    EXPECT_EQ(closed.err, "kp: /run/providers: Permission denied\n");
+    EXPECT_EQ(closed.code, 3);
+    EXPECT_EQ(file.err, "kp: /run/providers: Not a directory\n");
+    EXPECT_EQ(file.code, 4);
+}
