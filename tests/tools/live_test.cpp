@@ -44,9 +44,14 @@ class TopInTerminal {
         : socket_("/run/tmux-" + std::to_string(getpid()))
     {
         tmux({"new-session", "-d", "-x", "100", "-y", "20",
-              "ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 TERM=screen LC_ALL=C.UTF-8 '" KP_PROGRAM
-              "' top --delay 0.1 " +
-                  arguments + "; echo code $?; sleep 60"});
+              "ulimit -c 0; "
+              "ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0:handle_segv=0:handle_sigfpe=0:handle_"
+              "sigill=0 "
+              "TSAN_OPTIONS=$TSAN_OPTIONS:handle_segv=0:handle_sigfpe=0:handle_sigill=0 "
+              "TERM=screen LC_ALL=C.UTF-8 '" KP_PROGRAM "' top --delay 0.1 " +
+                  arguments +
+                  "; echo code $?; stty -a | grep -ow -e '-*icanon' -e '-*echo'; echo end; "
+                  "sleep 60"});
     }
     TopInTerminal(const TopInTerminal &) = delete;
     TopInTerminal &operator=(const TopInTerminal &) = delete;
@@ -70,6 +75,11 @@ class TopInTerminal {
         const Ran child =
             run_program({"ps", "-o", "pid=", "--ppid", std::to_string(std::stoi(shell))});
         (void)kill(std::stoi(child.out), number);
+    }
+    // Whether full-screen use is over and the cursor is to be seen.
+    std::string state() const
+    {
+        return tmux({"display-message", "-p", "alternate #{alternate_on} cursor #{cursor_flag}"});
     }
     std::string screen() const
     {
@@ -256,6 +266,41 @@ TEST(KpTop, RestoresTheTerminalWhenASignalEndsIt)
     top.signal(SIGTERM);
 
     EXPECT_THAT(top.showing("code 143"), Not(HasSubstr("CONS")));
+}
+
+class KpTopEnded : public testing::TestWithParam<int> {};
+
+TEST_P(KpTopEnded, RestoresTheTerminalAndTellsTheSignal)
+{
+    put_double("a", 1);
+    const TopInTerminal top;
+    ASSERT_THAT(top.showing("CONS"), HasSubstr("kp top"));
+    ASSERT_EQ(top.state(), "alternate 1 cursor 0\n");
+
+    top.signal(GetParam());
+
+    EXPECT_THAT(top.showing("end"),
+                HasSubstr("code " + std::to_string(128 + GetParam()) + "\nicanon\necho\nend\n"));
+    EXPECT_THAT(top.screen(), Not(HasSubstr("CONS")));
+    EXPECT_EQ(top.state(), "alternate 0 cursor 1\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(ByRequest, KpTopEnded,
+                         testing::Values(SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGPROF, SIGXCPU));
+INSTANTIATE_TEST_SUITE_P(ByACrash, KpTopEnded,
+                         testing::Values(SIGSEGV, SIGABRT, SIGFPE, SIGILL, SIGTRAP, SIGBUS));
+
+TEST(KpTop, QuitsByF10WhateverItIsDoing)
+{
+    put_double("a", 1);
+    const TopInTerminal top;
+    ASSERT_THAT(top.showing("CONS"), HasSubstr("kp top"));
+    top.type("/");
+    ASSERT_THAT(top.showing("filter: _"), HasSubstr("CONS"));
+
+    top.type("F10");
+
+    EXPECT_THAT(top.showing("code 0"), Not(HasSubstr("CONS")));
 }
 
 TEST(KpTop, EscapesWhatCouldSteerTheTerminal)

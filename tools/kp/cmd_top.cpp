@@ -184,7 +184,7 @@ class Top {
     void draw_help()
     {
         const std::array<const char *, 9> lines = {
-            "q Esc       quit",
+            "q Esc F10   quit",
             "arrows, PgUp PgDn Home End   move",
             "s           sort by the next of topic, rate, age, size, quality",
             "r           reverse the order",
@@ -235,7 +235,9 @@ class Top {
     void take(const Input &input)
     {
         is_touched_ = true;
-        if (is_typing_)
+        if (input.key == Key::quit)
+            is_done_ = true;
+        else if (is_typing_)
             take_typed(input);
         else if (input.key == Key::character)
             take_character(input.character);

@@ -5,6 +5,7 @@
 namespace kp::tool {
 
 thread_local sigjmp_buf *fault_return = nullptr;
+void (*before_fatal_bus_error)() = nullptr;
 
 namespace {
 
@@ -12,7 +13,10 @@ void return_from_fault(int number)
 {
     if (fault_return)
         siglongjmp(*fault_return, 1);
-    (void)std::signal(number, SIG_DFL); // a fault of our own: die of it on return
+    if (before_fatal_bus_error)
+        before_fatal_bus_error();
+    (void)std::signal(number, SIG_DFL);
+    (void)raise(number); // a fault of our own, or a signal that was sent: die of it
 }
 
 } // namespace

@@ -12,6 +12,10 @@ void catch_bus_errors();
 // Where the handler returns to; null outside a guarded access.
 extern thread_local sigjmp_buf *fault_return;
 
+// Called before a fault outside of a guarded access ends the program, where it is set; may call what a
+// signal handler may.
+extern void (*before_fatal_bus_error)();
+
 // Runs `access`, which must own nothing and call nothing that does. False when the memory was gone.
 template <typename Access> __attribute__((noinline)) bool guarded(const Access &access)
 {

@@ -40,6 +40,7 @@ Screen::Screen(bool colors) : screen_(newterm(nullptr, stdout, stdin))
 {
     if (!screen_)
         return;
+    rescue_.arm();
     (void)cbreak();
     (void)noecho();
     (void)nodelay(stdscr, true);
@@ -120,6 +121,8 @@ Input Screen::next_input()
         return {Key::enter, 0};
     case 27:
         return {Key::escape, 0};
+    case KEY_F0 + 10:
+        return {Key::quit, 0};
     default:
         return {Key::character, code >= 32 && code < 127 ? static_cast<char>(code) : '\0'};
     }

@@ -1,6 +1,8 @@
 // The terminal in full-screen use, through ncurses, and back as it was.
 #pragma once
 
+#include "terminal_rescue.h"
+
 #include <string>
 #include <string_view>
 
@@ -17,6 +19,7 @@ enum class Key {
     first,
     last,
     escape,
+    quit,
     enter,
     backspace,
     resized,
@@ -33,7 +36,7 @@ class Screen {
     explicit Screen(bool colors);
     Screen(const Screen &) = delete;
     Screen &operator=(const Screen &) = delete;
-    // The terminal is left as it was found.
+    // The terminal is left as it was found, also when the program crashes before.
     ~Screen();
 
     // False when the terminal cannot do it.
@@ -52,6 +55,7 @@ class Screen {
     Input next_input();
 
   private:
+    TerminalRescue rescue_; // outlives the full-screen use
     void *screen_;
     bool has_colors_ = false;
 };

@@ -19,12 +19,25 @@ namespace {
 volatile std::sig_atomic_t caught = 0; // written by the handler, which nothing else can be
 std::array<int, 2> wake_pipe = {-1, -1};
 
+// Asked for by people and by the system; whatever the caller wanted of them, they end the program.
+constexpr std::array kRequests = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+// What else ends a program without being its own fault, unless whoever started it says otherwise.
+constexpr std::array kOthers = {SIGUSR1, SIGUSR2, SIGALRM,   SIGVTALRM, SIGPROF,
+                                SIGIO,   SIGPWR,  SIGSTKFLT, SIGXCPU,   SIGXFSZ};
+
 void remember(int number)
 {
     const int keep = errno;
     caught = number;
     (void)!write(wake_pipe[1], "", 1);
     errno = keep;
+}
+
+void remember_unless_told_otherwise(int number, const struct sigaction &action)
+{
+    struct sigaction before {};
+    if (sigaction(number, nullptr, &before) == 0 && before.sa_handler == SIG_DFL)
+        (void)sigaction(number, &action, nullptr);
 }
 
 } // namespace
@@ -35,8 +48,12 @@ void catch_stop_signals()
         return; // signals end the program then, as they do without this
     struct sigaction action {};
     action.sa_handler = remember;
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+    for (const int number : kRequests)
         (void)sigaction(number, &action, nullptr);
+    for (const int number : kOthers)
+        remember_unless_told_otherwise(number, action);
+    for (int number = SIGRTMIN; number <= SIGRTMAX; ++number)
+        remember_unless_told_otherwise(number, action);
 }
 
 int stop_signal()

@@ -5,7 +5,7 @@
 
 namespace kp::tool {
 
-// From now on SIGINT, SIGTERM, SIGHUP and SIGQUIT are remembered instead of ending the program.
+// From now on signals that would end the program, but for those of crashes, are remembered instead.
 void catch_stop_signals();
 
 // The signal that asked for the end, or 0.
