@@ -240,6 +240,32 @@ TEST(KpGc, RemovesOldOrphansAndEmptyDirectoriesWhenAsked)
     EXPECT_TRUE(SegmentFile("new/topic").exists()); // written in the future, so never old
 }
 
+TEST(KpGc, GivesWhatItDoesAsJson)
+{
+    UnixSocket::leave_dead_file("/run/providers/gone");
+    kp_shm_t *shm = kp_shm_new("a", KP_ROLE_CONSUMER);
+    SegmentFile("a").put_u8(at::consumer_refs, 3);
+    std::filesystem::create_directories("/dev/shm/zu-kp/empty");
+    const std::vector<std::string> command = {"gc",        "-j",           "--trust-visible",
+                                              "--orphans", "--older-than", "0"};
+    std::vector<std::string> dry_command = command;
+    dry_command.emplace_back("-n");
+
+    const Ran dry = kp(dry_command);
+    const Ran real = kp(command);
+
+    EXPECT_EQ(filtered(dry.out, {"jq", "-c", "[.dry_run, .path // .topic, .what, .action]"}),
+              "[true,\"/run/providers/gone\",\"dead-socket\",\"remove\"]\n"
+              "[true,\"a\",\"dead-counts\",\"correct\"]\n"
+              "[true,\"/dev/shm/zu-kp/empty\",\"empty-directory\",\"remove\"]\n");
+    EXPECT_EQ(filtered(real.out, {"jq", "-c", "[.dry_run, .text]"}),
+              "[false,\"a socket that refuses connections\"]\n"
+              "[false,\"counts 0 providers and 3 consumers, 1 are open\"]\n"
+              "[false,\"an empty directory\"]\n");
+    EXPECT_FALSE(exists("/dev/shm/zu-kp/empty"));
+    (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
+}
+
 TEST(KpGc, ProvesNothingAsAUserWhoSeesHalf)
 {
     const uid_t user = other_user();

@@ -4,6 +4,7 @@
 #include "endpoints.h"
 #include "escape.h"
 #include "output.h"
+#include "row_format.h"
 #include "segment_view.h"
 #include "time_text.h"
 
@@ -20,8 +21,40 @@ struct CollectOptions {
     bool dry_run = false;
     bool orphans = false;
     bool trust_visible = false;
+    bool json = false;
     double older_than = 60;
 };
+
+// What was found, and the deed that it calls for.
+struct Dead {
+    bool is_topic;
+    std::string name; // a topic, or a path
+    const char *what; // a word that stays the same
+    std::string text;
+    const char *action; // remove, correct or leave
+};
+
+nlohmann::ordered_json dead_json(const Dead &dead, bool dry_run)
+{
+    const std::string key = dead.is_topic ? "topic" : "path";
+    nlohmann::ordered_json object;
+    object[key] = dead.name;
+    object["what"] = dead.what;
+    object["text"] = dead.text;
+    object["action"] = dead.action;
+    object["dry_run"] = dry_run;
+    if (!is_utf8(dead.name))
+        object[key + "_b64"] = to_base64(dead.name);
+    return object;
+}
+
+std::string deed_text(const Dead &dead, bool dry_run)
+{
+    const std::string_view action = dead.action;
+    if (action == "leave")
+        return "left alone, since either may be gone";
+    return std::string(dry_run ? "would be " : "") + (action == "remove" ? "removed" : "corrected");
+}
 
 class Collector {
   public:
@@ -47,10 +80,13 @@ class Collector {
 
   private:
     // Prints the finding; says whether to act on it.
-    bool acts_on(const std::string &what, const std::string &finding, const std::string &deed)
+    bool acts_on(const Dead &dead)
     {
-        output().line(escaped(what) + ": " + finding + "; " +
-                      (options_.dry_run ? "would be " : "") + deed);
+        if (options_.json)
+            output().write(json_line(dead_json(dead, options_.dry_run)));
+        else
+            output().line(escaped(dead.name) + ": " + dead.text + "; " +
+                          deed_text(dead, options_.dry_run));
         (void)output().flush();
         return !options_.dry_run;
     }
@@ -70,7 +106,8 @@ class Collector {
             if (endpoint.liveness == Liveness::live || endpoint.liveness == Liveness::foreign ||
                 !refuses_connections(endpoint.file.name))
                 continue;
-            if (acts_on(path, "a socket that refuses connections", "removed") &&
+            if (acts_on(
+                    {false, path, "dead-socket", "a socket that refuses connections", "remove"}) &&
                 unlink(path.c_str()) != 0 && errno != ENOENT)
                 note_failure(path);
         }
@@ -127,9 +164,9 @@ class Collector {
         const auto age = static_cast<uint64_t>(options_.older_than * 1e6);
         if (is_mapped || snapshot.last_write_ts + age > now_us() || !sees_everybody(mappers))
             return;
-        if (acts_on(topic,
-                    "an orphan, written " + age_text(snapshot.last_write_ts, now_us()) + " ago",
-                    "removed"))
+        if (acts_on({true, topic, "orphan",
+                     "an orphan, written " + age_text(snapshot.last_write_ts, now_us()) + " ago",
+                     "remove"}))
             remove(topic);
     }
 
@@ -151,15 +188,14 @@ class Collector {
                                     " consumers, " + std::to_string(open) + " are open";
         ReferenceCounts right{};
         if (open > 0 && counted.providers > 0 && counted.consumers > 0) {
-            output().line(escaped(topic) + ": " + finding +
-                          "; left alone, since either may be gone");
+            (void)acts_on({true, topic, "dead-counts", finding, "leave"});
             return;
         }
         if (open > 0)
             (counted.providers > 0 ? right.providers : right.consumers) =
                 static_cast<uint8_t>(open);
         const bool dead = !is_mapped;
-        if (acts_on(topic, finding, dead ? "removed" : "corrected") &&
+        if (acts_on({true, topic, "dead-counts", finding, dead ? "remove" : "correct"}) &&
             replace_counts(topic, counted, right) && dead)
             close_last_handle(topic);
     }
@@ -193,6 +229,12 @@ class Collector {
             (void)kp_shm_destroy(shm, topic.c_str(), KP_ROLE_CONSUMER);
     }
 
+    // People read it beside topics, programs take it as a path.
+    std::string shown_path(const std::string &path, const std::string &directory) const
+    {
+        return options_.json ? path : directory + "/";
+    }
+
     // An empty directory that is nobody's in particular: like its parent in owner, group and mode.
     void collect_directory(const std::string &directory)
     {
@@ -212,8 +254,9 @@ class Collector {
         const auto entries = list_directory(directory, problem);
         if (changed + age > now_us() || !entries || !entries->files.empty())
             return;
-        if (acts_on(directory + "/", "an empty directory", "removed") && rmdir(path.c_str()) != 0 &&
-            errno != ENOTEMPTY && errno != ENOENT)
+        if (acts_on({false, shown_path(path, directory), "empty-directory", "an empty directory",
+                     "remove"}) &&
+            rmdir(path.c_str()) != 0 && errno != ENOTEMPTY && errno != ENOENT)
             note_failure(directory);
     }
 
@@ -238,6 +281,7 @@ void add_gc(Commands &commands)
                     "orphans not touched for so long; 60 unless given")
         ->type_name("SEC")
         ->check(in_range(0.0, 1e9));
+    command.add_flag("-j,--json", options->json, "one JSON object for each");
     command.add_flag("--trust-visible", options->trust_visible,
                      "take the processes that can be seen for all there are");
 }
