@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,6 +36,25 @@ void make_shared_directories()
     std::filesystem::create_directories("/dev/shm/zu-kp");
     ASSERT_EQ(chmod("/run/providers", 03775), 0);
     ASSERT_EQ(chmod("/dev/shm/zu-kp", 02775), 0);
+}
+
+// Listens for a user as an endpoint does, with the mode that the umask gives.
+struct User {
+    uid_t uid;
+    gid_t group;
+    mode_t umask;
+    gid_t second_group = 0; // 0: none
+};
+int run_endpoint(const User &user, const std::string &name, Channel &parent)
+{
+    (void)umask(user.umask);
+    if (setgroups(user.second_group == 0 ? 0 : 1, &user.second_group) != 0 ||
+        setgid(user.group) != 0 || setuid(user.uid) != 0)
+        return 1;
+    const auto socket = UnixSocket::listening("/run/providers/" + name);
+    (void)parent.tell("listening");
+    (void)parent.hear();
+    return 0;
 }
 
 // The directories as they should be before each test and, for the tests that come later, after it.
@@ -240,4 +260,63 @@ TEST_F(KpDoctorLooks, LeavesPeersNotSilentAboutADirectoryThatItCannotRead)
     EXPECT_EQ(closed.code, 3);
     EXPECT_EQ(file.err, "kp: /run/providers: Not a directory\n");
     EXPECT_EQ(file.code, 4);
+}
+
+TEST_F(KpDoctorLooks, FindsSocketsToWhichOtherUsersCannotConnect)
+{
+    if (other_user() == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    ASSERT_EQ(chmod("/run/providers", 03777), 0);
+    ChildProcess one([](Channel &parent) {
+        return run_endpoint({kSomebody, kSomebody, 0022}, "one", parent);
+    });
+    ChildProcess two([](Channel &parent) {
+        return run_endpoint({kSomebody + 1, kSomebody, 0022}, "two", parent);
+    });
+    ASSERT_EQ(one.hear(), "listening");
+    ASSERT_EQ(two.hear(), "listening");
+
+    const Ran ran = kp({"doctor"});
+
+    EXPECT_THAT(ran.out, HasSubstr("warning: one: mode 0755 of its socket keeps two (54323) and 0 "
+                                   "more from connecting, so that they hear nothing of its changes"
+                                   "  [systemctl edit UNIT (UMask=0002 and one Group= for all)]\n"
+                                   "warning: two: mode 0755 of its socket keeps one (54322) and 0 "
+                                   "more from connecting"));
+    EXPECT_EQ(ran.code, 1);
+}
+
+TEST_F(KpDoctorLooks, IsContentWithSocketsForTheMembersOfAGroup)
+{
+    if (other_user() == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    ASSERT_EQ(chown("/run/providers", 0, kSomebody), 0);
+    ASSERT_EQ(chmod("/run/providers", 03775), 0);
+    ChildProcess one([](Channel &parent) {
+        return run_endpoint({kSomebody, kSomebody, 0002}, "one", parent);
+    });
+    ChildProcess two([](Channel &parent) {
+        return run_endpoint({kSomebody + 1, kSomebody + 1, 0002, kSomebody}, "two", parent);
+    });
+    ASSERT_EQ(one.hear(), "listening");
+    ASSERT_EQ(two.hear(), "listening");
+
+    EXPECT_EQ(troubles(), "");
+}
+
+TEST_F(KpDoctorLooks, FindsAUserOutsideOfTheGroupThatMayConnect)
+{
+    if (other_user() == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    ASSERT_EQ(chmod("/run/providers", 01777), 0);
+    ChildProcess one([](Channel &parent) {
+        return run_endpoint({kSomebody, kSomebody, 0002}, "one", parent);
+    });
+    ChildProcess two([](Channel &parent) {
+        return run_endpoint({kSomebody + 1, kSomebody + 1, 0000}, "two", parent);
+    });
+    ASSERT_EQ(one.hear(), "listening");
+    ASSERT_EQ(two.hear(), "listening");
+
+    EXPECT_EQ(troubles(), "warning peer-umask one\n");
 }

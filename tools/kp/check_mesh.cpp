@@ -55,6 +55,45 @@ void check_endpoint(const Endpoint &endpoint, Findings &findings)
     check_owner(endpoint, name, findings);
 }
 
+// Connecting to a socket takes the right to write to its file. Where the groups of a user's process
+// cannot be seen, they are thought to be the right ones.
+bool lets_connect(const EndpointFile &file, uid_t user,
+                  const std::optional<std::set<gid_t>> &groups)
+{
+    if (user == 0) // whom no mode keeps out
+        return true;
+    if (user == file.owner)
+        return file.mode & S_IWUSR;
+    if (!groups)
+        return file.mode & (S_IWGRP | S_IWOTH);
+    return file.mode & (groups->contains(file.group) ? S_IWGRP : S_IWOTH);
+}
+
+// An endpoint tells its changes to those who connect to it.
+void check_socket_mode(const Endpoint &endpoint, const Mesh &mesh, Findings &findings)
+{
+    std::string example;
+    std::size_t others = 0;
+    for (const Endpoint &other : mesh.endpoints) {
+        if (other.liveness != Liveness::live)
+            continue;
+        const auto groups =
+            other.owners.empty() ? std::nullopt : groups_of(other.owners.front().pid);
+        if (lets_connect(endpoint.file, other.file.owner, groups))
+            continue;
+        if (example.empty())
+            example = escaped(other.file.name) + " (" + user_name(other.file.owner) + ")";
+        else
+            ++others;
+    }
+    if (!example.empty())
+        findings.push_back({Severity::warning, "peer-umask", escaped(endpoint.file.name),
+                            "mode " + mode_text(endpoint.file.mode) + " of its socket keeps " +
+                                example + " and " + std::to_string(others) +
+                                " more from connecting, so that they hear nothing of its changes",
+                            "systemctl edit UNIT (UMask=0002 and one Group= for all)"});
+}
+
 // A directory that is missing, or is none, is told with the other directories.
 void check_sight(const Mesh &mesh, Findings &findings)
 {
@@ -71,6 +110,9 @@ std::size_t check_mesh(Findings &findings)
     check_sight(mesh, findings);
     for (const Endpoint &endpoint : mesh.endpoints)
         check_endpoint(endpoint, findings);
+    for (const Endpoint &endpoint : mesh.endpoints)
+        if (endpoint.liveness == Liveness::live)
+            check_socket_mode(endpoint, mesh, findings);
     for (const UnixSocket &socket : mesh.lost)
         findings.push_back({Severity::error, "peer-lost", escaped(socket.path),
                             "somebody listens on it but its file is gone or another's: two "

@@ -5,9 +5,7 @@
 #include "store/segment.h"
 #include "unix_sockets.h"
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <fstream>
 #include <optional>
 #include <sys/resource.h>
@@ -22,13 +20,6 @@ constexpr const char *kSharedMemory = "/dev/shm";
 constexpr rlim_t kFewDescriptors = 256; // 31 peers twice, and what the application needs
 constexpr long kFewInotifyInstances = 64;
 constexpr unsigned kFewShare = 10; // a tenth
-
-std::string octal(mode_t mode)
-{
-    std::array<char, 8> out{};
-    (void)std::snprintf(out.data(), out.size(), "%04o", static_cast<unsigned>(mode & 07777));
-    return out.data();
-}
 
 bool is_open_to_all(mode_t mode)
 {
@@ -85,7 +76,7 @@ void check_access(const SharedDirectory &directory, const struct stat &status, F
         return;
     const bool is_closed = !(mode & (S_IXGRP | S_IXOTH));
     findings.push_back({Severity::warning, directory.mode_check, directory.path,
-                        "mode " + octal(mode) +
+                        "mode " + mode_text(mode) +
                             (is_closed ? " keeps all users but " + user_name(status.st_uid) + " out"
                                        : " lets only " + user_name(status.st_uid) +
                                              " list it: others find no " + directory.unfound),
@@ -111,9 +102,10 @@ void check_store_directory(Findings &findings)
                             "has the sticky bit, so users cannot remove each other's topics",
                             "chmod -t " + path});
     if (is_open_to_all(status.st_mode))
-        findings.push_back({Severity::warning, "store-mode", path,
-                            "mode " + octal(status.st_mode) + " lets every user remove any topic",
-                            "chmod 2775 " + path});
+        findings.push_back(
+            {Severity::warning, "store-mode", path,
+             "mode " + mode_text(status.st_mode) + " lets every user remove any topic",
+             "chmod 2775 " + path});
     check_access(store_directory(), status, findings);
 }
 
@@ -135,7 +127,7 @@ void check_providers_directory(Findings &findings)
                             "chown root " + path});
     if (is_open_to_all(status.st_mode))
         findings.push_back({Severity::warning, "providers-mode", path,
-                            "mode " + octal(status.st_mode) +
+                            "mode " + mode_text(status.st_mode) +
                                 " lets every user remove the socket of a live endpoint",
                             "chmod 3775 " + path});
     check_access(providers_directory(), status, findings);

@@ -5,7 +5,6 @@
 #include "processes.h"
 #include "row_format.h"
 
-#include <array>
 #include <sys/stat.h>
 
 namespace kp::tool {
@@ -42,13 +41,6 @@ Users users_of(const struct stat &status)
 void field(const char *label, const std::string &text)
 {
     output().line(padded(label, kLabelColumns) + text);
-}
-
-std::string mode_text(mode_t mode)
-{
-    std::array<char, 8> out{};
-    (void)std::snprintf(out.data(), out.size(), "%04o", static_cast<unsigned>(mode & 07777));
-    return out.data();
 }
 
 std::string stamp_text(uint64_t us, const FormatOptions &format)

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <grp.h>
 #include <pwd.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -121,6 +122,33 @@ std::string group_name(gid_t gid)
 {
     const group *entry = getgrgid(gid);
     return entry ? entry->gr_name : std::to_string(gid);
+}
+
+std::string mode_text(mode_t mode)
+{
+    std::array<char, 8> out{};
+    (void)std::snprintf(out.data(), out.size(), "%04o", static_cast<unsigned>(mode & 07777));
+    return out.data();
+}
+
+// The line "Gid:" has the real, effective and saved group and the one for files, which counts.
+std::optional<std::set<gid_t>> groups_of(pid_t pid)
+{
+    std::set<gid_t> groups;
+    std::ifstream file(proc_path(pid, "status"));
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        fields >> name;
+        gid_t group = 0;
+        if (name == "Gid:" && fields >> group >> group >> group >> group)
+            groups.insert(group);
+        while (name == "Groups:" && fields >> group)
+            groups.insert(group);
+    }
+    if (groups.empty())
+        return std::nullopt;
+    return groups;
 }
 
 std::string process_text(const Process &process)

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -21,6 +22,11 @@ struct Process {
 Process process_of(pid_t pid);
 std::string user_name(uid_t uid);
 std::string group_name(gid_t gid);
+// The permission bits in octal.
+std::string mode_text(mode_t mode);
+
+// The groups that a process's rights come from; nothing when it has ended.
+std::optional<std::set<gid_t>> groups_of(pid_t pid);
 
 // "1234 program (user)"
 std::string process_text(const Process &process);
