@@ -6,12 +6,17 @@
 #include "testing/segment_file.h"
 #include "testing/unix_socket.h"
 
+#include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <semaphore.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace kptest;
@@ -53,6 +58,19 @@ int run_endpoint(const User &user, const std::string &name, Channel &parent)
         return 1;
     const auto socket = UnixSocket::listening("/run/providers/" + name);
     (void)parent.tell("listening");
+    (void)parent.hear();
+    return 0;
+}
+
+// Opens a topic and then takes its semaphore, as the library does for a moment.
+int take_semaphore(Channel &parent)
+{
+    (void)kp_shm_new("a", KP_ROLE_PROVIDER);
+    const int fd = open(segment_file_path("a").c_str(), O_RDWR | O_CLOEXEC);
+    void *memory = mmap(nullptr, at::end, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (memory == MAP_FAILED || sem_wait(static_cast<sem_t *>(memory)) != 0)
+        return 1;
+    (void)parent.tell("taken");
     (void)parent.hear();
     return 0;
 }
@@ -319,4 +337,45 @@ TEST_F(KpDoctorLooks, FindsAUserOutsideOfTheGroupThatMayConnect)
     ASSERT_EQ(two.hear(), "listening");
 
     EXPECT_EQ(troubles(), "warning peer-umask one\n");
+}
+
+TEST_F(KpDoctorLooks, FindsASemaphoreWhoseHolderWasKilled)
+{
+    {
+        ChildProcess killed(take_semaphore);
+        ASSERT_EQ(killed.hear(), "taken");
+        killed.signal(SIGKILL);
+        ASSERT_EQ(killed.wait(), 128 + SIGKILL);
+    }
+
+    const Ran doctor = kp({"doctor"});
+    const Ran info = kp({"info", "a"});
+    const std::string json =
+        filtered(kp({"info", "a", "-j"}).out, {"jq", "-c", "[.semaphore, .semaphore_stuck]"});
+
+    EXPECT_THAT(doctor.out, HasSubstr("warning: a: its semaphore stays taken: who holds it was "
+                                      "killed or is stopped, and each close of the topic waits a "
+                                      "second, until some process opens it anew  [kp info 'a']\n"));
+    EXPECT_THAT(info.out, HasSubstr("\nsemaphore   0  (taken, and who holds it was killed or is "
+                                    "stopped)\n"));
+    EXPECT_EQ(json, "[0,true]\n");
+    EXPECT_EQ(SegmentFile("a").u32(at::sem), 0U);
+}
+
+TEST_F(KpDoctorLooks, SaysNothingOfASemaphoreThatIsTakenForAMoment)
+{
+    kp_shm_t *shm = kp_shm_new("a", KP_ROLE_CONSUMER);
+    SegmentFile("a").put_u32(at::sem, 0);
+    // The looks take 40 ms at least, so that the last ones come after this.
+    std::thread holder([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(15));
+        SegmentFile("a").put_u32(at::sem, 1);
+    });
+
+    const std::string out = kp({"doctor"}).out;
+    holder.join();
+
+    EXPECT_THAT(out, Not(HasSubstr("semaphore")));
+    EXPECT_THAT(kp({"info", "a"}).out, HasSubstr("\nsemaphore   1  (free)\n"));
+    (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
 }

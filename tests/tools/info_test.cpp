@@ -29,6 +29,7 @@ TEST(KpInfo, ExplainsEveryField)
                              "extra       0\n"
                              "providers   0\n"
                              "consumers   0\n"
+                             "semaphore   -  \\(no handle was opened yet\\)\n"
                              "file        /dev/shm/zu-kp/a/b\n"
                              "inode       [0-9]+\n"
                              "bytes       4080\n"

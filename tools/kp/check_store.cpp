@@ -1,5 +1,6 @@
-// The topics: files that are no segments, writes that never ended, counts without owners, times that
-// cannot be.
+// The topics: files that are no segments, writes that never ended, counts without owners, semaphores
+// that nobody gives back, times that cannot be.
+#include "counts_lock.h"
 #include "escape.h"
 #include "finding.h"
 #include "processes.h"
@@ -59,6 +60,7 @@ class StoreCheck {
             mappers_ = find_mappers(root.st_dev);
         for (const StoreFile &file : listing.files)
             check_topic(file.topic);
+        report_locked(listing);
         for (const auto *directories : {&listing.directories, &listing.closed})
             for (const std::string &directory : *directories)
                 check_directory(directory);
@@ -110,6 +112,18 @@ class StoreCheck {
         users_.insert(status.st_uid);
         if (!(status.st_mode & (S_IWGRP | S_IWOTH)))
             private_.add(name);
+    }
+
+    void report_locked(const StoreListing &listing)
+    {
+        std::vector<std::string> topics;
+        for (const StoreFile &file : listing.files)
+            topics.push_back(file.topic);
+        for (const std::string &topic : topics_that_stay_locked(opener_, std::move(topics)))
+            add(Severity::warning, "semaphore", escaped(topic),
+                "its semaphore stays taken: who holds it was killed or is stopped, and each close "
+                "of the topic waits a second, until some process opens it anew",
+                "kp info " + argument(topic));
     }
 
     void check_directory(const std::string &directory)

@@ -1,5 +1,6 @@
 // kp info: every field of a segment and of its file, and who has it open.
 #include "commands.h"
+#include "counts_lock.h"
 #include "escape.h"
 #include "output.h"
 #include "processes.h"
@@ -74,6 +75,32 @@ std::string counts_note(const Snapshot &snapshot, const Users &users)
                                   " of them have no process any more (kp gc corrects that)";
 }
 
+// What is known of the semaphore, after a moment when it is taken.
+struct LockState {
+    CountsLock lock;
+    bool stays_taken = false;
+};
+
+LockState lock_state(TopicOpener &opener, const std::string &topic)
+{
+    LockState state;
+    state.stays_taken = !topics_that_stay_locked(opener, {topic}).empty();
+    state.lock = look_at_counts_lock(opener, topic).value_or(CountsLock());
+    return state;
+}
+
+void print_lock(const LockState &state)
+{
+    const std::string value = std::to_string(state.lock.value);
+    if (!state.lock.is_made)
+        field("semaphore", "-  (no handle was opened yet)");
+    else if (state.stays_taken)
+        field("semaphore", value + colored("  (taken, and who holds it was killed or is stopped)",
+                                           Color::yellow));
+    else
+        field("semaphore", value + (state.lock.is_taken() ? "  (taken)" : "  (free)"));
+}
+
 void print_segment(const Row &row, const FormatOptions &format, const Users &users)
 {
     const Snapshot &snapshot = row.snapshot;
@@ -129,9 +156,13 @@ void print_users(const Users &users)
 }
 
 nlohmann::ordered_json info_json(const Row &row, const FormatOptions &format,
-                                 const struct stat &status, const Users &users)
+                                 const struct stat &status, const Users &users,
+                                 const LockState &state)
 {
     auto object = row_json(row, format.bytes);
+    object["semaphore"] =
+        state.lock.is_made ? nlohmann::ordered_json(state.lock.value) : nlohmann::ordered_json();
+    object["semaphore_stuck"] = state.stays_taken;
     object["file"] = std::string(kStoreRoot) + "/" + row.topic;
     object["inode"] = status.st_ino;
     object["bytes"] = status.st_size;
@@ -170,11 +201,13 @@ int run_info(const InfoOptions &options)
     auto snapshot = read_topic(opener, *topic, problem);
     if (!snapshot)
         return complain(problem);
+    const LockState lock = lock_state(opener, *topic);
     const Row row{*topic, std::move(*snapshot)};
     if (options.format.format == Format::json) {
-        output().write(json_line(info_json(row, options.format, status, users)));
+        output().write(json_line(info_json(row, options.format, status, users, lock)));
     } else {
         print_segment(row, options.format, users);
+        print_lock(lock);
         print_file(*topic, status);
         print_users(users);
     }
