@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <semaphore.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -74,6 +75,21 @@ int take_semaphore(Channel &parent)
     (void)parent.hear();
     return 0;
 }
+
+// A store on a file system of its own that has so many inodes.
+class FewInodes {
+  public:
+    explicit FewInodes(const std::string &count)
+    {
+        EXPECT_EQ(mount("tmpfs", "/dev/shm/zu-kp", "tmpfs", 0, ("nr_inodes=" + count).c_str()), 0);
+    }
+    FewInodes(const FewInodes &) = delete;
+    FewInodes &operator=(const FewInodes &) = delete;
+    ~FewInodes()
+    {
+        (void)umount2("/dev/shm/zu-kp", MNT_DETACH);
+    }
+};
 
 // The directories as they should be before each test and, for the tests that come later, after it.
 class KpDoctorLooks : public testing::Test {
@@ -378,4 +394,41 @@ TEST_F(KpDoctorLooks, SaysNothingOfASemaphoreThatIsTakenForAMoment)
     EXPECT_THAT(out, Not(HasSubstr("semaphore")));
     EXPECT_THAT(kp({"info", "a"}).out, HasSubstr("\nsemaphore   1  (free)\n"));
     (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
+}
+
+TEST_F(KpDoctorLooks, FindsAFullFileSystemOfAFewPages)
+{
+    const TinyTmpfs store("/dev/shm/zu-kp", 4);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 02775), 0);
+    EXPECT_EQ(troubles(), "");
+    store.fill();
+
+    const Ran doctor = kp({"doctor"});
+    const Ran set = kp({"set", "--type", "int8", "a", "1"});
+
+    EXPECT_THAT(doctor.out,
+                HasSubstr("error: /dev/shm/zu-kp: 0 of 4 pages (one for each topic) are free"));
+    EXPECT_EQ(doctor.code, 1);
+    EXPECT_EQ(set.err, "kp: a: no free pages in /dev/shm/zu-kp (see kp doctor)\n");
+    EXPECT_EQ(set.code, 5);
+}
+
+TEST_F(KpDoctorLooks, FindsAFileSystemWithoutInodes)
+{
+    const FewInodes store("3"); // one is the directory's
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 02775), 0);
+    SegmentFile("a").create();
+    EXPECT_EQ(troubles(), "");
+    SegmentFile("b").create();
+
+    const Ran doctor = kp({"doctor"});
+    const Ran set = kp({"set", "--type", "int8", "c", "1"});
+    const Ran deep = kp({"set", "--type", "int8", "d/e", "1"});
+
+    EXPECT_THAT(doctor.out, HasSubstr("error: /dev/shm/zu-kp: 0 of 3 inodes are free  [mount -o "
+                                      "remount,nr_inodes=6 /dev/shm/zu-kp]\n"));
+    EXPECT_EQ(set.err, "kp: c: no free inodes in /dev/shm/zu-kp (see kp doctor)\n");
+    EXPECT_EQ(set.code, 5);
+    EXPECT_EQ(deep.err, "kp: d/e: no free inodes in /dev/shm/zu-kp (see kp doctor)\n");
+    EXPECT_EQ(deep.code, 5);
 }

@@ -2,6 +2,7 @@
 #include "escape.h"
 #include "finding.h"
 #include "processes.h"
+#include "room.h"
 #include "store/segment.h"
 #include "unix_sockets.h"
 
@@ -10,13 +11,11 @@
 #include <optional>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 
 namespace kp::tool {
 
 namespace {
 
-constexpr const char *kSharedMemory = "/dev/shm";
 constexpr rlim_t kFewDescriptors = 256; // 31 peers twice, and what the application needs
 constexpr long kFewInotifyInstances = 64;
 constexpr unsigned kFewShare = 10; // a tenth
@@ -133,30 +132,33 @@ void check_providers_directory(Findings &findings)
     check_access(providers_directory(), status, findings);
 }
 
-// Less than a tenth left, in the words of the thing that is short.
-void check_share(Findings &findings, const char *check, unsigned long free, unsigned long all,
-                 const std::string &what, const std::string &fix)
+// Less than a tenth left, in the words of the thing that is short. No limit where there is none at all.
+void check_share(Findings &findings, const char *check, const std::string &directory,
+                 unsigned long free, unsigned long all, const std::string &what,
+                 const std::string &fix)
 {
-    if (all == 0 || free * kFewShare >= all) // none at all: no limit
+    if (all == 0 || free * kFewShare >= all)
         return;
     findings.push_back(
-        {free == 0 ? Severity::error : Severity::warning, check, kSharedMemory,
+        {free == 0 ? Severity::error : Severity::warning, check, directory,
          std::to_string(free) + " of " + std::to_string(all) + " " + what + " are free", fix});
 }
 
 void check_room(Findings &findings)
 {
-    struct statvfs room;
-    if (statvfs(kSharedMemory, &room) != 0) {
-        findings.push_back({Severity::error, "tmpfs", kSharedMemory, "does not exist",
+    const auto room = room_for_topics();
+    if (!room) {
+        findings.push_back({Severity::error, "tmpfs", "/dev/shm", "does not exist",
                             "mount -t tmpfs tmpfs /dev/shm"});
         return;
     }
-    check_share(findings, "tmpfs-size", room.f_bavail, room.f_blocks, "pages (one for each topic)",
-                "mount -o remount,size=" + std::to_string(room.f_blocks * room.f_frsize / 512) +
-                    "k /dev/shm"); // twice as much
-    check_share(findings, "tmpfs-inodes", room.f_favail, room.f_files, "inodes",
-                "mount -o remount,nr_inodes=" + std::to_string(room.f_files * 2) + " /dev/shm");
+    const std::string &directory = room->directory;
+    check_share(findings, "tmpfs-size", directory, room->free_pages, room->pages,
+                "pages (one for each topic)",
+                "mount -o remount,size=" + std::to_string(room->pages * room->page_size / 512) +
+                    "k " + directory); // twice as much
+    check_share(findings, "tmpfs-inodes", directory, room->free_inodes, room->inodes, "inodes",
+                "mount -o remount,nr_inodes=" + std::to_string(room->inodes * 2) + " " + directory);
 }
 
 void check_limits(Findings &findings)

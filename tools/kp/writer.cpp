@@ -1,6 +1,7 @@
 #include "writer.h"
 
 #include "escape.h"
+#include "room.h"
 #include "support/value_type.h"
 #include "time_text.h"
 
@@ -44,10 +45,15 @@ std::optional<Problem> obstacle(const std::string &topic)
     return std::nullopt;
 }
 
+// A directory that could not be made for want of room shows as missing.
 Problem failed_write(const std::string &topic)
 {
-    return errno == 0 ? Problem{kLimit, escaped(topic) + ": the library refused the write"}
-                      : system_problem(escaped(topic), errno);
+    const int error = errno;
+    const std::string name = escaped(topic);
+    if (error == 0)
+        return {kLimit, name + ": the library refused the write"};
+    const std::string what = error == ENOSPC || error == ENOENT ? shortage() : "";
+    return what.empty() ? system_problem(name, error) : Problem{kLimit, name + ": " + what};
 }
 
 bool declare(const Write &write, const Target &target, Problem &problem)
