@@ -224,6 +224,21 @@ TEST(KpWatch, SaysWithItsCodeWhichSignalEndedIt)
     EXPECT_EQ(watch.wait(), 128 + SIGTERM);
 }
 
+TEST(KpWatch, OutlivesItsTerminalUnderNohup)
+{
+    put_double_at("a", 1, 1);
+    ChildProcess watch(std::vector<std::string>{
+        "sh", "-c", "trap '' HUP; exec '" KP_PROGRAM "' watch a --rate 200"});
+    ASSERT_EQ(watch.hear(), "a\t1");
+
+    watch.signal(SIGHUP);
+    put_double_at("a", 2, 2);
+
+    EXPECT_EQ(watch.hear(), "a\t2");
+    watch.signal(SIGTERM);
+    EXPECT_EQ(watch.wait(), 128 + SIGTERM);
+}
+
 TEST(KpWatch, EndsQuietlyWhenItsReaderGoesAwayEvenIfNothingChanges)
 {
     put_double("a", 1);
