@@ -42,9 +42,9 @@ class OutboundOf {
         outbound_.scan(now_);
         return messages();
     }
-    void retained_before(const std::string &mqtt)
+    void retained_before(const std::string &mqtt, bool provided = false)
     {
-        state_->add(mqtt);
+        state_->add(mqtt, provided);
     }
     bool notice(const std::string &tag)
     {

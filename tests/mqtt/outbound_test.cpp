@@ -126,6 +126,71 @@ TEST(Outbound, KeepsTheQualityOfATopicThatIsWrittenByName)
     EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=5"));
 }
 
+TEST(Outbound, KeepsTheQualityOfATopicThatAToolHasDeclared)
+{
+    declare_by_name("a/1");
+    (void)kp_shm_instant_write("a/1", "x", KP_TYPE_STRING, 1, 1, 5, 1, 0);
+    kp_shm_t *consumer = kp_shm_new("a/2", KP_ROLE_CONSUMER);
+    declare_by_name("a/2");
+    (void)kp_shm_instant_write("a/2", "y", KP_TYPE_STRING, 1, 1, 5, 1, 0);
+    OutboundOf outbound("");
+
+    EXPECT_THAT(outbound.messages_after_scan(), UnorderedElementsAre("p/a/1=x q=5", "p/a/2=y q=5"));
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+    (void)kp_shm_destroy(consumer, "a/2", KP_ROLE_CONSUMER);
+}
+
+TEST(Outbound, KeepsTheQualityOfATopicThatIsMadeByNameAfterItsProviderHasLeft)
+{
+    OutboundOf outbound("");
+    StoreProvider provider("a/1");
+    provider.write("x", 1, 3);
+    ASSERT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=3"));
+    provider.leave();
+    declare_by_name("a/1");
+    (void)kp_shm_instant_write("a/1", "y", KP_TYPE_STRING, 1, 2, 5, 1, 0);
+
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=y q=5"));
+}
+
+TEST(Outbound, SaysAtItsStartThatProvidersOfAnEarlierRunAreGone)
+{
+    kp_shm_t *consumer = kp_shm_new("a/1", KP_ROLE_CONSUMER);
+    StoreProvider provider("a/1");
+    provider.write("x", 1, 3);
+    provider.leave();
+    OutboundOf outbound("");
+    outbound.retained_before("p/a/1", true);
+
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=0"));
+    EXPECT_TRUE(outbound.state().is_provided("p/a/1"));
+    (void)kp_shm_destroy(consumer, "a/1", KP_ROLE_CONSUMER);
+}
+
+TEST(Outbound, KeepsAtItsStartTheQualityOfWhatNobodyHolds)
+{
+    declare_by_name("a/1");
+    (void)kp_shm_instant_write("a/1", "x", KP_TYPE_STRING, 1, 1, 5, 1, 0);
+    OutboundOf outbound("");
+    outbound.retained_before("p/a/1", true);
+
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=5"));
+    EXPECT_FALSE(outbound.state().is_provided("p/a/1"));
+}
+
+TEST(Outbound, RemembersWhichTopicsHaveProviders)
+{
+    (void)kp_shm_instant_write("a/1", "x", KP_TYPE_STRING, 1, 1, 5, 1, 0);
+    StoreProvider provider("a/2");
+    provider.write("y");
+    OutboundOf outbound("");
+
+    (void)outbound.messages_after_scan();
+
+    EXPECT_FALSE(outbound.state().is_provided("p/a/1"));
+    EXPECT_TRUE(outbound.state().is_provided("p/a/2"));
+}
+
 TEST(Outbound, SendsAgainWhatWasNotAcknowledged)
 {
     StoreProvider provider("a/1");

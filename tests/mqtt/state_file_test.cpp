@@ -37,6 +37,27 @@ TEST(StateFile, RemembersTopicsAcrossRuns)
     EXPECT_THAT(opened()->topics(), UnorderedElementsAre("kp/b"));
 }
 
+TEST(StateFile, RemembersWhichTopicsHadProviders)
+{
+    {
+        const auto file = opened();
+        file->add("kp/a", true);
+        file->add("kp/b", true);
+        file->add("kp/b", false);
+        file->add("kp/c", true);
+        file->remove("kp/c");
+        file->add("kp/c", false);
+    }
+    (void)opened(); // writes it anew
+
+    const auto file = opened();
+
+    EXPECT_THAT(file->topics(), UnorderedElementsAre("kp/a", "kp/b", "kp/c"));
+    EXPECT_TRUE(file->is_provided("kp/a"));
+    EXPECT_FALSE(file->is_provided("kp/b"));
+    EXPECT_FALSE(file->is_provided("kp/c"));
+}
+
 TEST(StateFile, IgnoresALastLineThatACrashCutShort)
 {
     write_file("+kp/a\n+kp/half");

@@ -2,7 +2,9 @@
 #pragma once
 
 #include "kp.h"
+#include "testing/child.h"
 
+#include <gtest/gtest.h>
 #include <string>
 #include <utility>
 
@@ -40,6 +42,18 @@ class StoreProvider {
     std::string topic_;
     kp_shm_t *shm_;
 };
+
+// Declares a topic as the tool does before it writes one: a process that opens it in no role, so that
+// nothing counts it, and leaves without closing, which would remove the topic.
+inline void declare_by_name(const std::string &topic)
+{
+    ChildProcess tool([&topic](Channel &) {
+        constexpr uint32_t no_role = 0;
+        kp_shm_t *shm = kp_shm_new(topic.c_str(), no_role);
+        return kp_shm_set_provider_info(shm, KP_TYPE_STRING, KP_MAX_VALUE_SIZE, 0);
+    });
+    EXPECT_EQ(tool.wait(), 0);
+}
 
 template <typename T> std::string bytes_of(T value)
 {

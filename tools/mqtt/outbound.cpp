@@ -8,17 +8,14 @@ namespace kp::mqtt {
 
 namespace {
 
-// Whether the value stands although nobody provides it any more. A topic that was only ever written
-// by name has no maximum; one that somebody goes on writing by name is alive.
-bool providers_have_left(const Sample &now, const Sample *before, bool had_left, bool are_lost)
+// Whether the value stands although its providers have left, which takes that there were some: a
+// topic that a tool made by name looks the same, and its value is good. One that somebody goes on
+// writing by name is alive.
+bool providers_have_left(const Sample &now, const Sample &before, bool had_left)
 {
-    if (are_lost)
-        return true;
-    if (now.providers > 0 || now.max_size == 0)
+    if (now.providers > 0 || now.file != before.file)
         return false;
-    if (!before || before->providers > 0)
-        return true;
-    return had_left && now.ts == before->ts;
+    return before.providers > 0 || (had_left && now.ts == before.ts);
 }
 
 } // namespace
@@ -91,6 +88,8 @@ Outbound::Topic *Outbound::add(const std::string &tag, const OutRule &rule)
 void Outbound::remove(Topic &topic, Clock::time_point now)
 {
     pending_.mark_change(topic.mqtt, now);
+    if (state_.is_provided(topic.mqtt))
+        state_.add(topic.mqtt, false); // one that is made anew may have no provider
     by_mqtt_.erase(topic.mqtt);
     std::erase(by_bucket_[kp_hash(topic.tag.c_str())], &topic);
     by_tag_.erase(std::string(topic.tag)); // a copy, since the entry holds the name
@@ -119,12 +118,14 @@ bool Outbound::take_up(Topic &topic, Sample sample)
     const size_t value_hash = std::hash<std::string>{}(sample.value);
     sample.value.clear();
     take_counts(topic, sample);
+    const bool left_before = have_left_before(topic, sample);
     sample.consumers = 0;
     const Sample *before = topic.seen ? &*topic.seen : nullptr;
     if (before && (sample.ts != before->ts || sample.providers > before->providers))
         topic.providers_lost = false;
-    const bool gone =
-        providers_have_left(sample, before, topic.providers_gone, topic.providers_lost);
+    const bool left =
+        before ? providers_have_left(sample, *before, topic.providers_gone) : left_before;
+    const bool gone = topic.providers_lost || left;
     const uint32_t providers = std::exchange(sample.providers, before ? before->providers : 0);
     const bool changed = !before || *before != sample || value_hash != topic.value_hash ||
                          gone != topic.providers_gone;
@@ -133,6 +134,13 @@ bool Outbound::take_up(Topic &topic, Sample sample)
     topic.value_hash = value_hash;
     topic.providers_gone = gone;
     return changed;
+}
+
+// For the first look at a topic. Its last consumer would have removed it after its last provider, so
+// what nobody holds was made by name, whatever an earlier run has seen.
+bool Outbound::have_left_before(const Topic &topic, const Sample &sample) const
+{
+    return sample.providers == 0 && sample.consumers > 0 && state_.is_provided(topic.mqtt);
 }
 
 void Outbound::take_counts(Topic &topic, const Sample &sample)

@@ -103,6 +103,7 @@ class Outbound {
     void remove(Topic &topic, Clock::time_point now);
     bool refresh(Topic &topic, Clock::time_point now);
     bool take_up(Topic &topic, Sample sample);
+    bool have_left_before(const Topic &topic, const Sample &sample) const;
     void take_counts(Topic &topic, const Sample &sample);
     void look_at_holders(Topic &topic, const HandleCensus &census, Clock::time_point now);
     std::optional<Publication> publication_for(Topic &topic, Clock::time_point since,

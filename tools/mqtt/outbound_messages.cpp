@@ -71,7 +71,7 @@ std::optional<Publication> Outbound::publication_for(Topic &topic, Clock::time_p
     if (verdict != Gate::Verdict::send)
         return {};
     if (topic.rule->retain)
-        state_.add(topic.mqtt);
+        state_.add(topic.mqtt, sample.providers > 0 || topic.providers_gone);
     topic.gate.sent(sample, now);
     topic.must_send = false;
     return publication_of(topic, sample);

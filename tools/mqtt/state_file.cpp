@@ -15,6 +15,11 @@ namespace kp::mqtt {
 
 namespace {
 
+// What a line starts with.
+constexpr char kKept = '+';
+constexpr char kProvided = '=';
+constexpr char kCleared = '-';
+
 constexpr size_t kFewLines = 1000; // a journal up to this size is not worth rewriting
 
 std::string failure(const std::string &path)
@@ -69,13 +74,27 @@ void StateFile::load(const std::string &text)
         if (end == text.npos)
             return;
         const std::string topic = text.substr(start + 1, end - start - 1);
-        const bool usable = !topic.empty() && mqtt_topic_fault(topic).empty();
-        if (usable && text[start] == '+')
-            topics_.insert(topic);
-        if (usable && text[start] == '-')
-            topics_.erase(topic);
+        if (!topic.empty() && mqtt_topic_fault(topic).empty())
+            apply(text[start], topic);
         start = end + 1;
     }
+}
+
+// Whether the line says something new.
+bool StateFile::apply(char sign, const std::string &topic)
+{
+    if (sign == kProvided) {
+        const bool is_new = topics_.insert(topic).second;
+        return provided_.insert(topic).second || is_new;
+    }
+    if (sign == kKept) {
+        const bool is_new = topics_.insert(topic).second;
+        return provided_.erase(topic) > 0 || is_new;
+    }
+    if (sign != kCleared)
+        return false;
+    provided_.erase(topic);
+    return topics_.erase(topic) > 0;
 }
 
 // Written beside and renamed, so that a crash leaves the old file or the new one.
@@ -83,7 +102,7 @@ std::string StateFile::rewrite()
 {
     std::string text;
     for (const std::string &topic : topics_)
-        text += '+' + topic + '\n';
+        text += (is_provided(topic) ? kProvided : kKept) + topic + '\n';
     const std::string fresh = path_ + ".new";
     UniqueFd file(::open(fresh.c_str(),
                          O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
@@ -96,16 +115,17 @@ std::string StateFile::rewrite()
     return {};
 }
 
-void StateFile::add(const std::string &topic)
+void StateFile::add(const std::string &topic, bool provided)
 {
-    if (topics_.insert(topic).second)
-        append('+', topic);
+    const char sign = provided ? kProvided : kKept;
+    if (apply(sign, topic))
+        append(sign, topic);
 }
 
 void StateFile::remove(const std::string &topic)
 {
-    if (topics_.erase(topic))
-        append('-', topic);
+    if (apply(kCleared, topic))
+        append(kCleared, topic);
 }
 
 void StateFile::append(char sign, const std::string &topic)

@@ -1,6 +1,8 @@
 // The topics that the broker keeps a value of because of this bridge, in a small file, so that those
-// that go while the bridge does not run are cleared when it does again. The file is a journal: "+name"
-// and "-name", appended before the message goes, and written anew when it has grown stale.
+// that go while the bridge does not run are cleared when it does again. It also remembers which of them
+// had providers, so that the next run can tell a value whose providers have left from one that was
+// written by name. The file is a journal: "+name", "=name" for one with providers, and "-name", appended
+// before the message goes, and written anew when it has grown stale.
 #pragma once
 
 #include "result.h"
@@ -17,11 +19,16 @@ class StateFile {
     // Opens or makes the file and locks it: one bridge a file. An empty path keeps nothing.
     static Result<std::unique_ptr<StateFile>> open(const std::string &path);
 
-    void add(const std::string &topic);
+    void add(const std::string &topic, bool provided = false);
     void remove(const std::string &topic);
     bool has(const std::string &topic) const
     {
         return topics_.contains(topic);
+    }
+    // Whether the value that the broker keeps came from providers.
+    bool is_provided(const std::string &topic) const
+    {
+        return provided_.contains(topic);
     }
     const std::unordered_set<std::string> &topics() const
     {
@@ -35,6 +42,7 @@ class StateFile {
     std::string open_and_load();
     std::string rewrite();
     void load(const std::string &text);
+    bool apply(char sign, const std::string &topic);
     void append(char sign, const std::string &topic);
 
     std::string path_;
@@ -43,6 +51,7 @@ class StateFile {
     size_t lines_ = 0;
     bool failed_ = false; // said once
     std::unordered_set<std::string> topics_;
+    std::unordered_set<std::string> provided_; // some of the topics
 };
 
 } // namespace kp::mqtt
