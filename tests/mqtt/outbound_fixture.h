@@ -12,9 +12,9 @@ using namespace kp::mqtt;
 
 class OutboundOf {
   public:
-    explicit OutboundOf(const std::string &rule)
-        : configuration_(parse_configuration("device = \"d\"\n[broker]\nburst-rate = 0\n"
-                                             "[[out]]\npattern = \"a/#\"\nprefix = \"p\"\n" +
+    explicit OutboundOf(const std::string &rule, const std::string &broker = "burst-rate = 0\n")
+        : configuration_(parse_configuration("device = \"d\"\n[broker]\n" + broker +
+                                                 "[[out]]\npattern = \"a/#\"\nprefix = \"p\"\n" +
                                                  rule,
                                              "f")
                              .configuration),
@@ -51,6 +51,11 @@ class OutboundOf {
         Buckets buckets;
         buckets.set(kp_hash(tag.c_str()));
         return outbound_.refresh(buckets, now_);
+    }
+    // From the next connection on.
+    void set_burst_rate(double rate)
+    {
+        configuration_.broker.burst_rate = rate;
     }
     void pass(milliseconds time)
     {

@@ -358,26 +358,62 @@ TEST(Outbound, ClearsWhatAnEarlierRunHadRetained)
     EXPECT_TRUE(publication->payload.empty() && publication->retain);
 }
 
-TEST(Outbound, SpreadsTheFirstBurst)
+TEST(Outbound, SpreadsWhatWaitsAtTheStart)
 {
     StoreProvider one("a/1");
     one.write("x");
     StoreProvider two("a/2");
     two.write("y");
-    auto state = StateFile::open("");
-    const Configuration configuration =
-        parse_configuration("[broker]\nburst-rate = 1\n[[out]]\npattern = \"a/#\"\n", "f")
-            .configuration;
-    const StoreReader reader;
-    Counters counters;
-    Outbound outbound(configuration, reader, nullptr, **state.value, "d/boot", counters);
-    const Clock::time_point start{std::chrono::hours(1)};
-    outbound.scan(start);
-    while (outbound.next(start)) {
-    }
+    OutboundOf outbound("", "burst-rate = 1\n");
+    outbound->scan(outbound.now());
+    outbound->connected(false, outbound.now());
 
-    outbound.connected(false, start);
-    EXPECT_TRUE(outbound.next(start));
-    EXPECT_FALSE(outbound.next(start));
-    EXPECT_TRUE(outbound.next(start + seconds(1)));
+    EXPECT_EQ(outbound.messages().size(), 1u);
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+    outbound.pass(seconds(1));
+    EXPECT_EQ(outbound.messages().size(), 1u);
+    outbound.pass(seconds(1));
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+}
+
+TEST(Outbound, SpreadsWhatChangedDuringAnOutage)
+{
+    StoreProvider one("a/1");
+    one.write("x");
+    StoreProvider two("a/2");
+    two.write("y");
+    OutboundOf outbound("");
+    (void)outbound.messages_after_scan();
+    outbound.set_burst_rate(1);
+    one.write("x2", 2);
+    two.write("y2", 2);
+    outbound->scan(outbound.now());
+    one.write("x3", 3);
+    two.write("y3", 3);
+    outbound->connected(true, outbound.now());
+
+    EXPECT_EQ(outbound.messages_after_scan().size(), 1u);
+    outbound.pass(seconds(1));
+    EXPECT_EQ(outbound.messages_after_scan().size(), 1u);
+    outbound.pass(seconds(1));
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
+}
+
+TEST(Outbound, SendsAChangeAtOnceWhileTheBurstWaits)
+{
+    StoreProvider one("a/1");
+    one.write("x");
+    StoreProvider two("a/2");
+    two.write("y");
+    OutboundOf outbound("", "burst-rate = 1\n");
+    outbound->scan(outbound.now());
+    outbound->connected(false, outbound.now());
+    ASSERT_EQ(outbound.messages().size(), 1u);
+    one.write("x2", 2);
+    two.write("y2", 2);
+
+    EXPECT_THAT(outbound.messages_after_scan(),
+                UnorderedElementsAre("p/a/1=x2 q=1", "p/a/2=y2 q=1"));
+    outbound.pass(seconds(1));
+    EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
 }

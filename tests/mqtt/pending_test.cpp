@@ -57,6 +57,23 @@ TEST(PendingNames, MoveAChangedNameOutOfTheBurst)
     EXPECT_EQ(name_of(names.take(false)), "a");
 }
 
+TEST(PendingNames, JoinTheBurstInFrontOfIt)
+{
+    PendingNames names;
+    names.mark_burst("old", kFirstMark);
+    names.mark_change("changed", kFirstMark);
+
+    names.join_burst();
+    names.mark_burst("changed", kFirstMark);
+    names.mark_change("new", kFirstMark);
+
+    EXPECT_FALSE(names.has_change("changed"));
+    EXPECT_EQ(name_of(names.take(true)), "new");
+    EXPECT_EQ(name_of(names.take(false)), "none");
+    EXPECT_EQ(name_of(names.take(true)), "changed");
+    EXPECT_EQ(name_of(names.take(true)), "old");
+}
+
 TEST(PendingNames, KeepTheAgeOfTheFirstMark)
 {
     PendingNames names;

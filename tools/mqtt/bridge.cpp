@@ -243,6 +243,7 @@ void Bridge::go_online(bool kept)
     last_connection_ = connection_;
     reported_.clear();
     send_state("online", false);
+    look_at_marks(online_since_); // what changed before it waits with the rest
     outbound_.connected(kept, online_since_);
     const std::string text = "connected to " + configuration_.broker.host + ":" +
                              std::to_string(configuration_.broker.port);

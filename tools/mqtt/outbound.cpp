@@ -97,7 +97,7 @@ void Outbound::remove(Topic &topic, Clock::time_point now)
 
 bool Outbound::refresh(Topic &topic, Clock::time_point now)
 {
-    if (pending_.has(topic.mqtt))
+    if (pending_.has_change(topic.mqtt))
         return true; // it is read when its turn comes
     Sample sample;
     const ReadOutcome outcome = reader_.read(topic.tag, sample);
@@ -189,6 +189,9 @@ void Outbound::look_at_holders(Topic &topic, const HandleCensus &census, Clock::
 void Outbound::connected(bool kept, Clock::time_point now)
 {
     burst_ = TokenBucket(configuration_.broker.burst_rate);
+    take_what_is_due(now);
+    take_up_what_waits();
+    pending_.join_burst();
     if (kept)
         return;
     for (const auto &[tag, topic] : by_tag_) {
@@ -198,6 +201,16 @@ void Outbound::connected(bool kept, Clock::time_point now)
     }
     for (const std::string &mqtt : state_.topics())
         pending_.mark_burst(mqtt, now);
+}
+
+// So that only what changes from now on leaves the burst.
+void Outbound::take_up_what_waits()
+{
+    for (const auto &[tag, topic] : by_tag_) {
+        Sample sample;
+        if (pending_.has_change(topic->mqtt) && reader_.read(tag, sample) == ReadOutcome::read)
+            (void)take_up(*topic, std::move(sample));
+    }
 }
 
 void Outbound::connection_lost(Clock::time_point now)

@@ -47,7 +47,8 @@ class Outbound {
     unsigned take_census(const HandleCensus &census, Clock::time_point now);
 
     // A connection stands. Where the broker has kept what it had, only what changed meanwhile is
-    // sent, else everything once.
+    // sent, else everything once. Either is the burst, which goes at its own rate behind all that
+    // changes from now on.
     void connected(bool kept, Clock::time_point now);
 
     // What the broker has not acknowledged counts as changed again.
@@ -114,6 +115,7 @@ class Outbound {
     Publication publication_of(const Topic &topic, const Sample &sample) const;
     void defer(Topic &topic, Clock::time_point until, Clock::time_point since);
     void mark_again(const std::string &mqtt, Clock::time_point since);
+    void take_up_what_waits();
     void take_what_is_due(Clock::time_point now);
 
     const Configuration &configuration_;

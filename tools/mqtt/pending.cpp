@@ -25,6 +25,13 @@ void PendingNames::mark_burst(const std::string &name, Clock::time_point since)
         places_[name] = {true, burst_.insert(burst_.end(), {name, since})};
 }
 
+void PendingNames::join_burst()
+{
+    for (const Waiting &waiting : changes_)
+        places_.at(waiting.name).in_burst = true;
+    burst_.splice(burst_.begin(), changes_);
+}
+
 std::optional<PendingNames::Waiting> PendingNames::take(bool burst_too)
 {
     Line &line = changes_.empty() && burst_too ? burst_ : changes_;

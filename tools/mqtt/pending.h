@@ -1,7 +1,7 @@
 // The names that wait to be sent, each once however often it is marked, the oldest first. It holds no
 // values: the newest is read when a name's turn comes, so memory is bounded by the number of names,
-// whatever the network does. Names of the first burst after a connection wait in a line of their own,
-// behind every change.
+// whatever the network does. What waits when a connection comes up is the burst: it waits in a line of
+// its own, behind every change made since.
 #pragma once
 
 #include <chrono>
@@ -26,12 +26,17 @@ class PendingNames {
     void mark_change(const std::string &name, Clock::time_point since);
     void mark_burst(const std::string &name, Clock::time_point since);
 
+    // Makes all that waits part of the burst, with what waited longest in front.
+    void join_burst();
+
     // Takes the name whose turn it is; the burst only where `burst_too` says so.
     std::optional<Waiting> take(bool burst_too);
 
-    bool has(const std::string &name) const
+    // Whether it waits among the changes.
+    bool has_change(const std::string &name) const
     {
-        return places_.contains(name);
+        const auto place = places_.find(name);
+        return place != places_.end() && !place->second.in_burst;
     }
     bool has_change() const
     {
