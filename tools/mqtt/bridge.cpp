@@ -29,6 +29,30 @@ std::string random_name()
     return std::to_string(random()) + std::to_string(random());
 }
 
+std::string property_of(const UserProperties &properties, const std::string &name)
+{
+    for (const auto &[known, value] : properties)
+        if (known == name)
+            return value;
+    return {};
+}
+
+uint64_t write_time_of(const UserProperties &properties)
+{
+    return std::strtoull(property_of(properties, property::kWriteTime).c_str(), nullptr, 10);
+}
+
+// Whether what the broker keeps is this value or a later one of the same device, which can have
+// arrived without an acknowledgement.
+bool is_as_new_as(const Message &message, const Publication &sent)
+{
+    if (message.topic != sent.topic || property_of(message.properties, property::kOrigin) !=
+                                           property_of(sent.properties, property::kOrigin))
+        return false;
+    return write_time_of(message.properties) > write_time_of(sent.properties) ||
+           (message.payload == sent.payload && message.properties == sent.properties);
+}
+
 } // namespace
 
 std::string make_origin(const std::string &device)
@@ -152,7 +176,8 @@ void Bridge::keep_connection(Clock::time_point now)
 
 void Bridge::connect(Clock::time_point now)
 {
-    connection_ = random_name();
+    if (connection_ == last_connection_)
+        connection_ = random_name();
     auto started =
         BrokerLink::start(configuration_.broker, credentials_, state_message("offline"), *this);
     phase_ = Phase::connecting;
@@ -191,9 +216,33 @@ void Bridge::connected()
         return go_online(false);
     phase_ = Phase::asking;
     phase_ends_ = Clock::now() + kAnswerTime;
+    ask_for_witness();
     int id = 0;
     if (link_->subscribe({configuration_.state_topic, 1, true}, id))
         subscribing_[id] = configuration_.state_topic;
+}
+
+bool Bridge::is_subscribed(const std::string &filter) const
+{
+    const auto subscriptions = inbound_.subscriptions();
+    return std::any_of(
+        subscriptions.begin(), subscriptions.end(),
+        [&filter](const Subscription &subscription) { return subscription.filter == filter; });
+}
+
+// Before the state, so that it comes first.
+void Bridge::ask_for_witness()
+{
+    witness_.reset();
+    has_witness_ = false;
+    const Publication *kept = outbound_.last_kept();
+    if (!kept || is_subscribed(kept->topic))
+        return; // cancelling the subscription would end that one
+    int id = 0;
+    if (!link_->subscribe({kept->topic, 1, true}, id))
+        return;
+    witness_ = *kept;
+    subscribing_[id] = kept->topic;
 }
 
 void Bridge::subscribe_all()
@@ -221,21 +270,34 @@ void Bridge::subscribed(int id, const std::string &refusal)
 
 void Bridge::received(Message message)
 {
-    if (message.topic != configuration_.state_topic)
-        return inbound_.receive(message);
-    if (phase_ != Phase::asking)
+    if (message.topic == configuration_.state_topic) {
+        if (phase_ == Phase::asking)
+            go_online(tells_that_all_is_kept(message));
         return;
-    const std::pair<std::string, std::string> ours{kConnection, last_connection_};
-    const auto &properties = message.properties;
-    const bool kept = message.payload == "offline" &&
-                      std::find(properties.begin(), properties.end(), ours) != properties.end();
-    go_online(kept);
+    }
+    if (phase_ == Phase::asking && witness_ && is_as_new_as(message, *witness_))
+        has_witness_ = true;
+    else
+        inbound_.receive(message);
+}
+
+// The will of the last connection tells it alone. One of an attempt since then may have taken its
+// place, as at a broker that was stopped meanwhile, but also at one that was started anew and gave an
+// answer too late; so that takes a witness.
+bool Bridge::tells_that_all_is_kept(const Message &state) const
+{
+    if (state.payload != "offline")
+        return false;
+    const std::string connection = property_of(state.properties, kConnection);
+    return connection == last_connection_ || (connection == connection_ && has_witness_);
 }
 
 void Bridge::go_online(bool kept)
 {
     if (!last_connection_.empty())
         link_->unsubscribe(configuration_.state_topic);
+    if (witness_)
+        link_->unsubscribe(std::exchange(witness_, {})->topic);
     phase_ = Phase::online;
     online_since_ = Clock::now();
     if (std::exchange(was_online_, true))

@@ -3,7 +3,8 @@
 //
 // After a connection the order is: subscriptions, the state "online", then values. On a connection
 // after the first, the retained state is read back before: where it is the will of the connection
-// before, the broker has kept what it had, and only changes are sent; else everything is.
+// before, the broker has kept what it had, and only changes are sent; else everything is. Where it is
+// the will of an attempt since then, it counts when the broker also has the last value that it took.
 #pragma once
 
 #include "broker_link.h"
@@ -54,6 +55,9 @@ class Bridge final : private BrokerEvents {
     void connect(Clock::time_point now);
     void drop_connection(Clock::time_point now);
     void subscribe_all();
+    bool is_subscribed(const std::string &filter) const;
+    void ask_for_witness();
+    bool tells_that_all_is_kept(const Message &state) const;
     void go_online(bool kept);
     void send_state(const char *text, bool wait_for_it);
     void send_values(Clock::time_point now);
@@ -80,8 +84,10 @@ class Bridge final : private BrokerEvents {
     Clock::time_point phase_ends_{}; // when to connect, or to stop waiting for an answer
     Clock::time_point online_since_{};
     bool was_online_ = false;
-    std::string connection_;      // names this connection in the state topic
+    std::string connection_;      // names this one in the state topic, and the attempts before it
     std::string last_connection_; // the last one that was online
+    std::optional<Publication> witness_; // what a broker that has kept everything must have
+    bool has_witness_ = false;
     std::string close_reason_;
     bool is_closed_ = false;
     std::string reported_; // the last reason that was logged

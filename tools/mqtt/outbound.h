@@ -57,6 +57,13 @@ class Outbound {
     // The next message, or nothing when none is due now.
     std::optional<Publication> next(Clock::time_point now);
 
+    // The last value that the broker took to keep it: a broker that has it has all before. Null when
+    // there is none.
+    const Publication *last_kept() const
+    {
+        return last_kept_ ? &*last_kept_ : nullptr;
+    }
+
     // What became of it.
     void sent(const Publication &publication, int id);
     void acknowledged(int id, int reason, Clock::time_point now);
@@ -113,6 +120,7 @@ class Outbound {
     bool is_clearing(const std::string &mqtt) const;
     std::optional<Publication> clearing(const std::string &mqtt) const;
     Publication publication_of(const Topic &topic, const Sample &sample) const;
+    void forget_cleared(const Publication &publication);
     void defer(Topic &topic, Clock::time_point until, Clock::time_point since);
     void mark_again(const std::string &mqtt, Clock::time_point since);
     void take_up_what_waits();
@@ -135,6 +143,7 @@ class Outbound {
     PendingNames pending_; // MQTT topics: also those of topics that are gone
     std::multimap<Clock::time_point, PendingNames::Waiting> later_; // by when they may go
     std::unordered_map<int, Publication> unacknowledged_;
+    std::optional<Publication> last_kept_;
     TokenBucket burst_;
     OncePerText said_;
 };

@@ -131,7 +131,7 @@ void Outbound::acknowledged(int id, int reason, Clock::time_point now)
     const auto found = unacknowledged_.find(id);
     if (found == unacknowledged_.end())
         return;
-    const Publication publication = std::move(found->second);
+    Publication publication = std::move(found->second);
     unacknowledged_.erase(found);
     const auto live = by_mqtt_.find(publication.topic);
     if (reason >= kFirstRefusal) {
@@ -146,8 +146,19 @@ void Outbound::acknowledged(int id, int reason, Clock::time_point now)
         return;
     }
     ++counters_.out;
+    if (!publication.payload.empty() && publication.retain)
+        last_kept_ = std::move(publication);
+    else
+        forget_cleared(publication);
+}
+
+void Outbound::forget_cleared(const Publication &publication)
+{
     if (!publication.payload.empty() || !state_.has(publication.topic))
         return;
+    if (last_kept_ && last_kept_->topic == publication.topic)
+        last_kept_.reset();
+    const auto live = by_mqtt_.find(publication.topic);
     if (live == by_mqtt_.end())
         return state_.remove(publication.topic);
     if (!live->second->rule->retain) {
