@@ -3,10 +3,13 @@
 #include "device.h"
 
 #include <csignal>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 using namespace kptest;
 using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
@@ -79,4 +82,42 @@ TEST(BrokerThatHangs, AfterItHasLostEverythingGetsEverything)
     broker.signal(SIGCONT);
 
     EXPECT_TRUE(wait_until([&] { return retained(broker.port(), "p/a/#").size() == 2; }));
+}
+
+TEST(BrokerLimits, OfQosLowerThatOfMessagesAndWill)
+{
+    Broker broker("allow_anonymous true\nmax_qos 0\n");
+    Tags tags;
+    tags.declare("a/b");
+    tags.write("a/b", "x");
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+    ASSERT_TRUE(wait_until([] { return status_number("out") == 1; }));
+    EXPECT_EQ(retained(broker.port(), "p/a/#", {"-q", "0"}).at("p/a/b").payload, "x");
+
+    broker.kill();
+    ASSERT_TRUE(wait_for_connection(false));
+    broker.start();
+    ASSERT_TRUE(wait_for_connection());
+
+    EXPECT_EQ(times_said(bridge, "the broker has no QoS 1"), 1);
+    EXPECT_THAT(bridge.log(), Not(HasSubstr("the broker refuses the connection")));
+}
+
+TEST(BrokerLimits, ThatKeepNoMessagesLetThemPass)
+{
+    const Broker broker("allow_anonymous true\nretain_available false\n");
+    Tags tags;
+    tags.declare("a/b");
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+    ChildProcess subscriber({"/usr/bin/mosquitto_sub", "-V", "5", "-h", "127.0.0.1", "-p",
+                             std::to_string(broker.port()), "-t", "p/a/#", "-F", "%t %p"});
+
+    EXPECT_TRUE(wait_until([&] {
+        tags.write("a/b", "x"); // until the subscription stands
+        return subscriber.hear(300ms) == "p/a/b x";
+    }));
+
+    EXPECT_EQ(times_said(bridge, "the broker keeps no messages"), 1);
 }

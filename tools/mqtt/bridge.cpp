@@ -199,6 +199,9 @@ void Bridge::drop_connection(Clock::time_point now)
     link_.reset();
     more_to_send_ = false;
     phase_ = Phase::waiting;
+    phase_ends_ = now;
+    if (asked_too_much(std::exchange(refusal_, 0)))
+        return;
     const milliseconds delay = backoff_.next();
     phase_ends_ = now + delay;
     const std::string text = "no connection to " + configuration_.broker.host + ":" +
@@ -207,6 +210,24 @@ void Bridge::drop_connection(Clock::time_point now)
         text + "; trying again, next in " + std::to_string(delay.count()) + " ms");
     reported_ = text;
     manager_.status(text);
+}
+
+// A broker refuses a will that it cannot carry instead of taking it as it can. Says whether the next
+// attempt asks for less.
+bool Bridge::asked_too_much(int refusal)
+{
+    if (refusal == kQosNotSupported && state_qos_ > 0) {
+        state_qos_ = 0;
+        log(Level::warning, "the broker has no QoS 1; messages and the will go at QoS 0");
+        return true;
+    }
+    if (refusal == kRetainNotSupported && state_retained_) {
+        state_retained_ = false;
+        log(Level::warning, "the broker keeps no messages; who subscribes later sees no value, nor "
+                            "whether this device is there, until the next message");
+        return true;
+    }
+    return false;
 }
 
 void Bridge::connected()
@@ -318,7 +339,8 @@ Publication Bridge::state_message(const char *text) const
     Publication state;
     state.topic = configuration_.state_topic;
     state.payload = text;
-    state.retain = true;
+    state.qos = state_qos_;
+    state.retain = state_retained_;
     state.content_type = "text/plain";
     state.is_utf8 = true;
     state.properties = {{property::kOrigin, origin_}, {kConnection, connection_}};
@@ -369,10 +391,11 @@ void Bridge::acknowledged(int id, int reason)
 }
 
 // Only noted here: the link must not be destroyed within its own call.
-void Bridge::closed(const std::string &why)
+void Bridge::closed(const std::string &why, int refusal)
 {
     is_closed_ = true;
     close_reason_ = why;
+    refusal_ = refusal;
 }
 
 void Bridge::tick(Clock::time_point now)

@@ -43,7 +43,7 @@ class Bridge final : private BrokerEvents {
     void acknowledged(int id, int reason) override;
     void subscribed(int id, const std::string &refusal) override;
     void received(Message message) override;
-    void closed(const std::string &why) override;
+    void closed(const std::string &why, int refusal) override;
 
     bool can_send() const;
     int poll_timeout(Clock::time_point now) const;
@@ -54,6 +54,7 @@ class Bridge final : private BrokerEvents {
     void keep_connection(Clock::time_point now);
     void connect(Clock::time_point now);
     void drop_connection(Clock::time_point now);
+    bool asked_too_much(int refusal);
     void subscribe_all();
     bool is_subscribed(const std::string &filter) const;
     void ask_for_witness();
@@ -89,8 +90,11 @@ class Bridge final : private BrokerEvents {
     std::optional<Publication> witness_; // what a broker that has kept everything must have
     bool has_witness_ = false;
     std::string close_reason_;
+    int refusal_ = 0;
     bool is_closed_ = false;
-    std::string reported_; // the last reason that was logged
+    int state_qos_ = 1;          // both as far as the broker
+    bool state_retained_ = true; // has not refused them
+    std::string reported_;       // the last reason that was logged
     std::unordered_map<int, std::string> subscribing_;
     int state_id_ = 0; // the state message that leave() waits for
 

@@ -140,7 +140,7 @@ class Link final : public BrokerLink {
     void on_publish(int id, int reason);
     void on_subscribe(int id, int count, const int *granted);
     void on_message(const mosquitto_message &message, const mosquitto_property *list);
-    void close(const std::string &why);
+    void close(const std::string &why, int refusal = 0);
     static Link &self(void *object)
     {
         return *static_cast<Link *>(object);
@@ -261,7 +261,8 @@ void Link::on_connect(int reason, const mosquitto_property *list)
 {
     if (reason != MQTT_RC_SUCCESS)
         return close(std::string("the broker refuses the connection: ") +
-                     mosquitto_reason_string(reason));
+                         mosquitto_reason_string(reason),
+                     reason);
     uint16_t receive_maximum = 0;
     if (mosquitto_property_read_int16(list, MQTT_PROP_RECEIVE_MAXIMUM, &receive_maximum, false))
         most_unacknowledged_ = std::min<size_t>(receive_maximum, kMostUnacknowledged);
@@ -297,12 +298,12 @@ void Link::on_message(const mosquitto_message &message, const mosquitto_property
                       message.retain, user_properties(list)});
 }
 
-void Link::close(const std::string &why)
+void Link::close(const std::string &why, int refusal)
 {
     if (std::exchange(closed_, true))
         return;
     online_ = false;
-    events_.closed(why);
+    events_.closed(why, refusal);
 }
 
 bool Link::may_send() const

@@ -53,6 +53,8 @@ struct Subscription {
 // Reasons with which a broker answers: from the first refusal on it has not taken the message.
 constexpr int kFirstRefusal = 0x80;
 constexpr int kQuotaExceeded = 0x97;
+constexpr int kRetainNotSupported = 0x9a;
+constexpr int kQosNotSupported = 0x9b;
 std::string reason_text(int reason);
 
 // Called from within BrokerLink::serve().
@@ -63,7 +65,9 @@ class BrokerEvents {
     virtual void acknowledged(int id, int reason) = 0;
     virtual void subscribed(int id, const std::string &refusal) = 0;
     virtual void received(Message message) = 0;
-    virtual void closed(const std::string &why) = 0; // at most once, and nothing after it
+    // At most once, and nothing after it. `refusal` is the broker's reason where it has refused the
+    // connection, else 0.
+    virtual void closed(const std::string &why, int refusal) = 0;
 };
 
 enum class SendOutcome {
