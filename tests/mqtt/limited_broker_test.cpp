@@ -61,6 +61,8 @@ TEST(BrokerThatHangs, ForSeveralAttemptsGetsOnlyWhatChanged)
     ASSERT_TRUE(first);
     EXPECT_EQ(first->topic + " " + first->payload, "p/a/changed z");
     EXPECT_EQ(more.size(), 0u);
+    EXPECT_THAT(bridge.log(), HasSubstr("the broker did not answer"));
+    EXPECT_THAT(bridge.log(), Not(HasSubstr("Unknown error")));
 }
 
 TEST(BrokerThatHangs, AfterItHasLostEverythingGetsEverything)
@@ -120,4 +122,12 @@ TEST(BrokerLimits, ThatKeepNoMessagesLetThemPass)
     }));
 
     EXPECT_EQ(times_said(bridge, "the broker keeps no messages"), 1);
+}
+
+TEST(BrokerLimits, OfPacketSizeBelowThatOfTheStateAreSaid)
+{
+    const Broker broker("allow_anonymous true\nmax_packet_size 60\n");
+    BridgeProgram bridge(broker.port(), kBothWays);
+
+    EXPECT_TRUE(has_said(bridge, "maximum packet size is too small for the state message"));
 }

@@ -83,6 +83,12 @@ UserProperties user_properties(const mosquitto_property *list)
     return found;
 }
 
+// The library has no text of its own for a broker that was silent for too long.
+std::string error_text(int error)
+{
+    return error == MOSQ_ERR_KEEPALIVE ? "the broker did not answer" : mosquitto_strerror(error);
+}
+
 // Shared with the thread that connects, which outlives the link when a name server does not answer.
 struct Attempt {
     Attempt() : done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
@@ -133,6 +139,7 @@ class Link final : public BrokerLink {
     void disconnect() override;
 
   private:
+    std::string end_text(int error) const;
     std::string set_will(const Publication &will);
     std::string set_tls(const TlsSettings &tls);
     void set_callbacks();
@@ -150,6 +157,7 @@ class Link final : public BrokerLink {
     std::shared_ptr<Attempt> attempt_;
     mosquitto *client_ = nullptr; // of the attempt
     bool online_ = false;
+    bool was_online_ = false;
     bool closed_ = false;
     size_t most_unacknowledged_ = kMostUnacknowledged;
     std::unordered_set<int> unacknowledged_; // publications at QoS 1 and 2
@@ -208,7 +216,7 @@ void Link::set_callbacks()
     mosquitto_disconnect_v5_callback_set(
         client_, [](mosquitto *, void *object, int reason, const mosquitto_property *) {
             self(object).close(reason >= kFirstRefusal ? mosquitto_reason_string(reason)
-                                                       : mosquitto_strerror(reason));
+                                                       : self(object).end_text(reason));
         });
     mosquitto_publish_v5_callback_set(
         client_, [](mosquitto *, void *object, int id, int reason, const mosquitto_property *) {
@@ -254,7 +262,18 @@ void Link::serve(short ready)
     if (result == MOSQ_ERR_SUCCESS && !closed_)
         result = mosquitto_loop_misc(client_);
     if (result != MOSQ_ERR_SUCCESS)
-        close(mosquitto_strerror(result));
+        close(end_text(result));
+}
+
+// A broker that takes only smaller packets than the first says nothing but goes.
+std::string Link::end_text(int error) const
+{
+    const std::string text = error_text(error);
+    if (was_online_ || error != MOSQ_ERR_CONN_LOST)
+        return text;
+    return text +
+           " The broker said nothing, as one does whose maximum packet size is too small for "
+           "the state message";
 }
 
 void Link::on_connect(int reason, const mosquitto_property *list)
@@ -271,7 +290,7 @@ void Link::on_connect(int reason, const mosquitto_property *list)
         most_qos_ = limit;
     if (mosquitto_property_read_byte(list, MQTT_PROP_RETAIN_AVAILABLE, &limit, false))
         retains_ = limit != 0;
-    online_ = true;
+    online_ = was_online_ = true;
     events_.connected();
 }
 

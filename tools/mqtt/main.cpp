@@ -38,6 +38,7 @@ kp::UniqueFd take_signals()
     (void)sigemptyset(&signals);
     (void)sigaddset(&signals, SIGTERM);
     (void)sigaddset(&signals, SIGINT);
+    (void)sigaddset(&signals, SIGHUP);
     (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     (void)std::signal(SIGPIPE, SIG_IGN);
     return kp::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
