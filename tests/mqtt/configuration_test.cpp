@@ -169,8 +169,89 @@ TEST(Overlap, InTheTagsIsRefusedWithBothRules)
 
 TEST(Overlap, IsNoneWhereTheOutRuleExcludesWhatIsWritten)
 {
-    EXPECT_THAT(faults_of("[[out]]\npattern = \"#\"\nexclude = [\"command/#\"]\n"
+    EXPECT_THAT(faults_of("[[out]]\npattern = \"#\"\nexclude = [\"command\", \"command/#\"]\n"
                           "[[in]]\nfilter = \"command/#\"\n"),
+                IsEmpty());
+}
+
+TEST(Overlap, IsFoundWhereAFilterTakesTheParentThatThePatternExcludes)
+{
+    EXPECT_THAT(faults_of("[[out]]\npattern = \"#\"\nexclude = [\"a/#\"]\n"
+                          "[[in]]\nfilter = \"a/#\"\n"),
+                ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 4) overlap in the tags: the "
+                            "second writes a, the first sends #; exclude it there, or say shared = "
+                            "true in the second"));
+}
+
+TEST(Overlap, IsFoundWhereAFilterTakesTheParentThatTheRuleSends)
+{
+    EXPECT_THAT(faults_of("[[out]]\npattern = \"a\"\n[[in]]\nfilter = \"a/#\"\n"),
+                ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 3) overlap in the tags: the "
+                            "second writes a, the first sends a; exclude it there, or say shared = "
+                            "true in the second"));
+}
+
+TEST(Overlap, IsFoundAtTheTopicThatATagBelowItStandsFor)
+{
+    constexpr const char *kIn = "[[in]]\nfilter = \"a\"\nprefix = \"p\"\ntags = \"t\"\n";
+    constexpr const char *kText =
+        "f: [[out]] 1 (line 2) and [[in]] 1 (line 4) overlap at the broker: the first sends p/a, "
+        "the second receives p/a; keep them apart, or say shared = true in the second";
+
+    EXPECT_THAT(faults_of("prefix = \"p\"\n[[out]]\npattern = \"a/+\"\n" + std::string(kIn)),
+                ElementsAre(kText));
+    EXPECT_THAT(faults_of("prefix = \"p\"\n[[out]]\npattern = \"a/_\"\n" + std::string(kIn)),
+                ElementsAre(kText));
+}
+
+TEST(Overlap, IsFoundAtTheTagThatStandsForATopic)
+{
+    EXPECT_THAT(faults_of("[[out]]\npattern = \"a/_\"\n[[in]]\nfilter = \"a\"\n"),
+                ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 3) overlap in the tags: the "
+                            "second writes a/_, the first sends a/_; exclude it there, or say "
+                            "shared = true in the second"));
+}
+
+TEST(Overlap, IsFoundBehindEscapes)
+{
+    EXPECT_THAT(faults_of("[[out]]\npattern = \"$z/#\"\n[[in]]\nfilter = \"%24z/#\"\n"),
+                ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 3) overlap in the tags: the "
+                            "second writes $z/#, the first sends $z/#; exclude it there, or say "
+                            "shared = true in the second"));
+    EXPECT_THAT(faults_of("prefix = \"p\"\n[[out]]\npattern = \"a/$z/b\"\n"
+                          "[[in]]\nfilter = \"a/+/b\"\nprefix = \"p\"\ntags = \"t\"\n"),
+                ElementsAre(testing::HasSubstr("the first sends p/a/$z/b")));
+}
+
+TEST(Overlap, OfWhatIsSentWithTheStateTopicIsRefused)
+{
+    constexpr const char *kOut = "[[out]]\npattern = \"a/#\"\n";
+
+    EXPECT_THAT(faults_of("prefix = \"p\"\nstate-topic = \"p/a/b%2Bc\"\n" + std::string(kOut)),
+                ElementsAre("f: [[out]] 1 (line 3) can send a tag to the bridge's own state topic "
+                            "p/a/b%2Bc"));
+    EXPECT_THAT(faults_of("prefix = \"p\"\nstate-topic = \"p/a\"\n" + std::string(kOut)),
+                ElementsAre(testing::HasSubstr("the bridge's own state topic p/a")));
+    EXPECT_THAT(faults_of("prefix = \"p\"\nstate-topic = \"p/b\"\n" + std::string(kOut)),
+                IsEmpty());
+}
+
+TEST(InRules, WithTheSameFilterAreRefused)
+{
+    EXPECT_THAT(
+        faults_of("[[in]]\nfilter = \"b/x\"\nprefix = \"a\"\n"
+                  "[[in]]\nfilter = \"x\"\nprefix = \"a/b\"\n"),
+        ElementsAre("f: [[in]] 1 (line 1) and [[in]] 2 (line 4) have the same filter a/b/x: "
+                    "the second can never win"));
+}
+
+TEST(InRules, MustNotBeGivenKeptMessagesByOnesThatAreLessExact)
+{
+    EXPECT_THAT(faults_of("[[in]]\nfilter = \"x\"\n[[in]]\nfilter = \"#\"\nretained = true\n"),
+                ElementsAre("f: [[in]] 1 (line 1) and [[in]] 2 (line 3) both take some topics: the "
+                            "more exact says retained = false, but would be given what the broker "
+                            "has kept for the other"));
+    EXPECT_THAT(faults_of("[[in]]\nfilter = \"#\"\n[[in]]\nfilter = \"x\"\nretained = true\n"),
                 IsEmpty());
 }
 

@@ -11,71 +11,172 @@ namespace kp::mqtt {
 
 namespace {
 
-// Every topic that a rule can send is covered by this filter. Wildcards stay; a prefix and plain
-// levels are escaped as the topics are.
-std::string sent_filter(const OutRule &rule)
+using Names = std::vector<std::string>;
+
+// A plain level as to_mqtt_topic() escapes it in the midst of others.
+std::string escaped_level(std::string_view level, bool is_first)
 {
-    std::string filter = rule.prefix;
-    for (const std::string_view level : split_tag_levels(rule.pattern)) {
-        const bool wildcard = level == "+" || level == "#";
-        filter = join(filter, wildcard ? std::string(level) : to_mqtt_topic("", level));
+    const std::string before = is_first ? "" : "x/";
+    const std::string topic = to_mqtt_topic("", before + std::string(level) + "/x");
+    return topic.substr(before.size(), topic.size() - before.size() - 2);
+}
+
+std::string sent_filter(const std::string &prefix, const Levels &levels)
+{
+    std::string filter = prefix;
+    for (size_t at = 0; at < levels.size(); ++at) {
+        const bool wildcard = levels[at] == "+" || levels[at] == "#";
+        filter =
+            join(filter, wildcard ? std::string(levels[at]) : escaped_level(levels[at], at == 0));
     }
     return filter;
 }
 
-// Every tag that a rule can write is covered by this pattern.
-std::string written_pattern(const InRule &rule)
+std::string written_pattern(const std::string &prefix, const Levels &levels)
 {
-    return join(rule.tags, rule.filter);
+    std::string pattern = prefix;
+    for (const std::string_view level : levels)
+        pattern = join(pattern, without_escapes(level));
+    return pattern;
 }
 
-bool sends_what_is_written(const OutRule &out, const InRule &in)
+// Every topic that a rule can send is covered by one of these filters. Wildcards stay; a prefix and
+// plain levels are escaped as the topics are. The tag a/_ is sent as a, so a/+ sends the topic a too.
+Names sent_filters(const OutRule &rule)
 {
-    const std::string written = written_pattern(in);
-    const bool excluded =
-        std::any_of(out.exclude.begin(), out.exclude.end(), [&written](const std::string &pattern) {
-            return pattern_contains(pattern, written);
-        });
-    return !excluded && patterns_meet(out.pattern, written);
+    Levels levels = split_tag_levels(rule.pattern);
+    Names filters;
+    const bool stands_for_parent = levels.size() > 1 && levels.back() == "_";
+    if (!stands_for_parent)
+        filters.push_back(sent_filter(rule.prefix, levels));
+    if (stands_for_parent || (levels.size() > 1 && levels.back() == "+")) {
+        levels.pop_back();
+        filters.push_back(sent_filter(rule.prefix, levels));
+    }
+    return filters;
 }
 
-void find_overlaps(const Configuration &configuration, std::vector<std::string> &faults)
+// Every tag that a rule can write is covered by one of these patterns. The filter a/# takes the topic
+// a too, which the pattern does not, and any value can find its place at the level "_".
+Names written_patterns(const InRule &rule)
+{
+    Levels levels = split_levels(rule.filter);
+    const std::string whole = written_pattern(rule.tags, levels);
+    if (levels.back() != "#")
+        return {whole, join(whole, "_")};
+    levels.pop_back();
+    return levels.empty() ? Names{whole} : Names{whole, written_pattern(rule.tags, levels)};
+}
+
+// A topic that the first sends and the second receives, as a filter, or null.
+const std::string *meeting_at_the_broker(const Names &sent, const std::string &received)
+{
+    const auto found = std::find_if(sent.begin(), sent.end(), [&received](const auto &filter) {
+        return filters_meet(filter, received);
+    });
+    return found == sent.end() ? nullptr : &*found;
+}
+
+// A pattern of what is written that the out rule takes, or null.
+const std::string *meeting_in_the_tags(const OutRule &out, const Names &written)
+{
+    const auto is_sent = [&out](const std::string &pattern) {
+        return patterns_meet(out.pattern, pattern) &&
+               std::none_of(out.exclude.begin(), out.exclude.end(),
+                            [&pattern](const auto &excluded) {
+                                return pattern_contains(excluded, pattern);
+                            });
+    };
+    const auto found = std::find_if(written.begin(), written.end(), is_sent);
+    return found == written.end() ? nullptr : &*found;
+}
+
+std::string overlap(const OutRule &out, const InRule &in)
+{
+    const Names sent = sent_filters(out);
+    if (const std::string *filter = meeting_at_the_broker(sent, in.full_filter()))
+        return out.name + " and " + in.name + " overlap at the broker: the first sends " + *filter +
+               ", the second receives " + in.full_filter() +
+               "; keep them apart, or say shared = true in the second";
+    const Names written = written_patterns(in);
+    if (const std::string *pattern = meeting_in_the_tags(out, written))
+        return out.name + " and " + in.name + " overlap in the tags: the second writes " +
+               *pattern + ", the first sends " + out.pattern +
+               "; exclude it there, or say shared = true in the second";
+    return {};
+}
+
+void find_overlaps(const Configuration &configuration, Names &faults)
 {
     for (const OutRule &out : configuration.out)
-        for (const InRule &in : configuration.in) {
-            if (in.shared)
-                continue;
-            if (filters_meet(sent_filter(out), in.full_filter()))
-                faults.push_back(out.name + " and " + in.name +
-                                 " overlap at the broker: the first sends " + sent_filter(out) +
-                                 ", the second receives " + in.full_filter() +
-                                 "; keep them apart, or say shared = true in the second");
-            else if (sends_what_is_written(out, in))
-                faults.push_back(out.name + " and " + in.name +
-                                 " overlap in the tags: the second writes " + written_pattern(in) +
-                                 ", the first sends " + out.pattern +
-                                 "; exclude it there, or say shared = true in the second");
-        }
+        for (const InRule &in : configuration.in)
+            if (std::string fault = in.shared ? "" : overlap(out, in); !fault.empty())
+                faults.push_back(std::move(fault));
+}
+
+bool can_send_one_topic(const OutRule &first, const OutRule &second)
+{
+    const Names sent = sent_filters(second);
+    const Names others = sent_filters(first);
+    return std::any_of(others.begin(), others.end(), [&sent](const std::string &filter) {
+        return meeting_at_the_broker(sent, filter) != nullptr;
+    });
 }
 
 // Two tags must not become one topic, which different prefixes make possible.
-void find_collisions(const Configuration &configuration, std::vector<std::string> &faults)
+void find_collisions(const Configuration &configuration, Names &faults)
 {
     const auto &rules = configuration.out;
     for (size_t first = 0; first < rules.size(); ++first)
         for (size_t second = first + 1; second < rules.size(); ++second)
             if (rules[first].prefix != rules[second].prefix &&
-                filters_meet(sent_filter(rules[first]), sent_filter(rules[second])))
+                can_send_one_topic(rules[first], rules[second]))
                 faults.push_back(rules[first].name + " and " + rules[second].name +
                                  " can send different tags to one topic");
 }
 
-void find_state_topic(const Configuration &configuration, std::vector<std::string> &faults)
+// Of two in rules that take a topic the most exact decides, also about what another rule made the
+// broker send.
+void find_in_rules_that_lose(const Configuration &configuration, Names &faults)
 {
+    const auto &rules = configuration.in;
+    for (size_t first = 0; first < rules.size(); ++first)
+        for (size_t second = first + 1; second < rules.size(); ++second) {
+            const std::string one = rules[first].full_filter();
+            const std::string other = rules[second].full_filter();
+            const std::string both = rules[first].name + " and " + rules[second].name;
+            if (one == other)
+                faults.push_back(both + " have the same filter " + one +
+                                 ": the second can never win");
+            else if (filters_meet(one, other) && rules[first].retained != rules[second].retained &&
+                     rules[is_more_exact(one, other) ? second : first].retained)
+                faults.push_back(both + " both take some topics: the more exact says retained = "
+                                        "false, but would be given what the broker has kept for "
+                                        "the other");
+        }
+}
+
+bool sends_tag(const Configuration &configuration, const OutRule &rule, const std::string &tag,
+               const std::string &topic)
+{
+    return rule.takes(tag) && !pattern_covers(configuration.status_prefix + "/#", tag) &&
+           to_mqtt_topic(rule.prefix, tag) == topic;
+}
+
+// The value of a tag in place of "online" would make the device look gone, or the other way round.
+void find_state_topic(const Configuration &configuration, Names &faults)
+{
+    const std::string &topic = configuration.state_topic;
     for (const InRule &in : configuration.in)
-        if (!in.shared && filter_covers(in.full_filter(), configuration.state_topic))
-            faults.push_back(in.name + " receives the bridge's own state topic " +
-                             configuration.state_topic);
+        if (!in.shared && filter_covers(in.full_filter(), topic))
+            faults.push_back(in.name + " receives the bridge's own state topic " + topic);
+    for (const OutRule &out : configuration.out) {
+        const size_t below = out.prefix.empty() ? 0 : out.prefix.size() + 1;
+        const std::string tag = without_escapes(topic.substr(std::min(below, topic.size())));
+        if (sends_tag(configuration, out, tag, topic) ||
+            sends_tag(configuration, out, join(tag, "_"), topic))
+            faults.push_back(out.name + " can send a tag to the bridge's own state topic " + topic);
+    }
 }
 
 } // namespace
@@ -87,6 +188,7 @@ std::vector<std::string> rule_faults(const Configuration &configuration)
         faults.push_back("there is no [[out]] and no [[in]] rule: nothing to do");
     find_overlaps(configuration, faults);
     find_collisions(configuration, faults);
+    find_in_rules_that_lose(configuration, faults);
     find_state_topic(configuration, faults);
     return faults;
 }

@@ -1,5 +1,7 @@
 #include "topic_filter.h"
 
+#include <algorithm>
+
 namespace kp::mqtt {
 
 namespace {
@@ -35,6 +37,13 @@ bool meet(const Levels &a, const Levels &b, Rest rest)
         if (a[at] != "+" && b[at] != "+" && a[at] != b[at])
             return false;
     }
+}
+
+int exactness(const Levels &filter, size_t at)
+{
+    if (at >= filter.size())
+        return 2; // an end is as plain as a name
+    return filter[at] == "#" ? 0 : filter[at] == "+" ? 1 : 2;
 }
 
 std::string wildcard_fault(const Levels &levels)
@@ -99,6 +108,16 @@ bool patterns_meet(std::string_view a, std::string_view b)
 bool filters_meet(std::string_view a, std::string_view b)
 {
     return meet(split_levels(a), split_levels(b), Rest::may_be_empty);
+}
+
+bool is_more_exact(std::string_view a, std::string_view b)
+{
+    const Levels one = split_levels(a);
+    const Levels other = split_levels(b);
+    for (size_t at = 0; at < std::max(one.size(), other.size()); ++at)
+        if (exactness(one, at) != exactness(other, at))
+            return exactness(one, at) > exactness(other, at);
+    return false;
 }
 
 bool pattern_contains(std::string_view outer, std::string_view inner)

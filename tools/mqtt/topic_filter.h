@@ -30,6 +30,10 @@ bool filter_covers(std::string_view filter, std::string_view topic);
 bool patterns_meet(std::string_view a, std::string_view b);
 bool filters_meet(std::string_view a, std::string_view b);
 
+// Whether the first of two filters that meet says more: where they differ first, a plain level says
+// more than "+", and that more than "#".
+bool is_more_exact(std::string_view a, std::string_view b);
+
 // Whether every tag that `inner` covers is covered by `outer`.
 bool pattern_contains(std::string_view outer, std::string_view inner);
 

@@ -83,18 +83,6 @@ std::optional<char> escaped_byte(std::string_view text)
     return end == text.data() + 3 ? std::optional(static_cast<char>(byte)) : std::nullopt;
 }
 
-std::string unescape(std::string_view text)
-{
-    std::string plain;
-    plain.reserve(text.size());
-    while (!text.empty()) {
-        const auto byte = escaped_byte(text);
-        plain += byte.value_or(text[0]);
-        text.remove_prefix(byte ? 3 : 1);
-    }
-    return plain;
-}
-
 std::string level_fault(std::string_view level)
 {
     if (level.empty())
@@ -136,6 +124,18 @@ std::string printable(std::string_view text)
     return escape(text, "");
 }
 
+std::string without_escapes(std::string_view text)
+{
+    std::string plain;
+    plain.reserve(text.size());
+    while (!text.empty()) {
+        const auto byte = escaped_byte(text);
+        plain += byte.value_or(text[0]);
+        text.remove_prefix(byte ? 3 : 1);
+    }
+    return plain;
+}
+
 std::string to_mqtt_topic(std::string_view prefix, std::string_view tag)
 {
     Levels levels = split_tag_levels(tag);
@@ -157,7 +157,7 @@ Name to_tag_topic(std::string_view topic)
     for (const std::string_view raw : split_levels(topic)) {
         if (raw.starts_with('$'))
             return {{}, "a level starts with \"$\""};
-        const std::string level = unescape(raw);
+        const std::string level = without_escapes(raw);
         if (std::string fault = level_fault(level); !fault.empty())
             return {{}, std::move(fault)};
         name.text = join(name.text, level);

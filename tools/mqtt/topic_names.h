@@ -28,6 +28,9 @@ Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix,
 // Joins two parts with "/", where neither is empty.
 std::string join(std::string_view first, std::string_view second);
 
+// Undoes the escapes alone.
+std::string without_escapes(std::string_view text);
+
 // What is wrong with a prefix or a plain topic for MQTT, or an empty text. Refuses wildcards, control
 // characters and what is not UTF-8.
 std::string mqtt_topic_fault(std::string_view topic);
