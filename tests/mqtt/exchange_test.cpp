@@ -37,6 +37,15 @@ std::string all_bytes(size_t size)
     return bytes;
 }
 
+// A value that is small itself, beside a long list.
+std::string json_of_size(size_t size)
+{
+    std::string numbers = "{\"value\":1,\"rest\":[1";
+    while (numbers.size() < size)
+        numbers += ",1";
+    return numbers + "]}";
+}
+
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(
@@ -186,6 +195,26 @@ TEST(Sizes, FromOneByteToTheLargestGoBothWays)
     EXPECT_EQ(found.at("p/a/all").payload, all_bytes(4000));
 }
 
+TEST(Sizes, OfMessagesThatNoTagCanHoldNeverReachTheMemory)
+{
+    const Broker broker;
+    BridgeProgram bridge(broker.port(), "prefix = \"p\"\n[[in]]\nfilter = \"c/#\"\n"
+                                        "prefix = \"s\"\npayload = \"json\"\n");
+    ASSERT_TRUE(wait_for_connection());
+    const long before = bridge.memory();
+
+    publish(broker.port(), "s/c/huge", json_of_size(8'000'000));
+    publish(broker.port(), "s/c/large", json_of_size(100'000));
+    publish(broker.port(), "s/c/small", "17");
+
+    EXPECT_TRUE(wait_for_tag("c/small", "17"));
+    EXPECT_FALSE(read_tag("c/huge"));
+    EXPECT_FALSE(read_tag("c/large"));
+    EXPECT_LT(bridge.memory(), before + 4'000);
+    EXPECT_TRUE(wait_until([] { return status_number("refused") == 1; }));
+    EXPECT_EQ(bridge.log().find("s/c/huge"), std::string::npos);
+}
+
 TEST(OddNames, AreEscapedOnTheWayOut)
 {
     const Broker broker;
@@ -225,6 +254,22 @@ TEST(OddNames, AreRefusedOnTheWayInOrFindAPlace)
     EXPECT_TRUE(wait_until([] { return status_number("refused") == 5; }));
 }
 
+TEST(OddNames, OfAParentAndItsChildArriveTogetherInEitherOrder)
+{
+    const Broker broker;
+    for (const char *topic : {"s/c/1/b", "s/c/1", "s/c/2", "s/c/2/b"})
+        publish(broker.port(), topic, topic, {"-r"});
+    BridgeProgram bridge(broker.port(), "prefix = \"p\"\n[[in]]\nfilter = \"c/#\"\n"
+                                        "prefix = \"s\"\nretained = true\n");
+
+    EXPECT_TRUE(wait_for_tag("c/1/b", "s/c/1/b"));
+    EXPECT_TRUE(wait_for_tag("c/1/_", "s/c/1"));
+    EXPECT_TRUE(wait_for_tag("c/2/b", "s/c/2/b"));
+    EXPECT_TRUE(wait_for_tag("c/2/_", "s/c/2"));
+    EXPECT_TRUE(wait_until([] { return status_number("in") == 4; }));
+    EXPECT_EQ(status_number("refused"), 0u);
+}
+
 TEST(Commands, ThatTheBrokerKeptAreIgnoredUnlessAskedFor)
 {
     const Broker broker;
@@ -238,6 +283,17 @@ TEST(Commands, ThatTheBrokerKeptAreIgnoredUnlessAskedFor)
     publish(broker.port(), "s/c/new", "sent", {"-r"});
     EXPECT_TRUE(wait_for_tag("c/new", "sent"));
     EXPECT_FALSE(read_tag("c/old"));
+}
+
+TEST(Commands, ThatTheBrokerKeptGoToTheMostExactRule)
+{
+    const Broker broker;
+    publish(broker.port(), "s/c/x", "5", {"-r"});
+    BridgeProgram bridge(broker.port(), "[[in]]\nfilter = \"c/#\"\nprefix = \"s\"\n"
+                                        "[[in]]\nfilter = \"c/x\"\nprefix = \"s\"\n"
+                                        "type = \"int32\"\nretained = true\n");
+
+    EXPECT_TRUE(wait_for_tag("c/x", bytes_of<int32_t>(5)));
 }
 
 TEST(Commands, KeepTheTypeOfATagThatSomebodyProvides)

@@ -1,6 +1,7 @@
 #include "inbound.h"
 
 #include "store_fixture.h"
+#include "testing/capture.h"
 #include "testing/segment_file.h"
 
 #include <gmock/gmock.h>
@@ -27,7 +28,8 @@ class InboundOf {
                         last_ = std::move(request);
                     },
                     [this](const std::string &tag) { written_.push_back(tag + " dropped"); },
-                    [this](const std::string &tag) { written_.push_back(tag + " is newer"); }},
+                    [this](const std::string &tag) { written_.push_back(tag + " is newer"); },
+                    [this](const std::string &tag) { written_.push_back(tag + " lives"); }},
                    counters_)
     {
     }
@@ -49,6 +51,10 @@ class InboundOf {
     {
         return last_.is_declared;
     }
+    unsigned last_messages() const
+    {
+        return last_.messages;
+    }
     const Counters &counters() const
     {
         return counters_;
@@ -67,6 +73,14 @@ class InboundOf {
     Inbound inbound_;
 };
 
+std::string repeated(const std::string &text, int times)
+{
+    std::string all;
+    for (int count = 0; count < times; ++count)
+        all += text;
+    return all;
+}
+
 } // namespace
 
 TEST(Inbound, WritesATagOfTheRulesType)
@@ -79,7 +93,7 @@ TEST(Inbound, WritesATagOfTheRulesType)
     EXPECT_EQ(inbound.last().type, KP_TYPE_INT16);
     EXPECT_EQ(inbound.last().quality, KP_QUALITY_GOOD);
     EXPECT_FALSE(inbound.last_was_declared());
-    EXPECT_EQ(inbound.counters().in, 1u);
+    EXPECT_EQ(inbound.last_messages(), 1u);
 }
 
 TEST(Inbound, TakesTypeAndMaximumFromATagThatExists)
@@ -119,6 +133,42 @@ TEST(Inbound, RefusesWhatCannotBeConverted)
     EXPECT_EQ(inbound.counters().refused, 3u);
 }
 
+TEST(Inbound, TakesTheMostExactRuleWhateverTheOrder)
+{
+    InboundOf inbound("type = \"int16\"\n[[in]]\nfilter = \"c/+\"\nprefix = \"s\"\n"
+                      "type = \"int8\"\n[[in]]\nfilter = \"c/x\"\nprefix = \"s\"\n"
+                      "type = \"uint8\"\n[[in]]\nfilter = \"c/#\"\nprefix = \"s\"\n");
+
+    inbound.receive("s/c/x", "200");
+    inbound.receive("s/c/y", "-1");
+    inbound.receive("s/c/y/z", "text");
+    inbound.receive("s/d", "257");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("c/x=\xC8", "c/y=\xFF", "c/y/z=text", "d=\x01\x01"));
+}
+
+TEST(Inbound, TakesTheLongestValueWithEveryByteEscaped)
+{
+    InboundOf inbound("payload = \"json\"\n");
+
+    inbound.receive("s/a", "{\"value\":\"" + repeated("\\u0001", KP_MAX_VALUE_SIZE) + "\"}");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=" + std::string(KP_MAX_VALUE_SIZE, '\1')));
+}
+
+TEST(Inbound, RefusesWhatIsTooLargeWithoutParsingIt)
+{
+    InboundOf inbound("payload = \"json\"\n");
+    StderrCapture log;
+
+    inbound.receive("s/a", "{\"value\":1,\"rest\":\"" + std::string(41'000, ' ') + "\"}");
+
+    EXPECT_THAT(inbound.written(), IsEmpty());
+    EXPECT_EQ(inbound.counters().refused, 1u);
+    EXPECT_THAT(log.text(), testing::HasSubstr("the message on s/a is refused: it has 41021 bytes, "
+                                               "more than any value can need"));
+}
+
 TEST(Inbound, RefusesMoreTagsThanTheRuleAllows)
 {
     InboundOf inbound("max-tags = 1\n");
@@ -130,16 +180,38 @@ TEST(Inbound, RefusesMoreTagsThanTheRuleAllows)
     EXPECT_THAT(inbound.written(), ElementsAre("a=x", "a=z"));
 }
 
-TEST(Inbound, PutsAValueBesideWhatIsBelowItsName)
+TEST(Inbound, RefusesANameBelowATagOfOthers)
 {
-    StoreProvider below("a/b");
+    StoreProvider above("a/b");
     InboundOf inbound("");
 
-    inbound.receive("s/a", "x");
     inbound.receive("s/a/b/c", "y");
 
-    EXPECT_THAT(inbound.written(), ElementsAre("a/_=x"));
+    EXPECT_THAT(inbound.written(), IsEmpty());
     EXPECT_EQ(inbound.counters().refused, 1u);
+}
+
+TEST(Inbound, LeavesANameBelowItsOwnTagToTheWriter)
+{
+    InboundOf inbound("");
+    inbound.receive("s/a/b", "x");
+    StoreProvider above("a/b");
+
+    inbound.receive("s/a/b/c", "y");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a/b=x", "a/b/c=y"));
+}
+
+TEST(Inbound, TakesTypeAndMaximumFromTheTagThatStandsForTheTopic)
+{
+    StoreProvider below("a/b");
+    StoreProvider beside("a/_", KP_TYPE_UINT8);
+    InboundOf inbound("");
+
+    inbound.receive("s/a", "5");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=\x05"));
+    EXPECT_TRUE(inbound.last_was_declared());
 }
 
 TEST(Inbound, NeverWritesTheBridgesOwnTags)
@@ -182,6 +254,43 @@ TEST(SharedTree, DropsATagWithItsTopic)
     inbound.receive("s/b", "");
 
     EXPECT_THAT(inbound.written(), ElementsAre("a=x", "a dropped"));
+}
+
+TEST(SharedTree, SaysThatATagOfOthersOutlivesItsClearing)
+{
+    StoreProvider provider("a");
+    provider.write("x");
+    StoreProvider without_value("b");
+    InboundOf inbound("shared = true\n");
+
+    inbound.receive("s/a", "");
+    inbound.receive("s/b", "");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a lives"));
+}
+
+TEST(SharedTree, SaysThatATagThatOthersProvideTooOutlivesItsClearing)
+{
+    InboundOf inbound("shared = true\n");
+    inbound.receive("s/a", "x");
+    StoreProvider as_if_by_the_bridge("a");
+    StoreProvider provider("a");
+    provider.write("x");
+
+    inbound.receive("s/a", "");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=x", "a dropped", "a lives"));
+}
+
+TEST(SharedTree, DoesNotAnswerItsOwnClearing)
+{
+    StoreProvider provider("a");
+    provider.write("x");
+    InboundOf inbound("shared = true\n");
+
+    inbound.receive("s/a", "", {{"origin", "me/now"}});
+
+    EXPECT_THAT(inbound.written(), IsEmpty());
 }
 
 TEST(SharedTree, IgnoresWhatTheTagHasAlready)

@@ -141,6 +141,53 @@ TEST(TwoBridges, AgreeOnTheNewerValueWhenOneComesBackWithAnOlder)
     EXPECT_TRUE(other.does("await a/both new"));
 }
 
+TEST(TwoBridges, AnswerAForeignClearingOnceAndOnlyWhereTheTagLives)
+{
+    const Broker broker;
+    OtherDevice other(broker.port(), kShared);
+    BridgeProgram bridge(broker.port(), kShared);
+    Tags tags;
+    tags.declare("a/mine");
+    ASSERT_TRUE(wait_for_connection());
+    tags.write("a/mine", "one");
+    ASSERT_TRUE(other.does("await a/mine one"));
+    Subscriber subscriber(broker.port(), "tree/#");
+    ASSERT_EQ(subscriber.until_quiet(1s).size(), 1u);
+
+    publish(broker.port(), "tree/a/mine", "", {"-r"});
+
+    const auto messages = subscriber.until_quiet(2s);
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(messages[0].payload, "");
+    EXPECT_EQ(messages[1].payload, "one");
+    EXPECT_EQ(retained(broker.port(), "tree/#").at("tree/a/mine").payload, "one");
+    EXPECT_TRUE(other.does("await a/mine one"));
+}
+
+TEST(TwoBridges, ThatBothProvideATagAnswerAForeignClearingOnceEach)
+{
+    const Broker broker;
+    OtherDevice other(broker.port(), kShared);
+    BridgeProgram bridge(broker.port(), kShared);
+    Tags tags;
+    tags.declare("a/both");
+    ASSERT_TRUE(other.does("declare a/both"));
+    ASSERT_TRUE(wait_for_connection());
+    tags.write("a/both", "one");
+    ASSERT_TRUE(other.does("await a/both one"));
+    Subscriber subscriber(broker.port(), "tree/#");
+    ASSERT_EQ(subscriber.until_quiet(1s).size(), 1u);
+
+    publish(broker.port(), "tree/a/both", "", {"-r"});
+
+    const auto messages = subscriber.until_quiet(2s);
+    ASSERT_EQ(messages.size(), 3u);
+    EXPECT_EQ(messages[0].payload, "");
+    EXPECT_EQ(messages[1].payload, "one");
+    EXPECT_EQ(messages[2].payload, "one");
+    EXPECT_EQ(retained(broker.port(), "tree/#").at("tree/a/both").payload, "one");
+}
+
 TEST(Bridge, RefusesAConfigurationThatLoops)
 {
     BridgeProgram bridge(1, configuration(1, "[[out]]\npattern = \"a/#\"\nprefix = \"tree\"\n"

@@ -73,7 +73,11 @@ Bridge::Bridge(const Configuration &configuration, Credentials credentials, Stat
                     writer_.put(tag, std::move(request));
                 },
                 [this](const std::string &tag) { writer_.drop(tag); },
-                [this](const std::string &tag) { outbound_.repeat(tag, Clock::now()); }},
+                [this](const std::string &tag) { outbound_.repeat(tag, Clock::now()); },
+                [this](const std::string &tag) {
+                    writer_.forget(tag);
+                    outbound_.repeat(tag, Clock::now());
+                }},
                counters),
       lost_providers_(outbound_, configuration.trust_visible),
       status_(configuration.status_prefix, writer),

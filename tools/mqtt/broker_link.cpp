@@ -19,6 +19,10 @@ namespace {
 
 constexpr size_t kMostUnacknowledged = 1000;
 
+// The broker keeps back what is larger. Beside the payload there is room for the longest topic and for
+// properties.
+constexpr uint32_t kMostPacketBytes = kMostPayloadBytes + 88 * 1024;
+
 class Properties {
   public:
     Properties() = default;
@@ -111,9 +115,12 @@ struct Attempt {
 void connect_to_broker(const std::shared_ptr<Attempt> &attempt, const std::string &host, int port,
                        int keep_alive_s)
 {
+    mosquitto_property *limits = nullptr;
+    (void)mosquitto_property_add_int32(&limits, MQTT_PROP_MAXIMUM_PACKET_SIZE, kMostPacketBytes);
     attempt->result = mosquitto_connect_bind_v5(attempt->client, host.c_str(), port, keep_alive_s,
-                                                nullptr, nullptr);
+                                                nullptr, limits);
     attempt->error = errno;
+    mosquitto_property_free_all(&limits);
     attempt->is_done = true;
     const uint64_t one = 1;
     (void)!write(attempt->done.get(), &one, sizeof one);

@@ -66,22 +66,45 @@ void Inbound::receive(const Message &message)
         ++counters_.echoes;
         return;
     }
-    const Name tag = tag_for(*rule, message.topic);
-    if (!tag.fault.empty())
-        return refuse(message.topic, "cannot be a tag: " + tag.fault);
+    const Name name = name_for(*rule, message.topic);
+    if (!name.fault.empty())
+        return refuse(message.topic, "cannot be a tag: " + name.fault);
+    if (message.payload.size() > kMostPayloadBytes)
+        return refuse(message.topic, "it has " + std::to_string(message.payload.size()) +
+                                         " bytes, more than any value can need");
     if (!message.payload.empty())
-        return take(*rule, tag.text, message);
-    // An empty message clears a retained one. A shared tag goes with it; a command has been taken.
-    if (rule->settings->shared && rule->tags.erase(tag.text))
-        target_.drop(tag.text);
+        return take(*rule, name.text, message);
+    if (rule->settings->shared)
+        take_clearing(*rule, name.text);
 }
 
+// An empty message clears a retained one. In a shared tree the bridge's own tag goes with it; what
+// others here provide or have written stays, and the broker is to have it again.
+void Inbound::take_clearing(Rule &rule, const std::string &name)
+{
+    const auto written = rule.tags.find(name);
+    const bool own = written != rule.tags.end() && written->second;
+    const std::string tag = reader_.standing_for(name);
+    Sample sample;
+    const bool lives = read_patiently(reader_, tag, sample) == ReadOutcome::read &&
+                       sample.has_value && (!own || sample.providers > 1);
+    if (own)
+        target_.drop(name);
+    if (written != rule.tags.end())
+        rule.tags.erase(written);
+    if (lives)
+        target_.cleared(tag);
+}
+
+// The most exact of the rules that take a topic.
 Inbound::Rule *Inbound::rule_for(const std::string &topic)
 {
-    const auto found = std::find_if(rules_.begin(), rules_.end(), [&topic](const Rule &rule) {
-        return filter_covers(rule.settings->full_filter(), topic);
-    });
-    return found == rules_.end() ? nullptr : &*found;
+    Rule *best = nullptr;
+    for (Rule &rule : rules_)
+        if (filter_covers(rule.settings->full_filter(), topic) &&
+            (!best || is_more_exact(rule.settings->full_filter(), best->settings->full_filter())))
+            best = &rule;
+    return best;
 }
 
 // Whatever the boot: what the broker kept from before a restart is an echo too.
@@ -91,32 +114,35 @@ bool Inbound::is_own(const Message &message) const
     return origin && origin_device(*origin) == configuration_.device;
 }
 
-// A value that cannot stand beside what is below its name goes to the level "_" there.
-Name Inbound::tag_for(const Rule &rule, const std::string &topic) const
+// The writer makes room for a name below a tag that the bridge has written, where it can.
+Name Inbound::name_for(const Rule &rule, const std::string &topic) const
 {
     Name name = to_tag_topic(rule.settings->prefix, rule.settings->tags, topic);
     if (!name.fault.empty())
         return name;
     if (pattern_covers(configuration_.status_prefix + "/#", name.text))
         return {{}, "it is the bridge's own"};
-    switch (reader_.place(name.text)) {
-    case StoreReader::Place::directory:
-        name.text += "/_";
-        break;
-    case StoreReader::Place::below_a_topic:
+    if (reader_.place(name.text) == StoreReader::Place::below_a_topic &&
+        !is_below_a_written_tag(name.text))
         return {{}, "a part of its name is a tag with a value"};
-    case StoreReader::Place::free:
-    case StoreReader::Place::topic:
-        break;
-    }
     return name;
 }
 
-void Inbound::take(Rule &rule, const std::string &tag, const Message &message)
+bool Inbound::is_below_a_written_tag(const std::string &name) const
 {
-    const bool is_new = !rule.tags.contains(tag);
+    for (size_t end = name.find('/'); end != name.npos; end = name.find('/', end + 1))
+        for (const Rule &rule : rules_)
+            if (rule.tags.contains(name.substr(0, end)))
+                return true;
+    return false;
+}
+
+void Inbound::take(Rule &rule, const std::string &name, const Message &message)
+{
+    const bool is_new = !rule.tags.contains(name);
     if (is_new && rule.tags.size() >= rule.settings->max_tags)
         return refuse(message.topic, "the rule has written max-tags tags already");
+    const std::string tag = reader_.standing_for(name);
     Sample current;
     const ReadOutcome outcome = read_patiently(reader_, tag, current);
     WriteRequest request;
@@ -126,9 +152,9 @@ void Inbound::take(Rule &rule, const std::string &tag, const Message &message)
     if (outcome == ReadOutcome::read && current.has_value &&
         is_superfluous(*rule.settings, tag, current, request.sample))
         return;
-    rule.tags.insert(tag);
-    target_.put(tag, std::move(request));
-    ++counters_.in;
+    rule.tags.try_emplace(name, !request.is_declared);
+    request.messages = 1;
+    target_.put(name, std::move(request));
 }
 
 // Returns what is wrong, or an empty text.

@@ -12,7 +12,7 @@
 
 #include <functional>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 namespace kp::mqtt {
@@ -22,12 +22,15 @@ std::string_view origin_device(std::string_view origin);
 
 class Inbound {
   public:
-    // Where values go: the writer's put() and drop(), apart from tests.
+    // Where values go: the writer's put() and drop(), apart from tests. Both take the name that the
+    // topic gives, and the writer finds its place in the store.
     struct Target {
         std::function<void(const std::string &tag, WriteRequest request)> put;
         std::function<void(const std::string &tag)> drop;
         // The broker has been given a value of a shared tag that is older than the tag's.
         std::function<void(const std::string &tag)> older_arrived;
+        // The broker has lost the value of a shared tag that lives on here.
+        std::function<void(const std::string &tag)> cleared;
     };
 
     Inbound(const Configuration &configuration, const StoreReader &reader, Target target,
@@ -39,13 +42,17 @@ class Inbound {
   private:
     struct Rule {
         const InRule *settings;
-        std::unordered_set<std::string> tags; // written through it
+        // Written through it, by the name that the topic gives, and whether nobody had declared the
+        // tag then, so that the bridge provides it.
+        std::unordered_map<std::string, bool> tags;
     };
 
     Rule *rule_for(const std::string &topic);
     bool is_own(const Message &message) const;
-    Name tag_for(const Rule &rule, const std::string &topic) const;
-    void take(Rule &rule, const std::string &tag, const Message &message);
+    Name name_for(const Rule &rule, const std::string &topic) const;
+    bool is_below_a_written_tag(const std::string &name) const;
+    void take(Rule &rule, const std::string &name, const Message &message);
+    void take_clearing(Rule &rule, const std::string &name);
     std::string convert(const InRule &rule, const Message &message, ReadOutcome outcome,
                         const Sample &current, WriteRequest &request) const;
     bool is_superfluous(const InRule &rule, const std::string &tag, const Sample &current,

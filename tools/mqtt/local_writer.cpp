@@ -44,20 +44,32 @@ int LocalWriter::changed(kp_t *, const kp_write_info *notice, void *self)
 void LocalWriter::put(const std::string &tag, WriteRequest request)
 {
     const std::lock_guard lock(mutex_);
-    waiting_[tag] = std::move(request);
+    auto &waiting = waiting_[tag];
+    if (waiting)
+        request.messages += waiting->messages;
+    waiting = std::move(request);
     wake_.notify_one();
 }
 
 void LocalWriter::drop(const std::string &tag)
 {
     const std::lock_guard lock(mutex_);
-    waiting_[tag] = std::nullopt;
+    auto &waiting = waiting_[tag];
+    if (waiting)
+        counters_.in += waiting->messages; // taken, and gone again at once
+    waiting = std::nullopt;
     wake_.notify_one();
 }
 
 LocalWriter::Written LocalWriter::written(const Sample &sample)
 {
     return {std::hash<std::string>{}(sample.value), sample.source_ts, sample.quality};
+}
+
+void LocalWriter::forget(const std::string &tag)
+{
+    const std::lock_guard lock(mutex_);
+    memory_.erase(tag);
 }
 
 bool LocalWriter::is_own(const std::string &tag, const Sample &sample) const
@@ -109,39 +121,83 @@ void LocalWriter::run()
 void LocalWriter::carry_out(const Requests &requests)
 {
     bool announce = false;
-    for (const auto &[tag, request] : requests) {
-        if (request) {
-            announce |= write(tag, *request);
-            continue;
-        }
-        if (const auto own = own_.find(tag); own != own_.end()) {
-            (void)kp_tag_destroy(handle_, own->second);
-            own_.erase(own);
-        }
+    for (const auto &[name, request] : requests) {
+        if (request)
+            announce |= write(name, *request);
+        else
+            drop_now(name);
     }
     if (announce)
         (void)kp_tag_notify(handle_);
 }
 
-bool LocalWriter::write(const std::string &tag, const WriteRequest &request)
+void LocalWriter::drop_now(const std::string &name)
+{
+    const auto own = own_.find(reader_.standing_for(name));
+    if (own == own_.end())
+        return;
+    (void)kp_tag_destroy(handle_, own->second);
+    own_.erase(own);
+}
+
+bool LocalWriter::write(const std::string &name, const WriteRequest &request)
+{
+    const auto moving = make_room(name);
+    const bool done = write_in_place(name, request);
+    // Wherever it fits now: beside the new tag, or where it was when that could not be made.
+    const bool moved = moving && write_in_place(moving->name, moving->request);
+    if (done)
+        counters_.in += request.messages;
+    else
+        ++counters_.refused;
+    return done || moved;
+}
+
+// Takes a tag with a value out of the way of one below its name: only a tag that the bridge alone has
+// open, since others would go on with a file that is gone.
+std::optional<LocalWriter::Moving> LocalWriter::make_room(const std::string &name)
+{
+    if (reader_.place(name) != StoreReader::Place::below_a_topic)
+        return {};
+    std::string above = name;
+    while (reader_.place(above) == StoreReader::Place::below_a_topic)
+        above.resize(above.rfind('/'));
+    const auto own = own_.find(above);
+    Sample sample;
+    if (own == own_.end() || reader_.read(above, sample) != ReadOutcome::read ||
+        sample.providers != 1 || sample.consumers != 0 || !sample.has_value)
+        return {};
+    (void)kp_tag_destroy(handle_, own->second);
+    own_.erase(own);
+    return Moving{above, {std::move(sample), false, 0}};
+}
+
+bool LocalWriter::write_in_place(const std::string &name, const WriteRequest &request)
+{
+    if (reader_.place(name) == StoreReader::Place::below_a_topic) {
+        log(Level::warning, "the tag " + printable(name) +
+                                " cannot be written: a part of its name is a tag with a value that "
+                                "others use");
+        return false;
+    }
+    const std::string tag = reader_.standing_for(name);
+    const bool done = write_tag(tag, request);
+    if (!done)
+        log(Level::warning, "the tag " + printable(tag) + " cannot be written; see the line above");
+    return done;
+}
+
+bool LocalWriter::write_tag(const std::string &tag, const WriteRequest &request)
 {
     const Sample &sample = request.sample;
     const auto size = static_cast<uint32_t>(sample.value.size());
-    const bool own = own_.contains(tag);
     remember(tag, sample);
-    bool done = false;
-    if (request.is_declared && !own) {
-        done = kp_tag_instant_write(handle_, tag.c_str(), sample.value.data(), sample.type, size,
+    if (request.is_declared && !own_.contains(tag))
+        return kp_tag_instant_write(handle_, tag.c_str(), sample.value.data(), sample.type, size,
                                     sample.quality, sample.source_ts, sample.extra_info) == 0;
-    } else if (kp_tag_t *provided = provider(tag, request)) {
-        done = kp_tag_write_with_source_params(handle_, provided, sample.value.data(), size,
-                                               sample.quality, sample.source_ts) >= 0;
-    }
-    if (!done) {
-        ++counters_.refused;
-        log(Level::warning, "the tag " + printable(tag) + " cannot be written; see the line above");
-    }
-    return done;
+    kp_tag_t *provided = provider(tag, request);
+    return provided && kp_tag_write_with_source_params(handle_, provided, sample.value.data(), size,
+                                                       sample.quality, sample.source_ts) >= 0;
 }
 
 kp_tag_t *LocalWriter::provider(const std::string &tag, const WriteRequest &request)

@@ -2,12 +2,16 @@
 // thread of its own, because sending a notice waits for a local peer that does not read; a stuck one
 // then holds up what comes in, but never what goes out, nor the connection. What waits is a map with
 // the newest value of each tag.
+//
+// In the store a cannot have a value beside a/b, so that a/_ has it. Which of the two a value goes to
+// is decided here, when it is written, since the other can come in between.
 #pragma once
 
 #include "change_marks.h"
 #include "counters.h"
 #include "pending.h"
 #include "sample.h"
+#include "store_reader.h"
 
 #include <array>
 #include <condition_variable>
@@ -23,6 +27,7 @@ namespace kp::mqtt {
 struct WriteRequest {
     Sample sample;            // type, maximum, extra information, quality, source time, value
     bool is_declared = false; // by somebody: written as it is, else a provider tag is made
+    unsigned messages = 0;    // from the broker that it stands for, all of which are counted
 };
 
 class LocalWriter {
@@ -38,6 +43,9 @@ class LocalWriter {
 
     // Gives up the bridge's own provider tag, if it has one, so that the topic goes.
     void drop(const std::string &tag);
+
+    // From now on the value of the tag is not the broker's: the broker has lost it.
+    void forget(const std::string &tag);
 
     // Whether a value that stands in the store is what put() last brought there.
     bool is_own(const std::string &tag, const Sample &sample) const;
@@ -65,12 +73,21 @@ class LocalWriter {
     static Written written(const Sample &sample);
     void run();
     void carry_out(const Requests &requests);
-    bool write(const std::string &tag, const WriteRequest &request);
+    void drop_now(const std::string &name);
+    bool write(const std::string &name, const WriteRequest &request);
+    bool write_in_place(const std::string &name, const WriteRequest &request);
+    bool write_tag(const std::string &tag, const WriteRequest &request);
+    struct Moving {
+        std::string name;
+        WriteRequest request;
+    };
+    std::optional<Moving> make_room(const std::string &name);
     kp_tag_t *provider(const std::string &tag, const WriteRequest &request);
     void remember(const std::string &tag, const Sample &sample);
 
     ChangeMarks &marks_;
     Counters &counters_;
+    StoreReader reader_;
     kp_t *handle_ = nullptr;
     std::unordered_map<std::string, kp_tag_t *> own_; // the thread's
 

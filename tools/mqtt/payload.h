@@ -18,6 +18,11 @@ enum class PayloadMode {
     raw,   // the store's bytes
 };
 
+// No payload that becomes a value is larger: 4000 bytes of which JSON escapes each with six, the topic
+// with three for each of its bytes, and the other keys. Larger ones are never parsed, which would take
+// many times their size.
+constexpr size_t kMostPayloadBytes = 40 * 1024;
+
 using UserProperties = std::vector<std::pair<std::string, std::string>>;
 
 // The names of the user properties, on both directions of travel.

@@ -137,4 +137,11 @@ StoreReader::Place StoreReader::place(const std::string &topic) const
     return errno == ENOTDIR ? Place::below_a_topic : Place::free;
 }
 
+std::string StoreReader::standing_for(std::string name) const
+{
+    while (place(name) == Place::directory)
+        name += "/_";
+    return name;
+}
+
 } // namespace kp::mqtt

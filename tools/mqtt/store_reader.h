@@ -33,6 +33,10 @@ class StoreReader {
     // What stands at a topic's place: a new tag fits only where nothing does.
     enum class Place { free, topic, directory, below_a_topic };
     Place place(const std::string &topic) const;
+
+    // The tag that stands for a name now: in the store a cannot have a value beside a/b, so that a/_
+    // has it.
+    std::string standing_for(std::string name) const;
 };
 
 } // namespace kp::mqtt

@@ -1,0 +1,156 @@
+#include "local_writer.h"
+
+#include "store_fixture.h"
+#include "testing/capture.h"
+#include "testing/process.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace kp::mqtt;
+using namespace kptest;
+
+namespace {
+
+WriteRequest text_message(const std::string &text)
+{
+    WriteRequest request;
+    request.sample.type = KP_TYPE_STRING;
+    request.sample.max_size = 100;
+    request.sample.source_ts = 17;
+    request.sample.value = text;
+    request.messages = 1;
+    return request;
+}
+
+std::string value_of(const std::string &tag)
+{
+    Sample sample;
+    const bool read = StoreReader{}.read(tag, sample) == ReadOutcome::read;
+    return read && sample.has_value ? sample.value : "none";
+}
+
+class Writing : public testing::Test {
+  protected:
+    ~Writing() override
+    {
+        writer_.reset();
+    }
+    // Returns once it stands in the store.
+    void put_and_wait(const std::string &name, const std::string &text, const std::string &tag)
+    {
+        writer_->put(name, text_message(text));
+        EXPECT_TRUE(wait_until([&] { return value_of(tag) == text; })) << name;
+    }
+    void finish()
+    {
+        EXPECT_TRUE(writer_->stop(std::chrono::seconds(20)));
+    }
+
+    ChangeMarks marks_;
+    Counters counters_;
+    std::unique_ptr<LocalWriter> writer_ = LocalWriter::start("writing", marks_, counters_);
+};
+
+} // namespace
+
+TEST_F(Writing, MovesItsOwnTagBesideOneThatComesBelowItsName)
+{
+    put_and_wait("w/a", "parent", "w/a");
+
+    put_and_wait("w/a/b", "child", "w/a/b");
+    finish();
+
+    EXPECT_EQ(value_of("w/a/_"), "parent");
+    EXPECT_EQ(value_of("w/a/b"), "child");
+    EXPECT_EQ(counters_.in, 2u);
+    EXPECT_EQ(counters_.refused, 0u);
+}
+
+TEST_F(Writing, KeepsTypeSourceTimeAndExtraInformationOfWhatItMoves)
+{
+    WriteRequest number = text_message(bytes_of(21.5));
+    number.sample.type = KP_TYPE_DOUBLE;
+    number.sample.quality = 3;
+    number.sample.extra_info = 77;
+    writer_->put("w/a", number);
+    ASSERT_TRUE(wait_until([] { return value_of("w/a") == bytes_of(21.5); }));
+
+    put_and_wait("w/a/b", "child", "w/a/b");
+    finish();
+
+    Sample sample;
+    ASSERT_EQ(StoreReader{}.read("w/a/_", sample), ReadOutcome::read);
+    EXPECT_EQ(sample.type, KP_TYPE_DOUBLE);
+    EXPECT_EQ(sample.quality, 3);
+    EXPECT_EQ(sample.source_ts, 17u);
+    EXPECT_EQ(sample.extra_info, 77u);
+    EXPECT_TRUE(writer_->is_own("w/a/_", sample));
+}
+
+TEST_F(Writing, PutsAValueBesideWhatIsBelowItsName)
+{
+    put_and_wait("w/a/b", "child", "w/a/b");
+
+    put_and_wait("w/a", "parent", "w/a/_");
+    finish();
+
+    EXPECT_EQ(value_of("w/a/b"), "child");
+    EXPECT_EQ(counters_.in, 2u);
+}
+
+TEST_F(Writing, GoesOnAtThePlaceWhereATagWasMoved)
+{
+    put_and_wait("w/a", "parent", "w/a");
+    put_and_wait("w/a/b", "child", "w/a/b");
+
+    put_and_wait("w/a", "newer", "w/a/_");
+    writer_->drop("w/a");
+    finish();
+
+    EXPECT_EQ(value_of("w/a/_"), "none");
+    EXPECT_EQ(value_of("w/a/b"), "child");
+}
+
+TEST_F(Writing, BringsBothOfARoundWhicheverIsFirst)
+{
+    for (const char *name : {"w/a", "w/a/b/c", "w/a/b", "w/z/b", "w/z", "w/z/b/c"})
+        writer_->put(name, text_message(name));
+    finish();
+
+    EXPECT_EQ(value_of("w/a/_"), "w/a");
+    EXPECT_EQ(value_of("w/a/b/_"), "w/a/b");
+    EXPECT_EQ(value_of("w/a/b/c"), "w/a/b/c");
+    EXPECT_EQ(value_of("w/z/_"), "w/z");
+    EXPECT_EQ(value_of("w/z/b/_"), "w/z/b");
+    EXPECT_EQ(value_of("w/z/b/c"), "w/z/b/c");
+    EXPECT_EQ(counters_.in, 6u);
+}
+
+TEST_F(Writing, LeavesItsTagWhereOthersHaveItOpen)
+{
+    StderrCapture log;
+    put_and_wait("w/a", "parent", "w/a");
+    kp_shm_t *consumer = kp_shm_new("w/a", KP_ROLE_CONSUMER);
+
+    writer_->put("w/a/b", text_message("child"));
+    finish();
+    (void)kp_shm_destroy(consumer, "w/a", KP_ROLE_CONSUMER);
+
+    EXPECT_EQ(value_of("w/a"), "parent");
+    EXPECT_EQ(counters_.in, 1u);
+    EXPECT_EQ(counters_.refused, 1u);
+    EXPECT_THAT(log.text(),
+                testing::HasSubstr("the tag w/a/b cannot be written: a part of its name is a tag "
+                                   "with a value that others use"));
+}
+
+TEST_F(Writing, CountsEachMessageOfARoundOnce)
+{
+    for (const char *text : {"1", "2", "3", "4", "5"})
+        writer_->put("w/same", text_message(text));
+    finish();
+
+    EXPECT_EQ(value_of("w/same"), "5");
+    EXPECT_EQ(counters_.in, 5u);
+}
