@@ -85,7 +85,21 @@ TEST_F(Writing, KeepsTypeSourceTimeAndExtraInformationOfWhatItMoves)
     EXPECT_EQ(sample.quality, 3);
     EXPECT_EQ(sample.source_ts, 17u);
     EXPECT_EQ(sample.extra_info, 77u);
-    EXPECT_TRUE(writer_->is_own("w/a/_", sample));
+}
+
+TEST_F(Writing, LetsAMovedValueBeSentAgainSinceItsTopicMayHaveBeenCleared)
+{
+    put_and_wait("w/a", "parent", "w/a");
+
+    put_and_wait("w/a/b", "child", "w/a/b");
+    finish();
+
+    Sample moved;
+    Sample written;
+    ASSERT_EQ(StoreReader{}.read("w/a/_", moved), ReadOutcome::read);
+    ASSERT_EQ(StoreReader{}.read("w/a/b", written), ReadOutcome::read);
+    EXPECT_FALSE(writer_->is_own("w/a/_", moved));
+    EXPECT_TRUE(writer_->is_own("w/a/b", written));
 }
 
 TEST_F(Writing, PutsAValueBesideWhatIsBelowItsName)

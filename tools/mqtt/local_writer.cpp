@@ -146,6 +146,9 @@ bool LocalWriter::write(const std::string &name, const WriteRequest &request)
     const bool done = write_in_place(name, request);
     // Wherever it fits now: beside the new tag, or where it was when that could not be made.
     const bool moved = moving && write_in_place(moving->name, moving->request);
+    // In a shared tree the topic may be cleared with the tag that went, and needs its value again.
+    if (moved)
+        forget(reader_.standing_for(moving->name));
     if (done)
         counters_.in += request.messages;
     else
