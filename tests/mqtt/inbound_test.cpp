@@ -121,6 +121,49 @@ TEST(Inbound, TakesQualityTypeAndSourceTimeFromTheProperties)
     EXPECT_EQ(inbound.last().source_ts, 77u);
 }
 
+TEST(Inbound, TakesExtraInformationOfANewTag)
+{
+    InboundOf plain("");
+    InboundOf json("payload = \"json\"\n");
+
+    plain.receive("s/a", "1", {{"xi", "77"}});
+    json.receive("s/a", R"({"value":1,"extra":78})");
+
+    EXPECT_EQ(plain.last().extra_info, 77u);
+    EXPECT_EQ(json.last().extra_info, 78u);
+}
+
+TEST(Inbound, RefusesAQualityThatNoTagCanHave)
+{
+    InboundOf plain("");
+    InboundOf json("payload = \"json\"\n");
+
+    plain.receive("s/a", "1", {{"q", "255"}});
+    plain.receive("s/a", "1", {{"q", "300"}});
+    plain.receive("s/a", "1", {{"q", "-1"}});
+    json.receive("s/a", R"({"value":1,"quality":256})");
+
+    EXPECT_THAT(plain.written(), IsEmpty());
+    EXPECT_THAT(json.written(), IsEmpty());
+    EXPECT_EQ(plain.counters().refused, 3u);
+    EXPECT_EQ(json.counters().refused, 1u);
+}
+
+TEST(Inbound, TakesAWholeJsonNumberWithAFractionForAnInteger)
+{
+    InboundOf inbound("payload = \"json\"\n");
+
+    inbound.receive("s/a", R"({"value":21.0,"type":"int32","quality":2.0})");
+    inbound.receive("s/b", R"({"value":-2e1,"type":"int8"})");
+    inbound.receive("s/c", R"({"value":21.5,"type":"int32"})");
+    inbound.receive("s/d", R"({"value":9007199254740993.0,"type":"int64"})");
+    inbound.receive("s/e", R"({"value":21.0,"type":"string"})");
+
+    EXPECT_THAT(inbound.written(),
+                ElementsAre("a=" + bytes_of<int32_t>(21), "b=" + bytes_of<int8_t>(-20), "e=21.0"));
+    EXPECT_EQ(inbound.counters().refused, 2u);
+}
+
 TEST(Inbound, RefusesWhatCannotBeConverted)
 {
     InboundOf inbound("type = \"uint8\"\n");

@@ -108,7 +108,7 @@ TEST(Properties, DescribeTheSample)
     EXPECT_EQ(describing_properties(sample_of_number<uint8_t>(KP_TYPE_BOOLEAN, 1), 0), expected);
 }
 
-TEST(Properties, AreReadBackAndNonsenseIgnored)
+TEST(Properties, AreReadBackAndNonsenseIgnoredButForTheQuality)
 {
     const Description good = describe({{"type", "int16"}, {"q", "3"}, {"sts", "17"}, {"x", "y"}});
     const Description bad = describe({{"type", "int17"}, {"q", "300"}, {"sts", "1x"}});
@@ -116,7 +116,9 @@ TEST(Properties, AreReadBackAndNonsenseIgnored)
     EXPECT_EQ(good.type, KP_TYPE_INT16);
     EXPECT_EQ(good.quality, 3);
     EXPECT_EQ(good.source_ts, 17u);
+    EXPECT_EQ(good.fault, "");
     EXPECT_FALSE(bad.type || bad.quality || bad.source_ts);
+    EXPECT_EQ(bad.fault, "its quality is no number from 0 to 254");
 }
 
 TEST(TakenApart, IsAJsonObjectOrABareScalar)

@@ -1,6 +1,7 @@
 #include "store_reader.h"
 
 #include "store_fixture.h"
+#include "testing/capture.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 
@@ -16,6 +17,14 @@ using namespace kptest;
 using testing::UnorderedElementsAre;
 
 namespace {
+
+std::string topic_of_levels(int levels)
+{
+    std::string topic = "deep";
+    while (--levels > 0)
+        topic += "/x";
+    return topic;
+}
 
 ReadOutcome outcome_of(const std::string &topic)
 {
@@ -171,4 +180,24 @@ TEST(StoreReader, SaysWhatStandsAtAPlace)
     EXPECT_EQ(StoreReader{}.place("a"), Place::directory);
     EXPECT_EQ(StoreReader{}.place("a/b/c"), Place::below_a_topic);
     EXPECT_EQ(StoreReader{}.place("a/c/d"), Place::free);
+}
+
+TEST(StoreReader, SaysOnceThatATagIsDeeperThanItLooks)
+{
+    const StoreReader reader;
+    const auto ignore = [](const std::string &) {};
+    StoreProvider deepest(topic_of_levels(65));
+    StderrCapture log;
+    ASSERT_TRUE(reader.for_each_topic(ignore));
+    EXPECT_EQ(log.text(), "");
+
+    deepest.leave();
+    StoreProvider deeper(topic_of_levels(67));
+    (void)reader.for_each_topic(ignore);
+    (void)reader.for_each_topic(ignore);
+    std::filesystem::remove_all("/dev/shm/zu-kp/deep");
+
+    EXPECT_EQ(log.text(),
+              "kp-mqtt: warning: the store has a directory below 64 others, and tags in "
+              "it are not found\n");
 }

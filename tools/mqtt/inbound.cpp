@@ -32,6 +32,16 @@ ReadOutcome read_patiently(const StoreReader &reader, const std::string &tag, Sa
     return outcome;
 }
 
+// The bytes of a value of the sample's type.
+Result<std::string> bytes_for(const Sample &sample, const Content &content)
+{
+    if (content.is_bytes)
+        return checked_bytes(sample.type, sample.max_size, content.data);
+    const bool is_integer = is_number(sample.type) && !is_floating(sample.type);
+    return value_bytes(sample.type, sample.max_size,
+                       is_integer ? content.whole_or_text() : content.data);
+}
+
 } // namespace
 
 std::string_view origin_device(std::string_view origin)
@@ -169,18 +179,19 @@ std::string Inbound::convert(const InRule &rule, const Message &message, ReadOut
     auto content = take_apart(rule.payload, message.payload, description);
     if (!content)
         return content.fault;
+    if (!description.fault.empty())
+        return description.fault;
     Sample &sample = request.sample;
     request.is_declared = outcome == ReadOutcome::read;
     sample.type = request.is_declared
                       ? current.type
                       : rule.type.value_or(description.type.value_or(KP_TYPE_STRING));
     sample.max_size = current.max_size;
-    sample.extra_info = current.extra_info;
+    sample.extra_info =
+        request.is_declared ? current.extra_info : description.extra_info.value_or(0);
     if (!request.is_declared || (has_variable_size(sample.type) && sample.max_size == 0))
         sample.max_size = rule.max_size;
-    auto bytes = content.value->is_bytes
-                     ? checked_bytes(sample.type, sample.max_size, content.value->data)
-                     : value_bytes(sample.type, sample.max_size, content.value->data);
+    auto bytes = bytes_for(sample, *content.value);
     if (!bytes)
         return "is no " + std::string(kp_type2str(sample.type)) + " for the tag: " + bytes.fault;
     sample.value = std::move(*bytes.value);

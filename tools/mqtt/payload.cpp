@@ -13,6 +13,7 @@ namespace {
 
 using nlohmann::json;
 
+constexpr uint8_t kKeptQuality = 255;
 constexpr const char *kText = "text/plain";
 constexpr const char *kJson = "application/json";
 constexpr const char *kBytes = "application/octet-stream";
@@ -71,15 +72,42 @@ std::string scalar_text(const json &value)
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
+// What a message may say; 255 means to the store that the quality stays.
+void take_quality(Description &description, std::string_view text)
+{
+    description.quality = number<uint8_t>(text);
+    if (!description.quality || *description.quality == kKeptQuality)
+        description.fault = "its quality is no number from 0 to 254";
+}
+
+// Some JSON writers give every number a fraction. Beyond this bound a fraction tells no whole numbers
+// apart.
+std::string integer_text(const json &value)
+{
+    constexpr double most = 1LL << 53;
+    if (!value.is_number_float())
+        return {};
+    const auto number = value.get<double>();
+    const bool whole = std::abs(number) < most && std::trunc(number) == number;
+    return whole ? std::to_string(static_cast<int64_t>(number)) : std::string();
+}
+
+Content scalar(const json &value)
+{
+    return {scalar_text(value), false, integer_text(value)};
+}
+
 void complete(Description &description, const json &object)
 {
     const auto field = [&object](const char *name) { return object.find(name); };
     if (const auto type = field("type"); type != object.end() && type->is_string())
         description.type = known_type(type->get<std::string>());
     if (const auto quality = field("quality"); quality != object.end())
-        description.quality = number<uint8_t>(quality->dump());
+        take_quality(description, scalar(*quality).whole_or_text());
     if (const auto time = field("source_ts"); time != object.end())
-        description.source_ts = number<uint64_t>(time->dump());
+        description.source_ts = number<uint64_t>(scalar(*time).whole_or_text());
+    if (const auto extra = field("extra"); extra != object.end())
+        description.extra_info = number<uint32_t>(scalar(*extra).whole_or_text());
 }
 
 Result<Content> from_json(std::string_view payload, Description &description)
@@ -88,7 +116,7 @@ Result<Content> from_json(std::string_view payload, Description &description)
     if (document.is_discarded())
         return Result<Content>::failed("it is no JSON");
     if (document.is_primitive() && !document.is_null())
-        return Result<Content>::of({scalar_text(document), false});
+        return Result<Content>::of(scalar(document));
     if (!document.is_object())
         return Result<Content>::failed("it is no JSON object or scalar");
     complete(description, document);
@@ -96,12 +124,12 @@ Result<Content> from_json(std::string_view payload, Description &description)
         auto decoded = from_base64(bytes->is_string() ? bytes->get<std::string>() : "=");
         if (!decoded)
             return Result<Content>::failed(decoded.fault);
-        return Result<Content>::of({std::move(*decoded.value), true});
+        return Result<Content>::of({std::move(*decoded.value), true, {}});
     }
     const auto value = document.find("value");
     if (value == document.end() || !value->is_primitive() || value->is_null())
         return Result<Content>::failed("the JSON object has no \"value\"");
-    return Result<Content>::of({scalar_text(*value), false});
+    return Result<Content>::of(scalar(*value));
 }
 
 } // namespace
@@ -140,9 +168,11 @@ Description describe(const UserProperties &properties)
         if (name == property::kType)
             description.type = known_type(value);
         else if (name == property::kQuality)
-            description.quality = number<uint8_t>(value);
+            take_quality(description, value);
         else if (name == property::kSourceTime)
             description.source_ts = number<uint64_t>(value);
+        else if (name == property::kExtraInfo)
+            description.extra_info = number<uint32_t>(value);
     }
     return description;
 }
@@ -151,7 +181,7 @@ Result<Content> take_apart(PayloadMode mode, std::string_view payload, Descripti
 {
     if (mode == PayloadMode::json)
         return from_json(payload, description);
-    return Result<Content>::of({std::string(payload), mode == PayloadMode::raw});
+    return Result<Content>::of({std::string(payload), mode == PayloadMode::raw, {}});
 }
 
 } // namespace kp::mqtt

@@ -54,15 +54,24 @@ struct Description {
     std::optional<uint32_t> type;
     std::optional<uint8_t> quality;
     std::optional<uint64_t> source_ts;
+    std::optional<uint32_t> extra_info;
+    std::string fault; // why a message that says so cannot be taken, or empty
 };
 
-// Ignores properties that it does not know or that make no sense.
+// Ignores properties that it does not know or that make no sense, but for a quality: what is not said
+// to be good must not be taken for it.
 Description describe(const UserProperties &properties);
 
 // A payload ready to be converted: where `is_bytes` is set, the store's own bytes, else text.
 struct Content {
     std::string data;
     bool is_bytes = false;
+    std::string integer{}; // the same for a whole number that was written with a fraction, as 21.0
+
+    const std::string &whole_or_text() const
+    {
+        return integer.empty() ? data : integer;
+    }
 };
 
 // Takes a payload apart; in JSON mode also completes the description. A bare JSON scalar is a value.

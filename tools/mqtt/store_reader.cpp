@@ -1,5 +1,6 @@
 #include "store_reader.h"
 
+#include "log.h"
 #include "store/segment.h"
 #include "topic_filter.h"
 #include "topic_names.h"
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <utility>
 
 namespace kp::mqtt {
 
@@ -77,24 +79,28 @@ bool is_corrupt(const Segment &segment)
     return fixed && segment.written_value_size && segment.written_value_size != fixed;
 }
 
-void visit_directory(UniqueFd folder, const std::string &prefix, int levels_left,
+// Returns whether there is a directory below the last level.
+bool visit_directory(UniqueFd folder, const std::string &prefix, int levels_left,
                      const std::function<void(const std::string &)> &visit)
 {
     DIR *stream = fdopendir(folder.get());
     if (!stream)
-        return;
+        return false;
+    bool goes_deeper = false;
     const UniqueDir entries(stream);
     const int fd = folder.release(); // the stream's from now on
     while (const dirent *entry = entries.next()) {
         const std::string name = prefix + entry->d_name;
         if (entry->d_type == DT_REG)
             visit(name);
+        goes_deeper |= entry->d_type == DT_DIR && levels_left == 0;
         if (entry->d_type != DT_DIR || levels_left == 0)
             continue;
         UniqueFd below(openat(fd, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (below)
-            visit_directory(std::move(below), name + '/', levels_left - 1, visit);
+            goes_deeper |= visit_directory(std::move(below), name + '/', levels_left - 1, visit);
     }
+    return goes_deeper;
 }
 
 } // namespace
@@ -125,7 +131,10 @@ bool StoreReader::for_each_topic(const std::function<void(const std::string &)> 
     UniqueFd root(open(kStoreRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root)
         return false;
-    visit_directory(std::move(root), "", kMostLevels, visit);
+    const bool goes_deeper = visit_directory(std::move(root), "", kMostLevels, visit);
+    if (goes_deeper && !std::exchange(reported_depth_, true))
+        log(Level::warning, "the store has a directory below " + std::to_string(kMostLevels) +
+                                " others, and tags in it are not found");
     return true;
 }
 

@@ -28,6 +28,7 @@ class StoreReader {
 
     // Calls `visit` with every topic, at any depth. Returns false when the store cannot be listed,
     // which also means that it has not been made yet.
+    // Below 64 directories it does not look, and says so once.
     bool for_each_topic(const std::function<void(const std::string &topic)> &visit) const;
 
     // What stands at a topic's place: a new tag fits only where nothing does.
@@ -37,6 +38,9 @@ class StoreReader {
     // The tag that stands for a name now: in the store a cannot have a value beside a/b, so that a/_
     // has it.
     std::string standing_for(std::string name) const;
+
+  private:
+    mutable bool reported_depth_ = false;
 };
 
 } // namespace kp::mqtt
