@@ -141,6 +141,50 @@ TEST(Configuration, OfAMissingFileIsAFault)
     EXPECT_TRUE(faults[0].starts_with("/run/none")) << faults[0];
 }
 
+TEST(Configuration, OfADirectoryIsAFault)
+{
+    EXPECT_THAT(load_configuration("/run").faults, ElementsAre("/run: Is a directory"));
+    EXPECT_THAT(load_configuration("/run/none").faults,
+                ElementsAre("/run/none: No such file or directory"));
+}
+
+TEST(Configuration, RefusesFiltersThatCanGiveNoTag)
+{
+    EXPECT_THAT(
+        faults_of("[[in]]\nfilter = \"a//b\"\n"),
+        ElementsAre("f:2: filter: takes no topic that can be a tag: it has an empty level"));
+    EXPECT_THAT(faults_of("[[in]]\nfilter = \"a/%2F/b\"\n"),
+                ElementsAre(testing::HasSubstr("filter: takes no topic that can be a tag")));
+    EXPECT_THAT(faults_of("[[in]]\nfilter = \"a\\tb/#\"\n"),
+                ElementsAre("f:2: filter: is no filter of topics: it has a control character or is "
+                            "not UTF-8"));
+}
+
+TEST(Configuration, RefusesSharedSubscriptions)
+{
+    EXPECT_THAT(faults_of("[[in]]\nfilter = \"$share/g/a/#\"\nprefix = \"\"\n"),
+                ElementsAre("f:2: filter: shared subscriptions cannot be used"));
+    EXPECT_THAT(faults_of("[[in]]\nfilter = \"a/#\"\nprefix = \"$share/g\"\n"),
+                ElementsAre("f:3: prefix: shared subscriptions cannot be used"));
+}
+
+TEST(Configuration, RefusesEndpointsThatAreNoNameOfASocket)
+{
+    const std::string rule = "[[out]]\npattern = \"a\"\n";
+
+    EXPECT_THAT(faults_of("endpoint = \"a/b\"\n" + rule),
+                ElementsAre("f:1: endpoint: must not be empty nor have a \"/\""));
+    EXPECT_THAT(faults_of("endpoint = \"" + std::string(93, 'e') + "\"\n" + rule),
+                ElementsAre("f:1: endpoint: must not be longer than 92 bytes"));
+    EXPECT_THAT(faults_of("endpoint = \"" + std::string(92, 'e') + "\"\n" + rule), IsEmpty());
+}
+
+TEST(Configuration, RefusesAnEmptyHost)
+{
+    EXPECT_THAT(faults_of("[broker]\nhost = \"\"\n[[out]]\npattern = \"a\"\n"),
+                ElementsAre("f:2: host: must not be empty"));
+}
+
 TEST(Configuration, WithoutARuleHasNothingToDo)
 {
     EXPECT_THAT(faults_of("device = \"a\"\n"),

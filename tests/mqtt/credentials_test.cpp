@@ -56,3 +56,13 @@ TEST(Credentials, AreRefusedWhenMissingOrEmpty)
     EXPECT_EQ(read_credentials(kPath).fault,
               "/run/credentials: the first line must be the user's name");
 }
+
+TEST(Credentials, AreRefusedWithoutASecondLine)
+{
+    write_file("device\n", 0600);
+    EXPECT_EQ(read_credentials(kPath).fault,
+              "/run/credentials: the second line must be the password");
+
+    write_file("device\n\n", 0600);
+    EXPECT_TRUE(read_credentials(kPath));
+}

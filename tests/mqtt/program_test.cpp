@@ -96,6 +96,32 @@ TEST(Check, LooksAtTheRightsOfTheCredentials)
     EXPECT_THAT(bridge.log(), HasSubstr("/run/secret: others can read or change it"));
 }
 
+TEST(Check, LooksAtTheStateFileAndTheCertificates)
+{
+    std::ofstream("/run/no.pem") << "no certificate\n";
+    BridgeProgram bridge(
+        1883,
+        configuration(1883, "state-file = \"/run/none/state\"\n" + std::string(kBothWays),
+                      "[broker.tls]\nca-file = \"/run/no.pem\"\n"),
+        {"--check"});
+
+    EXPECT_EQ(bridge.wait(), 2);
+    EXPECT_THAT(bridge.log(), HasSubstr("state-file: /run/none: No such file or directory"));
+    EXPECT_THAT(bridge.log(), HasSubstr("/run/no.pem: holds no PEM block of a certificate"));
+}
+
+TEST(Check, IsGoodBesideARunningBridgeWithTheSameStateFile)
+{
+    const Broker broker;
+    const std::string settings = "state-file = \"/run/shared.state\"\n" + std::string(kBothWays);
+    BridgeProgram running(broker.port(), settings);
+    ASSERT_TRUE(wait_for_connection());
+
+    BridgeProgram checking(broker.port(), settings, {"--check"});
+
+    EXPECT_EQ(checking.wait(), 0) << checking.log();
+}
+
 TEST(DryRun, PrintsTheMappingOfTheLiveTopics)
 {
     StoreProvider provider("a/b", KP_TYPE_DOUBLE);

@@ -276,6 +276,8 @@ void Bridge::subscribe_all()
         int id = 0;
         if (link_->subscribe(subscription, id))
             subscribing_[id] = subscription.filter;
+        else
+            log(Level::error, "the filter cannot be subscribed: " + printable(subscription.filter));
     }
 }
 

@@ -6,6 +6,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace kp::mqtt {
@@ -13,6 +19,8 @@ namespace kp::mqtt {
 namespace {
 
 constexpr double kDay = 86'400;
+constexpr size_t kMostEndpointBytes = std::min(
+    sizeof(sockaddr_un::sun_path) - sizeof "/run/providers/", size_t{KP_ENDPOINT_NAME_SIZE} - 1);
 
 std::string host_name()
 {
@@ -48,6 +56,26 @@ Result<std::string> name_part(const std::string &text)
     return prefix(text);
 }
 
+// The name is that of a socket below /run/providers/ too.
+Result<std::string> endpoint_name(const std::string &text)
+{
+    if (text == "." || text == "..")
+        return Result<std::string>::failed("must be the name of a file");
+    if (text.size() > kMostEndpointBytes)
+        return Result<std::string>::failed("must not be longer than " +
+                                           std::to_string(kMostEndpointBytes) + " bytes");
+    return name_part(text);
+}
+
+// Brokers take a filter that starts so for one that several clients share the messages of. Their
+// topics do not start so, and the bridge's own messages could not be kept from it.
+Result<std::string> in_prefix(const std::string &text)
+{
+    if (text == "$share" || text.starts_with("$share/"))
+        return Result<std::string>::failed("shared subscriptions cannot be used");
+    return prefix(text);
+}
+
 Result<std::string> tag_pattern(const std::string &text)
 {
     if (const std::string fault = pattern_fault(text); !fault.empty())
@@ -65,8 +93,18 @@ Result<std::string> tag_prefix(const std::string &text)
 
 Result<std::string> topic_filter(const std::string &text)
 {
+    if (text == "$share" || text.starts_with("$share/"))
+        return Result<std::string>::failed("shared subscriptions cannot be used");
     if (const std::string fault = filter_fault(text); !fault.empty())
         return Result<std::string>::failed("is no filter of topics: " + fault);
+    for (const std::string_view level : split_levels(text)) {
+        if (level == "+" || level == "#")
+            continue;
+        if (const std::string fault = mqtt_topic_fault(level); !fault.empty())
+            return Result<std::string>::failed("is no filter of topics: " + fault);
+        if (const std::string fault = to_tag_topic(level).fault; !fault.empty())
+            return Result<std::string>::failed("takes no topic that can be a tag: " + fault);
+    }
     return Result<std::string>::of(text);
 }
 
@@ -114,7 +152,7 @@ class ConfigurationReader {
         result.prefix = "kp/" + result.device;
         table.read<std::string>("prefix", result.prefix, prefix);
         result.endpoint = "kp-mqtt";
-        table.read<std::string>("endpoint", result.endpoint, name_part);
+        table.read<std::string>("endpoint", result.endpoint, endpoint_name);
         result.status_prefix = "bridge/mqtt";
         table.read<std::string>("status-prefix", result.status_prefix, tag_prefix);
         if (result.status_prefix.empty())
@@ -130,6 +168,8 @@ class ConfigurationReader {
         TableReader table(source, path_, faults_);
         BrokerSettings broker;
         table.read("host", broker.host);
+        if (broker.host.empty())
+            table.fault("host", "must not be empty");
         broker.client_id = "kp-mqtt-" + device;
         table.read<std::string>("client-id", broker.client_id, name_part);
         table.read("credentials-file", broker.credentials_file);
@@ -201,7 +241,7 @@ class ConfigurationReader {
         table.read("shared", rule.shared);
         rule.prefix =
             rule.shared || default_prefix.empty() ? default_prefix : default_prefix + "-set";
-        table.read<std::string>("prefix", rule.prefix, prefix);
+        table.read<std::string>("prefix", rule.prefix, in_prefix);
         table.read<std::string>("tags", rule.tags, tag_prefix);
         table.read_integer("qos", rule.qos, 0, 2);
         table.read<PayloadMode>("payload", rule.payload, payload_mode);
@@ -268,11 +308,13 @@ const OutRule *Configuration::rule_for(std::string_view tag) const
 
 ConfigurationResult load_configuration(const std::string &path)
 {
-    try {
-        return finish(toml::parse_file(path), path);
-    } catch (const toml::parse_error &error) {
-        return unreadable(error, path);
-    }
+    struct stat status {};
+    std::ifstream file(path);
+    if (!file || stat(path.c_str(), &status) != 0)
+        return {{}, {path + ": " + std::strerror(errno)}};
+    if (S_ISDIR(status.st_mode))
+        return {{}, {path + ": " + std::strerror(EISDIR)}};
+    return parse_configuration(std::string{std::istreambuf_iterator<char>(file), {}}, path);
 }
 
 ConfigurationResult parse_configuration(std::string_view text, const std::string &path)

@@ -48,7 +48,8 @@ Result<Credentials> read_credentials(const std::string &path)
     Credentials credentials;
     if (!std::getline(file, credentials.user) || without_line_end(credentials.user).empty())
         return Result<Credentials>::failed(path + ": the first line must be the user's name");
-    (void)std::getline(file, credentials.password);
+    if (!std::getline(file, credentials.password))
+        return Result<Credentials>::failed(path + ": the second line must be the password");
     credentials.user = without_line_end(credentials.user);
     credentials.password = without_line_end(credentials.password);
     return Result<Credentials>::of(std::move(credentials));

@@ -1,5 +1,6 @@
 // kp-mqtt: joins the tags of a device to an MQTT 5 broker. See kp-mqtt(1) and kp-mqtt.conf(5).
 #include "bridge.h"
+#include "file_faults.h"
 #include "log.h"
 #include "mapping.h"
 
@@ -52,27 +53,6 @@ void let_writers_go_first()
     const sched_param none{};
     if (sched_setscheduler(0, SCHED_BATCH, &none) != 0)
         log(Level::debug, std::string("writers are not let go first: ") + std::strerror(errno));
-}
-
-// Faults of the files that the configuration names.
-std::vector<std::string> file_faults(const BrokerSettings &broker)
-{
-    std::vector<std::string> faults;
-    const auto note = [&faults](std::string fault) {
-        if (!fault.empty())
-            faults.push_back(std::move(fault));
-    };
-    if (!broker.credentials_file.empty())
-        note(read_credentials(broker.credentials_file).fault);
-    if (!broker.tls)
-        return faults;
-    for (const std::string &path :
-         {broker.tls->ca_file, broker.tls->ca_path, broker.tls->cert_file})
-        if (!path.empty() && access(path.c_str(), R_OK) != 0)
-            note(path + ": " + std::strerror(errno));
-    if (!broker.tls->key_file.empty())
-        note(secret_file_fault(broker.tls->key_file));
-    return faults;
 }
 
 // Taking over the name of a live endpoint would cut it off unseen.
@@ -139,8 +119,11 @@ int act(const Options &options)
     auto [configuration, faults] = load_configuration(options.file);
     if (faults.empty())
         faults = file_faults(configuration.broker);
-    for (const std::string &fault : faults)
-        std::cerr << "kp-mqtt: " << fault << '\n';
+    const std::string fault = options.check ? state_file_fault(configuration.state_file) : "";
+    if (!fault.empty())
+        faults.push_back(fault);
+    for (const std::string &line : faults)
+        std::cerr << "kp-mqtt: " << line << '\n';
     if (!faults.empty())
         return kWrong;
     if (options.check) {

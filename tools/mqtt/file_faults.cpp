@@ -1,0 +1,119 @@
+#include "file_faults.h"
+
+#include "broker_link.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kp::mqtt {
+
+namespace {
+
+std::string system_fault(const std::string &path)
+{
+    return path + ": " + std::strerror(errno);
+}
+
+std::string folder_fault(const std::string &path, int rights)
+{
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0)
+        return system_fault(path);
+    if (!S_ISDIR(status.st_mode))
+        return path + ": is no directory";
+    return access(path.c_str(), rights) == 0 ? "" : system_fault(path);
+}
+
+std::string plain_file_fault(const std::string &path, int rights)
+{
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0)
+        return system_fault(path);
+    if (!S_ISREG(status.st_mode))
+        return path + ": is no file";
+    return access(path.c_str(), rights) == 0 ? "" : system_fault(path);
+}
+
+// The first kind of PEM block in a file that ends so, or an empty text.
+std::string pem_block(const std::string &path, std::string_view ending)
+{
+    constexpr std::string_view begin = "-----BEGIN ";
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        if (!line.starts_with(begin))
+            continue;
+        const std::string kind =
+            line.substr(begin.size(), line.find("-----", begin.size()) - begin.size());
+        if (kind.ends_with(ending))
+            return kind;
+    }
+    return {};
+}
+
+std::string certificate_fault(const std::string &path)
+{
+    if (std::string fault = plain_file_fault(path, R_OK); !fault.empty())
+        return fault;
+    return pem_block(path, "CERTIFICATE").empty() ? path + ": holds no PEM block of a certificate"
+                                                  : "";
+}
+
+std::string key_fault(const std::string &path)
+{
+    if (std::string fault = secret_file_fault(path); !fault.empty())
+        return fault;
+    const std::string kind = pem_block(path, "PRIVATE KEY");
+    if (kind.empty())
+        return path + ": holds no PEM block of a private key";
+    return kind == "ENCRYPTED PRIVATE KEY" ? path + ": is encrypted, and nobody could be asked for "
+                                                    "its password"
+                                           : "";
+}
+
+} // namespace
+
+std::string state_file_fault(const std::string &path)
+{
+    if (path.empty())
+        return {};
+    const size_t slash = path.rfind('/');
+    const std::string folder =
+        slash == path.npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+    if (std::string fault = folder_fault(folder, W_OK | X_OK); !fault.empty())
+        return "state-file: " + fault;
+    for (const std::string &file : {path, path + ".lock"}) {
+        struct stat status {};
+        if (lstat(file.c_str(), &status) != 0 && errno == ENOENT)
+            continue;
+        if (std::string fault = plain_file_fault(file, R_OK | W_OK); !fault.empty())
+            return "state-file: " + fault;
+    }
+    return {};
+}
+
+std::vector<std::string> file_faults(const BrokerSettings &broker)
+{
+    std::vector<std::string> faults;
+    const auto note = [&faults](std::string fault) {
+        if (!fault.empty())
+            faults.push_back(std::move(fault));
+    };
+    if (!broker.credentials_file.empty())
+        note(read_credentials(broker.credentials_file).fault);
+    if (!broker.tls)
+        return faults;
+    for (const std::string &path : {broker.tls->ca_file, broker.tls->cert_file})
+        if (!path.empty())
+            note(certificate_fault(path));
+    if (!broker.tls->ca_path.empty())
+        note(folder_fault(broker.tls->ca_path, R_OK | X_OK));
+    if (!broker.tls->key_file.empty())
+        note(key_fault(broker.tls->key_file));
+    return faults;
+}
+
+} // namespace kp::mqtt

@@ -1,0 +1,18 @@
+// What is wrong with the files that a configuration names, before any of them is used.
+#pragma once
+
+#include "configuration.h"
+
+#include <string>
+#include <vector>
+
+namespace kp::mqtt {
+
+// Of the credentials, keys and certificates; one line each, as the user who asks sees the files.
+std::vector<std::string> file_faults(const BrokerSettings &broker);
+
+// The same for the state file, or an empty text. It takes no lock, which a running bridge has, and
+// makes nothing. A start does not ask: what it finds then may mend itself.
+std::string state_file_fault(const std::string &path);
+
+} // namespace kp::mqtt
