@@ -42,6 +42,7 @@ TEST(FileFaults, AreNoneWhereEveryFileIsWhatItShouldBe)
     EXPECT_THAT(file_faults(with_tls(certificate, certificate, key)), IsEmpty());
     EXPECT_EQ(state_file_fault("/run/faults/state"), "");
     EXPECT_EQ(state_file_fault(""), "");
+    EXPECT_EQ(state_file_fault("/var/lib/kp-mqtt/state"), "");
 }
 
 TEST(FileFaults, NameFilesThatHoldNothingOfTheRightKind)

@@ -13,6 +13,9 @@ namespace kp::mqtt {
 
 namespace {
 
+// Made by systemd when the service starts for the first time, which is after the check.
+constexpr const char *kServiceFolder = "/var/lib/kp-mqtt";
+
 std::string system_fault(const std::string &path)
 {
     return path + ": " + std::strerror(errno);
@@ -83,6 +86,8 @@ std::string state_file_fault(const std::string &path)
     const size_t slash = path.rfind('/');
     const std::string folder =
         slash == path.npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+    if (folder == kServiceFolder && access(kServiceFolder, F_OK) != 0)
+        return {};
     if (std::string fault = folder_fault(folder, W_OK | X_OK); !fault.empty())
         return "state-file: " + fault;
     for (const std::string &file : {path, path + ".lock"}) {
