@@ -29,7 +29,8 @@ class InboundOf {
                     },
                     [this](const std::string &tag) { written_.push_back(tag + " dropped"); },
                     [this](const std::string &tag) { written_.push_back(tag + " is newer"); },
-                    [this](const std::string &tag) { written_.push_back(tag + " lives"); }},
+                    [this](const std::string &tag) { written_.push_back(tag + " lives"); },
+                    [this](const std::string &tag) { return tag == dropping_; }},
                    counters_)
     {
     }
@@ -38,6 +39,10 @@ class InboundOf {
                  const UserProperties &properties = {})
     {
         inbound_.receive({topic, payload, false, properties});
+    }
+    void is_dropping(const std::string &tag)
+    {
+        dropping_ = tag;
     }
     const std::vector<std::string> &written() const
     {
@@ -69,6 +74,7 @@ class InboundOf {
     StoreReader reader_;
     Counters counters_;
     std::vector<std::string> written_;
+    std::string dropping_;
     WriteRequest last_;
     Inbound inbound_;
 };
@@ -297,6 +303,21 @@ TEST(SharedTree, DropsATagWithItsTopic)
     inbound.receive("s/b", "");
 
     EXPECT_THAT(inbound.written(), ElementsAre("a=x", "a dropped"));
+}
+
+TEST(SharedTree, WritesAValueAgainThatComesBackBeforeItsTagIsGone)
+{
+    StoreProvider as_if_by_the_bridge("a");
+    as_if_by_the_bridge.write("x");
+    InboundOf inbound("shared = true\n");
+    inbound.receive("s/a", "x", {{property::kSourceTime, "900"}});
+    EXPECT_THAT(inbound.written(), IsEmpty());
+
+    inbound.is_dropping("a");
+    inbound.receive("s/a", "x", {{property::kSourceTime, "900"}});
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=x"));
+    EXPECT_FALSE(inbound.last_was_declared());
 }
 
 TEST(SharedTree, SaysThatATagOfOthersOutlivesItsClearing)

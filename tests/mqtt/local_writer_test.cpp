@@ -126,6 +126,18 @@ TEST_F(Writing, GoesOnAtThePlaceWhereATagWasMoved)
     EXPECT_EQ(value_of("w/a/b"), "child");
 }
 
+TEST_F(Writing, KnowsATagThatItHasYetToDrop)
+{
+    put_and_wait("w/a", "value", "w/a");
+
+    writer_->drop("w/a");
+    const bool was_dropping = writer_->is_dropping("w/a") || value_of("w/a") == "none";
+
+    EXPECT_TRUE(was_dropping);
+    EXPECT_TRUE(wait_until([this] { return !writer_->is_dropping("w/a"); }));
+    EXPECT_EQ(value_of("w/a"), "none");
+}
+
 TEST_F(Writing, BringsBothOfARoundWhicheverIsFirst)
 {
     for (const char *name : {"w/a", "w/a/b/c", "w/a/b", "w/z/b", "w/z", "w/z/b/c"})

@@ -41,7 +41,8 @@ Bridge::Bridge(const Configuration &configuration, Credentials credentials, Stat
                 [this](const std::string &tag) {
                     writer_.forget(tag);
                     outbound_.repeat(tag, Clock::now());
-                }},
+                },
+                [this](const std::string &tag) { return writer_.is_dropping(tag); }},
                counters),
       lost_providers_(outbound_, configuration.trust_visible),
       status_(configuration.status_prefix, writer),

@@ -154,7 +154,8 @@ void Inbound::take(Rule &rule, const std::string &name, const Message &message)
         return refuse(message.topic, "the rule has written max-tags tags already");
     const std::string tag = reader_.standing_for(name);
     Sample current;
-    const ReadOutcome outcome = read_patiently(reader_, tag, current);
+    const ReadOutcome outcome =
+        target_.is_dropping(name) ? ReadOutcome::missing : read_patiently(reader_, tag, current);
     WriteRequest request;
     if (const std::string fault = convert(*rule.settings, message, outcome, current, request);
         !fault.empty())

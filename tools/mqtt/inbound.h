@@ -31,6 +31,10 @@ class Inbound {
         std::function<void(const std::string &tag)> older_arrived;
         // The broker has lost the value of a shared tag that lives on here.
         std::function<void(const std::string &tag)> cleared;
+        // Whether a tag that can still be read is about to go.
+        std::function<bool(const std::string &tag)> is_dropping = [](const std::string &) {
+            return false;
+        };
     };
 
     Inbound(const Configuration &configuration, const StoreReader &reader, Target target,

@@ -44,9 +44,12 @@ int LocalWriter::changed(kp_t *, const kp_write_info *notice, void *self)
 void LocalWriter::put(const std::string &tag, WriteRequest request)
 {
     const std::lock_guard lock(mutex_);
-    auto &waiting = waiting_[tag];
+    const auto [entry, is_first] = waiting_.try_emplace(tag);
+    auto &waiting = entry->second;
     if (waiting)
         request.messages += waiting->messages;
+    else if (!is_first)
+        dropping_.erase(tag); // it stays
     waiting = std::move(request);
     wake_.notify_one();
 }
@@ -58,7 +61,14 @@ void LocalWriter::drop(const std::string &tag)
     if (waiting)
         counters_.in += waiting->messages; // taken, and gone again at once
     waiting = std::nullopt;
+    dropping_.insert(tag);
     wake_.notify_one();
+}
+
+bool LocalWriter::is_dropping(const std::string &tag) const
+{
+    const std::lock_guard lock(mutex_);
+    return dropping_.contains(tag);
 }
 
 LocalWriter::Written LocalWriter::written(const Sample &sample)
@@ -134,10 +144,12 @@ void LocalWriter::carry_out(const Requests &requests)
 void LocalWriter::drop_now(const std::string &name)
 {
     const auto own = own_.find(reader_.standing_for(name));
-    if (own == own_.end())
-        return;
-    (void)kp_tag_destroy(handle_, own->second);
-    own_.erase(own);
+    if (own != own_.end()) {
+        (void)kp_tag_destroy(handle_, own->second);
+        own_.erase(own);
+    }
+    const std::lock_guard lock(mutex_);
+    dropping_.erase(name);
 }
 
 bool LocalWriter::write(const std::string &name, const WriteRequest &request)

@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -43,6 +44,8 @@ class LocalWriter {
 
     // Gives up the bridge's own provider tag, if it has one, so that the topic goes.
     void drop(const std::string &tag);
+    // Whether it was told to drop the tag and has not yet.
+    bool is_dropping(const std::string &tag) const;
 
     // From now on the value of the tag is not the broker's: the broker has lost it.
     void forget(const std::string &tag);
@@ -98,6 +101,7 @@ class LocalWriter {
     bool has_ended_ = false;
     std::optional<Clock::time_point> busy_since_;
     Requests waiting_;
+    std::set<std::string> dropping_;
     // The last two, since between reading a value and asking about it a newer one can be written.
     std::unordered_map<std::string, std::array<Written, 2>> memory_;
     std::thread thread_;
