@@ -1,4 +1,4 @@
-#include "configuration.h"
+#include "config/configuration.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

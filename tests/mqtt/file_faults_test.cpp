@@ -1,4 +1,4 @@
-#include "file_faults.h"
+#include "config/file_faults.h"
 
 #include <filesystem>
 #include <fstream>

@@ -1,4 +1,4 @@
-#include "handle_roles.h"
+#include "providers/handle_roles.h"
 
 #include <gtest/gtest.h>
 

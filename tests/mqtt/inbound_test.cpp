@@ -1,4 +1,4 @@
-#include "inbound.h"
+#include "inbound/inbound.h"
 
 #include "store_fixture.h"
 #include "testing/capture.h"

@@ -1,4 +1,4 @@
-#include "local_writer.h"
+#include "inbound/local_writer.h"
 
 #include "store_fixture.h"
 #include "testing/capture.h"

@@ -1,7 +1,7 @@
 // The way from tags to messages without a broker, at a time of the test's own.
 #pragma once
 
-#include "outbound.h"
+#include "outbound/outbound.h"
 
 #include <string>
 #include <vector>

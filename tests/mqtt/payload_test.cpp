@@ -1,4 +1,4 @@
-#include "payload.h"
+#include "broker/payload.h"
 
 #include <gtest/gtest.h>
 #include <limits>

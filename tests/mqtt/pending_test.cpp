@@ -1,4 +1,4 @@
-#include "pending.h"
+#include "outbound/pending.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "segment_holders.h"
+#include "providers/segment_holders.h"
 
 #include "store_fixture.h"
 #include "testing/child.h"

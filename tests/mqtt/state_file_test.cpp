@@ -1,4 +1,4 @@
-#include "state_file.h"
+#include "outbound/state_file.h"
 
 #include <filesystem>
 #include <fstream>

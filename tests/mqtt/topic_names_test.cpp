@@ -1,4 +1,4 @@
-#include "topic_names.h"
+#include "names/topic_names.h"
 
 #include <gtest/gtest.h>
 

@@ -7,15 +7,15 @@
 // the will of an attempt since then, it counts when the broker also has the last value that it took.
 #pragma once
 
-#include "broker_link.h"
+#include "broker/broker_link.h"
 #include "change_marks.h"
-#include "configuration.h"
-#include "inbound.h"
-#include "local_writer.h"
-#include "lost_providers.h"
-#include "outbound.h"
+#include "config/configuration.h"
+#include "inbound/inbound.h"
+#include "inbound/local_writer.h"
+#include "outbound/outbound.h"
+#include "outbound/state_file.h"
+#include "providers/lost_providers.h"
 #include "service_manager.h"
-#include "state_file.h"
 #include "status_tags.h"
 #include "store_reader.h"
 

@@ -1,6 +1,6 @@
 // kp-mqtt: joins the tags of a device to an MQTT 5 broker. See kp-mqtt(1) and kp-mqtt.conf(5).
 #include "bridge.h"
-#include "file_faults.h"
+#include "config/file_faults.h"
 #include "log.h"
 #include "mapping.h"
 

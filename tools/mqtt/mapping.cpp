@@ -1,7 +1,7 @@
 #include "mapping.h"
 
+#include "names/topic_names.h"
 #include "store_reader.h"
-#include "topic_names.h"
 
 #include <nlohmann/json.hpp>
 #include <ostream>

@@ -1,7 +1,7 @@
 // What the bridge would do with the topics that are live now, one JSON line each.
 #pragma once
 
-#include "configuration.h"
+#include "config/configuration.h"
 
 #include <iosfwd>
 

@@ -1,6 +1,6 @@
 #include "status_tags.h"
 
-#include "topic_names.h"
+#include "names/topic_names.h"
 
 namespace kp::mqtt {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "counters.h"
-#include "local_writer.h"
+#include "inbound/local_writer.h"
 
 #include <cstdint>
 #include <string>

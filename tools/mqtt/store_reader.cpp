@@ -1,9 +1,9 @@
 #include "store_reader.h"
 
 #include "log.h"
+#include "names/topic_names.h"
 #include "store/segment.h"
 #include "topic_filter.h"
-#include "topic_names.h"
 
 #include <array>
 #include <cerrno>

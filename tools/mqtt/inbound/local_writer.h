@@ -9,7 +9,7 @@
 
 #include "change_marks.h"
 #include "counters.h"
-#include "pending.h"
+#include "outbound/pending.h"
 #include "sample.h"
 #include "store_reader.h"
 

@@ -1,8 +1,8 @@
-#include "configuration.h"
+#include "config/configuration.h"
 
-#include "configuration_file.h"
+#include "config/configuration_file.h"
+#include "names/topic_names.h"
 #include "topic_filter.h"
-#include "topic_names.h"
 
 #include <algorithm>
 #include <array>

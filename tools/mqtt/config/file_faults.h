@@ -1,7 +1,7 @@
 // What is wrong with the files that a configuration names, before any of them is used.
 #pragma once
 
-#include "configuration.h"
+#include "config/configuration.h"
 
 #include <string>
 #include <vector>

@@ -1,8 +1,8 @@
 // What the configuration file says, with every default filled in.
 #pragma once
 
-#include "pacing.h"
-#include "payload.h"
+#include "broker/payload.h"
+#include "outbound/pacing.h"
 
 #include <optional>
 #include <string>

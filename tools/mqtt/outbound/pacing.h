@@ -1,7 +1,7 @@
 // When something may happen again: sending of one topic, sending at all, connecting.
 #pragma once
 
-#include "pending.h"
+#include "outbound/pending.h"
 #include "sample.h"
 
 #include <algorithm>

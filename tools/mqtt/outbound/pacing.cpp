@@ -1,4 +1,4 @@
-#include "pacing.h"
+#include "outbound/pacing.h"
 
 #include "value_text.h"
 

@@ -1,4 +1,4 @@
-#include "lost_providers.h"
+#include "providers/lost_providers.h"
 
 #include "log.h"
 

@@ -1,9 +1,9 @@
 // What can be wrong between rules that are each good. A loop needs an in rule that brings back what
 // an out rule sends, on the broker's side or through the tags; such a pair is refused, except where
 // the in rule says that the tree is shared, and then the guards at run time stop the loop.
-#include "configuration.h"
+#include "config/configuration.h"
+#include "names/topic_names.h"
 #include "topic_filter.h"
-#include "topic_names.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "segment_holders.h"
+#include "providers/segment_holders.h"
 
 #include "kp/processes.h"
 #include "store/segment.h"

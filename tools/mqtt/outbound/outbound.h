@@ -2,16 +2,16 @@
 // to publish next. It knows nothing of the connection but whether it stands.
 #pragma once
 
-#include "broker_link.h"
+#include "broker/broker_link.h"
 #include "change_marks.h"
-#include "configuration.h"
+#include "config/configuration.h"
 #include "counters.h"
-#include "handle_roles.h"
-#include "local_writer.h"
+#include "inbound/local_writer.h"
 #include "log.h"
-#include "pacing.h"
-#include "pending.h"
-#include "state_file.h"
+#include "outbound/pacing.h"
+#include "outbound/pending.h"
+#include "outbound/state_file.h"
+#include "providers/handle_roles.h"
 #include "store_reader.h"
 
 #include <array>

@@ -1,7 +1,7 @@
-#include "local_writer.h"
+#include "inbound/local_writer.h"
 
 #include "log.h"
-#include "topic_names.h"
+#include "names/topic_names.h"
 
 #include <functional>
 

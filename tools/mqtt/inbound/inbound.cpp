@@ -1,7 +1,7 @@
-#include "inbound.h"
+#include "inbound/inbound.h"
 
+#include "names/topic_names.h"
 #include "topic_filter.h"
-#include "topic_names.h"
 #include "value_text.h"
 
 #include <algorithm>

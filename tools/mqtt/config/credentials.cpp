@@ -1,4 +1,4 @@
-#include "broker_link.h"
+#include "broker/broker_link.h"
 
 #include <array>
 #include <cerrno>

@@ -4,8 +4,8 @@
 // name server, happens on the owner's thread.
 #pragma once
 
-#include "configuration.h"
-#include "payload.h"
+#include "broker/payload.h"
+#include "config/configuration.h"
 
 #include <memory>
 #include <string>

@@ -2,8 +2,8 @@
 // look reads the mappings of every process.
 #pragma once
 
-#include "outbound.h"
-#include "segment_holders.h"
+#include "outbound/outbound.h"
+#include "providers/segment_holders.h"
 
 #include <optional>
 

@@ -2,13 +2,13 @@
 // a value is refused with a line in the log and counted.
 #pragma once
 
-#include "broker_link.h"
-#include "configuration.h"
+#include "broker/broker_link.h"
+#include "config/configuration.h"
 #include "counters.h"
-#include "local_writer.h"
+#include "inbound/local_writer.h"
 #include "log.h"
+#include "names/topic_names.h"
 #include "store_reader.h"
-#include "topic_names.h"
 
 #include <functional>
 #include <string>

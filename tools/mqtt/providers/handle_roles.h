@@ -7,7 +7,7 @@
 // handles and both counts as before, is taken for what it was. Its next write says that it is alive.
 #pragma once
 
-#include "segment_holders.h"
+#include "providers/segment_holders.h"
 
 #include <cstdint>
 #include <vector>

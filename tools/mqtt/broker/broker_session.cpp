@@ -2,7 +2,7 @@
 #include "bridge.h"
 
 #include "log.h"
-#include "topic_names.h"
+#include "names/topic_names.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,7 +1,7 @@
-#include "state_file.h"
+#include "outbound/state_file.h"
 
 #include "log.h"
-#include "topic_names.h"
+#include "names/topic_names.h"
 
 #include <cerrno>
 #include <cstdio>

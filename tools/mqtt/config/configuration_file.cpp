@@ -1,4 +1,4 @@
-#include "configuration_file.h"
+#include "config/configuration_file.h"
 
 #include <chrono>
 #include <cmath>

@@ -1,6 +1,6 @@
-#include "payload.h"
+#include "broker/payload.h"
 
-#include "topic_names.h"
+#include "names/topic_names.h"
 #include "value_text.h"
 
 #include <charconv>

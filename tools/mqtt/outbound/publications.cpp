@@ -1,5 +1,5 @@
 // The part of Outbound that makes messages of what changed and hears what became of them.
-#include "outbound.h"
+#include "outbound/outbound.h"
 
 namespace kp::mqtt {
 

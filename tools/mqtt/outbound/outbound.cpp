@@ -1,6 +1,6 @@
-#include "outbound.h"
+#include "outbound/outbound.h"
 
-#include "topic_names.h"
+#include "names/topic_names.h"
 
 #include <functional>
 

@@ -1,6 +1,6 @@
-#include "file_faults.h"
+#include "config/file_faults.h"
 
-#include "broker_link.h"
+#include "broker/broker_link.h"
 
 #include <algorithm>
 #include <cerrno>
