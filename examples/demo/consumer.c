@@ -2,7 +2,8 @@
 // to the callback. Ends when the provider is done, and writes the last value that it saw of every
 // topic to a file.
 //
-// usage: demo-consumer NAME LAST-VALUES-FILE TOPIC-OR-PATTERN…
+// usage: demo-consumer PREFIX NAME LAST-VALUES-FILE TOPIC-OR-PATTERN…
+// Shows topics below PREFIX only; its endpoint is PREFIX-NAME.
 #include "value_text.h"
 
 #include <kp.h>
@@ -23,11 +24,21 @@ struct seen {
 
 // Touched by the change callback alone until the endpoint is closed.
 struct consumer {
+    const char *prefix;
     const char *name;
     sem_t done;
     struct seen seen[MOST_TOPICS];
     int count;
 };
+
+// What follows the demo's prefix in a topic, or null for a topic of somebody else.
+static const char *below_prefix(const struct consumer *self, const char *topic)
+{
+    const size_t length = strlen(self->prefix);
+    if (strncmp(topic, self->prefix, length) != 0 || topic[length] != '/')
+        return NULL;
+    return topic + length + 1;
+}
 
 static struct seen *entry_of(struct consumer *self, const char *topic)
 {
@@ -58,7 +69,7 @@ static void show(struct consumer *self, kp_tag_t *tag)
     value_text(entry->text, type, value, (uint32_t)size);
     printf("%-8s %-22s %-8s %-48s quality %u  age %5" PRIu64 " us\n", self->name, entry->topic,
            kp_type2str(type), entry->text, quality, age_us);
-    if (strcmp(entry->topic, "demo/run/done") == 0 && value[0])
+    if (strcmp(below_prefix(self, entry->topic), "run/done") == 0 && value[0])
         sem_post(&self->done);
 }
 
@@ -67,7 +78,7 @@ static int on_change(kp_t *handle, const kp_write_info *notice, void *user_data)
     kp_tag_iter_t iter = {0, NULL};
     while (iter.bucket < KP_BUCKET_COUNT) {
         kp_tag_t *tag = kp_get_next_updated_tag(handle, notice, &iter);
-        if (tag && strncmp(kp_tag_get_topic(tag), "demo/", 5) == 0)
+        if (tag && below_prefix(user_data, kp_tag_get_topic(tag)))
             show(user_data, tag);
     }
     return fflush(stdout);
@@ -98,21 +109,22 @@ static int keep_last_values(const struct consumer *self, const char *path)
 int main(int argc, char **argv)
 {
     static struct consumer self;
-    if (argc < 4) {
-        fprintf(stderr, "usage: demo-consumer NAME LAST-VALUES-FILE TOPIC-OR-PATTERN...\n");
+    if (argc < 5) {
+        fprintf(stderr, "usage: demo-consumer PREFIX NAME LAST-VALUES-FILE TOPIC-OR-PATTERN...\n");
         return 2;
     }
     char endpoint[64];
-    self.name = argv[1];
+    self.prefix = argv[1];
+    self.name = argv[2];
     sem_init(&self.done, 0, 0);
-    snprintf(endpoint, sizeof(endpoint), "demo-%s", self.name);
+    snprintf(endpoint, sizeof(endpoint), "%s-%s", self.prefix, self.name);
     kp_t *handle = kp_new(endpoint, on_change);
     if (!handle) {
         perror("demo-consumer: kp_new");
         return 1;
     }
     kp_set_user_data(handle, &self);
-    for (int i = 3; i < argc; ++i)
+    for (int i = 4; i < argc; ++i)
         kp_sub_topic(handle, argv[i]); // -1 while there is no store yet; the pattern stays
     int result = wait_until_done(&self);
     kp_tags_destroy(handle);
@@ -120,6 +132,6 @@ int main(int argc, char **argv)
     if (result != 0)
         fprintf(stderr, "demo-consumer %s: the provider was not done in time\n", self.name);
     else
-        result = keep_last_values(&self, argv[2]);
+        result = keep_last_values(&self, argv[3]);
     return result == 0 ? 0 : 1;
 }

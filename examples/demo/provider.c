@@ -2,7 +2,8 @@
 // last round it writes every topic's last value to a file, announces that it is done and keeps its
 // tags until standard input ends.
 //
-// usage: demo-provider ROUNDS LAST-VALUES-FILE
+// usage: demo-provider PREFIX ROUNDS LAST-VALUES-FILE
+// Its topics are PREFIX/load/one and so on, its endpoint is PREFIX-provider.
 #include "value_text.h"
 
 #include <kp.h>
@@ -14,7 +15,7 @@
 #include <string.h>
 #include <unistd.h>
 
-enum { ROUND_US = 500000, SCAN_US = 300000 };
+enum { ROUND_US = 500000, SCAN_US = 300000, NAME_SIZE = 64 };
 
 struct figures {
     double load;
@@ -27,20 +28,21 @@ struct figures {
 };
 
 struct topic {
-    const char *name;
+    const char *below; // what follows the prefix
     uint32_t type;
     size_t offset; // of its value in struct figures
     kp_tag_t *tag;
+    char name[NAME_SIZE];
 };
 
 static struct topic topics[] = {
-    {"demo/load/one", KP_TYPE_DOUBLE, offsetof(struct figures, load), NULL},
-    {"demo/memory/available", KP_TYPE_UINT64, offsetof(struct figures, memory_kib), NULL},
-    {"demo/cpu/user", KP_TYPE_UINT64, offsetof(struct figures, cpu_user), NULL},
-    {"demo/cpu/system", KP_TYPE_UINT64, offsetof(struct figures, cpu_system), NULL},
-    {"demo/net/received", KP_TYPE_UINT64, offsetof(struct figures, received), NULL},
-    {"demo/host/status", KP_TYPE_STRING, offsetof(struct figures, status), NULL},
-    {"demo/run/done", KP_TYPE_BOOLEAN, offsetof(struct figures, done), NULL},
+    {"load/one", KP_TYPE_DOUBLE, offsetof(struct figures, load), NULL, ""},
+    {"memory/available", KP_TYPE_UINT64, offsetof(struct figures, memory_kib), NULL, ""},
+    {"cpu/user", KP_TYPE_UINT64, offsetof(struct figures, cpu_user), NULL, ""},
+    {"cpu/system", KP_TYPE_UINT64, offsetof(struct figures, cpu_system), NULL, ""},
+    {"net/received", KP_TYPE_UINT64, offsetof(struct figures, received), NULL, ""},
+    {"host/status", KP_TYPE_STRING, offsetof(struct figures, status), NULL, ""},
+    {"run/done", KP_TYPE_BOOLEAN, offsetof(struct figures, done), NULL, ""},
 };
 enum { TOPIC_COUNT = sizeof(topics) / sizeof(topics[0]), DONE = TOPIC_COUNT - 1 };
 
@@ -152,16 +154,20 @@ static int run(kp_t *handle, int rounds, const char *path)
 
 int main(int argc, char **argv)
 {
-    if (argc != 3) {
-        fprintf(stderr, "usage: demo-provider ROUNDS LAST-VALUES-FILE\n");
+    if (argc != 4) {
+        fprintf(stderr, "usage: demo-provider PREFIX ROUNDS LAST-VALUES-FILE\n");
         return 2;
     }
-    kp_t *handle = kp_new("demo-provider", NULL);
+    char endpoint[NAME_SIZE];
+    snprintf(endpoint, sizeof(endpoint), "%s-provider", argv[1]);
+    for (int i = 0; i < TOPIC_COUNT; ++i)
+        snprintf(topics[i].name, sizeof(topics[i].name), "%s/%s", argv[1], topics[i].below);
+    kp_t *handle = kp_new(endpoint, NULL);
     if (!handle) {
         perror("demo-provider: kp_new");
         return 1;
     }
-    const int result = run(handle, atoi(argv[1]), argv[2]);
+    const int result = run(handle, atoi(argv[2]), argv[3]);
     kp_tags_destroy(handle);
     kp_destroy(handle);
     return result == 0 ? 0 : 1;
