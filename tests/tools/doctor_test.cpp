@@ -136,7 +136,7 @@ TEST_F(KpDoctorLooks, FindsDirectoriesThatOnlyTheirOwnerCanList)
     EXPECT_THAT(out, HasSubstr("warning: /dev/shm/zu-kp: mode 0711 lets only root list it: others "
                                "find no topics  [chmod 2775 /dev/shm/zu-kp]\n"));
     EXPECT_THAT(out, HasSubstr("warning: /run/providers: mode 1731 lets only root list it: others "
-                               "find no peers  [chmod 3775 /run/providers]\n"));
+                               "find no peers  [chmod 3770 /run/providers]\n"));
 }
 
 TEST_F(KpDoctorLooks, IsContentWithDirectoriesForTheMembersOfAGroup)

@@ -42,7 +42,7 @@ const SharedDirectory &store_directory()
 
 const SharedDirectory &providers_directory()
 {
-    static const SharedDirectory providers = {kProvidersRoot, "providers", "providers-mode", "3775",
+    static const SharedDirectory providers = {kProvidersRoot, "providers", "providers-mode", "3770",
                                               "peers"};
     return providers;
 }
@@ -114,7 +114,7 @@ void check_providers_directory(Findings &findings)
     const auto found = status_of(providers_directory(),
                                  {Severity::note, "providers", path,
                                   "does not exist: only root can start the first endpoint",
-                                  "install -d -m 3775 " + path},
+                                  "install -d -m 3770 " + path},
                                  findings);
     if (!found)
         return;
@@ -128,7 +128,7 @@ void check_providers_directory(Findings &findings)
         findings.push_back({Severity::warning, "providers-mode", path,
                             "mode " + mode_text(status.st_mode) +
                                 " lets every user remove the socket of a live endpoint",
-                            "chmod 3775 " + path});
+                            "chmod 3770 " + path});
     check_access(providers_directory(), status, findings);
 }
 
