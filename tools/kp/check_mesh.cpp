@@ -1,6 +1,6 @@
 // The endpoints: dead ones, stuck ones, crowded ones, and sockets that others cannot reach.
 #include "endpoints.h"
-#include "escape.h"
+#include "common/text.h"
 #include "finding.h"
 #include "kp.h"
 

@@ -1,10 +1,10 @@
 // The topics: files that are no segments, writes that never ended, counts without owners, semaphores
 // that nobody gives back, times that cannot be.
 #include "counts_lock.h"
-#include "escape.h"
+#include "common/text.h"
 #include "finding.h"
-#include "processes.h"
-#include "segment_view.h"
+#include "common/processes.h"
+#include "common/segment_reader.h"
 #include "time_text.h"
 
 #include <algorithm>

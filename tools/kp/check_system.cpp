@@ -1,7 +1,7 @@
 // The surroundings: directories that the wrong user owns, modes that lock others out, room and limits.
-#include "escape.h"
+#include "common/text.h"
 #include "finding.h"
-#include "processes.h"
+#include "common/processes.h"
 #include "room.h"
 #include "store/segment.h"
 #include "unix_sockets.h"

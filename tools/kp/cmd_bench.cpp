@@ -2,7 +2,7 @@
 // topic and two endpoints of its own.
 #include "checks.h"
 #include "commands.h"
-#include "escape.h"
+#include "common/text.h"
 #include "mesh.h"
 #include "output.h"
 #include "row_format.h"

@@ -1,7 +1,7 @@
 // kp dump and kp restore: the store as JSON lines and back, exact to the bit.
 #include "checks.h"
 #include "commands.h"
-#include "escape.h"
+#include "common/text.h"
 #include "line_reader.h"
 #include "output.h"
 #include "record_line.h"

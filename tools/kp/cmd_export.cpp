@@ -1,10 +1,10 @@
 // kp export: the topics in the format of another system.
 #include "commands.h"
-#include "escape.h"
+#include "common/text.h"
 #include "output.h"
 #include "selection_options.h"
 #include "store_walk.h"
-#include "value.h"
+#include "common/value_text.h"
 
 #include <array>
 #include <cinttypes>

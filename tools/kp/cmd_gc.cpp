@@ -2,10 +2,10 @@
 #include "checks.h"
 #include "commands.h"
 #include "endpoints.h"
-#include "escape.h"
+#include "common/text.h"
 #include "output.h"
 #include "row_format.h"
-#include "segment_view.h"
+#include "common/segment_reader.h"
 #include "time_text.h"
 
 #include <cerrno>

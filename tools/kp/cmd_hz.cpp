@@ -1,8 +1,8 @@
 // kp hz: how often topics are written, and how evenly.
 #include "checks.h"
 #include "commands.h"
-#include "escape.h"
-#include "live_store.h"
+#include "common/text.h"
+#include "common/live_store.h"
 #include "output.h"
 #include "row_format.h"
 #include "selection_options.h"

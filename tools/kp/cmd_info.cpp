@@ -1,9 +1,9 @@
 // kp info: every field of a segment and of its file, and who has it open.
 #include "commands.h"
 #include "counts_lock.h"
-#include "escape.h"
+#include "common/text.h"
 #include "output.h"
-#include "processes.h"
+#include "common/processes.h"
 #include "row_format.h"
 
 #include <sys/stat.h>

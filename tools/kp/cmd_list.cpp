@@ -1,6 +1,6 @@
 // kp list: every topic of the store, at any depth.
 #include "commands.h"
-#include "escape.h"
+#include "common/text.h"
 #include "output.h"
 #include "row_format.h"
 #include "selection_options.h"

@@ -1,7 +1,7 @@
 // kp peers: every endpoint of the mesh, without joining or touching it.
 #include "commands.h"
 #include "endpoints.h"
-#include "escape.h"
+#include "common/text.h"
 #include "kp.h"
 #include "output.h"
 #include "row_format.h"

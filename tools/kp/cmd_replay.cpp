@@ -1,7 +1,7 @@
 // kp replay: writes what record printed, at the pace at which it was seen.
 #include "checks.h"
 #include "commands.h"
-#include "escape.h"
+#include "common/text.h"
 #include "line_reader.h"
 #include "record_store.h"
 #include "stop.h"

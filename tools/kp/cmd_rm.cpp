@@ -1,8 +1,8 @@
 // kp rm: takes a topic out of the store, unless somebody has it open.
 #include "commands.h"
-#include "escape.h"
-#include "processes.h"
-#include "segment_view.h"
+#include "common/text.h"
+#include "common/processes.h"
+#include "common/segment_reader.h"
 
 #include <cerrno>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // kp set: one value, or many from JSON lines, checked against what the topic is.
 #include "checks.h"
 #include "commands.h"
-#include "escape.h"
+#include "common/text.h"
 #include "line_reader.h"
 #include "mesh.h"
 #include "output.h"

@@ -1,8 +1,8 @@
 // kp top: the live view. It samples as watch does and draws less often than it samples.
 #include "checks.h"
 #include "commands.h"
-#include "escape.h"
-#include "live_store.h"
+#include "common/text.h"
+#include "common/live_store.h"
 #include "row_format.h"
 #include "screen.h"
 #include "selection_options.h"

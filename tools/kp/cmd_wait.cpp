@@ -1,7 +1,7 @@
 // kp wait: ends when a condition on one topic holds.
 #include "checks.h"
 #include "commands.h"
-#include "escape.h"
+#include "common/text.h"
 #include "row_format.h"
 #include "stop.h"
 

@@ -1,7 +1,7 @@
 // kp watch and kp record: a line for each change, by sampling or, asked to, on the notices of the mesh.
 #include "checks.h"
 #include "commands.h"
-#include "live_store.h"
+#include "common/live_store.h"
 #include "notice_queue.h"
 #include "output.h"
 #include "record_line.h"

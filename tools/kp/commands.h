@@ -1,7 +1,7 @@
 // The subcommands of `kp`. Each adds itself, its options and the function that runs it.
 #pragma once
 
-#include "exit_code.h"
+#include "problem.h"
 
 #include <CLI/CLI.hpp>
 #include <functional>

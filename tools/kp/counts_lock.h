@@ -1,7 +1,7 @@
 // The semaphore that guards a segment's counts, looked at and never touched.
 #pragma once
 
-#include "store.h"
+#include "common/store_files.h"
 
 namespace kp::tool {
 

@@ -1,7 +1,7 @@
 // The endpoints of the device as they stand: whose they are, who is connected and what waits unread.
 #pragma once
 
-#include "processes.h"
+#include "common/processes.h"
 #include "unix_sockets.h"
 
 #include <optional>

@@ -1,7 +1,7 @@
 // What kp doctor found: one line each, with the command that mends it.
 #pragma once
 
-#include "exit_code.h"
+#include "problem.h"
 
 #include <string>
 #include <vector>

@@ -1,6 +1,6 @@
 #include "line_reader.h"
 
-#include "escape.h"
+#include "common/text.h"
 #include "stop.h"
 
 #include <algorithm>

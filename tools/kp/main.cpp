@@ -1,7 +1,7 @@
 // kp: the tags of this device, seen, set and looked after from a shell.
 #include "commands.h"
-#include "escape.h"
-#include "fault_guard.h"
+#include "common/text.h"
+#include "common/fault_guard.h"
 #include "kp.h"
 #include "output.h"
 #include "stop.h"

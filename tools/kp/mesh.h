@@ -2,7 +2,7 @@
 // says its word and leaves at once would be heard by nobody.
 #pragma once
 
-#include "exit_code.h"
+#include "problem.h"
 #include "kp.h"
 
 #include <string>

@@ -2,7 +2,7 @@
 // program has time for them: its output may stall, the receive thread never waits for it.
 #pragma once
 
-#include "exit_code.h"
+#include "problem.h"
 #include "kp.h"
 #include "support/unique_fd.h"
 

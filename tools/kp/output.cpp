@@ -1,6 +1,6 @@
 #include "output.h"
 
-#include "exit_code.h"
+#include "problem.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "record_line.h"
 
-#include "escape.h"
+#include "common/text.h"
 #include "support/value_type.h"
 #include "time_text.h"
 

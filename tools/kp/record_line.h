@@ -3,7 +3,7 @@
 #pragma once
 
 #include "row_format.h"
-#include "value.h"
+#include "common/value_text.h"
 #include "writer.h"
 
 namespace kp::tool {

@@ -1,6 +1,6 @@
 #include "row_format.h"
 
-#include "escape.h"
+#include "common/text.h"
 #include "output.h"
 
 #include <CLI/CLI.hpp>

@@ -1,9 +1,9 @@
 // One topic as one record of output, in each of the formats.
 #pragma once
 
-#include "segment_view.h"
+#include "common/segment_reader.h"
 #include "time_text.h"
-#include "value.h"
+#include "common/value_text.h"
 
 namespace CLI {
 class App;

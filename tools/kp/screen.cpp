@@ -1,6 +1,6 @@
 #include "screen.h"
 
-#include "escape.h"
+#include "common/text.h"
 
 #define NCURSES_NOMACROS
 #define NCURSES_WIDECHAR 1

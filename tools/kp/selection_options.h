@@ -1,7 +1,7 @@
 // The arguments by which the commands choose topics.
 #pragma once
 
-#include "pattern.h"
+#include "common/pattern.h"
 
 #include <CLI/CLI.hpp>
 

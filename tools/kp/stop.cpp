@@ -1,6 +1,6 @@
 #include "stop.h"
 
-#include "exit_code.h"
+#include "problem.h"
 #include "output.h"
 #include "time_text.h"
 

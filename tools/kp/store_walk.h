@@ -1,7 +1,7 @@
 // The topics of a selection, read one after another.
 #pragma once
 
-#include "segment_view.h"
+#include "common/segment_reader.h"
 
 namespace kp::tool {
 

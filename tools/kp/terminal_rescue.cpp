@@ -1,6 +1,6 @@
 #include "terminal_rescue.h"
 
-#include "fault_guard.h"
+#include "common/fault_guard.h"
 
 #include <array>
 #include <csignal>

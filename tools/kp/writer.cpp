@@ -1,6 +1,6 @@
 #include "writer.h"
 
-#include "escape.h"
+#include "common/text.h"
 #include "room.h"
 #include "support/value_type.h"
 #include "time_text.h"

@@ -2,7 +2,7 @@
 // topic stays what its provider declared; only a new one is declared here.
 #pragma once
 
-#include "segment_view.h"
+#include "common/segment_reader.h"
 
 namespace kp::tool {
 

@@ -1,6 +1,6 @@
 #include "providers/segment_holders.h"
 
-#include "kp/processes.h"
+#include "common/processes.h"
 #include "store/segment.h"
 
 #include <array>

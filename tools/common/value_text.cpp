@@ -1,6 +1,6 @@
-#include "value.h"
+#include "common/value_text.h"
 
-#include "escape.h"
+#include "common/text.h"
 #include "support/value_type.h"
 
 #include <array>

@@ -1,4 +1,4 @@
-#include "exit_code.h"
+#include "problem.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,6 +1,6 @@
-#include "processes.h"
+#include "common/processes.h"
 
-#include "escape.h"
+#include "common/text.h"
 #include "support/unique_fd.h"
 
 #include <algorithm>

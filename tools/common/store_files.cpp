@@ -1,6 +1,6 @@
-#include "store.h"
+#include "common/store_files.h"
 
-#include "escape.h"
+#include "common/text.h"
 #include "store/segment.h"
 
 #include <algorithm>

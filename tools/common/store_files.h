@@ -2,7 +2,7 @@
 // followed below the store's root, and nothing is ever created.
 #pragma once
 
-#include "pattern.h"
+#include "common/pattern.h"
 #include "support/unique_fd.h"
 
 #include <memory>

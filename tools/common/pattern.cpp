@@ -1,6 +1,6 @@
-#include "pattern.h"
+#include "common/pattern.h"
 
-#include "escape.h"
+#include "common/text.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "escape.h"
+#include "common/text.h"
 
 #include <array>
 #include <cstdint>

@@ -3,7 +3,7 @@
 // of a level is looked at.
 #pragma once
 
-#include "exit_code.h"
+#include "kp/problem.h"
 
 #include <optional>
 #include <string>

@@ -1,4 +1,4 @@
-#include "fault_guard.h"
+#include "common/fault_guard.h"
 
 #include <csignal>
 

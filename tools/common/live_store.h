@@ -3,7 +3,7 @@
 // that cannot be read is tried again now and then: it may be given back its rights or its size.
 #pragma once
 
-#include "segment_view.h"
+#include "common/segment_reader.h"
 
 #include <map>
 #include <set>

@@ -1,7 +1,7 @@
-#include "segment_view.h"
+#include "common/segment_reader.h"
 
-#include "escape.h"
-#include "fault_guard.h"
+#include "common/text.h"
+#include "common/fault_guard.h"
 #include "support/value_type.h"
 
 #include <algorithm>

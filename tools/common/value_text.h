@@ -1,8 +1,8 @@
 // Values as text and back. Numbers are printed in the shortest form that reads back to the same bits.
 #pragma once
 
-#include "exit_code.h"
-#include "segment_view.h"
+#include "kp/problem.h"
+#include "common/segment_reader.h"
 
 #include <nlohmann/json.hpp>
 

@@ -2,7 +2,7 @@
 // and survives a file that is cut short meanwhile.
 #pragma once
 
-#include "store.h"
+#include "common/store_files.h"
 #include "store/segment.h"
 
 #include <string>

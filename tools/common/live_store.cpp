@@ -1,6 +1,6 @@
-#include "live_store.h"
+#include "common/live_store.h"
 
-#include "time_text.h"
+#include "kp/time_text.h"
 
 #include <algorithm>
 
