@@ -52,6 +52,8 @@ class LiveStore {
     {
         return topics_;
     }
+    // Notes a problem for take_problems(), unless it was noted before.
+    void report(const Problem &problem);
     // Those found whose files cannot be read.
     std::size_t refused_count() const
     {
@@ -82,7 +84,6 @@ class LiveStore {
     void drop_files(const DirectoryState &state, const std::vector<StoreFile> &now);
     void drop_lost();
     void report_if_stuck(LiveTopic &live);
-    void report(const Problem &problem);
 
     template <typename Use> void look_at(LiveTopic &live, const Use &use)
     {

@@ -69,16 +69,31 @@ bool lets_connect(const EndpointFile &file, uid_t user,
     return file.mode & (groups->contains(file.group) ? S_IWGRP : S_IWOTH);
 }
 
+// A live endpoint and what lets its process connect to others.
+struct Member {
+    const Endpoint *endpoint;
+    std::optional<std::set<gid_t>> groups;
+};
+
+std::vector<Member> members_of(const Mesh &mesh)
+{
+    std::vector<Member> members;
+    for (const Endpoint &endpoint : mesh.endpoints)
+        if (endpoint.liveness == Liveness::live)
+            members.push_back({&endpoint, endpoint.owners.empty()
+                                              ? std::nullopt
+                                              : groups_of(endpoint.owners.front().pid)});
+    return members;
+}
+
 // An endpoint tells its changes to those who connect to it.
-void check_socket_mode(const Endpoint &endpoint, const Mesh &mesh, Findings &findings)
+void check_socket_mode(const Endpoint &endpoint, const std::vector<Member> &members,
+                       Findings &findings)
 {
     std::string example;
     std::size_t others = 0;
-    for (const Endpoint &other : mesh.endpoints) {
-        if (other.liveness != Liveness::live)
-            continue;
-        const auto groups =
-            other.owners.empty() ? std::nullopt : groups_of(other.owners.front().pid);
+    for (const auto &[member, groups] : members) {
+        const Endpoint &other = *member;
         if (lets_connect(endpoint.file, other.file.owner, groups))
             continue;
         if (example.empty())
@@ -110,9 +125,9 @@ std::size_t check_mesh(Findings &findings)
     check_sight(mesh, findings);
     for (const Endpoint &endpoint : mesh.endpoints)
         check_endpoint(endpoint, findings);
-    for (const Endpoint &endpoint : mesh.endpoints)
-        if (endpoint.liveness == Liveness::live)
-            check_socket_mode(endpoint, mesh, findings);
+    const std::vector<Member> members = members_of(mesh);
+    for (const Member &member : members)
+        check_socket_mode(*member.endpoint, members, findings);
     for (const UnixSocket &socket : mesh.lost)
         findings.push_back({Severity::error, "peer-lost", escaped(socket.path),
                             "somebody listens on it but its file is gone or another's: two "

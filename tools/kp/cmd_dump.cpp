@@ -59,12 +59,9 @@ int restore_from(int fd, const RestoreOptions &options)
     NoticeSender sender;
     Problem problem;
     LineReader lines(fd);
-    for (std::size_t number = 1; const auto line = lines.next(); ++number) {
-        if (is_blank(*line) || restore_line(*line, options, sender, problem))
-            continue;
-        problem.text = "line " + std::to_string(number) + ": " + problem.text;
-        outcome.note(problem);
-    }
+    while (const auto line = lines.next())
+        if (!restore_line(*line, options, sender, problem))
+            outcome.note(lines.at_line(problem));
     if (lines.error() != 0)
         outcome.note(system_problem(input_name(options.file), lines.error()));
     if (!sender.send(static_cast<uint64_t>(options.peer_wait * 1e6), problem))

@@ -45,17 +45,15 @@ class Replay {
 
     int run()
     {
-        for (std::size_t number = 1; !is_stopped_; ++number) {
+        while (!is_stopped_) {
             if (!lines_.has_line())
                 notify(); // nobody knows when the next one comes
             const auto line = lines_.next();
             if (!line)
                 break;
             Problem problem;
-            if (is_blank(*line) || play(*line, problem))
-                continue;
-            problem.text = "line " + std::to_string(number) + ": " + problem.text;
-            outcome_.note(problem);
+            if (!play(*line, problem))
+                outcome_.note(lines_.at_line(problem));
         }
         if (lines_.error() != 0)
             outcome_.note(system_problem(input_name(options_.file), lines_.error()));

@@ -139,9 +139,7 @@ int set_batch(const SetOptions &options)
     Outcome outcome;
     NoticeSender sender;
     LineReader lines(STDIN_FILENO);
-    for (std::size_t number = 1; const auto line = lines.next(); ++number) {
-        if (is_blank(*line))
-            continue;
+    while (const auto line = lines.next()) {
         Problem problem;
         auto record = parse_record(*line, options.bytes, problem);
         if (record)
@@ -149,8 +147,7 @@ int set_batch(const SetOptions &options)
         const auto target = record ? find_target(record->write, problem) : std::nullopt;
         const auto bytes = target ? record_bytes(*record, target->type, problem) : std::nullopt;
         if (!bytes || !store_value(record->write, *target, bytes, problem)) {
-            problem.text = "line " + std::to_string(number) + ": " + problem.text;
-            outcome.note(problem);
+            outcome.note(lines.at_line(problem));
             continue;
         }
         print_change(options, record->write, *target);

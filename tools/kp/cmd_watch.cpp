@@ -111,12 +111,10 @@ class Watch {
         if (is_complete() || (is_first_look_ && options_.no_initial))
             return;
         auto snapshot = live.view.read();
-        if (snapshot && snapshot->condition == Condition::corrupt &&
-            told_.insert(live.topic).second)
-            outcome_.note(value_problem(live.topic, *snapshot));
+        if (snapshot && snapshot->condition == Condition::corrupt)
+            store_.report(value_problem(live.topic, *snapshot));
         if (!snapshot || snapshot->condition != Condition::value)
             return;
-        told_.erase(live.topic);
         const Row row{live.topic, std::move(*snapshot)};
         output().write(options_.is_record ? stored_record(row, now_us())
                                           : row_record(row, options_.format));
@@ -135,7 +133,6 @@ class Watch {
     const WatchOptions &options_;
     LiveStore store_;
     Outcome outcome_;
-    std::set<std::string> told_; // topics that are corrupt
     uint64_t end_ = 0;
     uint64_t printed_ = 0;
     bool is_first_look_ = true;

@@ -23,7 +23,21 @@ std::string input_name(const std::string &file)
     return file == "-" ? "standard input" : escaped(file);
 }
 
+Problem LineReader::at_line(Problem problem) const
+{
+    problem.text = "line " + std::to_string(number_) + ": " + problem.text;
+    return problem;
+}
+
 std::optional<std::string> LineReader::next()
+{
+    auto line = next_of_any();
+    while (line && line->find_first_not_of(" \t\r") == std::string::npos)
+        line = next_of_any();
+    return line;
+}
+
+std::optional<std::string> LineReader::next_of_any()
 {
     while (!has_line() && !is_at_end_)
         if (!read_more())
@@ -33,6 +47,7 @@ std::optional<std::string> LineReader::next()
     const std::size_t end =
         std::min(ready_.find('\n', start_), ready_.size()); // the last may lack it
     const std::size_t start = std::exchange(start_, std::min(end + 1, ready_.size()));
+    ++number_;
     return ready_.substr(start, end - start);
 }
 
