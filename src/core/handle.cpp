@@ -1,8 +1,8 @@
 // Handles: making and destroying them, finding tags, and what incoming notices set off.
 #include "core/handle.h"
 
-#include "core/tag_value.h"
-#include "support/dict.h"
+#include "core/dict.h"
+#include "core/tag.h"
 #include "support/lock.h"
 #include "support/log.h"
 #include "support/memory.h"
@@ -191,21 +191,6 @@ int32_t kp_is_new_tag_notify_enabled(kp_t *handle)
         return 0;
     }
     return load_relaxed(handle->flags) & kAnnounceNewTags ? 1 : 0;
-}
-
-kp_topic_node_t *kp_list_all_topics(void)
-{
-    return kp_shm_list_all_topics();
-}
-
-void kp_free_list_all_topics(kp_topic_node_t *list)
-{
-    while (list) {
-        kp_topic_node_t *next = list->next;
-        std::free(list->topic);
-        std::free(list);
-        list = next;
-    }
 }
 
 void kp_dump_dict(kp_t *handle)

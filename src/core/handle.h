@@ -2,7 +2,7 @@
 #pragma once
 
 #include "kp.h"
-#include "notify/messages.h"
+#include "layout/notice.h"
 
 #include <cstddef>
 

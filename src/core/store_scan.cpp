@@ -2,7 +2,10 @@
 #include "core/topic.h"
 
 #include "core/pattern.h"
-#include "store/segment.h"
+#include "layout/segment.h"
+#include "layout/unique_fd.h"
+#include "support/log.h"
+#include "support/path.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,19 +1,21 @@
 // Questions about a tag or a topic that move no value.
+#include "core/dict.h"
 #include "core/tag.h"
 
 #include "support/log.h"
 
 namespace kp {
 
-namespace {
-
-// The store's result as these queries report it: anything but -1 is success.
-int32_t as_status(int32_t result)
+kp_tag_t *next_need_read_tag(kp_dict_entry *&cursor)
 {
-    return result == -1 ? -1 : 0;
+    while (cursor) {
+        kp_tag_t *tag = cursor->tag;
+        cursor = next_entry(*cursor);
+        if (tag && kp_tag_need_read(tag))
+            return tag;
+    }
+    return nullptr;
 }
-
-} // namespace
 
 } // namespace kp
 
@@ -39,7 +41,7 @@ int32_t kp_tag_get_value_info(kp_tag_t *tag, uint32_t *value_type, uint32_t *siz
         KP_ERROR("shm is null\n");
         return -1;
     }
-    return as_status(kp_shm_get_read_info(tag->shm, value_type, size, extra_info));
+    return kp_shm_get_read_info(tag->shm, value_type, size, extra_info);
 }
 
 int32_t kp_tag_instant_get_value_info(const char *topic, uint32_t *value_type, uint32_t *size,
@@ -49,7 +51,7 @@ int32_t kp_tag_instant_get_value_info(const char *topic, uint32_t *value_type, u
         KP_ERROR("topic is null\n");
         return -1;
     }
-    return as_status(kp_shm_instant_get_value_info(topic, value_type, size, extra_info));
+    return kp_shm_instant_get_value_info(topic, value_type, size, extra_info);
 }
 
 int32_t kp_tag_get_max_value_size(kp_tag_t *tag, uint32_t *max_value_size)
@@ -62,7 +64,7 @@ int32_t kp_tag_get_max_value_size(kp_tag_t *tag, uint32_t *max_value_size)
         KP_ERROR("shm is null\n");
         return -1;
     }
-    return as_status(kp_shm_get_max_value_size(tag->shm, max_value_size));
+    return kp_shm_get_max_value_size(tag->shm, max_value_size);
 }
 
 int32_t kp_tag_instant_get_max_value_size(const char *topic, uint32_t *max_value_size)
@@ -71,7 +73,7 @@ int32_t kp_tag_instant_get_max_value_size(const char *topic, uint32_t *max_value
         KP_ERROR("topic is null\n");
         return -1;
     }
-    return as_status(kp_shm_instant_get_max_value_size(topic, max_value_size));
+    return kp_shm_instant_get_max_value_size(topic, max_value_size);
 }
 
 int32_t kp_tag_get_reference_count(const char *topic, uint32_t *providers, uint32_t *consumers)
@@ -80,7 +82,7 @@ int32_t kp_tag_get_reference_count(const char *topic, uint32_t *providers, uint3
         KP_ERROR("topic is null\n");
         return -1;
     }
-    return as_status(kp_shm_get_reference_count(topic, providers, consumers));
+    return kp_shm_get_reference_count(topic, providers, consumers);
 }
 
 int32_t kp_tag_has_read(kp_tag_t *tag)

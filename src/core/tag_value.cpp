@@ -1,12 +1,10 @@
 // Writing and reading values through tags and by topic. What is added to the store here: the time,
 // the quality of a plain write, the size rule and the marks in the handle's change notice.
-#include "core/tag_value.h"
-
 #include "core/handle.h"
 #include "core/tag.h"
 #include "store/buffered.h"
 #include "store/consistent.h"
-#include "support/dict.h"
+#include "support/clock.h"
 #include "support/log.h"
 
 #include <cstring>
@@ -69,17 +67,6 @@ void mark_written(kp_t &handle, uint32_t hash)
 }
 
 } // namespace
-
-kp_tag_t *next_need_read_tag(kp_dict_entry *&cursor)
-{
-    while (cursor) {
-        kp_tag_t *tag = cursor->tag;
-        cursor = next_entry(*cursor);
-        if (tag && kp_tag_need_read(tag))
-            return tag;
-    }
-    return nullptr;
-}
 
 } // namespace kp
 

@@ -5,12 +5,12 @@
 #include "core/handle.h"
 #include "core/pattern.h"
 #include "core/tag.h"
-#include "support/field.h"
+#include "layout/field.h"
+#include "layout/value_type.h"
 #include "support/list.h"
 #include "support/lock.h"
 #include "support/log.h"
 #include "support/memory.h"
-#include "support/value_type.h"
 
 #include <array>
 #include <cstring>
@@ -177,4 +177,19 @@ int32_t kp_pub_topic_instant(kp_t *handle, const char *topic, const void *value,
     if (result == 0)
         (void)kp_tag_notify(handle);
     return result;
+}
+
+kp_topic_node_t *kp_list_all_topics(void)
+{
+    return kp_shm_list_all_topics();
+}
+
+void kp_free_list_all_topics(kp_topic_node_t *list)
+{
+    while (list) {
+        kp_topic_node_t *next = list->next;
+        std::free(list->topic);
+        std::free(list);
+        list = next;
+    }
 }

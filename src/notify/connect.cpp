@@ -1,6 +1,7 @@
 // Connecting to a peer. A file of the directory that does not answer three tries is the left-over
 // of a killed endpoint, or no socket at all, and is removed.
 #include "notify/endpoint.h"
+#include "support/clock.h"
 
 #include <cerrno>
 #include <cstring>
@@ -17,17 +18,9 @@ namespace {
 
 constexpr int kTries = 3;
 constexpr int64_t kPauseMs = 1000;
-constexpr int64_t kNsPerMs = 1'000'000;
 
 // A connect waits while the peer's backlog is full, which is for ever when the peer is stopped.
 constexpr timeval kConnectTimeout{1, 0};
-
-int64_t monotonic_ms()
-{
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / kNsPerMs;
-}
 
 // Pauses between two tries, so that a peer that is just starting can bind and listen; ends at once
 // when the endpoint is closed meanwhile.

@@ -123,3 +123,11 @@ bool can_go_on(Wait wait, LogSite site)
 }
 
 } // namespace kp
+
+using namespace kp;
+
+void kp_notify_set_callback(kp_notify_t *endpoint, kp_notify_cb_t callback)
+{
+    if (endpoint)
+        store_release(endpoint->callback, callback);
+}

@@ -5,10 +5,11 @@
 #pragma once
 
 #include "kp.h"
-#include "support/field.h"
+#include "layout/field.h"
+#include "layout/notice.h"
+#include "layout/unique_fd.h"
 #include "support/log.h"
 #include "support/path.h"
-#include "support/unique_fd.h"
 
 #include <array>
 #include <cstddef>
@@ -18,8 +19,6 @@
 #include <sys/un.h>
 
 namespace kp {
-
-constexpr const char *kEndpointDirectory = "/run/providers/";
 
 constexpr int kSlotCount = 32;
 constexpr int kListeningSlot = 0;

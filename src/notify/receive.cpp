@@ -3,7 +3,7 @@
 // that has not arrived whole costs its connection.
 #include "notify/endpoint.h"
 
-#include "notify/messages.h"
+#include "layout/notice.h"
 #include "support/memory.h"
 
 #include <algorithm>

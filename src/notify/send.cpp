@@ -48,9 +48,3 @@ int32_t kp_notify_send(kp_notify_t *endpoint, const void *buf, uint32_t len)
     }
     return 0;
 }
-
-void kp_notify_set_callback(kp_notify_t *endpoint, kp_notify_cb_t callback)
-{
-    if (endpoint)
-        store_release(endpoint->callback, callback);
-}

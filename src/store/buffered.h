@@ -3,8 +3,9 @@
 // exported functions find out again and report under their own names.
 #pragma once
 
-#include "store/segment.h"
-#include "support/value_type.h"
+#include "layout/value_type.h"
+#include "store/bytes.h"
+#include "store/segment_file.h"
 
 #include <algorithm>
 
@@ -35,6 +36,10 @@ class WriteMark {
   private:
     Segment &segment_;
 };
+
+// Bounds of the wait for a writer that is copying a value in.
+constexpr int kWriterTries = 10;
+constexpr uint32_t kWriterPauseUs = 10; // a write lasts less than a microsecond
 
 inline bool is_being_written(const Segment &segment)
 {

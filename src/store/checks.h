@@ -1,10 +1,21 @@
-// The guards of the operations on an open segment, shared by the files that read and write values.
-// Each logs under its caller's name.
+// What the operations on values share: their guards, each of which logs under its caller's name, and
+// their optional outputs.
 #pragma once
 
-#include "store/segment.h"
+#include "store/segment_file.h"
 
 namespace kp {
+
+// Logged at DEBUG by every function that needs what only a provider can declare.
+constexpr const char *kUndeclared =
+    "shm is invalid. tag size and tag type should be set by provider.\n";
+
+// Stores a result where the caller wants one.
+template <typename T> void give(T *output, T value)
+{
+    if (output)
+        *output = value;
+}
 
 // Says why a handle has no declared segment. The two families of callers word a missing mapping
 // differently.
@@ -51,9 +62,5 @@ inline bool value_fits(const Segment &segment, uint32_t buffer_size,
     }
     return true;
 }
-
-// Bounds of the wait for a writer that is copying a value in.
-constexpr int kWriterTries = 10;
-constexpr useconds_t kWriterPauseUs = 10; // a write lasts less than a microsecond
 
 } // namespace kp

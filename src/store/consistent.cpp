@@ -2,6 +2,7 @@
 // tells what makes an attempt trustworthy.
 #include "store/consistent.h"
 
+#include "store/buffered.h"
 #include "store/checks.h"
 
 #include <unistd.h>

@@ -31,7 +31,8 @@
 //    first, since without that flag a value is all zeros.
 #pragma once
 
-#include "store/segment.h"
+#include "store/bytes.h"
+#include "store/segment_file.h"
 
 #include <algorithm>
 

@@ -1,7 +1,8 @@
 // Reaching a segment by its topic alone: each call opens, maps, acts, unmaps and closes, and counts
 // no reference. Nothing outlives a call but the file.
-#include "store/segment.h"
-
+#include "store/bytes.h"
+#include "store/checks.h"
+#include "store/segment_file.h"
 #include "support/memory.h"
 
 #include <cerrno>

@@ -1,8 +1,8 @@
 // Handles on segments: opening, counting, declaring and closing. The counts are kept under the
 // segment's process-shared semaphore, and changed atomically besides, because every open
 // initialises the semaphore again and so two processes can hold it at once.
-#include "store/segment.h"
-
+#include "store/segment_file.h"
+#include "support/clock.h"
 #include "support/memory.h"
 
 #include <algorithm>
@@ -24,13 +24,6 @@ constexpr int64_t kSemaphoreStepNs = 10'000'000;
 // After this time the holder counts as killed. The counts are atomic without the semaphore, so going
 // on is safe and waiting longer would hang every later close of the topic.
 constexpr int64_t kSemaphorePatienceNs = 1'000'000'000;
-
-int64_t monotonic_ns()
-{
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
-}
 
 // Holds the segment's semaphore over a scope, or goes on without it when its holder is gone.
 class SemaphoreLock {

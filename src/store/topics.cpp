@@ -1,15 +1,21 @@
 // Listing the topics of the store: depth first, in the order of the directories, nothing sorted and
 // nothing logged.
-#include "store/segment.h"
-
+#include "kp.h"
+#include "layout/segment.h"
+#include "layout/unique_fd.h"
 #include "support/memory.h"
+#include "support/path.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string_view>
 
 namespace kp {
 
 namespace {
+
+static_assert(offsetof(kp_topic_node_t, topic) == 0);
+static_assert(offsetof(kp_topic_node_t, next) == 8);
 
 constexpr auto kMostSlashes = 2; // topics are listed to a depth of three levels
 

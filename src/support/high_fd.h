@@ -3,7 +3,7 @@
 // whatever lies there.
 #pragma once
 
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <dirent.h>
 #include <fcntl.h>

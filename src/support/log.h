@@ -4,7 +4,7 @@
 #pragma once
 
 #include "kp.h"
-#include "support/field.h"
+#include "layout/field.h"
 
 namespace kp {
 

@@ -2,7 +2,7 @@
 // program can free what it is handed.
 #pragma once
 
-#include "support/unique_fd.h"
+#include "layout/keep_errno.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,5 +1,5 @@
 // Looking up value types.
-#include "support/value_type.h"
+#include "layout/value_type.h"
 
 #include "support/log.h"
 

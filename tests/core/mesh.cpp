@@ -1,7 +1,7 @@
 #include "core/mesh.h"
 
+#include "layout/field.h"
 #include "notify/endpoint.h"
-#include "support/field.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,7 +1,7 @@
 // The scan of the store for topics that a new pattern covers.
 #include "core/mesh.h"
 #include "core/topic.h"
-#include "store/segment.h"
+#include "support/path.h"
 
 #include <filesystem>
 #include <fstream>

@@ -5,8 +5,8 @@
 
 #include "core/handle.h"
 #include "kp.h"
+#include "layout/notice.h"
 #include "notify/endpoint.h"
-#include "notify/messages.h"
 
 #include <deque>
 #include <sys/socket.h>

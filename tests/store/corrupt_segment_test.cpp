@@ -1,7 +1,7 @@
 // Segments that hold, or come to hold, what no provider would write: nothing outside the value area
 // and the caller's buffer is ever touched or told of.
+#include "layout/segment.h"
 #include "store/opened_segment.h"
-#include "store/segment.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
 #include "testing/log_level.h"

@@ -1,6 +1,6 @@
 // What a provider declares of an open segment, and the clock.
 #include "store/opened_segment.h"
-#include "store/segment.h"
+#include "store/segment_file.h"
 #include "testing/capture.h"
 #include "testing/segment_file.h"
 

@@ -1,7 +1,7 @@
 // Where a topic's file lies, and which topics have none: paths, directories and what stands in the
 // way of them.
 #include "store/opened_segment.h"
-#include "store/segment.h"
+#include "store/segment_file.h"
 #include "testing/capture.h"
 #include "testing/child.h"
 #include "testing/faults.h"

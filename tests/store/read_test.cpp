@@ -1,6 +1,6 @@
 // Reading through an open segment.
 #include "store/opened_segment.h"
-#include "store/segment.h"
+#include "store/segment_file.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
 #include "testing/log_level.h"

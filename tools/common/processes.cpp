@@ -1,7 +1,7 @@
 #include "common/processes.h"
 
 #include "common/text.h"
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <algorithm>
 #include <array>

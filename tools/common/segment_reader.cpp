@@ -1,8 +1,8 @@
 #include "common/segment_reader.h"
 
-#include "common/text.h"
 #include "common/fault_guard.h"
-#include "support/value_type.h"
+#include "common/text.h"
+#include "layout/value_type.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "common/store_files.h"
-#include "store/segment.h"
+#include "layout/segment.h"
 
 #include <string>
 

@@ -1,7 +1,7 @@
 #include "common/store_files.h"
 
 #include "common/text.h"
-#include "store/segment.h"
+#include "layout/segment.h"
 
 #include <algorithm>
 #include <cerrno>

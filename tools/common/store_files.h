@@ -3,7 +3,7 @@
 #pragma once
 
 #include "common/pattern.h"
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <memory>
 #include <string>

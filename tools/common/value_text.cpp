@@ -1,7 +1,7 @@
 #include "common/value_text.h"
 
 #include "common/text.h"
-#include "support/value_type.h"
+#include "layout/value_type.h"
 
 #include <array>
 #include <charconv>

@@ -1,9 +1,9 @@
 // The surroundings: directories that the wrong user owns, modes that lock others out, room and limits.
+#include "common/processes.h"
 #include "common/text.h"
 #include "finding.h"
-#include "common/processes.h"
+#include "layout/segment.h"
 #include "room.h"
-#include "store/segment.h"
 #include "unix_sockets.h"
 
 #include <cerrno>

@@ -3,12 +3,12 @@
 #include "checks.h"
 #include "commands.h"
 #include "common/text.h"
+#include "layout/segment.h"
+#include "layout/unique_fd.h"
 #include "mesh.h"
 #include "output.h"
 #include "row_format.h"
 #include "stop.h"
-#include "store/segment.h"
-#include "support/unique_fd.h"
 
 #include <array>
 #include <poll.h>

@@ -2,12 +2,12 @@
 #include "checks.h"
 #include "commands.h"
 #include "common/text.h"
+#include "layout/value_type.h"
 #include "line_reader.h"
 #include "mesh.h"
 #include "output.h"
 #include "record_line.h"
 #include "row_format.h"
-#include "support/value_type.h"
 #include "writer.h"
 
 #include <iostream>

@@ -1,6 +1,6 @@
 #include "counts_lock.h"
 
-#include "store/segment.h"
+#include "layout/segment.h"
 
 #include <algorithm>
 #include <array>

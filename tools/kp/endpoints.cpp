@@ -1,6 +1,6 @@
 #include "endpoints.h"
 
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <algorithm>
 #include <cerrno>

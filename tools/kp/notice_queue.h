@@ -4,7 +4,7 @@
 
 #include "problem.h"
 #include "kp.h"
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <memory>
 

@@ -1,7 +1,7 @@
 #include "record_line.h"
 
 #include "common/text.h"
-#include "support/value_type.h"
+#include "layout/value_type.h"
 #include "time_text.h"
 
 #include <array>

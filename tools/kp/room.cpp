@@ -1,6 +1,6 @@
 #include "room.h"
 
-#include "store/segment.h"
+#include "layout/segment.h"
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>

@@ -1,6 +1,6 @@
 #include "unix_sockets.h"
 
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 #include "writer.h"
 
 #include "common/text.h"
+#include "layout/value_type.h"
 #include "room.h"
-#include "support/value_type.h"
 #include "time_text.h"
 
 #include <algorithm>

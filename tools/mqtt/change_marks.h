@@ -4,7 +4,7 @@
 #pragma once
 
 #include "kp.h"
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <array>
 #include <atomic>

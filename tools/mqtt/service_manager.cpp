@@ -1,6 +1,6 @@
 #include "service_manager.h"
 
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <cstddef>
 #include <cstdlib>

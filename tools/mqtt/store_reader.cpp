@@ -1,8 +1,8 @@
 #include "store_reader.h"
 
+#include "layout/segment.h"
 #include "log.h"
 #include "names/topic_names.h"
-#include "store/segment.h"
 #include "topic_filter.h"
 
 #include <array>

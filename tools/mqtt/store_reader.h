@@ -4,8 +4,8 @@
 // cuts short is a fatal signal.
 #pragma once
 
+#include "layout/unique_fd.h"
 #include "sample.h"
-#include "support/unique_fd.h"
 
 #include <functional>
 #include <string>

@@ -1,6 +1,6 @@
 #include "broker/broker_link.h"
 
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <algorithm>
 #include <atomic>

@@ -5,8 +5,8 @@
 // before the message goes, and written anew when it has grown stale.
 #pragma once
 
+#include "layout/unique_fd.h"
 #include "result.h"
-#include "support/unique_fd.h"
 
 #include <memory>
 #include <string>

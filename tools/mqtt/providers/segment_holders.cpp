@@ -1,7 +1,7 @@
 #include "providers/segment_holders.h"
 
 #include "common/processes.h"
-#include "store/segment.h"
+#include "layout/segment.h"
 
 #include <array>
 #include <cstdlib>

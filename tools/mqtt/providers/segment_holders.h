@@ -3,7 +3,7 @@
 // mappings of every process.
 #pragma once
 
-#include "support/unique_fd.h"
+#include "layout/unique_fd.h"
 
 #include <compare>
 #include <cstdint>

@@ -1,5 +1,4 @@
-// Paths, files and mappings of segments, shared by the handles and the instant operations.
-#include "store/segment.h"
+#include "store/segment_file.h"
 
 #include "support/memory.h"
 

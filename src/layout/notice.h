@@ -9,6 +9,9 @@
 
 namespace kp {
 
+// Where each endpoint has its socket.
+constexpr const char *kEndpointDirectory = "/run/providers/";
+
 constexpr int32_t kWriteInfoSize = 129;
 constexpr int32_t kNewTagInfoSize = 387;
 
@@ -18,5 +21,16 @@ static_assert(sizeof(kp_write_info::bitmap) * 8 == KP_BUCKET_COUNT);
 static_assert(sizeof(kp_new_tag_info) == kNewTagInfoSize && alignof(kp_new_tag_info) == 1);
 static_assert(offsetof(kp_new_tag_info, type) == 0 && offsetof(kp_new_tag_info, topic) == 1);
 static_assert(sizeof(kp_new_tag_info::topic) == KP_NEW_TAG_TOPIC_SIZE);
+
+// Where a topic's hash has its bit in the bitmap of a change notice.
+constexpr uint32_t bitmap_byte(uint32_t hash)
+{
+    return hash >> 3;
+}
+
+constexpr uint8_t bitmap_bit(uint32_t hash)
+{
+    return static_cast<uint8_t>(1U << (hash & 7));
+}
 
 } // namespace kp

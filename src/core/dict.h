@@ -16,17 +16,6 @@ KP_API kp_dict_entry *kp_dict_new_entry(kp_tag_t *tag);
 
 namespace kp {
 
-// Where a hash's bit stands in the bitmap of a change notice.
-constexpr uint32_t bitmap_byte(uint32_t hash)
-{
-    return hash >> 3;
-}
-
-constexpr uint8_t bitmap_bit(uint32_t hash)
-{
-    return static_cast<uint8_t>(1U << (hash & 7));
-}
-
 // The entry behind this one in its bucket, or null.
 kp_dict_entry *next_entry(const kp_dict_entry &entry);
 

@@ -1,6 +1,6 @@
 // Tags by the hash of their topic. The same hash numbers the bits of the change notice, so it has
 // to be the same in every process.
-#include "support/dict.h"
+#include "core/dict.h"
 
 #include "support/list.h"
 #include "support/log.h"

@@ -2,27 +2,13 @@
 // can be reported after its clean-up.
 #pragma once
 
-#include <cerrno>
+#include "layout/keep_errno.h"
+
 #include <dirent.h>
 #include <unistd.h>
 #include <utility>
 
 namespace kp {
-
-// Keeps errno as it is over a scope.
-class KeepErrno {
-  public:
-    KeepErrno() = default;
-    KeepErrno(const KeepErrno &) = delete;
-    KeepErrno &operator=(const KeepErrno &) = delete;
-    ~KeepErrno()
-    {
-        errno = saved_;
-    }
-
-  private:
-    int saved_ = errno;
-};
 
 class UniqueFd {
   public:

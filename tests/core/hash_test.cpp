@@ -1,5 +1,5 @@
 // The topic hash, which every process must compute alike.
-#include "support/dict.h"
+#include "core/dict.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // A dictionary as a whole: destroying, dumping and listing it.
-#include "support/dicts.h"
+#include "core/dicts.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
 

@@ -1,8 +1,8 @@
 // Dictionaries that destroy themselves, and tags to put into them.
 #pragma once
 
+#include "core/dict.h"
 #include "core/tag.h"
-#include "support/dict.h"
 
 #include <memory>
 #include <string>

@@ -1,5 +1,5 @@
 // The chains of a dictionary: entering, finding and removing tags.
-#include "support/dicts.h"
+#include "core/dicts.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
 
