@@ -1,6 +1,6 @@
 // Opening a segment, as the bytes of the file and the handle tell it.
-#include "store/segment_file.h"
 #include "store/opened_segment.h"
+#include "store/segment_file.h"
 #include "testing/capture.h"
 #include "testing/log_level.h"
 #include "testing/process.h"
