@@ -1,7 +1,7 @@
 // The lines of a file or pipe, as they come, by a program that must not miss a signal meanwhile.
 #pragma once
 
-#include "exit_code.h"
+#include "problem.h"
 
 #include <optional>
 #include <string>
