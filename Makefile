@@ -1,13 +1,15 @@
 # The commands of the README. CMake does the building; see CONTRIBUTING.md for its presets.
 .PHONY: all test demo bench fuzz soak coverage
 
+# Building needs libraries only and installs nothing: it says what is missing.
 all:
-	@scripts/setup build tools mqtt
+	@scripts/setup --check build tools mqtt
 	cmake --preset product
 	cmake --build --preset product
 
 test:
-	@scripts/setup build test tools mqtt
+	@scripts/setup build test tools mqtt mqtt-test
+	@scripts/check-namespaces
 	cmake --workflow --preset release
 
 demo:
@@ -15,13 +17,13 @@ demo:
 	@examples/demo/run
 
 fuzz:
-	@tests/fuzz/run $$(( $(if $(MINUTES),$(MINUTES),20) * 60 ))
+	@seconds=$$(scripts/seconds "$(or $(MINUTES),20)") && tests/fuzz/run "$$seconds"
 
 bench:
 	@bench/run
 
 soak:
-	@tests/soak/run $$(( $(if $(MINUTES),$(MINUTES),10) * 60 ))
+	@seconds=$$(scripts/seconds "$(or $(MINUTES),10)") && tests/soak/run "$$seconds"
 
 coverage:
 	@scripts/setup build test coverage tools
