@@ -62,6 +62,28 @@ class Rights(unittest.TestCase):
         self.assertEqual(len(self.modes("/dev/shm/zu-kp")), 1, self.modes("/dev/shm/zu-kp"))
 
 
+def literals_of_log_statements() -> set[str]:
+    """The texts of the library's warnings and errors, with … for what is filled in."""
+    texts = set()
+    for path in (ROOT / "src").rglob("*.cpp"):
+        # A statement ends with the parenthesis before its semicolon.
+        pattern = r"KP_(?:ERROR|WARN)\((.*?)\);|KP_LOG_AT\(KP_LEVEL_(?:ERROR|WARN),(.*?)\);"
+        for statement in re.findall(pattern, path.read_text(encoding="utf-8"), re.DOTALL):
+            pieces = re.findall(r'"((?:[^"\\]|\\.)*)"', "".join(statement))
+            texts.add(re.sub(r"%[a-z]+", "…", "".join(pieces).replace("\\n", "")))
+    return texts - {"", "…"}
+
+
+class Messages(unittest.TestCase):
+    """Every message of the library is explained."""
+
+    def test_troubleshooting_has_every_message(self) -> None:
+        explained = set(re.findall(r"`([^`]+)`", text("docs/troubleshooting.md")))
+        messages = literals_of_log_statements()
+        self.assertGreater(len(messages), 40)
+        self.assertEqual(messages - explained, set())
+
+
 class Limits(unittest.TestCase):
     """The limits that README and zu-kp(7) name."""
 
@@ -77,7 +99,7 @@ class Commands(unittest.TestCase):
     def test_make_knows_every_target_that_is_named(self) -> None:
         targets = set(re.findall(r"^([a-z-]+):", text("Makefile"), re.MULTILINE))
         for document in documents():
-            for target in re.findall(r"`make ([a-z-]+)", document.read_text(encoding="utf-8")):
+            for target in re.findall(r"`make ([a-z-]+)(?: [A-Z]+=[^`]*)?`", document.read_text(encoding="utf-8")):
                 self.assertIn(target, targets, document)
 
     def test_presets_exist(self) -> None:
