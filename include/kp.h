@@ -163,7 +163,8 @@ typedef struct kplist {
  *
  * It runs on the endpoint's receive thread with the handle's lock held: it may read tags, walk them
  * with kp_get_next_updated_tag() and write, but must not create or destroy tags, subscribe,
- * unsubscribe or destroy the handle, all of which would wait for itself for ever.
+ * unsubscribe or destroy the handle, all of which would wait for itself for ever. A handle with a
+ * descriptor to wait on (see kp_get_fd()) calls it no more.
  */
 typedef int (*kp_callback_t)(kp_t *handle, const kp_write_info *notice, void *user_data);
 
@@ -188,7 +189,8 @@ typedef void (*kplist_print_t)(const void *element);
  * @defgroup kp_handle Handle
  * A handle is what an application creates first and passes to the other calls. It owns a dictionary
  * of tags, the lists of subscriptions and one notification endpoint with three threads, on one of
- * which the change callback runs. It does not own its tags: kp_tags_destroy() destroys them.
+ * which the change callback runs, unless the application takes the notices itself, from a
+ * descriptor (see kp_get_fd()). It does not own its tags: kp_tags_destroy() destroys them.
  *
  * Tags may be created on any thread. The lookups and the walk read the dictionary without a lock
  * and rely on no tag being destroyed meanwhile. After fork() the child must not use the handle, not
@@ -259,6 +261,49 @@ KP_API kp_tag_t *kp_get_tag(kp_t *handle, const char *topic);
  */
 KP_API kp_tag_t *kp_get_next_updated_tag(kp_t *handle, const kp_write_info *notice,
                                          kp_tag_iter_t *iter);
+
+/**
+ * Gives a descriptor that is readable while a change notice waits for kp_take_notice(), so that the
+ * application can follow changes on its own thread, in its own loop.
+ *
+ * The first call switches the handle over for good: notices are merged from then on and the change
+ * callback is not called any more, nor is it still running when the call returns. It makes the
+ * descriptor readable at once, with the bits of all buckets, so that the first walk finds what came
+ * before. Topics that providers announce are followed as ever. Must not be called from the change
+ * callback; any other thread may call it at any time.
+ *
+ * The descriptor is an eventfd, closed on exec and not blocking; wait for it with poll() and the
+ * like, and leave reading it to kp_take_notice(). It is the same in every call, and the handle
+ * closes it. Returns -1 for a null handle, or with errno when there is no descriptor left.
+ * @code
+ * struct pollfd ready = {kp_get_fd(handle), POLLIN, 0};
+ * while (poll(&ready, 1, -1) > 0) {
+ *     kp_write_info notice;
+ *     kp_tag_iter_t iter = {0, NULL};
+ *     if (kp_take_notice(handle, &notice) != 1)
+ *         continue;
+ *     while (iter.bucket < KP_BUCKET_COUNT) {
+ *         kp_tag_t *tag = kp_get_next_updated_tag(handle, &notice, &iter);
+ *         if (tag)
+ *             use(tag);
+ *     }
+ * }
+ * @endcode
+ */
+KP_API int32_t kp_get_fd(kp_t *handle);
+
+/**
+ * Takes the notices that came since the last call, as one notice with the bits of all of them.
+ *
+ * Nothing is queued and no provider waits for it: a loop that stood still for an hour finds every
+ * last value afterwards. The thread that walks the notice may subscribe and create tags meanwhile,
+ * and destroy the tag that the walk has just returned. After it has destroyed others, or has
+ * unsubscribed, it starts the walk again; what it has read already is not returned again.
+ *
+ * Returns 1 when there was something; 0 when there was nothing, `*notice` then has no bit set (this
+ * can follow a readable descriptor); -1 for a null argument, which takes nothing.
+ */
+KP_API int32_t kp_take_notice(kp_t *handle, kp_write_info *notice);
 
 /**
  * Switches on (nonzero) or off the announcement of new provider tags to all peers, whose handles

@@ -3,6 +3,7 @@
 
 #include "core/dict.h"
 #include "core/tag.h"
+#include "core/waiting_notice.h"
 #include "support/lock.h"
 #include "support/log.h"
 #include "support/memory.h"
@@ -11,6 +12,7 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
+#include <unistd.h>
 
 namespace kp {
 
@@ -22,11 +24,20 @@ void set_level_from_environment()
         kp_xlog_set_user_level(kp_xlog_get_level_by_str(name));
 }
 
-void run_callback(kp_t &handle, const uint8_t *notice)
+// Gives a notice to whoever it is for: to the descriptor once there is one, else to the callback.
+void take_up_notice(kp_t &handle, const uint8_t *notice)
 {
+    if (has_notice_fd(handle)) {
+        merge_notice(handle, notice);
+        return;
+    }
     if (!load_acquire(handle.callback))
         return;
     const MutexLock lock(handle.mutex);
+    if (has_notice_fd(handle)) { // kp_get_fd() had the lock meanwhile
+        merge_notice(handle, notice);
+        return;
+    }
     (void)load_acquire(handle.callback)(&handle, reinterpret_cast<const kp_write_info *>(notice),
                                         load_acquire(handle.user_data));
 }
@@ -104,6 +115,8 @@ int32_t kp_destroy(kp_t *handle)
     }
     // The endpoint goes first: its receive thread may be in the middle of a walk of the dictionary.
     (void)kp_notify_close(&handle->notify);
+    if (handle->notice_fd != 0)
+        (void)close(handle->notice_fd);
     (void)kp_dict_destroy(handle->dict);
     (void)pthread_mutex_destroy(&handle->mutex);
     kplist_free(handle->sub_topics, std::free);
@@ -214,7 +227,7 @@ void kp_notify_callback(const uint8_t *notice, int32_t length, void *handle)
     }
     auto &receiver = *static_cast<kp_t *>(handle);
     if (notice[0] == KP_MSG_WRITE_INFO && length == kWriteInfoSize)
-        run_callback(receiver, notice);
+        take_up_notice(receiver, notice);
     else if (notice[0] == KP_MSG_NEW_TAG && length == kNewTagInfoSize)
         follow_new_tag(receiver, notice);
 }

@@ -4,9 +4,13 @@
 #include "kp.h"
 #include "layout/notice.h"
 
+#include <array>
 #include <cstddef>
 
 namespace kp {
+
+// The bits of a change notice, in words that are changed as a whole.
+using NoticeWords = std::array<uint64_t, KP_BUCKET_COUNT / 64>;
 
 constexpr uint32_t kAnnounceNewTags = 1; // bit of kp_t::flags
 
@@ -23,6 +27,11 @@ struct kp_t {
     kplist *sub_patterns;         // patterns, each a heap string
     kp_new_tag_info new_tag_info; // the outgoing announcement; the creating thread's
     uint32_t flags;
+    // Behind the fields that stand since the first version. The receive thread adds to the bits,
+    // any thread takes them; waiting_notice.cpp has the order.
+    int32_t notice_fd;     // an eventfd, 0 until kp_get_fd() has made it; then for good
+    uint32_t notice_waits; // 1 once `notice_fd` was made readable for what waits
+    kp::NoticeWords waiting_bits;
 };
 
 static_assert(offsetof(kp_t, notify) == 0);
@@ -35,6 +44,7 @@ static_assert(offsetof(kp_t, sub_topics) == 168 + sizeof(pthread_mutex_t));
 static_assert(offsetof(kp_t, sub_patterns) == 176 + sizeof(pthread_mutex_t));
 static_assert(offsetof(kp_t, new_tag_info) == 184 + sizeof(pthread_mutex_t));
 static_assert(offsetof(kp_t, flags) == 572 + sizeof(pthread_mutex_t));
+static_assert(sizeof(kp::NoticeWords) == sizeof(kp_write_info::bitmap));
 
 static_assert(offsetof(kp_tag_iter_t, bucket) == 0);
 static_assert(offsetof(kp_tag_iter_t, entry) == 8);

@@ -58,6 +58,11 @@ template <typename T> void subtract_ordered(T &field, std::type_identity_t<T> am
     std::atomic_ref<T>(field).fetch_sub(amount, std::memory_order_seq_cst);
 }
 
+template <typename T> void set_bits_relaxed(T &field, std::type_identity_t<T> bits)
+{
+    std::atomic_ref<T>(field).fetch_or(bits, std::memory_order_relaxed);
+}
+
 // Changes a field as a whole through `change`, a function of its old value; returns the new one.
 template <typename T, typename Change> T update(T &field, Change change)
 {

@@ -15,6 +15,7 @@
 #include <sched.h>
 #include <semaphore.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/random.h>
@@ -319,6 +320,7 @@ SHIM(int, epoll_wait, -1, (int poll, epoll_event *events, int room, int timeout)
      (poll, events, room, timeout))
 SHIM(int, inotify_init1, -1, (int flags), (flags))
 SHIM(int, inotify_add_watch, -1, (int fd, const char *path, uint32_t mask), (fd, path, mask))
+SHIM(int, eventfd, -1, (unsigned count, int flags), (count, flags))
 SHIM(ssize_t, getrandom, -1, (void *bytes, size_t count, unsigned flags), (bytes, count, flags))
 SHIM(ssize_t, send, -1, (int fd, const void *bytes, size_t count, int flags),
      (fd, bytes, count, flags))
