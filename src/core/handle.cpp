@@ -109,10 +109,8 @@ kp_t *kp_new(const char *name, kp_callback_t callback)
 
 int32_t kp_destroy(kp_t *handle)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
     // The endpoint goes first: its receive thread may be in the middle of a walk of the dictionary.
     (void)kp_notify_close(&handle->notify);
     if (handle->notice_fd != 0)
@@ -127,29 +125,23 @@ int32_t kp_destroy(kp_t *handle)
 
 int32_t kp_set_user_data(kp_t *handle, void *data)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
     store_release(handle->user_data, data);
     return 0;
 }
 
 void *kp_get_user_data(kp_t *handle)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return nullptr;
-    }
     return load_acquire(handle->user_data);
 }
 
 kp_dict_entry *kp_lookup_head(kp_t *handle, uint32_t bucket)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return nullptr;
-    }
     return kp_dict_lookup_entry_head(handle->dict, bucket);
 }
 
@@ -188,10 +180,8 @@ kp_tag_t *kp_get_next_updated_tag(kp_t *handle, const kp_write_info *notice, kp_
 
 int32_t kp_set_new_tag_notify(kp_t *handle, uint8_t enable)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
     const uint32_t flags = load_relaxed(handle->flags);
     store_relaxed(handle->flags, enable ? flags | kAnnounceNewTags : flags & ~kAnnounceNewTags);
     return 0;
@@ -199,32 +189,24 @@ int32_t kp_set_new_tag_notify(kp_t *handle, uint8_t enable)
 
 int32_t kp_is_new_tag_notify_enabled(kp_t *handle)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return 0;
-    }
     return load_relaxed(handle->flags) & kAnnounceNewTags ? 1 : 0;
 }
 
 void kp_dump_dict(kp_t *handle)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return;
-    }
     kp_dict_dump_dict(handle->dict);
 }
 
 void kp_notify_callback(const uint8_t *notice, int32_t length, void *handle)
 {
-    if (!notice) {
-        KP_ERROR("notification is null\n");
+    if (is_null(notice, "notification is null\n"))
         return;
-    }
-    if (!handle) {
-        KP_ERROR("obj is null\n");
+    if (is_null(handle, "obj is null\n"))
         return;
-    }
     auto &receiver = *static_cast<kp_t *>(handle);
     if (notice[0] == KP_MSG_WRITE_INFO && length == kWriteInfoSize)
         take_up_notice(receiver, notice);

@@ -61,14 +61,10 @@ using namespace kp;
 
 kp_tag_t *kp_tag_new(kp_t *handle, const char *topic, uint32_t role)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return nullptr;
-    }
-    if (!topic) {
-        KP_ERROR("topic is null\n");
+    if (is_null(topic, "topic is null\n"))
         return nullptr;
-    }
     auto tag = make_zeroed<kp_tag_t>();
     if (!tag) {
         KP_ERROR("kp_tag_provider_new: malloc kp_tag_t: %s\n", std::strerror(errno));
@@ -97,14 +93,10 @@ kp_tag_t *kp_tag_new(kp_t *handle, const char *topic, uint32_t role)
 kp_tag_t *kp_tag_provider_new(kp_t *handle, const char *topic, uint32_t value_type,
                               uint32_t value_size, uint32_t extra_info)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return nullptr;
-    }
-    if (!topic) {
-        KP_ERROR("topic is null\n");
+    if (is_null(topic, "topic is null\n"))
         return nullptr;
-    }
     if (!kp_type2str(value_type)) {
         KP_ERROR("value_type is invalid\n");
         return nullptr;
@@ -131,28 +123,20 @@ kp_tag_t *kp_tag_provider_new(kp_t *handle, const char *topic, uint32_t value_ty
 
 kp_tag_t *kp_tag_consumer_new(kp_t *handle, const char *topic)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return nullptr;
-    }
-    if (!topic) {
-        KP_ERROR("topic is null\n");
+    if (is_null(topic, "topic is null\n"))
         return nullptr;
-    }
     kp_tag_t *tag = kp_tag_new(handle, topic, KP_ROLE_CONSUMER);
     return tag ? enter_tag(*handle, tag) : nullptr;
 }
 
 int32_t kp_tag_destroy(kp_t *handle, kp_tag_t *tag)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return -1;
-    }
     const MutexLock lock(handle->mutex);
     release_tag(*handle, tag);
     return 0;
@@ -160,10 +144,8 @@ int32_t kp_tag_destroy(kp_t *handle, kp_tag_t *tag)
 
 int32_t kp_tags_destroy(kp_t *handle)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
     for (uint32_t bucket = 0; bucket < kBuckets; ++bucket) {
         const kp_dict_entry *entry = kp_dict_lookup_entry_head(handle->dict, bucket);
         while (entry) {
@@ -192,18 +174,14 @@ int32_t kp_tag_set_user_data(kp_tag_t *tag, void *data)
 
 void *kp_tag_get_user_data(kp_tag_t *tag)
 {
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return nullptr;
-    }
     return tag->user_data;
 }
 
 const char *kp_tag_get_topic(kp_tag_t *tag)
 {
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return nullptr;
-    }
     return tag->topic;
 }

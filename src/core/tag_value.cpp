@@ -76,14 +76,10 @@ using namespace kp;
 __attribute__((no_stack_protector)) int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag,
                                                          const void *value, uint32_t size)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return -1;
-    }
     const uint64_t now = wall_clock_us();
     return write_by_type(*handle, *tag, value, size, now, KP_QUALITY_GOOD, now);
 }
@@ -91,18 +87,12 @@ __attribute__((no_stack_protector)) int32_t kp_tag_write(kp_t *handle, kp_tag_t 
 int32_t kp_tag_write_with_timestamp(kp_t *handle, kp_tag_t *tag, const void *value, uint32_t size,
                                     uint64_t timestamp)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return -1;
-    }
-    if (!value) {
-        KP_ERROR("value is null\n");
+    if (is_null(value, "value is null\n"))
         return -1;
-    }
     if (timestamp == 0)
         return -1;
     return write_checked(*handle, *tag, value, size, timestamp, KP_QUALITY_GOOD, timestamp);
@@ -111,14 +101,10 @@ int32_t kp_tag_write_with_timestamp(kp_t *handle, kp_tag_t *tag, const void *val
 int32_t kp_tag_write_with_source_params(kp_t *handle, kp_tag_t *tag, const void *value,
                                         uint32_t size, uint32_t quality, uint64_t source_ts)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return -1;
-    }
     return write_by_type(*handle, *tag, value, size, wall_clock_us(), static_cast<uint8_t>(quality),
                          source_ts);
 }
@@ -127,14 +113,10 @@ int32_t kp_tag_instant_write(kp_t *handle, const char *topic, const void *value,
                              uint32_t value_type, uint32_t size, uint8_t quality,
                              uint64_t source_ts, uint32_t extra_info)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
-    if (!topic) {
-        KP_ERROR("topic is null\n");
+    if (is_null(topic, "topic is null\n"))
         return -1;
-    }
     if (size > KP_MAX_VALUE_SIZE) {
         KP_ERROR("value size is invalid\n");
         return -1;
@@ -155,10 +137,8 @@ int32_t kp_tag_instant_write(kp_t *handle, const char *topic, const void *value,
 
 int32_t kp_tag_notify(kp_t *handle)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
     handle->write_info.type = KP_MSG_WRITE_INFO;
     if (kp_notify_send(handle->notify, &handle->write_info, kWriteInfoSize) != 0) {
         KP_ERROR("ret is null\n"); // the marks stay and go out with the next notice
@@ -170,14 +150,10 @@ int32_t kp_tag_notify(kp_t *handle)
 
 int32_t kp_tag_read(kp_tag_t *tag, void *buffer, uint32_t buffer_size)
 {
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return -1;
-    }
-    if (!buffer) {
-        KP_ERROR("value is null\n");
+    if (is_null(buffer, "value is null\n"))
         return -1;
-    }
     const Segment *segment = declared_segment(tag->shm);
     if (!segment || !can_be_read(*segment, buffer_size)) [[unlikely]] // waits, or says why not
         return kp_shm_read(tag->shm, buffer, buffer_size, nullptr, nullptr, nullptr);
@@ -188,20 +164,16 @@ int32_t kp_tag_read(kp_tag_t *tag, void *buffer, uint32_t buffer_size)
 int32_t kp_tag_read_with_timestamp(kp_tag_t *tag, void *buffer, uint32_t buffer_size,
                                    uint64_t *timestamp)
 {
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return -1;
-    }
     return kp_shm_read(tag->shm, buffer, buffer_size, timestamp, nullptr, nullptr);
 }
 
 int32_t kp_tag_read_with_source_params(kp_tag_t *tag, void *buffer, uint32_t buffer_size,
                                        uint32_t *quality, uint64_t *source_ts)
 {
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return -1;
-    }
     uint8_t stored_quality = 0;
     const int32_t result =
         kp_shm_read(tag->shm, buffer, buffer_size, nullptr, &stored_quality, source_ts);
@@ -213,10 +185,8 @@ int32_t kp_tag_read_with_source_params(kp_tag_t *tag, void *buffer, uint32_t buf
 int32_t kp_tag_read_consistent(kp_tag_t *tag, void *buffer, uint32_t buffer_size, uint32_t *quality,
                                uint64_t *timestamp, uint64_t *source_ts)
 {
-    if (!tag) {
-        KP_ERROR("tag is null\n");
+    if (is_null(tag, "tag is null\n"))
         return -1;
-    }
     uint8_t stored_quality = 0;
     const int32_t result =
         read_consistent(tag->shm, buffer, buffer_size, timestamp, &stored_quality, source_ts);
@@ -228,18 +198,12 @@ int32_t kp_tag_read_consistent(kp_tag_t *tag, void *buffer, uint32_t buffer_size
 int32_t kp_tag_instant_read(const char *topic, void **value, uint32_t *value_type, uint32_t *size,
                             uint8_t *quality, uint64_t *source_ts, uint32_t *extra_info)
 {
-    if (!value) {
-        KP_ERROR("value is null\n");
+    if (is_null(value, "value is null\n"))
         return -1;
-    }
-    if (!value_type) {
-        KP_ERROR("value type is null\n");
+    if (is_null(value_type, "value type is null\n"))
         return -1;
-    }
-    if (!size) {
-        KP_ERROR("value size is null\n");
+    if (is_null(size, "value size is null\n"))
         return -1;
-    }
     return kp_shm_instant_read(topic, value, value_type, size, nullptr, quality, source_ts,
                                extra_info);
 }

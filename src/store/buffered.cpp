@@ -93,34 +93,26 @@ int32_t kp_shm_get_max_value_size(kp_shm_t *shm, uint32_t *max_value_size)
     const Segment *segment = segment_for_query(shm);
     if (!segment)
         return -1;
-    if (!max_value_size) {
-        KP_ERROR("max_value_size is null\n");
+    if (is_null(max_value_size, "max_value_size is null\n"))
         return -1;
-    }
     *max_value_size = load_relaxed(segment->max_value_size);
     return 0;
 }
 
 int32_t kp_shm_get_last_write_timestamp(kp_shm_t *shm, uint64_t *timestamp)
 {
-    if (!shm) {
-        KP_ERROR("shm is null\n");
+    if (is_null(shm, "shm is null\n"))
         return -1;
-    }
-    if (!shm->mem) {
-        KP_ERROR("shm memory is not exist\n");
+    if (is_null(shm->mem, "shm memory is not exist\n"))
         return -1;
-    }
     give(timestamp, load_relaxed(shm->mem->last_write_ts));
     return 0;
 }
 
 int32_t kp_shm_has_read(kp_shm_t *shm)
 {
-    if (!shm) {
-        KP_ERROR("shm is null\n");
+    if (is_null(shm, "shm is null\n"))
         return 1;
-    }
     const uint64_t ahead =
         load_relaxed(shm->last_update_ts) - load_relaxed(shm->mem->last_write_ts);
     return static_cast<int64_t>(ahead) >= 0 ? 1 : 0;
@@ -128,18 +120,14 @@ int32_t kp_shm_has_read(kp_shm_t *shm)
 
 int32_t kp_shm_has_value(kp_shm_t *shm)
 {
-    if (!shm) {
-        KP_ERROR("shm is null\n");
+    if (is_null(shm, "shm is null\n"))
         return 0;
-    }
     return load_relaxed(shm->mem->state.flags) & kHasValue ? 1 : 0;
 }
 
 int32_t kp_shm_get_quality(kp_shm_t *shm)
 {
-    if (!shm) {
-        KP_ERROR("shm is null\n");
+    if (is_null(shm, "shm is null\n"))
         return 0;
-    }
     return load_relaxed(shm->mem->quality);
 }

@@ -181,18 +181,12 @@ int32_t kp_shm_instant_read(const char *topic, void **value, uint32_t *value_typ
                             uint64_t *timestamp, uint8_t *quality, uint64_t *source_ts,
                             uint32_t *extra_info)
 {
-    if (!value) {
-        KP_ERROR("value is null\n");
+    if (is_null(value, "value is null\n"))
         return -1;
-    }
-    if (!value_type) {
-        KP_ERROR("value type is null\n");
+    if (is_null(value_type, "value type is null\n"))
         return -1;
-    }
-    if (!size) {
-        KP_ERROR("value size is null\n");
+    if (is_null(size, "value size is null\n"))
         return -1;
-    }
     const auto segment = open_declared(topic);
     if (!segment)
         return -1;
@@ -217,10 +211,8 @@ int32_t kp_shm_instant_write(const char *topic, const void *value, uint32_t valu
                              uint32_t size, uint64_t timestamp, uint8_t quality, uint64_t source_ts,
                              uint32_t extra_info)
 {
-    if (!topic) {
-        KP_ERROR("topic is null\n");
+    if (is_null(topic, "topic is null\n"))
         return -1;
-    }
     if (value && size > kValueAreaSize) {
         KP_ERROR("value size is invalid\n");
         return -1;

@@ -78,10 +78,8 @@ using namespace kp;
 
 kp_shm_t *kp_shm_new(const char *topic, uint32_t role)
 {
-    if (!topic) {
-        KP_ERROR("topic is null\n");
+    if (is_null(topic, "topic is null\n"))
         return nullptr;
-    }
     if (!*topic) {
         KP_ERROR("topic length is 0\n");
         return nullptr;
@@ -126,10 +124,8 @@ kp_shm_t *kp_shm_new(const char *topic, uint32_t role)
 
 int32_t kp_shm_destroy(kp_shm_t *shm, const char *topic, uint32_t role)
 {
-    if (!topic) {
-        KP_ERROR("topic is null\n");
+    if (is_null(topic, "topic is null\n"))
         return -1;
-    }
     if (!*topic) {
         KP_ERROR("topic length is 0\n");
         return -1;
@@ -137,10 +133,8 @@ int32_t kp_shm_destroy(kp_shm_t *shm, const char *topic, uint32_t role)
     const auto path = segment_path(topic);
     if (!path)
         return -1;
-    if (!shm) {
-        KP_ERROR("shm is null\n");
+    if (is_null(shm, "shm is null\n"))
         return 0;
-    }
     const MallocPtr<kp_shm_t> owner(shm);
     const uint32_t remaining = count_role(*shm->mem, role, -1).sum();
     (void)sem_destroy(&shm->mem->sem);
@@ -154,14 +148,10 @@ int32_t kp_shm_destroy(kp_shm_t *shm, const char *topic, uint32_t role)
 int32_t kp_shm_set_provider_info(kp_shm_t *shm, uint32_t value_type, uint32_t max_value_size,
                                  uint32_t extra_info)
 {
-    if (!shm) {
-        KP_ERROR("shm is null\n");
+    if (is_null(shm, "shm is null\n"))
         return -1;
-    }
-    if (!shm->mem) {
-        KP_ERROR("shm memory is null\n");
+    if (is_null(shm->mem, "shm memory is null\n"))
         return -1;
-    }
     Segment &segment = *shm->mem;
     store_relaxed(segment.value_type, value_type);
     store_relaxed(segment.max_value_size, max_value_size);

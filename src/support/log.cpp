@@ -43,6 +43,11 @@ void write_log(uint32_t level, LogSite site, const char *format, ...)
     (void)std::fflush(stderr);
 }
 
+void log_missing(const char *text, const char *function, int line)
+{
+    KP_LOG_AT(KP_LEVEL_ERROR, (LogSite{function, line}), "%s", text);
+}
+
 void write_plain(const char *text)
 {
     (void)std::fputs(text, stderr);

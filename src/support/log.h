@@ -45,6 +45,24 @@ void write_plain(const char *text);
 
 #define KP_LOG(level, ...) KP_LOG_AT(level, (kp::LogSite{__func__, __LINE__}), __VA_ARGS__)
 
+namespace kp {
+
+// Logs a text at ERROR, out of the way of the code that finds nothing missing.
+[[gnu::cold, gnu::noinline]] void log_missing(const char *text, const char *function, int line);
+
+// The guard of a required pointer: says whether it is null, after `text` at ERROR under the caller's
+// name. Takes the parts of a LogSite, since the record would be filled before the test.
+[[gnu::always_inline]] inline bool is_null(const void *pointer, const char *text,
+                                           const char *function = __builtin_FUNCTION(),
+                                           int line = __builtin_LINE())
+{
+    if (!pointer) [[unlikely]]
+        log_missing(text, function, line);
+    return !pointer;
+}
+
+} // namespace kp
+
 #define KP_TRACE(...) KP_LOG(KP_LEVEL_TRACE, __VA_ARGS__)
 #define KP_DEBUG(...) KP_LOG(KP_LEVEL_DEBUG, __VA_ARGS__)
 #define KP_INFO(...) KP_LOG(KP_LEVEL_INFO, __VA_ARGS__)

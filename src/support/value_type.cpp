@@ -9,10 +9,8 @@ using namespace kp;
 
 uint32_t kp_str2type(const char *name)
 {
-    if (!name) {
-        KP_ERROR("type_str is null\n");
+    if (is_null(name, "type_str is null\n"))
         return UINT32_MAX;
-    }
     for (const ValueType &type : kValueTypes)
         if (std::strcmp(type.name, name) == 0)
             return type.code;
