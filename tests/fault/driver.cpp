@@ -123,14 +123,17 @@ const std::vector<Message> &messages()
         {Call::epoll_create1, {"epoll_create1 failed"}},
         {Call::epoll_ctl, {"epoll_ctl(EPOLL_CTL_"}},
         {Call::epoll_wait, {"epoll_wait interrupted", "epoll_wait failed"}},
+        {Call::eventfd, {"eventfd: "}},
         {Call::inotify_init1, {"add_watch_topic failed"}},
         {Call::inotify_add_watch, {"add_watch_topic failed"}},
         {Call::pthread_create, {"init server failed", "client failed"}},
         {Call::opendir, {"client failed", ""}},
         {Call::strdup, {"malloc", ""}},
         {Call::send, {"send failed: "}},
-        {Call::write, {"write new server fd failed", "write cancel fd failed"}},
-        {Call::read, {"read new server fd failed", "read cancel fd failed", ""}}};
+        {Call::write,
+         {"write new server fd failed", "write cancel fd failed", "write notice fd failed"}},
+        {Call::read,
+         {"read new server fd failed", "read cancel fd failed", "read notice fd failed", ""}}};
     return all;
 }
 

@@ -216,6 +216,38 @@ bool exchange_a_notice()
     return received == 42;
 }
 
+// Two handles are opened, and a value goes from one to the other, which takes the notice itself.
+bool exchange_a_notice_by_descriptor()
+{
+    int32_t received = 0;
+    kp_t *consumer = kp_new("consumer", nullptr);
+    kp_t *provider = kp_new("provider", nullptr);
+    if (consumer && provider && kp_get_fd(consumer) >= 0) {
+        kp_tag_t *source = kp_tag_provider_new(provider, "a/b", KP_TYPE_INT32, 4, 0);
+        kp_tag_t *sink = kp_tag_consumer_new(consumer, "a/b");
+        const int32_t value = 42;
+        kp_write_info notice;
+        (void)kp_take_notice(consumer, &notice); // of all buckets
+        (void)wait_patiently([&] {
+            if (source)
+                (void)kp_tag_write(provider, source, &value, 4);
+            (void)kp_tag_notify(provider);
+            const bool is_told = kptest::wait_until(
+                [&] { return kp_take_notice(consumer, &notice) == 1; }, kBetweenNotices);
+            if (is_told && sink)
+                (void)kp_tag_read(sink, &received, 4);
+            return received == 42;
+        });
+    }
+    for (kp_t *opened : {provider, consumer}) {
+        if (!opened)
+            continue;
+        (void)kp_tags_destroy(opened);
+        (void)kp_destroy(opened);
+    }
+    return received == 42;
+}
+
 bool exists_for(kp_t *follower, const std::string &topic)
 {
     return kptest::wait_until([&] { return kp_get_tag(follower, topic.c_str()) != nullptr; },
@@ -364,6 +396,24 @@ TEST(EveryCallFails, InListingTheTopics)
 TEST(EveryCallFails, InReceivingANotice)
 {
     fail_every_call({.name = "exchange a notice", .run = exchange_a_notice, .has_threads = true});
+}
+
+TEST(EveryCallFails, InMakingADescriptorToWaitOn)
+{
+    fail_every_call({.name = "make a handle and its descriptor", .run = [] {
+                         kp_t *made = kp_new(nullptr, nullptr);
+                         if (!made)
+                             return false;
+                         const bool done = kp_get_fd(made) >= 0;
+                         return kp_destroy(made) == 0 && done;
+                     }});
+}
+
+TEST(EveryCallFails, InTakingANotice)
+{
+    fail_every_call({.name = "exchange a notice by a descriptor",
+                     .run = exchange_a_notice_by_descriptor,
+                     .has_threads = true});
 }
 
 TEST(EveryCallFails, InReceivingAnAnnouncement)

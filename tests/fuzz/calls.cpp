@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <poll.h>
 
 using namespace kpfuzz;
 
@@ -363,6 +364,43 @@ void publish(Handle &handle, const std::string &topic, uint32_t type, const std:
     tag.seen = segment.ts;
 }
 
+bool has_bit(const kp_write_info &notice, const std::string &topic)
+{
+    const uint32_t hash = kp_hash(topic.c_str());
+    return (notice.bitmap[hash >> 3] >> (hash & 7) & 1) != 0;
+}
+
+// Takes what waits; says whether the topic's bit was there.
+bool take_notice(Handle &handle, const std::string &topic)
+{
+    kp_write_info notice;
+    const int32_t result = kp_take_notice(handle.real, &notice);
+    const bool any = std::any_of(std::begin(notice.bitmap), std::end(notice.bitmap),
+                                 [](uint8_t byte) { return byte != 0; });
+    check(notice.type == KP_MSG_WRITE_INFO && result == (any ? 1 : 0), "a notice is whole");
+    check(kp_get_fd(handle.real) >= 0, "there is a descriptor");
+    return has_bit(notice, topic);
+}
+
+// Whether a notice of the topic comes to a handle in time.
+bool is_told(Handle &handle, const std::string &topic, int timeout_ms)
+{
+    pollfd ready{kp_get_fd(handle.real), POLLIN, 0};
+    while (!take_notice(handle, topic))
+        if (poll(&ready, 1, timeout_ms) != 1)
+            return false;
+    return true;
+}
+
+// What one handle sends, the other one finds waiting.
+void tell(Handle &sender, Handle &receiver, const std::string &topic)
+{
+    kp_write_info none;
+    check(kp_take_notice(nullptr, &none) == -1, "no handle, no notice");
+    write_by_name(sender, topic, KP_TYPE_INT32, "four");
+    check(is_told(receiver, topic, 5000), "a notice comes to the other handle");
+}
+
 void compare_handle(Handle &handle)
 {
     std::multiset<std::string> real;
@@ -396,7 +434,7 @@ void call(FuzzedDataProvider &input)
     const std::string topic = input.PickValueInArray(kTopics);
     const std::string pattern = input.PickValueInArray(kPatterns);
     Tag *tag = find(handle, topic);
-    switch (input.ConsumeIntegralInRange<int>(0, 13)) {
+    switch (input.ConsumeIntegralInRange<int>(0, 14)) {
     case 0:
         provide(handle, topic, input.ConsumeIntegralInRange<uint32_t>(0, 14),
                 input.ConsumeIntegralInRange<uint32_t>(0, 4001), 3);
@@ -443,6 +481,9 @@ void call(FuzzedDataProvider &input)
     case 12:
         read_by_name(topic);
         return;
+    case 13:
+        tell(handle, &handle == &handles[0] ? handles[1] : handles[0], topic);
+        return;
     default:
         publish(handle, topic, input.ConsumeIntegralInRange<uint32_t>(0, 14),
                 input.ConsumeRandomLengthString(4001));
@@ -472,6 +513,15 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     handles[0].real = kp_new("first", nullptr);
     handles[1].real = kp_new("second", nullptr);
     check(handles[0].real && handles[1].real, "two handles");
+    // They take up their connections meanwhile; a notice before that could be lost.
+    for (std::size_t sender = 0; sender < handles.size(); ++sender)
+        for (int tries = 0;; ++tries) {
+            check(tries < 1000, "the handles find each other");
+            write_by_name(handles[sender], "a", KP_TYPE_INT32, "four");
+            if (is_told(handles[1 - sender], "a", 20))
+                break;
+        }
+    start_anew();
     return 0;
 }
 
