@@ -87,7 +87,7 @@ TEST_F(Query, ForTheMaximumGivesWhatWasDeclared)
     EXPECT_EQ(first_, 4U);
 }
 
-TEST_F(Query, ForTheMaximumNeedsATagThenASegmentThenADeclarationThenAnOutput)
+TEST_F(Query, ForTheMaximumChecksTagSegmentDeclarationAndOutputInTurn)
 {
     StderrCapture log;
 

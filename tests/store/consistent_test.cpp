@@ -281,7 +281,7 @@ TEST(ConsistentAttempt, IsNeverTornByWritesOfDifferentSizes)
     EXPECT_GT(outcomes.refused, 0);
 }
 
-TEST(ConsistentAttempt, GivesAValueWithTheNextTimestampOnlyBetweenTheFirstTwoStoresOfAWrite)
+TEST(ConsistentAttempt, GivesTheNextTimestampOnlyBetweenTheFirstTwoStores)
 {
     const Outcomes outcomes =
         read_in_every_order({{{10, "aaaa", 1}, {11, "bbbb", 2}, {12, "cccc", 3}}});
@@ -347,7 +347,7 @@ TEST_F(ConsistentRead, MarksTheValueAsSeen)
     EXPECT_EQ(kp_shm_has_read(consumer_), 1);
 }
 
-TEST_F(ConsistentRead, GivesUpInBoundedTimeWhenAWriterDiedInTheMiddleAndMarksNothing)
+TEST_F(ConsistentRead, GivesUpInBoundedTimeAndMarksNothingWhenAWriterDied)
 {
     write_filled(provider_, 5);
     kp_shm_set_last_update_ts(consumer_, 0);

@@ -308,7 +308,7 @@ TEST_F(InstantWriteFault, OfThePageOnAFullFileSystemIsReported)
               Lines{"ERROR: kp_shm_instant_write: ftruncate: No space left on device"});
 }
 
-TEST_F(InstantWriteFault, OfThePageOnAFullFileSystemLeavesAFileThatReadersTakeForUndeclared)
+TEST_F(InstantWriteFault, OfThePageOnAFullFileSystemLeavesAnUndeclaredTopic)
 {
     const TinyTmpfs store("/dev/shm/zu-kp", 4);
     store.fill();

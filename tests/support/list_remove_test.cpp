@@ -129,7 +129,7 @@ TEST(Removing, TheLastNodeOfAnAddedListLetsTheNextAddedOneBecomeTheTail)
     EXPECT_EQ(list->tail, list->head);
 }
 
-TEST(Removing, TheLastNodeOfAnAddedListLetsTheNextAppendedOneStartTheChainAfresh)
+TEST(Removing, TheLastNodeOfAnAddedListLetsTheNextOneStartAfresh)
 {
     const List list = added({two, one});
     (void)kplist_remove(list.get(), is_text, "2");
