@@ -1,8 +1,8 @@
 // kp top: the live view. It samples as watch does and draws less often than it samples.
 #include "checks.h"
 #include "commands.h"
-#include "common/text.h"
 #include "common/live_store.h"
+#include "common/text.h"
 #include "row_format.h"
 #include "screen.h"
 #include "selection_options.h"
@@ -55,7 +55,8 @@ class Top {
                 sample_at = now + kSampleUs;
             }
             if (now >= draw_at || is_touched_) {
-                draw();
+                if (wait_writable(STDOUT_FILENO, now) == Readiness::ready) // else it was stopped by ^S
+                    draw();
                 is_touched_ = false;
                 draw_at = now + static_cast<uint64_t>(options_.delay * 1e6);
             }

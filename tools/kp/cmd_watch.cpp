@@ -41,6 +41,7 @@ class Watch {
         const uint64_t start = monotonic_us();
         end_ = options_.timeout > 0 ? start + static_cast<uint64_t>(options_.timeout * 1e6)
                                     : std::numeric_limits<uint64_t>::max();
+        output().set_deadline(end_);
         if (!options_.is_record)
             output().write(header_line(options_.format));
         look(nullptr);

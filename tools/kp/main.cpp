@@ -161,5 +161,6 @@ int main(int argc, char **argv)
     set_library_level(options.debug);
     const int code = commands.run();
     (void)output().flush();
+    die_of_stop_signal();
     return end_code(code);
 }

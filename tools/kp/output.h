@@ -1,6 +1,9 @@
-// Standard output: gathered, written whole, and quiet when its reader has gone away.
+// Standard output: gathered, written whole, and quiet when its reader has gone away. It waits for a slow
+// reader without being deaf to what ends the program: the signals and the deadline.
 #pragma once
 
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -11,9 +14,16 @@ class Output {
     void write(std::string_view text);
     void line(std::string_view text);
     // What was gathered reaches the reader now. False when nothing can be written any more: the
-    // reader is gone, or there is no room. Called once for each batch.
+    // reader is gone or did not take it before the end, or there is no room. Called once for each
+    // batch.
     bool flush();
-    // The code to end with: 0 also when the reader closed its end, 5 after a failed write.
+    // From this monotonic time on nothing waits for the reader.
+    void set_deadline(uint64_t monotonic_us)
+    {
+        deadline_ = monotonic_us;
+    }
+    // The code to end with: 0 also when the reader closed its end, 5 after a failed write, 124 when
+    // the reader was too slow for the deadline.
     int code() const
     {
         return code_;
@@ -24,7 +34,11 @@ class Output {
     }
 
   private:
+    bool await_reader();
+    void give_up(int code);
+
     std::string pending_;
+    uint64_t deadline_ = std::numeric_limits<uint64_t>::max();
     bool open_ = true;
     int code_ = 0;
 };

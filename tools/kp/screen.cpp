@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <curses.h>
+#include <termios.h>
+#include <unistd.h>
 
 namespace kp::tool {
 
@@ -58,6 +60,7 @@ Screen::~Screen()
 {
     if (!screen_)
         return;
+    (void)tcflow(STDOUT_FILENO, TCOON); // a terminal stopped by ^S would hold up the end
     (void)endwin();
     delscreen(static_cast<SCREEN *>(screen_));
 }

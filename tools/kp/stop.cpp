@@ -1,7 +1,7 @@
 #include "stop.h"
 
-#include "problem.h"
 #include "output.h"
+#include "problem.h"
 #include "time_text.h"
 
 #include <algorithm>
@@ -41,6 +41,14 @@ void remember_unless_told_otherwise(int number, const struct sigaction &action)
         (void)sigaction(number, &action, nullptr);
 }
 
+// In milliseconds, and at most an hour, after which the caller looks again.
+int poll_timeout(uint64_t now, uint64_t deadline)
+{
+    constexpr uint64_t most_ms = 3'600'000;
+    return deadline - now >= most_ms * 1000 ? most_ms
+                                            : static_cast<int>((deadline - now + 999) / 1000);
+}
+
 } // namespace
 
 void catch_stop_signals()
@@ -73,14 +81,27 @@ bool wait_readable(int fd, uint64_t deadline)
         // Standard output is waited for without an event: only its reader's going shows.
         std::array<pollfd, 3> fds = {
             {{wake_pipe[0], POLLIN, 0}, {STDOUT_FILENO, 0, 0}, {fd, POLLIN, 0}}};
-        const uint64_t left_ms = std::min<uint64_t>((deadline - now + 999) / 1000, 3'600'000);
-        const int ready = poll(fds.data(), fds.size(), static_cast<int>(left_ms));
+        const int ready = poll(fds.data(), fds.size(), poll_timeout(now, deadline));
         if (ready < 0 && errno != EINTR)
             return false;
         if (ready > 0 && (fds[1].revents & (POLLERR | POLLNVAL)))
             return false;
         if (ready > 0 && fds[2].revents)
             return true;
+    }
+}
+
+Readiness wait_writable(int fd, uint64_t deadline)
+{
+    for (;;) {
+        const uint64_t now = monotonic_us();
+        const bool is_over = stop_signal() != 0 || now >= deadline;
+        std::array<pollfd, 2> fds = {{{fd, POLLOUT, 0}, {wake_pipe[0], POLLIN, 0}}};
+        const int ready = poll(fds.data(), fds.size(), is_over ? 0 : poll_timeout(now, deadline));
+        if ((ready < 0 && errno != EINTR) || (ready > 0 && fds[0].revents))
+            return Readiness::ready;
+        if (is_over)
+            return stop_signal() != 0 ? Readiness::stopped : Readiness::late;
     }
 }
 
@@ -94,6 +115,19 @@ int end_code(int code)
     if (stop_signal() != 0)
         return kSignalBase + stop_signal();
     return output().is_open() ? code : output().code();
+}
+
+void die_of_stop_signal()
+{
+    const int number = stop_signal();
+    if (number == 0)
+        return;
+    (void)std::signal(number, SIG_DFL);
+    sigset_t just_this;
+    (void)sigemptyset(&just_this);
+    (void)sigaddset(&just_this, number);
+    (void)sigprocmask(SIG_UNBLOCK, &just_this, nullptr);
+    (void)raise(number); // comes back in the first process of a container, whom defaults do not end
 }
 
 } // namespace kp::tool

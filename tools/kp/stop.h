@@ -18,7 +18,19 @@ bool wait_until(uint64_t monotonic_us);
 // The same, but also returns true early when `fd` becomes readable.
 bool wait_readable(int fd, uint64_t monotonic_us);
 
+// Whether a descriptor takes more output.
+enum class Readiness { ready, late, stopped };
+
+// Waits until there is room to write, which an error is too, since the write then tells it; or until
+// the monotonic time, or until a signal asks for the end.
+Readiness wait_writable(int fd, uint64_t monotonic_us);
+
 // What a command ended by a signal, by its closed output or normally returns.
 int end_code(int code);
+
+// Ends the program by the signal that asked for the end, if one did, so that its caller sees the signal
+// and not a number: a shell then stops the script or loop that the program ran in. Called last, when
+// everything is tidied up.
+void die_of_stop_signal();
 
 } // namespace kp::tool

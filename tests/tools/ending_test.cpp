@@ -1,0 +1,201 @@
+// How commands end whose reader sleeps, and what their caller sees of a signal.
+#include "kp_run.h"
+
+#include "testing/process.h"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <fcntl.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace kptest;
+
+namespace {
+
+constexpr int kTopics = 3000;
+constexpr int kMuch = 30'000; // bytes, of the 64 KiB that fit into a pipe
+
+// `kp` with its standard output in a pipe, or in a socket, that is read only when a test says so.
+class UnreadKp {
+  public:
+    enum class Through { pipe, nonblocking_pipe, socket };
+
+    explicit UnreadKp(std::vector<std::string> arguments, Through through = Through::pipe)
+    {
+        std::array<int, 2> ends{};
+        if (through == Through::socket)
+            (void)socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data());
+        else
+            (void)pipe2(ends.data(), O_CLOEXEC);
+        if (through == Through::nonblocking_pipe)
+            (void)fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        read_end_ = ends[0];
+        pid_ = fork();
+        if (pid_ == 0)
+            become_kp(std::move(arguments), ends[1]);
+        (void)close(ends[1]);
+    }
+    UnreadKp(const UnreadKp &) = delete;
+    UnreadKp &operator=(const UnreadKp &) = delete;
+    ~UnreadKp()
+    {
+        (void)close(read_end_);
+        if (status_)
+            return;
+        (void)::kill(pid_, SIGKILL);
+        (void)waitpid(pid_, nullptr, 0);
+    }
+
+    void signal(int number) const
+    {
+        (void)::kill(pid_, number);
+    }
+    bool has_printed() const
+    {
+        return kptest::wait_until([this] { return waiting_bytes() > 0; });
+    }
+    // Whether it sleeps with output that nobody takes.
+    bool is_stuck() const
+    {
+        return kptest::wait_until([this] {
+            std::string name;
+            std::string state;
+            std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
+            file >> name >> name >> state;
+            return waiting_bytes() > kMuch && state == "S";
+        });
+    }
+    // As wait(2) gives it, or nothing when it does not end.
+    std::optional<int> status()
+    {
+        int status = 0;
+        if (kptest::wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }))
+            status_ = status;
+        return status_;
+    }
+    std::string read_all() const
+    {
+        std::string text;
+        std::array<char, 1000> buffer; // less than a write brings
+        for (ssize_t size = 1; size > 0;) {
+            size = read(read_end_, buffer.data(), buffer.size());
+            text.append(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+        }
+        return text;
+    }
+
+  private:
+    int waiting_bytes() const
+    {
+        int waiting = 0;
+        (void)ioctl(read_end_, FIONREAD, &waiting);
+        return waiting;
+    }
+    [[noreturn]] static void become_kp(std::vector<std::string> arguments, int output)
+    {
+        std::vector<char *> words = {const_cast<char *>(KP_PROGRAM)};
+        for (std::string &argument : arguments)
+            words.push_back(argument.data());
+        words.push_back(nullptr);
+        (void)dup2(output, STDOUT_FILENO);
+        (void)execv(KP_PROGRAM, words.data());
+        _exit(127);
+    }
+
+    pid_t pid_ = -1;
+    int read_end_ = -1;
+    std::optional<int> status_;
+};
+
+void put_many()
+{
+    for (int index = 0; index < kTopics; ++index)
+        put_text("many/" + std::to_string(index), "a text of some length to fill a pipe");
+}
+
+bool died_of(const std::optional<int> &status, int number)
+{
+    return status && WIFSIGNALED(*status) && WTERMSIG(*status) == number;
+}
+
+long lines_of(const std::string &text)
+{
+    return std::count(text.begin(), text.end(), '\n');
+}
+
+class StuckWatch : public testing::TestWithParam<UnreadKp::Through> {};
+
+} // namespace
+
+TEST_P(StuckWatch, IsEndedByASignal)
+{
+    put_many();
+    UnreadKp watch({"watch", "#", "-j"}, GetParam());
+    ASSERT_TRUE(watch.is_stuck());
+
+    watch.signal(SIGTERM);
+
+    EXPECT_TRUE(died_of(watch.status(), SIGTERM));
+}
+
+TEST_P(StuckWatch, EndsWhenItsTimeIsOver)
+{
+    put_many();
+    UnreadKp watch({"watch", "#", "-j", "-t", "0.5"}, GetParam());
+
+    const auto status = watch.status();
+
+    ASSERT_TRUE(status && WIFEXITED(*status));
+    EXPECT_EQ(WEXITSTATUS(*status), 124);
+}
+
+TEST_P(StuckWatch, LosesNothingWhenItsReaderWakes)
+{
+    put_many();
+    UnreadKp watch({"watch", "#", "-j", "--initial-only"}, GetParam());
+    ASSERT_TRUE(watch.is_stuck());
+
+    const std::string text = watch.read_all();
+
+    EXPECT_EQ(lines_of(text), kTopics);
+    EXPECT_EQ(watch.status(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(ByOutput, StuckWatch,
+                         testing::Values(UnreadKp::Through::pipe,
+                                         UnreadKp::Through::nonblocking_pipe,
+                                         UnreadKp::Through::socket));
+
+class Ended : public testing::TestWithParam<int> {};
+
+TEST_P(Ended, BySignalSoThatItsCallerSeesTheSignal)
+{
+    put_double("a", 1);
+    UnreadKp watch({"watch", "a"});
+    ASSERT_TRUE(watch.has_printed());
+
+    watch.signal(GetParam());
+
+    EXPECT_TRUE(died_of(watch.status(), GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(By, Ended, testing::Values(SIGINT, SIGTERM, SIGHUP, SIGUSR1));
+
+// bash goes on with the loop when a program handles SIGINT and then ends by itself.
+TEST(Ended, ByInterruptEndsTheShellsLoopToo)
+{
+    put_double("a", 1);
+
+    const Ran ran = run_program({"bash", "-c",
+                                 "set -m; (trap - INT; while :; do '" KP_PROGRAM
+                                 "' watch a --no-initial; echo again; done) & "
+                                 "sleep 0.5; kill -INT -- -$!; wait $!; echo code $?"});
+
+    EXPECT_EQ(ran.out, "code 130\n");
+}
