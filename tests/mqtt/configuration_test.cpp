@@ -9,15 +9,15 @@ using testing::IsEmpty;
 
 namespace {
 
-std::vector<std::string> faults_of(const std::string &text)
+std::vector<std::string> problems_of(const std::string &text)
 {
-    return parse_configuration(text, "f").faults;
+    return parse_configuration(text, "f").problems;
 }
 
 Configuration good(const std::string &text)
 {
-    auto [configuration, faults] = parse_configuration(text, "f");
-    EXPECT_THAT(faults, IsEmpty());
+    auto [configuration, problems] = parse_configuration(text, "f");
+    EXPECT_THAT(problems, IsEmpty());
     return configuration;
 }
 
@@ -105,7 +105,7 @@ retained = true
 TEST(Configuration, NamesEveryFaultWithItsLine)
 {
     EXPECT_THAT(
-        faults_of(R"(colour = "red"
+        problems_of(R"(colour = "red"
 scan-interval = "fast"
 [broker]
 port = 70000
@@ -127,44 +127,44 @@ type = "int"
 
 TEST(Configuration, NamesTheLineThatIsNoToml)
 {
-    const auto faults = faults_of("device = \"a\"\n[[out\n");
+    const auto problems = problems_of("device = \"a\"\n[[out\n");
 
-    ASSERT_EQ(faults.size(), 1u);
-    EXPECT_TRUE(faults[0].starts_with("f:2: ")) << faults[0];
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_TRUE(problems[0].starts_with("f:2: ")) << problems[0];
 }
 
 TEST(Configuration, OfAMissingFileIsAFault)
 {
-    const auto faults = load_configuration("/run/none").faults;
+    const auto problems = load_configuration("/run/none").problems;
 
-    ASSERT_EQ(faults.size(), 1u);
-    EXPECT_TRUE(faults[0].starts_with("/run/none")) << faults[0];
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_TRUE(problems[0].starts_with("/run/none")) << problems[0];
 }
 
 TEST(Configuration, OfADirectoryIsAFault)
 {
-    EXPECT_THAT(load_configuration("/run").faults, ElementsAre("/run: Is a directory"));
-    EXPECT_THAT(load_configuration("/run/none").faults,
+    EXPECT_THAT(load_configuration("/run").problems, ElementsAre("/run: Is a directory"));
+    EXPECT_THAT(load_configuration("/run/none").problems,
                 ElementsAre("/run/none: No such file or directory"));
 }
 
 TEST(Configuration, RefusesFiltersThatCanGiveNoTag)
 {
     EXPECT_THAT(
-        faults_of("[[in]]\nfilter = \"a//b\"\n"),
+        problems_of("[[in]]\nfilter = \"a//b\"\n"),
         ElementsAre("f:2: filter: takes no topic that can be a tag: it has an empty level"));
-    EXPECT_THAT(faults_of("[[in]]\nfilter = \"a/%2F/b\"\n"),
+    EXPECT_THAT(problems_of("[[in]]\nfilter = \"a/%2F/b\"\n"),
                 ElementsAre(testing::HasSubstr("filter: takes no topic that can be a tag")));
-    EXPECT_THAT(faults_of("[[in]]\nfilter = \"a\\tb/#\"\n"),
+    EXPECT_THAT(problems_of("[[in]]\nfilter = \"a\\tb/#\"\n"),
                 ElementsAre("f:2: filter: is no filter of topics: it has a control character or is "
                             "not UTF-8"));
 }
 
 TEST(Configuration, RefusesSharedSubscriptions)
 {
-    EXPECT_THAT(faults_of("[[in]]\nfilter = \"$share/g/a/#\"\nprefix = \"\"\n"),
+    EXPECT_THAT(problems_of("[[in]]\nfilter = \"$share/g/a/#\"\nprefix = \"\"\n"),
                 ElementsAre("f:2: filter: shared subscriptions cannot be used"));
-    EXPECT_THAT(faults_of("[[in]]\nfilter = \"a/#\"\nprefix = \"$share/g\"\n"),
+    EXPECT_THAT(problems_of("[[in]]\nfilter = \"a/#\"\nprefix = \"$share/g\"\n"),
                 ElementsAre("f:3: prefix: shared subscriptions cannot be used"));
 }
 
@@ -172,30 +172,30 @@ TEST(Configuration, RefusesEndpointsThatAreNoNameOfASocket)
 {
     const std::string rule = "[[out]]\npattern = \"a\"\n";
 
-    EXPECT_THAT(faults_of("endpoint = \"a/b\"\n" + rule),
+    EXPECT_THAT(problems_of("endpoint = \"a/b\"\n" + rule),
                 ElementsAre("f:1: endpoint: must not be empty nor have a \"/\""));
-    EXPECT_THAT(faults_of("endpoint = \"" + std::string(93, 'e') + "\"\n" + rule),
+    EXPECT_THAT(problems_of("endpoint = \"" + std::string(93, 'e') + "\"\n" + rule),
                 ElementsAre("f:1: endpoint: must not be longer than 92 bytes"));
-    EXPECT_THAT(faults_of("endpoint = \"" + std::string(92, 'e') + "\"\n" + rule), IsEmpty());
+    EXPECT_THAT(problems_of("endpoint = \"" + std::string(92, 'e') + "\"\n" + rule), IsEmpty());
 }
 
 TEST(Configuration, RefusesAnEmptyHost)
 {
-    EXPECT_THAT(faults_of("[broker]\nhost = \"\"\n[[out]]\npattern = \"a\"\n"),
+    EXPECT_THAT(problems_of("[broker]\nhost = \"\"\n[[out]]\npattern = \"a\"\n"),
                 ElementsAre("f:2: host: must not be empty"));
 }
 
 TEST(Configuration, WithoutARuleHasNothingToDo)
 {
-    EXPECT_THAT(faults_of("device = \"a\"\n"),
+    EXPECT_THAT(problems_of("device = \"a\"\n"),
                 ElementsAre("f: there is no [[out]] and no [[in]] rule: nothing to do"));
 }
 
 TEST(Overlap, AtTheBrokerIsRefusedWithBothRules)
 {
     EXPECT_THAT(
-        faults_of("[[out]]\npattern = \"plant/#\"\nprefix = \"dev\"\n"
-                  "[[in]]\nfilter = \"+/pump\"\nprefix = \"dev\"\ntags = \"other\"\n"),
+        problems_of("[[out]]\npattern = \"plant/#\"\nprefix = \"dev\"\n"
+                    "[[in]]\nfilter = \"+/pump\"\nprefix = \"dev\"\ntags = \"other\"\n"),
         ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 4) overlap at the broker: the first "
                     "sends dev/plant/#, the second receives dev/+/pump; keep them apart, or say "
                     "shared = true in the second"));
@@ -204,7 +204,7 @@ TEST(Overlap, AtTheBrokerIsRefusedWithBothRules)
 TEST(Overlap, InTheTagsIsRefusedWithBothRules)
 {
     EXPECT_THAT(
-        faults_of("device = \"d\"\n[[out]]\npattern = \"#\"\n[[in]]\nfilter = \"command/#\"\n"),
+        problems_of("device = \"d\"\n[[out]]\npattern = \"#\"\n[[in]]\nfilter = \"command/#\"\n"),
         ElementsAre(
             "f: [[out]] 1 (line 2) and [[in]] 1 (line 4) overlap in the tags: the second "
             "writes command/#, the first sends #; exclude it there, or say shared = true in "
@@ -213,15 +213,15 @@ TEST(Overlap, InTheTagsIsRefusedWithBothRules)
 
 TEST(Overlap, IsNoneWhereTheOutRuleExcludesWhatIsWritten)
 {
-    EXPECT_THAT(faults_of("[[out]]\npattern = \"#\"\nexclude = [\"command\", \"command/#\"]\n"
-                          "[[in]]\nfilter = \"command/#\"\n"),
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"#\"\nexclude = [\"command\", \"command/#\"]\n"
+                            "[[in]]\nfilter = \"command/#\"\n"),
                 IsEmpty());
 }
 
 TEST(Overlap, IsFoundWhereAFilterTakesTheParentThatThePatternExcludes)
 {
-    EXPECT_THAT(faults_of("[[out]]\npattern = \"#\"\nexclude = [\"a/#\"]\n"
-                          "[[in]]\nfilter = \"a/#\"\n"),
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"#\"\nexclude = [\"a/#\"]\n"
+                            "[[in]]\nfilter = \"a/#\"\n"),
                 ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 4) overlap in the tags: the "
                             "second writes a, the first sends #; exclude it there, or say shared = "
                             "true in the second"));
@@ -229,7 +229,7 @@ TEST(Overlap, IsFoundWhereAFilterTakesTheParentThatThePatternExcludes)
 
 TEST(Overlap, IsFoundWhereAFilterTakesTheParentThatTheRuleSends)
 {
-    EXPECT_THAT(faults_of("[[out]]\npattern = \"a\"\n[[in]]\nfilter = \"a/#\"\n"),
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"a\"\n[[in]]\nfilter = \"a/#\"\n"),
                 ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 3) overlap in the tags: the "
                             "second writes a, the first sends a; exclude it there, or say shared = "
                             "true in the second"));
@@ -242,15 +242,15 @@ TEST(Overlap, IsFoundAtTheTopicThatATagBelowItStandsFor)
         "f: [[out]] 1 (line 2) and [[in]] 1 (line 4) overlap at the broker: the first sends p/a, "
         "the second receives p/a; keep them apart, or say shared = true in the second";
 
-    EXPECT_THAT(faults_of("prefix = \"p\"\n[[out]]\npattern = \"a/+\"\n" + std::string(kIn)),
+    EXPECT_THAT(problems_of("prefix = \"p\"\n[[out]]\npattern = \"a/+\"\n" + std::string(kIn)),
                 ElementsAre(kText));
-    EXPECT_THAT(faults_of("prefix = \"p\"\n[[out]]\npattern = \"a/_\"\n" + std::string(kIn)),
+    EXPECT_THAT(problems_of("prefix = \"p\"\n[[out]]\npattern = \"a/_\"\n" + std::string(kIn)),
                 ElementsAre(kText));
 }
 
 TEST(Overlap, IsFoundAtTheTagThatStandsForATopic)
 {
-    EXPECT_THAT(faults_of("[[out]]\npattern = \"a/_\"\n[[in]]\nfilter = \"a\"\n"),
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"a/_\"\n[[in]]\nfilter = \"a\"\n"),
                 ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 3) overlap in the tags: the "
                             "second writes a/_, the first sends a/_; exclude it there, or say "
                             "shared = true in the second"));
@@ -258,12 +258,12 @@ TEST(Overlap, IsFoundAtTheTagThatStandsForATopic)
 
 TEST(Overlap, IsFoundBehindEscapes)
 {
-    EXPECT_THAT(faults_of("[[out]]\npattern = \"$z/#\"\n[[in]]\nfilter = \"%24z/#\"\n"),
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"$z/#\"\n[[in]]\nfilter = \"%24z/#\"\n"),
                 ElementsAre("f: [[out]] 1 (line 1) and [[in]] 1 (line 3) overlap in the tags: the "
                             "second writes $z/#, the first sends $z/#; exclude it there, or say "
                             "shared = true in the second"));
-    EXPECT_THAT(faults_of("prefix = \"p\"\n[[out]]\npattern = \"a/$z/b\"\n"
-                          "[[in]]\nfilter = \"a/+/b\"\nprefix = \"p\"\ntags = \"t\"\n"),
+    EXPECT_THAT(problems_of("prefix = \"p\"\n[[out]]\npattern = \"a/$z/b\"\n"
+                            "[[in]]\nfilter = \"a/+/b\"\nprefix = \"p\"\ntags = \"t\"\n"),
                 ElementsAre(testing::HasSubstr("the first sends p/a/$z/b")));
 }
 
@@ -271,45 +271,46 @@ TEST(Overlap, OfWhatIsSentWithTheStateTopicIsRefused)
 {
     constexpr const char *kOut = "[[out]]\npattern = \"a/#\"\n";
 
-    EXPECT_THAT(faults_of("prefix = \"p\"\nstate-topic = \"p/a/b%2Bc\"\n" + std::string(kOut)),
+    EXPECT_THAT(problems_of("prefix = \"p\"\nstate-topic = \"p/a/b%2Bc\"\n" + std::string(kOut)),
                 ElementsAre("f: [[out]] 1 (line 3) can send a tag to the bridge's own state topic "
                             "p/a/b%2Bc"));
-    EXPECT_THAT(faults_of("prefix = \"p\"\nstate-topic = \"p/a\"\n" + std::string(kOut)),
+    EXPECT_THAT(problems_of("prefix = \"p\"\nstate-topic = \"p/a\"\n" + std::string(kOut)),
                 ElementsAre(testing::HasSubstr("the bridge's own state topic p/a")));
-    EXPECT_THAT(faults_of("prefix = \"p\"\nstate-topic = \"p/b\"\n" + std::string(kOut)),
+    EXPECT_THAT(problems_of("prefix = \"p\"\nstate-topic = \"p/b\"\n" + std::string(kOut)),
                 IsEmpty());
 }
 
 TEST(InRules, WithTheSameFilterAreRefused)
 {
     EXPECT_THAT(
-        faults_of("[[in]]\nfilter = \"b/x\"\nprefix = \"a\"\n"
-                  "[[in]]\nfilter = \"x\"\nprefix = \"a/b\"\n"),
+        problems_of("[[in]]\nfilter = \"b/x\"\nprefix = \"a\"\n"
+                    "[[in]]\nfilter = \"x\"\nprefix = \"a/b\"\n"),
         ElementsAre("f: [[in]] 1 (line 1) and [[in]] 2 (line 4) have the same filter a/b/x: "
                     "the second can never win"));
 }
 
 TEST(InRules, MustNotBeGivenKeptMessagesByOnesThatAreLessExact)
 {
-    EXPECT_THAT(faults_of("[[in]]\nfilter = \"x\"\n[[in]]\nfilter = \"#\"\nretained = true\n"),
+    EXPECT_THAT(problems_of("[[in]]\nfilter = \"x\"\n[[in]]\nfilter = \"#\"\nretained = true\n"),
                 ElementsAre("f: [[in]] 1 (line 1) and [[in]] 2 (line 3) both take some topics: the "
                             "more exact says retained = false, but would be given what the broker "
                             "has kept for the other"));
-    EXPECT_THAT(faults_of("[[in]]\nfilter = \"#\"\n[[in]]\nfilter = \"x\"\nretained = true\n"),
+    EXPECT_THAT(problems_of("[[in]]\nfilter = \"#\"\n[[in]]\nfilter = \"x\"\nretained = true\n"),
                 IsEmpty());
 }
 
 TEST(Overlap, IsAllowedInATreeThatIsSaidToBeShared)
 {
-    EXPECT_THAT(faults_of("[[out]]\npattern = \"a/#\"\n[[in]]\nfilter = \"a/#\"\nshared = true\n"),
-                IsEmpty());
+    EXPECT_THAT(
+        problems_of("[[out]]\npattern = \"a/#\"\n[[in]]\nfilter = \"a/#\"\nshared = true\n"),
+        IsEmpty());
 }
 
 TEST(Overlap, OfTwoOutRulesOntoOneTopicIsRefused)
 {
     EXPECT_THAT(
-        faults_of("[[out]]\npattern = \"a/#\"\nprefix = \"x\"\n"
-                  "[[out]]\npattern = \"b\"\nprefix = \"x/a\"\n"),
+        problems_of("[[out]]\npattern = \"a/#\"\nprefix = \"x\"\n"
+                    "[[out]]\npattern = \"b\"\nprefix = \"x/a\"\n"),
         ElementsAre("f: [[out]] 1 (line 1) and [[out]] 2 (line 4) can send different tags to "
                     "one topic"));
 }
@@ -328,5 +329,5 @@ TEST(Rules, AreTriedInTheirOrderAndLeaveTheBridgesOwnTagsOut)
 
 TEST(Example, IsAGoodConfiguration)
 {
-    EXPECT_THAT(load_configuration(KP_MQTT_EXAMPLE).faults, IsEmpty());
+    EXPECT_THAT(load_configuration(KP_MQTT_EXAMPLE).problems, IsEmpty());
 }

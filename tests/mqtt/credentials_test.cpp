@@ -25,7 +25,7 @@ TEST(Credentials, AreTheFirstTwoLines)
 
     const auto credentials = read_credentials(kPath);
 
-    ASSERT_TRUE(credentials) << credentials.fault;
+    ASSERT_TRUE(credentials) << credentials.problem;
     EXPECT_EQ(credentials.value->user, "device");
     EXPECT_EQ(credentials.value->password, "se cret");
 }
@@ -34,7 +34,7 @@ TEST(Credentials, AreRefusedWhereOthersCanReadThem)
 {
     write_file("device\nsecret\n", 0604);
 
-    EXPECT_EQ(read_credentials(kPath).fault,
+    EXPECT_EQ(read_credentials(kPath).problem,
               "/run/credentials: others can read or change it; chmod 0600 or 0640");
 }
 
@@ -49,18 +49,18 @@ TEST(Credentials, MayBeReadByTheGroupButNotChanged)
 
 TEST(Credentials, AreRefusedWhenMissingOrEmpty)
 {
-    EXPECT_EQ(read_credentials("/run/none").fault, "/run/none: No such file or directory");
-    EXPECT_EQ(read_credentials("/run").fault, "/run: is no file");
+    EXPECT_EQ(read_credentials("/run/none").problem, "/run/none: No such file or directory");
+    EXPECT_EQ(read_credentials("/run").problem, "/run: is no file");
 
     write_file("", 0600);
-    EXPECT_EQ(read_credentials(kPath).fault,
+    EXPECT_EQ(read_credentials(kPath).problem,
               "/run/credentials: the first line must be the user's name");
 }
 
 TEST(Credentials, AreRefusedWithoutASecondLine)
 {
     write_file("device\n", 0600);
-    EXPECT_EQ(read_credentials(kPath).fault,
+    EXPECT_EQ(read_credentials(kPath).problem,
               "/run/credentials: the second line must be the password");
 
     write_file("device\n\n", 0600);

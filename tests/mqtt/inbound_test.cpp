@@ -22,16 +22,18 @@ class InboundOf {
                                                  rule,
                                              "f")
                              .configuration),
-          inbound_(configuration_, reader_,
-                   {[this](const std::string &tag, WriteRequest request) {
-                        written_.push_back(tag + "=" + request.sample.value);
-                        last_ = std::move(request);
-                    },
-                    [this](const std::string &tag) { written_.push_back(tag + " dropped"); },
-                    [this](const std::string &tag) { written_.push_back(tag + " is newer"); },
-                    [this](const std::string &tag) { written_.push_back(tag + " lives"); },
-                    [this](const std::string &tag) { return tag == dropping_; }},
-                   counters_)
+          inbound_(
+              configuration_, reader_,
+              {.put =
+                   [this](const std::string &tag, WriteRequest request) {
+                       written_.push_back(tag + "=" + request.sample.value);
+                       last_ = std::move(request);
+                   },
+               .drop = [this](const auto &tag) { written_.push_back(tag + " dropped"); },
+               .older_arrived = [this](const auto &tag) { written_.push_back(tag + " is newer"); },
+               .cleared = [this](const auto &tag) { written_.push_back(tag + " lives"); },
+               .is_dropping = [this](const auto &tag) { return tag == dropping_; }},
+              counters_)
     {
     }
 

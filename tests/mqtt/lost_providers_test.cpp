@@ -27,13 +27,13 @@ TEST(Outbound, SaysWithTheQualityThatTheProvidersWereKilled)
     provider.write("x", 1, 3);
     OutboundOf outbound("");
     EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=x q=3"));
-    EXPECT_TRUE(outbound->counts_changed());
+    EXPECT_TRUE(outbound.topics().counts_changed());
 
-    outbound->take_census(nobody_in_sight(), outbound.now());
+    outbound.topics().take_census(nobody_in_sight(), outbound.now());
 
     EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=x q=0"));
     EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
-    EXPECT_FALSE(outbound->counts_changed());
+    EXPECT_FALSE(outbound.topics().counts_changed());
 }
 
 TEST(Outbound, TakesAValueThatWasWrittenAfterTheProvidersWereKilledForALiveOne)
@@ -42,13 +42,13 @@ TEST(Outbound, TakesAValueThatWasWrittenAfterTheProvidersWereKilledForALiveOne)
     provider.write("x", 1, 3);
     OutboundOf outbound("");
     (void)outbound.messages_after_scan();
-    outbound->take_census(nobody_in_sight(), outbound.now());
+    outbound.topics().take_census(nobody_in_sight(), outbound.now());
     (void)outbound.messages();
 
     (void)kp_shm_instant_write("a/1", "y", KP_TYPE_STRING, 1, 2, 5, 1, 0);
 
     EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=y q=5"));
-    outbound->take_census(nobody_in_sight(), outbound.now());
+    outbound.topics().take_census(nobody_in_sight(), outbound.now());
     EXPECT_THAT(outbound.messages(), IsEmpty());
 }
 
@@ -58,14 +58,14 @@ TEST(Outbound, TakesANewProviderForALiveOne)
     provider.write("x", 1, 3);
     OutboundOf outbound("");
     (void)outbound.messages_after_scan();
-    outbound->take_census(nobody_in_sight(), outbound.now());
+    outbound.topics().take_census(nobody_in_sight(), outbound.now());
     (void)outbound.messages();
 
     StoreProvider again("a/1");
     again.write("y", 1, 3);
 
     EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=y q=3"));
-    EXPECT_TRUE(outbound->counts_changed());
+    EXPECT_TRUE(outbound.topics().counts_changed());
 }
 
 TEST(Outbound, SaysItAgainOfAProviderThatCameAndWasKilledBetweenTwoLooks)
@@ -74,13 +74,13 @@ TEST(Outbound, SaysItAgainOfAProviderThatCameAndWasKilledBetweenTwoLooks)
     provider.write("x", 1, 3);
     OutboundOf outbound("");
     (void)outbound.messages_after_scan();
-    outbound->take_census(nobody_in_sight(), outbound.now());
+    outbound.topics().take_census(nobody_in_sight(), outbound.now());
     (void)outbound.messages();
     StoreProvider again("a/1");
     again.write("y", 2, 3);
     ASSERT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1=y q=3"));
 
-    outbound->take_census(nobody_in_sight(), outbound.now());
+    outbound.topics().take_census(nobody_in_sight(), outbound.now());
 
     EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=y q=0"));
 }
@@ -91,11 +91,11 @@ TEST(Outbound, ComparesNoCountsThatChangedDuringTheCensus)
     provider.write("x", 1, 3);
     OutboundOf outbound("");
     (void)outbound.messages_after_scan();
-    (void)outbound->counts_changed();
+    (void)outbound.topics().counts_changed();
     const StoreProvider again("a/1");
 
-    outbound->take_census(nobody_in_sight(), outbound.now());
+    outbound.topics().take_census(nobody_in_sight(), outbound.now());
 
-    EXPECT_TRUE(outbound->counts_changed());
+    EXPECT_TRUE(outbound.topics().counts_changed());
     EXPECT_THAT(outbound.messages_after_scan(), Not(testing::Contains(testing::HasSubstr("=x"))));
 }

@@ -15,14 +15,14 @@ TEST(OldestAge, CountsUntilTheBrokerHasAcknowledged)
     StoreProvider provider("a/1");
     provider.write("x");
     OutboundOf outbound("");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     outbound.pass(seconds(2));
     EXPECT_EQ(outbound->oldest_age(outbound.now()), seconds(2));
     ASSERT_THAT(outbound.messages(false), ElementsAre("p/a/1=x q=1"));
     outbound.pass(seconds(3));
     EXPECT_EQ(outbound->oldest_age(outbound.now()), seconds(5));
 
-    outbound->acknowledged(outbound.last_id(), 0, outbound.now());
+    outbound->acknowledged(outbound.last_id(), {}, outbound.now());
 
     EXPECT_EQ(outbound->oldest_age(outbound.now()), seconds(0));
 }
@@ -32,7 +32,7 @@ TEST(OldestAge, GoesOnWhenTheConnectionBreaks)
     StoreProvider provider("a/1");
     provider.write("x");
     OutboundOf outbound("");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     (void)outbound.messages(false);
     outbound.pass(seconds(2));
     outbound->connection_lost(outbound.now());
@@ -48,9 +48,9 @@ TEST(OldestAge, GoesOnWhileTheBrokerHasNoRoom)
     StoreProvider provider("a/1");
     provider.write("x");
     OutboundOf outbound("");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     (void)outbound.messages(false);
-    outbound->acknowledged(outbound.last_id(), kQuotaExceeded, outbound.now());
+    outbound->acknowledged(outbound.last_id(), {kQuotaExceeded, "quota"}, outbound.now());
     outbound.pass(seconds(9));
     EXPECT_EQ(outbound->oldest_age(outbound.now()), seconds(9));
 
@@ -81,7 +81,7 @@ TEST(OldestAge, CountsWhatIsSentAtQosZeroNoLonger)
     StoreProvider provider("a/1");
     provider.write("x");
     OutboundOf outbound("qos = 0\n");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     outbound.pass(seconds(2));
     const auto publication = outbound->next(outbound.now());
     ASSERT_TRUE(publication);

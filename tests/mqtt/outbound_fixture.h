@@ -1,7 +1,7 @@
 // The way from tags to messages without a broker, at a time of the test's own.
 #pragma once
 
-#include "outbound/outbound.h"
+#include "outbound/publications.h"
 
 #include <string>
 #include <vector>
@@ -12,14 +12,17 @@ using namespace kp::mqtt;
 
 class OutboundOf {
   public:
-    explicit OutboundOf(const std::string &rule, const std::string &broker = "burst-rate = 0\n")
+    explicit OutboundOf(const std::string &rule, const std::string &broker = "burst-rate = 0\n",
+                        const std::string &state_file = "")
         : configuration_(parse_configuration("device = \"d\"\n[broker]\n" + broker +
                                                  "[[out]]\npattern = \"a/#\"\nprefix = \"p\"\n" +
                                                  rule,
                                              "f")
                              .configuration),
-          state_(std::move(*StateFile::open("").value)),
-          outbound_(configuration_, reader_, nullptr, *state_, "d/boot", counters_)
+          state_(std::move(*StateFile::open(state_file).value)),
+          topics_(configuration_, reader_, *state_, pending_),
+          publications_(configuration_, reader_, nullptr, *state_, "d/boot", pending_, topics_,
+                        counters_)
     {
     }
 
@@ -27,19 +30,19 @@ class OutboundOf {
     std::vector<std::string> messages(bool acknowledge = true)
     {
         std::vector<std::string> texts;
-        while (const auto publication = outbound_.next(now_)) {
+        while (const auto publication = publications_.next(now_)) {
             texts.push_back(
                 publication->topic + "=" + publication->payload +
                 " q=" + (publication->payload.empty() ? "" : publication->properties[0].second));
-            outbound_.sent(*publication, ++id_);
+            publications_.sent(*publication, ++id_);
             if (acknowledge)
-                outbound_.acknowledged(id_, 0, now_);
+                publications_.acknowledged(id_, {}, now_);
         }
         return texts;
     }
     std::vector<std::string> messages_after_scan()
     {
-        outbound_.scan(now_);
+        topics_.scan(now_);
         return messages();
     }
     void retained_before(const std::string &mqtt, bool provided = false)
@@ -50,7 +53,7 @@ class OutboundOf {
     {
         Buckets buckets;
         buckets.set(kp_hash(tag.c_str()));
-        return outbound_.refresh(buckets, now_);
+        return topics_.refresh(buckets, now_);
     }
     // From the next connection on.
     void set_burst_rate(double rate)
@@ -61,13 +64,13 @@ class OutboundOf {
     {
         now_ += time;
     }
-    Outbound &operator*()
+    TopicTable &topics()
     {
-        return outbound_;
+        return topics_;
     }
-    Outbound *operator->()
+    Publications *operator->()
     {
-        return &outbound_;
+        return &publications_;
     }
     Clock::time_point now() const
     {
@@ -91,7 +94,9 @@ class OutboundOf {
     StoreReader reader_;
     std::unique_ptr<StateFile> state_;
     Counters counters_;
-    Outbound outbound_;
+    PendingNames pending_;
+    TopicTable topics_;
+    Publications publications_;
     Clock::time_point now_{std::chrono::hours(1)};
     int id_ = 0;
 };

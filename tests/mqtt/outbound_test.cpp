@@ -31,7 +31,7 @@ TEST(Outbound, SendsTheNewestOfManyChanges)
 {
     StoreProvider provider("a/1");
     OutboundOf outbound("");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     provider.write("first", 1);
     EXPECT_TRUE(outbound.notice("a/1"));
     provider.write("second", 2);
@@ -45,7 +45,7 @@ TEST(Outbound, ReadsATopicThatWaitsOnlyWhenItsTurnComes)
     StoreProvider provider("a/1");
     provider.write("first", 1);
     OutboundOf outbound("");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     SegmentFile("a/1").put_u8(at::writing, 1);
     EXPECT_TRUE(outbound.notice("a/1"));
     SegmentFile("a/1").put_u8(at::writing, 0);
@@ -69,7 +69,7 @@ TEST(Outbound, AsksForAScanWhenANoticeIsOfNoTopicItKnows)
 {
     OutboundOf outbound("");
     StoreProvider untaken("b/1");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     StoreProvider provider("a/new");
     provider.write("x");
 
@@ -196,7 +196,7 @@ TEST(Outbound, SendsAgainWhatWasNotAcknowledged)
     StoreProvider provider("a/1");
     provider.write("x");
     OutboundOf outbound("only-changes = true\n");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     EXPECT_THAT(outbound.messages(false), ElementsAre("p/a/1=x q=1"));
     outbound->connection_lost(outbound.now());
 
@@ -274,10 +274,10 @@ TEST(Outbound, CountsARefusalAndComesBackWhenTheBrokerHadNoRoom)
     StoreProvider provider("a/1");
     provider.write("x");
     OutboundOf outbound("");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     (void)outbound.messages(false);
 
-    outbound->acknowledged(outbound.last_id(), kQuotaExceeded, outbound.now());
+    outbound->acknowledged(outbound.last_id(), {kQuotaExceeded, "quota"}, outbound.now());
     EXPECT_EQ(outbound.counters().refused, 1u);
     EXPECT_THAT(outbound.messages(), IsEmpty());
     outbound.pass(seconds(1));
@@ -289,7 +289,7 @@ TEST(Outbound, LooksAgainAtATopicInTheMiddleOfAWrite)
     StoreProvider provider("a/1");
     provider.write("x");
     OutboundOf outbound("");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     SegmentFile("a/1").put_u8(at::writing, 1);
     EXPECT_THAT(outbound.messages(), IsEmpty());
     SegmentFile("a/1").put_u8(at::writing, 0);
@@ -304,13 +304,13 @@ TEST(Outbound, ClearsOnceWhatAnEarlierRunHadRetainedAndThenSendsTheValue)
     provider.write("x");
     OutboundOf outbound("retain = false\n");
     outbound.retained_before("p/a/1");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
 
     EXPECT_THAT(outbound.messages(false), ElementsAre("p/a/1= q="));
     provider.write("y");
     EXPECT_TRUE(outbound.notice("a/1"));
     EXPECT_THAT(outbound.messages(false), IsEmpty()); // the clearing is still on its way
-    outbound->acknowledged(outbound.last_id(), 0, outbound.now());
+    outbound->acknowledged(outbound.last_id(), {}, outbound.now());
 
     EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1=y q=1"));
     EXPECT_FALSE(outbound.state().has("p/a/1"));
@@ -322,13 +322,13 @@ TEST(Outbound, ClearsAgainWhatTheBrokerHadNoRoomFor)
     {
         StoreProvider provider("a/1");
         provider.write("x");
-        outbound->scan(outbound.now());
+        outbound.topics().scan(outbound.now());
         ASSERT_THAT(outbound.messages(), ElementsAre("p/a/1=x q=1"));
     }
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     ASSERT_THAT(outbound.messages(false), ElementsAre("p/a/1= q="));
 
-    outbound->acknowledged(outbound.last_id(), kQuotaExceeded, outbound.now());
+    outbound->acknowledged(outbound.last_id(), {kQuotaExceeded, "quota"}, outbound.now());
     EXPECT_THAT(outbound.messages(), IsEmpty());
     outbound.pass(seconds(1));
 
@@ -343,15 +343,10 @@ TEST(Outbound, ClearsWhatAnEarlierRunHadRetained)
         auto before = StateFile::open(path);
         (*before.value)->add("p/a/gone");
     }
-    const Configuration configuration =
-        parse_configuration("[[out]]\npattern = \"a/#\"\nprefix = \"p\"\n", "f").configuration;
-    const StoreReader reader;
-    Counters counters;
-    auto state = StateFile::open(path);
-    Outbound outbound(configuration, reader, nullptr, **state.value, "d/boot", counters);
+    OutboundOf outbound("", "", path);
 
-    outbound.connected(false, Clock::now());
-    const auto publication = outbound.next(Clock::now());
+    outbound->connected(false, Clock::now());
+    const auto publication = outbound->next(Clock::now());
 
     ASSERT_TRUE(publication);
     EXPECT_EQ(publication->topic, "p/a/gone");
@@ -365,7 +360,7 @@ TEST(Outbound, SpreadsWhatWaitsAtTheStart)
     StoreProvider two("a/2");
     two.write("y");
     OutboundOf outbound("", "burst-rate = 1\n");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     outbound->connected(false, outbound.now());
 
     EXPECT_EQ(outbound.messages().size(), 1u);
@@ -387,7 +382,7 @@ TEST(Outbound, SpreadsWhatChangedDuringAnOutage)
     outbound.set_burst_rate(1);
     one.write("x2", 2);
     two.write("y2", 2);
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     one.write("x3", 3);
     two.write("y3", 3);
     outbound->connected(true, outbound.now());
@@ -406,7 +401,7 @@ TEST(Outbound, SendsAChangeAtOnceWhileTheBurstWaits)
     StoreProvider two("a/2");
     two.write("y");
     OutboundOf outbound("", "burst-rate = 1\n");
-    outbound->scan(outbound.now());
+    outbound.topics().scan(outbound.now());
     outbound->connected(false, outbound.now());
     ASSERT_EQ(outbound.messages().size(), 1u);
     one.write("x2", 2);

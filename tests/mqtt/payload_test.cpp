@@ -116,9 +116,9 @@ TEST(Properties, AreReadBackAndNonsenseIgnoredButForTheQuality)
     EXPECT_EQ(good.type, KP_TYPE_INT16);
     EXPECT_EQ(good.quality, 3);
     EXPECT_EQ(good.source_ts, 17u);
-    EXPECT_EQ(good.fault, "");
+    EXPECT_EQ(good.problem, "");
     EXPECT_FALSE(bad.type || bad.quality || bad.source_ts);
-    EXPECT_EQ(bad.fault, "its quality is no number from 0 to 254");
+    EXPECT_EQ(bad.problem, "its quality is no number from 0 to 254");
 }
 
 TEST(TakenApart, IsAJsonObjectOrABareScalar)
@@ -139,9 +139,10 @@ TEST(TakenApart, IsAJsonObjectOrABareScalar)
 
 TEST(TakenApart, SaysWhatIsWrongWithJson)
 {
-    EXPECT_EQ(taken(PayloadMode::json, "{").fault, "it is no JSON");
-    EXPECT_EQ(taken(PayloadMode::json, "[1]").fault, "it is no JSON object or scalar");
-    EXPECT_EQ(taken(PayloadMode::json, "null").fault, "it is no JSON object or scalar");
-    EXPECT_EQ(taken(PayloadMode::json, "{\"value\":{}}").fault, "the JSON object has no \"value\"");
-    EXPECT_EQ(taken(PayloadMode::json, "{\"value_b64\":5}").fault, "it is no base64");
+    EXPECT_EQ(taken(PayloadMode::json, "{").problem, "it is no JSON");
+    EXPECT_EQ(taken(PayloadMode::json, "[1]").problem, "it is no JSON object or scalar");
+    EXPECT_EQ(taken(PayloadMode::json, "null").problem, "it is no JSON object or scalar");
+    EXPECT_EQ(taken(PayloadMode::json, "{\"value\":{}}").problem,
+              "the JSON object has no \"value\"");
+    EXPECT_EQ(taken(PayloadMode::json, "{\"value_b64\":5}").problem, "it is no base64");
 }

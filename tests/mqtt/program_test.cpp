@@ -76,7 +76,7 @@ TEST(Check, SaysThatAConfigurationIsGood)
     EXPECT_EQ(bridge.wait(), 0);
 }
 
-TEST(Check, NamesFaultsAndFailsWithTwo)
+TEST(Check, NamesProblemsAndFailsWithTwo)
 {
     BridgeProgram bridge(1883, "[[out]]\npattern = \"a/#/b\"\n", {"--check"});
 

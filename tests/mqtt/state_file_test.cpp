@@ -15,7 +15,7 @@ const std::string kPath = "/run/state";
 std::unique_ptr<StateFile> opened()
 {
     auto file = StateFile::open(kPath);
-    EXPECT_EQ(file.fault, "");
+    EXPECT_EQ(file.problem, "");
     return file ? std::move(*file.value) : nullptr;
 }
 
@@ -87,12 +87,12 @@ TEST(StateFile, BelongsToOneBridge)
 {
     const auto file = opened();
 
-    EXPECT_EQ(StateFile::open(kPath).fault, "/run/state: another bridge uses this state file");
+    EXPECT_EQ(StateFile::open(kPath).problem, "/run/state: another bridge uses this state file");
 }
 
 TEST(StateFile, SaysWhyItCannotBeWritten)
 {
-    EXPECT_EQ(StateFile::open("/run/nowhere/state").fault,
+    EXPECT_EQ(StateFile::open("/run/nowhere/state").problem,
               "/run/nowhere/state.lock: No such file or directory");
 }
 

@@ -64,11 +64,11 @@ TEST(Containment, HoldsOnlyWhereEveryNameIsCovered)
     EXPECT_FALSE(pattern_contains("a/#", "a"));
 }
 
-TEST(Fault, IsFoundInWildcardsThatDoNotStandAlone)
+TEST(Problem, IsFoundInWildcardsThatDoNotStandAlone)
 {
-    EXPECT_EQ(pattern_fault("a/+x"), "\"+x\" mixes a wildcard with other characters");
-    EXPECT_EQ(filter_fault("a/#/b"), "\"#\" must be the last level");
-    EXPECT_EQ(pattern_fault("//"), "it names no topic");
-    EXPECT_EQ(filter_fault(""), "it is empty");
-    EXPECT_EQ(pattern_fault("a/+/#"), "");
+    EXPECT_EQ(pattern_problem("a/+x"), "\"+x\" mixes a wildcard with other characters");
+    EXPECT_EQ(filter_problem("a/#/b"), "\"#\" must be the last level");
+    EXPECT_EQ(pattern_problem("//"), "it names no topic");
+    EXPECT_EQ(filter_problem(""), "it is empty");
+    EXPECT_EQ(pattern_problem("a/+/#"), "");
 }

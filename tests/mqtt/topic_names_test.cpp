@@ -40,24 +40,24 @@ TEST(InboundName, ComesBackAsItWent)
 
 TEST(InboundName, IsRefusedWhereItCannotBeATag)
 {
-    EXPECT_EQ(to_tag_topic("a//b").fault, "it has an empty level");
-    EXPECT_EQ(to_tag_topic("/a").fault, "it has an empty level");
-    EXPECT_EQ(to_tag_topic("a/../b").fault, "a level is \".\" or \"..\"");
-    EXPECT_EQ(to_tag_topic("a/%2E%2E/b").fault, "a level is \".\" or \"..\"");
-    EXPECT_EQ(to_tag_topic("a%2Fb").fault, "a level holds an escaped \"/\" or zero byte");
-    EXPECT_EQ(to_tag_topic("a%00").fault, "a level holds an escaped \"/\" or zero byte");
-    EXPECT_EQ(to_tag_topic("a/$b").fault, "a level starts with \"$\"");
-    EXPECT_EQ(to_tag_topic("a/%2B").fault, "a level starts like a wildcard");
-    EXPECT_EQ(to_tag_topic(std::string(256, 'x')).fault, "a level is longer than 255 bytes");
-    EXPECT_EQ(to_tag_topic(std::string(255, 'x')).fault, "");
+    EXPECT_EQ(to_tag_topic("a//b").problem, "it has an empty level");
+    EXPECT_EQ(to_tag_topic("/a").problem, "it has an empty level");
+    EXPECT_EQ(to_tag_topic("a/../b").problem, "a level is \".\" or \"..\"");
+    EXPECT_EQ(to_tag_topic("a/%2E%2E/b").problem, "a level is \".\" or \"..\"");
+    EXPECT_EQ(to_tag_topic("a%2Fb").problem, "a level holds an escaped \"/\" or zero byte");
+    EXPECT_EQ(to_tag_topic("a%00").problem, "a level holds an escaped \"/\" or zero byte");
+    EXPECT_EQ(to_tag_topic("a/$b").problem, "a level starts with \"$\"");
+    EXPECT_EQ(to_tag_topic("a/%2B").problem, "a level starts like a wildcard");
+    EXPECT_EQ(to_tag_topic(std::string(256, 'x')).problem, "a level is longer than 255 bytes");
+    EXPECT_EQ(to_tag_topic(std::string(255, 'x')).problem, "");
 }
 
 TEST(InboundName, ExchangesThePrefixes)
 {
     EXPECT_EQ(to_tag_topic("kp/dev-set", "", "kp/dev-set/a/b").text, "a/b");
     EXPECT_EQ(to_tag_topic("", "z", "a/b").text, "z/a/b");
-    EXPECT_EQ(to_tag_topic("kp", "", "kp").fault, "it is outside of the prefix");
-    EXPECT_EQ(to_tag_topic("kp", "", "kpx/a").fault, "it is outside of the prefix");
+    EXPECT_EQ(to_tag_topic("kp", "", "kp").problem, "it is outside of the prefix");
+    EXPECT_EQ(to_tag_topic("kp", "", "kpx/a").problem, "it is outside of the prefix");
 }
 
 TEST(Utf8, IsToldFromOtherBytes)
@@ -71,7 +71,7 @@ TEST(Utf8, IsToldFromOtherBytes)
 
 TEST(Prefix, MustBeAPlainTopic)
 {
-    EXPECT_EQ(mqtt_topic_fault("kp/dev"), "");
-    EXPECT_EQ(mqtt_topic_fault("kp/+"), "it has a wildcard");
-    EXPECT_EQ(mqtt_topic_fault("kp/\x01"), "it has a control character or is not UTF-8");
+    EXPECT_EQ(mqtt_topic_problem("kp/dev"), "");
+    EXPECT_EQ(mqtt_topic_problem("kp/+"), "it has a wildcard");
+    EXPECT_EQ(mqtt_topic_problem("kp/\x01"), "it has a control character or is not UTF-8");
 }

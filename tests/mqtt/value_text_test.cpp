@@ -61,19 +61,19 @@ TEST(ValueFromText, TakesWhatTheTypeHolds)
 
 TEST(ValueFromText, SaysWhyItRefuses)
 {
-    EXPECT_EQ(value_bytes(KP_TYPE_INT8, 0, "128").fault, "it is out of the type's range");
-    EXPECT_EQ(value_bytes(KP_TYPE_UINT8, 0, "-1").fault, "it is no value of the type");
-    EXPECT_EQ(value_bytes(KP_TYPE_INT32, 0, "21.5").fault, "it is no value of the type");
-    EXPECT_EQ(value_bytes(KP_TYPE_DOUBLE, 0, "21 ").fault, "it is no value of the type");
-    EXPECT_EQ(value_bytes(KP_TYPE_BOOLEAN, 0, "maybe").fault, "it is no boolean");
-    EXPECT_EQ(value_bytes(KP_TYPE_STRING, 3, "four").fault, "it has 4 bytes of at most 3");
-    EXPECT_EQ(value_bytes(KP_TYPE_STRING, 3, "").fault, "it is empty");
+    EXPECT_EQ(value_bytes(KP_TYPE_INT8, 0, "128").problem, "it is out of the type's range");
+    EXPECT_EQ(value_bytes(KP_TYPE_UINT8, 0, "-1").problem, "it is no value of the type");
+    EXPECT_EQ(value_bytes(KP_TYPE_INT32, 0, "21.5").problem, "it is no value of the type");
+    EXPECT_EQ(value_bytes(KP_TYPE_DOUBLE, 0, "21 ").problem, "it is no value of the type");
+    EXPECT_EQ(value_bytes(KP_TYPE_BOOLEAN, 0, "maybe").problem, "it is no boolean");
+    EXPECT_EQ(value_bytes(KP_TYPE_STRING, 3, "four").problem, "it has 4 bytes of at most 3");
+    EXPECT_EQ(value_bytes(KP_TYPE_STRING, 3, "").problem, "it is empty");
 }
 
 TEST(ValueFromBytes, NeedsTheTypesSize)
 {
     EXPECT_TRUE(checked_bytes(KP_TYPE_INT32, 0, "1234"));
-    EXPECT_EQ(checked_bytes(KP_TYPE_INT32, 0, "123").fault,
+    EXPECT_EQ(checked_bytes(KP_TYPE_INT32, 0, "123").problem,
               "it has 3 bytes, the type another number");
 }
 

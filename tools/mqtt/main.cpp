@@ -1,6 +1,6 @@
 // kp-mqtt: joins the tags of a device to an MQTT 5 broker. See kp-mqtt(1) and kp-mqtt.conf(5).
 #include "bridge.h"
-#include "config/file_faults.h"
+#include "config/file_problems.h"
 #include "log.h"
 #include "mapping.h"
 
@@ -71,12 +71,9 @@ int run(const Configuration &configuration)
 {
     const kp::UniqueFd signals = take_signals();
     let_writers_go_first();
-    Credentials credentials;
-    if (!configuration.broker.credentials_file.empty())
-        credentials = *read_credentials(configuration.broker.credentials_file).value;
     auto state = StateFile::open(configuration.state_file);
     if (!state) {
-        log(Level::error, state.fault);
+        log(Level::error, state.problem);
         return kFailed;
     }
     if (is_endpoint_taken(configuration.endpoint)) {
@@ -91,8 +88,7 @@ int run(const Configuration &configuration)
         return kFailed;
     (void)mosquitto_lib_init();
     const int status =
-        Bridge(configuration, std::move(credentials), **state.value, marks, *writer, counters)
-            .run(signals.get());
+        Bridge(configuration, **state.value, marks, *writer, counters).run(signals.get());
     if (!writer->stop(std::chrono::seconds(2))) {
         log(Level::warning, "a local peer does not read its notices; leaving without it");
         (void)unlink(("/run/providers/" + configuration.endpoint).c_str());
@@ -116,15 +112,15 @@ int act(const Options &options)
         log_debug_too();
     if (logs_to_journal())
         log_for_journal();
-    auto [configuration, faults] = load_configuration(options.file);
-    if (faults.empty())
-        faults = file_faults(configuration.broker);
-    const std::string fault = options.check ? state_file_fault(configuration.state_file) : "";
-    if (!fault.empty())
-        faults.push_back(fault);
-    for (const std::string &line : faults)
+    auto [configuration, problems] = load_configuration(options.file);
+    if (problems.empty())
+        problems = file_problems(configuration.broker);
+    const std::string problem = options.check ? state_file_problem(configuration.state_file) : "";
+    if (!problem.empty())
+        problems.push_back(problem);
+    for (const std::string &line : problems)
         std::cerr << "kp-mqtt: " << line << '\n';
-    if (!faults.empty())
+    if (!problems.empty())
         return kWrong;
     if (options.check) {
         std::cout << options.file << ": good, " << configuration.out.size() << " rules out, "

@@ -9,7 +9,7 @@ namespace kp::mqtt {
 
 template <typename T> struct Result {
     std::optional<T> value;
-    std::string fault; // a phrase for a message; empty when there is a value
+    std::string problem; // a phrase for a message; empty when there is a value
 
     static Result of(T value)
     {

@@ -46,7 +46,7 @@ int exactness(const Levels &filter, size_t at)
     return filter[at] == "#" ? 0 : filter[at] == "+" ? 1 : 2;
 }
 
-std::string wildcard_fault(const Levels &levels)
+std::string wildcard_problem(const Levels &levels)
 {
     for (size_t at = 0; at < levels.size(); ++at) {
         const std::string_view level = levels[at];
@@ -79,15 +79,15 @@ Levels split_tag_levels(std::string_view tag)
     return levels;
 }
 
-std::string pattern_fault(std::string_view pattern)
+std::string pattern_problem(std::string_view pattern)
 {
     const Levels levels = split_tag_levels(pattern);
-    return levels.empty() ? "it names no topic" : wildcard_fault(levels);
+    return levels.empty() ? "it names no topic" : wildcard_problem(levels);
 }
 
-std::string filter_fault(std::string_view filter)
+std::string filter_problem(std::string_view filter)
 {
-    return filter.empty() ? "it is empty" : wildcard_fault(split_levels(filter));
+    return filter.empty() ? "it is empty" : wildcard_problem(split_levels(filter));
 }
 
 bool pattern_covers(std::string_view pattern, std::string_view tag)

@@ -20,8 +20,8 @@ Levels split_tag_levels(std::string_view tag);
 
 // What is wrong with a pattern or filter in a configuration, or an empty text. Wildcards must stand
 // alone in their level and "#" last, also in tag patterns, where the library would read +x as "+".
-std::string pattern_fault(std::string_view pattern);
-std::string filter_fault(std::string_view filter);
+std::string pattern_problem(std::string_view pattern);
+std::string filter_problem(std::string_view filter);
 
 bool pattern_covers(std::string_view pattern, std::string_view tag);
 bool filter_covers(std::string_view filter, std::string_view topic);

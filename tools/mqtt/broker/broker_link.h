@@ -1,104 +1,88 @@
-// One connection to the broker, from the attempt to its end; a new one is made for each attempt, so
-// that nothing of an old connection is ever sent again behind the bridge's back. It keeps no queue:
-// the owner sends only while may_send() says so. All but the connecting itself, which can wait for a
-// name server, happens on the owner's thread.
+// One connection to the broker, from the attempt to its end. Each attempt gets a new one, so that
+// nothing of an old connection is ever sent again behind the bridge's back. It keeps no queue: the
+// owner sends only while may_send() says so. All but the connecting itself happens on the owner's
+// thread.
 #pragma once
 
-#include "broker/payload.h"
+#include "broker/attempt.h"
+#include "broker/message.h"
 #include "config/configuration.h"
+#include "config/credentials.h"
 
+#include <functional>
 #include <memory>
 #include <string>
-#include <vector>
+#include <unordered_set>
+
+struct mosquitto_message;
 
 namespace kp::mqtt {
 
-struct Credentials {
-    std::string user;
-    std::string password;
-};
-
-// Reads a credentials file. Refuses one that others than its owner and group can read, or others
-// than the owner can write, or that belongs neither to root nor to this user.
-Result<Credentials> read_credentials(const std::string &path);
-
-// What is wrong with the rights of a file that holds a secret, or an empty text.
-std::string secret_file_fault(const std::string &path);
-
-struct Publication {
-    std::string topic;
-    std::string payload;
-    int qos = 1;
-    bool retain = false;
-    const char *content_type = nullptr;
-    bool is_utf8 = false;
-    uint32_t expiry_s = 0;
-    UserProperties properties;
-    Clock::time_point since{}; // when the oldest change that it stands for was seen
-};
-
-struct Message {
-    std::string topic;
-    std::string payload;
-    bool retain = false;
-    UserProperties properties;
-};
-
-struct Subscription {
-    std::string filter;
-    int qos = 1;
-    bool retained = false; // also what the broker kept
-};
-
-// Reasons with which a broker answers: from the first refusal on it has not taken the message.
-constexpr int kFirstRefusal = 0x80;
-constexpr int kQuotaExceeded = 0x97;
-constexpr int kRetainNotSupported = 0x9a;
-constexpr int kQosNotSupported = 0x9b;
-std::string reason_text(int reason);
-
-// Called from within BrokerLink::serve().
-class BrokerEvents {
-  public:
-    virtual ~BrokerEvents() = default;
-    virtual void connected() = 0;
-    virtual void acknowledged(int id, int reason) = 0;
-    virtual void subscribed(int id, const std::string &refusal) = 0;
-    virtual void received(Message message) = 0;
-    // At most once, and nothing after it. `refusal` is the broker's reason where it has refused the
-    // connection, else 0.
-    virtual void closed(const std::string &why, int refusal) = 0;
+// What the owner hears, always from within BrokerLink::serve().
+struct BrokerEvents {
+    std::function<void()> connected;
+    std::function<void(int id, const Answer &answer)> acknowledged;
+    std::function<void(int id, const Answer &answer)> subscribed;
+    std::function<void(Message message)> received;
+    // Called at most once, and nothing is called after it. `refusal` is the broker's reason where it
+    // has refused the connection, else 0. The link must not be destroyed within the call.
+    std::function<void(const std::string &why, int refusal)> closed;
 };
 
 enum class SendOutcome {
     sent,    // at QoS 0 done with, else acknowledged later
-    refused, // this one cannot go: too large, for one
+    refused, // this one cannot go, for example because it is too large
     lost,    // the connection is gone; closed() follows
 };
 
 class BrokerLink {
   public:
-    // Starts connecting. A fault is one of the configuration, as a certificate that cannot be read.
+    // Starts connecting. A problem is one of the configuration, as a certificate that cannot be read.
     static Result<std::unique_ptr<BrokerLink>> start(const BrokerSettings &settings,
                                                      const Credentials &credentials,
-                                                     const Publication &will, BrokerEvents &events);
-    virtual ~BrokerLink() = default;
+                                                     const Publication &will, BrokerEvents events);
+    BrokerLink(const BrokerLink &) = delete;
+    BrokerLink &operator=(const BrokerLink &) = delete;
 
     // What to poll, and for what.
-    virtual int fd() const = 0;
-    virtual short poll_events() const = 0;
+    int fd() const;
+    short poll_events() const;
 
     // Moves on; call it after poll() and about once a second.
-    virtual void serve(short ready) = 0;
+    void serve(short ready);
 
     // Whether a further publication would go out now instead of waiting in memory.
-    virtual bool may_send() const = 0;
-    virtual SendOutcome publish(const Publication &publication, int &id, std::string &refusal) = 0;
-    virtual bool subscribe(const Subscription &subscription, int &id) = 0;
-    virtual void unsubscribe(const std::string &filter) = 0;
+    bool may_send() const;
+    SendOutcome publish(const Publication &publication, int &id, std::string &refusal);
+    bool subscribe(const Subscription &subscription, int &id);
+    void unsubscribe(const std::string &filter);
 
     // Says goodbye, so that the broker does not publish the will.
-    virtual void disconnect() = 0;
+    void disconnect();
+
+  private:
+    explicit BrokerLink(BrokerEvents events);
+    std::string prepare(const BrokerSettings &settings, const Credentials &credentials,
+                        const Publication &will);
+    std::string set_will(const Publication &will);
+    std::string set_tls(const TlsSettings &tls);
+    void set_callbacks();
+    std::string end_text(int error) const;
+    void on_connect(int reason, const mosquitto_property *list);
+    void on_publish(int id, const Answer &answer);
+    void on_message(const mosquitto_message &message, const mosquitto_property *list);
+    void close(const std::string &why, int refusal = 0);
+
+    const BrokerEvents events_;
+    std::shared_ptr<Attempt> attempt_;
+    mosquitto *client_ = nullptr; // of the attempt
+    bool is_online_ = false;
+    bool was_online_ = false;
+    bool is_closed_ = false;
+    size_t most_unacknowledged_;
+    std::unordered_set<int> unacknowledged_; // publications at QoS 1 and 2
+    int most_qos_ = 2;
+    bool broker_retains_ = true;
 };
 
 } // namespace kp::mqtt

@@ -1,11 +1,10 @@
-// The part of Bridge that connects, finds out what the broker has kept, and notices the end.
-#include "bridge.h"
+#include "broker/broker_session.h"
 
 #include "log.h"
 #include "names/topic_names.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <poll.h>
 #include <random>
 
 namespace kp::mqtt {
@@ -15,6 +14,7 @@ namespace {
 constexpr milliseconds kAnswerTime{2000};  // for a subscription to the state topic
 constexpr milliseconds kRetainedTime{300}; // for the retained state after that
 constexpr milliseconds kStable{10'000};    // a connection that lasted this long was a good one
+constexpr milliseconds kLeaving{1500};     // for the last message
 constexpr const char *kConnection = "connection";
 
 std::string random_name()
@@ -23,34 +23,62 @@ std::string random_name()
     return std::to_string(random()) + std::to_string(random());
 }
 
-std::string property_of(const UserProperties &properties, const std::string &name)
-{
-    for (const auto &[known, value] : properties)
-        if (known == name)
-            return value;
-    return {};
-}
-
-uint64_t write_time_of(const UserProperties &properties)
-{
-    return std::strtoull(property_of(properties, property::kWriteTime).c_str(), nullptr, 10);
-}
-
-// Whether what the broker keeps is this value or a later one of the same device, which can have
-// arrived without an acknowledgement.
-bool is_as_new_as(const Message &message, const Publication &sent)
-{
-    if (message.topic != sent.topic || property_of(message.properties, property::kOrigin) !=
-                                           property_of(sent.properties, property::kOrigin))
-        return false;
-    return write_time_of(message.properties) > write_time_of(sent.properties) ||
-           (message.payload == sent.payload && message.properties == sent.properties);
-}
-
 } // namespace
 
-void Bridge::keep_connection(Clock::time_point now)
+BrokerSession::BrokerSession(const Configuration &configuration, std::string origin,
+                             SessionEvents events, Counters &counters)
+    : configuration_(configuration), origin_(std::move(origin)), events_(std::move(events)),
+      counters_(counters),
+      backoff_(configuration.broker.reconnect_min, configuration.broker.reconnect_max)
 {
+}
+
+BrokerEvents BrokerSession::link_events()
+{
+    return {
+        .connected = [this] { connected(); },
+        .acknowledged = [this](int id, const Answer &answer) { acknowledged(id, answer); },
+        .subscribed = [this](int id, const Answer &answer) { subscribed(id, answer); },
+        .received = [this](Message message) { received(std::move(message)); },
+        .closed = [this](const std::string &why, int refusal) { closed(why, refusal); },
+    };
+}
+
+int BrokerSession::fd() const
+{
+    return link_ ? link_->fd() : -1;
+}
+
+short BrokerSession::poll_events() const
+{
+    return link_ ? link_->poll_events() : short{0};
+}
+
+void BrokerSession::serve(short ready)
+{
+    if (link_)
+        link_->serve(ready);
+}
+
+bool BrokerSession::may_send() const
+{
+    return phase_ == Phase::online && link_->may_send();
+}
+
+SendOutcome BrokerSession::publish(const Publication &publication, int &id, std::string &refusal)
+{
+    return link_->publish(publication, id, refusal);
+}
+
+std::optional<Clock::time_point> BrokerSession::due() const
+{
+    return phase_ == Phase::online ? std::nullopt : std::optional(phase_ends_);
+}
+
+void BrokerSession::turn(Clock::time_point now)
+{
+    if (std::exchange(is_closed_, false))
+        drop_connection(now);
     if (phase_ == Phase::online || now < phase_ends_)
         return;
     if (phase_ == Phase::waiting)
@@ -61,47 +89,62 @@ void Bridge::keep_connection(Clock::time_point now)
     drop_connection(now);
 }
 
-void Bridge::connect(Clock::time_point now)
+void BrokerSession::connect(Clock::time_point now)
 {
     if (connection_ == last_connection_)
         connection_ = random_name();
-    auto started =
-        BrokerLink::start(configuration_.broker, credentials_, state_message("offline"), *this);
     phase_ = Phase::connecting;
     phase_ends_ = now + configuration_.broker.connect_timeout;
-    if (started) {
-        link_ = std::move(*started.value);
-        return;
+    // Read anew at each attempt, since a password may have been changed meanwhile.
+    const std::string &file = configuration_.broker.credentials_file;
+    auto credentials = file.empty() ? Result<Credentials>::of({}) : read_credentials(file);
+    close_reason_ = credentials.problem;
+    if (credentials) {
+        auto started = BrokerLink::start(configuration_.broker, *credentials.value,
+                                         state_message("offline"), link_events());
+        close_reason_ = started.problem;
+        if (started) {
+            link_ = std::move(*started.value);
+            return;
+        }
     }
-    close_reason_ = started.fault;
     drop_connection(now);
 }
 
-void Bridge::drop_connection(Clock::time_point now)
+void BrokerSession::drop_connection(Clock::time_point now)
 {
     if (phase_ == Phase::online && now - online_since_ >= kStable)
         backoff_.reset();
-    outbound_.connection_lost(now);
+    events_.lost();
     subscribing_.clear();
     link_.reset();
-    more_to_send_ = false;
     phase_ = Phase::waiting;
     phase_ends_ = now;
     if (asked_too_much(std::exchange(refusal_, 0)))
         return;
     const milliseconds delay = backoff_.next();
     phase_ends_ = now + delay;
-    const std::string text = "no connection to " + configuration_.broker.host + ":" +
-                             std::to_string(configuration_.broker.port) + ": " + close_reason_;
+    report_failure(delay);
+}
+
+// The same reason is said once, however many attempts fail for it.
+void BrokerSession::report_failure(milliseconds delay)
+{
+    const std::string text = "no connection to " + address() + ": " + close_reason_;
     log(text == reported_ ? Level::debug : Level::warning,
         text + "; trying again, next in " + std::to_string(delay.count()) + " ms");
     reported_ = text;
-    manager_.status(text);
+    events_.status(text);
+}
+
+std::string BrokerSession::address() const
+{
+    return configuration_.broker.host + ":" + std::to_string(configuration_.broker.port);
 }
 
 // A broker refuses a will that it cannot carry instead of taking it as it can. Says whether the next
 // attempt asks for less.
-bool Bridge::asked_too_much(int refusal)
+bool BrokerSession::asked_too_much(int refusal)
 {
     if (refusal == kQosNotSupported && state_qos_ > 0) {
         state_qos_ = 0;
@@ -117,7 +160,7 @@ bool Bridge::asked_too_much(int refusal)
     return false;
 }
 
-void Bridge::connected()
+void BrokerSession::connected()
 {
     subscribe_all();
     if (last_connection_.empty())
@@ -125,37 +168,38 @@ void Bridge::connected()
     phase_ = Phase::asking;
     phase_ends_ = Clock::now() + kAnswerTime;
     ask_for_witness();
+    ask_for_state();
+}
+
+void BrokerSession::ask_for_state()
+{
     int id = 0;
     if (link_->subscribe({configuration_.state_topic, 1, true}, id))
         subscribing_[id] = configuration_.state_topic;
 }
 
-bool Bridge::is_subscribed(const std::string &filter) const
-{
-    const auto subscriptions = inbound_.subscriptions();
-    return std::any_of(
-        subscriptions.begin(), subscriptions.end(),
-        [&filter](const Subscription &subscription) { return subscription.filter == filter; });
-}
-
 // Before the state, so that it comes first.
-void Bridge::ask_for_witness()
+void BrokerSession::ask_for_witness()
 {
-    witness_.reset();
-    has_witness_ = false;
-    const Publication *kept = outbound_.last_kept();
-    if (!kept || is_subscribed(kept->topic))
-        return; // cancelling the subscription would end that one
+    witness_.forget();
+    const Publication *kept = events_.last_kept();
+    if (!kept)
+        return;
+    const auto is_of_kept = [kept](const Subscription &subscription) {
+        return subscription.filter == kept->topic;
+    };
+    if (std::ranges::any_of(events_.subscriptions(), is_of_kept))
+        return; // to cancel the subscription afterwards would end that one
     int id = 0;
     if (!link_->subscribe({kept->topic, 1, true}, id))
         return;
-    witness_ = *kept;
+    witness_.ask_for(*kept);
     subscribing_[id] = kept->topic;
 }
 
-void Bridge::subscribe_all()
+void BrokerSession::subscribe_all()
 {
-    for (const Subscription &subscription : inbound_.subscriptions()) {
+    for (const Subscription &subscription : events_.subscriptions()) {
         int id = 0;
         if (link_->subscribe(subscription, id))
             subscribing_[id] = subscription.filter;
@@ -164,66 +208,70 @@ void Bridge::subscribe_all()
     }
 }
 
-void Bridge::subscribed(int id, const std::string &refusal)
+void BrokerSession::subscribed(int id, const Answer &answer)
 {
     const auto found = subscribing_.find(id);
     if (found == subscribing_.end())
         return;
-    if (!refusal.empty()) {
+    if (answer.is_refusal()) {
         ++counters_.refused;
-        log(Level::error, "the broker refuses the subscription " + found->second + ": " + refusal);
+        log(Level::error,
+            "the broker refuses the subscription " + printable(found->second) + ": " + answer.text);
     }
     if (found->second == configuration_.state_topic && phase_ == Phase::asking)
         phase_ends_ = Clock::now() + kRetainedTime;
     subscribing_.erase(found);
 }
 
-void Bridge::received(Message message)
+void BrokerSession::acknowledged(int id, const Answer &answer)
+{
+    if (id == state_id_)
+        state_id_ = 0;
+    events_.acknowledged(id, answer);
+}
+
+void BrokerSession::received(Message message)
 {
     if (message.topic == configuration_.state_topic) {
         if (phase_ == Phase::asking)
             go_online(tells_that_all_is_kept(message));
         return;
     }
-    if (phase_ == Phase::asking && witness_ && is_as_new_as(message, *witness_))
-        has_witness_ = true;
-    else
-        inbound_.receive(message);
+    if (phase_ != Phase::asking || !witness_.hears(message))
+        events_.received(message);
 }
 
 // The will of the last connection tells it alone. One of an attempt since then may have taken its
 // place, as at a broker that was stopped meanwhile, but also at one that was started anew and gave an
 // answer too late; so that takes a witness.
-bool Bridge::tells_that_all_is_kept(const Message &state) const
+bool BrokerSession::tells_that_all_is_kept(const Message &state) const
 {
     if (state.payload != "offline")
         return false;
     const std::string connection = property_of(state.properties, kConnection);
-    return connection == last_connection_ || (connection == connection_ && has_witness_);
+    return connection == last_connection_ || (connection == connection_ && witness_.is_there());
 }
 
-void Bridge::go_online(bool kept)
+void BrokerSession::go_online(bool kept)
 {
-    if (!last_connection_.empty())
+    if (!last_connection_.empty()) {
         link_->unsubscribe(configuration_.state_topic);
-    if (witness_)
-        link_->unsubscribe(std::exchange(witness_, {})->topic);
+        ++counters_.reconnects;
+    }
+    if (const std::string topic = witness_.forget(); !topic.empty())
+        link_->unsubscribe(topic);
     phase_ = Phase::online;
     online_since_ = Clock::now();
-    if (std::exchange(was_online_, true))
-        ++counters_.reconnects;
     last_connection_ = connection_;
     reported_.clear();
     send_state("online", false);
-    look_at_marks(online_since_); // what changed before it waits with the rest
-    outbound_.connected(kept, online_since_);
-    const std::string text = "connected to " + configuration_.broker.host + ":" +
-                             std::to_string(configuration_.broker.port);
+    events_.online(kept);
+    const std::string text = "connected to " + address();
     log(Level::info, text + (kept ? "; the broker has kept what it had" : "; sending everything"));
-    manager_.status(text);
+    events_.status(text);
 }
 
-Publication Bridge::state_message(const char *text) const
+Publication BrokerSession::state_message(const char *text) const
 {
     Publication state;
     state.topic = configuration_.state_topic;
@@ -236,7 +284,7 @@ Publication Bridge::state_message(const char *text) const
     return state;
 }
 
-void Bridge::send_state(const char *text, bool wait_for_it)
+void BrokerSession::send_state(const char *text, bool wait_for_it)
 {
     int id = 0;
     std::string refusal;
@@ -247,11 +295,27 @@ void Bridge::send_state(const char *text, bool wait_for_it)
 }
 
 // Only noted here: the link must not be destroyed within its own call.
-void Bridge::closed(const std::string &why, int refusal)
+void BrokerSession::closed(const std::string &why, int refusal)
 {
     is_closed_ = true;
     close_reason_ = why;
     refusal_ = refusal;
+}
+
+// What waits is sent by the next start.
+void BrokerSession::leave()
+{
+    if (phase_ != Phase::online)
+        return;
+    const auto deadline = Clock::now() + kLeaving;
+    send_state("offline", true);
+    while (state_id_ && !is_closed_ && Clock::now() < deadline) {
+        pollfd broker = {link_->fd(), link_->poll_events(), 0};
+        (void)poll(&broker, 1, 50);
+        link_->serve(broker.revents);
+    }
+    if (!is_closed_)
+        link_->disconnect();
 }
 
 } // namespace kp::mqtt

@@ -77,7 +77,7 @@ void take_quality(Description &description, std::string_view text)
 {
     description.quality = number<uint8_t>(text);
     if (!description.quality || *description.quality == kKeptQuality)
-        description.fault = "its quality is no number from 0 to 254";
+        description.problem = "its quality is no number from 0 to 254";
 }
 
 // Some JSON writers give every number a fraction. Beyond this bound a fraction tells no whole numbers
@@ -123,7 +123,7 @@ Result<Content> from_json(std::string_view payload, Description &description)
     if (const auto bytes = document.find("value_b64"); bytes != document.end()) {
         auto decoded = from_base64(bytes->is_string() ? bytes->get<std::string>() : "=");
         if (!decoded)
-            return Result<Content>::failed(decoded.fault);
+            return Result<Content>::failed(decoded.problem);
         return Result<Content>::of({std::move(*decoded.value), true, {}});
     }
     const auto value = document.find("value");

@@ -1,14 +1,13 @@
 // A tag's value as an MQTT payload, and a payload as a tag's value.
 #pragma once
 
+#include "broker/message.h"
 #include "result.h"
 #include "sample.h"
 
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 namespace kp::mqtt {
 
@@ -22,18 +21,6 @@ enum class PayloadMode {
 // with three for each of its bytes, and the other keys. Larger ones are never parsed, which would take
 // many times their size.
 constexpr size_t kMostPayloadBytes = 40 * 1024;
-
-using UserProperties = std::vector<std::pair<std::string, std::string>>;
-
-// The names of the user properties, on both directions of travel.
-namespace property {
-constexpr const char *kQuality = "q";
-constexpr const char *kSourceTime = "sts";
-constexpr const char *kWriteTime = "ts";
-constexpr const char *kType = "type";
-constexpr const char *kExtraInfo = "xi";
-constexpr const char *kOrigin = "origin";
-} // namespace property
 
 struct Payload {
     std::string bytes;
@@ -55,7 +42,7 @@ struct Description {
     std::optional<uint8_t> quality;
     std::optional<uint64_t> source_ts;
     std::optional<uint32_t> extra_info;
-    std::string fault; // why a message that says so cannot be taken, or empty
+    std::string problem; // why a message that says so cannot be taken, or empty
 };
 
 // Ignores properties that it does not know or that make no sense, but for a quality: what is not said

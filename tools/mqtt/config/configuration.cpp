@@ -44,8 +44,8 @@ Result<std::string> prefix(const std::string &text)
 {
     if (text.starts_with('/') || text.ends_with('/'))
         return Result<std::string>::failed("must not begin or end with \"/\"");
-    if (const std::string fault = mqtt_topic_fault(text); !fault.empty())
-        return Result<std::string>::failed("cannot be part of a topic: " + fault);
+    if (const std::string problem = mqtt_topic_problem(text); !problem.empty())
+        return Result<std::string>::failed("cannot be part of a topic: " + problem);
     return Result<std::string>::of(text);
 }
 
@@ -78,16 +78,16 @@ Result<std::string> in_prefix(const std::string &text)
 
 Result<std::string> tag_pattern(const std::string &text)
 {
-    if (const std::string fault = pattern_fault(text); !fault.empty())
-        return Result<std::string>::failed("is no pattern of tags: " + fault);
+    if (const std::string problem = pattern_problem(text); !problem.empty())
+        return Result<std::string>::failed("is no pattern of tags: " + problem);
     return Result<std::string>::of(text);
 }
 
 Result<std::string> tag_prefix(const std::string &text)
 {
     const Name name = to_tag_topic(text);
-    if (!text.empty() && !name.fault.empty())
-        return Result<std::string>::failed("cannot be part of a tag's topic: " + name.fault);
+    if (!text.empty() && !name.problem.empty())
+        return Result<std::string>::failed("cannot be part of a tag's topic: " + name.problem);
     return Result<std::string>::of(text);
 }
 
@@ -95,15 +95,15 @@ Result<std::string> topic_filter(const std::string &text)
 {
     if (text == "$share" || text.starts_with("$share/"))
         return Result<std::string>::failed("shared subscriptions cannot be used");
-    if (const std::string fault = filter_fault(text); !fault.empty())
-        return Result<std::string>::failed("is no filter of topics: " + fault);
+    if (const std::string problem = filter_problem(text); !problem.empty())
+        return Result<std::string>::failed("is no filter of topics: " + problem);
     for (const std::string_view level : split_levels(text)) {
         if (level == "+" || level == "#")
             continue;
-        if (const std::string fault = mqtt_topic_fault(level); !fault.empty())
-            return Result<std::string>::failed("is no filter of topics: " + fault);
-        if (const std::string fault = to_tag_topic(level).fault; !fault.empty())
-            return Result<std::string>::failed("takes no topic that can be a tag: " + fault);
+        if (const std::string problem = mqtt_topic_problem(level); !problem.empty())
+            return Result<std::string>::failed("is no filter of topics: " + problem);
+        if (const std::string problem = to_tag_topic(level).problem; !problem.empty())
+            return Result<std::string>::failed("takes no topic that can be a tag: " + problem);
     }
     return Result<std::string>::of(text);
 }
@@ -118,13 +118,14 @@ Result<std::optional<uint32_t>> value_type(const std::string &text)
 
 class ConfigurationReader {
   public:
-    ConfigurationReader(const std::string &path, Faults &faults) : path_(path), faults_(faults)
+    ConfigurationReader(const std::string &path, Problems &problems)
+        : path_(path), problems_(problems)
     {
     }
 
     Configuration read(const toml::table &file)
     {
-        TableReader table(file, path_, faults_);
+        TableReader table(file, path_, problems_);
         Configuration result;
         read_names(table, result);
         table.read("state-file", result.state_file);
@@ -156,20 +157,20 @@ class ConfigurationReader {
         result.status_prefix = "bridge/mqtt";
         table.read<std::string>("status-prefix", result.status_prefix, tag_prefix);
         if (result.status_prefix.empty())
-            table.fault("status-prefix", "must not be empty");
+            table.problem("status-prefix", "must not be empty");
         result.state_topic = join(result.prefix, "$bridge/state");
         table.read<std::string>("state-topic", result.state_topic, prefix);
         if (result.state_topic.empty())
-            table.fault("state-topic", "must not be empty");
+            table.problem("state-topic", "must not be empty");
     }
 
     BrokerSettings read_broker(const toml::table &source, const std::string &device)
     {
-        TableReader table(source, path_, faults_);
+        TableReader table(source, path_, problems_);
         BrokerSettings broker;
         table.read("host", broker.host);
         if (broker.host.empty())
-            table.fault("host", "must not be empty");
+            table.problem("host", "must not be empty");
         broker.client_id = "kp-mqtt-" + device;
         table.read<std::string>("client-id", broker.client_id, name_part);
         table.read("credentials-file", broker.credentials_file);
@@ -178,7 +179,7 @@ class ConfigurationReader {
         table.read("reconnect-min", broker.reconnect_min, 0.1, 3600);
         table.read("reconnect-max", broker.reconnect_max, 0.1, 3600);
         if (broker.reconnect_max < broker.reconnect_min)
-            table.fault("reconnect-max", "must not be less than reconnect-min");
+            table.problem("reconnect-max", "must not be less than reconnect-min");
         table.read("burst-rate", broker.burst_rate, 0, 1e6);
         if (const toml::table *tls = table.table("tls"))
             broker.tls = read_tls(*tls);
@@ -190,7 +191,7 @@ class ConfigurationReader {
 
     TlsSettings read_tls(const toml::table &source)
     {
-        TableReader table(source, path_, faults_);
+        TableReader table(source, path_, problems_);
         TlsSettings tls;
         table.read("ca-file", tls.ca_file);
         table.read("ca-path", tls.ca_path);
@@ -199,23 +200,23 @@ class ConfigurationReader {
         if (tls.ca_file.empty() && tls.ca_path.empty())
             tls.ca_path = "/etc/ssl/certs";
         if (tls.cert_file.empty() != tls.key_file.empty())
-            table.fault("cert-file", "cert-file and key-file need each other");
+            table.problem("cert-file", "cert-file and key-file need each other");
         table.refuse_the_rest();
         return tls;
     }
 
     OutRule read_out(const toml::table &source, int number, const std::string &default_prefix)
     {
-        TableReader table(source, path_, faults_);
+        TableReader table(source, path_, problems_);
         OutRule rule;
         rule.name = rule_name("out", number, source);
         table.read<std::string>("pattern", rule.pattern, tag_pattern);
         if (!table.has("pattern"))
-            table.fault("pattern", "is missing");
+            table.problem("pattern", "is missing");
         table.read("exclude", rule.exclude);
         for (const std::string &pattern : rule.exclude)
-            if (const std::string fault = pattern_fault(pattern); !fault.empty())
-                table.fault("exclude", "\"" + pattern + "\" is no pattern of tags: " + fault);
+            if (const std::string problem = pattern_problem(pattern); !problem.empty())
+                table.problem("exclude", "\"" + pattern + "\" is no pattern of tags: " + problem);
         rule.prefix = default_prefix;
         table.read<std::string>("prefix", rule.prefix, prefix);
         table.read_integer("qos", rule.qos, 0, 2);
@@ -232,12 +233,12 @@ class ConfigurationReader {
 
     InRule read_in(const toml::table &source, int number, const std::string &default_prefix)
     {
-        TableReader table(source, path_, faults_);
+        TableReader table(source, path_, problems_);
         InRule rule;
         rule.name = rule_name("in", number, source);
         table.read<std::string>("filter", rule.filter, topic_filter);
         if (!table.has("filter"))
-            table.fault("filter", "is missing");
+            table.problem("filter", "is missing");
         table.read("shared", rule.shared);
         rule.prefix =
             rule.shared || default_prefix.empty() ? default_prefix : default_prefix + "-set";
@@ -261,17 +262,17 @@ class ConfigurationReader {
     }
 
     const std::string &path_;
-    Faults &faults_;
+    Problems &problems_;
 };
 
 ConfigurationResult finish(const toml::table &file, const std::string &path)
 {
     ConfigurationResult result;
-    result.configuration = ConfigurationReader(path, result.faults).read(file);
-    if (!result.faults.empty())
+    result.configuration = ConfigurationReader(path, result.problems).read(file);
+    if (!result.problems.empty())
         return result;
-    for (const std::string &fault : rule_faults(result.configuration))
-        result.faults.push_back(path + ": " + fault);
+    for (const std::string &problem : rule_problems(result.configuration))
+        result.problems.push_back(path + ": " + problem);
     return result;
 }
 

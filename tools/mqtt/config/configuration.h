@@ -82,7 +82,7 @@ struct Configuration {
 
 struct ConfigurationResult {
     Configuration configuration;
-    std::vector<std::string> faults; // one line each; empty when the configuration is good
+    std::vector<std::string> problems; // one line each; empty when the configuration is good
 };
 
 // Reads and checks a file.
@@ -92,6 +92,6 @@ ConfigurationResult load_configuration(const std::string &path);
 ConfigurationResult parse_configuration(std::string_view text, const std::string &path);
 
 // Finds what is wrong between the rules; each line names the rules.
-std::vector<std::string> rule_faults(const Configuration &configuration);
+std::vector<std::string> rule_problems(const Configuration &configuration);
 
 } // namespace kp::mqtt

@@ -23,11 +23,11 @@ const toml::node *TableReader::find(const char *key)
     return table_.get(key);
 }
 
-void TableReader::fault(const char *key, const std::string &text)
+void TableReader::problem(const char *key, const std::string &text)
 {
     const toml::node *node = table_.get(key);
     const auto line = (node ? node->source() : table_.source()).begin.line;
-    faults_.push_back(where_ + ":" + std::to_string(line) + ": " + key + ": " + text);
+    problems_.push_back(where_ + ":" + std::to_string(line) + ": " + key + ": " + text);
 }
 
 void TableReader::read(const char *key, std::string &target)
@@ -38,7 +38,7 @@ void TableReader::read(const char *key, std::string &target)
     if (const auto text = node->value_exact<std::string>())
         target = *text;
     else
-        fault(key, "must be a text in quotation marks");
+        problem(key, "must be a text in quotation marks");
 }
 
 void TableReader::read(const char *key, bool &target)
@@ -49,7 +49,7 @@ void TableReader::read(const char *key, bool &target)
     if (const auto value = node->value_exact<bool>())
         target = *value;
     else
-        fault(key, "must be true or false");
+        problem(key, "must be true or false");
 }
 
 void TableReader::read(const char *key, std::vector<std::string> &target)
@@ -59,7 +59,7 @@ void TableReader::read(const char *key, std::vector<std::string> &target)
         return;
     const toml::array *array = node->as_array();
     if (!array || (!array->empty() && !array->is_homogeneous(toml::node_type::string)))
-        return fault(key, "must be a list of texts, as [\"a/#\", \"b\"]");
+        return problem(key, "must be a list of texts, as [\"a/#\", \"b\"]");
     target.clear();
     for (const toml::node &element : *array)
         target.push_back(*element.value_exact<std::string>());
@@ -74,7 +74,7 @@ void TableReader::read(const char *key, double &target, double least, double mos
     if (value && *value >= least && *value <= most)
         target = *value;
     else
-        fault(key, "must be a number from " + short_number(least) + " to " + short_number(most));
+        problem(key, "must be a number from " + short_number(least) + " to " + short_number(most));
 }
 
 void TableReader::read(const char *key, std::chrono::milliseconds &target, double least,
@@ -93,8 +93,8 @@ std::optional<int64_t> TableReader::integer(const char *key, int64_t least, int6
     const auto value = node->value_exact<int64_t>();
     if (value && *value >= least && *value <= most)
         return value;
-    fault(key,
-          "must be a whole number from " + std::to_string(least) + " to " + std::to_string(most));
+    problem(key,
+            "must be a whole number from " + std::to_string(least) + " to " + std::to_string(most));
     return {};
 }
 
@@ -102,7 +102,7 @@ const toml::table *TableReader::table(const char *key)
 {
     const toml::node *node = find(key);
     if (node && !node->is_table())
-        fault(key, "must be a table, [" + std::string(key) + "]");
+        problem(key, "must be a table, [" + std::string(key) + "]");
     return node ? node->as_table() : nullptr;
 }
 
@@ -113,7 +113,7 @@ std::vector<const toml::table *> TableReader::tables(const char *key)
     if (!node)
         return found;
     if (!node->is_array_of_tables()) {
-        fault(key, "must be written as [[" + std::string(key) + "]]");
+        problem(key, "must be written as [[" + std::string(key) + "]]");
         return found;
     }
     for (const toml::node &element : *node->as_array())
@@ -126,7 +126,7 @@ void TableReader::refuse_the_rest()
     for (const auto &[key, node] : table_) {
         const std::string name(key.str());
         if (!known_.contains(name))
-            fault(name.c_str(), "unknown setting");
+            problem(name.c_str(), "unknown setting");
     }
 }
 

@@ -14,13 +14,13 @@
 
 namespace kp::mqtt {
 
-using Faults = std::vector<std::string>;
+using Problems = std::vector<std::string>;
 
 class TableReader {
   public:
     // `where` is for messages, as "file:" or "file: [broker]".
-    TableReader(const toml::table &table, std::string where, Faults &faults)
-        : table_(table), where_(std::move(where)), faults_(faults)
+    TableReader(const toml::table &table, std::string where, Problems &problems)
+        : table_(table), where_(std::move(where)), problems_(problems)
     {
     }
 
@@ -29,7 +29,7 @@ class TableReader {
         return table_.contains(key);
     }
 
-    // Each leaves the target alone when the key is missing, and adds a fault when it is wrong.
+    // Each leaves the target alone when the key is missing, and adds a problem when it is wrong.
     void read(const char *key, std::string &target);
     void read(const char *key, bool &target);
     void read(const char *key, std::vector<std::string> &target);
@@ -41,30 +41,30 @@ class TableReader {
     }
     // Seconds with fractions.
     void read(const char *key, std::chrono::milliseconds &target, double least, double most);
-    // A text that `parse` takes; its fault otherwise.
+    // A text that `parse` takes; its problem otherwise.
     template <typename T>
     void read(const char *key, T &target,
               const std::function<Result<T>(const std::string &)> &parse)
     {
         std::string text;
-        const size_t before = faults_.size();
+        const size_t before = problems_.size();
         read(key, text);
-        if (!has(key) || faults_.size() != before)
+        if (!has(key) || problems_.size() != before)
             return;
         if (auto value = parse(text))
             target = std::move(*value.value);
         else
-            fault(key, value.fault);
+            problem(key, value.problem);
     }
 
     // The tables below a key: one table, or an array of tables.
     const toml::table *table(const char *key);
     std::vector<const toml::table *> tables(const char *key);
 
-    // Adds a fault with the key's line.
-    void fault(const char *key, const std::string &text);
+    // Adds a problem with the key's line.
+    void problem(const char *key, const std::string &text);
 
-    // Adds a fault for every key that was not asked for.
+    // Adds a problem for every key that was not asked for.
     void refuse_the_rest();
 
   private:
@@ -73,7 +73,7 @@ class TableReader {
 
     const toml::table &table_;
     std::string where_;
-    Faults &faults_;
+    Problems &problems_;
     std::set<std::string, std::less<>> known_;
 };
 

@@ -106,12 +106,12 @@ std::string overlap(const OutRule &out, const InRule &in)
     return {};
 }
 
-void find_overlaps(const Configuration &configuration, Names &faults)
+void find_overlaps(const Configuration &configuration, Names &problems)
 {
     for (const OutRule &out : configuration.out)
         for (const InRule &in : configuration.in)
-            if (std::string fault = in.shared ? "" : overlap(out, in); !fault.empty())
-                faults.push_back(std::move(fault));
+            if (std::string problem = in.shared ? "" : overlap(out, in); !problem.empty())
+                problems.push_back(std::move(problem));
 }
 
 bool can_send_one_topic(const OutRule &first, const OutRule &second)
@@ -124,20 +124,20 @@ bool can_send_one_topic(const OutRule &first, const OutRule &second)
 }
 
 // Two tags must not become one topic, which different prefixes make possible.
-void find_collisions(const Configuration &configuration, Names &faults)
+void find_collisions(const Configuration &configuration, Names &problems)
 {
     const auto &rules = configuration.out;
     for (size_t first = 0; first < rules.size(); ++first)
         for (size_t second = first + 1; second < rules.size(); ++second)
             if (rules[first].prefix != rules[second].prefix &&
                 can_send_one_topic(rules[first], rules[second]))
-                faults.push_back(rules[first].name + " and " + rules[second].name +
-                                 " can send different tags to one topic");
+                problems.push_back(rules[first].name + " and " + rules[second].name +
+                                   " can send different tags to one topic");
 }
 
 // Of two in rules that take a topic the most exact decides, also about what another rule made the
 // broker send.
-void find_in_rules_that_lose(const Configuration &configuration, Names &faults)
+void find_in_rules_that_lose(const Configuration &configuration, Names &problems)
 {
     const auto &rules = configuration.in;
     for (size_t first = 0; first < rules.size(); ++first)
@@ -146,13 +146,13 @@ void find_in_rules_that_lose(const Configuration &configuration, Names &faults)
             const std::string other = rules[second].full_filter();
             const std::string both = rules[first].name + " and " + rules[second].name;
             if (one == other)
-                faults.push_back(both + " have the same filter " + one +
-                                 ": the second can never win");
+                problems.push_back(both + " have the same filter " + one +
+                                   ": the second can never win");
             else if (filters_meet(one, other) && rules[first].retained != rules[second].retained &&
                      rules[is_more_exact(one, other) ? second : first].retained)
-                faults.push_back(both + " both take some topics: the more exact says retained = "
-                                        "false, but would be given what the broker has kept for "
-                                        "the other");
+                problems.push_back(both + " both take some topics: the more exact says retained = "
+                                          "false, but would be given what the broker has kept for "
+                                          "the other");
         }
 }
 
@@ -164,33 +164,34 @@ bool sends_tag(const Configuration &configuration, const OutRule &rule, const st
 }
 
 // The value of a tag in place of "online" would make the device look gone, or the other way round.
-void find_state_topic(const Configuration &configuration, Names &faults)
+void find_state_topic(const Configuration &configuration, Names &problems)
 {
     const std::string &topic = configuration.state_topic;
     for (const InRule &in : configuration.in)
         if (!in.shared && filter_covers(in.full_filter(), topic))
-            faults.push_back(in.name + " receives the bridge's own state topic " + topic);
+            problems.push_back(in.name + " receives the bridge's own state topic " + topic);
     for (const OutRule &out : configuration.out) {
         const size_t below = out.prefix.empty() ? 0 : out.prefix.size() + 1;
         const std::string tag = without_escapes(topic.substr(std::min(below, topic.size())));
         if (sends_tag(configuration, out, tag, topic) ||
             sends_tag(configuration, out, join(tag, "_"), topic))
-            faults.push_back(out.name + " can send a tag to the bridge's own state topic " + topic);
+            problems.push_back(out.name + " can send a tag to the bridge's own state topic " +
+                               topic);
     }
 }
 
 } // namespace
 
-std::vector<std::string> rule_faults(const Configuration &configuration)
+std::vector<std::string> rule_problems(const Configuration &configuration)
 {
-    std::vector<std::string> faults;
+    std::vector<std::string> problems;
     if (configuration.out.empty() && configuration.in.empty())
-        faults.push_back("there is no [[out]] and no [[in]] rule: nothing to do");
-    find_overlaps(configuration, faults);
-    find_collisions(configuration, faults);
-    find_in_rules_that_lose(configuration, faults);
-    find_state_topic(configuration, faults);
-    return faults;
+        problems.push_back("there is no [[out]] and no [[in]] rule: nothing to do");
+    find_overlaps(configuration, problems);
+    find_collisions(configuration, problems);
+    find_in_rules_that_lose(configuration, problems);
+    find_state_topic(configuration, problems);
+    return problems;
 }
 
 } // namespace kp::mqtt

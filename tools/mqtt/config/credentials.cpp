@@ -1,4 +1,4 @@
-#include "broker/broker_link.h"
+#include "config/credentials.h"
 
 #include <array>
 #include <cerrno>
@@ -24,7 +24,7 @@ std::string without_line_end(std::string line)
 
 } // namespace
 
-std::string secret_file_fault(const std::string &path)
+std::string secret_file_problem(const std::string &path)
 {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)
@@ -42,8 +42,8 @@ std::string secret_file_fault(const std::string &path)
 
 Result<Credentials> read_credentials(const std::string &path)
 {
-    if (std::string fault = secret_file_fault(path); !fault.empty())
-        return Result<Credentials>::failed(std::move(fault));
+    if (std::string problem = secret_file_problem(path); !problem.empty())
+        return Result<Credentials>::failed(std::move(problem));
     std::ifstream file(path);
     Credentials credentials;
     if (!std::getline(file, credentials.user) || without_line_end(credentials.user).empty())

@@ -14,14 +14,6 @@ namespace {
 
 constexpr int kMostReads = 10; // of a tag in the middle of a write
 
-const std::string *find_property(const UserProperties &properties, std::string_view name)
-{
-    for (const auto &[key, value] : properties)
-        if (key == name)
-            return &value;
-    return nullptr;
-}
-
 ReadOutcome read_patiently(const StoreReader &reader, const std::string &tag, Sample &sample)
 {
     ReadOutcome outcome = reader.read(tag, sample);
@@ -49,9 +41,9 @@ std::string_view origin_device(std::string_view origin)
     return origin.substr(0, origin.find('/'));
 }
 
-Inbound::Inbound(const Configuration &configuration, const StoreReader &reader, Target target,
-                 Counters &counters)
-    : configuration_(configuration), reader_(reader), target_(std::move(target)),
+Inbound::Inbound(const Configuration &configuration, const StoreReader &reader,
+                 InboundEvents events, Counters &counters)
+    : configuration_(configuration), reader_(reader), events_(std::move(events)),
       counters_(counters)
 {
     for (const InRule &rule : configuration.in)
@@ -77,8 +69,8 @@ void Inbound::receive(const Message &message)
         return;
     }
     const Name name = name_for(*rule, message.topic);
-    if (!name.fault.empty())
-        return refuse(message.topic, "cannot be a tag: " + name.fault);
+    if (!name.problem.empty())
+        return refuse(message.topic, "cannot be a tag: " + name.problem);
     if (message.payload.size() > kMostPayloadBytes)
         return refuse(message.topic, "it has " + std::to_string(message.payload.size()) +
                                          " bytes, more than any value can need");
@@ -99,11 +91,11 @@ void Inbound::take_clearing(Rule &rule, const std::string &name)
     const bool lives = read_patiently(reader_, tag, sample) == ReadOutcome::read &&
                        sample.has_value && (!own || sample.providers > 1);
     if (own)
-        target_.drop(name);
+        events_.drop(name);
     if (written != rule.tags.end())
         rule.tags.erase(written);
     if (lives)
-        target_.cleared(tag);
+        events_.cleared(tag);
 }
 
 // The most exact of the rules that take a topic.
@@ -120,15 +112,15 @@ Inbound::Rule *Inbound::rule_for(const std::string &topic)
 // Whatever the boot: what the broker kept from before a restart is an echo too.
 bool Inbound::is_own(const Message &message) const
 {
-    const std::string *origin = find_property(message.properties, property::kOrigin);
-    return origin && origin_device(*origin) == configuration_.device;
+    const std::string origin = property_of(message.properties, property::kOrigin);
+    return !origin.empty() && origin_device(origin) == configuration_.device;
 }
 
 // The writer makes room for a name below a tag that the bridge has written, where it can.
 Name Inbound::name_for(const Rule &rule, const std::string &topic) const
 {
     Name name = to_tag_topic(rule.settings->prefix, rule.settings->tags, topic);
-    if (!name.fault.empty())
+    if (!name.problem.empty())
         return name;
     if (pattern_covers(configuration_.status_prefix + "/#", name.text))
         return {{}, "it is the bridge's own"};
@@ -155,17 +147,17 @@ void Inbound::take(Rule &rule, const std::string &name, const Message &message)
     const std::string tag = reader_.standing_for(name);
     Sample current;
     const ReadOutcome outcome =
-        target_.is_dropping(name) ? ReadOutcome::missing : read_patiently(reader_, tag, current);
+        events_.is_dropping(name) ? ReadOutcome::missing : read_patiently(reader_, tag, current);
     WriteRequest request;
-    if (const std::string fault = convert(*rule.settings, message, outcome, current, request);
-        !fault.empty())
-        return refuse(message.topic, fault);
+    if (const std::string problem = convert(*rule.settings, message, outcome, current, request);
+        !problem.empty())
+        return refuse(message.topic, problem);
     if (outcome == ReadOutcome::read && current.has_value &&
         is_superfluous(*rule.settings, tag, current, request.sample))
         return;
     rule.tags.try_emplace(name, !request.is_declared);
     request.messages = 1;
-    target_.put(name, std::move(request));
+    events_.put(name, std::move(request));
 }
 
 // Returns what is wrong, or an empty text.
@@ -179,9 +171,9 @@ std::string Inbound::convert(const InRule &rule, const Message &message, ReadOut
     Description description = describe(message.properties);
     auto content = take_apart(rule.payload, message.payload, description);
     if (!content)
-        return content.fault;
-    if (!description.fault.empty())
-        return description.fault;
+        return content.problem;
+    if (!description.problem.empty())
+        return description.problem;
     Sample &sample = request.sample;
     request.is_declared = outcome == ReadOutcome::read;
     sample.type = request.is_declared
@@ -194,7 +186,7 @@ std::string Inbound::convert(const InRule &rule, const Message &message, ReadOut
         sample.max_size = rule.max_size;
     auto bytes = bytes_for(sample, *content.value);
     if (!bytes)
-        return "is no " + std::string(kp_type2str(sample.type)) + " for the tag: " + bytes.fault;
+        return "is no " + std::string(kp_type2str(sample.type)) + " for the tag: " + bytes.problem;
     sample.value = std::move(*bytes.value);
     sample.has_value = true;
     sample.quality = description.quality.value_or(KP_QUALITY_GOOD);
@@ -212,7 +204,7 @@ bool Inbound::is_superfluous(const InRule &rule, const std::string &tag, const S
                       wanted.quality == current.quality;
     const bool older = wanted.source_ts < current.source_ts;
     if (older)
-        target_.older_arrived(tag);
+        events_.older_arrived(tag);
     counters_.echoes += same || older;
     return same || older;
 }

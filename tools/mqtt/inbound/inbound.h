@@ -2,7 +2,7 @@
 // a value is refused with a line in the log and counted.
 #pragma once
 
-#include "broker/broker_link.h"
+#include "broker/message.h"
 #include "config/configuration.h"
 #include "counters.h"
 #include "inbound/local_writer.h"
@@ -20,24 +20,22 @@ namespace kp::mqtt {
 // The device's part of an origin, which is DEVICE/BOOT.
 std::string_view origin_device(std::string_view origin);
 
+// What the writer of values is asked to do, and what it knows. All names are those that a topic gives;
+// the writer finds their place in the store.
+struct InboundEvents {
+    std::function<void(const std::string &tag, WriteRequest request)> put;
+    std::function<void(const std::string &tag)> drop;
+    // The broker has been given a value of a shared tag that is older than the tag's.
+    std::function<void(const std::string &tag)> older_arrived;
+    // The broker has lost the value of a shared tag that lives on here.
+    std::function<void(const std::string &tag)> cleared;
+    // Whether a tag that can still be read is about to go.
+    std::function<bool(const std::string &tag)> is_dropping;
+};
+
 class Inbound {
   public:
-    // Where values go: the writer's put() and drop(), apart from tests. Both take the name that the
-    // topic gives, and the writer finds its place in the store.
-    struct Target {
-        std::function<void(const std::string &tag, WriteRequest request)> put;
-        std::function<void(const std::string &tag)> drop;
-        // The broker has been given a value of a shared tag that is older than the tag's.
-        std::function<void(const std::string &tag)> older_arrived;
-        // The broker has lost the value of a shared tag that lives on here.
-        std::function<void(const std::string &tag)> cleared;
-        // Whether a tag that can still be read is about to go.
-        std::function<bool(const std::string &tag)> is_dropping = [](const std::string &) {
-            return false;
-        };
-    };
-
-    Inbound(const Configuration &configuration, const StoreReader &reader, Target target,
+    Inbound(const Configuration &configuration, const StoreReader &reader, InboundEvents events,
             Counters &counters);
 
     std::vector<Subscription> subscriptions() const;
@@ -65,7 +63,7 @@ class Inbound {
 
     const Configuration &configuration_;
     const StoreReader &reader_;
-    Target target_;
+    const InboundEvents events_;
     Counters &counters_;
     std::vector<Rule> rules_;
     OncePerText said_;

@@ -83,7 +83,7 @@ std::optional<char> escaped_byte(std::string_view text)
     return end == text.data() + 3 ? std::optional(static_cast<char>(byte)) : std::nullopt;
 }
 
-std::string level_fault(std::string_view level)
+std::string level_problem(std::string_view level)
 {
     if (level.empty())
         return "it has an empty level";
@@ -158,8 +158,8 @@ Name to_tag_topic(std::string_view topic)
         if (raw.starts_with('$'))
             return {{}, "a level starts with \"$\""};
         const std::string level = without_escapes(raw);
-        if (std::string fault = level_fault(level); !fault.empty())
-            return {{}, std::move(fault)};
+        if (std::string problem = level_problem(level); !problem.empty())
+            return {{}, std::move(problem)};
         name.text = join(name.text, level);
     }
     if (name.text.size() > kMostTagBytes)
@@ -175,12 +175,12 @@ Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix, std
         topic.remove_prefix(mqtt_prefix.size() + 1);
     }
     Name name = to_tag_topic(topic);
-    if (name.fault.empty())
+    if (name.problem.empty())
         name.text = join(tag_prefix, name.text);
     return name;
 }
 
-std::string mqtt_topic_fault(std::string_view topic)
+std::string mqtt_topic_problem(std::string_view topic)
 {
     if (topic.find_first_of("+#") != topic.npos)
         return "it has a wildcard";

@@ -10,7 +10,7 @@ namespace kp::mqtt {
 // A name, or the reason why there is none.
 struct Name {
     std::string text;
-    std::string fault; // empty when the name is good
+    std::string problem; // empty when the name is good
 };
 
 // The MQTT topic of a tag below a prefix (which may be empty). Escaped are "%", "+", "#", control
@@ -33,7 +33,7 @@ std::string without_escapes(std::string_view text);
 
 // What is wrong with a prefix or a plain topic for MQTT, or an empty text. Refuses wildcards, control
 // characters and what is not UTF-8.
-std::string mqtt_topic_fault(std::string_view topic);
+std::string mqtt_topic_problem(std::string_view topic);
 
 bool is_utf8(std::string_view text);
 

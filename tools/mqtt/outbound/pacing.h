@@ -1,17 +1,14 @@
 // When something may happen again: sending of one topic, sending at all, connecting.
 #pragma once
 
-#include "outbound/pending.h"
+#include "clock.h"
 #include "sample.h"
 
 #include <algorithm>
-#include <chrono>
 #include <optional>
 #include <random>
 
 namespace kp::mqtt {
-
-using std::chrono::milliseconds;
 
 // What keeps a topic quiet, from its rule.
 struct Quiet {

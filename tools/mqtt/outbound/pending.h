@@ -4,15 +4,14 @@
 // its own, behind every change made since.
 #pragma once
 
-#include <chrono>
+#include "clock.h"
+
 #include <list>
 #include <optional>
 #include <string>
 #include <unordered_map>
 
 namespace kp::mqtt {
-
-using Clock = std::chrono::steady_clock;
 
 class PendingNames {
   public:

@@ -1,5 +1,8 @@
-// The part of Outbound that makes messages of what changed and hears what became of them.
-#include "outbound/outbound.h"
+#include "outbound/publications.h"
+
+#include "names/topic_names.h"
+
+#include <algorithm>
 
 namespace kp::mqtt {
 
@@ -11,7 +14,67 @@ constexpr milliseconds kBurstDelay{10};
 
 } // namespace
 
-std::optional<Publication> Outbound::next(Clock::time_point now)
+Publications::Publications(const Configuration &configuration, const StoreReader &reader,
+                           const LocalWriter *writer, StateFile &state, std::string origin,
+                           PendingNames &pending, TopicTable &topics, Counters &counters)
+    : configuration_(configuration), reader_(reader), writer_(writer), state_(state),
+      origin_(std::move(origin)), pending_(pending), topics_(topics), counters_(counters),
+      burst_(configuration.broker.burst_rate)
+{
+}
+
+void Publications::connected(bool kept, Clock::time_point now)
+{
+    burst_ = TokenBucket(configuration_.broker.burst_rate);
+    take_what_is_due(now);
+    take_up_what_waits();
+    pending_.join_burst();
+    if (kept)
+        return;
+    for (const auto &[tag, topic] : topics_.all()) {
+        topic->must_send = true;
+        if (topic->seen && topic->seen->has_value)
+            pending_.mark_burst(topic->mqtt, now);
+    }
+    for (const std::string &mqtt : state_.topics())
+        pending_.mark_burst(mqtt, now);
+}
+
+// So that only what changes from now on leaves the burst.
+void Publications::take_up_what_waits()
+{
+    for (const auto &[tag, topic] : topics_.all()) {
+        Sample sample;
+        if (pending_.has_change(topic->mqtt) && reader_.read(tag, sample) == ReadOutcome::read)
+            (void)topics_.take_up(*topic, std::move(sample));
+    }
+}
+
+void Publications::connection_lost(Clock::time_point now)
+{
+    for (const auto &[id, publication] : std::exchange(unacknowledged_, {}))
+        mark_again(publication.topic, publication.since);
+    // What went at QoS 0 since the broker was last surely alive may not have arrived.
+    const auto doubtful = now - std::chrono::seconds(2 * configuration_.broker.keep_alive_s);
+    for (const auto &[tag, topic] : topics_.all())
+        if (topic->rule->qos == 0 && topic->gate.sent_at() > doubtful)
+            mark_again(topic->mqtt, now);
+}
+
+void Publications::mark_again(const std::string &mqtt, Clock::time_point since)
+{
+    if (OutTopic *topic = topics_.of_mqtt(mqtt))
+        topic->must_send = true;
+    pending_.mark_change(mqtt, since);
+}
+
+void Publications::repeat(const std::string &tag, Clock::time_point now)
+{
+    if (const OutTopic *topic = topics_.of_tag(tag))
+        mark_again(topic->mqtt, now);
+}
+
+std::optional<Publication> Publications::next(Clock::time_point now)
 {
     take_what_is_due(now);
     while (true) {
@@ -19,10 +82,9 @@ std::optional<Publication> Outbound::next(Clock::time_point now)
         const auto waiting = pending_.take(burst_.may_pass(now));
         if (!waiting)
             return {};
-        const auto live = by_mqtt_.find(waiting->name);
-        auto publication = live == by_mqtt_.end()
-                               ? clearing(waiting->name)
-                               : publication_for(*live->second, waiting->since, now);
+        OutTopic *topic = topics_.of_mqtt(waiting->name);
+        auto publication =
+            topic ? publication_for(*topic, waiting->since, now) : clearing(waiting->name);
         if (!publication)
             continue;
         if (from_burst)
@@ -32,21 +94,21 @@ std::optional<Publication> Outbound::next(Clock::time_point now)
     }
 }
 
-void Outbound::take_what_is_due(Clock::time_point now)
+void Publications::take_what_is_due(Clock::time_point now)
 {
     while (!later_.empty() && later_.begin()->first <= now) {
         const PendingNames::Waiting waiting = std::move(later_.begin()->second);
         later_.erase(later_.begin());
-        const auto live = by_mqtt_.find(waiting.name);
-        if (live != by_mqtt_.end())
-            live->second->is_deferred = false;
-        if (live != by_mqtt_.end() || state_.has(waiting.name))
+        OutTopic *topic = topics_.of_mqtt(waiting.name);
+        if (topic)
+            topic->is_deferred = false;
+        if (topic || state_.has(waiting.name))
             pending_.mark_change(waiting.name, waiting.since);
     }
 }
 
-std::optional<Publication> Outbound::publication_for(Topic &topic, Clock::time_point since,
-                                                     Clock::time_point now)
+std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock::time_point since,
+                                                         Clock::time_point now)
 {
     // The value follows once the broker has taken the clearing of what was retained.
     if (!topic.rule->retain && state_.has(topic.mqtt))
@@ -61,14 +123,10 @@ std::optional<Publication> Outbound::publication_for(Topic &topic, Clock::time_p
         return clearing(topic.mqtt);
     if (writer_ && writer_->is_own(topic.tag, sample))
         return {}; // it came from the broker
-    (void)take_up(topic, sample);
+    (void)topics_.take_up(topic, sample);
     if (topic.providers_gone)
         sample.quality = static_cast<uint8_t>(configuration_.quality_when_gone);
-    const auto verdict =
-        topic.must_send ? Gate::Verdict::send : topic.gate.judge(topic.rule->quiet, sample, now);
-    if (verdict == Gate::Verdict::later)
-        defer(topic, topic.gate.due(topic.rule->quiet), topic.gate.due(topic.rule->quiet));
-    if (verdict != Gate::Verdict::send)
+    if (!passes_gate(topic, sample, now))
         return {};
     if (topic.rule->retain)
         state_.add(topic.mqtt, sample.providers > 0 || topic.providers_gone);
@@ -77,20 +135,31 @@ std::optional<Publication> Outbound::publication_for(Topic &topic, Clock::time_p
     return publication_of(topic, sample);
 }
 
-void Outbound::defer(Topic &topic, Clock::time_point until, Clock::time_point since)
+bool Publications::passes_gate(OutTopic &topic, const Sample &sample, Clock::time_point now)
+{
+    if (topic.must_send)
+        return true;
+    const Quiet &quiet = topic.rule->quiet;
+    const auto verdict = topic.gate.judge(quiet, sample, now);
+    if (verdict == Gate::Verdict::later)
+        defer(topic, topic.gate.due(quiet), topic.gate.due(quiet));
+    return verdict == Gate::Verdict::send;
+}
+
+void Publications::defer(OutTopic &topic, Clock::time_point until, Clock::time_point since)
 {
     if (!std::exchange(topic.is_deferred, true))
         later_.emplace(until, PendingNames::Waiting{topic.mqtt, since});
 }
 
-bool Outbound::is_clearing(const std::string &mqtt) const
+bool Publications::is_clearing(const std::string &mqtt) const
 {
     return std::ranges::any_of(unacknowledged_, [&mqtt](const auto &item) {
         return item.second.topic == mqtt && item.second.payload.empty();
     });
 }
 
-std::optional<Publication> Outbound::clearing(const std::string &mqtt) const
+std::optional<Publication> Publications::clearing(const std::string &mqtt) const
 {
     if (!state_.has(mqtt))
         return {};
@@ -101,7 +170,7 @@ std::optional<Publication> Outbound::clearing(const std::string &mqtt) const
     return publication;
 }
 
-Publication Outbound::publication_of(const Topic &topic, const Sample &sample) const
+Publication Publications::publication_of(const OutTopic &topic, const Sample &sample) const
 {
     const OutRule &rule = *topic.rule;
     Payload payload = make_payload(rule.payload, topic.tag, sample, sample.quality);
@@ -118,7 +187,7 @@ Publication Outbound::publication_of(const Topic &topic, const Sample &sample) c
     return publication;
 }
 
-void Outbound::sent(const Publication &publication, int id)
+void Publications::sent(const Publication &publication, int id)
 {
     if (id)
         unacknowledged_[id] = publication;
@@ -126,23 +195,17 @@ void Outbound::sent(const Publication &publication, int id)
         ++counters_.out;
 }
 
-void Outbound::acknowledged(int id, int reason, Clock::time_point now)
+void Publications::acknowledged(int id, const Answer &answer, Clock::time_point now)
 {
     const auto found = unacknowledged_.find(id);
     if (found == unacknowledged_.end())
         return;
     Publication publication = std::move(found->second);
     unacknowledged_.erase(found);
-    const auto live = by_mqtt_.find(publication.topic);
-    if (reason >= kFirstRefusal) {
-        refused(publication, reason_text(reason));
-        if (reason == kQuotaExceeded && live != by_mqtt_.end()) {
-            live->second->must_send = true;
-            defer(*live->second, now + kQuotaDelay, publication.since);
-        } else if (reason == kQuotaExceeded) {
-            later_.emplace(now + kQuotaDelay,
-                           PendingNames::Waiting{publication.topic, publication.since});
-        }
+    if (answer.is_refusal()) {
+        refused(publication, answer.text);
+        if (answer.reason == kQuotaExceeded)
+            send_again_later(publication, now);
         return;
     }
     ++counters_.out;
@@ -152,35 +215,45 @@ void Outbound::acknowledged(int id, int reason, Clock::time_point now)
         forget_cleared(publication);
 }
 
-void Outbound::forget_cleared(const Publication &publication)
+void Publications::send_again_later(const Publication &publication, Clock::time_point now)
+{
+    if (OutTopic *topic = topics_.of_mqtt(publication.topic)) {
+        topic->must_send = true;
+        return defer(*topic, now + kQuotaDelay, publication.since);
+    }
+    later_.emplace(now + kQuotaDelay, PendingNames::Waiting{publication.topic, publication.since});
+}
+
+void Publications::forget_cleared(const Publication &publication)
 {
     if (!publication.payload.empty() || !state_.has(publication.topic))
         return;
     if (last_kept_ && last_kept_->topic == publication.topic)
         last_kept_.reset();
-    const auto live = by_mqtt_.find(publication.topic);
-    if (live == by_mqtt_.end())
+    const OutTopic *topic = topics_.of_mqtt(publication.topic);
+    if (!topic)
         return state_.remove(publication.topic);
-    if (!live->second->rule->retain) {
+    if (!topic->rule->retain) {
         state_.remove(publication.topic);
         pending_.mark_change(publication.topic, publication.since);
     }
 }
 
-void Outbound::refused(const Publication &publication, const std::string &why)
+void Publications::refused(const Publication &publication, const std::string &why)
 {
     ++counters_.refused;
-    const std::string text = "the broker does not take " + publication.topic + ": " + why;
+    const std::string text =
+        "the broker does not take " + printable(publication.topic) + ": " + why;
     if (said_.is_new(text))
         log(Level::warning, text);
 }
 
-void Outbound::not_sent(const Publication &publication)
+void Publications::not_sent(const Publication &publication)
 {
     mark_again(publication.topic, publication.since);
 }
 
-std::optional<Clock::time_point> Outbound::due() const
+std::optional<Clock::time_point> Publications::due() const
 {
     std::optional<Clock::time_point> due;
     if (!later_.empty())
@@ -190,7 +263,7 @@ std::optional<Clock::time_point> Outbound::due() const
     return due;
 }
 
-milliseconds Outbound::oldest_age(Clock::time_point now) const
+milliseconds Publications::oldest_age(Clock::time_point now) const
 {
     Clock::time_point oldest = std::min(now, pending_.oldest().value_or(now));
     for (const auto &[id, publication] : unacknowledged_)

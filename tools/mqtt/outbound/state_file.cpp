@@ -47,8 +47,8 @@ Result<std::unique_ptr<StateFile>> StateFile::open(const std::string &path)
     using Opened = Result<std::unique_ptr<StateFile>>;
     std::unique_ptr<StateFile> file(new StateFile(path));
     if (!path.empty())
-        if (std::string fault = file->open_and_load(); !fault.empty())
-            return Opened::failed(std::move(fault));
+        if (std::string problem = file->open_and_load(); !problem.empty())
+            return Opened::failed(std::move(problem));
     return Opened::of(std::move(file));
 }
 
@@ -74,7 +74,7 @@ void StateFile::load(const std::string &text)
         if (end == text.npos)
             return;
         const std::string topic = text.substr(start + 1, end - start - 1);
-        if (!topic.empty() && mqtt_topic_fault(topic).empty())
+        if (!topic.empty() && mqtt_topic_problem(topic).empty())
             apply(text[start], topic);
         start = end + 1;
     }
@@ -135,15 +135,15 @@ void StateFile::append(char sign, const std::string &topic)
     ++lines_;
     // After a failure the last line may be there in part, which a new one would join.
     const bool stale = failed_ || (lines_ > kFewLines && lines_ > 2 * topics_.size());
-    std::string fault = stale ? rewrite() : std::string();
+    std::string problem = stale ? rewrite() : std::string();
     if (!stale && !write_all(journal_.get(), sign + topic + '\n'))
-        fault = failure(path_);
-    if (!fault.empty() && !failed_)
+        problem = failure(path_);
+    if (!problem.empty() && !failed_)
         log(Level::error,
             "the state file cannot be written, so that topics which go while the bridge "
             "is down may stay at the broker: " +
-                fault);
-    failed_ = !fault.empty();
+                problem);
+    failed_ = !problem.empty();
 }
 
 } // namespace kp::mqtt

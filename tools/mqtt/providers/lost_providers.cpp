@@ -14,8 +14,8 @@ constexpr milliseconds kSecondLook{5000}; // after an end, for who was opening o
 
 } // namespace
 
-LostProviders::LostProviders(Outbound &outbound, bool trust_visible)
-    : outbound_(outbound), holders_(trust_visible)
+LostProviders::LostProviders(TopicTable &topics, bool trust_visible)
+    : topics_(topics), holders_(trust_visible)
 {
     if (holders_.sight() == Sight::partial)
         log(Level::info, "not every process can be looked into, so a provider that is killed will "
@@ -33,14 +33,14 @@ void LostProviders::hear_ends(Clock::time_point now)
 void LostProviders::look(Clock::time_point now)
 {
     const bool is_second = second_look_ && now >= *second_look_;
-    wants_look_ = outbound_.counts_changed() || wants_look_ || is_second;
+    wants_look_ = topics_.counts_changed() || wants_look_ || is_second;
     if (!wants_look_ || now < next_look_ || holders_.sight() == Sight::partial)
         return;
     if (is_second)
         second_look_.reset();
     wants_look_ = false;
     const auto start = Clock::now();
-    const unsigned handles = outbound_.take_census(holders_.take(), now);
+    const unsigned handles = topics_.take_census(holders_.take(), now);
     log(Level::debug, "the topics have " + std::to_string(handles) + " open handles");
     const auto cost = std::chrono::ceil<milliseconds>(Clock::now() - start);
     next_look_ = now + std::max(kPause, kShare * cost);

@@ -2,7 +2,7 @@
 // look reads the mappings of every process.
 #pragma once
 
-#include "outbound/outbound.h"
+#include "outbound/topic_table.h"
 #include "providers/segment_holders.h"
 
 #include <optional>
@@ -11,7 +11,7 @@ namespace kp::mqtt {
 
 class LostProviders {
   public:
-    LostProviders(Outbound &outbound, bool trust_visible);
+    LostProviders(TopicTable &topics, bool trust_visible);
 
     // Readable when a process with open topics has ended; the next scan is then due.
     int fd() const
@@ -27,7 +27,7 @@ class LostProviders {
     std::optional<Clock::time_point> wants_scan_at() const;
 
   private:
-    Outbound &outbound_;
+    TopicTable &topics_;
     SegmentHolders holders_;
     bool wants_look_ = true;
     Clock::time_point next_look_{};

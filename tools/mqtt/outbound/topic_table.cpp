@@ -1,4 +1,4 @@
-#include "outbound/outbound.h"
+#include "outbound/topic_table.h"
 
 #include "names/topic_names.h"
 
@@ -20,45 +20,36 @@ bool providers_have_left(const Sample &now, const Sample &before, bool had_left)
 
 } // namespace
 
-Outbound::Outbound(const Configuration &configuration, const StoreReader &reader,
-                   const LocalWriter *writer, StateFile &state, std::string origin,
-                   Counters &counters)
-    : configuration_(configuration), reader_(reader), writer_(writer), state_(state),
-      origin_(std::move(origin)), counters_(counters), burst_(configuration.broker.burst_rate)
-{
-}
-
-bool Outbound::refresh(const Buckets &buckets, Clock::time_point now)
+bool TopicTable::refresh(const Buckets &buckets, Clock::time_point now)
 {
     bool explained = true;
     for (size_t bucket = 0; bucket < buckets.size(); ++bucket) {
         if (!buckets[bucket])
             continue;
         bool changed = others_[bucket];
-        for (Topic *topic : by_bucket_[bucket])
+        for (OutTopic *topic : by_bucket_[bucket])
             changed |= refresh(*topic, now);
         explained = explained && changed;
     }
     return explained;
 }
 
-void Outbound::scan(Clock::time_point now)
+void TopicTable::scan(Clock::time_point now)
 {
     ++scan_;
     others_.reset();
     (void)reader_.for_each_topic([this, now](const std::string &tag) { look_at(tag, now); });
-    std::vector<Topic *> gone;
+    std::vector<OutTopic *> gone;
     for (const auto &[tag, topic] : by_tag_)
         if (topic->scan != scan_)
             gone.push_back(topic.get());
-    for (Topic *topic : gone)
+    for (OutTopic *topic : gone)
         remove(*topic, now);
 }
 
-void Outbound::look_at(const std::string &tag, Clock::time_point now)
+void TopicTable::look_at(const std::string &tag, Clock::time_point now)
 {
-    const auto known = by_tag_.find(tag);
-    Topic *topic = known == by_tag_.end() ? nullptr : known->second.get();
+    OutTopic *topic = of_tag(tag);
     if (!topic)
         if (const OutRule *rule = configuration_.rule_for(tag))
             topic = add(tag, *rule);
@@ -71,12 +62,12 @@ void Outbound::look_at(const std::string &tag, Clock::time_point now)
 }
 
 // Null when another tag stands for the same MQTT topic, as a for a/_ until a scan has seen one go.
-Outbound::Topic *Outbound::add(const std::string &tag, const OutRule &rule)
+OutTopic *TopicTable::add(const std::string &tag, const OutRule &rule)
 {
     std::string mqtt = to_mqtt_topic(rule.prefix, tag);
     if (by_mqtt_.contains(mqtt))
         return nullptr;
-    auto topic = std::make_unique<Topic>();
+    auto topic = std::make_unique<OutTopic>();
     topic->tag = tag;
     topic->mqtt = std::move(mqtt);
     topic->rule = &rule;
@@ -85,7 +76,7 @@ Outbound::Topic *Outbound::add(const std::string &tag, const OutRule &rule)
     return (by_tag_[tag] = std::move(topic)).get();
 }
 
-void Outbound::remove(Topic &topic, Clock::time_point now)
+void TopicTable::remove(OutTopic &topic, Clock::time_point now)
 {
     pending_.mark_change(topic.mqtt, now);
     if (state_.is_provided(topic.mqtt))
@@ -95,7 +86,7 @@ void Outbound::remove(Topic &topic, Clock::time_point now)
     by_tag_.erase(std::string(topic.tag)); // a copy, since the entry holds the name
 }
 
-bool Outbound::refresh(Topic &topic, Clock::time_point now)
+bool TopicTable::refresh(OutTopic &topic, Clock::time_point now)
 {
     if (pending_.has_change(topic.mqtt))
         return true; // it is read when its turn comes
@@ -112,8 +103,7 @@ bool Outbound::refresh(Topic &topic, Clock::time_point now)
     return true;
 }
 
-// Says whether something changed that the broker should know.
-bool Outbound::take_up(Topic &topic, Sample sample)
+bool TopicTable::take_up(OutTopic &topic, Sample sample)
 {
     const size_t value_hash = std::hash<std::string>{}(sample.value);
     sample.value.clear();
@@ -138,19 +128,19 @@ bool Outbound::take_up(Topic &topic, Sample sample)
 
 // For the first look at a topic. Its last consumer would have removed it after its last provider, so
 // what nobody holds was made by name, whatever an earlier run has seen.
-bool Outbound::have_left_before(const Topic &topic, const Sample &sample) const
+bool TopicTable::have_left_before(const OutTopic &topic, const Sample &sample) const
 {
     return sample.providers == 0 && sample.consumers > 0 && state_.is_provided(topic.mqtt);
 }
 
-void Outbound::take_counts(Topic &topic, const Sample &sample)
+void TopicTable::take_counts(OutTopic &topic, const Sample &sample)
 {
     const HandleCounts counted{sample.providers, sample.consumers};
     counts_changed_ = counts_changed_ || counted != topic.counted || !topic.seen;
     topic.counted = counted;
 }
 
-unsigned Outbound::take_census(const HandleCensus &census, Clock::time_point now)
+unsigned TopicTable::take_census(const HandleCensus &census, Clock::time_point now)
 {
     unsigned handles = 0;
     for (const auto &[tag, topic] : by_tag_) {
@@ -162,7 +152,7 @@ unsigned Outbound::take_census(const HandleCensus &census, Clock::time_point now
 
 // The topic is read once more, since only counts that stood still during the census can be compared
 // with it.
-void Outbound::look_at_holders(Topic &topic, const HandleCensus &census, Clock::time_point now)
+void TopicTable::look_at_holders(OutTopic &topic, const HandleCensus &census, Clock::time_point now)
 {
     if (!topic.seen ||
         !topic.roles.differs(topic.seen->file, topic.counted, census.of(topic.seen->file)))
@@ -186,55 +176,16 @@ void Outbound::look_at_holders(Topic &topic, const HandleCensus &census, Clock::
     (void)refresh(topic, now);
 }
 
-void Outbound::connected(bool kept, Clock::time_point now)
+OutTopic *TopicTable::of_tag(const std::string &tag) const
 {
-    burst_ = TokenBucket(configuration_.broker.burst_rate);
-    take_what_is_due(now);
-    take_up_what_waits();
-    pending_.join_burst();
-    if (kept)
-        return;
-    for (const auto &[tag, topic] : by_tag_) {
-        topic->must_send = true;
-        if (topic->seen && topic->seen->has_value)
-            pending_.mark_burst(topic->mqtt, now);
-    }
-    for (const std::string &mqtt : state_.topics())
-        pending_.mark_burst(mqtt, now);
+    const auto found = by_tag_.find(tag);
+    return found == by_tag_.end() ? nullptr : found->second.get();
 }
 
-// So that only what changes from now on leaves the burst.
-void Outbound::take_up_what_waits()
+OutTopic *TopicTable::of_mqtt(const std::string &mqtt) const
 {
-    for (const auto &[tag, topic] : by_tag_) {
-        Sample sample;
-        if (pending_.has_change(topic->mqtt) && reader_.read(tag, sample) == ReadOutcome::read)
-            (void)take_up(*topic, std::move(sample));
-    }
-}
-
-void Outbound::connection_lost(Clock::time_point now)
-{
-    for (const auto &[id, publication] : std::exchange(unacknowledged_, {}))
-        mark_again(publication.topic, publication.since);
-    // What went at QoS 0 since the broker was last surely alive may not have arrived.
-    const auto doubtful = now - std::chrono::seconds(2 * configuration_.broker.keep_alive_s);
-    for (const auto &[tag, topic] : by_tag_)
-        if (topic->rule->qos == 0 && topic->gate.sent_at() > doubtful)
-            mark_again(topic->mqtt, now);
-}
-
-void Outbound::mark_again(const std::string &mqtt, Clock::time_point since)
-{
-    if (const auto live = by_mqtt_.find(mqtt); live != by_mqtt_.end())
-        live->second->must_send = true;
-    pending_.mark_change(mqtt, since);
-}
-
-void Outbound::repeat(const std::string &tag, Clock::time_point now)
-{
-    if (const auto live = by_tag_.find(tag); live != by_tag_.end())
-        mark_again(live->second->mqtt, now);
+    const auto found = by_mqtt_.find(mqtt);
+    return found == by_mqtt_.end() ? nullptr : found->second;
 }
 
 } // namespace kp::mqtt

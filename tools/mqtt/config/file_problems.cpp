@@ -1,6 +1,6 @@
-#include "config/file_faults.h"
+#include "config/file_problems.h"
 
-#include "broker/broker_link.h"
+#include "config/credentials.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,29 +16,29 @@ namespace {
 // Made by systemd when the service starts for the first time, which is after the check.
 constexpr const char *kServiceFolder = "/var/lib/kp-mqtt";
 
-std::string system_fault(const std::string &path)
+std::string system_problem(const std::string &path)
 {
     return path + ": " + std::strerror(errno);
 }
 
-std::string folder_fault(const std::string &path, int rights)
+std::string folder_problem(const std::string &path, int rights)
 {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)
-        return system_fault(path);
+        return system_problem(path);
     if (!S_ISDIR(status.st_mode))
         return path + ": is no directory";
-    return access(path.c_str(), rights) == 0 ? "" : system_fault(path);
+    return access(path.c_str(), rights) == 0 ? "" : system_problem(path);
 }
 
-std::string plain_file_fault(const std::string &path, int rights)
+std::string plain_file_problem(const std::string &path, int rights)
 {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)
-        return system_fault(path);
+        return system_problem(path);
     if (!S_ISREG(status.st_mode))
         return path + ": is no file";
-    return access(path.c_str(), rights) == 0 ? "" : system_fault(path);
+    return access(path.c_str(), rights) == 0 ? "" : system_problem(path);
 }
 
 // The first kind of PEM block in a file that ends so, or an empty text.
@@ -57,18 +57,18 @@ std::string pem_block(const std::string &path, std::string_view ending)
     return {};
 }
 
-std::string certificate_fault(const std::string &path)
+std::string certificate_problem(const std::string &path)
 {
-    if (std::string fault = plain_file_fault(path, R_OK); !fault.empty())
-        return fault;
+    if (std::string problem = plain_file_problem(path, R_OK); !problem.empty())
+        return problem;
     return pem_block(path, "CERTIFICATE").empty() ? path + ": holds no PEM block of a certificate"
                                                   : "";
 }
 
-std::string key_fault(const std::string &path)
+std::string key_problem(const std::string &path)
 {
-    if (std::string fault = secret_file_fault(path); !fault.empty())
-        return fault;
+    if (std::string problem = secret_file_problem(path); !problem.empty())
+        return problem;
     const std::string kind = pem_block(path, "PRIVATE KEY");
     if (kind.empty())
         return path + ": holds no PEM block of a private key";
@@ -79,7 +79,7 @@ std::string key_fault(const std::string &path)
 
 } // namespace
 
-std::string state_file_fault(const std::string &path)
+std::string state_file_problem(const std::string &path)
 {
     if (path.empty())
         return {};
@@ -88,37 +88,37 @@ std::string state_file_fault(const std::string &path)
         slash == path.npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
     if (folder == kServiceFolder && access(kServiceFolder, F_OK) != 0)
         return {};
-    if (std::string fault = folder_fault(folder, W_OK | X_OK); !fault.empty())
-        return "state-file: " + fault;
+    if (std::string problem = folder_problem(folder, W_OK | X_OK); !problem.empty())
+        return "state-file: " + problem;
     for (const std::string &file : {path, path + ".lock"}) {
         struct stat status {};
         if (lstat(file.c_str(), &status) != 0 && errno == ENOENT)
             continue;
-        if (std::string fault = plain_file_fault(file, R_OK | W_OK); !fault.empty())
-            return "state-file: " + fault;
+        if (std::string problem = plain_file_problem(file, R_OK | W_OK); !problem.empty())
+            return "state-file: " + problem;
     }
     return {};
 }
 
-std::vector<std::string> file_faults(const BrokerSettings &broker)
+std::vector<std::string> file_problems(const BrokerSettings &broker)
 {
-    std::vector<std::string> faults;
-    const auto note = [&faults](std::string fault) {
-        if (!fault.empty())
-            faults.push_back(std::move(fault));
+    std::vector<std::string> problems;
+    const auto note = [&problems](std::string problem) {
+        if (!problem.empty())
+            problems.push_back(std::move(problem));
     };
     if (!broker.credentials_file.empty())
-        note(read_credentials(broker.credentials_file).fault);
+        note(read_credentials(broker.credentials_file).problem);
     if (!broker.tls)
-        return faults;
+        return problems;
     for (const std::string &path : {broker.tls->ca_file, broker.tls->cert_file})
         if (!path.empty())
-            note(certificate_fault(path));
+            note(certificate_problem(path));
     if (!broker.tls->ca_path.empty())
-        note(folder_fault(broker.tls->ca_path, R_OK | X_OK));
+        note(folder_problem(broker.tls->ca_path, R_OK | X_OK));
     if (!broker.tls->key_file.empty())
-        note(key_fault(broker.tls->key_file));
-    return faults;
+        note(key_problem(broker.tls->key_file));
+    return problems;
 }
 
 } // namespace kp::mqtt

@@ -9,10 +9,10 @@
 namespace kp::mqtt {
 
 // Of the credentials, keys and certificates; one line each, as the user who asks sees the files.
-std::vector<std::string> file_faults(const BrokerSettings &broker);
+std::vector<std::string> file_problems(const BrokerSettings &broker);
 
 // The same for the state file, or an empty text. It takes no lock, which a running bridge has, and
 // makes nothing. A start does not ask: what it finds then may mend itself.
-std::string state_file_fault(const std::string &path);
+std::string state_file_problem(const std::string &path);
 
 } // namespace kp::mqtt

@@ -1,0 +1,112 @@
+// The bridge's standing with the broker over many connections: when to connect, what to ask first, and
+// what the broker has kept from the connection before.
+//
+// After a connection the order is: subscriptions, the state "online", then values. On a connection
+// after the first, the retained state is read before. If it is the will of the connection before, the
+// broker has kept what it had, and only changes are sent; otherwise everything is. If it is the will of
+// an attempt since then, it counts when the broker also has the last value that it acknowledged.
+#pragma once
+
+#include "broker/broker_link.h"
+#include "broker/witness.h"
+#include "config/configuration.h"
+#include "counters.h"
+#include "outbound/pacing.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kp::mqtt {
+
+// What the session asks its owner, and tells it.
+struct SessionEvents {
+    std::function<std::vector<Subscription>()> subscriptions;
+    // The last value that the broker has acknowledged and is to keep; null when there is none.
+    std::function<const Publication *()> last_kept;
+    // Values may be sent. `kept` says that the broker still has all that it acknowledged.
+    std::function<void(bool kept)> online;
+    std::function<void()> lost;
+    std::function<void(int id, const Answer &answer)> acknowledged;
+    std::function<void(const Message &message)> received;
+    // A line about the connection for who looks at the service.
+    std::function<void(const std::string &text)> status;
+};
+
+class BrokerSession {
+  public:
+    BrokerSession(const Configuration &configuration, std::string origin, SessionEvents events,
+                  Counters &counters);
+
+    // What to poll: the descriptor is -1 while there is no connection.
+    int fd() const;
+    short poll_events() const;
+    void serve(short ready);
+
+    // Connects, gives up or goes online, when it is time. Call it after serve().
+    void turn(Clock::time_point now);
+    // When turn() has something to do that no descriptor announces.
+    std::optional<Clock::time_point> due() const;
+
+    bool is_online() const
+    {
+        return phase_ == Phase::online;
+    }
+    bool may_send() const;
+    SendOutcome publish(const Publication &publication, int &id, std::string &refusal);
+
+    // Says offline, as far as that is quick, then goodbye.
+    void leave();
+
+  private:
+    enum class Phase { waiting, connecting, asking, online };
+
+    BrokerEvents link_events();
+    void connected();
+    void acknowledged(int id, const Answer &answer);
+    void subscribed(int id, const Answer &answer);
+    void received(Message message);
+    void closed(const std::string &why, int refusal);
+    void connect(Clock::time_point now);
+    void drop_connection(Clock::time_point now);
+    void report_failure(milliseconds delay);
+    bool asked_too_much(int refusal);
+    void subscribe_all();
+    void ask_for_state();
+    void ask_for_witness();
+    bool tells_that_all_is_kept(const Message &state) const;
+    void go_online(bool kept);
+    void send_state(const char *text, bool wait_for_it);
+    Publication state_message(const char *text) const;
+    std::string address() const;
+
+    const Configuration &configuration_;
+    const std::string origin_;
+    const SessionEvents events_;
+    Counters &counters_;
+
+    std::unique_ptr<BrokerLink> link_;
+    Phase phase_ = Phase::waiting;
+    Clock::time_point phase_ends_{}; // when to connect, or to stop waiting for an answer
+    Clock::time_point online_since_{};
+    Backoff backoff_;
+    std::string connection_;      // names this one in the state topic, and the attempts before it
+    std::string last_connection_; // the last one that was online
+    Witness witness_;
+    std::unordered_map<int, std::string> subscribing_; // filters by the id of the request
+
+    bool is_closed_ = false;
+    std::string close_reason_;
+    int refusal_ = 0;
+    std::string reported_; // the last reason that was logged
+
+    // Both as far as the broker has not refused them.
+    int state_qos_ = 1;
+    bool state_retained_ = true;
+    int state_id_ = 0; // the state message that leave() waits for
+};
+
+} // namespace kp::mqtt

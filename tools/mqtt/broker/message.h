@@ -1,0 +1,73 @@
+// What goes over the connection, in both directions.
+#pragma once
+
+#include "clock.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace kp::mqtt {
+
+using UserProperties = std::vector<std::pair<std::string, std::string>>;
+
+// The names of the user properties, in both directions.
+namespace property {
+constexpr const char *kQuality = "q";
+constexpr const char *kSourceTime = "sts";
+constexpr const char *kWriteTime = "ts";
+constexpr const char *kType = "type";
+constexpr const char *kExtraInfo = "xi";
+constexpr const char *kOrigin = "origin";
+} // namespace property
+
+// The value of the first property of that name, or an empty text.
+std::string property_of(const UserProperties &properties, std::string_view name);
+
+// A message to the broker.
+struct Publication {
+    std::string topic;
+    std::string payload;
+    int qos = 1;
+    bool retain = false;
+    const char *content_type = nullptr; // of static storage, or null
+    bool is_utf8 = false;
+    uint32_t expiry_s = 0;
+    UserProperties properties;
+    Clock::time_point since{}; // when the oldest change that it stands for was seen
+};
+
+// A message from the broker.
+struct Message {
+    std::string topic;
+    std::string payload;
+    bool retain = false; // kept by the broker from before the subscription, or to be kept by it
+    UserProperties properties;
+};
+
+struct Subscription {
+    std::string filter;
+    int qos = 1;
+    bool retained = false; // also what the broker has kept
+};
+
+// The broker's answer to a message or a subscription.
+struct Answer {
+    int reason = 0;
+    std::string text; // the reason in words, with what the broker says itself
+
+    bool is_refusal() const
+    {
+        constexpr int first_refusal = 0x80;
+        return reason >= first_refusal;
+    }
+};
+
+// Reasons that the bridge treats in a way of their own.
+constexpr int kQuotaExceeded = 0x97;
+constexpr int kRetainNotSupported = 0x9a;
+constexpr int kQosNotSupported = 0x9b;
+
+} // namespace kp::mqtt

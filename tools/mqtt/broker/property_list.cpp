@@ -1,0 +1,77 @@
+#include "broker/property_list.h"
+
+#include "names/topic_names.h"
+
+#include <cstdlib>
+
+namespace kp::mqtt {
+
+namespace {
+
+// What a broker says is cut here for the log.
+constexpr size_t kMostReasonBytes = 200;
+
+std::string reason_string(const mosquitto_property *list)
+{
+    char *text = nullptr;
+    if (!mosquitto_property_read_string(list, MQTT_PROP_REASON_STRING, &text, false) || !text)
+        return {};
+    const std::string said = printable(std::string_view(text).substr(0, kMostReasonBytes));
+    std::free(text);
+    return said;
+}
+
+} // namespace
+
+std::string property_of(const UserProperties &properties, std::string_view name)
+{
+    for (const auto &[known, value] : properties)
+        if (known == name)
+            return value;
+    return {};
+}
+
+void PropertyList::describe(const Publication &publication)
+{
+    if (publication.content_type)
+        note(mosquitto_property_add_string(&list_, MQTT_PROP_CONTENT_TYPE,
+                                           publication.content_type));
+    if (publication.is_utf8)
+        note(mosquitto_property_add_byte(&list_, MQTT_PROP_PAYLOAD_FORMAT_INDICATOR, 1));
+    if (publication.expiry_s)
+        add_number(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, publication.expiry_s);
+    for (const auto &[name, value] : publication.properties)
+        note(mosquitto_property_add_string_pair(&list_, MQTT_PROP_USER_PROPERTY, name.c_str(),
+                                                value.c_str()));
+}
+
+void PropertyList::add_number(int identifier, uint32_t value)
+{
+    note(mosquitto_property_add_int32(&list_, identifier, value));
+}
+
+UserProperties user_properties(const mosquitto_property *list)
+{
+    UserProperties found;
+    char *name = nullptr;
+    char *value = nullptr;
+    bool again = false;
+    while ((list = mosquitto_property_read_string_pair(list, MQTT_PROP_USER_PROPERTY, &name, &value,
+                                                       again))) {
+        found.emplace_back(name ? name : "", value ? value : "");
+        std::free(name);
+        std::free(value);
+        again = true;
+    }
+    return found;
+}
+
+Answer answer_of(int reason, const mosquitto_property *list)
+{
+    Answer answer{reason, mosquitto_reason_string(reason)};
+    if (const std::string said = reason_string(list); !said.empty())
+        answer.text += " (it says: " + said + ')';
+    return answer;
+}
+
+} // namespace kp::mqtt

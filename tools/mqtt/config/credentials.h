@@ -1,0 +1,22 @@
+// The name and password for the broker, from a file that only the bridge's user may read.
+#pragma once
+
+#include "result.h"
+
+#include <string>
+
+namespace kp::mqtt {
+
+struct Credentials {
+    std::string user;
+    std::string password;
+};
+
+// Reads a credentials file. Refuses one that others than its owner and group can read, that others
+// than its owner can write, or that belongs neither to root nor to this user.
+Result<Credentials> read_credentials(const std::string &path);
+
+// What is wrong with the rights of a file that holds a secret, or an empty text.
+std::string secret_file_problem(const std::string &path);
+
+} // namespace kp::mqtt

@@ -1,0 +1,94 @@
+// The messages to the broker: which goes next, what waits for its time, what the broker has not
+// acknowledged, and what is sent again. It knows nothing of the connection but whether it stands.
+#pragma once
+
+#include "broker/message.h"
+#include "counters.h"
+#include "inbound/local_writer.h"
+#include "outbound/topic_table.h"
+
+#include <map>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace kp::mqtt {
+
+class Publications {
+  public:
+    // `writer` may be null, where nothing comes from the broker.
+    Publications(const Configuration &configuration, const StoreReader &reader,
+                 const LocalWriter *writer, StateFile &state, std::string origin,
+                 PendingNames &pending, TopicTable &topics, Counters &counters);
+
+    // A connection stands. Where the broker has kept what it had, only what changed meanwhile is
+    // sent, else everything once. Either is the burst, which goes at its own rate behind all that
+    // changes from now on.
+    void connected(bool kept, Clock::time_point now);
+
+    // What the broker has not acknowledged counts as changed again.
+    void connection_lost(Clock::time_point now);
+
+    // The next message, or nothing when none is due now.
+    std::optional<Publication> next(Clock::time_point now);
+
+    // When next() may have something that it holds back now.
+    std::optional<Clock::time_point> due() const;
+
+    // What became of a message that next() gave.
+    void sent(const Publication &publication, int id);
+    void acknowledged(int id, const Answer &answer, Clock::time_point now);
+    void refused(const Publication &publication, const std::string &why);
+    void not_sent(const Publication &publication);
+
+    // Sends a topic again although nothing changed, since the broker has been given an older value.
+    void repeat(const std::string &tag, Clock::time_point now);
+
+    // The last value that the broker took to keep it: a broker that has it has all before. Null when
+    // there is none.
+    const Publication *last_kept() const
+    {
+        return last_kept_ ? &*last_kept_ : nullptr;
+    }
+
+    size_t pending_count() const
+    {
+        return pending_.size();
+    }
+
+    // The age of the oldest change that the broker does not have: one that waits, or was sent and is
+    // not acknowledged. What a rule holds back counts from the end of its interval.
+    milliseconds oldest_age(Clock::time_point now) const;
+
+  private:
+    std::optional<Publication> publication_for(OutTopic &topic, Clock::time_point since,
+                                               Clock::time_point now);
+    bool passes_gate(OutTopic &topic, const Sample &sample, Clock::time_point now);
+    // Whether a clearing of the topic is on its way.
+    bool is_clearing(const std::string &mqtt) const;
+    std::optional<Publication> clearing(const std::string &mqtt) const;
+    Publication publication_of(const OutTopic &topic, const Sample &sample) const;
+    void forget_cleared(const Publication &publication);
+    void send_again_later(const Publication &publication, Clock::time_point now);
+    void defer(OutTopic &topic, Clock::time_point until, Clock::time_point since);
+    void mark_again(const std::string &mqtt, Clock::time_point since);
+    void take_up_what_waits();
+    void take_what_is_due(Clock::time_point now);
+
+    const Configuration &configuration_;
+    const StoreReader &reader_;
+    const LocalWriter *writer_;
+    StateFile &state_;
+    const std::string origin_;
+    PendingNames &pending_; // MQTT topics: also those of topics that are gone
+    TopicTable &topics_;
+    Counters &counters_;
+
+    std::multimap<Clock::time_point, PendingNames::Waiting> later_; // by when they may go
+    std::unordered_map<int, Publication> unacknowledged_;
+    std::optional<Publication> last_kept_;
+    TokenBucket burst_;
+    OncePerText said_;
+};
+
+} // namespace kp::mqtt

@@ -1,0 +1,108 @@
+// The live topics that an out rule takes: which there are, what was last seen of each, and what has
+// changed since. What the broker should know is marked as pending; what becomes of the marks is the
+// matter of Publications.
+#pragma once
+
+#include "change_marks.h"
+#include "config/configuration.h"
+#include "log.h"
+#include "outbound/pacing.h"
+#include "outbound/pending.h"
+#include "outbound/state_file.h"
+#include "providers/handle_roles.h"
+#include "store_reader.h"
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace kp::mqtt {
+
+struct OutTopic {
+    std::string tag;
+    std::string mqtt;
+    const OutRule *rule = nullptr;
+
+    std::optional<Sample> seen; // at the last look; the value's place is taken by its hash
+    size_t value_hash = 0;
+    HandleCounts counted;
+    HandleRoles roles;
+    bool providers_lost = false; // they ended without closing, and nothing was written since
+    bool providers_gone = false; // in one way or the other
+    unsigned scan = 0;           // the last scan that found it
+
+    // Of its publications.
+    bool must_send = true;    // whatever the gate says
+    bool is_deferred = false; // waits for a time, and is marked then
+    Gate gate;
+};
+
+class TopicTable {
+  public:
+    using Topics = std::unordered_map<std::string, std::unique_ptr<OutTopic>>;
+
+    TopicTable(const Configuration &configuration, const StoreReader &reader, StateFile &state,
+               PendingNames &pending)
+        : configuration_(configuration), reader_(reader), state_(state), pending_(pending)
+    {
+    }
+
+    // Looks at the topics of the marked buckets. Returns false when a mark is explained by none of
+    // them, so that there is probably a new topic.
+    bool refresh(const Buckets &buckets, Clock::time_point now);
+
+    // Looks at the whole store: new topics, those gone, and changes that nobody announced.
+    void scan(Clock::time_point now);
+
+    // Whether a look has found other counts of handles since it was asked last.
+    bool counts_changed()
+    {
+        return std::exchange(counts_changed_, false);
+    }
+
+    // Compares who has which topic open with the counts, right after a scan: a provider that was killed
+    // leaves its count behind. Returns the handles that are open on the topics.
+    unsigned take_census(const HandleCensus &census, Clock::time_point now);
+
+    // Takes a sample over as the last one seen. Says whether something changed that the broker should
+    // know.
+    bool take_up(OutTopic &topic, Sample sample);
+
+    // By the tag's name and by the MQTT topic; null when there is none.
+    OutTopic *of_tag(const std::string &tag) const;
+    OutTopic *of_mqtt(const std::string &mqtt) const;
+
+    // By the tag's name.
+    const Topics &all() const
+    {
+        return by_tag_;
+    }
+
+  private:
+    void look_at(const std::string &tag, Clock::time_point now);
+    OutTopic *add(const std::string &tag, const OutRule &rule);
+    void remove(OutTopic &topic, Clock::time_point now);
+    bool refresh(OutTopic &topic, Clock::time_point now);
+    bool have_left_before(const OutTopic &topic, const Sample &sample) const;
+    void take_counts(OutTopic &topic, const Sample &sample);
+    void look_at_holders(OutTopic &topic, const HandleCensus &census, Clock::time_point now);
+
+    const Configuration &configuration_;
+    const StoreReader &reader_;
+    StateFile &state_;
+    PendingNames &pending_;
+
+    Topics by_tag_;
+    std::unordered_map<std::string, OutTopic *> by_mqtt_;
+    std::array<std::vector<OutTopic *>, KP_BUCKET_COUNT> by_bucket_;
+    Buckets others_; // buckets with topics that no rule takes
+    unsigned scan_ = 0;
+    bool counts_changed_ = false;
+    OncePerText said_;
+};
+
+} // namespace kp::mqtt
