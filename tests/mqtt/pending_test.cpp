@@ -27,14 +27,44 @@ TEST(PendingNames, HoldEachNameOnceInTheOrderOfItsFirstMark)
     EXPECT_EQ(name_of(names.take(true)), "none");
 }
 
-TEST(PendingNames, LetChangesGoBeforeTheBurst)
+TEST(PendingNames, LetTheOldestGoFirstBurstOrNot)
+{
+    PendingNames names;
+    names.mark_change("older", kFirstMark);
+    names.mark_burst("old", kFirstMark);
+    names.mark_change("new", kFirstMark);
+
+    EXPECT_EQ(name_of(names.take(true)), "older");
+    EXPECT_EQ(name_of(names.take(true)), "old");
+    EXPECT_EQ(name_of(names.take(true)), "new");
+}
+
+TEST(PendingNames, LetChangesGoAheadOfABurstThatIsHeldBack)
 {
     PendingNames names;
     names.mark_burst("old", kFirstMark);
     names.mark_change("new", kFirstMark);
 
-    EXPECT_EQ(name_of(names.take(true)), "new");
-    EXPECT_EQ(name_of(names.take(true)), "old");
+    EXPECT_EQ(name_of(names.take(false)), "new");
+    EXPECT_EQ(name_of(names.take(false)), "none");
+}
+
+TEST(PendingNames, LetEachOfNGoAfterNMessages)
+{
+    PendingNames names;
+    for (const char *quiet : {"q1", "q2", "q3"})
+        names.mark_burst(quiet, kFirstMark);
+    for (const char *busy : {"b1", "b2"})
+        names.mark_change(busy, kFirstMark);
+
+    std::string order;
+    for (int messages = 0; messages < 5; ++messages) {
+        order += name_of(names.take(true)) + ' ';
+        names.mark_change("b1", kFirstMark);
+        names.mark_change("b2", kFirstMark);
+    }
+
+    EXPECT_EQ(order, "q1 q2 q3 b1 b2 ");
 }
 
 TEST(PendingNames, HoldTheBurstBackWhenToldTo)
@@ -57,7 +87,7 @@ TEST(PendingNames, MoveAChangedNameOutOfTheBurst)
     EXPECT_EQ(name_of(names.take(false)), "a");
 }
 
-TEST(PendingNames, JoinTheBurstInFrontOfIt)
+TEST(PendingNames, JoinTheBurstAtTheirPlaces)
 {
     PendingNames names;
     names.mark_burst("old", kFirstMark);
@@ -68,10 +98,10 @@ TEST(PendingNames, JoinTheBurstInFrontOfIt)
     names.mark_change("new", kFirstMark);
 
     EXPECT_FALSE(names.has_change("changed"));
-    EXPECT_EQ(name_of(names.take(true)), "new");
+    EXPECT_EQ(name_of(names.take(false)), "new");
     EXPECT_EQ(name_of(names.take(false)), "none");
-    EXPECT_EQ(name_of(names.take(true)), "changed");
     EXPECT_EQ(name_of(names.take(true)), "old");
+    EXPECT_EQ(name_of(names.take(true)), "changed");
 }
 
 TEST(PendingNames, KeepTheAgeOfTheFirstMark)

@@ -1,12 +1,16 @@
-// The names that wait to be sent, each once however often it is marked, the oldest first. It holds no
-// values: the newest is read when a name's turn comes, so memory is bounded by the number of names,
-// whatever the network does. What waits when a connection comes up is the burst: it waits in a line of
-// its own, behind every change made since.
+// The names that wait to be sent, each once however often it is marked. It holds no values: the newest
+// is read when a name's turn comes, so memory is bounded by the number of names, whatever the network
+// does. What waits when a connection comes up is the burst, which has a rate of its own.
+//
+// The name that was marked first goes first, whether it belongs to the burst or not. So of n names that
+// wait each has gone after n messages, however often others change meanwhile. Only while the rate holds
+// the burst back, changes go ahead of it.
 #pragma once
 
 #include "clock.h"
 
-#include <list>
+#include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -18,17 +22,18 @@ class PendingNames {
     struct Waiting {
         std::string name;
         Clock::time_point since; // when it was first marked
+        bool in_burst = false;
     };
 
-    // A name that waits already keeps its place, or moves from the burst to the changes, and is as
-    // old as the older of its marks either way.
+    // A name that waits already keeps its place, or moves with it from the burst to the changes, and
+    // is as old as the older of its marks either way.
     void mark_change(const std::string &name, Clock::time_point since);
     void mark_burst(const std::string &name, Clock::time_point since);
 
-    // Makes all that waits part of the burst, with what waited longest in front.
+    // Makes all that waits part of the burst.
     void join_burst();
 
-    // Takes the name whose turn it is; the burst only where `burst_too` says so.
+    // Takes the name whose turn it is; one of the burst only where `burst_too` says so.
     std::optional<Waiting> take(bool burst_too);
 
     // Whether it waits among the changes.
@@ -36,6 +41,10 @@ class PendingNames {
     {
         const auto place = places_.find(name);
         return place != places_.end() && !place->second.in_burst;
+    }
+    bool has(const std::string &name) const
+    {
+        return places_.contains(name);
     }
     bool has_change() const
     {
@@ -53,15 +62,18 @@ class PendingNames {
     std::optional<Clock::time_point> oldest() const;
 
   private:
-    using Line = std::list<Waiting>;
+    using Line = std::map<uint64_t, Waiting>; // by the number of the first mark
     struct Place {
         bool in_burst;
-        Line::iterator at;
+        uint64_t number;
     };
 
-    Line changes_; // in the order of marking, which is not always that of `since`
+    void mark(const std::string &name, Clock::time_point since, bool in_burst);
+
+    Line changes_;
     Line burst_;
     std::unordered_map<std::string, Place> places_;
+    uint64_t marks_ = 0;
 };
 
 } // namespace kp::mqtt

@@ -78,7 +78,6 @@ std::optional<Publication> Publications::next(Clock::time_point now)
 {
     take_what_is_due(now);
     while (true) {
-        const bool from_burst = !pending_.has_change();
         const auto waiting = pending_.take(burst_.may_pass(now));
         if (!waiting)
             return {};
@@ -87,7 +86,7 @@ std::optional<Publication> Publications::next(Clock::time_point now)
             topic ? publication_for(*topic, waiting->since, now) : clearing(waiting->name);
         if (!publication)
             continue;
-        if (from_burst)
+        if (waiting->in_burst)
             burst_.pass();
         publication->since = waiting->since;
         return publication;
