@@ -221,11 +221,26 @@ def mqtt_tables():
 def plot(name, commands, data):
     PLOTS.mkdir(parents=True, exist_ok=True)
     blocks = "\n".join(f"${label} << EOD\n{text}\nEOD" for label, text in data.items())
-    for terminal, suffix in (("svg size 800,480 font 'sans,12' background 'white'", "svg"),
-                             ("pngcairo size 800,480 font 'sans,12'", "png")):
-        script = (f"set terminal {terminal}\nset output '{PLOTS / name}.{suffix}'\n{blocks}\n"
-                  f"set grid\n{commands}\n")
-        subprocess.run(["gnuplot"], input=script, text=True, check=True)
+    script = (f"set terminal svg size 800,480 font 'sans,12' background 'white'\n"
+              f"set output '{PLOTS / name}.svg'\n{blocks}\nset grid\n{commands}\n")
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+
+
+OWN_COLOUR = "#c1121f"
+# Told apart by colour, dashes and points, so that they also are without colours.
+COLOURS = ("#4a6fa5", "#6a994e", "#bc6c25", "#7b5ea7", "#2a9d8f", "#8d99ae", "#b08968", "#577590",
+           "#9a8c98", "#386641", "#a5a58d", "#5c677d")
+
+
+def curve(block, title, place):
+    """One line of a plot; the library's own is drawn heavy and red, so that it is seen first."""
+    if title in ("kp", "kp_tag"):
+        style = f"lw 4 pt 7 ps 0.8 lc rgb '{OWN_COLOUR}'"
+    elif title == "limit":
+        style = "lw 2 dt 2 pt 1 lc rgb 'black'"
+    else:
+        style = f"lw 1.5 dt {place % 4 + 2} pt {place % 12 + 1} lc rgb '{COLOURS[place % 12]}'"
+    return f"{block} using 1:2 with linespoints {style} title \"{title}\""
 
 
 def plot_values(operation):
@@ -236,9 +251,9 @@ def plot_values(operation):
         rows = [row for row in values if row["contestant"] == contestant]
         if contestant == "kp_tag":
             data["limit"] = "\n".join(f"{row['size']} {row['limit_ns']['p50']}" for row in rows)
-            curves.append("$limit using 1:2 with linespoints lw 3 dt 2 lc 'black' title 'limit'")
+            curves.append(curve("$limit", "limit", index))
         data[f"c{index}"] = "\n".join(f"{row['size']} {row['own_ns']['p50']}" for row in rows)
-        curves.append(f"$c{index} using 1:2 with linespoints lw 2 title \"{contestant}\"")
+        curves.append(curve(f"$c{index}", contestant, index))
     plot(f"value-{operation.replace(' ', '-')}",
          "set logscale xy\nset key outside noenhanced\nset xlabel 'bytes'\nset ylabel 'ns, median'\n"
          f"set title '{operation.capitalize()} of a value, two CPUs'\nplot {', '.join(curves)}", data)
@@ -247,13 +262,18 @@ def plot_values(operation):
 def plot_latency(pace):
     rows = [row for row in load("latency") if row["pace"] == pace and row["placement"] == "one"]
     rows.sort(key=lambda row: row["own_us"]["p50"])
+    names = [row["contestant"] for row in rows]
     text = "\n".join(f"\"{row['contestant']}\" {row['own_us']['p50']} {row['own_us']['p99']}"
                      for row in rows)
     plot(f"change-{pace.replace(' ', '')}",
          "set style data histograms\nset style fill solid 0.7\nset logscale y\n"
          "set xtics rotate by -35 noenhanced\nset ylabel 'µs'\nset bmargin 6\n"
          f"set title 'Change to callback, {pace}, one CPU'\n"
-         "plot $d using 2:xtic(1) title 'p50', '' using 3 title 'p99'", {"d": text})
+         f"set style rect fs solid 0.15 noborder fc rgb '{OWN_COLOUR}'\n"
+         f"set object 1 rect from {names.index('kp') - 0.5}, graph 0 "
+         f"to {names.index('kp') + 0.5}, graph 1 behind\n"
+         "plot $d using 2:xtic(1) lc rgb '#4a6fa5' title 'p50', "
+         "'' using 3 lc rgb '#bc6c25' title 'p99'", {"d": text})
 
 
 def plot_fanout():
@@ -263,7 +283,7 @@ def plot_fanout():
         data[f"c{index}"] = "\n".join(
             f"{row['receivers']} {row['own']['delay_us']['p50']}"
             for row in rows if row["contestant"] == contestant)
-        curves.append(f"$c{index} using 1:2 with linespoints lw 2 title \"{contestant}\"")
+        curves.append(curve(f"$c{index}", contestant, index))
     plot("fanout", "set logscale xy\nset key outside noenhanced\nset xlabel 'receivers'\n"
          "set ylabel 'µs until the last has it, median'\nset title 'Fan-out, free placement'\n"
          f"plot {', '.join(curves)}", data)
@@ -281,7 +301,7 @@ def plot_growth():
                 points.append(f"{parts[1]} {row['real_time'] / 1000}")
         data[f"c{index}"] = "\n".join(points)
         title = f"{base}, {changed} changed" if changed else base
-        curves.append(f"$c{index} using 1:2 with linespoints lw 2 title \"{title}\"")
+        curves.append(curve(f"$c{index}", title, index))
     plot("growth", "set logscale xy\nset key outside noenhanced\nset xlabel 'tags, topics or patterns'\n"
          f"set ylabel 'µs'\nset title 'Growth'\nplot {', '.join(curves)}", data)
 
