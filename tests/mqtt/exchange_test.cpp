@@ -1,7 +1,7 @@
 // Values both ways between tags and an independent client.
 #include "broker.h"
 #include "device.h"
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 #include "testing/process.h"
 
 #include <gmock/gmock.h>

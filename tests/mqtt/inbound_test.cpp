@@ -1,6 +1,6 @@
 #include "inbound/inbound.h"
 
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 #include "testing/capture.h"
 #include "testing/segment_file.h"
 

@@ -1,6 +1,6 @@
 #include "inbound/local_writer.h"
 
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 #include "testing/capture.h"
 #include "testing/process.h"
 

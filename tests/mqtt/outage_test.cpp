@@ -1,7 +1,7 @@
 // The broker goes away, comes back, or does not want us; the device goes on as if nothing were.
 #include "broker.h"
 #include "device.h"
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 #include "testing/process.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 #include "outbound_fixture.h"
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 #include "testing/segment_file.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 // The program itself: its options, TLS, the service manager, and two of it.
 #include "broker.h"
 #include "device.h"
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 #include "testing/process.h"
 
 #include <csignal>

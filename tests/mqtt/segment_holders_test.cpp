@@ -1,6 +1,6 @@
 #include "providers/segment_holders.h"
 
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 #include "testing/child.h"
 
 #include <csignal>

@@ -1,6 +1,6 @@
 #include "store_reader.h"
 
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 #include "testing/capture.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"

@@ -1,6 +1,6 @@
 #include "value_text.h"
 
-#include "store_fixture.h"
+#include "testing/store_provider.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "common/live_store.h"
 
-#include "kp/time_text.h"
+#include "common/clock.h"
 
 #include <algorithm>
 
@@ -10,14 +10,10 @@ namespace {
 
 // Directory times move in steps of the kernel's clock tick, at most 10 ms.
 constexpr uint64_t kClockTickUs = 20'000;
+// Of the 65,530 mappings that a process has on most systems; the rest is for its own memory.
+constexpr std::size_t kMostMappings = 60'000;
 // Nothing in its directory tells that a file can be opened again.
 constexpr uint64_t kRetryUs = kUsPerSecond;
-
-uint64_t to_us(const timespec &time)
-{
-    return static_cast<uint64_t>(time.tv_sec) * kUsPerSecond +
-           static_cast<uint64_t>(time.tv_nsec) / 1000;
-}
 
 bool same_time(const timespec &a, const timespec &b)
 {
@@ -28,7 +24,7 @@ bool same_time(const timespec &a, const timespec &b)
 
 void LiveStore::refresh()
 {
-    opener_ = TopicOpener(); // the directory that it kept may be another one by now
+    opener_.start_round();
     refresh_directory("");
     if (monotonic_us() >= retry_at_)
         retry_refused();
@@ -103,7 +99,7 @@ void LiveStore::forget_directory(const std::string &directory)
 void LiveStore::follow(const StoreFile &file)
 {
     const auto known = topics_.find(file.topic);
-    if (known != topics_.end() && known->second.view.inode() == file.inode)
+    if (known != topics_.end() && known->second.reader.inode() == file.inode)
         return;
     topics_.erase(file.topic); // another file took its name
     open(file.topic);
@@ -112,10 +108,12 @@ void LiveStore::follow(const StoreFile &file)
 void LiveStore::open(const std::string &topic)
 {
     Problem problem;
-    auto view = SegmentView::open(opener_, topic, problem);
-    if (view) {
+    auto reader =
+        SegmentReader::open(opener_, topic, problem,
+                            topics_.size() < kMostMappings ? Means::mapping : Means::descriptor);
+    if (reader) {
         refused_.erase(topic);
-        topics_.insert_or_assign(topic, LiveTopic{topic, std::move(*view), {}, true, false});
+        topics_.insert_or_assign(topic, LiveTopic{topic, std::move(*reader), {}, true, false});
     } else if (problem.code == kNothing) {
         refused_.erase(topic); // its directory will show it, should it come back
     } else {
@@ -148,7 +146,7 @@ void LiveStore::report_if_stuck(LiveTopic &live)
 {
     if (std::exchange(live.was_stuck, true))
         return;
-    const auto snapshot = live.view.read();
+    const auto snapshot = live.reader.read();
     if (snapshot && snapshot->condition == Condition::busy)
         report(value_problem(live.topic, *snapshot));
     else

@@ -8,12 +8,14 @@
 #include <map>
 #include <set>
 #include <time.h>
+#include <utility>
+#include <vector>
 
 namespace kp::tool {
 
 struct LiveTopic {
     std::string topic;
-    SegmentView view;
+    SegmentReader reader;
     WriteStamp seen;         // of the last look
     bool is_new = true;      // not looked at yet
     bool unfinished = false; // a write was going on at the last look
@@ -64,7 +66,7 @@ class LiveStore {
     {
         std::erase_if(kept, [this](const auto &entry) { return !topics_.contains(entry.first); });
     }
-    // The trouble met since the last call, each once and in the order of the topics.
+    // The problems met since the last call, each once and in the order of the topics.
     std::vector<Problem> take_problems();
 
   private:
@@ -87,7 +89,7 @@ class LiveStore {
 
     template <typename Use> void look_at(LiveTopic &live, const Use &use)
     {
-        const auto stamp = live.view.stamp();
+        const auto stamp = live.reader.stamp();
         if (!stamp) {
             lost_.push_back(live.topic);
             return;

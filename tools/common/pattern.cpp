@@ -1,58 +1,92 @@
 #include "common/pattern.h"
 
-#include "common/text.h"
-
 #include <algorithm>
 
 namespace kp::tool {
 
-namespace {
-
-constexpr std::size_t kLevelBytes = 255;  // of a file name
-constexpr std::size_t kTopicBytes = 4000; // of a path, less the store's own directory
-
-bool is_everything(std::string_view level)
+Pattern::Kind Pattern::kind_of(std::string_view level, Dialect dialect)
 {
-    return level.starts_with('#');
+    const std::string_view decisive = dialect == Dialect::tags ? level.substr(0, 1) : level;
+    return decisive == "#" ? Kind::rest : decisive == "+" ? Kind::any : Kind::name;
 }
 
-bool level_matches(std::string_view pattern, std::string_view level)
+Pattern::Pattern(std::string_view text, Dialect dialect) : dialect_(dialect)
 {
-    return pattern.starts_with('+') || pattern == level;
+    for (const std::string_view level : split_levels(text, dialect))
+        levels_.push_back({kind_of(level, dialect), std::string(level)});
 }
 
-} // namespace
-
-std::vector<std::string_view> split_levels(std::string_view text)
+bool Pattern::covers(std::string_view topic) const
 {
-    std::vector<std::string_view> levels;
-    while (!text.empty()) {
-        const std::size_t end = std::min(text.find('/'), text.size());
-        if (end > 0)
-            levels.push_back(text.substr(0, end));
-        text.remove_prefix(std::min(end + 1, text.size()));
+    const Levels levels = split_levels(topic, dialect_);
+    for (std::size_t at = 0; at < levels_.size(); ++at) {
+        if (levels_[at].kind == Kind::rest)
+            return at < levels.size() || rest_may_be_empty();
+        if (at == levels.size() || !levels_[at].covers(levels[at]))
+            return false;
     }
-    return levels;
+    return levels_.size() == levels.size();
 }
 
-std::optional<std::string> normal_topic(std::string_view text, Problem &problem)
+bool Pattern::may_cover_below(std::string_view directory) const
 {
-    std::string topic;
-    for (const std::string_view level : split_levels(text)) {
-        if (level == "." || level == ".." || level.size() > kLevelBytes) {
-            problem = {kUsage, "\"" + escaped(text) + "\" is not a topic: a level is " +
-                                   (level.size() > kLevelBytes ? "longer than 255 bytes"
-                                                               : "\"" + std::string(level) + "\"")};
-            return std::nullopt;
-        }
-        topic.append(topic.empty() ? "" : "/").append(level);
+    const Levels levels = split_levels(directory);
+    for (std::size_t at = 0; at < levels.size(); ++at) {
+        if (at == levels_.size())
+            return false;
+        if (levels_[at].kind == Kind::rest)
+            return true;
+        if (!levels_[at].covers(levels[at]))
+            return false;
     }
-    if (topic.empty() || topic.size() > kTopicBytes) {
-        problem = {kUsage, topic.empty() ? "a topic needs at least one level"
-                                         : "a topic is longer than 4000 bytes"};
-        return std::nullopt;
+    return levels_.size() > levels.size();
+}
+
+bool Pattern::meets(const Pattern &other) const
+{
+    for (std::size_t at = 0;; ++at) {
+        const bool ends = at == levels_.size();
+        const bool other_ends = at == other.levels_.size();
+        if (ends && other_ends)
+            return true;
+        if (!ends && levels_[at].kind == Kind::rest)
+            return rest_may_be_empty() || !other_ends;
+        if (!other_ends && other.levels_[at].kind == Kind::rest)
+            return rest_may_be_empty() || !ends;
+        if (ends || other_ends)
+            return false;
+        if (other.levels_[at].kind != Kind::any && !levels_[at].covers(other.levels_[at].name))
+            return false;
     }
-    return topic;
+}
+
+bool Pattern::contains(const Pattern &other) const
+{
+    for (std::size_t at = 0; at < levels_.size(); ++at) {
+        const bool other_ends = at == other.levels_.size();
+        if (levels_[at].kind == Kind::rest)
+            return rest_may_be_empty() || !other_ends;
+        if (other_ends || other.levels_[at].kind == Kind::rest)
+            return false;
+        const bool is_wider = levels_[at].kind == Kind::name && other.levels_[at].kind == Kind::any;
+        if (is_wider || !levels_[at].covers(other.levels_[at].name))
+            return false;
+    }
+    return levels_.size() == other.levels_.size();
+}
+
+// Behind its end a pattern tells as much as a plain level does.
+Pattern::Kind Pattern::kind_at(std::size_t index) const
+{
+    return index < levels_.size() ? levels_[index].kind : Kind::name;
+}
+
+bool Pattern::is_more_exact_than(const Pattern &other) const
+{
+    for (std::size_t at = 0; at < std::max(levels_.size(), other.levels_.size()); ++at)
+        if (kind_at(at) != other.kind_at(at))
+            return kind_at(at) > other.kind_at(at);
+    return false;
 }
 
 bool is_pattern(std::string_view text)
@@ -60,71 +94,20 @@ bool is_pattern(std::string_view text)
     return text.find_first_of("+#") != std::string_view::npos;
 }
 
-Pattern::Pattern(std::string_view text)
+std::string pattern_problem(std::string_view text, Dialect dialect)
 {
-    for (const std::string_view level : split_levels(text))
-        levels_.emplace_back(level);
-}
-
-bool Pattern::matches(std::string_view topic) const
-{
-    const auto levels = split_levels(topic);
-    for (std::size_t index = 0;; ++index) {
-        if (index >= levels_.size() || index >= levels.size())
-            return levels_.size() == levels.size();
-        if (is_everything(levels_[index]))
-            return true;
-        if (!level_matches(levels_[index], levels[index]))
-            return false;
+    const Levels levels = split_levels(text, dialect);
+    if (dialect == Dialect::mqtt && text.empty())
+        return "it is empty";
+    if (levels.empty())
+        return "it names no topic";
+    for (std::size_t at = 0; at < levels.size(); ++at) {
+        if (levels[at].size() > 1 && is_pattern(levels[at]))
+            return "\"" + std::string(levels[at]) + "\" mixes a wildcard with other characters";
+        if (levels[at] == "#" && at + 1 != levels.size())
+            return "\"#\" must be the last level";
     }
-}
-
-bool Pattern::may_match_below(std::string_view directory) const
-{
-    const auto levels = split_levels(directory);
-    for (std::size_t index = 0; index < levels.size(); ++index) {
-        if (index + 1 > levels_.size())
-            return false;
-        if (is_everything(levels_[index]))
-            return true;
-        if (!level_matches(levels_[index], levels[index]))
-            return false;
-    }
-    return levels_.size() > levels.size();
-}
-
-bool Selection::set(const std::vector<std::string> &wanted,
-                    const std::vector<std::string> &excluded, Problem &problem)
-{
-    for (const std::string &text : wanted) {
-        wanted_.emplace_back(text);
-        if (is_pattern(text))
-            continue;
-        auto topic = normal_topic(text, problem);
-        if (!topic)
-            return false;
-        topics_.push_back(std::move(*topic));
-    }
-    for (const std::string &text : excluded)
-        excluded_.emplace_back(text);
-    if (wanted.size() == 1 && topics_.size() == 1)
-        single_topic_ = topics_.front();
-    return true;
-}
-
-bool Selection::covers(std::string_view topic) const
-{
-    const auto matches = [topic](const Pattern &pattern) { return pattern.matches(topic); };
-    return (wanted_.empty() || std::any_of(wanted_.begin(), wanted_.end(), matches)) &&
-           std::none_of(excluded_.begin(), excluded_.end(), matches);
-}
-
-bool Selection::may_cover_below(std::string_view directory) const
-{
-    return wanted_.empty() ||
-           std::any_of(wanted_.begin(), wanted_.end(), [directory](const Pattern &pattern) {
-               return pattern.may_match_below(directory);
-           });
+    return {};
 }
 
 } // namespace kp::tool

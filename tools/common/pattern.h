@@ -1,67 +1,66 @@
-// Topic names and the patterns that select them. The rules are the library's: in a pattern the level
-// "+" stands for any one level and "#" for one or more remaining levels, and only the first character
-// of a level is looked at.
+// Patterns over topics, in the two dialects that the tools meet. Both know "+" for one level and "#"
+// for the remaining ones. They differ in three rules:
+//  - in a pattern of tags, "#" stands for at least one level (`a/#` does not cover `a`), empty levels
+//    vanish, and only the first character of a level is looked at. These rules are the library's.
+//  - in a filter of MQTT, "#" covers the parent too (`a/#` covers `a`), empty levels count, and a
+//    wildcard is a level by itself.
 #pragma once
 
-#include "kp/problem.h"
+#include "common/topic_name.h"
 
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace kp::tool {
 
-std::vector<std::string_view> split_levels(std::string_view text); // empty levels vanish
-
-// The topic with single slashes between its levels; refuses what could not be a file of the store.
-std::optional<std::string> normal_topic(std::string_view text, Problem &problem);
-
-bool is_pattern(std::string_view text);
-
 class Pattern {
   public:
-    explicit Pattern(std::string_view text);
-
-    bool matches(std::string_view topic) const;
-    // Says whether a topic below this directory (a relative path without slashes at its ends) can
-    // match, so that a walk can leave out what cannot.
-    bool may_match_below(std::string_view directory) const;
-
-  private:
-    std::vector<std::string> levels_;
-};
-
-// What a command was asked to look at: topics and patterns, less those that are excluded. Nothing
-// given means everything.
-class Selection {
-  public:
-    // False with a problem for a topic that cannot exist.
-    bool set(const std::vector<std::string> &wanted, const std::vector<std::string> &excluded,
-             Problem &problem);
+    explicit Pattern(std::string_view text, Dialect dialect = Dialect::tags);
 
     bool covers(std::string_view topic) const;
+    // Says whether a topic below this directory can be covered, so that a walk can leave out what
+    // cannot. The directory is a relative path without slashes at its ends.
     bool may_cover_below(std::string_view directory) const;
-    // The topic when exactly one was given and no pattern.
-    const std::optional<std::string> &single_topic() const
-    {
-        return single_topic_;
-    }
-    bool has_only_topics() const
-    {
-        return !wanted_.empty() && topics_.size() == wanted_.size() && excluded_.empty();
-    }
-    // The plain topics that were given.
-    const std::vector<std::string> &topics() const
-    {
-        return topics_;
-    }
+
+    // The other pattern of the next three has the same dialect.
+
+    // Says whether some topic is covered by both.
+    bool meets(const Pattern &other) const;
+    // Says whether every topic that `other` covers is covered by this one.
+    bool contains(const Pattern &other) const;
+    // Says whether this one of two patterns that meet tells more: where they differ first, a plain
+    // level tells more than "+", and "+" more than "#".
+    bool is_more_exact_than(const Pattern &other) const;
 
   private:
-    std::vector<Pattern> wanted_;
-    std::vector<Pattern> excluded_;
-    std::vector<std::string> topics_;
-    std::optional<std::string> single_topic_;
+    enum class Kind { rest, any, name }; // in the order of what they tell
+    struct Level {
+        Kind kind;
+        std::string name;
+
+        bool covers(std::string_view level) const
+        {
+            return kind == Kind::any || name == level;
+        }
+    };
+
+    static Kind kind_of(std::string_view level, Dialect dialect);
+    Kind kind_at(std::size_t index) const;
+    bool rest_may_be_empty() const
+    {
+        return dialect_ == Dialect::mqtt;
+    }
+
+    Dialect dialect_;
+    std::vector<Level> levels_;
 };
+
+// Says whether a pattern of tags has a wildcard, or might have.
+bool is_pattern(std::string_view text);
+
+// A phrase that says what is wrong with a pattern in a configuration; empty when nothing is. Stricter
+// than the library: a wildcard must stand alone in its level, and "#" must be the last level.
+std::string pattern_problem(std::string_view text, Dialect dialect);
 
 } // namespace kp::tool

@@ -5,8 +5,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cinttypes>
-#include <compare>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,12 +16,14 @@
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace kp::tool {
 
 namespace {
 
 constexpr ino_t kFirstPidNamespace = 0xEFFFFFFC; // fixed by the kernel
+constexpr int kFieldsBeforeStart = 19;           // of the stat line, from the state on
 
 std::string proc_path(pid_t pid, const char *name)
 {
@@ -39,15 +40,21 @@ std::vector<pid_t> all_pids()
     return pids;
 }
 
-// What lies behind the last ")" of the stat line begins with the state; the name before it may
-// contain anything.
-char state_of(pid_t pid)
+// The fields of the stat line from the state on. The name before them, which may hold anything, ends at
+// the last bracket. Empty for a process that has ended.
+std::string stat_fields(pid_t pid)
 {
     std::ifstream file(proc_path(pid, "stat"));
-    std::string line;
-    std::getline(file, line);
-    const std::size_t end = line.rfind(") ");
-    return end == std::string::npos || end + 2 >= line.size() ? '?' : line[end + 2];
+    std::string text;
+    std::getline(file, text, '\0');
+    const std::size_t end = text.rfind(") ");
+    return end == std::string::npos ? std::string() : text.substr(end + 2);
+}
+
+char state_of(pid_t pid)
+{
+    const std::string fields = stat_fields(pid);
+    return fields.empty() ? '?' : fields[0];
 }
 
 Mapper &mapper_of(std::vector<Mapper> &mappers, pid_t pid)
@@ -110,6 +117,17 @@ Process process_of(pid_t pid)
     process.user = user_name(process.uid);
     process.state = state_of(pid);
     return process;
+}
+
+uint64_t start_of(pid_t pid)
+{
+    std::istringstream fields(stat_fields(pid));
+    std::string skipped;
+    for (int count = 0; count < kFieldsBeforeStart; ++count)
+        fields >> skipped;
+    uint64_t start = 0;
+    fields >> start;
+    return start;
 }
 
 std::string user_name(uid_t uid)
@@ -220,6 +238,15 @@ bool sees_all_processes()
 {
     struct stat status;
     return stat("/proc/self/ns/pid", &status) == 0 && status.st_ino == kFirstPidNamespace;
+}
+
+// The first process belongs to root and has every capability, so who may look into it may look into
+// all of them; where /proc hides processes, it is hidden too.
+bool may_look_into_all_processes()
+{
+    const UniqueFd fd(open("/proc/1/maps", O_RDONLY | O_CLOEXEC));
+    char byte = 0;
+    return fd && read(fd.get(), &byte, 1) == 1;
 }
 
 } // namespace kp::tool

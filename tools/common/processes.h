@@ -2,6 +2,9 @@
 // that they hold, from /proc. Processes of other users show only to root.
 #pragma once
 
+#include "common/file_id.h"
+
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
@@ -20,6 +23,9 @@ struct Process {
 };
 
 Process process_of(pid_t pid);
+// When it started, in clock ticks since the boot; tells it from a later process with the same number.
+// 0 for a process that has ended.
+uint64_t start_of(pid_t pid);
 std::string user_name(uid_t uid);
 std::string group_name(gid_t gid);
 // The permission bits in octal.
@@ -30,13 +36,6 @@ std::optional<std::set<gid_t>> groups_of(pid_t pid);
 
 // "1234 program (user)"
 std::string process_text(const Process &process);
-
-struct FileId {
-    dev_t device;
-    ino_t inode;
-
-    auto operator<=>(const FileId &) const = default;
-};
 
 // One process's mappings of one segment: the library maps it once for each open handle, writable.
 struct Mapper {
@@ -76,5 +75,7 @@ std::optional<std::size_t> descriptor_limit(pid_t pid);
 
 // Says whether every process that could share files with this one has a number here.
 bool sees_all_processes();
+// Says whether this process may look into all of them.
+bool may_look_into_all_processes();
 
 } // namespace kp::tool

@@ -2,25 +2,32 @@
 
 #include "common/fault_guard.h"
 #include "common/text.h"
+#include "layout/field.h"
 #include "layout/value_type.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <sys/mman.h>
 #include <time.h>
+#include <utility>
 
 namespace kp::tool {
 
 namespace {
 
-constexpr int kAttempts = 60;
-// Two looks see one time stamp only if no write lies between them, but for writers that give all
-// their writes the same. Those tear two looks alike once in some fifty, and five practically never.
 constexpr int kLooks = 5;
+constexpr int kAttemptsBeforePause = 16;
+constexpr int kPauses = 60;
 constexpr long kPauseNs = 50'000; // a write lasts less than a microsecond
 
-// The fields after the semaphore, and the value.
+constexpr std::size_t kFieldsStart = offsetof(Segment, last_write_ts);
+constexpr std::size_t kFieldsEnd = offsetof(Segment, value);
+constexpr std::size_t kCountsStart = offsetof(Segment, refs);
+constexpr std::size_t kCountsEnd = kCountsStart + sizeof(ReferenceCounts);
+
+// The fields behind the semaphore, and as much of the value as they speak of.
 struct Copy {
     std::array<uint8_t, kSegmentSize + 1> bytes; // one more, in which a file that is too long shows
 
@@ -30,89 +37,132 @@ struct Copy {
         std::memcpy(&out, bytes.data(), sizeof(out));
         return out;
     }
+    // Where the value ends that the fields speak of.
+    std::size_t end() const
+    {
+        uint32_t size = 0;
+        std::memcpy(&size, &bytes[offsetof(Segment, written_value_size)], sizeof(size));
+        return kFieldsEnd + std::min<std::size_t>(size, kValueAreaSize);
+    }
+    bool is_being_written() const
+    {
+        return bytes[offsetof(Segment, state) + offsetof(WriteState, writing)] == 1;
+    }
 };
 
-constexpr std::size_t kFieldsStart = offsetof(Segment, last_write_ts);
-constexpr std::size_t kFieldsEnd = offsetof(Segment, value);
-
-// Where the value ends that the fields of a copy speak of.
-std::size_t value_end(const Copy &copy)
+// Compares what belongs to a write.
+bool same_write(const uint8_t *source, const Copy &copy, std::size_t end)
 {
-    uint32_t size = 0;
-    std::memcpy(&size, &copy.bytes[offsetof(Segment, written_value_size)], sizeof(size));
-    return kFieldsEnd + std::min<std::size_t>(size, kValueAreaSize);
-}
-
-// Copies the fields and as much of the value as they speak of; returns the end of what was copied.
-std::size_t copy_segment(const Segment &segment, Copy &copy)
-{
-    const auto *source = reinterpret_cast<const uint8_t *>(&segment);
-    std::memcpy(&copy.bytes[kFieldsStart], source + kFieldsStart, kFieldsEnd - kFieldsStart);
-    order_loads();
-    const std::size_t end = value_end(copy);
-    std::memcpy(&copy.bytes[kFieldsEnd], source + kFieldsEnd, end - kFieldsEnd);
-    order_loads();
-    return end;
-}
-
-// Says whether the segment at `source` still holds what was copied. The counts may change meanwhile:
-// they are not part of a write.
-bool still_holds(const uint8_t *source, const Copy &copy, std::size_t end)
-{
-    constexpr std::size_t counts = offsetof(Segment, refs);
-    constexpr std::size_t after_counts = counts + sizeof(ReferenceCounts);
-    return std::memcmp(source + kFieldsStart, &copy.bytes[kFieldsStart], counts - kFieldsStart) ==
+    const uint8_t *known = copy.bytes.data();
+    return std::memcmp(source + kFieldsStart, known + kFieldsStart, kCountsStart - kFieldsStart) ==
                0 &&
-           std::memcmp(source + after_counts, &copy.bytes[after_counts], end - after_counts) == 0;
+           std::memcmp(source + kCountsEnd, known + kCountsEnd, end - kCountsEnd) == 0;
 }
 
-bool is_being_written(const Copy &copy)
+enum class Look { good, disturbed, no_segment };
+
+Look good_if(bool is_good)
 {
-    return copy.bytes[offsetof(Segment, state) + offsetof(WriteState, writing)] == 1;
+    return is_good ? Look::good : Look::disturbed;
 }
 
-// Reads the file as a whole; false when it has not a segment's size.
-bool read_whole(const UniqueFd &fd, Copy &copy)
-{
-    return pread(fd.get(), copy.bytes.data(), copy.bytes.size(), 0) == kSegmentSize;
-}
-
-enum class Attempt { good, disturbed, no_segment };
-
-// A copy counts only if no write was going on before and after it and further looks find the same
-// bytes: time stamps alone do not tell two writes of one microsecond apart.
-Attempt try_copy(const Segment &segment, Copy &copy)
-{
-    bool same = load_acquire(segment.state.writing) != 1;
-    const std::size_t end = copy_segment(segment, copy); // a busy one has fields to show
-    for (int look = 1; look < kLooks && same; ++look) {
-        same = load_acquire(segment.state.writing) != 1 &&
-               still_holds(reinterpret_cast<const uint8_t *>(&segment), copy, end);
+// Looks at a mapped segment. The mark of a write in progress is visible before any store of the write
+// and is cleared after all of them, so it is loaded before and after what it guards.
+class MappedSource {
+  public:
+    explicit MappedSource(const Segment &segment) : segment_(segment)
+    {
+    }
+    // Runs `access`; false when the memory was gone.
+    template <typename Access> bool run(const Access &access) const
+    {
+        return guarded(access);
+    }
+    Look take(Copy &copy) const
+    {
+        const bool is_quiet = !is_being_written();
+        const auto *source = reinterpret_cast<const uint8_t *>(&segment_);
+        std::memcpy(&copy.bytes[kFieldsStart], source + kFieldsStart, kFieldsEnd - kFieldsStart);
         order_loads();
+        std::memcpy(&copy.bytes[kFieldsEnd], source + kFieldsEnd, copy.end() - kFieldsEnd);
+        order_loads();
+        return good_if(is_quiet && !is_being_written());
     }
-    return same && load_acquire(segment.state.writing) != 1 ? Attempt::good : Attempt::disturbed;
-}
+    Look compare(const Copy &copy) const
+    {
+        const bool is_quiet = !is_being_written();
+        const bool same =
+            is_quiet && same_write(reinterpret_cast<const uint8_t *>(&segment_), copy, copy.end());
+        order_loads();
+        return good_if(same && !is_being_written());
+    }
 
-// The same without a mapping.
-Attempt try_read(const UniqueFd &fd, Copy &copy)
-{
-    if (!read_whole(fd, copy))
-        return Attempt::no_segment;
-    bool same = !is_being_written(copy);
-    const std::size_t end = value_end(copy);
-    for (int look = 1; look < kLooks && same; ++look) {
-        Copy again;
-        if (pread(fd.get(), again.bytes.data(), end, 0) != static_cast<ssize_t>(end))
-            return Attempt::no_segment;
-        same = !is_being_written(again) && still_holds(again.bytes.data(), copy, end);
+  private:
+    bool is_being_written() const
+    {
+        return load_acquire(segment_.state.writing) == 1;
     }
-    return same ? Attempt::good : Attempt::disturbed;
+
+    const Segment &segment_;
+};
+
+// Looks at an open file. Each reading is a system call, and no load moves over one.
+class FileSource {
+  public:
+    explicit FileSource(const UniqueFd &fd) : fd_(fd)
+    {
+    }
+    template <typename Access> bool run(const Access &access) const
+    {
+        access();
+        return true;
+    }
+    Look take(Copy &copy) const
+    {
+        if (pread(fd_.get(), copy.bytes.data(), copy.bytes.size(), 0) != kSegmentSize)
+            return Look::no_segment;
+        return good_if(!copy.is_being_written());
+    }
+    Look compare(const Copy &copy) const
+    {
+        Copy again;
+        const std::size_t end = copy.end();
+        if (pread(fd_.get(), again.bytes.data(), end, 0) != static_cast<ssize_t>(end))
+            return Look::no_segment;
+        return good_if(!again.is_being_written() && same_write(again.bytes.data(), copy, end));
+    }
+
+  private:
+    const UniqueFd &fd_;
+};
+
+// One attempt. What is copied of a segment that is being written has fields to show.
+template <typename Source> Look attempt(const Source &source, Copy &copy)
+{
+    Look look = source.take(copy);
+    for (int count = 1; count < kLooks && look == Look::good; ++count)
+        look = source.compare(copy);
+    return look;
 }
 
 void pause_briefly()
 {
     const timespec pause{0, kPauseNs};
     (void)nanosleep(&pause, nullptr);
+}
+
+template <typename Source> Look look_patiently(const Source &source, Copy &copy)
+{
+    std::memset(copy.bytes.data(), 0, kFieldsEnd);
+    auto look = Look::disturbed;
+    for (int pauses = 0;; ++pauses) {
+        for (int count = 0; count < kAttemptsBeforePause && look == Look::disturbed; ++count)
+            if (!source.run([&] { look = attempt(source, copy); }))
+                return Look::no_segment;
+        if (look != Look::disturbed || pauses == kPauses)
+            return look;
+        pause_briefly();
+    }
 }
 
 bool makes_sense(const Snapshot &snapshot)
@@ -126,18 +176,18 @@ bool makes_sense(const Snapshot &snapshot)
     return snapshot.size <= kValueAreaSize;
 }
 
-Condition condition_of(const Snapshot &snapshot, bool settled)
+Condition condition_of(const Snapshot &snapshot, Look look)
 {
     if (!(snapshot.flags & kValid))
         return Condition::undeclared;
-    if (!settled)
+    if (look != Look::good)
         return Condition::busy;
     if (!makes_sense(snapshot))
         return Condition::corrupt;
     return snapshot.flags & kHasValue ? Condition::value : Condition::empty;
 }
 
-Snapshot snapshot_of(const Copy &copy, bool settled)
+Snapshot snapshot_of(const Copy &copy, Look look, ino_t inode)
 {
     const Segment segment = copy.segment();
     Snapshot snapshot;
@@ -152,13 +202,34 @@ Snapshot snapshot_of(const Copy &copy, bool settled)
     snapshot.writing = segment.state.writing;
     snapshot.providers = segment.refs.providers;
     snapshot.consumers = segment.refs.consumers;
-    snapshot.reserved_in_use = std::any_of(std::begin(segment.reserved), std::end(segment.reserved),
-                                           [](uint8_t byte) { return byte != 0; });
-    snapshot.condition = condition_of(snapshot, settled);
+    snapshot.reserved_in_use = std::ranges::any_of(segment.reserved, [](auto b) { return b != 0; });
+    snapshot.inode = inode;
+    snapshot.condition = condition_of(snapshot, look);
     if (snapshot.condition == Condition::value)
         snapshot.bytes.assign(reinterpret_cast<const char *>(&copy.bytes[kFieldsEnd]),
                               snapshot.size);
     return snapshot;
+}
+
+template <typename Source> std::optional<Snapshot> read_from(const Source &source, ino_t inode)
+{
+    Copy copy;
+    const Look look = look_patiently(source, copy);
+    if (look == Look::no_segment)
+        return std::nullopt;
+    return snapshot_of(copy, look, inode);
+}
+
+WriteStamp stamp_of(const Segment &segment)
+{
+    WriteStamp stamp;
+    stamp.writing = load_acquire(segment.state.writing);
+    stamp.last_write_ts = load_relaxed(segment.last_write_ts);
+    stamp.source_ts = load_relaxed(segment.source_ts);
+    stamp.size = load_relaxed(segment.written_value_size);
+    stamp.quality = load_relaxed(segment.quality);
+    stamp.flags = load_relaxed(segment.state.flags);
+    return stamp;
 }
 
 } // namespace
@@ -168,57 +239,67 @@ const char *Snapshot::type_name() const
     return flags & kValid ? kp_type2str(type) : nullptr;
 }
 
-SegmentView::~SegmentView()
+SegmentReader::SegmentReader(SegmentReader &&other) noexcept
+    : segment_(std::exchange(other.segment_, nullptr)), fd_(std::move(other.fd_)),
+      inode_(other.inode_)
+{
+}
+
+SegmentReader &SegmentReader::operator=(SegmentReader &&other) noexcept
+{
+    std::swap(segment_, other.segment_);
+    std::swap(inode_, other.inode_);
+    const int fd = fd_.release();
+    fd_.reset(other.fd_.release());
+    other.fd_.reset(fd);
+    return *this;
+}
+
+SegmentReader::~SegmentReader()
 {
     if (segment_)
         (void)munmap(const_cast<Segment *>(segment_), kSegmentSize);
 }
 
-std::optional<SegmentView> SegmentView::open(TopicOpener &opener, const std::string &topic,
-                                             Problem &problem)
+std::optional<SegmentReader> SegmentReader::open(TopicOpener &opener, const std::string &topic,
+                                                 Problem &problem, Means means)
 {
-    const UniqueFd fd = opener.open(topic, problem);
+    UniqueFd fd = opener.open(topic, problem);
+    struct stat status;
     if (!fd)
         return std::nullopt;
-    struct stat status;
-    void *memory = mmap(nullptr, kSegmentSize, PROT_READ, MAP_SHARED, fd.get(), 0);
-    if (memory == MAP_FAILED || fstat(fd.get(), &status) != 0) {
+    if (fstat(fd.get(), &status) != 0) {
         problem = system_problem(escaped(topic), errno);
         return std::nullopt;
     }
-    SegmentView view;
-    view.segment_ = static_cast<const Segment *>(memory);
-    view.inode_ = status.st_ino;
-    return view;
+    SegmentReader reader;
+    reader.inode_ = status.st_ino;
+    void *memory = means == Means::mapping
+                       ? mmap(nullptr, kSegmentSize, PROT_READ, MAP_SHARED, fd.get(), 0)
+                       : MAP_FAILED;
+    if (memory != MAP_FAILED)
+        reader.segment_ = static_cast<const Segment *>(memory);
+    else
+        reader.fd_.reset(fd.release());
+    return reader;
 }
 
-std::optional<Snapshot> SegmentView::read() const
+std::optional<Snapshot> SegmentReader::read() const
 {
-    Copy copy;
-    std::memset(copy.bytes.data(), 0, kFieldsEnd);
-    auto attempt = Attempt::disturbed;
-    for (int count = 0; count < kAttempts; ++count) {
-        if (!guarded([&] { attempt = try_copy(*segment_, copy); }))
+    return segment_ ? read_from(MappedSource(*segment_), inode_)
+                    : read_from(FileSource(fd_), inode_);
+}
+
+std::optional<WriteStamp> SegmentReader::stamp() const
+{
+    if (!segment_) {
+        Segment segment;
+        if (pread(fd_.get(), &segment, kFieldsEnd, 0) != static_cast<ssize_t>(kFieldsEnd))
             return std::nullopt;
-        if (attempt == Attempt::good)
-            break;
-        pause_briefly();
+        return stamp_of(segment);
     }
-    return snapshot_of(copy, attempt == Attempt::good);
-}
-
-std::optional<WriteStamp> SegmentView::stamp() const
-{
     WriteStamp stamp;
-    const Segment &segment = *segment_;
-    if (!guarded([&] {
-            stamp.writing = load_acquire(segment.state.writing);
-            stamp.last_write_ts = load_relaxed(segment.last_write_ts);
-            stamp.source_ts = load_relaxed(segment.source_ts);
-            stamp.size = load_relaxed(segment.written_value_size);
-            stamp.quality = load_relaxed(segment.quality);
-            stamp.flags = load_relaxed(segment.state.flags);
-        }))
+    if (!guarded([&] { stamp = stamp_of(*segment_); }))
         return std::nullopt;
     return stamp;
 }
@@ -228,18 +309,12 @@ std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic
     const UniqueFd fd = opener.open_any(topic, problem);
     if (!fd)
         return std::nullopt;
-    Copy copy;
-    auto attempt = Attempt::disturbed;
-    for (int count = 0; count < kAttempts && attempt == Attempt::disturbed; ++count) {
-        if (count > 0)
-            pause_briefly();
-        attempt = try_read(fd, copy);
-    }
-    if (attempt == Attempt::no_segment) {
+    struct stat status;
+    auto snapshot =
+        fstat(fd.get(), &status) == 0 ? read_from(FileSource(fd), status.st_ino) : std::nullopt;
+    if (!snapshot)
         problem = TopicOpener::not_a_segment(topic, fd);
-        return std::nullopt;
-    }
-    return snapshot_of(copy, attempt == Attempt::good);
+    return snapshot;
 }
 
 Problem value_problem(const std::string &topic, const Snapshot &snapshot)

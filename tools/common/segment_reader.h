@@ -1,5 +1,16 @@
-// A segment, looked at for reading only. A look changes nothing, shows no value that is half written
-// and survives a file that is cut short meanwhile.
+// The one look at a segment that all tools share. It only reads: it takes no count and no lock, shows
+// no value that is half written, and survives a file that is cut short meanwhile.
+//
+// The rule for what belongs together. The library's own consistent read (docs/reliability.md) relies
+// on the timestamp of a write where bytes alone tell nothing. A tool cannot: it shows what any program
+// wrote, also one that gives all its writes the same timestamp. So a copy counts only if no write was
+// going on before it and if four more looks, with no write going on before any of them, find the same
+// bytes in all fields and in the value. Only the counts may change, which are no part of a write. Two
+// looks match on the same torn value about once in 50 when a writer flips between two values under
+// one timestamp; five practically never. docs/reliability.md has what was measured.
+//
+// A disturbed attempt is repeated at once for some time, since the gap between two writes may be as
+// short as the attempt, and then after pauses, since the writer may have been taken off its processor.
 #pragma once
 
 #include "common/store_files.h"
@@ -11,7 +22,7 @@ namespace kp::tool {
 
 enum class Condition {
     undeclared, // no provider has said what it holds
-    empty,      // declared, no value yet
+    empty,      // declared, but no value has been written
     value,
     busy,    // a write is going on, or its writer died in it
     corrupt, // fields that contradict each other
@@ -20,10 +31,10 @@ enum class Condition {
 // A copy of a segment in which everything belongs together.
 struct Snapshot {
     Condition condition = Condition::undeclared;
-    uint64_t last_write_ts = 0;
-    uint64_t source_ts = 0;
+    uint64_t last_write_ts = 0; // microseconds since the epoch
+    uint64_t source_ts = 0;     // the same unit
     uint32_t type = 0;
-    uint32_t max = 0;
+    uint32_t max = 0; // 0 when no provider ever declared the topic
     uint32_t extra = 0;
     uint32_t size = 0;
     uint8_t quality = 0;
@@ -31,11 +42,18 @@ struct Snapshot {
     uint8_t writing = 0;
     uint8_t providers = 0;
     uint8_t consumers = 0;
-    bool reserved_in_use = false; // bytes that every writer leaves zero are not
+    bool reserved_in_use = false; // one of the bytes that every writer leaves zero is not zero
+    ino_t inode = 0;              // tells a topic that was made anew from the one before
     std::string bytes;            // the value, when the condition is `value`
 
-    // An undeclared segment has no type that means anything.
+    bool has_value() const
+    {
+        return condition == Condition::value && !bytes.empty();
+    }
+    // Null for an undeclared segment, whose type means nothing.
     const char *type_name() const;
+
+    friend bool operator==(const Snapshot &, const Snapshot &) = default;
 };
 
 // What changes when a topic is written, cheap to look at often.
@@ -55,41 +73,48 @@ struct WriteStamp {
     }
 };
 
-class SegmentView {
-  public:
-    SegmentView() = default;
-    SegmentView(SegmentView &&other) noexcept
-        : segment_(std::exchange(other.segment_, nullptr)), inode_(other.inode_)
-    {
-    }
-    SegmentView &operator=(SegmentView &&other) noexcept
-    {
-        std::swap(segment_, other.segment_);
-        std::swap(inode_, other.inode_);
-        return *this;
-    }
-    SegmentView(const SegmentView &) = delete;
-    SegmentView &operator=(const SegmentView &) = delete;
-    ~SegmentView();
+// How an open segment is looked at. A mapping is faster from the second look on, but a process has
+// 65,530 of them on most systems; a descriptor needs none.
+enum class Means { mapping, descriptor };
 
-    static std::optional<SegmentView> open(TopicOpener &opener, const std::string &topic,
-                                           Problem &problem);
+// A segment that stays open, to be looked at again and again. Any thread may look, one at a time.
+// Looks through a mapping need catch_bus_errors() to have been called.
+class SegmentReader {
+  public:
+    SegmentReader(SegmentReader &&other) noexcept;
+    SegmentReader &operator=(SegmentReader &&other) noexcept;
+    SegmentReader(const SegmentReader &) = delete;
+    SegmentReader &operator=(const SegmentReader &) = delete;
+    ~SegmentReader();
+
+    // Nothing, with a problem, when there is no such segment. Takes a descriptor where no mapping is
+    // left.
+    static std::optional<SegmentReader> open(TopicOpener &opener, const std::string &topic,
+                                             Problem &problem, Means means = Means::mapping);
 
     // Nothing when the file was cut short.
     std::optional<Snapshot> read() const;
     std::optional<WriteStamp> stamp() const;
+
     ino_t inode() const
     {
         return inode_;
     }
+    Means means() const
+    {
+        return segment_ ? Means::mapping : Means::descriptor;
+    }
 
   private:
-    const Segment *segment_ = nullptr;
+    SegmentReader() = default;
+
+    const Segment *segment_ = nullptr; // null without a mapping
+    UniqueFd fd_;                      // empty with a mapping
     ino_t inode_ = 0;
 };
 
-// Opens, reads and closes a topic. Reads the file instead of mapping it, which takes a third of the
-// time for a single look, and counts only what several readings agree on.
+// Opens a topic, reads it and closes it. Without a mapping, which takes a third of the time for a
+// single look, and without a signal handler.
 std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic, Problem &problem);
 
 // Why a snapshot has no value to show; only for other conditions than `value`.

@@ -5,22 +5,33 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
-#include <memory>
 
 namespace kp::tool {
 
 namespace {
 
 // O_NONBLOCK, so that a pipe lying in the store cannot hold up the program.
-constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+constexpr int kFileFlags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+constexpr mode_t kDirectoryMode = 0777; // less the umask, as the library makes them
 
+// A walk keeps this many directories open, one in the other, and reaches deeper ones from the root.
+constexpr int kMostOpenDirectories = 64;
+
+bool is_store_no_directory()
+{
+    struct stat status;
+    return stat(kStoreRoot, &status) == 0 && !S_ISDIR(status.st_mode);
+}
+
+// Why a topic, or a directory of topics, cannot be reached.
 Problem topic_problem(const std::string &topic, int error)
 {
-    const std::string name = escaped(topic);
+    const std::string name = escaped(topic.empty() ? kStoreRoot : topic);
     if (error == ENOENT)
         return {kNothing, name + ": no such topic"};
+    if (error == ENOTDIR && is_store_no_directory())
+        return {kInvalid, std::string(kStoreRoot) + ": not a directory, so there are no topics"};
     if (error == ENOTDIR)
         return {kNothing, name + ": no such topic (one of its levels is a topic itself)"};
     if (error == ELOOP)
@@ -28,16 +39,42 @@ Problem topic_problem(const std::string &topic, int error)
     return system_problem(name, error);
 }
 
-std::string joined(const std::string &directory, std::string_view name)
-{
-    return directory.empty() ? std::string(name) : directory + "/" + std::string(name);
-}
-
 bool is_link(int directory, const std::string &name)
 {
     struct stat status;
     return fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
            S_ISLNK(status.st_mode);
+}
+
+// Opens one level. The errno of a failure says ELOOP for a link, whatever it leads to.
+UniqueFd open_level(int parent, const std::string &name)
+{
+    UniqueFd fd(openat(parent, name.c_str(), kDirectoryFlags | O_NOFOLLOW));
+    if (!fd && errno == ENOTDIR)
+        errno = is_link(parent, name) ? ELOOP : ENOTDIR;
+    return fd;
+}
+
+UniqueFd make_level(int parent, const std::string &name)
+{
+    UniqueFd fd = open_level(parent, name);
+    if (fd || errno != ENOENT ||
+        (mkdirat(parent, name.c_str(), kDirectoryMode) != 0 && errno != EEXIST))
+        return fd;
+    return open_level(parent, name);
+}
+
+// Opens the root and level after level below it, each through `open_next`. Empty with errno set.
+template <typename OpenNext> UniqueFd open_levels(std::string_view directory, OpenNext open_next)
+{
+    UniqueFd fd(open(kStoreRoot, kDirectoryFlags));
+    for (const std::string_view level : split_levels(directory)) {
+        if (!fd)
+            break;
+        UniqueFd next = open_next(fd.get(), std::string(level));
+        fd.reset(next.release());
+    }
+    return fd;
 }
 
 // What file systems that do not tell the type in the directory say of an entry.
@@ -50,80 +87,114 @@ unsigned char entry_type(int directory, const dirent &entry)
     return S_ISDIR(status.st_mode) ? DT_DIR : S_ISREG(status.st_mode) ? DT_REG : DT_LNK;
 }
 
-void list_below(const std::string &directory, const Selection &selection, StoreListing &listing)
-{
-    Problem problem;
-    auto entries = list_directory(directory, problem);
-    if (!entries) {
+// An open directory with its entries.
+class OpenDirectory {
+  public:
+    explicit OpenDirectory(UniqueFd fd) : fd_(fd.get()), stream_(fd ? fdopendir(fd_) : nullptr)
+    {
+        if (stream_)
+            (void)fd.release(); // the stream's from now on
+    }
+    explicit operator bool() const
+    {
+        return static_cast<bool>(stream_);
+    }
+    int fd() const
+    {
+        return fd_;
+    }
+    StoreDirectory entries(const std::string &name) const
+    {
+        StoreDirectory entries;
+        while (const dirent *entry = stream_.next()) {
+            const unsigned char type = entry_type(fd_, *entry);
+            std::string topic = join_levels(name, entry->d_name);
+            if (type == DT_DIR)
+                entries.directories.push_back(std::move(topic));
+            else
+                entries.files.push_back({std::move(topic), entry->d_ino, type});
+        }
+        return entries;
+    }
+
+  private:
+    int fd_;
+    UniqueDir stream_;
+};
+
+class Walk {
+  public:
+    Walk(const Selection &selection, StoreListing &listing)
+        : selection_(selection), listing_(listing)
+    {
+    }
+
+    void list_root()
+    {
+        list("", open_levels("", open_level), 1);
+    }
+
+  private:
+    void list(const std::string &name, UniqueFd fd, int open_count)
+    {
+        std::optional<OpenDirectory> directory(std::in_place, std::move(fd));
+        if (!*directory)
+            return note(name, topic_problem(name, errno));
+        listing_.directories.push_back(name);
+        StoreDirectory entries = directory->entries(name);
+        for (StoreFile &file : entries.files)
+            if (selection_.covers(file.topic))
+                listing_.files.push_back(std::move(file));
+        if (open_count > kMostOpenDirectories)
+            directory.reset();
+        for (const std::string &child : entries.directories)
+            if (selection_.may_cover_below(child))
+                list(child, open_child(directory, child), open_count + 1);
+    }
+
+    static UniqueFd open_child(const std::optional<OpenDirectory> &parent, const std::string &child)
+    {
+        if (!parent)
+            return open_levels(child, open_level);
+        return open_level(parent->fd(), child.substr(child.rfind('/') + 1));
+    }
+
+    void note(const std::string &name, Problem problem)
+    {
         if (problem.code == kNothing) // one that is gone has no topics
             return;
-        listing.problems.push_back(std::move(problem));
-        listing.closed.push_back(directory);
-        return;
+        listing_.problems.push_back(std::move(problem));
+        listing_.closed.push_back(name);
     }
-    listing.directories.push_back(directory);
-    for (StoreFile &file : entries->files)
-        if (selection.covers(file.topic))
-            listing.files.push_back(std::move(file));
-    for (const std::string &child : entries->directories)
-        if (selection.may_cover_below(child))
-            list_below(child, selection, listing);
-}
+
+    const Selection &selection_;
+    StoreListing &listing_;
+};
 
 } // namespace
 
 UniqueFd open_store_directory(const std::string &directory, Problem &problem)
 {
-    int fd = open(kStoreRoot, kDirectoryFlags);
-    if (fd < 0 && errno == ENOTDIR) {
-        problem = {kInvalid, std::string(kStoreRoot) + ": not a directory, so there are no topics"};
-        return UniqueFd();
-    }
-    for (const std::string_view level : split_levels(directory)) {
-        if (fd < 0)
-            break;
-        const UniqueFd parent(fd);
-        const std::string name(level);
-        fd = openat(parent.get(), name.c_str(), kDirectoryFlags | O_NOFOLLOW);
-        if (fd < 0 && errno == ENOTDIR)
-            errno = is_link(parent.get(), name) ? ELOOP : ENOTDIR;
-    }
-    if (fd < 0)
-        problem = topic_problem(directory.empty() ? kStoreRoot : directory, errno);
-    return UniqueFd(fd);
+    UniqueFd fd = open_levels(directory, open_level);
+    if (!fd)
+        problem = topic_problem(directory, errno);
+    return fd;
 }
 
 std::optional<StoreDirectory> list_directory(const std::string &directory, Problem &problem)
 {
-    UniqueFd fd = open_store_directory(directory, problem);
-    if (!fd)
-        return std::nullopt;
-    DIR *stream = fdopendir(fd.get());
-    if (!stream) {
-        problem = topic_problem(directory, errno);
-        return std::nullopt;
-    }
-    const int number = fd.release();
-    const UniqueDir owner(stream);
-
-    StoreDirectory entries;
-    while (const dirent *entry = owner.next()) {
-        const unsigned char type = entry_type(number, *entry);
-        std::string name = joined(directory, entry->d_name);
-        if (type == DT_DIR)
-            entries.directories.push_back(std::move(name));
-        else
-            entries.files.push_back({std::move(name), entry->d_ino, type});
-    }
-    return entries;
+    const OpenDirectory open(open_levels(directory, open_level));
+    if (open)
+        return open.entries(directory);
+    problem = topic_problem(directory, errno);
+    return std::nullopt;
 }
 
 StoreListing list_store(const Selection &selection)
 {
     StoreListing listing;
-    list_below("", selection, listing);
-    std::sort(listing.files.begin(), listing.files.end(),
-              [](const StoreFile &a, const StoreFile &b) { return a.topic < b.topic; });
+    Walk(selection, listing).list_root();
+    std::ranges::sort(listing.files, {}, &StoreFile::topic);
     return listing;
 }
 
@@ -145,31 +216,53 @@ bool is_segment_file(const struct stat &status, const std::string &topic, Proble
     return false;
 }
 
-int TopicOpener::directory_of(const std::string &topic, Problem &problem)
+Place place_of(const std::string &topic)
+{
+    const std::size_t slash = topic.rfind('/');
+    const std::string above = slash == std::string::npos ? "" : topic.substr(0, slash);
+    const UniqueFd directory = open_levels(above, open_level);
+    struct stat status;
+    if (directory &&
+        fstatat(directory.get(), topic.c_str() + slash + 1, &status, AT_SYMLINK_NOFOLLOW) == 0)
+        return S_ISDIR(status.st_mode) ? Place::directory : Place::topic;
+    if (errno == ENOENT)
+        return Place::free;
+    return errno == ENOTDIR && !above.empty() ? Place::below_a_topic : Place::unreachable;
+}
+
+std::optional<TopicPlace> TopicOpener::find(const std::string &topic, Missing missing,
+                                            Problem &problem)
 {
     const std::size_t slash = topic.rfind('/');
     const std::string directory = slash == std::string::npos ? "" : topic.substr(0, slash);
-    name_ = slash == std::string::npos ? topic : topic.substr(slash + 1);
     if (!directory_fd_ || directory != directory_) {
-        directory_fd_.reset();
-        UniqueFd fd = open_store_directory(directory, problem);
+        UniqueFd fd = open_levels(directory, missing == Missing::make ? make_level : open_level);
         if (!fd) {
-            if (problem.code == kNothing || errno == ELOOP)
-                problem = topic_problem(topic, errno);
-            return -1;
+            problem = topic_problem(topic, errno);
+            return std::nullopt;
         }
-        directory_fd_ = std::make_unique<UniqueFd>(std::move(fd));
+        directory_fd_.reset(fd.release());
         directory_ = directory;
     }
-    return directory_fd_->get();
+    return TopicPlace{directory_fd_.get(), topic.substr(slash + 1)};
 }
 
-UniqueFd TopicOpener::open_any(const std::string &topic, Problem &problem)
+std::optional<TopicPlace> TopicOpener::locate(const std::string &topic, Problem &problem)
 {
-    const int directory = directory_of(topic, problem);
-    if (directory < 0)
+    return find(topic, Missing::fail, problem);
+}
+
+std::optional<TopicPlace> TopicOpener::make_place(const std::string &topic, Problem &problem)
+{
+    return find(topic, Missing::make, problem);
+}
+
+UniqueFd TopicOpener::open_any(const std::string &topic, Problem &problem, int access)
+{
+    const auto place = locate(topic, problem);
+    if (!place)
         return UniqueFd();
-    UniqueFd fd(openat(directory, name_.c_str(), kReadFlags));
+    UniqueFd fd(openat(place->directory, place->name.c_str(), access | kFileFlags));
     if (!fd)
         problem = errno == ENXIO // a socket
                       ? Problem{kInvalid, escaped(topic) + ": not a segment (not a regular file)"}
@@ -186,9 +279,9 @@ Problem TopicOpener::not_a_segment(const std::string &topic, const UniqueFd &fd)
     return problem;
 }
 
-UniqueFd TopicOpener::open(const std::string &topic, Problem &problem)
+UniqueFd TopicOpener::open(const std::string &topic, Problem &problem, int access)
 {
-    UniqueFd fd = open_any(topic, problem);
+    UniqueFd fd = open_any(topic, problem, access);
     struct stat status;
     if (fd && (fstat(fd.get(), &status) != 0 || !is_segment_file(status, topic, problem)))
         return UniqueFd();
@@ -197,10 +290,10 @@ UniqueFd TopicOpener::open(const std::string &topic, Problem &problem)
 
 bool TopicOpener::status(const std::string &topic, struct stat &status, Problem &problem)
 {
-    const int directory = directory_of(topic, problem);
-    if (directory < 0)
+    const auto place = locate(topic, problem);
+    if (!place)
         return false;
-    if (fstatat(directory, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+    if (fstatat(place->directory, place->name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         return true;
     problem = topic_problem(topic, errno);
     return false;
@@ -208,12 +301,23 @@ bool TopicOpener::status(const std::string &topic, struct stat &status, Problem 
 
 bool TopicOpener::remove(const std::string &topic, Problem &problem)
 {
-    const int directory = directory_of(topic, problem);
-    if (directory < 0)
+    const auto place = locate(topic, problem);
+    if (!place)
         return false;
-    if (unlinkat(directory, name_.c_str(), 0) == 0)
+    if (unlinkat(place->directory, place->name.c_str(), 0) == 0)
         return true;
     problem = topic_problem(topic, errno);
+    return false;
+}
+
+bool TopicOpener::remove_same(const std::string &topic, const FileId &file, Problem &problem)
+{
+    struct stat now;
+    if (!status(topic, now, problem))
+        return false;
+    if (file_id(now) == file)
+        return remove(topic, problem);
+    problem = {kLimit, escaped(topic) + ": another file took its name meanwhile"};
     return false;
 }
 

@@ -1,11 +1,13 @@
-// The store as files: finding topics at any depth and opening them for reading only. No link is
-// followed below the store's root, and nothing is ever created.
+// The store as files: finding topics at any depth, opening and removing them. Whoever may write in the
+// store is not trusted with the rights of whoever runs a tool, so everything below the store's root is
+// reached level by level through descriptors, and no link there is followed.
 #pragma once
 
-#include "common/pattern.h"
+#include "common/file_id.h"
+#include "common/selection.h"
 #include "layout/unique_fd.h"
 
-#include <memory>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -19,7 +21,7 @@ struct StoreFile {
     unsigned char type; // DT_REG for a segment
 };
 
-// One directory of the store, relative to its root; "" is the root itself.
+// One directory of the store. Names are relative to the store's root; "" is the root itself.
 struct StoreDirectory {
     std::vector<StoreFile> files;
     std::vector<std::string> directories;
@@ -28,42 +30,75 @@ struct StoreDirectory {
 // Opens the root or, level by level, a directory below it.
 UniqueFd open_store_directory(const std::string &directory, Problem &problem);
 
-// Lists one directory; a name is the topic, relative to the root. Nothing with a problem.
+// Lists one directory; nothing, with a problem, when that is not possible.
 std::optional<StoreDirectory> list_directory(const std::string &directory, Problem &problem);
 
 struct StoreListing {
     std::vector<StoreFile> files; // sorted by topic
     std::vector<std::string> directories;
-    std::vector<Problem> problems;   // directories that cannot be read
-    std::vector<std::string> closed; // their names
+    std::vector<Problem> problems;   // of directories that cannot be read
+    std::vector<std::string> closed; // the names of those directories
 };
 
+// Lists what a selection covers. A store that does not exist has no topics.
 StoreListing list_store(const Selection &selection);
 
 // Says whether an entry is a regular file of a segment's size; else the problem names what it is.
 bool is_segment_file(const struct stat &status, const std::string &topic, Problem &problem);
 
-// Opens topics one after another, keeping the directory of the last one at hand.
+// What stands at a topic's place; a new topic fits only where nothing does.
+enum class Place {
+    free,
+    topic,
+    directory,     // other topics lie below it
+    below_a_topic, // one of its levels is a topic itself
+    unreachable,   // behind a link, or behind a directory without permission
+};
+Place place_of(const std::string &topic);
+
+// Where a topic's file lies: a name in an open directory, on which every deed is done (openat,
+// fstatat, unlinkat, linkat). The descriptor belongs to the TopicOpener and lasts until its next call.
+struct TopicPlace {
+    int directory;
+    std::string name;
+};
+
+// Opens and removes topics one after another, and keeps the directory of the last one at hand.
 class TopicOpener {
   public:
-    // A descriptor for reading, or a problem: no such topic, no permission, not a segment.
-    UniqueFd open(const std::string &topic, Problem &problem);
+    // Lets the directory go. To be called at the begin of each round of work, since another one may
+    // have taken its name meanwhile.
+    void start_round()
+    {
+        directory_fd_.reset();
+    }
+
+    // Nothing, with a problem, when the directory does not exist or may not be entered.
+    std::optional<TopicPlace> locate(const std::string &topic, Problem &problem);
+    // The same, after making those directories that are missing.
+    std::optional<TopicPlace> make_place(const std::string &topic, Problem &problem);
+
+    // A descriptor of the segment, or a problem: no such topic, no permission, not a segment.
+    UniqueFd open(const std::string &topic, Problem &problem, int access = O_RDONLY);
     // The same for whatever lies there, so that the caller finds out by reading.
-    UniqueFd open_any(const std::string &topic, Problem &problem);
-    // Why an open file is none.
+    UniqueFd open_any(const std::string &topic, Problem &problem, int access = O_RDONLY);
+    // Why an open file is no segment.
     static Problem not_a_segment(const std::string &topic, const UniqueFd &fd);
+
     // The file's status without opening it; false with a problem.
     bool status(const std::string &topic, struct stat &status, Problem &problem);
     // Removes the file; false with a problem.
     bool remove(const std::string &topic, Problem &problem);
+    // The same, if it still is the file that the caller knows: looks again directly before the deed.
+    bool remove_same(const std::string &topic, const FileId &file, Problem &problem);
 
   private:
-    // Where the topic's file lies, or -1 with a problem; sets `name_` to its name there.
-    int directory_of(const std::string &topic, Problem &problem);
+    enum class Missing { fail, make };
 
+    std::optional<TopicPlace> find(const std::string &topic, Missing missing, Problem &problem);
+
+    UniqueFd directory_fd_;
     std::string directory_;
-    std::string name_;
-    std::unique_ptr<UniqueFd> directory_fd_;
 };
 
 } // namespace kp::tool

@@ -1,8 +1,7 @@
-// Text that is safe to show: names and values come from other processes, and a control sequence in
-// one of them must not reach the terminal. Also the two encodings of bytes as text.
+// Text that is safe to show. Names and values come from other processes, and a control sequence in one
+// of them must not reach a terminal or a log.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,36 +14,34 @@ struct CodePoint {
     bool valid;
 };
 
+// The code point at the start of a text that is not empty.
 CodePoint next_code_point(std::string_view text);
 
 bool is_utf8(std::string_view text);
 
-// Control characters, what turns the direction of text, bytes that are not UTF-8, and the backslash
-// itself as backslash escapes; all else as it is.
+// Says whether a code point would do something to a terminal or to the text around it: the control
+// characters, and the marks that separate lines or change the direction of text.
+bool is_unsafe_to_show(char32_t value);
+
+// Writes as backslash escapes what is unsafe to show, bytes that are not UTF-8, and the backslash
+// itself. All else stays as it is.
 std::string escaped(std::string_view text);
 
-// A word for a shell that stands for just these bytes, safe to show and to paste: in quotes, and in
-// those of bash where something in it must not reach the terminal.
+// A word for a shell that stands for just these bytes, safe to show and to paste. It is in quotes, and
+// in those of bash where something in it must not reach the terminal.
 std::string shell_word(std::string_view text);
 
 // Columns that escaped text takes on a terminal.
 std::size_t display_width(std::string_view text);
 
-// Cut to `columns` and ended with an ellipsis where something is missing.
+// Cuts to `columns`, with an ellipsis at the end where something is missing.
 std::string shortened(std::string_view text, std::size_t columns);
 
-// Filled with spaces to `columns`.
+// Fills with spaces to `columns`: behind the text, or in front of it.
 std::string padded(std::string_view text, std::size_t columns);
 std::string padded_left(std::string_view text, std::size_t columns);
 
-std::string to_hex(std::string_view bytes);
-// Spaces and colons between the bytes and a leading "0x" are allowed.
-std::optional<std::string> from_hex(std::string_view text);
-
-std::string to_base64(std::string_view bytes);
-std::optional<std::string> from_base64(std::string_view text);
-
-// Says whether the terminal's character set is UTF-8.
+// Says whether the terminal's character set is UTF-8; main() must have called setlocale().
 bool locale_is_utf8();
 
 } // namespace kp::tool

@@ -1,56 +1,20 @@
 #include "common/value_text.h"
 
+#include "common/encoding.h"
+#include "common/number_type.h"
 #include "common/text.h"
-#include "layout/value_type.h"
 
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <cstring>
+#include <strings.h>
 #include <type_traits>
 
 namespace kp::tool {
 
 namespace {
 
-template <typename T> T from_bytes(std::string_view bytes)
-{
-    T value{};
-    std::memcpy(&value, bytes.data(), std::min(sizeof(value), bytes.size()));
-    return value;
-}
-
-template <typename T> std::string to_bytes(T value)
-{
-    return std::string(reinterpret_cast<const char *>(&value), sizeof(value));
-}
-
-// Calls `use` with a zero of the C++ type that a number type has.
-template <typename Use> auto with_number(uint32_t type, const Use &use)
-{
-    switch (type) {
-    case KP_TYPE_INT8:
-        return use(int8_t{});
-    case KP_TYPE_INT16:
-        return use(int16_t{});
-    case KP_TYPE_INT32:
-        return use(int32_t{});
-    case KP_TYPE_INT64:
-        return use(int64_t{});
-    case KP_TYPE_UINT8:
-        return use(uint8_t{});
-    case KP_TYPE_UINT16:
-        return use(uint16_t{});
-    case KP_TYPE_UINT32:
-        return use(uint32_t{});
-    case KP_TYPE_UINT64:
-        return use(uint64_t{});
-    case KP_TYPE_FLOAT:
-        return use(float{});
-    default:
-        return use(double{});
-    }
-}
+using Bytes = Result<std::string>;
 
 template <typename T> std::string number_text(T value)
 {
@@ -65,59 +29,55 @@ template <typename T> std::string number_text(T value)
     return std::string(out.data(), end.ptr);
 }
 
-template <typename T> bool parse_number(std::string_view text, T &value)
+template <typename T>
+std::from_chars_result read_number(std::string_view text, bool is_hexadecimal, T &value)
 {
-    if (text.starts_with('+'))
-        text.remove_prefix(1);
     const char *end = text.data() + text.size();
-    std::from_chars_result result{};
-    if constexpr (std::is_integral_v<T>) {
-        const bool hex = text.starts_with("0x") || text.starts_with("0X");
-        result = std::from_chars(text.data() + (hex ? 2 : 0), end, value, hex ? 16 : 10);
-    } else {
-        result = std::from_chars(text.data(), end, value);
-    }
-    return result.ec == std::errc() && result.ptr == end && !text.empty();
+    if constexpr (std::is_integral_v<T>)
+        return std::from_chars(text.data(), end, value, is_hexadecimal ? 16 : 10);
+    else
+        return std::from_chars(text.data(), end, value);
 }
 
-std::optional<bool> parse_boolean(std::string_view text)
+template <typename T> Bytes number_bytes(std::string_view text)
 {
-    for (const std::string_view yes : {"true", "1", "on", "yes"})
-        if (text == yes)
-            return true;
-    for (const std::string_view no : {"false", "0", "off", "no"})
-        if (text == no)
-            return false;
-    return std::nullopt;
+    const bool has_plus = text.starts_with('+');
+    text.remove_prefix(has_plus);
+    const bool is_hexadecimal =
+        std::is_integral_v<T> && (text.starts_with("0x") || text.starts_with("0X"));
+    text.remove_prefix(is_hexadecimal ? 2 : 0);
+    const bool has_second_sign = (has_plus || is_hexadecimal) && text.starts_with('-');
+    T value{};
+    const auto [end, error] = read_number(text, is_hexadecimal, value);
+    if (error == std::errc::result_out_of_range)
+        return Bytes::failed("it is out of the type's range");
+    if (error != std::errc() || end != text.data() + text.size() || has_second_sign)
+        return Bytes::failed("it is no value of the type");
+    return Bytes::of(to_bytes(value));
 }
 
-std::optional<std::string> parse_bytes(std::string_view text, ByteStyle style)
+Bytes boolean_bytes(const std::string &text)
 {
-    return style == ByteStyle::hex ? from_hex(text) : from_base64(text);
+    const auto is = [&text](const char *word) { return strcasecmp(text.c_str(), word) == 0; };
+    if (is("true") || is("1") || is("on") || is("yes"))
+        return Bytes::of(to_bytes<uint8_t>(1));
+    if (is("false") || is("0") || is("off") || is("no"))
+        return Bytes::of(to_bytes<uint8_t>(0));
+    return Bytes::failed("it is no boolean");
 }
 
-std::optional<std::string> parse_plain(uint32_t type, std::string_view text, ByteStyle style)
+Bytes decoded(std::optional<std::string> bytes, const char *why)
 {
-    if (is_text_type(type))
-        return std::string(text);
-    if (is_binary_type(type))
-        return parse_bytes(text, style);
-    if (type == KP_TYPE_BOOLEAN) {
-        const auto value = parse_boolean(text);
-        return value ? std::optional(std::string(1, *value ? '\1' : '\0')) : std::nullopt;
-    }
-    return with_number(type, [text](auto value) -> std::optional<std::string> {
-        return parse_number(text, value) ? std::optional(to_bytes(value)) : std::nullopt;
-    });
+    return bytes ? Bytes::of(std::move(*bytes)) : Bytes::failed(why);
 }
 
-std::string expectation(uint32_t type, ByteStyle style)
+Bytes binary_bytes(std::string_view text, ByteStyle style)
 {
-    if (is_binary_type(type))
-        return style == ByteStyle::hex ? "pairs of hexadecimal digits" : "base64";
-    if (type == KP_TYPE_BOOLEAN)
-        return "true or false";
-    return std::string(kp_type2str(type)) + " in its range";
+    if (style == ByteStyle::hex)
+        return decoded(from_hex(text), "it is no pairs of hexadecimal digits");
+    if (style == ByteStyle::base64)
+        return decoded(from_base64(text), "it is no base64");
+    return Bytes::of(std::string(text));
 }
 
 } // namespace
@@ -137,69 +97,90 @@ bool is_number_type(uint32_t type)
     return type > KP_TYPE_BOOLEAN && type <= KP_TYPE_DOUBLE;
 }
 
+bool is_floating_type(uint32_t type)
+{
+    return type == KP_TYPE_FLOAT || type == KP_TYPE_DOUBLE;
+}
+
+std::string plain_text(uint32_t type, std::string_view bytes)
+{
+    if (has_variable_size(type))
+        return std::string(bytes);
+    if (bytes.size() != kp_get_value_size(type, 0))
+        return {};
+    if (type == KP_TYPE_BOOLEAN)
+        return bytes[0] ? "true" : "false";
+    return with_number(
+        type, [bytes](auto zero) { return number_text(from_bytes<decltype(zero)>(bytes)); });
+}
+
 std::string value_text(uint32_t type, std::string_view bytes, ByteStyle style)
 {
     if (is_text_type(type))
         return escaped(bytes);
-    if (is_binary_type(type))
-        return style == ByteStyle::hex ? to_hex(bytes) : to_base64(bytes);
-    if (type == KP_TYPE_BOOLEAN)
-        return from_bytes<uint8_t>(bytes) != 0 ? "true" : "false";
-    return with_number(
-        type, [bytes](auto value) { return number_text(from_bytes<decltype(value)>(bytes)); });
+    if (is_binary_type(type) && style == ByteStyle::hex)
+        return to_hex(bytes);
+    if (is_binary_type(type) && style == ByteStyle::base64)
+        return to_base64(bytes);
+    return plain_text(type, bytes);
 }
 
-nlohmann::ordered_json value_json(uint32_t type, std::string_view bytes, ByteStyle style)
+Result<std::string> text_bytes(uint32_t type, std::string_view text, ByteStyle style)
 {
     if (is_text_type(type))
-        return std::string(bytes);
+        return Bytes::of(std::string(text));
     if (is_binary_type(type))
-        return value_text(type, bytes, style);
+        return binary_bytes(text, style);
     if (type == KP_TYPE_BOOLEAN)
-        return from_bytes<uint8_t>(bytes) != 0;
-    return with_number(type, [bytes](auto zero) -> nlohmann::ordered_json {
-        const auto value = from_bytes<decltype(zero)>(bytes);
-        if constexpr (std::is_floating_point_v<decltype(zero)>) {
-            if (!std::isfinite(value))
-                return number_text(value);
-            // Through the text of its own width: as a double, 0.1f would show digits that it has not.
-            return std::strtod(number_text(value).c_str(), nullptr);
-        } else {
-            return value;
-        }
-    });
+        return boolean_bytes(std::string(text));
+    return with_number(type, [text](auto zero) { return number_bytes<decltype(zero)>(text); });
+}
+
+Result<std::string> checked_bytes(uint32_t type, uint32_t max_size, std::string_view bytes)
+{
+    if (bytes.empty())
+        return Bytes::failed("it is empty");
+    if (has_variable_size(type) && bytes.size() > max_size)
+        return Bytes::failed("it has " + std::to_string(bytes.size()) + " bytes of at most " +
+                             std::to_string(max_size));
+    if (!has_variable_size(type) && bytes.size() != kp_get_value_size(type, 0))
+        return Bytes::failed("it has " + std::to_string(bytes.size()) +
+                             " bytes, the type another number");
+    return Bytes::of(std::string(bytes));
 }
 
 std::optional<std::string> parse_value(uint32_t type, std::string_view text, ByteStyle style,
                                        Problem &problem)
 {
-    auto bytes = parse_plain(type, text, style);
+    auto bytes = text_bytes(type, text, style);
     if (!bytes)
         problem = {kUsage,
-                   "\"" + shortened(escaped(text), 60) + "\" is not " + expectation(type, style)};
-    else if (bytes->empty())
+                   "\"" + shortened(escaped(text), 60) + "\" is not " + expected_text(type, style)};
+    else if (bytes.value->empty())
         problem = {kUsage, "an empty value cannot be stored"};
-    else if (bytes->size() > KP_MAX_VALUE_SIZE)
-        problem = {kUsage, "a value of " + std::to_string(bytes->size()) +
+    else if (bytes.value->size() > KP_MAX_VALUE_SIZE)
+        problem = {kUsage, "a value of " + std::to_string(bytes.value->size()) +
                                " bytes is longer than the largest, " +
                                std::to_string(KP_MAX_VALUE_SIZE)};
     else
-        return bytes;
+        return std::move(bytes.value);
     return std::nullopt;
 }
 
-std::optional<std::string> parse_json_value(uint32_t type, const nlohmann::json &value,
-                                            ByteStyle style, Problem &problem)
+std::string expected_text(uint32_t type, ByteStyle style)
 {
-    if (value.is_string())
-        return parse_value(type, value.get_ref<const std::string &>(), style, problem);
-    const bool fits = value.is_boolean() ? type == KP_TYPE_BOOLEAN
-                                         : value.is_number() && !has_variable_size(type);
-    if (fits)
-        return parse_value(type, value.dump(), style, problem);
-    problem = {kUsage, shortened(escaped(value.dump()), 60) + " is not " +
-                           (is_text_type(type) ? "a string" : expectation(type, style))};
-    return std::nullopt;
+    if (is_binary_type(type))
+        return style == ByteStyle::hex ? "pairs of hexadecimal digits" : "base64";
+    if (type == KP_TYPE_BOOLEAN)
+        return "true or false";
+    return std::string(kp_type2str(type)) + " in its range";
+}
+
+double as_double(uint32_t type, std::string_view bytes)
+{
+    return with_number(type, [bytes](auto zero) {
+        return static_cast<double>(from_bytes<decltype(zero)>(bytes));
+    });
 }
 
 std::optional<int> compare_values(uint32_t type, std::string_view a, std::string_view b)

@@ -1,36 +1,54 @@
-// Values as text and back. Numbers are printed in the shortest form that reads back to the same bits.
+// Values as text and back. Numbers are written in the shortest form that reads back to the same bits.
+// Bytes are those of the store: the machine's own, little-endian.
 #pragma once
 
-#include "kp/problem.h"
-#include "common/segment_reader.h"
+#include "common/problem.h"
+#include "common/result.h"
+#include "layout/value_type.h"
 
-#include <nlohmann/json.hpp>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
 
 namespace kp::tool {
 
-// How bytes that are no text are written.
-enum class ByteStyle { hex, base64 };
+// How the bytes of a bytearray or a raw value are written.
+enum class ByteStyle { plain, hex, base64 };
 
-bool is_text_type(uint32_t type);   // string
-bool is_binary_type(uint32_t type); // bytearray and raw
-bool is_number_type(uint32_t type); // every other but boolean
+bool is_text_type(uint32_t type);     // string
+bool is_binary_type(uint32_t type);   // bytearray and raw
+bool is_number_type(uint32_t type);   // every other type but boolean
+bool is_floating_type(uint32_t type); // float and double
 
-// The value for people, with control characters escaped. Bytes must fit the type.
+// A number, "true" or "false", or the bytes themselves for the types of variable size. Bytes of a
+// wrong size for the type give an empty text.
+std::string plain_text(uint32_t type, std::string_view bytes);
+
+// The same for people: a string is escaped, and binary bytes are written in the style.
 std::string value_text(uint32_t type, std::string_view bytes, ByteStyle style = ByteStyle::hex);
 
-// The value as JSON: true, 21.5, "text"; NaN and infinities are strings, bytes are text of the style.
-nlohmann::ordered_json value_json(uint32_t type, std::string_view bytes,
-                                  ByteStyle style = ByteStyle::hex);
+// The bytes of a value given as text, which must be used up whole and fit the type. Whole numbers may
+// be hexadecimal with a leading "0x". A boolean is true, on, yes, 1 or false, off, no, 0, in upper or
+// lower case. Says nothing about the size of a variable type; checked_bytes() does.
+Result<std::string> text_bytes(uint32_t type, std::string_view text, ByteStyle style);
 
-// The bytes that a text stands for in a type; nothing with a problem when it does not fit.
+// The bytes, when they are not empty and of a size that the type takes: at most `max_size` for the
+// types of variable size.
+Result<std::string> checked_bytes(uint32_t type, uint32_t max_size, std::string_view bytes);
+
+// Both for what a user has typed, with a whole sentence as the problem.
 std::optional<std::string> parse_value(uint32_t type, std::string_view text, ByteStyle style,
                                        Problem &problem);
 
-// The same from a JSON value.
-std::optional<std::string> parse_json_value(uint32_t type, const nlohmann::json &value,
-                                            ByteStyle style, Problem &problem);
+// What a text must be to stand for a value of the type: "true or false", "int8 in its range".
+std::string expected_text(uint32_t type, ByteStyle style);
 
-// -1, 0 or 1 as `a` stands to `b`; nothing when they cannot be compared (NaN).
+// A number or boolean as a double.
+double as_double(uint32_t type, std::string_view bytes);
+
+// -1, 0 or 1 as `a` stands to `b`; nothing when they cannot be compared (NaN). The bytes must have the
+// type's size.
 std::optional<int> compare_values(uint32_t type, std::string_view a, std::string_view b);
 
 } // namespace kp::tool

@@ -2,6 +2,7 @@
 #include "checks.h"
 #include "commands.h"
 #include "endpoints.h"
+#include "common/encoding.h"
 #include "common/text.h"
 #include "output.h"
 #include "row_format.h"

@@ -97,7 +97,7 @@ class Top {
     {
         if (filter_.empty())
             return true;
-        return is_pattern(filter_) ? Pattern(filter_).matches(topic)
+        return is_pattern(filter_) ? Pattern(filter_).covers(topic)
                                    : topic.find(filter_) != std::string::npos;
     }
 
@@ -168,7 +168,7 @@ class Top {
         // Frozen rows stay as they are, so what was read last is kept.
         auto &shown = shown_[live.topic];
         if (!is_frozen_ || shown.last_write_ts == 0)
-            shown = live.view.read().value_or(Snapshot());
+            shown = live.reader.read().value_or(Snapshot());
         const double rate = rate_of(live.topic);
         std::array<char, 32> rate_text{};
         (void)std::snprintf(rate_text.data(), rate_text.size(), "%.1f", rate);

@@ -75,7 +75,7 @@ class Watch {
         while (goes_on()) {
             if (!wait_readable(queue.fd(), std::min(look_at_all, end_)))
                 return;
-            const kp_write_info notice = queue.take();
+            const Buckets notice = queue.take();
             const bool all = monotonic_us() >= look_at_all;
             look(all ? nullptr : &notice);
             if (all)
@@ -93,13 +93,13 @@ class Watch {
     }
 
     // A look at every topic, or at those that a notice speaks of.
-    void look(const kp_write_info *notice)
+    void look(const Buckets *notice)
     {
         store_.refresh();
         store_.for_each_change_where(
             [notice](const LiveTopic &live) {
                 return !notice || live.is_new || live.unfinished ||
-                       has_bucket(*notice, kp_hash(live.topic.c_str()));
+                       notice->test(kp_hash(live.topic.c_str()));
             },
             [this](const LiveTopic &live, bool) { print(live); });
         (void)output().flush();
@@ -111,7 +111,7 @@ class Watch {
     {
         if (is_complete() || (is_first_look_ && options_.no_initial))
             return;
-        auto snapshot = live.view.read();
+        auto snapshot = live.reader.read();
         if (snapshot && snapshot->condition == Condition::corrupt)
             store_.report(value_problem(live.topic, *snapshot));
         if (!snapshot || snapshot->condition != Condition::value)

@@ -1,10 +1,8 @@
-// The change notices of all peers through a handle of the library, gathered in one bitmap until the
-// program has time for them: its output may stall, the receive thread never waits for it.
+// The change notices of all peers, gathered through a handle of the library.
 #pragma once
 
-#include "problem.h"
-#include "kp.h"
-#include "layout/unique_fd.h"
+#include "common/notice_marks.h"
+#include "common/problem.h"
 
 #include <memory>
 
@@ -12,7 +10,8 @@ namespace kp::tool {
 
 class NoticeQueue {
   public:
-    // Joins the mesh; null with a problem.
+    // Joins the mesh; null with a problem. A notice that comes while it joins may be lost, so that the
+    // first look at the topics has to come after it.
     static std::unique_ptr<NoticeQueue> join(Problem &problem);
     NoticeQueue(const NoticeQueue &) = delete;
     NoticeQueue &operator=(const NoticeQueue &) = delete;
@@ -21,20 +20,19 @@ class NoticeQueue {
     // Readable while there is something to take.
     int fd() const
     {
-        return event_.get();
+        return marks_.fd();
     }
-    // The buckets of all notices since the last time.
-    kp_write_info take();
+    // The buckets of all notices since the last call.
+    Buckets take()
+    {
+        return marks_.take();
+    }
 
   private:
-    explicit NoticeQueue(int event) : event_(event)
-    {
-    }
+    NoticeQueue() = default;
 
-    UniqueFd event_;
+    NoticeMarks marks_;
     kp_t *handle_ = nullptr;
 };
-
-bool has_bucket(const kp_write_info &notice, uint32_t bucket);
 
 } // namespace kp::tool

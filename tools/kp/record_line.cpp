@@ -1,5 +1,6 @@
 #include "record_line.h"
 
+#include "common/encoding.h"
 #include "common/text.h"
 #include "layout/value_type.h"
 #include "time_text.h"

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "row_format.h"
-#include "common/value_text.h"
+#include "common/value_json.h"
 #include "writer.h"
 
 namespace kp::tool {

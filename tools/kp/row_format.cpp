@@ -1,5 +1,6 @@
 #include "row_format.h"
 
+#include "common/encoding.h"
 #include "common/text.h"
 #include "output.h"
 

@@ -3,7 +3,7 @@
 
 #include "common/segment_reader.h"
 #include "time_text.h"
-#include "common/value_text.h"
+#include "common/value_json.h"
 
 namespace CLI {
 class App;

@@ -8,14 +8,6 @@ namespace kp::tool {
 
 namespace {
 
-uint64_t clock_us(clockid_t clock)
-{
-    timespec time{};
-    (void)clock_gettime(clock, &time);
-    return static_cast<uint64_t>(time.tv_sec) * kUsPerSecond +
-           static_cast<uint64_t>(time.tv_nsec) / 1000;
-}
-
 // Date and time of day with microseconds; nothing for a year that no calendar holds.
 std::string broken_down(const std::tm *parts, uint64_t us, char separator, const char *zone)
 {
@@ -43,16 +35,6 @@ std::string with_unit(double amount, const char *unit)
 }
 
 } // namespace
-
-uint64_t now_us()
-{
-    return clock_us(CLOCK_REALTIME);
-}
-
-uint64_t monotonic_us()
-{
-    return clock_us(CLOCK_MONOTONIC);
-}
 
 std::string iso_utc(uint64_t us)
 {

@@ -1,17 +1,14 @@
 // Times and ages as text.
 #pragma once
 
+#include "common/clock.h"
+
 #include <cstdint>
 #include <string>
 
 namespace kp::tool {
 
 enum class TimeStyle { local, utc, epoch, relative };
-
-constexpr uint64_t kUsPerSecond = 1'000'000;
-
-uint64_t now_us();       // wall clock, as the time stamps
-uint64_t monotonic_us(); // for intervals of our own
 
 // 2026-11-20T20:30:00.123456Z
 std::string iso_utc(uint64_t us);

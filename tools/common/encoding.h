@@ -1,0 +1,21 @@
+// Bytes as text: hexadecimal and base64.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kp::tool {
+
+// Two lower-case digits for each byte.
+std::string to_hex(std::string_view bytes);
+// Nothing for what is no pairs of digits. Spaces and colons between the bytes and a leading "0x" are
+// allowed.
+std::optional<std::string> from_hex(std::string_view text);
+
+// With padding, in one line.
+std::string to_base64(std::string_view bytes);
+// Nothing for what is no base64 with padding.
+std::optional<std::string> from_base64(std::string_view text);
+
+} // namespace kp::tool

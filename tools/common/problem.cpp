@@ -1,0 +1,35 @@
+#include "common/problem.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace kp::tool {
+
+namespace {
+
+int kind_of(int error)
+{
+    switch (error) {
+    case EACCES:
+    case EPERM:
+    case EROFS:
+        return kPermission;
+    case ENOENT:
+        return kNothing;
+    case ELOOP:
+    case ENOTDIR:
+    case EISDIR:
+        return kInvalid;
+    default:
+        return kLimit;
+    }
+}
+
+} // namespace
+
+Problem system_problem(const std::string &subject, int error)
+{
+    return {kind_of(error), subject + ": " + std::strerror(error)};
+}
+
+} // namespace kp::tool
