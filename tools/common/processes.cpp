@@ -149,6 +149,18 @@ std::string mode_text(mode_t mode)
     return out.data();
 }
 
+std::vector<pid_t> children_of(pid_t parent)
+{
+    std::vector<pid_t> children = all_pids();
+    std::erase_if(children, [parent](pid_t pid) {
+        char state = '?';
+        int of = 0;
+        return std::sscanf(stat_fields(pid).c_str(), "%c %d", &state, &of) != 2 ||
+               of != parent;
+    });
+    return children;
+}
+
 // The line "Gid:" has the real, effective and saved group and the one for files, which counts.
 std::optional<std::set<gid_t>> groups_of(pid_t pid)
 {

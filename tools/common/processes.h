@@ -31,6 +31,9 @@ std::string group_name(gid_t gid);
 // The permission bits in octal.
 std::string mode_text(mode_t mode);
 
+// The processes whose parent it is now, those that have ended but not been waited for included.
+std::vector<pid_t> children_of(pid_t parent);
+
 // The groups that a process's rights come from; nothing when it has ended.
 std::optional<std::set<gid_t>> groups_of(pid_t pid);
 

@@ -22,6 +22,17 @@ class Commands {
         return *command;
     }
 
+    // The words behind `--` of a command that starts another one; the parser does not see them, since
+    // it would read brackets, options and names of its own into them.
+    void set_words_behind_mark(std::vector<std::string> words)
+    {
+        words_behind_mark_ = std::move(words);
+    }
+    const std::vector<std::string> &words_behind_mark() const
+    {
+        return words_behind_mark_;
+    }
+
     int run() const
     {
         return chosen_ ? chosen_() : kUsage;
@@ -30,6 +41,7 @@ class Commands {
   private:
     CLI::App &app_;
     std::function<int()> chosen_;
+    std::vector<std::string> words_behind_mark_;
 };
 
 void add_list(Commands &commands);
@@ -50,5 +62,6 @@ void add_peers(Commands &commands);
 void add_doctor(Commands &commands);
 void add_gc(Commands &commands);
 void add_bench(Commands &commands);
+void add_sandbox(Commands &commands);
 
 } // namespace kp::tool

@@ -24,10 +24,24 @@ _kp_unquoted() {
     esac
 }
 
+# What kp sandbox takes: a command behind --, and its own words, which are completed as files.
+_kp_sandbox() {
+    local word=$1 previous=$2
+    if [[ $previous == -- ]]; then
+        mapfile -t COMPREPLY < <(compgen -c -- "$word")
+    elif [[ $previous == --keep ]]; then
+        mapfile -t COMPREPLY < <(compgen -d -- "$word")
+    elif [[ " ${COMP_WORDS[*]:0:COMP_CWORD} " == *' -- '* ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+    else
+        mapfile -t COMPREPLY < <(compgen -W '--network-none --keep --help --' -- "$word")
+    fi
+}
+
 _kp() {
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' index
     local commands='list get set info watch wait hz top dump restore record
-        replay export rm peers doctor gc bench help'
+        replay export rm peers doctor gc bench sandbox help'
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         case ${COMP_WORDS[index]} in
@@ -55,6 +69,8 @@ _kp() {
     esac
     if [[ -z $command || $command == help ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$word")
+    elif [[ $command == sandbox ]]; then
+        _kp_sandbox "$word" "$previous"
     elif [[ $word == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(kp "$command" --help 2>/dev/null |
             grep -oE -- '(^|[ ,])--?[a-zA-Z0-9][a-z0-9-]*' | tr -d ' ,')" -- "$word")

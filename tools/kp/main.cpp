@@ -1,7 +1,7 @@
 // kp: the tags of this device, seen, set and looked after from a shell.
 #include "commands.h"
-#include "common/text.h"
 #include "common/fault_guard.h"
+#include "common/text.h"
 #include "kp.h"
 #include "output.h"
 #include "stop.h"
@@ -67,6 +67,7 @@ void add_commands(Commands &commands)
     add_doctor(commands);
     add_gc(commands);
     add_bench(commands);
+    add_sandbox(commands);
 }
 
 // Negative numbers that the parser takes for options: -inf, -nan, -.5.
@@ -111,6 +112,30 @@ std::vector<std::string> arguments_of(int argc, char **argv)
     return arguments;
 }
 
+// Says whether these arguments are for the command `name`: the first that names a command counts.
+bool is_for(const CLI::App &app, const std::vector<std::string> &arguments, const char *name)
+{
+    const auto is_command = [&app](const std::string &argument) {
+        const auto is_meant = [&](const CLI::App *command) {
+            return command->check_name(argument);
+        };
+        return !app.get_subcommands(is_meant).empty();
+    };
+    const auto found = std::find_if(arguments.begin(), arguments.end(), is_command);
+    return found != arguments.end() && *found == name;
+}
+
+// Cuts off what stands behind the first `--`, together with it.
+std::vector<std::string> cut_behind_mark(std::vector<std::string> &arguments)
+{
+    const auto mark = std::find(arguments.begin(), arguments.end(), "--");
+    if (mark == arguments.end())
+        return {};
+    std::vector<std::string> words(std::next(mark), arguments.end());
+    arguments.erase(mark, arguments.end());
+    return words;
+}
+
 // `kp help` of what is no command, which would pass for `kp --help`.
 bool asks_for_unknown_help(const CLI::App &app, int argc, char **argv)
 {
@@ -152,6 +177,8 @@ int main(int argc, char **argv)
         return complain(Problem{kUsage, "no such command: " + escaped(argv[2])});
     try {
         auto arguments = arguments_of(argc, argv);
+        if (is_for(app, arguments, "sandbox"))
+            commands.set_words_behind_mark(cut_behind_mark(arguments));
         std::reverse(arguments.begin(), arguments.end()); // the order that the parser wants
         app.parse(arguments);
     } catch (const CLI::ParseError &end) {

@@ -117,17 +117,20 @@ int end_code(int code)
     return output().is_open() ? code : output().code();
 }
 
-void die_of_stop_signal()
+void die_of(int number)
 {
-    const int number = stop_signal();
-    if (number == 0)
-        return;
     (void)std::signal(number, SIG_DFL);
     sigset_t just_this;
     (void)sigemptyset(&just_this);
     (void)sigaddset(&just_this, number);
     (void)sigprocmask(SIG_UNBLOCK, &just_this, nullptr);
     (void)raise(number); // comes back in the first process of a container, whom defaults do not end
+}
+
+void die_of_stop_signal()
+{
+    if (stop_signal() != 0)
+        die_of(stop_signal());
 }
 
 } // namespace kp::tool

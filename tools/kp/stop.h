@@ -33,4 +33,8 @@ int end_code(int code);
 // everything is tidied up.
 void die_of_stop_signal();
 
+// Ends the program by this signal, whatever was done about it before. Returns in the first process of a
+// container, which only its own handlers end.
+void die_of(int signal);
+
 } // namespace kp::tool

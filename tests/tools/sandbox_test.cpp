@@ -1,0 +1,255 @@
+#include "kp_run.h"
+
+#include "testing/process.h"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace kptest;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Its scripts leave what they have to tell in /run/scripts, which the sandbox and the test both see.
+Ran sandboxed(const std::string &script, const RunOptions &options = {})
+{
+    fs::create_directory("/run/scripts");
+    return kp({"sandbox", "--", "sh", "-c", script}, options);
+}
+
+const std::string kWriteAndList =
+    KP_PROGRAM " set a/b 1.5 --type double >/dev/null && " KP_PROGRAM " list";
+
+// The number that a script has left in a file; 0 as long as there is none.
+pid_t number_in(const std::string &path)
+{
+    pid_t number = 0;
+    std::ifstream(path) >> number;
+    return number;
+}
+
+} // namespace
+
+TEST(KpSandbox, GivesACommandAnEmptyStoreOfItsOwn)
+{
+    put_double("outside", 1);
+    fs::create_directory("/run/providers");
+    fs::create_directory("/run/scripts");
+    const std::string before = store_picture();
+
+    const Ran ran = sandboxed(kWriteAndList);
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.out, "a/b\n");
+    EXPECT_EQ(ran.code, 0);
+    EXPECT_EQ(store_picture(), before);
+}
+
+TEST(KpSandbox, WorksWhereTheMachineHasNoStore)
+{
+    const Ran ran = sandboxed(kWriteAndList);
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.out, "a/b\n");
+    EXPECT_FALSE(fs::exists("/dev/shm/zu-kp"));
+    EXPECT_FALSE(fs::exists("/run/providers"));
+}
+
+TEST(KpSandbox, LeavesWhatLiesBesideTheTwoDirectories)
+{
+    std::ofstream("/run/beside") << "text";
+    fs::create_directories("/run/folder/deep");
+    fs::create_symlink("folder", "/run/link");
+
+    const Ran ran = sandboxed("cat /run/beside; ls /run; readlink /run/link; ls /run/folder; "
+                              "echo new >/run/beside");
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.out, "textbeside\nfolder\nlink\nproviders\nscripts\nfolder\ndeep\n");
+    std::string text;
+    std::ifstream("/run/beside") >> text;
+    EXPECT_EQ(text, "new");
+}
+
+TEST(KpSandbox, DoesNotFollowALinkInPlaceOfTheStore)
+{
+    fs::create_directory("/run/victim");
+    std::ofstream("/run/victim/file") << "text";
+    fs::create_symlink("/run/victim", "/dev/shm/zu-kp");
+
+    const Ran ran = sandboxed("ls /run/victim; " + kWriteAndList);
+
+    EXPECT_EQ(ran.out, "file\na/b\n");
+    EXPECT_EQ(fs::exists("/run/victim/a"), false);
+}
+
+TEST(KpSandbox, ServesAnOrdinaryUserWhoKeepsHisNumber)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test cannot become another user";
+
+    const Ran ran = sandboxed("id -u; " + kWriteAndList, {.uid = user});
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.out, std::to_string(user) + "\na/b\n");
+    EXPECT_EQ(ran.code, 0);
+}
+
+TEST(KpSandbox, SaysWhereTheSystemAllowsNone)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test cannot become another user";
+
+    fs::create_directory("/run/scripts");
+    // Only the last user namespace but one may set how many there may be below it.
+    const Ran ran = run_program({"unshare", "--user", "--map-root-user", "sh", "-c",
+                                 "echo 0 >/proc/sys/user/max_user_namespaces && "
+                                 "echo 0 >/proc/sys/user/max_mnt_namespaces && exec " KP_PROGRAM
+                                 " sandbox -- touch /run/scripts/was-run"});
+
+    EXPECT_EQ(ran.err.substr(0, 55), "kp: the system allows no sandbox: unshare: No space lef");
+    EXPECT_NE(ran.err.find("user.max_user_namespaces"), std::string::npos);
+    EXPECT_EQ(ran.code, 125);
+    EXPECT_FALSE(fs::exists("/run/scripts/was-run"));
+}
+
+TEST(KpSandbox, PassesTheExitStatusOn)
+{
+    EXPECT_EQ(sandboxed("exit 7").code, 7);
+    EXPECT_EQ(sandboxed("kill -TERM $$").code, 128 + SIGTERM);
+    EXPECT_EQ(sandboxed("kill -KILL $$").code, 128 + SIGKILL);
+}
+
+TEST(KpSandbox, TellsWhatCannotBeRun)
+{
+    const Ran missing = kp({"sandbox", "--", "/no/such/program"});
+    const Ran directory = kp({"sandbox", "--", "/run"});
+    const Ran nothing = kp({"sandbox"});
+
+    EXPECT_EQ(missing.err, "kp: /no/such/program: No such file or directory\n");
+    EXPECT_EQ(missing.code, 127);
+    EXPECT_EQ(directory.err, "kp: /run: Permission denied\n");
+    EXPECT_EQ(directory.code, 126);
+    EXPECT_EQ(nothing.err, "kp: sandbox: no command to run; put it behind --\n");
+    EXPECT_EQ(nothing.code, 2);
+}
+
+TEST(KpSandbox, HandsEveryWordToTheCommandAsItIs)
+{
+    const Ran ran = kp({"sandbox", "--", "printf", "<%s>", "[a,b]", "--", "-x", "get", "", "{}"});
+
+    EXPECT_EQ(ran.out, "<[a,b]><--><-x><get><><{}>");
+}
+
+TEST(KpSandbox, LeavesTheEnvironmentToTheCommand)
+{
+    const Ran ran = sandboxed(
+        "test \"$KP_SANDBOX\" = \"$(readlink /proc/self/ns/mnt)\" && echo $KP_XLOG_USER_LEVEL",
+        {.environment = {"KP_XLOG_USER_LEVEL=DEBUG"}});
+
+    EXPECT_EQ(ran.out, "DEBUG\n");
+    EXPECT_EQ(ran.code, 0);
+}
+
+TEST(KpSandbox, HandsSignalsOn)
+{
+    // The parent of the command is kp, to which it sends the signal that then comes back.
+    const Ran ran = sandboxed("trap 'echo heard; exit 3' USR1; kill -USR1 $PPID; "
+                              "while :; do sleep 0.01; done");
+
+    EXPECT_EQ(ran.out, "heard\n");
+    EXPECT_EQ(ran.code, 3);
+}
+
+TEST(KpSandbox, EndsWhatTheCommandLeavesRunning)
+{
+    const Ran ran =
+        sandboxed("sh -c 'echo $$ >/run/scripts/left; exec sleep 1000' >/dev/null 2>&1 & "
+                  "while ! test -s /run/scripts/left; do sleep 0.01; done");
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.code, 0);
+    ASSERT_GT(number_in("/run/scripts/left"), 0);
+    EXPECT_NE(::kill(number_in("/run/scripts/left"), 0), 0);
+}
+
+TEST(KpSandbox, KillsWhatDoesNotHear)
+{
+    const Ran ran =
+        sandboxed("sh -c 'trap \"\" TERM; echo $$ >/run/scripts/left; while :; do sleep 1; done' "
+                  ">/dev/null 2>&1 & while ! test -s /run/scripts/left; do sleep 0.01; done");
+
+    EXPECT_NE(ran.err.find("kp: killed what the command left behind: "), std::string::npos);
+    ASSERT_GT(number_in("/run/scripts/left"), 0);
+    EXPECT_NE(::kill(number_in("/run/scripts/left"), 0), 0);
+}
+
+TEST(KpSandbox, TakesTheCommandAlongWhenItIsKilled)
+{
+    const Ran ran = sandboxed("echo $$ >/run/scripts/left; kill -KILL $PPID; sleep 1000");
+
+    EXPECT_EQ(ran.code, 128 + SIGKILL);
+    ASSERT_GT(number_in("/run/scripts/left"), 0);
+    EXPECT_TRUE(wait_until([] { return ::kill(number_in("/run/scripts/left"), 0) != 0; }));
+}
+
+TEST(KpSandbox, KeepsACopyOfTheStore)
+{
+    const Ran ran = kp({"sandbox", "--keep", "/run/copy", "--", KP_PROGRAM, "set", "a/b", "1.5",
+                        "--type", "double"});
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.code, 0);
+    EXPECT_EQ(fs::file_size("/run/copy/a/b"), 4080U);
+    fs::copy("/run/copy", "/dev/shm/zu-kp", fs::copy_options::recursive);
+    EXPECT_EQ(kp({"get", "a/b"}).out, "1.5\n");
+}
+
+TEST(KpSandbox, KeepsNoLinkAndNothingThatIsNoSegment)
+{
+    const Ran ran = kp({"sandbox", "--keep", "/run/copy", "--", "sh", "-c",
+                        "ln -s /etc/passwd /dev/shm/zu-kp/link; echo x >/dev/shm/zu-kp/short; "
+                        "mkfifo /dev/shm/zu-kp/pipe"});
+
+    EXPECT_TRUE(fs::is_empty("/run/copy"));
+    EXPECT_NE(ran.err.find("link: not a segment (a symbolic link)"), std::string::npos);
+    EXPECT_EQ(ran.code, 4);
+}
+
+TEST(KpSandbox, MixesACopyWithNothing)
+{
+    fs::create_directory("/run/copy");
+    fs::create_directory("/run/scripts");
+    std::ofstream("/run/copy/file") << "text";
+
+    const Ran ran = kp({"sandbox", "--keep", "/run/copy", "--", "touch", "/run/scripts/was-run"});
+
+    EXPECT_EQ(ran.err, "kp: /run/copy: not empty, and a copy is not mixed with what is there\n");
+    EXPECT_EQ(ran.code, 2);
+    EXPECT_FALSE(fs::exists("/run/scripts/was-run"));
+}
+
+TEST(KpSandbox, TakesTheNetworkAway)
+{
+    const Ran ran = kp({"sandbox", "--network-none", "--", "cat", "/proc/net/dev"});
+
+    EXPECT_NE(ran.out.find("lo:"), std::string::npos);
+    EXPECT_EQ(ran.out.find("eth"), std::string::npos);
+    EXPECT_EQ(std::count(ran.out.begin(), ran.out.end(), ':'), 1);
+}
+
+TEST(KpSandbox, StandsInItself)
+{
+    const Ran ran = sandboxed(KP_PROGRAM " set a 1 --type int8 >/dev/null; " KP_PROGRAM
+                                         " sandbox -- " KP_PROGRAM " list; " KP_PROGRAM " list");
+
+    EXPECT_EQ(ran.out, "a\n");
+    EXPECT_EQ(ran.err, "");
+}

@@ -1,0 +1,92 @@
+#include "kp/sandbox/store_copy.h"
+
+#include "common/selection.h"
+#include "common/store_files.h"
+#include "common/text.h"
+#include "layout/segment.h"
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+bool is_empty(const UniqueFd &directory)
+{
+    const int again = openat(directory.get(), ".", kDirectoryFlags);
+    const UniqueDir entries(again < 0 ? nullptr : fdopendir(again));
+    return entries && entries.next() == nullptr;
+}
+
+} // namespace
+
+bool StoreCopy::open(const std::string &directory, Problem &problem)
+{
+    name_ = escaped(directory);
+    if (mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
+        problem = system_problem(name_, errno);
+        return false;
+    }
+    directory_.reset(::open(directory.c_str(), kDirectoryFlags));
+    if (!directory_) {
+        problem = system_problem(name_, errno);
+        return false;
+    }
+    if (is_empty(directory_))
+        return true;
+    problem = {kUsage, name_ + ": not empty, and a copy is not mixed with what is there"};
+    return false;
+}
+
+UniqueFd StoreCopy::make_file(const std::string &topic) const
+{
+    UniqueFd here(openat(directory_.get(), ".", kDirectoryFlags));
+    const auto levels = split_levels(topic);
+    for (std::size_t index = 0; here && index + 1 < levels.size(); ++index) {
+        const std::string level(levels[index]);
+        if (mkdirat(here.get(), level.c_str(), 0777) != 0 && errno != EEXIST)
+            return UniqueFd();
+        here.reset(openat(here.get(), level.c_str(), kDirectoryFlags | O_NOFOLLOW));
+    }
+    const std::string name(levels.back());
+    return here ? UniqueFd(openat(here.get(), name.c_str(),
+                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666))
+                : UniqueFd();
+}
+
+bool StoreCopy::copy_topic(const std::string &topic, Problem &problem) const
+{
+    TopicOpener opener;
+    const UniqueFd from = opener.open(topic, problem);
+    if (!from)
+        return false;
+    std::array<char, kSegmentSize> bytes;
+    if (pread(from.get(), bytes.data(), bytes.size(), 0) != kSegmentSize) {
+        problem = TopicOpener::not_a_segment(topic, from);
+        return false;
+    }
+    const UniqueFd to = make_file(topic);
+    if (to && write(to.get(), bytes.data(), bytes.size()) == kSegmentSize)
+        return true;
+    problem = system_problem(name_ + "/" + escaped(topic), errno);
+    return false;
+}
+
+void StoreCopy::take(Outcome &outcome) const
+{
+    const StoreListing listing = list_store(Selection());
+    for (const Problem &problem : listing.problems)
+        outcome.note(problem);
+    for (const StoreFile &file : listing.files) {
+        Problem problem;
+        if (!copy_topic(file.topic, problem))
+            outcome.note(problem);
+    }
+}
+
+} // namespace kp::tool

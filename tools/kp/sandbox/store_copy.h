@@ -1,0 +1,28 @@
+// A copy of the store in a directory of the user's, kept after its sandbox has gone.
+#pragma once
+
+#include "kp/problem.h"
+#include "layout/unique_fd.h"
+
+#include <string>
+
+namespace kp::tool {
+
+class StoreCopy {
+  public:
+    // Opens the directory, making it when it is missing; it must be empty. False with a problem.
+    bool open(const std::string &directory, Problem &problem);
+
+    // Copies every segment of the store that this process sees, each as a file named by its topic.
+    // What cannot be copied is noted in `outcome`; the rest is copied all the same.
+    void take(Outcome &outcome) const;
+
+  private:
+    bool copy_topic(const std::string &topic, Problem &problem) const;
+    UniqueFd make_file(const std::string &topic) const;
+
+    std::string name_;
+    UniqueFd directory_;
+};
+
+} // namespace kp::tool

@@ -1,0 +1,147 @@
+#include "kp/sandbox/supervisor.h"
+
+#include "common/clock.h"
+#include "common/processes.h"
+#include "common/text.h"
+#include "kp/problem.h"
+#include "kp/stop.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr uint64_t kGraceUs = 2 * kUsPerSecond;
+constexpr long kPauseNs = 20'000'000; // between two looks at what is left
+
+// All but those of crashes, which are this program's own, and of job control, which stop it together
+// with the command.
+sigset_t handed_on()
+{
+    sigset_t set;
+    (void)sigfillset(&set);
+    for (const int number :
+         {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS, SIGTSTP, SIGTTIN, SIGTTOU})
+        (void)sigdelset(&set, number);
+    return set;
+}
+
+[[noreturn]] void become(std::vector<std::string> &words, pid_t parent, const sigset_t &mask)
+{
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) // which ended before it could be heard of
+        _exit(kNotRunnable);
+    (void)std::signal(SIGPIPE, SIG_DFL);
+    (void)sigprocmask(SIG_SETMASK, &mask, nullptr);
+    std::vector<char *> arguments;
+    for (std::string &word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    (void)execvp(arguments[0], arguments.data());
+    const int error = errno;
+    complain(escaped(words[0]) + ": " + std::strerror(error));
+    _exit(error == ENOENT ? kNotFound : kNotRunnable);
+}
+
+// Takes the children that have ended; true when `command` was one of them.
+bool reap(pid_t command, int &status)
+{
+    bool ended = false;
+    int other = 0;
+    while (const pid_t pid = waitpid(-1, &other, WNOHANG)) {
+        if (pid < 0)
+            break;
+        if (pid == command) {
+            status = other;
+            ended = true;
+        }
+    }
+    return ended;
+}
+
+int wait_for(pid_t command, const sigset_t &signals)
+{
+    int status = 0;
+    while (!reap(command, status)) {
+        siginfo_t info{};
+        const int number = sigwaitinfo(&signals, &info);
+        if (number > 0 && number != SIGCHLD && info.si_code <= SI_USER)
+            (void)kill(command, number);
+    }
+    return status;
+}
+
+bool has_children()
+{
+    int ignored = 0;
+    (void)reap(0, ignored);
+    siginfo_t info{};
+    return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+// Orphans become children of this process one after another, so each look may find new ones.
+void end_the_rest()
+{
+    const uint64_t start = monotonic_us();
+    std::set<pid_t> asked;
+    std::set<pid_t> killed;
+    while (has_children() && monotonic_us() < start + 2 * kGraceUs) {
+        const bool kills = monotonic_us() >= start + kGraceUs;
+        for (const pid_t pid : children_of(getpid())) {
+            if (kills && killed.insert(pid).second)
+                complain("killed what the command left behind: " + process_text(process_of(pid)));
+            if (kills || asked.insert(pid).second)
+                (void)kill(pid, kills ? SIGKILL : SIGTERM);
+        }
+        const timespec pause{0, kPauseNs};
+        (void)nanosleep(&pause, nullptr);
+    }
+    if (has_children())
+        complain("a process that the command left behind cannot be killed");
+}
+
+} // namespace
+
+int run_to_the_end(std::vector<std::string> words)
+{
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
+    (void)std::signal(SIGCHLD, SIG_DFL); // ignored, the command's end would not show
+    const sigset_t signals = handed_on();
+    sigset_t before;
+    (void)sigprocmask(SIG_BLOCK, &signals, &before);
+    const pid_t parent = getpid();
+    const pid_t command = fork();
+    if (command < 0) {
+        complain(std::string("fork: ") + std::strerror(errno));
+        return W_EXITCODE(kNotRunnable, 0);
+    }
+    if (command == 0)
+        become(words, parent, before);
+    const int status = wait_for(command, signals);
+    end_the_rest();
+    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
+    return status;
+}
+
+void end_like(int status)
+{
+    if (!WIFSIGNALED(status))
+        std::exit(WEXITSTATUS(status));
+    const int number = WTERMSIG(status);
+    const rlimit no_core{0, 0}; // the command has left its own
+    (void)setrlimit(RLIMIT_CORE, &no_core);
+    die_of(number);
+    std::exit(kSignalBase + number);
+}
+
+} // namespace kp::tool
