@@ -71,6 +71,11 @@ class UniqueDir {
     {
         return dir_ != nullptr;
     }
+    // Goes back to the first entry, and to what the directory holds now.
+    void rewind() const
+    {
+        rewinddir(dir_);
+    }
     // The next entry but "." and "..", or null at the end.
     const dirent *next() const
     {

@@ -2,6 +2,8 @@
 // as soon as anything happens on its connection, since a peer never sends on it but only hangs up.
 #include "notify/endpoint.h"
 
+#include "support/high_fd.h"
+
 #include <cerrno>
 #include <poll.h>
 #include <sys/socket.h>
@@ -24,6 +26,11 @@ constexpr useconds_t kSenderPauseUs = 50;
 struct Dropped {
     std::array<UniqueFd, kSlotCount> fds;
     std::size_t count = 0;
+
+    bool is_full() const
+    {
+        return count == fds.size();
+    }
 };
 
 // What the accept thread works on.
@@ -52,26 +59,10 @@ UniqueFd accept_waiting(int listening_fd)
     waiting.events = POLLIN;
     if (poll(&waiting, 1, 0) != 1)
         return UniqueFd();
-    UniqueFd peer(accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC));
+    UniqueFd peer = high_fd(accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC));
     if (!peer && ran_out(errno))
         (void)usleep(kNoDescriptorPauseUs);
     return peer;
-}
-
-// Accepts a peer and returns the index after which the walk of the ready events goes on.
-std::size_t accept_peer(const Acceptor &acceptor, std::size_t index, LogSite site)
-{
-    UniqueFd peer = accept_waiting(acceptor.listening_fd);
-    if (!peer)
-        return index;
-    // Deliberate: the walk goes on after the number of the slot, not after the event. Events that
-    // are skipped stay ready and come with the next wait.
-    const std::size_t slot = kFirstPeerSlot + take_slot(acceptor.peers(), peer.get());
-    if (slot == kSlotCount)
-        KP_LOG_AT(KP_LEVEL_WARN, site, "Cannot find free socket in client_fds poll\n");
-    else
-        (void)add_interest(acceptor.poll, peer.release(), site);
-    return slot;
 }
 
 // Drops the peer on this descriptor, if it is one.
@@ -89,6 +80,39 @@ void drop_peer(const Acceptor &acceptor, int fd, Dropped &dropped, LogSite site)
     dropped.fds[dropped.count++].reset(fd);
 }
 
+// Drops the peers that have hung up, so that they keep no place from others.
+void drop_gone_peers(const Acceptor &acceptor, Dropped &dropped, LogSite site)
+{
+    std::array<pollfd, kSlotCount - kFirstPeerSlot> peers{};
+    for (std::size_t place = 0; place < peers.size(); ++place)
+        peers[place] = {load_ordered(acceptor.peers()[place]), POLLRDHUP, 0};
+    if (poll(peers.data(), peers.size(), 0) <= 0)
+        return;
+    for (const pollfd &peer : peers)
+        if ((peer.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0 && !dropped.is_full())
+            drop_peer(acceptor, peer.fd, dropped, site);
+}
+
+// Accepts a peer and returns the index after which the walk of the ready events goes on.
+std::size_t accept_peer(const Acceptor &acceptor, std::size_t index, Dropped &dropped, LogSite site)
+{
+    UniqueFd peer = accept_waiting(acceptor.listening_fd);
+    if (!peer)
+        return index;
+    // Deliberate: the walk goes on after the number of the slot, not after the event. Events that
+    // are skipped stay ready and come with the next wait.
+    std::size_t slot = kFirstPeerSlot + take_slot(acceptor.peers(), peer.get());
+    if (slot == kSlotCount) {
+        drop_gone_peers(acceptor, dropped, site);
+        slot = kFirstPeerSlot + take_slot(acceptor.peers(), peer.get());
+    }
+    if (slot == kSlotCount)
+        KP_LOG_AT(KP_LEVEL_WARN, site, "Cannot find free socket in client_fds poll\n");
+    else
+        (void)add_interest(acceptor.poll, peer.release(), site);
+    return slot;
+}
+
 void serve_events(const Acceptor &acceptor, std::span<const epoll_event> events,
                   LogSite site = LogSite::current())
 {
@@ -96,8 +120,8 @@ void serve_events(const Acceptor &acceptor, std::span<const epoll_event> events,
     for (std::size_t index = 0; index < events.size(); ++index) {
         const int fd = events[index].data.fd;
         if (fd == acceptor.listening_fd)
-            index = accept_peer(acceptor, index, site);
-        else
+            index = accept_peer(acceptor, index, dropped, site);
+        else if (!dropped.is_full())
             drop_peer(acceptor, fd, dropped, site);
     }
 }
@@ -111,7 +135,7 @@ void *subscriber_connecting_listener(void *arg)
     const int listening_fd = load_ordered(endpoint.client_fds[kListeningSlot]);
     (void)sem_post(&endpoint.stop_cleared); // a close may follow from here on
 
-    const Acceptor acceptor{endpoint, UniqueFd(epoll_create1(EPOLL_CLOEXEC)), listening_fd};
+    const Acceptor acceptor{endpoint, high_fd(epoll_create1(EPOLL_CLOEXEC)), listening_fd};
     if (!acceptor.poll) {
         KP_ERROR("epoll_create1 failed\n");
         return nullptr;

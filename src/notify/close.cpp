@@ -104,5 +104,6 @@ int32_t kp_notify_close(kp_notify_t **endpoint_ref)
     const UniqueFd watch(endpoint.watch_fd);
     (void)sem_destroy(&endpoint.stop_cleared);
     (void)sem_destroy(&endpoint.watch_tried);
+    (void)pthread_mutex_destroy(&endpoint.claims_mutex);
     return 0;
 }

@@ -1,7 +1,10 @@
-// Connecting to a peer. A file of the directory that does not answer three tries is the left-over
-// of a killed endpoint, or no socket at all, and is removed.
+// Connecting to a peer. A file of the directory that refuses three tries is the left-over of a
+// killed endpoint, or no socket at all, and is removed; one that cannot be reached for any other
+// reason is left alone, since somebody may live behind it.
 #include "notify/endpoint.h"
+
 #include "support/clock.h"
+#include "support/high_fd.h"
 
 #include <cerrno>
 #include <cstring>
@@ -9,21 +12,20 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <time.h>
 #include <unistd.h>
 
 namespace kp {
 
 namespace {
 
-constexpr int kTries = 3;
-constexpr int64_t kPauseMs = 1000;
+// A peer that is made anew again and again must not hold up an opening for ever. Its later sockets
+// are the directory watch's business.
+constexpr int kMostTries = 4 * kTries;
 
 // A connect waits while the peer's backlog is full, which is for ever when the peer is stopped.
 constexpr timeval kConnectTimeout{1, 0};
 
-// Pauses between two tries, so that a peer that is just starting can bind and listen; ends at once
-// when the endpoint is closed meanwhile.
+// Ends at once when the endpoint is closed meanwhile.
 void pause_before_next_try(const kp_notify_t &endpoint)
 {
     const int64_t end = monotonic_ms() + kPauseMs;
@@ -34,63 +36,141 @@ void pause_before_next_try(const kp_notify_t &endpoint)
         (void)poll(&cancel, 1, static_cast<int>(left));
 }
 
-enum class Outcome { connected, dead, busy, stopped };
-
-Outcome try_to_connect(const kp_notify_t &endpoint, const UniqueFd &fd, const sockaddr_un &address)
+bool connect_at(const UniqueFd &fd, const Attempt &attempt, const Entry &entry)
 {
-    (void)setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kConnectTimeout, sizeof(kConnectTimeout));
-    int error = 0;
-    for (int tries = 0; tries < kTries; ++tries) {
-        if (is_stopping(endpoint))
-            return Outcome::stopped;
-        if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
-            return Outcome::connected;
-        error = errno;
-        pause_before_next_try(endpoint);
+    if (!may_follow(entry)) {
+        errno = ELOOP;
+        return false;
     }
-    if (is_stopping(endpoint))
-        return Outcome::stopped;
-    // A full backlog, or a signal while waiting for room in it, is the sign of somebody who lives.
-    return error == EAGAIN || error == EINTR ? Outcome::busy : Outcome::dead;
+    return connect(fd.get(), reinterpret_cast<const sockaddr *>(&attempt.address),
+                   sizeof(attempt.address)) == 0;
+}
+
+// Counts a failed try. It counts for a file only when that stood there before and after it, and
+// another file than the one tried before begins anew.
+void note_failure(Attempt &attempt, const Entry &before)
+{
+    const Entry after = look_at(attempt.address.sun_path);
+    const bool is_certain = is_same(before, after);
+    if (!is_certain || !is_same(before, attempt.tried))
+        attempt.failures = 0;
+    attempt.failures += is_certain ? 1 : 0;
+    attempt.tried = after;
+}
+
+// Whether nobody can be behind the file that was tried.
+bool is_left_over(const Attempt &attempt)
+{
+    if (attempt.tried.presence == Presence::unknown)
+        return false;
+    if (attempt.tried.presence == Presence::absent || !S_ISSOCK(attempt.tried.mode))
+        return true;
+    return attempt.error == ECONNREFUSED || attempt.error == EPROTOTYPE;
 }
 
 } // namespace
 
-void connect_to(kp_notify_t &endpoint, const char *name)
+Attempt begin_attempt(const char *name, LogSite site)
 {
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd) {
-        KP_ERROR("opening socket: %s\n", std::strerror(errno));
-        return;
+    Attempt attempt{};
+    (void)format_text(attempt.name, "%s", name);
+    attempt.address = socket_address(name, site);
+    return attempt;
+}
+
+Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, const UniqueFd &fd)
+{
+    const Entry before = look_at(attempt.address.sun_path);
+    if (before.presence == Presence::absent) {
+        attempt.error = ENOENT;
+        note_failure(attempt, before);
+        return Tried::absent;
     }
-    const sockaddr_un address = socket_address(name);
-    switch (try_to_connect(endpoint, fd, address)) {
-    case Outcome::connected:
+    switch (claim_entry(endpoint, connector, attempt.name.data(), before)) {
+    case Claimed::connected:
+        return Tried::known;
+    case Claimed::being_connected:
+        return Tried::being_connected;
+    case Claimed::now:
         break;
-    case Outcome::stopped:
-        return;
-    case Outcome::busy:
-        KP_ERROR("connect to %s timed out\n", address.sun_path);
-        return;
-    case Outcome::dead:
-        KP_ERROR("connect to %s failed, remove it\n", address.sun_path);
-        fd.reset();
-        (void)unlink(address.sun_path);
-        return;
     }
+    if (connect_at(fd, attempt, before))
+        return Tried::connected;
+    attempt.error = errno;
+    drop_claim(endpoint, connector);
+    note_failure(attempt, before);
+    return Tried::failed;
+}
+
+void take_in(kp_notify_t &endpoint, Connector connector, UniqueFd fd, LogSite site)
+{
     if (fcntl(fd.get(), F_SETFL, O_NONBLOCK) != 0) {
-        KP_ERROR("NONBLOCK(): %s\n", std::strerror(errno));
+        const int cause = errno;
+        drop_claim(endpoint, connector);
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "NONBLOCK(): %s\n", std::strerror(cause));
         return;
     }
-    if (take_slot(endpoint.server_fds, fd.get()) == kSlotCount) {
-        KP_ERROR("Cannot find free socket in server_fds poll\n");
+    if (settle_claim(endpoint, connector, fd.get()) == kSlotCount) {
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "Cannot find free socket in server_fds poll\n");
         return;
     }
     (void)fd.release(); // the slot's now
     const uint8_t byte = 0;
     if (endpoint.new_server_fds[kWriteEnd] != -1 &&
         write(endpoint.new_server_fds[kWriteEnd], &byte, sizeof(byte)) != sizeof(byte))
-        KP_WARN("write new server fd failed\n");
+        KP_LOG_AT(KP_LEVEL_WARN, site, "write new server fd failed\n");
+}
+
+bool is_busy(const Attempt &attempt)
+{
+    return attempt.error == EAGAIN || attempt.error == EINTR;
+}
+
+void report_busy(const Attempt &attempt, LogSite site)
+{
+    KP_LOG_AT(KP_LEVEL_ERROR, site, "connect to %s timed out\n", attempt.address.sun_path);
+}
+
+bool give_up(const Attempt &attempt, LogSite site)
+{
+    const char *path = attempt.address.sun_path;
+    if (!is_same(look_at(path), attempt.tried))
+        return false;
+    if (is_left_over(attempt)) {
+        if (attempt.tried.presence == Presence::present)
+            (void)unlink(path); // nothing may come between the look and this
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "connect to %s failed, remove it\n", path);
+    } else if (is_busy(attempt)) {
+        report_busy(attempt, site);
+    } else {
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "connect to %s failed: %s\n", path,
+                  std::strerror(attempt.error));
+    }
+    return true;
+}
+
+void connect_to(kp_notify_t &endpoint, const char *name)
+{
+    UniqueFd fd = high_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) {
+        KP_ERROR("opening socket: %s\n", std::strerror(errno));
+        return;
+    }
+    (void)setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kConnectTimeout, sizeof(kConnectTimeout));
+    const LogSite site = LogSite::current();
+    Attempt attempt = begin_attempt(name, site);
+    for (int tries = 0; tries < kMostTries && !is_stopping(endpoint); ++tries) {
+        const Tried tried = try_once(endpoint, Connector::opening, attempt, fd);
+        if (tried == Tried::connected)
+            take_in(endpoint, Connector::opening, std::move(fd), site);
+        if (tried != Tried::failed && tried != Tried::absent)
+            return;
+        pause_before_next_try(endpoint);
+        if (is_stopping(endpoint))
+            return;
+        if (attempt.failures >= kTries && give_up(attempt, site))
+            return;
+    }
 }
 
 } // namespace kp

@@ -1,9 +1,11 @@
 // What the threads of an endpoint, its opening and its closing share.
 #include "notify/endpoint.h"
 
-#include <algorithm>
+#include "support/high_fd.h"
+
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,16 +16,6 @@ namespace {
 
 constexpr int kDayMs = 86'400'000;
 constexpr int kUnwokenMs = 100;
-
-// Moves a pipe's end away from descriptor 0, which a process without standard input gives out.
-bool leave_zero(int32_t &fd)
-{
-    if (fd != 0)
-        return true;
-    const UniqueFd zero(fd);
-    fd = fcntl(zero.get(), F_DUPFD_CLOEXEC, 1);
-    return fd > 0;
-}
 
 } // namespace
 
@@ -41,12 +33,12 @@ bool make_pipe(std::span<int32_t, 2> ends)
     std::array<int32_t, 2> made{};
     if (pipe2(made.data(), O_CLOEXEC) != 0)
         return false;
-    if (!leave_zero(made[kReadEnd]) || !leave_zero(made[kWriteEnd])) {
-        const UniqueFd read_end(made[kReadEnd]);
-        const UniqueFd write_end(made[kWriteEnd]);
+    UniqueFd read_end = high_fd(made[kReadEnd]);
+    UniqueFd write_end = high_fd(made[kWriteEnd]);
+    if (!read_end || !write_end)
         return false;
-    }
-    std::copy(made.begin(), made.end(), ends.begin());
+    ends[kReadEnd] = read_end.release();
+    ends[kWriteEnd] = write_end.release();
     return true;
 }
 
@@ -64,6 +56,11 @@ bool start_thread(pthread_t &thread, void *(*body)(void *), kp_notify_t &endpoin
     else
         errno = error;
     return error == 0;
+}
+
+bool is_peer(const kp_notify_t &endpoint, const dirent &entry)
+{
+    return entry.d_type == DT_SOCK && std::strcmp(entry.d_name, endpoint.name) != 0;
 }
 
 std::size_t take_slot(std::span<int32_t> slots, int fd)

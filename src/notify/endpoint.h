@@ -1,18 +1,24 @@
 // The notification endpoint: one listening socket, connections from and to every other endpoint and
 // three threads. docs/notification.md tells how endpoints find each other,
-// docs/threads-and-locks.md who may touch what. There is no lock: a slot of a descriptor table
-// belongs to whoever takes the descriptor out of it, or puts it in, with one atomic exchange.
+// docs/threads-and-locks.md who may touch what. A slot of a descriptor table belongs to whoever
+// takes the descriptor out of it, or puts it in, with one atomic exchange; the one lock covers which
+// entries of the directory are connected.
 #pragma once
 
 #include "kp.h"
 #include "layout/field.h"
 #include "layout/notice.h"
 #include "layout/unique_fd.h"
+#include "notify/connect.h"
+#include "notify/entry.h"
+#include "notify/pending.h"
 #include "support/log.h"
 #include "support/path.h"
 
 #include <array>
 #include <cstddef>
+#include <dirent.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <span>
 #include <sys/epoll.h>
@@ -56,6 +62,9 @@ struct kp_notify_t {
     sem_t stop_cleared;               // posted by the accept thread once it has cleared `stop`
     sem_t watch_tried;                // posted by the watch thread once it watches, or cannot
     int32_t watch_fd;                 // a directory watch whose thread ended early, else -1
+    pthread_mutex_t claims_mutex;     // covers `claims`
+    std::array<kp::Claim, kp::kSlotCount + kp::kConnectorCount> claims;
+    kp::Pending pending; // the watch thread's
 };
 
 static_assert(offsetof(kp_notify_t, stop) == 0);
@@ -84,9 +93,6 @@ void *message_receive_listener(void *arg);       // receives messages and calls 
 bool notify_server_init(kp_notify_t &endpoint);
 bool notify_client_init(kp_notify_t &endpoint);
 
-// Connects to the peer whose socket has this file name; removes a file that does not answer.
-void connect_to(kp_notify_t &endpoint, const char *name);
-
 // Handles one batch of directory events; 1 if reading it failed, else 0.
 int handle_read_event(kp_notify_t &endpoint, int fd);
 
@@ -103,8 +109,7 @@ constexpr std::size_t message_room(std::size_t size)
 // the caller's name.
 sockaddr_un socket_address(const char *name, LogSite site = LogSite::current());
 
-// A pipe that executed programs don't inherit; false with errno set. Neither end is descriptor 0,
-// which stands for a pipe that was never created.
+// A pipe that executed programs don't inherit; false with errno set.
 bool make_pipe(std::span<int32_t, 2> ends);
 
 // Starts a thread that blocks every signal, so that the application's handlers run on its own
@@ -115,6 +120,9 @@ inline bool is_stopping(const kp_notify_t &endpoint)
 {
     return load_acquire(endpoint.stop) != 0;
 }
+
+// Whether an entry of the directory is the socket of somebody else.
+bool is_peer(const kp_notify_t &endpoint, const dirent &entry);
 
 // Puts a descriptor into the first free slot; the slot's number, or `slots.size()` when none is.
 std::size_t take_slot(std::span<int32_t> slots, int fd);

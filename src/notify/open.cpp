@@ -2,6 +2,7 @@
 // the client side with the directory watch, the scan of the directory and the receive thread.
 #include "notify/endpoint.h"
 
+#include "support/high_fd.h"
 #include "support/memory.h"
 
 #include <algorithm>
@@ -53,7 +54,7 @@ void wait_for(sem_t &posted)
 // A listening socket at the endpoint's path; none after a log line under the caller's name.
 UniqueFd listen_at(const char *name, LogSite site = LogSite::current())
 {
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd fd = high_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) {
         KP_LOG_AT(KP_LEVEL_ERROR, site, "opening socket: %s\n", std::strerror(errno));
         return fd;
@@ -102,15 +103,17 @@ bool notify_client_init(kp_notify_t &endpoint)
         return false;
     }
     {
-        const UniqueDir dir(opendir(kEndpointDirectory));
+        const UniqueDir dir(high_dir(opendir(kEndpointDirectory)));
         if (!dir)
             return false;
         if (!start_thread(endpoint.linkup_thread, publisher_linkup_listener, endpoint))
             return false;
         wait_for(endpoint.watch_tried); // a socket made between scan and watch would stay unseen
         (void)usleep(kScanDelayUs);
+        // Not every system shows a stream what was made after its opening.
+        dir.rewind();
         while (const dirent *entry = dir.next()) {
-            if (entry->d_type != DT_SOCK || std::strcmp(entry->d_name, endpoint.name) == 0)
+            if (!is_peer(endpoint, *entry))
                 continue;
             KP_DEBUG("init %s connect to %s\n", endpoint.name, entry->d_name);
             connect_to(endpoint, entry->d_name);
@@ -146,6 +149,7 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
     endpoint->watch_fd = -1;
     (void)sem_init(&endpoint->stop_cleared, 0, 0); // cannot fail for these arguments
     (void)sem_init(&endpoint->watch_tried, 0, 0);
+    endpoint->claims_mutex = PTHREAD_MUTEX_INITIALIZER;
     if (name && *name)
         (void)format_text(endpoint->name, "%s", name);
     else

@@ -4,6 +4,7 @@
 #include "notify/endpoint.h"
 
 #include "layout/notice.h"
+#include "support/high_fd.h"
 #include "support/memory.h"
 
 #include <algorithm>
@@ -108,7 +109,7 @@ Walk walk_slots(Receiver &receiver, int fd)
 // Drops the connection in a slot unless the close has it already.
 void drop_connection(Receiver &receiver, std::size_t slot, LogSite site)
 {
-    const UniqueFd fd(exchange(receiver.endpoint.server_fds[slot], kFreeSlot));
+    const UniqueFd fd(free_server_slot(receiver.endpoint, slot));
     receiver.shadow[slot] = kFreeSlot;
     if (fd)
         remove_interest(receiver.poll, fd.get(), site);
@@ -126,7 +127,7 @@ void receive_new_tag(Receiver &receiver, int fd, std::size_t slot)
     }
     // Deliberate: `shadow` keeps the number, so a connection that gets it again in this slot is not
     // taken up.
-    const UniqueFd dropped(exchange(endpoint.server_fds[slot], kFreeSlot));
+    const UniqueFd dropped(free_server_slot(endpoint, slot));
 }
 
 void serve_peer(Receiver &receiver, int fd, LogSite site)
@@ -182,7 +183,7 @@ void *message_receive_listener(void *arg)
                            sizeof(kp_write_info));
         return nullptr;
     }
-    Receiver receiver{endpoint, *accumulator, UniqueFd(epoll_create1(EPOLL_CLOEXEC)), {}};
+    Receiver receiver{endpoint, *accumulator, high_fd(epoll_create1(EPOLL_CLOEXEC)), {}};
     receiver.shadow.fill(kFreeSlot);
     if (!receiver.poll) {
         KP_ERROR("epoll_create1 failed\n");

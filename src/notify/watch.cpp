@@ -1,6 +1,11 @@
-// The directory-watch thread: connects to every socket that appears beside the endpoint's own.
+// The directory-watch thread: connects to every socket that appears beside the endpoint's own. A
+// name that does not answer at once becomes pending, so that its pauses hold up no other.
 #include "notify/endpoint.h"
 
+#include "notify/pending.h"
+#include "support/high_fd.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/inotify.h>
@@ -10,8 +15,6 @@ namespace kp {
 
 namespace {
 
-constexpr std::size_t kNameSize = 256;
-
 // The file appears with bind(); its owner needs a moment more to listen.
 constexpr useconds_t kListenDelayUs = 1000;
 
@@ -19,14 +22,14 @@ constexpr useconds_t kListenDelayUs = 1000;
 bool link_up(kp_notify_t &endpoint, std::span<const uint8_t> name_bytes,
              LogSite site = LogSite::current())
 {
-    std::array<char, kNameSize> name;
+    std::array<char, kEntryNameSize> name;
     (void)format_text(name, "%.*s", static_cast<int>(name_bytes.size()),
                       reinterpret_cast<const char *>(name_bytes.data()));
-    if (std::strncmp(name.data(), endpoint.name, kNameSize - 1) == 0)
+    if (std::strncmp(name.data(), endpoint.name, kEntryNameSize - 1) == 0)
         return false;
     (void)usleep(kListenDelayUs);
     KP_LOG_AT(KP_LEVEL_DEBUG, site, "event %s connect to %s\n", endpoint.name, name.data());
-    connect_to(endpoint, name.data());
+    meet_name(endpoint, name.data());
     return true;
 }
 
@@ -45,6 +48,8 @@ int handle_read_event(kp_notify_t &endpoint, int fd)
         rest = rest.subspan(sizeof(event));
         if (event.len > rest.size())
             return 0;
+        if (event.mask & IN_Q_OVERFLOW)
+            scan_again(endpoint);
         // Deliberate: the endpoint's own name ends the batch, so what follows it is not connected.
         if ((event.mask & IN_CREATE) && event.len != 0 && !link_up(endpoint, rest.first(event.len)))
             return 0;
@@ -56,7 +61,7 @@ int handle_read_event(kp_notify_t &endpoint, int fd)
 void *publisher_linkup_listener(void *arg)
 {
     auto &endpoint = *static_cast<kp_notify_t *>(arg);
-    UniqueFd watch(inotify_init1(IN_CLOEXEC)); // a failure shows at the next call
+    UniqueFd watch = high_fd(inotify_init1(IN_CLOEXEC)); // a failure shows at the next call
     const int result = inotify_add_watch(watch.get(), kEndpointDirectory, IN_CREATE);
     (void)sem_post(&endpoint.watch_tried);
     if (result < 0) {
@@ -64,7 +69,7 @@ void *publisher_linkup_listener(void *arg)
         KP_ERROR("add_watch_topic failed (%d)\n", result);
         return nullptr;
     }
-    const UniqueFd poll(epoll_create1(EPOLL_CLOEXEC));
+    const UniqueFd poll = high_fd(epoll_create1(EPOLL_CLOEXEC));
     if (!poll) {
         KP_ERROR("epoll_create1 failed\n");
         return nullptr;
@@ -74,12 +79,14 @@ void *publisher_linkup_listener(void *arg)
 
     std::array<epoll_event, 2> room;
     while (!is_stopping(endpoint)) {
-        const auto [wait, events] = wait_for_events(poll, room, timeout_ms);
+        const int pause_ms = std::min(timeout_ms, ms_to_next_look(endpoint));
+        const auto [wait, events] = wait_for_events(poll, room, pause_ms);
         if (!can_go_on(wait))
             break;
         for (const epoll_event &event : events)
             if (event.data.fd == watch.get())
                 (void)handle_read_event(endpoint, watch.get());
+        look_at_pending(endpoint);
     }
     return nullptr;
 }

@@ -219,7 +219,7 @@ TEST_F(AcceptThread, LeavesTheRestOfABatchWhenItRefusesAPeer)
                  {peers.connect(),
                   [&] {
                       peers.connect()();
-                      peers.hang_up(0)();
+                      EXPECT_TRUE(peers.sockets[0].send("x"));
                   },
                   [&] { left = peers.has(1); },
                   [&] {
@@ -232,6 +232,33 @@ TEST_F(AcceptThread, LeavesTheRestOfABatchWhenItRefusesAPeer)
     EXPECT_TRUE(peers.sockets[1].is_closed_by_peer());
     EXPECT_EQ(log.lines(), Lines{"WARN: subscriber_connecting_listener: Cannot find free socket in "
                                  "client_fds poll"});
+}
+
+TEST_F(AcceptThread, GivesANewPeerThePlaceOfOneThatHasHungUp)
+{
+    BareEndpoint endpoint;
+    endpoint.listen();
+    Peers peers(endpoint);
+    std::vector<UnixSocket> others;
+    for (std::size_t slot = 2; slot < 32; ++slot)
+        others.push_back(BareEndpoint::connect(endpoint->client_fds[slot]));
+    StderrCapture log;
+    bool taken = false;
+
+    run_in_steps(subscriber_connecting_listener, endpoint,
+                 {peers.connect(),
+                  [&] { // the new peer is reported first
+                      peers.connect()();
+                      peers.hang_up(0)();
+                  },
+                  [&] {
+                      taken = peers.has(1);
+                      endpoint.stop();
+                  }});
+
+    EXPECT_TRUE(taken);
+    EXPECT_FALSE(peers.sockets[1].is_closed_by_peer(std::chrono::milliseconds(0)));
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(AcceptThread, ClearsTheStopFlagWhenItStarts)

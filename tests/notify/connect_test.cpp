@@ -22,22 +22,6 @@ class ConnectTo : public NotifyTest {
     BareEndpoint endpoint_;
 };
 
-// Connections that wait at a listening socket until it takes no more.
-std::vector<UnixSocket> fill_backlog(const std::string &path)
-{
-    std::vector<UnixSocket> waiting;
-    bool room = true;
-    while (room) {
-        waiting.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        room = connect(waiting.back().fd(), reinterpret_cast<const sockaddr *>(&address),
-                       sizeof(address)) == 0;
-    }
-    return waiting;
-}
-
 TEST_F(ConnectTo, StoresTheConnectionInTheFirstFreeSlotAndAnnouncesIt)
 {
     const UnixSocket other = BareEndpoint::connect(endpoint_->server_fds[0]);
@@ -188,6 +172,157 @@ TEST_F(ConnectTo, LeavesAPeerAloneThatIsAliveButTakesNoConnections)
     EXPECT_EQ(log.lines(), Lines{"ERROR: connect_to: connect to /run/providers/busy timed out"});
     EXPECT_TRUE(file_exists("/run/providers/busy"));
     EXPECT_EQ(endpoint_->server_fds[0], -1);
+}
+
+// Replaces the file "dead" by a peer that lives, once so many tries have failed.
+std::thread come_back_after(const CountCalls &tries, long count, UnixSocket &peer)
+{
+    return std::thread([&tries, count, &peer] {
+        EXPECT_TRUE(wait_until([&] { return tries.count() == count; }));
+        std::this_thread::sleep_for(milliseconds(100)); // the try itself ends
+        EXPECT_EQ(unlink("/run/providers/dead"), 0);
+        peer = UnixSocket::listening("/run/providers/dead");
+    });
+}
+
+TEST_F(ConnectTo, ConnectsToAPeerThatComesBackAfterTheLastTry)
+{
+    UnixSocket::leave_dead_file("/run/providers/dead");
+    StderrCapture log;
+    const CountCalls tries(Call::connect);
+    UnixSocket back;
+    std::thread restart = come_back_after(tries, 3, back);
+
+    connect_to(*endpoint_, "dead");
+    restart.join();
+
+    EXPECT_TRUE(file_exists("/run/providers/dead"));
+    EXPECT_TRUE(back.accept().is_open());
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(ConnectTo, GivesAFileThatCameMeanwhileAllItsTries)
+{
+    UnixSocket::leave_dead_file("/run/providers/dead");
+    StderrCapture log;
+    const CountCalls tries(Call::connect);
+    UnixSocket back;
+    std::thread restart([&] {
+        come_back_after(tries, 2, back).join();
+        back.close(); // dies at once
+    });
+
+    connect_to(*endpoint_, "dead");
+    restart.join();
+
+    EXPECT_EQ(tries.count(), 5);
+    EXPECT_FALSE(file_exists("/run/providers/dead"));
+    EXPECT_EQ(log.lines(),
+              Lines{"ERROR: connect_to: connect to /run/providers/dead failed, remove it"});
+}
+
+TEST_F(ConnectTo, LooksOnceMoreDirectlyBeforeItRemoves)
+{
+    UnixSocket::leave_dead_file("/run/providers/dead");
+    StderrCapture log;
+    UnixSocket back;
+    const Before looking(
+        Call::lstat,
+        [&] {
+            EXPECT_EQ(unlink("/run/providers/dead"), 0);
+            back = UnixSocket::listening("/run/providers/dead");
+        },
+        7); // two at each of the three tries, then this one
+
+    connect_to(*endpoint_, "dead");
+
+    EXPECT_TRUE(back.accept().is_open());
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(ConnectTo, LeavesASocketThatItMayNotConnectTo)
+{
+    StderrCapture log;
+    FailFrom connects(Call::connect, 1, EACCES);
+
+    connect_to(*endpoint_, "peer");
+
+    EXPECT_EQ(log.text_without_line_numbers(),
+              "\033[91mERROR: connect_to: connect to /run/providers/peer failed: "
+              "Permission denied\n\033[0m");
+    EXPECT_TRUE(file_exists("/run/providers/peer"));
+    EXPECT_FALSE(peer_.is_readable(milliseconds(0)));
+}
+
+TEST_F(ConnectTo, RemovesWhatIsNoSocketWhateverTheError)
+{
+    make_file("/run/providers/file");
+    StderrCapture log;
+    FailFrom connects(Call::connect, 1, EACCES);
+
+    connect_to(*endpoint_, "file");
+
+    EXPECT_EQ(log.lines(),
+              Lines{"ERROR: connect_to: connect to /run/providers/file failed, remove it"});
+    EXPECT_FALSE(file_exists("/run/providers/file"));
+}
+
+TEST_F(ConnectTo, RemovesASocketOfAnotherType)
+{
+    StderrCapture log;
+    FailFrom connects(Call::connect, 1, EPROTOTYPE);
+
+    connect_to(*endpoint_, "peer");
+
+    EXPECT_EQ(log.lines(),
+              Lines{"ERROR: connect_to: connect to /run/providers/peer failed, remove it"});
+    EXPECT_FALSE(file_exists("/run/providers/peer"));
+}
+
+TEST_F(ConnectTo, RemovesNothingThatItCannotLookAt)
+{
+    StderrCapture log;
+    FailFrom looks(Call::lstat, 1, EIO);
+    FailFrom connects(Call::connect, 1, ECONNREFUSED);
+
+    connect_to(*endpoint_, "peer");
+
+    EXPECT_EQ(log.lines(), Lines{"ERROR: connect_to: connect to /run/providers/peer failed: "
+                                 "Connection refused"});
+    EXPECT_TRUE(file_exists("/run/providers/peer"));
+}
+
+TEST_F(ConnectTo, FollowsItsOwnLink)
+{
+    ASSERT_EQ(symlink("peer", "/run/providers/link"), 0);
+
+    connect_to(*endpoint_, "link");
+
+    EXPECT_TRUE(peer_.accept().is_open());
+}
+
+TEST_F(ConnectTo, FollowsNoLinkOfSomebodyElse)
+{
+    ASSERT_EQ(symlink("peer", "/run/providers/link"), 0);
+    if (lchown("/run/providers/link", 1, 1) != 0)
+        GTEST_SKIP() << "only root can lay a link for another user";
+    StderrCapture log;
+
+    connect_to(*endpoint_, "link");
+
+    EXPECT_FALSE(peer_.is_readable(milliseconds(0)));
+    EXPECT_FALSE(file_exists("/run/providers/link"));
+    EXPECT_TRUE(file_exists("/run/providers/peer"));
+}
+
+TEST_F(ConnectTo, ConnectsOnceToOneEntry)
+{
+    connect_to(*endpoint_, "peer");
+
+    connect_to(*endpoint_, "peer");
+
+    EXPECT_EQ(endpoint_.announced(), 1);
+    EXPECT_EQ(endpoint_->server_fds[1], -1);
 }
 
 TEST_F(ConnectTo, EndsItsPauseWhenTheEndpointCloses)

@@ -26,6 +26,21 @@ bool file_exists(const std::string &path)
     return fs::exists(fs::symlink_status(path));
 }
 
+std::vector<UnixSocket> fill_backlog(const std::string &path)
+{
+    std::vector<UnixSocket> waiting;
+    bool room = true;
+    while (room) {
+        waiting.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        room = connect(waiting.back().fd(), reinterpret_cast<const sockaddr *>(&address),
+                       sizeof(address)) == 0;
+    }
+    return waiting;
+}
+
 void make_file(const std::string &path)
 {
     fs::create_directories(fs::path(path).parent_path());
@@ -205,6 +220,7 @@ BareEndpoint::BareEndpoint(const std::string &name)
     endpoint_->cb_obj = &inbox_;
     (void)sem_init(&endpoint_->stop_cleared, 0, 0);
     (void)sem_init(&endpoint_->watch_tried, 0, 0);
+    endpoint_->claims_mutex = PTHREAD_MUTEX_INITIALIZER;
     EXPECT_EQ(pipe2(endpoint_->cancel_fds, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(endpoint_->new_server_fds, O_CLOEXEC), 0);
 }

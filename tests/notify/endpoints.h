@@ -22,6 +22,8 @@ std::string socket_path(const std::string &name);
 // Whether anything stands at a path.
 bool file_exists(const std::string &path);
 void make_file(const std::string &path);
+// Connections that wait at a listening socket until it takes no more.
+std::vector<UnixSocket> fill_backlog(const std::string &path);
 
 // The messages, byte for byte.
 std::string write_notice(std::initializer_list<unsigned> buckets);

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <deque>
+#include <memory>
 
 using namespace kptest;
 
@@ -60,6 +61,39 @@ TEST_F(Mesh, OfFiveEndpointsIsFull)
 
     EXPECT_TRUE(all_have(endpoints, 4));
 }
+
+// Opens endpoints "e0", "e1" and so on, each on a thread of its own and so much after the one before.
+void open_together(std::vector<std::unique_ptr<Endpoint>> &endpoints,
+                   std::chrono::microseconds spacing)
+{
+    std::vector<std::thread> threads;
+    for (std::size_t index = 0; index < endpoints.size(); ++index) {
+        threads.emplace_back([&endpoints, index] {
+            endpoints[index] = std::make_unique<Endpoint>("e" + std::to_string(index));
+        });
+        std::this_thread::sleep_for(spacing);
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+class FullMesh : public NotifyTest, public testing::WithParamInterface<int> {};
+
+TEST_P(FullMesh, ConnectsEachToEach)
+{
+    StderrCapture log;
+    std::vector<std::unique_ptr<Endpoint>> endpoints(32);
+
+    open_together(endpoints, std::chrono::microseconds(GetParam()));
+
+    EXPECT_TRUE(std::all_of(endpoints.begin(), endpoints.end(), [](const auto &endpoint) {
+        return endpoint->has_clients(31) && endpoint->has_servers(31);
+    }));
+    EXPECT_EQ(log.text(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(StartedMicrosecondsApart, FullMesh,
+                         testing::Values(0, 500, 3000, 10'000, 20'000));
 
 TEST_F(Mesh, LosesBothConnectionsOfAPeerThatCloses)
 {

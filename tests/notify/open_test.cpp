@@ -2,11 +2,13 @@
 #include "notify/endpoints.h"
 #include "testing/capture.h"
 
+#include <array>
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace kptest;
@@ -261,6 +263,28 @@ TEST_F(NotifyInit, ConnectsToEverySocketOfTheDirectory)
     EXPECT_EQ(endpoint.server_count(), 2);
     EXPECT_TRUE(first.accept().is_open());
     EXPECT_TRUE(second.accept().is_open());
+}
+
+// Reads the library's stream of the directory to its end, as a system does whose streams show only
+// what was there when they were opened.
+void exhaust_directory_streams()
+{
+    for (const auto &[fd, target] : open_descriptors()) {
+        std::array<char, 4096> entries;
+        if (target == "/run/providers")
+            while (syscall(SYS_getdents64, fd, entries.data(), entries.size()) > 0)
+                continue;
+    }
+}
+
+TEST_F(NotifyInit, FindsASocketThatIsMadeAfterTheDirectoryWasOpened)
+{
+    const UnixSocket peer = UnixSocket::listening("/run/providers/peer");
+    const Before scanning(Call::usleep, exhaust_directory_streams);
+
+    const Endpoint endpoint("endpoint");
+
+    EXPECT_EQ(endpoint.server_count(), 1);
 }
 
 TEST_F(NotifyInit, ReportsEachConnectionAtDebugLevel)

@@ -121,6 +121,48 @@ TEST(EndpointWithoutStandardInput, ReleasesEverythingAndTouchesNothingElse)
     EXPECT_EQ(child.wait(), 0);
 }
 
+// How many descriptors an endpoint and its connections keep below 3, in a process without any of
+// the standard streams.
+int low_descriptors()
+{
+    const UnixSocket listening = UnixSocket::listening("/run/providers/peer"); // takes 0
+    const Endpoint endpoint;
+    const UnixSocket peer = UnixSocket::connected("/run/providers/endpoint"); // takes 1
+    (void)endpoint.has_clients(1);
+    (void)endpoint.has_servers(1);
+    int count = 0;
+    for (const auto &[fd, target] : open_descriptors())
+        count += fd <= STDERR_FILENO && fd != listening.fd() && fd != peer.fd();
+    return endpoint.client_count() + endpoint.server_count() == 2 ? count : -1;
+}
+
+TEST(EndpointWithoutStandardStreams, KeepsEveryDescriptorAboveTheirNumbers)
+{
+    ChildProcess child([](Channel &) {
+        (void)close(STDIN_FILENO);
+        (void)close(STDOUT_FILENO);
+        (void)close(STDERR_FILENO);
+        return low_descriptors();
+    });
+
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(EndpointWithoutStandardStreams, LogsWithoutWakingItself)
+{
+    ChildProcess child([](Channel &) {
+        (void)close(STDOUT_FILENO);
+        (void)close(STDERR_FILENO);
+        const Endpoint endpoint;
+        const CountCalls waits(Call::epoll_wait);
+        for (int line = 0; line < 2000; ++line) // more than a pipe holds
+            (void)kp_destroy(nullptr);
+        return waits.count() < 10 ? 0 : 1;
+    });
+
+    EXPECT_EQ(child.wait(), 0);
+}
+
 TEST_F(OtherProcess, GetsTheMessages)
 {
     const Endpoint endpoint;

@@ -3,6 +3,7 @@
 #include "testing/capture.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/inotify.h>
@@ -147,7 +148,6 @@ TEST_F(HandleReadEvent, SurvivesALengthThatWouldWrapAround)
 TEST_F(HandleReadEvent, CutsANameWithoutATerminatorAt255Bytes)
 {
     StderrCapture log;
-    const Before stop(Call::connect, [this] { endpoint_.stop(); }); // one try is enough
 
     EXPECT_EQ(handle(event(std::string(300, 'n'), IN_CREATE, 300)), 0);
 
@@ -182,6 +182,129 @@ TEST_F(HandleReadEvent, TakesTheEndOfFileForNoFailure)
     pipe_[1] = -1;
 
     EXPECT_EQ(handle_read_event(*endpoint_, pipe_[0]), 0);
+}
+
+TEST_F(HandleReadEvent, PassesOverNamesThatHaveVanished)
+{
+    StderrCapture log;
+    const auto start = std::chrono::steady_clock::now();
+
+    EXPECT_EQ(handle(event("gone") + event("gone2") + event("gone3") + event("first")), 0);
+
+    EXPECT_EQ(connections(), 1);
+    EXPECT_EQ(endpoint_->pending.count, 0U);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(HandleReadEvent, GoesOnWithOthersBetweenTheTriesOfADeadName)
+{
+    UnixSocket::leave_dead_file("/run/providers/dead");
+    const auto start = std::chrono::steady_clock::now();
+
+    EXPECT_EQ(handle(event("dead") + event("first")), 0);
+
+    EXPECT_EQ(connections(), 1);
+    EXPECT_EQ(endpoint_->pending.count, 1U);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(HandleReadEvent, ConnectsOnceToAnEntryThatTheScanHasFound)
+{
+    kp::connect_to(*endpoint_, "first");
+
+    EXPECT_EQ(handle(event("first")), 0);
+
+    EXPECT_EQ(connections(), 1);
+    EXPECT_TRUE(first_.accept().is_open());
+    EXPECT_FALSE(first_.is_readable(std::chrono::milliseconds(0)));
+}
+
+TEST_F(HandleReadEvent, ConnectsAgainToAnEntryWhoseConnectionWasDropped)
+{
+    kp::connect_to(*endpoint_, "first");
+    const kp::UniqueFd dropped(kp::free_server_slot(*endpoint_, 0));
+
+    EXPECT_EQ(handle(event("first")), 0);
+
+    EXPECT_EQ(connections(), 2);
+}
+
+TEST_F(HandleReadEvent, ConnectsToASecondNameOfOneSocket)
+{
+    ASSERT_EQ(link("/run/providers/first", "/run/providers/link"), 0);
+    kp::connect_to(*endpoint_, "first");
+
+    EXPECT_EQ(handle(event("link")), 0);
+
+    EXPECT_EQ(connections(), 2);
+}
+
+TEST_F(HandleReadEvent, ScansTheDirectoryWhenEventsWereLost)
+{
+    StderrCapture log;
+
+    EXPECT_EQ(handle(event("", IN_Q_OVERFLOW, 0)), 0);
+    kp::look_at_pending(*endpoint_);
+
+    EXPECT_EQ(connections(), 2);
+    EXPECT_EQ(kp::ms_to_next_look(*endpoint_), INT_MAX);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(HandleReadEvent, ConnectsToALivePeerBehindMoreDeadNamesThanItKeeps)
+{
+    std::string batch;
+    for (std::size_t index = 0; index < kp::kPendingCount + 5; ++index) {
+        const std::string name = "dead" + std::to_string(index);
+        UnixSocket::leave_dead_file(socket_path(name));
+        batch += event(name);
+    }
+
+    EXPECT_EQ(handle(batch + event("first")), 0);
+
+    EXPECT_EQ(connections(), 1);
+    EXPECT_EQ(endpoint_->pending.count, kp::kPendingCount);
+    EXPECT_TRUE(endpoint_->pending.is_scan_due); // for those that have no place
+    EXPECT_LE(kp::ms_to_next_look(*endpoint_), 1000);
+}
+
+TEST_F(HandleReadEvent, KeepsANameWhileItHasNoDescriptorForIt)
+{
+    StderrCapture log;
+    {
+        FailFrom sockets(Call::socket, 1, EMFILE);
+        EXPECT_EQ(handle(event("first")), 0);
+        endpoint_->pending.attempts[0].due_ms = 0;
+        kp::look_at_pending(*endpoint_);
+    }
+    endpoint_->pending.attempts[0].due_ms = 0;
+
+    kp::look_at_pending(*endpoint_);
+
+    EXPECT_EQ(connections(), 1);
+    EXPECT_EQ(log.lines(), Lines{"ERROR: connect_to: opening socket: Too many open files"});
+}
+
+TEST_F(HandleReadEvent, WaitsForAFreeSlotBeforeItGivesANameUp)
+{
+    StderrCapture log;
+    std::fill(endpoint_->server_fds, endpoint_->server_fds + 32, 1'000'000);
+    EXPECT_EQ(handle(event("first") + event("second")), 0);
+    endpoint_->server_fds[7] = -1;
+    endpoint_->pending.attempts[0].due_ms = 0;
+    endpoint_->pending.attempts[1].due_ms = 0;
+
+    kp::look_at_pending(*endpoint_);
+
+    EXPECT_EQ(connections(), 1);
+    EXPECT_EQ(endpoint_->pending.count, 1U);
+    endpoint_->pending.attempts[0].due_ms = 0;
+    kp::look_at_pending(*endpoint_);
+    EXPECT_EQ(endpoint_->pending.count, 0U);
+    EXPECT_EQ(log.lines(), Lines{"ERROR: connect_to: Cannot find free socket in server_fds poll"});
+    const kp::UniqueFd connection(endpoint_->server_fds[7]);
+    std::fill(endpoint_->server_fds, endpoint_->server_fds + 32, -1);
 }
 
 class WatchThread : public NotifyTest {};
@@ -247,6 +370,59 @@ TEST_F(WatchThread, RemovesAFileThatIsNoSocket)
     EXPECT_EQ(tries.count(), 3);
     EXPECT_EQ(log.lines(),
               Lines{"ERROR: connect_to: connect to /run/providers/file failed, remove it"});
+}
+
+TEST_F(WatchThread, GivesEachDeadNameItsTriesWithoutHoldingUpOthers)
+{
+    const Endpoint endpoint;
+    StderrCapture log;
+    const auto start = std::chrono::steady_clock::now();
+
+    make_file("/run/providers/a");
+    make_file("/run/providers/b");
+    make_file("/run/providers/c");
+
+    EXPECT_TRUE(wait_until([&] { return log.lines().size() == 3; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+    EXPECT_FALSE(file_exists("/run/providers/c"));
+}
+
+TEST_F(WatchThread, NeverLosesAPeerThatIsStoppedWithAFullBacklog)
+{
+    const Endpoint endpoint;
+    StderrCapture log;
+    {
+        const UnixSocket busy = UnixSocket::listening("/run/busy", 0);
+        const std::vector<UnixSocket> waiting = fill_backlog("/run/busy");
+        ASSERT_EQ(rename("/run/busy", "/run/providers/unseen"), 0);
+        ASSERT_EQ(link("/run/providers/unseen", "/run/providers/busy"), 0);
+        ASSERT_TRUE(wait_until([&] { return !log.text().empty(); })); // three looks
+
+        for (std::size_t index = 0; index < waiting.size(); ++index)
+            EXPECT_TRUE(
+                busy.accept(std::chrono::milliseconds(index + 1 < waiting.size() ? 1000 : 0))
+                    .is_open() ||
+                index + 1 == waiting.size());
+
+        EXPECT_TRUE(endpoint.has_servers(1));
+    }
+    EXPECT_EQ(log.lines(), Lines{"ERROR: connect_to: connect to /run/providers/busy timed out"});
+}
+
+TEST_F(WatchThread, LeavesTheFilesOfPendingNamesWhenItCloses)
+{
+    Endpoint endpoint;
+    const CountCalls tries(Call::connect);
+    StderrCapture log;
+    make_file("/run/providers/file");
+    ASSERT_TRUE(wait_until([&] { return tries.count() == 1; }));
+    const auto start = std::chrono::steady_clock::now();
+
+    endpoint.close();
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_TRUE(file_exists("/run/providers/file"));
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(WatchThread, EndsWithoutAWatchAndTheEndpointGoesOn)

@@ -259,6 +259,13 @@ char *__wrap_strdup(const char *text)
     return is_failed(Call::strdup) ? nullptr : counted(strdup(text));
 }
 
+void __wrap_rewinddir(DIR *dir);
+void __wrap_rewinddir(DIR *dir)
+{
+    (void)error_for(Call::rewinddir);
+    ::rewinddir(dir);
+}
+
 void __wrap_free(void *block);
 void __wrap_free(void *block)
 {
@@ -293,6 +300,7 @@ SHIM(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 SHIM(int, fallocate, -1, (int fd, int mode, off_t offset, off_t length), (fd, mode, offset, length))
 SHIM(int, fstat, -1, (int fd, struct stat *status), (fd, status))
 SHIM(int, stat, -1, (const char *path, struct stat *status), (path, status))
+SHIM(int, lstat, -1, (const char *path, struct stat *status), (path, status))
 SHIM(int, access, -1, (const char *path, int mode), (path, mode))
 SHIM(void *, mmap, MAP_FAILED,
      (void *address, size_t length, int protection, int flags, int fd, off_t offset),

@@ -1,0 +1,61 @@
+// The tries to connect to one peer, which the scan at an endpoint's opening makes one after another
+// and the directory watch for many peers side by side.
+#pragma once
+
+#include "notify/entry.h"
+
+#include <array>
+#include <cstdint>
+#include <sys/un.h>
+
+struct kp_notify_t;
+
+namespace kp {
+
+class UniqueFd;
+struct LogSite;
+
+// So often a file is tried, and so long is the pause behind each try, in which a peer that is just
+// starting binds and listens.
+constexpr int kTries = 3;
+constexpr int64_t kPauseMs = 1000;
+
+// What is known of a name between its tries.
+struct Attempt {
+    std::array<char, kEntryNameSize> name;
+    sockaddr_un address;
+    Entry tried;      // the file on which the tries so far failed
+    int32_t failures; // how many of them, in a row
+    int32_t error;    // why the last one did
+    int32_t waits;    // looks that found no fault with the file, but could not connect to it
+    int64_t due_ms;   // when the next look is due, by the monotonic clock
+};
+
+// An attempt before its first try. A path that is too long is cut, with a log line.
+Attempt begin_attempt(const char *name, LogSite site);
+
+enum class Tried : uint8_t { connected, known, being_connected, absent, failed };
+
+// Tries once to connect `fd`. `known` is an entry that has its connection already. After `connected`
+// the entry is claimed, which take_in() settles.
+Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, const UniqueFd &fd);
+
+// Puts a connection into its slot and announces it to the receive thread.
+void take_in(kp_notify_t &endpoint, Connector connector, UniqueFd fd, LogSite site);
+
+// Whether the last try failed because the peer's backlog is full, or a signal came while waiting
+// for room in it: signs of somebody who lives.
+bool is_busy(const Attempt &attempt);
+
+// Says that the peer is alive but takes no connections.
+void report_busy(const Attempt &attempt, LogSite site);
+
+// Ends the tries on a file: says why, and removes it when nobody can be behind it. False when
+// another file stands there now, which was not tried.
+bool give_up(const Attempt &attempt, LogSite site);
+
+// Connects to the peer whose socket has this file name; waits for each try. What does not answer is
+// removed, if it can only be a left-over.
+void connect_to(kp_notify_t &endpoint, const char *name);
+
+} // namespace kp
