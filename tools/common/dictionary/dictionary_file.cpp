@@ -1,0 +1,132 @@
+// One file of the dictionary. A mistake costs what it stands in and no more: of a table that TOML does
+// not accept, the lines are blanked, and the rest is read again.
+#include "common/dictionary/entry_reader.h"
+#include "common/pattern.h"
+#include "common/text.h"
+
+#include <algorithm>
+#include <map>
+
+namespace kp::tool {
+
+namespace {
+
+// So many tables of one file may be broken; a file with more is hardly one of the dictionary.
+constexpr int kMostBrokenTables = 50;
+
+class Lines {
+  public:
+    explicit Lines(std::string_view text)
+    {
+        for (std::size_t start = 0; start <= text.size();) {
+            const std::size_t end = std::min(text.find('\n', start), text.size());
+            lines_.emplace_back(text.substr(start, end - start));
+            start = end + 1;
+        }
+    }
+
+    // Blanks the table in which a line, counted from 1, stands: from the header at or above it to the
+    // next one. Says whether there was anything to blank.
+    bool blank_table(std::size_t line)
+    {
+        if (lines_.empty())
+            return false;
+        std::size_t first = std::clamp<std::size_t>(line, 1, lines_.size()) - 1;
+        while (first > 0 && !is_header(first))
+            --first;
+        bool is_changed = false;
+        for (std::size_t at = first; at < lines_.size() && (at == first || !is_header(at)); ++at) {
+            is_changed |= !lines_[at].empty();
+            lines_[at].clear();
+        }
+        return is_changed;
+    }
+
+    std::string text() const
+    {
+        std::string text;
+        for (const std::string &line : lines_)
+            text += line + '\n';
+        return text;
+    }
+
+  private:
+    bool is_header(std::size_t at) const
+    {
+        const std::size_t start = lines_[at].find_first_not_of(" \t");
+        return start != std::string::npos && lines_[at][start] == '[';
+    }
+
+    std::vector<std::string> lines_;
+};
+
+// The file's tables but those that are broken. Nothing when too many are.
+std::optional<toml::table> parse_what_can_be(std::string_view text, const std::string &name,
+                                             std::vector<DictionaryProblem> &problems)
+{
+    Lines lines(text);
+    for (int broken = 0; broken < kMostBrokenTables; ++broken) {
+        try {
+            return toml::parse(broken == 0 ? std::string(text) : lines.text());
+        } catch (const toml::parse_error &error) {
+            const auto at = error.source().begin;
+            problems.push_back({{name, at.line, at.column}, escaped(error.description())});
+            if (!lines.blank_table(at.line))
+                break;
+        }
+    }
+    return std::nullopt;
+}
+
+// Says what is wrong with an entry's pattern; empty when nothing is.
+std::string pattern_fault(const std::string &pattern)
+{
+    if (split_levels(pattern).empty())
+        return "the pattern is empty and matches nothing";
+    const std::string problem = pattern_problem(pattern, Dialect::tags);
+    return problem.empty() ? "" : "the pattern can't match: " + problem;
+}
+
+// The pattern as its levels say, without the slashes that mean nothing.
+std::string normal_pattern(const std::string &pattern)
+{
+    std::string normal;
+    for (const std::string_view level : split_levels(pattern))
+        normal = join_levels(normal, level);
+    return normal;
+}
+
+} // namespace
+
+DictionaryFile parse_dictionary_file(std::string_view text, const std::string &name)
+{
+    DictionaryFile file;
+    const auto tables = parse_what_can_be(text, name, file.problems);
+    if (!tables)
+        return file;
+    EntryReader reader(name, file.problems);
+    std::map<std::string, FilePlace> seen;
+    for (const auto &[key, node] : *tables) {
+        const std::string pattern(key.str());
+        const toml::table *table = node.as_table();
+        if (!table) {
+            reader.problem(key.source(),
+                           "\"" + escaped(pattern) + "\" stands outside a table such as [\"a/b\"]");
+            continue;
+        }
+        if (const std::string fault = pattern_fault(pattern); !fault.empty()) {
+            reader.problem(key.source(), fault);
+            continue;
+        }
+        const auto [first, is_new] =
+            seen.try_emplace(normal_pattern(pattern), reader.place(key.source()));
+        if (is_new)
+            file.entries.push_back(reader.read(key, *table));
+        else
+            reader.problem(key.source(),
+                           "the same pattern as in line " + std::to_string(first->second.line));
+    }
+    return file;
+}
+
+} // namespace kp::tool

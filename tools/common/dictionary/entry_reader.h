@@ -1,0 +1,43 @@
+// Reads one entry of the dictionary from its TOML table, and says what is wrong in it and where.
+#pragma once
+
+#include "common/dictionary/entry.h"
+#include "common/result.h"
+
+#include <toml++/toml.h>
+
+namespace kp::tool {
+
+class EntryReader {
+  public:
+    // Both outlive the reader. `file` is what places are called.
+    EntryReader(const std::string &file, std::vector<DictionaryProblem> &problems)
+        : file_(file), problems_(problems)
+    {
+    }
+
+    DictionaryEntry read(const toml::key &pattern, const toml::table &table);
+
+    void problem(const toml::source_region &at, const std::string &text);
+    FilePlace place(const toml::source_region &at) const;
+
+  private:
+    // Stores what `parse` makes of a node as a fact, or its problem.
+    template <typename T, typename Parse>
+    void take(std::optional<Fact<T>> &fact, const toml::key &key, const toml::node &node,
+              Parse parse)
+    {
+        Result<T> parsed = parse(node);
+        if (parsed)
+            fact = Fact<T>{std::move(*parsed.value), place(key.source())};
+        else
+            problem(node.source(), std::string(key.str()) + ": " + parsed.problem);
+    }
+    void read_key(DictionaryEntry &entry, const toml::key &key, const toml::node &node);
+    void check(DictionaryEntry &entry);
+
+    const std::string &file_;
+    std::vector<DictionaryProblem> &problems_;
+};
+
+} // namespace kp::tool
