@@ -207,8 +207,8 @@ TEST(Dictionary, LetsALaterFileOverrideFactByFact)
     const Facts facts = dictionary.facts_of("a");
 
     EXPECT_EQ(facts.unit->value, "mm");
-    EXPECT_EQ(facts.unit->place.file, "20.toml");
-    EXPECT_EQ(facts.stale_s->place.file, "10.toml");
+    EXPECT_EQ(*facts.unit->place.file, "20.toml");
+    EXPECT_EQ(*facts.stale_s->place.file, "10.toml");
 }
 
 TEST(Dictionary, KnowsNothingWhenItIsEmpty)

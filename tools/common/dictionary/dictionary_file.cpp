@@ -5,7 +5,7 @@
 #include "common/text.h"
 
 #include <algorithm>
-#include <map>
+#include <unordered_map>
 
 namespace kp::tool {
 
@@ -61,17 +61,20 @@ class Lines {
 };
 
 // The file's tables but those that are broken. Nothing when too many are.
-std::optional<toml::table> parse_what_can_be(std::string_view text, const std::string &name,
+std::optional<toml::table> parse_what_can_be(std::string_view text,
+                                             const std::shared_ptr<const std::string> &name,
                                              std::vector<DictionaryProblem> &problems)
 {
-    Lines lines(text);
+    std::optional<Lines> lines;
     for (int broken = 0; broken < kMostBrokenTables; ++broken) {
         try {
-            return toml::parse(broken == 0 ? std::string(text) : lines.text());
+            return broken == 0 ? toml::parse(text) : toml::parse(lines->text());
         } catch (const toml::parse_error &error) {
             const auto at = error.source().begin;
             problems.push_back({{name, at.line, at.column}, escaped(error.description())});
-            if (!lines.blank_table(at.line))
+            if (!lines)
+                lines.emplace(text);
+            if (!lines->blank_table(at.line))
                 break;
         }
     }
@@ -101,11 +104,13 @@ std::string normal_pattern(const std::string &pattern)
 DictionaryFile parse_dictionary_file(std::string_view text, const std::string &name)
 {
     DictionaryFile file;
-    const auto tables = parse_what_can_be(text, name, file.problems);
+    const auto shared_name = std::make_shared<const std::string>(name);
+    const auto tables = parse_what_can_be(text, shared_name, file.problems);
     if (!tables)
         return file;
-    EntryReader reader(name, file.problems);
-    std::map<std::string, FilePlace> seen;
+    file.entries.reserve(tables->size());
+    EntryReader reader(shared_name, file.problems);
+    std::unordered_map<std::string, FilePlace> seen;
     for (const auto &[key, node] : *tables) {
         const std::string pattern(key.str());
         const toml::table *table = node.as_table();

@@ -10,9 +10,9 @@ namespace kp::tool {
 
 class EntryReader {
   public:
-    // Both outlive the reader. `file` is what places are called.
-    EntryReader(const std::string &file, std::vector<DictionaryProblem> &problems)
-        : file_(file), problems_(problems)
+    // `file` is what places are called; the list outlives the reader.
+    EntryReader(std::shared_ptr<const std::string> file, std::vector<DictionaryProblem> &problems)
+        : file_(std::move(file)), problems_(problems)
     {
     }
 
@@ -36,7 +36,7 @@ class EntryReader {
     void read_key(DictionaryEntry &entry, const toml::key &key, const toml::node &node);
     void check(DictionaryEntry &entry);
 
-    const std::string &file_;
+    const std::shared_ptr<const std::string> file_;
     std::vector<DictionaryProblem> &problems_;
 };
 

@@ -47,7 +47,7 @@ bool is_stale(const Facts &facts, const StateInput &input)
 
 std::string place_text(const FilePlace &place)
 {
-    std::string text = escaped(place.file);
+    std::string text = escaped(*place.file);
     if (place.line != 0)
         text += ":" + std::to_string(place.line) + ":" + std::to_string(place.column);
     return text;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,7 +13,7 @@ namespace kp::tool {
 
 // A place in a file of the dictionary. Line and column count from 1; 0 is the file as a whole.
 struct FilePlace {
-    std::string file;
+    std::shared_ptr<const std::string> file; // its name, shared by all places in it
     uint32_t line = 0;
     uint32_t column = 0;
 };

@@ -69,7 +69,10 @@ LiveDictionary::LiveDictionary(DictionaryPlace place) : place_(std::move(place))
 
 void LiveDictionary::report(const std::string &path, const std::string &text)
 {
-    problems_.push_back({{path}, text});
+    DictionaryProblem problem;
+    problem.place.file = std::make_shared<const std::string>(path);
+    problem.text = text;
+    problems_.push_back(std::move(problem));
 }
 
 // Reads a file when it is another than the one that is known; says whether it brought anything new.
