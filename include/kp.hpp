@@ -104,7 +104,7 @@
 namespace kp {
 inline namespace KP_HPP_SETTINGS {
 
-// --- Types and values -------------------------------------------------------------------------------
+// --- Types and values -------------------------------------------------------------------------
 
 /** The value types, by their codes. */
 enum class Type : std::uint32_t {
@@ -169,7 +169,7 @@ template <class T> struct Sample {
     }
 };
 
-// --- Errors and results -----------------------------------------------------------------------------
+// --- Errors and results -----------------------------------------------------------------------
 
 /** Why something failed. */
 enum class Reason : std::uint8_t {
@@ -815,7 +815,7 @@ std::basic_ostream<char, Traits> &operator<<(std::basic_ostream<char, Traits> &s
     return stream;
 }
 
-// --- What a node and its owners share ---------------------------------------------------------------
+// --- What a node and its owners share ---------------------------------------------------------
 
 namespace detail {
 
@@ -1247,9 +1247,18 @@ struct State {
         return {};
     }
 
+    // When the process first subscribed; the library is told on the same occasion.
+    static std::uint64_t first_subscription() noexcept
+    {
+        static const std::uint64_t first = [] {
+            (void)kp_sub_topic(nullptr, "");
+            return kp_get_timestamp_us();
+        }();
+        return first;
+    }
+
     Result<void> subscribe_topic(const std::string &topic)
     {
-        static const std::uint64_t first_subscription = kp_get_timestamp_us();
         if (kp_get_tag(handle, topic.c_str()))
             return {};
         errno = 0;
@@ -1264,7 +1273,7 @@ struct State {
         // As the library has it: what was written before the first subscription is no change.
         std::uint64_t last = 0;
         (void)kp_tag_get_last_write_timestamp(tag, &last);
-        link->listed = last > first_subscription ? 0 : last;
+        link->listed = last > first_subscription() ? 0 : last;
         return {};
     }
 
@@ -1276,6 +1285,7 @@ struct State {
             return Unexpected(system_failure(text.c_str(), "kp_sub_topic", EINVAL));
         if (is_active(text))
             return {};
+        (void)first_subscription();
         subscriptions.push_back(text); // first, so that nothing after it can fail for memory
         const Result<void> done =
             is_pattern(text) ? subscribe_pattern(text) : subscribe_topic(text);
@@ -1335,7 +1345,7 @@ inline bool read_any(kp_tag_t *tag, Sample<Value> &sample)
 
 } // namespace detail
 
-// --- Changes ----------------------------------------------------------------------------------------
+// --- Changes ----------------------------------------------------------------------------------
 
 /** A topic that was written, with the value it had when the walk came to it. */
 class Change {
@@ -1555,7 +1565,7 @@ class Changes {
     Change change_;
 };
 
-// --- Node, providers and consumers ------------------------------------------------------------------
+// --- Node, providers and consumers ------------------------------------------------------------
 
 /** What a node does. */
 struct NodeOptions {
