@@ -72,9 +72,10 @@ static_assert(sizeof(Segment) == kSegmentSize);
 static_assert(std::is_trivially_copyable_v<Segment>);
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the file format is little-endian");
 
+// Acquires what the provider declared before it set the flag.
 inline bool is_valid(const Segment &segment)
 {
-    return load_relaxed(segment.state.flags) & kValid;
+    return load_acquire(segment.state.flags) & kValid;
 }
 
 // The bytes of the stored value, never more than the value area holds whatever the field says.
