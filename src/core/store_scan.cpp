@@ -4,6 +4,7 @@
 #include "core/pattern.h"
 #include "layout/segment.h"
 #include "layout/unique_fd.h"
+#include "store/store_path.h"
 #include "support/log.h"
 #include "support/path.h"
 
@@ -67,7 +68,7 @@ int sub_matched_topic_rec(kp_t *handle, char *path, int depth, const char *patte
         return -1;
     if (depth < 0 && std::string_view(pattern).back() != '#')
         return 0; // only such a pattern reaches deeper than its own levels
-    const UniqueDir dir(opendir(path));
+    const UniqueDir dir(open_store_directory(path));
     if (!dir)
         return -1;
     while (const dirent *entry = dir.next()) {

@@ -2,7 +2,9 @@
 // no reference. Nothing outlives a call but the file.
 #include "store/bytes.h"
 #include "store/checks.h"
+#include "store/removal.h"
 #include "store/segment_file.h"
+#include "store/store_path.h"
 #include "support/memory.h"
 
 #include <cerrno>
@@ -80,6 +82,17 @@ bool is_whole(const UniqueFd &fd)
     return fstat(fd.get(), &status) == 0 && status.st_size >= kSegmentSize && status.st_blocks > 0;
 }
 
+// Says why a reader has no file.
+void log_unopened(const char *path, int error, LogSite site)
+{
+    if (error == kForeignLink)
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "topic is invalid\n");
+    else if (exists_in_store(path))
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "fd '%s' create fail\n", path);
+    else // Deliberate: on standard output and past every log level, where users have always found it.
+        (void)std::puts("access failed");
+}
+
 // Opens an existing segment for a reader; nullopt after its message.
 std::optional<MappedSegment> open_existing(const char *topic, LogSite site)
 {
@@ -90,15 +103,9 @@ std::optional<MappedSegment> open_existing(const char *topic, LogSite site)
     const auto path = segment_path(topic, site);
     if (!path)
         return std::nullopt;
-    if (access(path->data(), F_OK) != 0) {
-        // Deliberate: on standard output and past every log level, as users of the instant reads
-        // have always found it there.
-        (void)std::puts("access failed");
-        return std::nullopt;
-    }
-    UniqueFd fd = open_segment(path->data(), O_RDWR);
+    UniqueFd fd = open_segment(path->data());
     if (!fd) {
-        KP_LOG_AT(KP_LEVEL_ERROR, site, "fd '%s' create fail\n", path->data());
+        log_unopened(path->data(), errno, site);
         return std::nullopt;
     }
     if (!is_whole(fd))
@@ -117,6 +124,35 @@ std::optional<MappedSegment> open_declared(const char *topic, LogSite site = Log
     return segment;
 }
 
+// Whether the writer has to make the directories: also with no descriptor free, when nothing tells.
+bool may_be_missing(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == EMFILE || error == ENFILE;
+}
+
+// Opens the file for a writer, with its directories; none after its message.
+OpenedFile open_for_writer(const char *path, LogSite site)
+{
+    UniqueFd fd = open_segment(path);
+    if (fd)
+        return {std::move(fd), false};
+    if (may_be_missing(errno)) {
+        if (kp_mkdir(path) < 0) {
+            KP_LOG_AT(KP_LEVEL_ERROR, site, "make tag directory failed\n");
+            return {};
+        }
+        OpenedFile file = open_or_create_segment(path);
+        if (file.fd)
+            return file;
+    }
+    if (errno == kForeignLink)
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "topic is invalid\n");
+    else
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "open shm(increase 'ulimit -n'): %s\n",
+                  std::strerror(errno));
+    return {};
+}
+
 struct WritableSegment {
     MappedSegment segment;
     bool created;
@@ -128,28 +164,22 @@ std::optional<WritableSegment> open_or_create(const char *topic, LogSite site = 
     const auto path = segment_path(topic, site);
     if (!path)
         return std::nullopt;
-    const bool created = access(path->data(), F_OK) != 0;
-    if (created && kp_mkdir(path->data()) < 0) {
-        KP_LOG_AT(KP_LEVEL_ERROR, site, "make tag directory failed\n");
+    OpenedFile file = open_for_writer(path->data(), site);
+    if (!file.fd)
         return std::nullopt;
-    }
-    UniqueFd fd = open_segment(path->data(), created ? O_RDWR | O_CREAT : O_RDWR);
-    if (!fd) {
-        KP_LOG_AT(KP_LEVEL_ERROR, site, "open shm(increase 'ulimit -n'): %s\n",
-                  std::strerror(errno));
-        return std::nullopt;
-    }
-    if (!size_segment_file(fd)) {
+    if (!size_segment_file(file.fd)) {
         const int cause = errno;
-        fd.reset();
+        if (file.created)
+            remove_leftover(path->data(), file.fd);
+        file.fd.reset();
         KP_LOG_AT(KP_LEVEL_ERROR, site, "ftruncate: %s\n", std::strerror(cause));
         return std::nullopt;
     }
     // Deliberate: the writer reports a failed mapping in the words of the readers.
-    auto segment = map_open_file(std::move(fd), site);
+    auto segment = map_open_file(std::move(file.fd), site);
     if (!segment)
         return std::nullopt;
-    return WritableSegment{std::move(*segment), created};
+    return WritableSegment{std::move(*segment), file.created};
 }
 
 // Sets `writing` and kValid with one store, visible before any store that follows.

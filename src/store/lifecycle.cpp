@@ -1,73 +1,71 @@
-// Handles on segments: opening, counting, declaring and closing. The counts are kept under the
-// segment's process-shared semaphore, and changed atomically besides, because every open
-// initialises the semaphore again and so two processes can hold it at once.
+// Handles on segments: opening, counting, declaring and closing. Who counts a handle in looks
+// afterwards whether the file is still linked, and who removes the file looks before whether it is
+// still unused, both under the file's lock: so no handle is left with a file that nobody else finds.
+#include "store/bytes.h"
+#include "store/counts.h"
+#include "store/file_lock.h"
+#include "store/removal.h"
 #include "store/segment_file.h"
+#include "support/cancellation.h"
 #include "support/clock.h"
 #include "support/memory.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/time.h>
-#include <time.h>
 
 namespace kp {
 
 namespace {
 
-// Short, so that a wait ends soon after another open has initialised the semaphore again, which
-// wakes nobody.
-constexpr int64_t kSemaphoreStepNs = 10'000'000;
+// How often a file may be removed between its opening and its lock before an open fails. Each time
+// somebody else has to close the topic in just these microseconds.
+constexpr int kOpenTries = 100;
+constexpr int64_t kOpenPatienceNs = 2'000'000'000;
 
-// After this time the holder counts as killed. The counts are atomic without the semaphore, so going
-// on is safe and waiting longer would hang every later close of the topic.
-constexpr int64_t kSemaphorePatienceNs = 1'000'000'000;
+enum class Opening { done, orphaned, failed };
 
-// Holds the segment's semaphore over a scope, or goes on without it when its holder is gone.
-class SemaphoreLock {
-  public:
-    explicit SemaphoreLock(sem_t &sem) : sem_(sem), held_(wait())
-    {
-    }
-    SemaphoreLock(const SemaphoreLock &) = delete;
-    SemaphoreLock &operator=(const SemaphoreLock &) = delete;
-    ~SemaphoreLock()
-    {
-        if (held_)
-            (void)sem_post(&sem_);
-    }
-
-  private:
-    // The clock ends the wait and not the number of steps, of which signals can cut any short.
-    bool wait()
-    {
-        const int64_t start = monotonic_ns();
-        for (int64_t now = start; now - start < kSemaphorePatienceNs; now = monotonic_ns()) {
-            const int64_t end = now + kSemaphoreStepNs;
-            const timespec deadline{.tv_sec = end / 1'000'000'000, .tv_nsec = end % 1'000'000'000};
-            if (sem_clockwait(&sem_, CLOCK_MONOTONIC, &deadline) == 0)
-                return true;
-        }
-        return false;
-    }
-
-    sem_t &sem_;
-    bool held_;
-};
-
-// Adds to the count of one role (8-bit, wrapping) and returns both counts as they are then.
-ReferenceCounts count_role(Segment &segment, uint32_t role, int amount)
+// Counts the handle into its file. Orphaned when the last user has removed the file meanwhile; failed
+// when there is no semaphore.
+Opening count_in(kp_shm_t &shm, const UniqueFd &fd, uint32_t role)
 {
-    const SemaphoreLock lock(segment.sem);
-    return update(segment.refs, [role, amount](ReferenceCounts refs) {
-        if (role == KP_ROLE_PROVIDER)
-            refs.providers = static_cast<uint8_t>(refs.providers + amount);
-        if (role == KP_ROLE_CONSUMER)
-            refs.consumers = static_cast<uint8_t>(refs.consumers + amount);
-        return refs;
-    });
+    const FileLock lock(fd);
+    Segment &segment = *shm.mem;
+    if (load_relaxed(segment.refs).sum() == 0)
+        store_relaxed(segment.last_write_ts, shm.last_update_ts);
+    // Deliberate: every open initialises the semaphore again, also under processes that hold it, so
+    // one that a killed process left taken is free again.
+    if (sem_init(&segment.sem, 1, 1) == -1)
+        return Opening::failed;
+    (void)count_role(segment, role, +1);
+    const FileState file = file_state(fd);
+    shm.file = file.id;
+    if (file.is_linked)
+        return Opening::done;
+    (void)count_role(segment, role, -1);
+    return Opening::orphaned;
+}
+
+// Opens, maps and counts. Failed after a log line.
+Opening open_counted(kp_shm_t &shm, const char *path, uint32_t role, LogSite site)
+{
+    if (kp_new_shm(&shm, path) < 0)
+        return Opening::failed;
+    UniqueFd fd(shm.fd);
+    shm.mem = map_segment(fd);
+    if (!shm.mem) {
+        const int cause = errno;
+        fd.reset();
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "mmap: %s\n", std::strerror(cause));
+        return Opening::failed;
+    }
+    const Opening opening = count_in(shm, fd, role);
+    if (opening == Opening::failed) // Deliberate: the mapping stays, left to the process's end.
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "sem_open: %s\n", std::strerror(errno));
+    if (opening == Opening::orphaned)
+        (void)munmap(shm.mem, kSegmentSize);
+    return opening;
 }
 
 } // namespace
@@ -93,33 +91,17 @@ kp_shm_t *kp_shm_new(const char *topic, uint32_t role)
         return nullptr;
     }
     shm->last_update_ts = kp_shm_get_timestamp_us();
-    if (kp_new_shm(shm.get(), path->data()) < 0)
-        return nullptr;
-
-    UniqueFd fd(shm->fd);
-    shm->mem = map_segment(fd);
-    if (!shm->mem) {
-        const int cause = errno;
-        fd.reset();
-        shm.reset();
-        KP_ERROR("mmap: %s\n", std::strerror(cause));
-        return nullptr;
+    const NoCancellation scope;
+    const int64_t start = monotonic_ns();
+    for (int tries = 0; tries < kOpenTries && monotonic_ns() - start < kOpenPatienceNs; ++tries) {
+        const Opening opening = open_counted(*shm, path->data(), role, LogSite::current());
+        if (opening == Opening::done)
+            return shm.release();
+        if (opening == Opening::failed)
+            return nullptr;
     }
-    fd.reset();
-
-    Segment &segment = *shm->mem;
-    if (load_relaxed(segment.refs).sum() == 0)
-        store_relaxed(segment.last_write_ts, shm->last_update_ts);
-    // Deliberate: every open initialises the semaphore again, also under processes that hold it, so
-    // one that a killed process left taken is free again.
-    if (sem_init(&segment.sem, 1, 1) == -1) {
-        const int cause = errno;
-        shm.reset(); // Deliberate: the mapping stays, this failure leaves it to the process's end.
-        KP_ERROR("sem_open: %s\n", std::strerror(cause));
-        return nullptr;
-    }
-    (void)count_role(segment, role, +1);
-    return shm.release();
+    KP_ERROR("open shm(increase 'ulimit -n'): %s\n", std::strerror(ESTALE));
+    return nullptr;
 }
 
 int32_t kp_shm_destroy(kp_shm_t *shm, const char *topic, uint32_t role)
@@ -135,13 +117,13 @@ int32_t kp_shm_destroy(kp_shm_t *shm, const char *topic, uint32_t role)
         return -1;
     if (is_null(shm, "shm is null\n"))
         return 0;
+    const NoCancellation scope;
     const MallocPtr<kp_shm_t> owner(shm);
-    const uint32_t remaining = count_role(*shm->mem, role, -1).sum();
+    if (count_role(*shm->mem, role, -1).sum() == 0)
+        remove_unused(path->data(), *shm); // the directories made for the topic stay
     (void)sem_destroy(&shm->mem->sem);
     if (munmap(shm->mem, kSegmentSize) != 0)
         KP_ERROR("munmap: %s\n", std::strerror(errno));
-    if (remaining == 0)
-        (void)unlink(path->data()); // the directories made for the topic stay
     return 0;
 }
 
@@ -157,7 +139,9 @@ int32_t kp_shm_set_provider_info(kp_shm_t *shm, uint32_t value_type, uint32_t ma
     store_relaxed(segment.max_value_size, max_value_size);
     store_relaxed(segment.extra_info, extra_info);
     const uint8_t flags = load_relaxed(segment.state.flags);
-    store_relaxed(segment.state.flags, static_cast<uint8_t>((flags & ~kHasValue) | kValid));
+    // After what it vouches for, and before the clearing: without the flag a value is all zeros.
+    store_release(segment.state.flags, static_cast<uint8_t>((flags & ~kHasValue) | kValid));
+    order_stores();
     store_relaxed(segment.written_value_size, kp_get_value_size(value_type, 0));
     std::memset(segment.value, 0, std::min(max_value_size, kValueAreaSize));
     return 0;

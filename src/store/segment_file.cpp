@@ -1,5 +1,8 @@
 #include "store/segment_file.h"
 
+#include "store/removal.h"
+#include "store/store_path.h"
+#include "support/clock.h"
 #include "support/memory.h"
 
 #include <cerrno>
@@ -8,10 +11,18 @@
 #include <string_view>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kp {
 
 namespace {
+
+// The system asks the holder of a lease for the file at once, but gives it 45 s to answer.
+constexpr int64_t kLeasePatienceMs = 100;
+constexpr useconds_t kLeasePauseUs = 1000;
+
+// How often a file may vanish and come back between the look for it and its creation.
+constexpr int kCreateTries = 100;
 
 bool leaves_the_store(std::string_view topic)
 {
@@ -23,6 +34,17 @@ bool leaves_the_store(std::string_view topic)
         topic.remove_prefix(end == std::string_view::npos ? topic.size() : end + 1);
     }
     return false;
+}
+
+UniqueFd open_patiently(const char *path, int flags)
+{
+    const int64_t start = monotonic_ms();
+    for (;;) {
+        UniqueFd fd = open_in_store(path, flags);
+        if (fd || errno != EWOULDBLOCK || monotonic_ms() - start >= kLeasePatienceMs)
+            return fd;
+        (void)usleep(kLeasePauseUs);
+    }
 }
 
 } // namespace
@@ -38,9 +60,29 @@ std::optional<PathBuffer> segment_path(const char *topic, LogSite site)
     return path;
 }
 
-UniqueFd open_segment(const char *path, int flags)
+FileState file_state(const UniqueFd &fd)
 {
-    return UniqueFd(open(path, flags | O_NOFOLLOW | O_CLOEXEC, 0666));
+    struct stat status;
+    if (fstat(fd.get(), &status) != 0)
+        return {.id = {}, .is_linked = true};
+    return {.id = {status.st_dev, status.st_ino}, .is_linked = status.st_nlink > 0};
+}
+
+UniqueFd open_segment(const char *path)
+{
+    return open_patiently(path, O_RDWR);
+}
+
+OpenedFile open_or_create_segment(const char *path)
+{
+    for (int tries = 1;; ++tries) {
+        UniqueFd fd = open_patiently(path, O_RDWR);
+        if (fd || (errno != ENOENT && errno != ENOTDIR))
+            return {std::move(fd), false};
+        fd.reset(open_patiently(path, O_RDWR | O_CREAT | O_EXCL).release());
+        if (fd || errno != EEXIST || tries == kCreateTries)
+            return {std::move(fd), true};
+    }
 }
 
 bool size_segment_file(const UniqueFd &fd)
@@ -68,23 +110,12 @@ using namespace kp;
 
 int32_t kp_mkdir(const char *path)
 {
-    auto rest = copy_text(path ? path : "");
-    if (!rest) {
+    const auto copy = copy_text(path ? path : "");
+    if (!copy) {
         KP_ERROR("kp create tag: malloc: %s\n", std::strerror(errno));
         return -1;
     }
-    PathBuffer directory{};
-    std::size_t length = 0;
-    char *position = nullptr;
-    const char *level = strtok_r(rest.get(), "/", &position);
-    while (const char *next = level ? strtok_r(nullptr, "/", &position) : nullptr) {
-        (void)format_text(std::span(directory).subspan(length), "/%s", level);
-        length = std::strlen(directory.data());
-        struct stat status;
-        if (stat(directory.data(), &status) != 0 || !S_ISDIR(status.st_mode))
-            (void)mkdir(directory.data(), 0777); // a failure shows when the file is opened
-        level = next;
-    }
+    make_directories(copy.get());
     return 0;
 }
 
@@ -94,17 +125,23 @@ int32_t kp_new_shm(kp_shm_t *shm, const char *path)
         KP_ERROR("make tag directory failed\n");
         return -1;
     }
-    UniqueFd fd = open_segment(path, O_RDWR | O_CREAT);
-    if (!fd) {
+    OpenedFile file = open_or_create_segment(path);
+    if (!file.fd && errno == kForeignLink) {
+        KP_ERROR("topic is invalid\n");
+        return -1;
+    }
+    if (!file.fd) {
         KP_ERROR("open shm(increase 'ulimit -n'): %s\n", std::strerror(errno));
         return -1;
     }
-    if (!size_segment_file(fd)) {
+    if (!size_segment_file(file.fd)) {
         const int cause = errno;
-        fd.reset();
+        if (file.created)
+            remove_leftover(path, file.fd);
+        file.fd.reset();
         KP_ERROR("ftruncate: %s\n", std::strerror(cause));
         return -1;
     }
-    shm->fd = fd.release();
+    shm->fd = file.fd.release();
     return 0;
 }

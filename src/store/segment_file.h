@@ -9,6 +9,7 @@
 #include "support/path.h"
 
 #include <optional>
+#include <sys/types.h>
 
 namespace kp {
 
@@ -16,8 +17,32 @@ namespace kp {
 // topic with a level "..", which would leave the store. A path that is too long is cut.
 std::optional<PathBuffer> segment_path(const char *topic, LogSite site = LogSite::current());
 
-// Opens a segment file; O_NOFOLLOW and O_CLOEXEC are added to the flags.
-UniqueFd open_segment(const char *path, int flags);
+// Which file an open descriptor or a mapping is of, whatever stands under its name meanwhile.
+struct FileId {
+    dev_t device;
+    ino_t inode;
+
+    bool operator==(const FileId &) const = default;
+};
+
+struct FileState {
+    FileId id;      // all zeros, which no file has, when the system does not tell
+    bool is_linked; // has a name still
+};
+
+FileState file_state(const UniqueFd &fd);
+
+// Opens an existing segment file for reading and writing. Waits a moment for a process that has a
+// lease on the file, and no longer. None with errno set, to kForeignLink for a path that is refused.
+UniqueFd open_segment(const char *path);
+
+struct OpenedFile {
+    UniqueFd fd;
+    bool created; // by this call and nobody else
+};
+
+// The same, and creates the file when it is missing.
+OpenedFile open_or_create_segment(const char *path);
 
 // Gives the file its size and reserves its page, so that a full file system is an error here and
 // not a fatal signal at the first store. False with errno set.
@@ -34,6 +59,8 @@ struct kp_shm_t {
     int32_t fd; // closed as soon as the file is mapped; the number is kept but means nothing
     kp::Segment *mem;
     uint64_t last_update_ts; // last_write_ts of the value last read or written here
+    uint64_t doubted_ts;     // last_write_ts of a consistent read that could be of the write before
+    kp::FileId file;         // what `mem` is mapped from
 };
 
 static_assert(offsetof(kp_shm_t, fd) == 0);

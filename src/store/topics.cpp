@@ -3,6 +3,7 @@
 #include "kp.h"
 #include "layout/segment.h"
 #include "layout/unique_fd.h"
+#include "store/store_path.h"
 #include "support/memory.h"
 #include "support/path.h"
 
@@ -53,7 +54,7 @@ TopicList list_topics(const char *prefix)
     TopicList topics;
     PathBuffer path;
     (void)format_text(path, "%s/%s", kStoreRoot, prefix);
-    const UniqueDir dir(opendir(path.data()));
+    const UniqueDir dir(open_store_directory(path.data()));
     if (!dir)
         return topics;
     while (const dirent *entry = dir.next()) {

@@ -132,7 +132,7 @@ TEST_F(ScanOfSomeTopics, TellsAtDebugWhatMatchesAndWhatItMakes)
 TEST_F(ScanOfSomeTopics, GoesOnAfterATagThatCannotBeMade)
 {
     StderrCapture log;
-    const FailNext opening(Call::open);
+    const FailNext opening(Call::fallocate);
 
     EXPECT_EQ(kp_sub_topic(handle_, "a/+"), 0);
 
@@ -141,7 +141,7 @@ TEST_F(ScanOfSomeTopics, GoesOnAfterATagThatCannotBeMade)
 
 TEST_F(ScanOfSomeTopics, PassesOverADirectoryThatCannotBeOpened)
 {
-    const FailNth opening(Call::opendir, 2);
+    const FailNth opening(Call::syscall, 2);
 
     EXPECT_EQ(kp_sub_topic(handle_, "#"), 0);
 
@@ -164,7 +164,7 @@ TEST_F(Scan, OfAMissingStoreFailsSilentlyAndThePatternStays)
 TEST_F(Scan, OfARootThatCannotBeOpenedFailsAndThePatternStays)
 {
     SegmentFile("a/b").create();
-    const FailNext opening(Call::opendir);
+    const FailNext opening(Call::syscall);
 
     EXPECT_EQ(kp_sub_topic(handle_, "a/+"), -1);
 

@@ -190,7 +190,7 @@ TEST(AutomaticSubscription, FailsWhenItsTagCannotBeMade)
     const Handle handle;
     follow(handle, "#");
     StderrCapture log;
-    const FailNext opening(Call::open);
+    const FailFrom opening(Call::syscall, 1);
 
     EXPECT_EQ(kp_sub_plain_topic(handle, "a"), -1);
 

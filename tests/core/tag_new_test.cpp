@@ -131,7 +131,7 @@ TEST(NewTag, AddsNoMessageToThatOfASegmentThatCannotBeOpened)
     const Handle handle;
     StderrCapture log;
     const Footprint before;
-    const FailNext opening(Call::open);
+    const FailFrom opening(Call::syscall, 1);
 
     EXPECT_EQ(kp_tag_consumer_new(handle, "a"), nullptr);
     EXPECT_EQ(log.lines(),

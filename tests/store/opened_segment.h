@@ -1,10 +1,11 @@
-// An open segment that closes itself, and what the tests of segments share.
+// An open segment that closes itself, and what else the tests of segments share.
 #pragma once
 
 #include "kp.h"
 
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
 #include <utility>
 
 namespace kptest {
@@ -54,6 +55,26 @@ class DeclaredSegment : public OpenedSegment {
     {
         EXPECT_EQ(kp_shm_set_provider_info(*this, value_type, max_value_size, extra_info), 0);
     }
+};
+
+// No descriptor is left from the construction on to the end.
+class NoDescriptorLeft {
+  public:
+    NoDescriptorLeft()
+    {
+        (void)getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit none{3, before_.rlim_max};
+        (void)setrlimit(RLIMIT_NOFILE, &none);
+    }
+    NoDescriptorLeft(const NoDescriptorLeft &) = delete;
+    NoDescriptorLeft &operator=(const NoDescriptorLeft &) = delete;
+    ~NoDescriptorLeft()
+    {
+        (void)setrlimit(RLIMIT_NOFILE, &before_);
+    }
+
+  private:
+    rlimit before_{};
 };
 
 } // namespace kptest

@@ -67,7 +67,7 @@ TEST_F(OpeningFault, OfMemoryForThePathIsReportedTwice)
 TEST_F(OpeningFault, OfADirectoryShowsWhenTheFileIsOpened)
 {
     StderrCapture log;
-    FailFrom fault{Call::mkdir, 1, EACCES};
+    FailFrom fault{Call::mkdirat, 1, EACCES};
 
     EXPECT_EQ(kp_shm_new("a", KP_ROLE_PROVIDER), nullptr);
     EXPECT_EQ(log.lines(), Lines{"ERROR: kp_new_shm: open shm(increase 'ulimit -n'): "
@@ -77,7 +77,7 @@ TEST_F(OpeningFault, OfADirectoryShowsWhenTheFileIsOpened)
 TEST_F(OpeningFault, OfTheFileIsReported)
 {
     StderrCapture log;
-    FailNext fault{Call::open, EMFILE};
+    FailFrom fault{Call::syscall, 1, EMFILE};
 
     EXPECT_EQ(kp_shm_new("a", KP_ROLE_PROVIDER), nullptr);
     EXPECT_EQ(log.text_without_line_numbers(),
@@ -219,7 +219,7 @@ TEST_F(ClosingFault, OfTheFileIsIgnored)
 {
     OpenedSegment shm("a");
     StderrCapture log;
-    FailNext fault{Call::unlink, EACCES};
+    FailNext fault{Call::unlinkat, EACCES};
 
     shm.close();
 

@@ -169,7 +169,7 @@ TEST(ListOfTopics, IsEmptyWhenTheStoreCannotBeOpened)
 {
     create({"a"});
     StderrCapture log;
-    FailNext fault{Call::opendir};
+    FailNext fault{Call::syscall};
 
     EXPECT_EQ(kp_shm_list_all_topics(), nullptr);
     EXPECT_EQ(log.text(), "");
@@ -179,7 +179,17 @@ TEST(ListOfTopics, LeavesOutADirectoryThatCannotBeOpened)
 {
     create({"a/x", "b"});
     const auto descriptors = open_descriptors();
-    FailNth fault{Call::opendir, 2};
+    FailNth fault{Call::syscall, 2};
+
+    EXPECT_THAT(listed_topics(), ElementsAre("b"));
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(ListOfTopics, LeavesOutADirectoryForWhichThereIsNoStream)
+{
+    create({"a/x", "b"});
+    const auto descriptors = open_descriptors();
+    FailNth fault{Call::fdopendir, 2};
 
     EXPECT_THAT(listed_topics(), ElementsAre("b"));
     EXPECT_EQ(open_descriptors(), descriptors);

@@ -16,6 +16,7 @@
 #include <semaphore.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/random.h>
@@ -285,6 +286,30 @@ int __wrap_open(const char *path, int flags, ...)
     return is_failed(Call::open) ? -1 : open(path, flags, mode);
 }
 
+int __wrap_openat(int directory, const char *path, int flags, ...);
+int __wrap_openat(int directory, const char *path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = flags & O_CREAT ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return is_failed(Call::openat) ? -1 : openat(directory, path, flags, mode);
+}
+
+// Each argument is an int or a pointer; a long holds both. The library makes no call of more.
+long __wrap_syscall(long number, ...);
+long __wrap_syscall(long number, ...)
+{
+    va_list arguments;
+    va_start(arguments, number);
+    const long first = va_arg(arguments, long);
+    const long second = va_arg(arguments, long);
+    const long third = va_arg(arguments, long);
+    const long fourth = va_arg(arguments, long);
+    va_end(arguments);
+    return is_failed(Call::syscall) ? -1 : syscall(number, first, second, third, fourth);
+}
+
 // The third argument is an int or a pointer; a long holds both.
 int __wrap_fcntl(int fd, int command, ...);
 int __wrap_fcntl(int fd, int command, ...)
@@ -306,6 +331,19 @@ SHIM(void *, mmap, MAP_FAILED,
      (void *address, size_t length, int protection, int flags, int fd, off_t offset),
      (address, length, protection, flags, fd, offset))
 SHIM(DIR *, opendir, nullptr, (const char *path), (path))
+SHIM(DIR *, fdopendir, nullptr, (int fd), (fd))
+SHIM(int, fstatat, -1, (int directory, const char *path, struct stat *status, int flags),
+     (directory, path, status, flags))
+SHIM(int, faccessat, -1, (int directory, const char *path, int mode, int flags),
+     (directory, path, mode, flags))
+SHIM(ssize_t, readlinkat, -1, (int directory, const char *path, char *text, size_t room),
+     (directory, path, text, room))
+SHIM(int, mkdirat, -1, (int directory, const char *path, mode_t mode), (directory, path, mode))
+SHIM(int, unlinkat, -1, (int directory, const char *path, int flags), (directory, path, flags))
+SHIM(int, flock, -1, (int fd, int operation), (fd, operation))
+SHIM(ssize_t, pread, -1, (int fd, void *bytes, size_t room, off_t offset),
+     (fd, bytes, room, offset))
+SHIM(int, unshare, -1, (int flags), (flags))
 SHIM(int, mkdir, -1, (const char *path, mode_t mode), (path, mode))
 SHIM(int, unlink, -1, (const char *path), (path))
 SHIM(int, sem_init, -1, (sem_t * sem, int shared, unsigned value), (sem, shared, value))
