@@ -22,25 +22,31 @@ class InboundOf {
                                                  rule,
                                              "f")
                              .configuration),
-          inbound_(
-              configuration_, reader_,
-              {.put =
-                   [this](const std::string &tag, WriteRequest request) {
-                       written_.push_back(tag + "=" + request.sample.value);
-                       last_ = std::move(request);
-                   },
-               .drop = [this](const auto &tag) { written_.push_back(tag + " dropped"); },
-               .older_arrived = [this](const auto &tag) { written_.push_back(tag + " is newer"); },
-               .cleared = [this](const auto &tag) { written_.push_back(tag + " lives"); },
-               .is_dropping = [this](const auto &tag) { return tag == dropping_; }},
-              counters_)
+          state_(std::move(*StateFile::open("").value)),
+          topics_(configuration_, reader_, *state_, pending_),
+          shared_(configuration_, reader_, nullptr, *state_, pending_, topics_, 0),
+          inbound_(configuration_, reader_, shared_,
+                   {.put =
+                        [this](const std::string &tag, WriteRequest request) {
+                            written_.push_back(tag + "=" + request.sample.value);
+                            last_ = std::move(request);
+                        },
+                    .drop = [this](const auto &tag, bool) { written_.push_back(tag + " dropped"); },
+                    .cleared = [this](const auto &tag) { written_.push_back(tag + " lives"); },
+                    .is_dropping = [this](const auto &tag) { return tag == dropping_; }},
+                   counters_)
     {
     }
 
     void receive(const std::string &topic, const std::string &payload,
                  const UserProperties &properties = {})
     {
-        inbound_.receive({topic, payload, false, properties});
+        inbound_.receive({topic, payload, false, properties, came_for_});
+    }
+    // What the messages to come say that they came for.
+    void came_for(std::vector<uint32_t> subscriptions)
+    {
+        came_for_ = std::move(subscriptions);
     }
     void is_dropping(const std::string &tag)
     {
@@ -74,9 +80,14 @@ class InboundOf {
   private:
     Configuration configuration_;
     StoreReader reader_;
+    std::unique_ptr<StateFile> state_;
+    PendingNames pending_;
+    TopicTable topics_;
+    SharedTags shared_;
     Counters counters_;
     std::vector<std::string> written_;
     std::string dropping_;
+    std::vector<uint32_t> came_for_;
     WriteRequest last_;
     Inbound inbound_;
 };
@@ -296,24 +307,11 @@ TEST(Inbound, IgnoresTheClearingOfACommand)
     EXPECT_EQ(inbound.counters().refused, 0u);
 }
 
-TEST(SharedTree, DropsATagWithItsTopic)
-{
-    InboundOf inbound("shared = true\n");
-    inbound.receive("s/a", "x");
-
-    inbound.receive("s/a", "");
-    inbound.receive("s/b", "");
-
-    EXPECT_THAT(inbound.written(), ElementsAre("a=x", "a dropped"));
-}
-
-TEST(SharedTree, WritesAValueAgainThatComesBackBeforeItsTagIsGone)
+TEST(SharedTree, WritesAValueThatComesBeforeItsTagIsGone)
 {
     StoreProvider as_if_by_the_bridge("a");
     as_if_by_the_bridge.write("x");
     InboundOf inbound("shared = true\n");
-    inbound.receive("s/a", "x", {{property::kSourceTime, "900"}});
-    EXPECT_THAT(inbound.written(), IsEmpty());
 
     inbound.is_dropping("a");
     inbound.receive("s/a", "x", {{property::kSourceTime, "900"}});
@@ -333,19 +331,6 @@ TEST(SharedTree, SaysThatATagOfOthersOutlivesItsClearing)
     inbound.receive("s/b", "");
 
     EXPECT_THAT(inbound.written(), ElementsAre("a lives"));
-}
-
-TEST(SharedTree, SaysThatATagThatOthersProvideTooOutlivesItsClearing)
-{
-    InboundOf inbound("shared = true\n");
-    inbound.receive("s/a", "x");
-    StoreProvider as_if_by_the_bridge("a");
-    StoreProvider provider("a");
-    provider.write("x");
-
-    inbound.receive("s/a", "");
-
-    EXPECT_THAT(inbound.written(), ElementsAre("a=x", "a dropped", "a lives"));
 }
 
 TEST(SharedTree, DoesNotAnswerItsOwnClearing)
@@ -371,7 +356,7 @@ TEST(SharedTree, IgnoresWhatTheTagHasAlready)
     EXPECT_EQ(inbound.counters().echoes, 1u);
 }
 
-TEST(SharedTree, AnswersAnOlderValueWithItsOwn)
+TEST(SharedTree, TakesAnOlderValueThatComesAfterItsOwn)
 {
     StoreProvider provider("a");
     provider.write("new", 1000, 1, 900);
@@ -379,7 +364,33 @@ TEST(SharedTree, AnswersAnOlderValueWithItsOwn)
 
     inbound.receive("s/a", "old", {{"q", "1"}, {"sts", "899"}});
 
-    EXPECT_THAT(inbound.written(), ElementsAre("a is newer"));
+    EXPECT_THAT(inbound.written(), ElementsAre("a=old"));
+}
+
+TEST(TwoTrees, LetTheNewerValueStayAndOfTwoAsNewThatOfTheGreaterDevice)
+{
+    StoreProvider provider("a");
+    provider.write("mine", 1000, 1, 900);
+    InboundOf inbound("shared = true\n[[out]]\npattern = \"#\"\nprefix = \"o\"\n");
+
+    inbound.receive("s/a", "older", {{"sts", "899"}, {"origin", "you/1"}});
+    inbound.receive("s/a", "lesser", {{"sts", "900"}, {"origin", "he/1"}});
+    inbound.receive("s/a", "greater", {{"sts", "900"}, {"origin", "you/1"}});
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=greater"));
+    EXPECT_EQ(inbound.counters().echoes, 2u);
+}
+
+TEST(Subscriptions, CountOnlyTheCopyForTheMostExactRule)
+{
+    InboundOf inbound("[[in]]\nfilter = \"c/speed\"\nprefix = \"s\"\ntags = \"exact\"\n");
+
+    inbound.came_for({1});
+    inbound.receive("s/c/speed", "1");
+    inbound.came_for({2});
+    inbound.receive("s/c/speed", "1");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("exact/c/speed=1"));
 }
 
 TEST(Subscriptions, AskForRetainedMessagesOnlyWhereTheRuleDoes)

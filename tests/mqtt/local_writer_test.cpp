@@ -98,8 +98,8 @@ TEST_F(Writing, LetsAMovedValueBeSentAgainSinceItsTopicMayHaveBeenCleared)
     Sample written;
     ASSERT_EQ(StoreReader{}.read("w/a/_", moved), ReadOutcome::read);
     ASSERT_EQ(StoreReader{}.read("w/a/b", written), ReadOutcome::read);
-    EXPECT_FALSE(writer_->is_own("w/a/_", moved));
-    EXPECT_TRUE(writer_->is_own("w/a/b", written));
+    EXPECT_FALSE(writer_->key_of("w/a/_", moved));
+    EXPECT_TRUE(writer_->key_of("w/a/b", written));
 }
 
 TEST_F(Writing, PutsAValueBesideWhatIsBelowItsName)

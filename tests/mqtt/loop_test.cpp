@@ -1,12 +1,10 @@
 // Two devices, each with a bridge, join one tree from both ends: one write must make one message.
 #include "broker.h"
 #include "device.h"
-#include "testing/mounts.h"
-#include "testing/process.h"
+#include "other_device.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sstream>
 
 using namespace kptest;
 using namespace std::chrono_literals;
@@ -22,50 +20,6 @@ constexpr const char *kTowards = "[[out]]\npattern = \"a/#\"\nprefix = \"x\"\n"
                                  "[[in]]\nfilter = \"a/#\"\nprefix = \"y\"\nshared = true\n";
 constexpr const char *kBack = "[[out]]\npattern = \"a/#\"\nprefix = \"y\"\n"
                               "[[in]]\nfilter = \"a/#\"\nprefix = \"x\"\nshared = true\n";
-
-// A device in a process with a store of its own. It understands "write TOPIC TEXT" and "await TOPIC
-// TEXT", and answers "done" or "failed".
-class OtherDevice {
-  public:
-    OtherDevice(int port, const std::string &rules)
-        : process_([port, rules](Channel &parent) { return live(parent, port, rules); })
-    {
-        EXPECT_EQ(process_.hear(), "there");
-    }
-    bool does(const std::string &order)
-    {
-        return process_.tell(order) && process_.hear(std::chrono::seconds(40)) == "done";
-    }
-
-  private:
-    static int live(Channel &parent, int port, const std::string &rules)
-    {
-        enter_private_mounts();
-        BridgeProgram bridge(port, configuration(port, rules, "", "other"));
-        Tags tags;
-        (void)parent.tell(wait_for_connection() ? "there" : "failed");
-        while (const auto order = parent.hear(std::chrono::minutes(2))) {
-            std::istringstream words(*order);
-            std::string verb;
-            std::string topic;
-            std::string text;
-            words >> verb >> topic >> text;
-            (void)parent.tell(carry_out(tags, verb, topic, text) ? "done" : "failed");
-        }
-        return 0;
-    }
-    static bool carry_out(Tags &tags, const std::string &verb, const std::string &topic,
-                          const std::string &text)
-    {
-        if (verb == "declare")
-            tags.declare(topic);
-        if (verb == "write")
-            tags.write(topic, text);
-        return verb != "await" || wait_for_tag(topic, text);
-    }
-
-    ChildProcess process_;
-};
 
 } // namespace
 

@@ -86,7 +86,7 @@ TEST(OldestAge, CountsWhatIsSentAtQosZeroNoLonger)
     const auto publication = outbound->next(outbound.now());
     ASSERT_TRUE(publication);
 
-    outbound->sent(*publication, 0);
+    outbound->sent(*publication, 0, outbound.now());
 
     EXPECT_EQ(outbound->oldest_age(outbound.now()), seconds(0));
 }

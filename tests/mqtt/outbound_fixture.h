@@ -21,8 +21,9 @@ class OutboundOf {
                              .configuration),
           state_(std::move(*StateFile::open(state_file).value)),
           topics_(configuration_, reader_, *state_, pending_),
+          shared_(configuration_, reader_, nullptr, *state_, pending_, topics_, 0),
           publications_(configuration_, reader_, nullptr, *state_, "d/boot", pending_, topics_,
-                        counters_)
+                        shared_, counters_)
     {
     }
 
@@ -34,7 +35,7 @@ class OutboundOf {
             texts.push_back(
                 publication->topic + "=" + publication->payload +
                 " q=" + (publication->payload.empty() ? "" : publication->properties[0].second));
-            publications_.sent(*publication, ++id_);
+            publications_.sent(*publication, ++id_, now_);
             if (acknowledge)
                 publications_.acknowledged(id_, {}, now_);
         }
@@ -96,6 +97,7 @@ class OutboundOf {
     Counters counters_;
     PendingNames pending_;
     TopicTable topics_;
+    SharedTags shared_;
     Publications publications_;
     Clock::time_point now_{std::chrono::hours(1)};
     int id_ = 0;

@@ -27,11 +27,14 @@ std::string make_origin(const std::string &device)
 }
 
 Bridge::Bridge(const Configuration &configuration, StateFile &state, ChangeMarks &marks,
-               LocalWriter &writer, Counters &counters)
-    : configuration_(configuration), marks_(marks), writer_(writer), counters_(counters),
-      origin_(make_origin(configuration.device)), topics_(configuration, reader_, state, pending_),
-      publications_(configuration, reader_, &writer, state, origin_, pending_, topics_, counters),
-      inbound_(configuration, reader_, inbound_events(), counters),
+               LocalWriter &writer, Counters &counters, uint64_t last_alive)
+    : configuration_(configuration), state_(state), marks_(marks), writer_(writer),
+      counters_(counters), origin_(make_origin(configuration.device)),
+      topics_(configuration, reader_, state, pending_),
+      shared_(configuration, reader_, &writer, state, pending_, topics_, last_alive),
+      publications_(configuration, reader_, &writer, state, origin_, pending_, topics_, shared_,
+                    counters),
+      inbound_(configuration, reader_, shared_, inbound_events(), counters),
       lost_providers_(topics_, configuration.trust_visible),
       session_(configuration, origin_, session_events(), counters),
       status_(configuration.status_prefix, writer)
@@ -43,9 +46,7 @@ InboundEvents Bridge::inbound_events()
     return {
         .put = [this](const std::string &tag,
                       WriteRequest request) { writer_.put(tag, std::move(request)); },
-        .drop = [this](const std::string &tag) { writer_.drop(tag); },
-        .older_arrived =
-            [this](const std::string &tag) { publications_.repeat(tag, Clock::now()); },
+        .drop = [this](const std::string &tag, bool left_over) { writer_.drop(tag, left_over); },
         .cleared =
             [this](const std::string &tag) {
                 writer_.forget(tag);
@@ -60,7 +61,8 @@ SessionEvents Bridge::session_events()
     return {
         .subscriptions = [this] { return inbound_.subscriptions(); },
         .last_kept = [this] { return publications_.last_kept(); },
-        .online = [this](bool kept) { go_online(kept); },
+        .reading = [this] { shared_.start_reading(); },
+        .online = [this](bool kept, bool has_read) { go_online(kept, has_read); },
         .lost = [this] { publications_.connection_lost(Clock::now()); },
         .acknowledged =
             [this](int id, const Answer &answer) {
@@ -82,15 +84,17 @@ int Bridge::run(int signal_fd)
     }
     manager_.stopping();
     session_.leave();
+    state_.touch();
     return 0;
 }
 
 // What changed before a connection waits with the rest.
-void Bridge::go_online(bool kept)
+void Bridge::go_online(bool kept, bool has_read)
 {
     const auto now = Clock::now();
     look_at_marks(now);
     publications_.connected(kept, now);
+    inbound_.give_up(shared_.stop_reading(has_read, now));
 }
 
 int Bridge::poll_timeout(Clock::time_point now) const
@@ -168,7 +172,7 @@ void Bridge::send_values(Clock::time_point now)
         std::string refusal;
         switch (session_.publish(*publication, id, refusal)) {
         case SendOutcome::sent:
-            publications_.sent(*publication, id);
+            publications_.sent(*publication, id, now);
             break;
         case SendOutcome::refused:
             publications_.refused(*publication, refusal);

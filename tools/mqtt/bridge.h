@@ -11,6 +11,7 @@
 #include "outbound/topic_table.h"
 #include "providers/lost_providers.h"
 #include "service_manager.h"
+#include "shared/shared_tags.h"
 #include "status_tags.h"
 #include "store_reader.h"
 
@@ -23,9 +24,10 @@ std::string make_origin(const std::string &device);
 
 class Bridge {
   public:
-    // Everything given by reference must outlive the bridge.
+    // Everything given by reference must outlive the bridge. `last_alive` says when an earlier run was,
+    // in microseconds since the epoch.
     Bridge(const Configuration &configuration, StateFile &state, ChangeMarks &marks,
-           LocalWriter &writer, Counters &counters);
+           LocalWriter &writer, Counters &counters, uint64_t last_alive);
     Bridge(const Bridge &) = delete;
     Bridge &operator=(const Bridge &) = delete;
 
@@ -35,7 +37,7 @@ class Bridge {
   private:
     SessionEvents session_events();
     InboundEvents inbound_events();
-    void go_online(bool kept);
+    void go_online(bool kept, bool has_read);
     int poll_timeout(Clock::time_point now) const;
     void wait(int signal_fd, bool &stop);
     void turn(Clock::time_point now);
@@ -45,6 +47,7 @@ class Bridge {
     void tick(Clock::time_point now);
 
     const Configuration &configuration_;
+    StateFile &state_;
     ChangeMarks &marks_;
     LocalWriter &writer_;
     Counters &counters_;
@@ -52,6 +55,7 @@ class Bridge {
     StoreReader reader_;
     PendingNames pending_;
     TopicTable topics_;
+    SharedTags shared_;
     Publications publications_;
     Inbound inbound_;
     LostProviders lost_providers_;

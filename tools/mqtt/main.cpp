@@ -88,7 +88,8 @@ int run(const Configuration &configuration)
         return kFailed;
     (void)mosquitto_lib_init();
     const int status =
-        Bridge(configuration, **state.value, marks, *writer, counters).run(signals.get());
+        Bridge(configuration, **state.value, marks, *writer, counters, (*state.value)->last_used())
+            .run(signals.get());
     if (!writer->stop(std::chrono::seconds(2))) {
         log(Level::warning, "a local peer does not read its notices; leaving without it");
         (void)unlink(("/run/providers/" + configuration.endpoint).c_str());

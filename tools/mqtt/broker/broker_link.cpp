@@ -169,6 +169,8 @@ void BrokerLink::on_connect(int reason, const mosquitto_property *list)
         most_qos_ = limit;
     if (mosquitto_property_read_byte(list, MQTT_PROP_RETAIN_AVAILABLE, &limit, false))
         broker_retains_ = limit != 0;
+    if (mosquitto_property_read_byte(list, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &limit, false))
+        broker_numbers_ = limit != 0;
     is_online_ = was_online_ = true;
     events_.connected();
 }
@@ -184,7 +186,7 @@ void BrokerLink::on_message(const mosquitto_message &message, const mosquitto_pr
     events_.received({message.topic,
                       std::string(static_cast<const char *>(message.payload),
                                   static_cast<size_t>(message.payloadlen)),
-                      message.retain, user_properties(list)});
+                      message.retain, user_properties(list), subscriptions(list)});
 }
 
 void BrokerLink::close(const std::string &why, int refusal)
@@ -228,12 +230,16 @@ SendOutcome BrokerLink::publish(const Publication &publication, int &id, std::st
 
 bool BrokerLink::subscribe(const Subscription &subscription, int &id)
 {
-    const int retained =
+    int options = MQTT_SUB_OPT_RETAIN_AS_PUBLISHED;
+    options |=
         subscription.retained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS : MQTT_SUB_OPT_SEND_RETAIN_NEVER;
+    if (!subscription.own_too)
+        options |= MQTT_SUB_OPT_NO_LOCAL;
+    PropertyList properties;
+    if (subscription.number && broker_numbers_)
+        properties.add_subscription(subscription.number);
     return mosquitto_subscribe_v5(client_, &id, subscription.filter.c_str(), subscription.qos,
-                                  MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_RETAIN_AS_PUBLISHED |
-                                      retained,
-                                  nullptr) == MOSQ_ERR_SUCCESS;
+                                  options, properties.get()) == MOSQ_ERR_SUCCESS;
 }
 
 void BrokerLink::unsubscribe(const std::string &filter)

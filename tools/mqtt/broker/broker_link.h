@@ -83,6 +83,7 @@ class BrokerLink {
     std::unordered_set<int> unacknowledged_; // publications at QoS 1 and 2
     int most_qos_ = 2;
     bool broker_retains_ = true;
+    bool broker_numbers_ = true; // subscriptions, where they have a number
 };
 
 } // namespace kp::mqtt

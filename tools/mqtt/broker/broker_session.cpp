@@ -16,6 +16,7 @@ constexpr milliseconds kRetainedTime{300}; // for the retained state after that
 constexpr milliseconds kStable{10'000};    // a connection that lasted this long was a good one
 constexpr milliseconds kLeaving{1500};     // for the last message
 constexpr const char *kConnection = "connection";
+constexpr const char *kOnline = "online";
 
 std::string random_name()
 {
@@ -84,6 +85,8 @@ void BrokerSession::turn(Clock::time_point now)
     if (phase_ == Phase::waiting)
         return connect(now);
     if (phase_ == Phase::asking)
+        return announce(false);
+    if (phase_ == Phase::reading)
         return go_online(false);
     close_reason_ = "no answer";
     drop_connection(now);
@@ -162,19 +165,26 @@ bool BrokerSession::asked_too_much(int refusal)
 
 void BrokerSession::connected()
 {
+    events_.reading();
     subscribe_all();
-    if (last_connection_.empty())
-        return go_online(false);
+    const bool is_first = last_connection_.empty();
+    if (is_first && !reads_tree_)
+        return announce(false);
+    if (!is_first)
+        ask_for_witness();
+    ask_for_state();
+    if (is_first)
+        return announce(false);
     phase_ = Phase::asking;
     phase_ends_ = Clock::now() + kAnswerTime;
-    ask_for_witness();
-    ask_for_state();
 }
 
+// With the same quality of service as the tree is read, so that their order stays.
 void BrokerSession::ask_for_state()
 {
     int id = 0;
-    if (link_->subscribe({configuration_.state_topic, 1, true}, id))
+    const int qos = reads_tree_ ? 0 : 1;
+    if (link_->subscribe({configuration_.state_topic, qos, true, reads_tree_, 0}, id))
         subscribing_[id] = configuration_.state_topic;
 }
 
@@ -197,14 +207,30 @@ void BrokerSession::ask_for_witness()
     subscribing_[id] = kept->topic;
 }
 
+// A shared tree is read at QoS 0, for which brokers have no limit of what may wait: one that keeps
+// back some of it would make tags go that are there.
 void BrokerSession::subscribe_all()
 {
-    for (const Subscription &subscription : events_.subscriptions()) {
+    reads_tree_ = false;
+    for (Subscription subscription : events_.subscriptions()) {
         int id = 0;
+        if (subscription.own_too)
+            subscription.qos = 0;
+        reads_tree_ = reads_tree_ || subscription.own_too;
         if (link_->subscribe(subscription, id))
             subscribing_[id] = subscription.filter;
         else
             log(Level::error, "the filter cannot be subscribed: " + printable(subscription.filter));
+    }
+}
+
+void BrokerSession::subscribe_for_good()
+{
+    for (Subscription subscription : events_.subscriptions()) {
+        int id = 0;
+        subscription.retained = false;
+        if (subscription.own_too && subscription.qos > 0 && link_->subscribe(subscription, id))
+            subscribing_[id] = subscription.filter;
     }
 }
 
@@ -232,13 +258,21 @@ void BrokerSession::acknowledged(int id, const Answer &answer)
 
 void BrokerSession::received(Message message)
 {
-    if (message.topic == configuration_.state_topic) {
-        if (phase_ == Phase::asking)
-            go_online(tells_that_all_is_kept(message));
-        return;
-    }
+    if (message.topic == configuration_.state_topic)
+        return hear_state(message);
+    if (phase_ == Phase::reading)
+        phase_ends_ = Clock::now() + kAnswerTime;
     if (phase_ != Phase::asking || !witness_.hears(message))
         events_.received(message);
+}
+
+void BrokerSession::hear_state(const Message &state)
+{
+    if (phase_ == Phase::asking)
+        announce(tells_that_all_is_kept(state));
+    else if (phase_ == Phase::reading && state.payload == kOnline &&
+             property_of(state.properties, kConnection) == connection_)
+        go_online(state_retained_);
 }
 
 // The will of the last connection tells it alone. One of an attempt since then may have taken its
@@ -252,22 +286,33 @@ bool BrokerSession::tells_that_all_is_kept(const Message &state) const
     return connection == last_connection_ || (connection == connection_ && witness_.is_there());
 }
 
-void BrokerSession::go_online(bool kept)
+void BrokerSession::announce(bool kept)
 {
-    if (!last_connection_.empty()) {
-        link_->unsubscribe(configuration_.state_topic);
-        ++counters_.reconnects;
-    }
+    kept_ = kept;
     if (const std::string topic = witness_.forget(); !topic.empty())
         link_->unsubscribe(topic);
+    phase_ = Phase::reading;
+    phase_ends_ = Clock::now() + kAnswerTime;
+    send_state(kOnline, false);
+    if (!reads_tree_)
+        go_online(false);
+}
+
+void BrokerSession::go_online(bool has_read)
+{
+    if (!last_connection_.empty())
+        ++counters_.reconnects;
+    if (!last_connection_.empty() || reads_tree_)
+        link_->unsubscribe(configuration_.state_topic);
+    if (reads_tree_)
+        subscribe_for_good();
     phase_ = Phase::online;
     online_since_ = Clock::now();
     last_connection_ = connection_;
     reported_.clear();
-    send_state("online", false);
-    events_.online(kept);
+    events_.online(kept_, has_read);
     const std::string text = "connected to " + address();
-    log(Level::info, text + (kept ? "; the broker has kept what it had" : "; sending everything"));
+    log(Level::info, text + (kept_ ? "; the broker has kept what it had" : "; sending everything"));
     events_.status(text);
 }
 

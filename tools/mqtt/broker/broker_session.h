@@ -5,6 +5,7 @@
 // after the first, the retained state is read before. If it is the will of the connection before, the
 // broker has kept what it had, and only changes are sent; otherwise everything is. If it is the will of
 // an attempt since then, it counts when the broker also has the last value that it acknowledged.
+// Where there is a shared tree, all that the broker keeps of it is read before values are sent.
 #pragma once
 
 #include "broker/broker_link.h"
@@ -27,8 +28,11 @@ struct SessionEvents {
     std::function<std::vector<Subscription>()> subscriptions;
     // The last value that the broker has acknowledged and is to keep; null when there is none.
     std::function<const Publication *()> last_kept;
-    // Values may be sent. `kept` says that the broker still has all that it acknowledged.
-    std::function<void(bool kept)> online;
+    // The subscriptions are made, and what the broker has kept is about to arrive.
+    std::function<void()> reading;
+    // Values may be sent. `kept` says that the broker still has all that it acknowledged; `has_read`
+    // that all that it keeps of a shared tree has arrived.
+    std::function<void(bool kept, bool has_read)> online;
     std::function<void()> lost;
     std::function<void(int id, const Answer &answer)> acknowledged;
     std::function<void(const Message &message)> received;
@@ -62,7 +66,9 @@ class BrokerSession {
     void leave();
 
   private:
-    enum class Phase { waiting, connecting, asking, online };
+    // After `asking` for the state, `reading` is for what the broker keeps of a shared tree: its end is
+    // told by the own state "online", which comes back behind all that.
+    enum class Phase { waiting, connecting, asking, reading, online };
 
     BrokerEvents link_events();
     void connected();
@@ -78,7 +84,10 @@ class BrokerSession {
     void ask_for_state();
     void ask_for_witness();
     bool tells_that_all_is_kept(const Message &state) const;
-    void go_online(bool kept);
+    void announce(bool kept);
+    void go_online(bool has_read);
+    void hear_state(const Message &state);
+    void subscribe_for_good();
     void send_state(const char *text, bool wait_for_it);
     Publication state_message(const char *text) const;
     std::string address() const;
@@ -96,6 +105,8 @@ class BrokerSession {
     std::string connection_;      // names this one in the state topic, and the attempts before it
     std::string last_connection_; // the last one that was online
     Witness witness_;
+    bool reads_tree_ = false; // there is a shared tree
+    bool kept_ = false;
     std::unordered_map<int, std::string> subscribing_; // filters by the id of the request
 
     bool is_closed_ = false;

@@ -21,6 +21,8 @@ constexpr const char *kWriteTime = "ts";
 constexpr const char *kType = "type";
 constexpr const char *kExtraInfo = "xi";
 constexpr const char *kOrigin = "origin";
+constexpr const char *kNumber =
+    "n"; // of the origin's messages in a shared tree, to know them again
 } // namespace property
 
 // The value of the first property of that name, or an empty text.
@@ -36,6 +38,7 @@ struct Publication {
     bool is_utf8 = false;
     uint32_t expiry_s = 0;
     UserProperties properties;
+    uint64_t number = 0;       // that in the properties; 0: none
     Clock::time_point since{}; // when the oldest change that it stands for was seen
 };
 
@@ -45,12 +48,15 @@ struct Message {
     std::string payload;
     bool retain = false; // kept by the broker from before the subscription, or to be kept by it
     UserProperties properties;
+    std::vector<uint32_t> subscriptions; // the numbers of those that it came for; none: not known
 };
 
 struct Subscription {
     std::string filter;
     int qos = 1;
     bool retained = false; // also what the broker has kept
+    bool own_too = false;  // also the messages of this connection
+    uint32_t number = 0;   // what its messages carry where the broker can do that; 0: none
 };
 
 // The broker's answer to a message or a subscription.

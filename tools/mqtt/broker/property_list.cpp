@@ -50,6 +50,21 @@ void PropertyList::add_number(int identifier, uint32_t value)
     note(mosquitto_property_add_int32(&list_, identifier, value));
 }
 
+void PropertyList::add_subscription(uint32_t number)
+{
+    note(mosquitto_property_add_varint(&list_, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, number));
+}
+
+std::vector<uint32_t> subscriptions(const mosquitto_property *list)
+{
+    std::vector<uint32_t> found;
+    uint32_t number = 0;
+    while ((list = mosquitto_property_read_varint(list, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &number,
+                                                  !found.empty())))
+        found.push_back(number);
+    return found;
+}
+
 UserProperties user_properties(const mosquitto_property *list)
 {
     UserProperties found;

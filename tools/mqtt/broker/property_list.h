@@ -21,6 +21,7 @@ class PropertyList {
 
     void describe(const Publication &publication);
     void add_number(int identifier, uint32_t value);
+    void add_subscription(uint32_t number);
 
     // False when a property could not be added: out of memory, or not UTF-8.
     bool is_complete() const
@@ -48,6 +49,7 @@ class PropertyList {
 };
 
 UserProperties user_properties(const mosquitto_property *list);
+std::vector<uint32_t> subscriptions(const mosquitto_property *list);
 
 // The text for a reason, with the reason string that the broker has sent beside it, if any. What the
 // broker says is made printable.

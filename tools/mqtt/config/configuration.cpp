@@ -307,6 +307,23 @@ const OutRule *Configuration::rule_for(std::string_view tag) const
     return rule == out.end() ? nullptr : &*rule;
 }
 
+const InRule *Configuration::in_rule_for(std::string_view topic) const
+{
+    const InRule *best = nullptr;
+    for (const InRule &rule : in)
+        if (filter_covers(rule.full_filter(), topic) &&
+            (!best || is_more_exact(rule.full_filter(), best->full_filter())))
+            best = &rule;
+    return best;
+}
+
+bool Configuration::shares(std::string_view topic) const
+{
+    return std::any_of(in.begin(), in.end(), [topic](const InRule &rule) {
+        return rule.shared && rule.retained && filter_covers(rule.full_filter(), topic);
+    });
+}
+
 ConfigurationResult load_configuration(const std::string &path)
 {
     struct stat status {};

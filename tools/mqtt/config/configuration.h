@@ -78,6 +78,13 @@ struct Configuration {
 
     // The first rule that takes a tag, or null. The bridge's own tags are never sent.
     const OutRule *rule_for(std::string_view tag) const;
+
+    // The most exact of the in rules that take a topic, or null.
+    const InRule *in_rule_for(std::string_view topic) const;
+
+    // Whether the topic is one of a tree that several devices write: an in rule brings back what is
+    // sent there, and the broker keeps it.
+    bool shares(std::string_view topic) const;
 };
 
 struct ConfigurationResult {

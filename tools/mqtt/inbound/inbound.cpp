@@ -36,26 +36,25 @@ Result<std::string> bytes_for(const Sample &sample, const Content &content)
 
 } // namespace
 
-std::string_view origin_device(std::string_view origin)
-{
-    return origin.substr(0, origin.find('/'));
-}
-
-Inbound::Inbound(const Configuration &configuration, const StoreReader &reader,
+Inbound::Inbound(const Configuration &configuration, const StoreReader &reader, SharedTags &shared,
                  InboundEvents events, Counters &counters)
-    : configuration_(configuration), reader_(reader), events_(std::move(events)),
+    : configuration_(configuration), reader_(reader), shared_(shared), events_(std::move(events)),
       counters_(counters)
 {
+    uint32_t number = 0;
     for (const InRule &rule : configuration.in)
-        rules_.push_back({&rule, {}});
+        rules_.push_back({&rule, ++number, {}});
 }
 
 std::vector<Subscription> Inbound::subscriptions() const
 {
     std::vector<Subscription> subscriptions;
-    for (const Rule &rule : rules_)
+    for (const Rule &rule : rules_) {
+        const InRule &settings = *rule.settings;
+        const bool own_too = settings.shared && settings.retained;
         subscriptions.push_back(
-            {rule.settings->full_filter(), rule.settings->qos, rule.settings->retained});
+            {settings.full_filter(), settings.qos, settings.retained, own_too, rule.number});
+    }
     return subscriptions;
 }
 
@@ -64,49 +63,89 @@ void Inbound::receive(const Message &message)
     Rule *rule = rule_for(message.topic);
     if (!rule)
         return; // of a subscription that is just being cancelled
-    if (is_own(message)) {
+    const auto &came_for = message.subscriptions;
+    if (!came_for.empty() && std::ranges::find(came_for, rule->number) == came_for.end())
+        return; // the copy for a rule that says less; that for this rule comes too
+    const Name name = name_for(*rule, message.topic);
+    const bool is_one_tree =
+        rule->settings->shared && name.problem.empty() &&
+        shared_.is_one_tree(*rule->settings, reader_.standing_for(name.text), message.topic);
+    if (is_own(message) && !is_one_tree) {
         ++counters_.echoes;
         return;
     }
-    const Name name = name_for(*rule, message.topic);
     if (!name.problem.empty())
         return refuse(message.topic, "cannot be a tag: " + name.problem);
     if (message.payload.size() > kMostPayloadBytes)
         return refuse(message.topic, "it has " + std::to_string(message.payload.size()) +
                                          " bytes, more than any value can need");
+    if (is_one_tree)
+        return take_shared(*rule, name.text, message);
     if (!message.payload.empty())
-        return take(*rule, name.text, message);
-    if (rule->settings->shared)
-        take_clearing(*rule, name.text);
+        take(*rule, name.text, message);
 }
 
-// An empty message clears a retained one. In a shared tree the bridge's own tag goes with it; what
-// others here provide or have written stays, and the broker is to have it again.
-void Inbound::take_clearing(Rule &rule, const std::string &name)
+ReadOutcome Inbound::look(const std::string &name, const std::string &tag, Sample &current) const
+{
+    return events_.is_dropping(name) ? ReadOutcome::missing : read_patiently(reader_, tag, current);
+}
+
+void Inbound::take_shared(Rule &rule, const std::string &name, const Message &message)
+{
+    const std::string tag = reader_.standing_for(name);
+    Sample current;
+    const ReadOutcome outcome = look(name, tag, current);
+    switch (shared_.received(message, tag, outcome, current, Clock::now())) {
+    case Effect::ignore:
+        ++counters_.echoes;
+        return;
+    case Effect::drop:
+        shared_.dropped(message.topic);
+        return lose(rule, name, tag, current);
+    case Effect::repeat:
+        return events_.cleared(tag);
+    case Effect::write:
+        break;
+    }
+    WriteRequest request;
+    request.key = key_of(message);
+    request.only_over = outcome == ReadOutcome::read ? mark_of(current) : ValueMark{};
+    write(rule, name, message, outcome, current, std::move(request));
+}
+
+// A tag that others provide lives on without the bridge, and the broker is to have its value again.
+void Inbound::lose(Rule &rule, const std::string &name, const std::string &tag,
+                   const Sample &current)
 {
     const auto written = rule.tags.find(name);
-    const bool own = written != rule.tags.end() && written->second;
-    const std::string tag = reader_.standing_for(name);
-    Sample sample;
-    const bool lives = read_patiently(reader_, tag, sample) == ReadOutcome::read &&
-                       sample.has_value && (!own || sample.providers > 1);
-    if (own)
-        events_.drop(name);
-    if (written != rule.tags.end())
-        rule.tags.erase(written);
+    const bool is_own = written != rule.tags.end() && written->second;
+    const bool lives = current.providers > (is_own ? 1u : 0u);
+    if (is_own || !lives)
+        drop(rule, name, false);
     if (lives)
         events_.cleared(tag);
 }
 
-// The most exact of the rules that take a topic.
+void Inbound::drop(Rule &rule, const std::string &name, bool left_over)
+{
+    rule.tags.erase(name);
+    events_.drop(name, left_over);
+}
+
+void Inbound::give_up(const std::vector<std::string> &topics)
+{
+    for (const std::string &topic : topics) {
+        Rule *rule = rule_for(topic);
+        const Name name = rule ? name_for(*rule, topic) : Name{};
+        if (!name.text.empty())
+            drop(*rule, name.text, !rule->tags.contains(name.text));
+    }
+}
+
 Inbound::Rule *Inbound::rule_for(const std::string &topic)
 {
-    Rule *best = nullptr;
-    for (Rule &rule : rules_)
-        if (filter_covers(rule.settings->full_filter(), topic) &&
-            (!best || is_more_exact(rule.settings->full_filter(), best->settings->full_filter())))
-            best = &rule;
-    return best;
+    const InRule *settings = configuration_.in_rule_for(topic);
+    return settings ? &rules_[static_cast<size_t>(settings - configuration_.in.data())] : nullptr;
 }
 
 // Whatever the boot: what the broker kept from before a restart is an echo too.
@@ -141,23 +180,39 @@ bool Inbound::is_below_a_written_tag(const std::string &name) const
 
 void Inbound::take(Rule &rule, const std::string &name, const Message &message)
 {
+    Sample current;
+    const ReadOutcome outcome = look(name, reader_.standing_for(name), current);
+    write(rule, name, message, outcome, current, {});
+}
+
+void Inbound::write(Rule &rule, const std::string &name, const Message &message,
+                    ReadOutcome outcome, const Sample &current, WriteRequest request)
+{
     const bool is_new = !rule.tags.contains(name);
     if (is_new && rule.tags.size() >= rule.settings->max_tags)
         return refuse(message.topic, "the rule has written max-tags tags already");
-    const std::string tag = reader_.standing_for(name);
-    Sample current;
-    const ReadOutcome outcome =
-        events_.is_dropping(name) ? ReadOutcome::missing : read_patiently(reader_, tag, current);
-    WriteRequest request;
-    if (const std::string problem = convert(*rule.settings, message, outcome, current, request);
+    // A tag that is the bridge's alone takes another type from its message.
+    const bool declares = request.key && is_ours_alone(rule, name, current);
+    const ReadOutcome found = declares ? ReadOutcome::missing : outcome;
+    if (const std::string problem = convert(*rule.settings, message, found, current, request);
         !problem.empty())
         return refuse(message.topic, problem);
-    if (outcome == ReadOutcome::read && current.has_value &&
-        is_superfluous(*rule.settings, tag, current, request.sample))
+    if (rule.settings->shared && outcome == ReadOutcome::read && current.has_value &&
+        is_superfluous(reader_.standing_for(name), message, current, request)) {
+        ++counters_.echoes;
         return;
+    }
+    if (request.key)
+        shared_.taken(message.topic);
     rule.tags.try_emplace(name, !request.is_declared);
     request.messages = 1;
     events_.put(name, std::move(request));
+}
+
+bool Inbound::is_ours_alone(const Rule &rule, const std::string &name, const Sample &current) const
+{
+    const auto written = rule.tags.find(name);
+    return written != rule.tags.end() && written->second && current.providers <= 1;
 }
 
 // Returns what is wrong, or an empty text.
@@ -194,19 +249,24 @@ std::string Inbound::convert(const InRule &rule, const Message &message, ReadOut
     return {};
 }
 
-// In a shared tree a value can be one that the tag has already, or older than the tag's.
-bool Inbound::is_superfluous(const InRule &rule, const std::string &tag, const Sample &current,
-                             const Sample &wanted) const
+// A value can be one that the tag has already. Where two trees are joined, it can also be older than
+// one that was written here: a time in the future means a clock that is wrong, and counts as now; of
+// two equal times the greater device decides, as it does at the other one.
+bool Inbound::is_superfluous(const std::string &tag, const Message &message, const Sample &current,
+                             const WriteRequest &request) const
 {
-    if (!rule.shared)
+    const Sample &wanted = request.sample;
+    const bool same = wanted.type == current.type && wanted.value == current.value &&
+                      wanted.source_ts == current.source_ts && wanted.quality == current.quality;
+    if (same)
+        return shared_.has_already(tag, current, request.key);
+    if (request.key || shared_.is_from_broker(tag, current))
         return false;
-    const bool same = wanted.value == current.value && wanted.source_ts == current.source_ts &&
-                      wanted.quality == current.quality;
-    const bool older = wanted.source_ts < current.source_ts;
-    if (older)
-        events_.older_arrived(tag);
-    counters_.echoes += same || older;
-    return same || older;
+    const uint64_t now = kp_get_timestamp_us();
+    const uint64_t ours = std::min(current.source_ts, now);
+    const uint64_t theirs = std::min(wanted.source_ts, now);
+    const std::string origin = property_of(message.properties, property::kOrigin);
+    return theirs != ours ? theirs < ours : origin_device(origin) < configuration_.device;
 }
 
 void Inbound::refuse(const std::string &topic, const std::string &why)

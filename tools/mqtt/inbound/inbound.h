@@ -8,6 +8,7 @@
 #include "inbound/local_writer.h"
 #include "log.h"
 #include "names/topic_names.h"
+#include "shared/shared_tags.h"
 #include "store_reader.h"
 
 #include <functional>
@@ -17,16 +18,12 @@
 
 namespace kp::mqtt {
 
-// The device's part of an origin, which is DEVICE/BOOT.
-std::string_view origin_device(std::string_view origin);
-
 // What the writer of values is asked to do, and what it knows. All names are those that a topic gives;
 // the writer finds their place in the store.
 struct InboundEvents {
     std::function<void(const std::string &tag, WriteRequest request)> put;
-    std::function<void(const std::string &tag)> drop;
-    // The broker has been given a value of a shared tag that is older than the tag's.
-    std::function<void(const std::string &tag)> older_arrived;
+    // With `left_over` also a value that an earlier run has left behind.
+    std::function<void(const std::string &tag, bool left_over)> drop;
     // The broker has lost the value of a shared tag that lives on here.
     std::function<void(const std::string &tag)> cleared;
     // Whether a tag that can still be read is about to go.
@@ -35,15 +32,19 @@ struct InboundEvents {
 
 class Inbound {
   public:
-    Inbound(const Configuration &configuration, const StoreReader &reader, InboundEvents events,
-            Counters &counters);
+    Inbound(const Configuration &configuration, const StoreReader &reader, SharedTags &shared,
+            InboundEvents events, Counters &counters);
 
     std::vector<Subscription> subscriptions() const;
     void receive(const Message &message);
 
+    // Gives up the tags of these topics, which the broker no longer keeps.
+    void give_up(const std::vector<std::string> &topics);
+
   private:
     struct Rule {
         const InRule *settings;
+        uint32_t number; // of its subscription
         // Written through it, by the name that the topic gives, and whether nobody had declared the
         // tag then, so that the bridge provides it.
         std::unordered_map<std::string, bool> tags;
@@ -54,15 +55,22 @@ class Inbound {
     Name name_for(const Rule &rule, const std::string &topic) const;
     bool is_below_a_written_tag(const std::string &name) const;
     void take(Rule &rule, const std::string &name, const Message &message);
-    void take_clearing(Rule &rule, const std::string &name);
+    void take_shared(Rule &rule, const std::string &name, const Message &message);
+    void write(Rule &rule, const std::string &name, const Message &message, ReadOutcome outcome,
+               const Sample &current, WriteRequest request);
+    void lose(Rule &rule, const std::string &name, const std::string &tag, const Sample &current);
+    void drop(Rule &rule, const std::string &name, bool left_over);
+    ReadOutcome look(const std::string &name, const std::string &tag, Sample &current) const;
+    bool is_ours_alone(const Rule &rule, const std::string &name, const Sample &current) const;
     std::string convert(const InRule &rule, const Message &message, ReadOutcome outcome,
                         const Sample &current, WriteRequest &request) const;
-    bool is_superfluous(const InRule &rule, const std::string &tag, const Sample &current,
-                        const Sample &wanted) const;
+    bool is_superfluous(const std::string &tag, const Message &message, const Sample &current,
+                        const WriteRequest &request) const;
     void refuse(const std::string &topic, const std::string &why);
 
     const Configuration &configuration_;
     const StoreReader &reader_;
+    SharedTags &shared_;
     const InboundEvents events_;
     Counters &counters_;
     std::vector<Rule> rules_;

@@ -3,8 +3,6 @@
 #include "log.h"
 #include "names/topic_names.h"
 
-#include <functional>
-
 namespace kp::mqtt {
 
 std::unique_ptr<LocalWriter> LocalWriter::start(const std::string &endpoint, ChangeMarks &marks,
@@ -43,24 +41,26 @@ int LocalWriter::changed(kp_t *, const kp_write_info *notice, void *self)
 
 void LocalWriter::put(const std::string &tag, WriteRequest request)
 {
+    request.sample.has_value = true;
     const std::lock_guard lock(mutex_);
     const auto [entry, is_first] = waiting_.try_emplace(tag);
     auto &waiting = entry->second;
-    if (waiting)
-        request.messages += waiting->messages;
+    if (waiting.write)
+        request.messages += waiting.write->messages;
     else if (!is_first)
         dropping_.erase(tag); // it stays
-    waiting = std::move(request);
+    waiting.write = std::move(request);
     wake_.notify_one();
 }
 
-void LocalWriter::drop(const std::string &tag)
+void LocalWriter::drop(const std::string &tag, bool left_over)
 {
     const std::lock_guard lock(mutex_);
     auto &waiting = waiting_[tag];
-    if (waiting)
-        counters_.in += waiting->messages; // taken, and gone again at once
-    waiting = std::nullopt;
+    if (waiting.write)
+        counters_.in += waiting.write->messages; // taken, and gone again at once
+    waiting.write = std::nullopt;
+    waiting.left_over = left_over;
     dropping_.insert(tag);
     wake_.notify_one();
 }
@@ -71,23 +71,36 @@ bool LocalWriter::is_dropping(const std::string &tag) const
     return dropping_.contains(tag);
 }
 
-LocalWriter::Written LocalWriter::written(const Sample &sample)
-{
-    return {std::hash<std::string>{}(sample.value), sample.source_ts, sample.quality};
-}
-
 void LocalWriter::forget(const std::string &tag)
 {
     const std::lock_guard lock(mutex_);
     memory_.erase(tag);
 }
 
-bool LocalWriter::is_own(const std::string &tag, const Sample &sample) const
+std::optional<MessageKey> LocalWriter::key_of(const std::string &tag, const Sample &sample) const
 {
-    const Written seen = written(sample);
+    const ValueMark seen = mark_of(sample);
     const std::lock_guard lock(mutex_);
     const auto found = memory_.find(tag);
-    return found != memory_.end() && (found->second[0] == seen || found->second[1] == seen);
+    if (found == memory_.end() || !seen.has_value)
+        return {};
+    for (const Written &written : found->second)
+        if (written.is(seen))
+            return written.key;
+    return {};
+}
+
+// The requests have the names that topics give, of which the tag may be the value's place.
+bool LocalWriter::is_busy_with(const std::string &tag) const
+{
+    std::string name = tag;
+    while (name.ends_with("/_"))
+        name.resize(name.size() - 2);
+    const std::lock_guard lock(mutex_);
+    for (const std::string &known : {tag, name})
+        if (waiting_.contains(known) || (in_work_ && in_work_->contains(known)))
+            return true;
+    return false;
 }
 
 std::chrono::milliseconds LocalWriter::busy_for(Clock::time_point now) const
@@ -119,9 +132,11 @@ void LocalWriter::run()
             break;
         const Requests requests = std::exchange(waiting_, {});
         busy_since_ = Clock::now();
+        in_work_ = &requests;
         lock.unlock();
         carry_out(requests);
         lock.lock();
+        in_work_ = nullptr;
         busy_since_.reset();
     }
     has_ended_ = true;
@@ -132,24 +147,45 @@ void LocalWriter::carry_out(const Requests &requests)
 {
     bool announce = false;
     for (const auto &[name, request] : requests) {
-        if (request)
-            announce |= write(name, *request);
+        if (request.write)
+            announce |= write(name, *request.write);
         else
-            drop_now(name);
+            drop_now(name, request.left_over);
     }
     if (announce)
         (void)kp_tag_notify(handle_);
 }
 
-void LocalWriter::drop_now(const std::string &name)
+void LocalWriter::close_own(const std::string &tag)
 {
-    const auto own = own_.find(reader_.standing_for(name));
-    if (own != own_.end()) {
-        (void)kp_tag_destroy(handle_, own->second);
-        own_.erase(own);
-    }
+    const auto own = own_.find(tag);
+    if (own == own_.end())
+        return;
+    (void)kp_tag_destroy(handle_, own->second.tag);
+    own_.erase(own);
+}
+
+void LocalWriter::drop_now(const std::string &name, bool left_over)
+{
+    const std::string tag = reader_.standing_for(name);
+    close_own(tag);
+    take_value_out(tag, left_over);
     const std::lock_guard lock(mutex_);
     dropping_.erase(name);
+    memory_.erase(tag);
+}
+
+// A new provider's tag has no value. That of others who provide it stays.
+void LocalWriter::take_value_out(const std::string &tag, bool left_over)
+{
+    Sample sample;
+    if (reader_.read(tag, sample) != ReadOutcome::read || !sample.has_value ||
+        (sample.providers > 0 && !left_over) || !(left_over || key_of(tag, sample)))
+        return;
+    kp_tag_t *emptied =
+        kp_tag_provider_new(handle_, tag.c_str(), sample.type, sample.max_size, sample.extra_info);
+    if (emptied)
+        (void)kp_tag_destroy(handle_, emptied);
 }
 
 bool LocalWriter::write(const std::string &name, const WriteRequest &request)
@@ -182,9 +218,10 @@ std::optional<LocalWriter::Moving> LocalWriter::make_room(const std::string &nam
     if (own == own_.end() || reader_.read(above, sample) != ReadOutcome::read ||
         sample.providers != 1 || sample.consumers != 0 || !sample.has_value)
         return {};
-    (void)kp_tag_destroy(handle_, own->second);
-    own_.erase(own);
-    return Moving{above, {std::move(sample), false, 0}};
+    close_own(above);
+    WriteRequest request;
+    request.sample = std::move(sample);
+    return Moving{above, std::move(request)};
 }
 
 bool LocalWriter::write_in_place(const std::string &name, const WriteRequest &request)
@@ -204,9 +241,32 @@ bool LocalWriter::write_in_place(const std::string &name, const WriteRequest &re
 
 bool LocalWriter::write_tag(const std::string &tag, const WriteRequest &request)
 {
+    if (!may_write(tag, request)) {
+        ++counters_.echoes;
+        return true;
+    }
+    remember(tag, request);
+    const bool done = write_value(tag, request);
+    complete_memory(tag);
+    return done;
+}
+
+bool LocalWriter::may_write(const std::string &tag, const WriteRequest &request) const
+{
+    if (!request.only_over)
+        return true;
+    Sample current;
+    const ReadOutcome outcome = reader_.read(tag, current);
+    if (outcome != ReadOutcome::read)
+        return outcome != ReadOutcome::busy;
+    const ValueMark stands = mark_of(current);
+    return !stands.has_value || stands == *request.only_over || key_of(tag, current);
+}
+
+bool LocalWriter::write_value(const std::string &tag, const WriteRequest &request)
+{
     const Sample &sample = request.sample;
     const auto size = static_cast<uint32_t>(sample.value.size());
-    remember(tag, sample);
     if (request.is_declared && !own_.contains(tag))
         return kp_tag_instant_write(handle_, tag.c_str(), sample.value.data(), sample.type, size,
                                     sample.quality, sample.source_ts, sample.extra_info) == 0;
@@ -217,21 +277,40 @@ bool LocalWriter::write_tag(const std::string &tag, const WriteRequest &request)
 
 kp_tag_t *LocalWriter::provider(const std::string &tag, const WriteRequest &request)
 {
-    if (const auto own = own_.find(tag); own != own_.end())
-        return own->second;
+    if (const auto own = own_.find(tag); own != own_.end()) {
+        if (own->second.type == request.sample.type)
+            return own->second.tag;
+        close_own(tag); // it was made anew with another type
+    }
     kp_tag_t *made = kp_tag_provider_new(handle_, tag.c_str(), request.sample.type,
                                          request.sample.max_size, request.sample.extra_info);
     if (made)
-        own_[tag] = made;
+        own_[tag] = {made, request.sample.type};
     return made;
 }
 
-void LocalWriter::remember(const std::string &tag, const Sample &sample)
+// Before the write, since the value can be seen as soon as it stands.
+void LocalWriter::remember(const std::string &tag, const WriteRequest &request)
 {
     const std::lock_guard lock(mutex_);
     auto &memory = memory_[tag];
     memory[1] = memory[0];
-    memory[0] = written(sample);
+    memory[0] = {mark_of(request.sample), request.key, true};
+}
+
+// A local write that has come in between is not the bridge's, even if it has the same value.
+void LocalWriter::complete_memory(const std::string &tag)
+{
+    Sample current;
+    const bool was_read = reader_.read(tag, current) == ReadOutcome::read;
+    const std::lock_guard lock(mutex_);
+    const auto found = memory_.find(tag);
+    if (found == memory_.end())
+        return;
+    Written &written = found->second[0];
+    written.is_under_way = false;
+    if (was_read && written.value.is_same_value(mark_of(current)))
+        written.value.ts = current.ts;
 }
 
 } // namespace kp::mqtt

@@ -9,8 +9,10 @@
 
 #include "change_marks.h"
 #include "counters.h"
+#include "inbound/value_mark.h"
 #include "outbound/pending.h"
 #include "sample.h"
+#include "shared/shared_tree.h"
 #include "store_reader.h"
 
 #include <array>
@@ -29,6 +31,10 @@ struct WriteRequest {
     Sample sample;            // type, maximum, extra information, quality, source time, value
     bool is_declared = false; // by somebody: written as it is, else a provider tag is made
     unsigned messages = 0;    // from the broker that it stands for, all of which are counted
+    MessageKey key = 0;       // of the message, in a shared tree
+    // Where it is set, the value is written only over this one or over one from the broker: what was
+    // written here meanwhile is newer, and goes to the broker.
+    std::optional<ValueMark> only_over;
 };
 
 class LocalWriter {
@@ -42,16 +48,20 @@ class LocalWriter {
 
     void put(const std::string &tag, WriteRequest request);
 
-    // Gives up the bridge's own provider tag, if it has one, so that the topic goes.
-    void drop(const std::string &tag);
+    // Gives up the bridge's own provider tag, if it has one, so that the topic goes. A value that stays
+    // behind because others have the topic open is taken out, unless one of them may provide it; with
+    // `left_over`, whoever is counted, since the count may be that of a bridge that was killed.
+    void drop(const std::string &tag, bool left_over = false);
     // Whether it was told to drop the tag and has not yet.
     bool is_dropping(const std::string &tag) const;
 
     // From now on the value of the tag is not the broker's: the broker has lost it.
     void forget(const std::string &tag);
 
-    // Whether a value that stands in the store is what put() last brought there.
-    bool is_own(const std::string &tag, const Sample &sample) const;
+    // The message whose value stands in the store; nothing when it is not what put() has brought there.
+    std::optional<MessageKey> key_of(const std::string &tag, const Sample &sample) const;
+    // Whether something waits to be written to the tag, or is being written.
+    bool is_busy_with(const std::string &tag) const;
 
     // How long the thread has been at one round of writes.
     std::chrono::milliseconds busy_for(Clock::time_point now) const;
@@ -61,22 +71,36 @@ class LocalWriter {
     bool stop(std::chrono::milliseconds patience);
 
   private:
-    using Requests = std::unordered_map<std::string, std::optional<WriteRequest>>; // none: drop
+    struct Request {
+        std::optional<WriteRequest> write; // none: drop
+        bool left_over = false;
+    };
+    using Requests = std::unordered_map<std::string, Request>;
     struct Written {
-        size_t value_hash;
-        uint64_t source_ts;
-        uint8_t quality;
-        bool operator==(const Written &) const = default;
+        ValueMark value;
+        MessageKey key = 0;
+        bool is_under_way = true; // the time of the write is not known yet
+        bool is(const ValueMark &seen) const
+        {
+            return is_under_way ? value.is_same_value(seen) : value == seen;
+        }
+    };
+    struct Own {
+        kp_tag_t *tag;
+        uint32_t type;
     };
 
     LocalWriter(ChangeMarks &marks, Counters &counters) : marks_(marks), counters_(counters)
     {
     }
     static int changed(kp_t *, const kp_write_info *notice, void *self);
-    static Written written(const Sample &sample);
     void run();
     void carry_out(const Requests &requests);
-    void drop_now(const std::string &name);
+    void drop_now(const std::string &name, bool left_over);
+    void take_value_out(const std::string &tag, bool left_over);
+    void close_own(const std::string &tag);
+    bool may_write(const std::string &tag, const WriteRequest &request) const;
+    bool write_value(const std::string &tag, const WriteRequest &request);
     bool write(const std::string &name, const WriteRequest &request);
     bool write_in_place(const std::string &name, const WriteRequest &request);
     bool write_tag(const std::string &tag, const WriteRequest &request);
@@ -86,13 +110,14 @@ class LocalWriter {
     };
     std::optional<Moving> make_room(const std::string &name);
     kp_tag_t *provider(const std::string &tag, const WriteRequest &request);
-    void remember(const std::string &tag, const Sample &sample);
+    void remember(const std::string &tag, const WriteRequest &request);
+    void complete_memory(const std::string &tag);
 
     ChangeMarks &marks_;
     Counters &counters_;
     StoreReader reader_;
     kp_t *handle_ = nullptr;
-    std::unordered_map<std::string, kp_tag_t *> own_; // the thread's
+    std::unordered_map<std::string, Own> own_; // the thread's
 
     mutable std::mutex mutex_;
     std::condition_variable wake_;
@@ -101,6 +126,7 @@ class LocalWriter {
     bool has_ended_ = false;
     std::optional<Clock::time_point> busy_since_;
     Requests waiting_;
+    const Requests *in_work_ = nullptr; // the thread's present round
     std::set<std::string> dropping_;
     // The last two, since between reading a value and asking about it a newer one can be written.
     std::unordered_map<std::string, std::array<Written, 2>> memory_;

@@ -15,11 +15,12 @@ constexpr milliseconds kBurstDelay{10};
 } // namespace
 
 Publications::Publications(const Configuration &configuration, const StoreReader &reader,
-                           const LocalWriter *writer, StateFile &state, std::string origin,
-                           PendingNames &pending, TopicTable &topics, Counters &counters)
+                           LocalWriter *writer, StateFile &state, std::string origin,
+                           PendingNames &pending, TopicTable &topics, SharedTags &shared,
+                           Counters &counters)
     : configuration_(configuration), reader_(reader), writer_(writer), state_(state),
-      origin_(std::move(origin)), pending_(pending), topics_(topics), counters_(counters),
-      burst_(configuration.broker.burst_rate)
+      origin_(std::move(origin)), pending_(pending), topics_(topics), shared_(shared),
+      counters_(counters), burst_(configuration.broker.burst_rate), number_(kp_get_timestamp_us())
 {
 }
 
@@ -32,12 +33,15 @@ void Publications::connected(bool kept, Clock::time_point now)
     if (kept)
         return;
     for (const auto &[tag, topic] : topics_.all()) {
+        if (topic->is_shared)
+            continue;
         topic->must_send = true;
         if (topic->seen && topic->seen->has_value)
             pending_.mark_burst(topic->mqtt, now);
     }
     for (const std::string &mqtt : state_.topics())
-        pending_.mark_burst(mqtt, now);
+        if (!configuration_.shares(mqtt))
+            pending_.mark_burst(mqtt, now);
 }
 
 // So that only what changes from now on leaves the burst.
@@ -54,6 +58,7 @@ void Publications::connection_lost(Clock::time_point now)
 {
     for (const auto &[id, publication] : std::exchange(unacknowledged_, {}))
         mark_again(publication.topic, publication.since);
+    shared_.connection_lost();
     // What went at QoS 0 since the broker was last surely alive may not have arrived.
     const auto doubtful = now - std::chrono::seconds(2 * configuration_.broker.keep_alive_s);
     for (const auto &[tag, topic] : topics_.all())
@@ -88,6 +93,10 @@ std::optional<Publication> Publications::next(Clock::time_point now)
             continue;
         if (waiting->in_burst)
             burst_.pass();
+        if (publication->retain && configuration_.shares(publication->topic)) {
+            publication->number = ++number_;
+            publication->properties.emplace_back(property::kNumber, std::to_string(number_));
+        }
         publication->since = waiting->since;
         return publication;
     }
@@ -120,18 +129,42 @@ std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock:
         return {};
     if (outcome != ReadOutcome::read || !sample.has_value)
         return clearing(topic.mqtt);
-    if (writer_ && writer_->is_own(topic.tag, sample))
-        return {}; // it came from the broker
+    if (is_held(topic, sample, since, now))
+        return {};
     (void)topics_.take_up(topic, sample);
     if (topic.providers_gone)
         sample.quality = static_cast<uint8_t>(configuration_.quality_when_gone);
-    if (!passes_gate(topic, sample, now))
+    const bool passes = passes_gate(topic, sample, now);
+    if (!topic.is_deferred)
+        topic.settled = mark_of(sample);
+    if (!passes)
         return {};
     if (topic.rule->retain)
         state_.add(topic.mqtt, sample.providers > 0 || topic.providers_gone);
     topic.gate.sent(sample, now);
     topic.must_send = false;
     return publication_of(topic, sample);
+}
+
+// Whether the value came from the broker, and need not go there.
+bool Publications::is_held(OutTopic &topic, const Sample &sample, Clock::time_point since,
+                           Clock::time_point now)
+{
+    if (!topic.is_shared)
+        return writer_ && writer_->key_of(topic.tag, sample);
+    switch (shared_.hold(topic, sample)) {
+    case SharedTags::Hold::is_known:
+        topic.must_send = false;
+        return true;
+    case SharedTags::Hold::is_busy:
+        defer(topic, now + kBusyDelay, since);
+        return true;
+    case SharedTags::Hold::none:
+        break;
+    }
+    if (writer_)
+        writer_->forget(topic.tag); // it is this device's from now on
+    return false;
 }
 
 bool Publications::passes_gate(OutTopic &topic, const Sample &sample, Clock::time_point now)
@@ -158,8 +191,10 @@ bool Publications::is_clearing(const std::string &mqtt) const
     });
 }
 
-std::optional<Publication> Publications::clearing(const std::string &mqtt) const
+std::optional<Publication> Publications::clearing(const std::string &mqtt)
 {
+    if (shared_.is_removed(mqtt))
+        state_.add(mqtt); // until the broker has taken the clearing
     if (!state_.has(mqtt))
         return {};
     Publication publication;
@@ -186,8 +221,9 @@ Publication Publications::publication_of(const OutTopic &topic, const Sample &sa
     return publication;
 }
 
-void Publications::sent(const Publication &publication, int id)
+void Publications::sent(const Publication &publication, int id, Clock::time_point now)
 {
+    shared_.sent(publication, now);
     if (id)
         unacknowledged_[id] = publication;
     else
@@ -241,6 +277,7 @@ void Publications::forget_cleared(const Publication &publication)
 void Publications::refused(const Publication &publication, const std::string &why)
 {
     ++counters_.refused;
+    shared_.refused(publication);
     const std::string text =
         "the broker does not take " + printable(publication.topic) + ": " + why;
     if (said_.is_new(text))

@@ -6,6 +6,7 @@
 #include "counters.h"
 #include "inbound/local_writer.h"
 #include "outbound/topic_table.h"
+#include "shared/shared_tags.h"
 
 #include <map>
 #include <optional>
@@ -17,13 +18,13 @@ namespace kp::mqtt {
 class Publications {
   public:
     // `writer` may be null, where nothing comes from the broker.
-    Publications(const Configuration &configuration, const StoreReader &reader,
-                 const LocalWriter *writer, StateFile &state, std::string origin,
-                 PendingNames &pending, TopicTable &topics, Counters &counters);
+    Publications(const Configuration &configuration, const StoreReader &reader, LocalWriter *writer,
+                 StateFile &state, std::string origin, PendingNames &pending, TopicTable &topics,
+                 SharedTags &shared, Counters &counters);
 
     // A connection stands. Where the broker has kept what it had, only what changed meanwhile is
-    // sent, else everything once. Either is the burst, which goes at its own rate behind all that
-    // changes from now on.
+    // sent, else everything once, but what of a shared tree is to be sent is not decided here. Either
+    // is the burst, which has a rate of its own.
     void connected(bool kept, Clock::time_point now);
 
     // What the broker has not acknowledged counts as changed again.
@@ -36,7 +37,7 @@ class Publications {
     std::optional<Clock::time_point> due() const;
 
     // What became of a message that next() gave.
-    void sent(const Publication &publication, int id);
+    void sent(const Publication &publication, int id, Clock::time_point now);
     void acknowledged(int id, const Answer &answer, Clock::time_point now);
     void refused(const Publication &publication, const std::string &why);
     void not_sent(const Publication &publication);
@@ -63,10 +64,12 @@ class Publications {
   private:
     std::optional<Publication> publication_for(OutTopic &topic, Clock::time_point since,
                                                Clock::time_point now);
+    bool is_held(OutTopic &topic, const Sample &sample, Clock::time_point since,
+                 Clock::time_point now);
     bool passes_gate(OutTopic &topic, const Sample &sample, Clock::time_point now);
     // Whether a clearing of the topic is on its way.
     bool is_clearing(const std::string &mqtt) const;
-    std::optional<Publication> clearing(const std::string &mqtt) const;
+    std::optional<Publication> clearing(const std::string &mqtt);
     Publication publication_of(const OutTopic &topic, const Sample &sample) const;
     void forget_cleared(const Publication &publication);
     void send_again_later(const Publication &publication, Clock::time_point now);
@@ -77,17 +80,19 @@ class Publications {
 
     const Configuration &configuration_;
     const StoreReader &reader_;
-    const LocalWriter *writer_;
+    LocalWriter *writer_;
     StateFile &state_;
     const std::string origin_;
     PendingNames &pending_; // MQTT topics: also those of topics that are gone
     TopicTable &topics_;
+    SharedTags &shared_;
     Counters &counters_;
 
     std::multimap<Clock::time_point, PendingNames::Waiting> later_; // by when they may go
     std::unordered_map<int, Publication> unacknowledged_;
     std::optional<Publication> last_kept_;
     TokenBucket burst_;
+    uint64_t number_; // of the last message of a shared tree; it never starts again from below
     OncePerText said_;
 };
 

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 namespace kp::mqtt {
 
@@ -18,6 +19,7 @@ namespace {
 // What a line starts with.
 constexpr char kKept = '+';
 constexpr char kProvided = '=';
+constexpr char kTaken = '<';
 constexpr char kCleared = '-';
 
 constexpr size_t kFewLines = 1000; // a journal up to this size is not worth rewriting
@@ -61,6 +63,10 @@ std::string StateFile::open_and_load()
     if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
         return errno == EWOULDBLOCK ? path_ + ": another bridge uses this state file"
                                     : failure(lock_path);
+    struct stat status {};
+    if (stat(path_.c_str(), &status) == 0)
+        last_used_ = static_cast<uint64_t>(status.st_mtim.tv_sec) * 1'000'000 +
+                     static_cast<uint64_t>(status.st_mtim.tv_nsec) / 1'000;
     std::ifstream file(path_, std::ios::binary);
     load({std::istreambuf_iterator<char>(file), {}});
     return rewrite();
@@ -83,18 +89,23 @@ void StateFile::load(const std::string &text)
 // Whether the line says something new.
 bool StateFile::apply(char sign, const std::string &topic)
 {
-    if (sign == kProvided) {
-        const bool is_new = topics_.insert(topic).second;
-        return provided_.insert(topic).second || is_new;
-    }
-    if (sign == kKept) {
-        const bool is_new = topics_.insert(topic).second;
-        return provided_.erase(topic) > 0 || is_new;
-    }
-    if (sign != kCleared)
+    const bool was_kept = topics_.contains(topic);
+    const bool was_provided = provided_.contains(topic);
+    const bool was_taken = taken_.contains(topic);
+    const bool keeps = sign == kKept || sign == kProvided;
+    if (!keeps && sign != kTaken && sign != kCleared)
         return false;
+    topics_.erase(topic);
     provided_.erase(topic);
-    return topics_.erase(topic) > 0;
+    taken_.erase(topic);
+    if (keeps)
+        topics_.insert(topic);
+    if (sign == kProvided)
+        provided_.insert(topic);
+    if (sign == kTaken)
+        taken_.insert(topic);
+    return was_kept != keeps || was_provided != (sign == kProvided) ||
+           was_taken != (sign == kTaken);
 }
 
 // Written beside and renamed, so that a crash leaves the old file or the new one.
@@ -103,6 +114,8 @@ std::string StateFile::rewrite()
     std::string text;
     for (const std::string &topic : topics_)
         text += (is_provided(topic) ? kProvided : kKept) + topic + '\n';
+    for (const std::string &topic : taken_)
+        text += kTaken + topic + '\n';
     const std::string fresh = path_ + ".new";
     UniqueFd file(::open(fresh.c_str(),
                          O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
@@ -111,7 +124,7 @@ std::string StateFile::rewrite()
     if (rename(fresh.c_str(), path_.c_str()) != 0)
         return failure(path_);
     journal_.reset(file.release());
-    lines_ = topics_.size();
+    lines_ = topics_.size() + taken_.size();
     return {};
 }
 
@@ -128,13 +141,26 @@ void StateFile::remove(const std::string &topic)
         append(kCleared, topic);
 }
 
+void StateFile::take(const std::string &topic)
+{
+    if (apply(kTaken, topic))
+        append(kTaken, topic);
+}
+
+void StateFile::touch() const
+{
+    if (journal_)
+        (void)futimens(journal_.get(), nullptr);
+}
+
 void StateFile::append(char sign, const std::string &topic)
 {
     if (path_.empty())
         return;
     ++lines_;
     // After a failure the last line may be there in part, which a new one would join.
-    const bool stale = failed_ || (lines_ > kFewLines && lines_ > 2 * topics_.size());
+    const bool stale =
+        failed_ || (lines_ > kFewLines && lines_ > 2 * (topics_.size() + taken_.size()));
     std::string problem = stale ? rewrite() : std::string();
     if (!stale && !write_all(journal_.get(), sign + topic + '\n'))
         problem = failure(path_);

@@ -1,13 +1,15 @@
 // The topics that the broker keeps a value of because of this bridge, in a small file, so that those
 // that go while the bridge does not run are cleared when it does again. It also remembers which of them
 // had providers, so that the next run can tell a value whose providers have left from one that was
-// written by name. The file is a journal: "+name", "=name" for one with providers, and "-name", appended
-// before the message goes, and written anew when it has grown stale.
+// written by name, and which topics of a shared tree have their value from there. The file is a journal:
+// "+name", "=name" for one with providers, "<name" for one from there, and "-name", appended before the
+// message goes, and written anew when it has grown stale.
 #pragma once
 
 #include "layout/unique_fd.h"
 #include "result.h"
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <unordered_set>
@@ -21,6 +23,23 @@ class StateFile {
 
     void add(const std::string &topic, bool provided = false);
     void remove(const std::string &topic);
+    // The value came from the broker, and no longer because of this bridge.
+    void take(const std::string &topic);
+    bool is_taken(const std::string &topic) const
+    {
+        return taken_.contains(topic);
+    }
+    const std::unordered_set<std::string> &taken() const
+    {
+        return taken_;
+    }
+    // When an earlier run last used the file, in microseconds since the epoch; 0 where none did.
+    uint64_t last_used() const
+    {
+        return last_used_;
+    }
+    // Notes that this run was alive until now.
+    void touch() const;
     bool has(const std::string &topic) const
     {
         return topics_.contains(topic);
@@ -52,6 +71,8 @@ class StateFile {
     bool failed_ = false; // said once
     std::unordered_set<std::string> topics_;
     std::unordered_set<std::string> provided_; // some of the topics
+    std::unordered_set<std::string> taken_;    // none of the topics
+    uint64_t last_used_ = 0;
 };
 
 } // namespace kp::mqtt

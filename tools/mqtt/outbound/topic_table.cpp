@@ -71,6 +71,7 @@ OutTopic *TopicTable::add(const std::string &tag, const OutRule &rule)
     topic->tag = tag;
     topic->mqtt = std::move(mqtt);
     topic->rule = &rule;
+    topic->is_shared = rule.retain && configuration_.shares(topic->mqtt);
     by_mqtt_[topic->mqtt] = topic.get();
     by_bucket_[kp_hash(tag.c_str())].push_back(topic.get());
     return (by_tag_[tag] = std::move(topic)).get();

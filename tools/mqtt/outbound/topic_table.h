@@ -5,6 +5,7 @@
 
 #include "change_marks.h"
 #include "config/configuration.h"
+#include "inbound/value_mark.h"
 #include "log.h"
 #include "outbound/pacing.h"
 #include "outbound/pending.h"
@@ -39,6 +40,8 @@ struct OutTopic {
     bool must_send = true;    // whatever the gate says
     bool is_deferred = false; // waits for a time, and is marked then
     Gate gate;
+    bool is_shared = false; // of a tree that several devices write
+    ValueMark settled;      // the last value that was sent, or kept quiet by the rule
 };
 
 class TopicTable {

@@ -1,0 +1,187 @@
+#include "shared/shared_tags.h"
+
+#include "names/topic_names.h"
+
+#include <cstdlib>
+#include <functional>
+
+namespace kp::mqtt {
+
+namespace {
+
+uint64_t number_of(const UserProperties &properties, std::string_view name)
+{
+    return std::strtoull(property_of(properties, name).c_str(), nullptr, 10);
+}
+
+} // namespace
+
+std::string_view origin_device(std::string_view origin)
+{
+    return origin.substr(0, origin.find('/'));
+}
+
+MessageKey key_of(const Message &message)
+{
+    std::string text = property_of(message.properties, property::kOrigin);
+    const std::string number = property_of(message.properties, property::kNumber);
+    text += '\n' + number;
+    if (number.empty()) {
+        text += message.payload;
+        for (const auto &[name, value] : message.properties)
+            text += '\n' + name + '=' + value;
+    }
+    const MessageKey key = std::hash<std::string>{}(text);
+    return key ? key : 1;
+}
+
+SharedTags::SharedTags(const Configuration &configuration, const StoreReader &reader,
+                       const LocalWriter *writer, StateFile &state, PendingNames &pending,
+                       TopicTable &topics, uint64_t last_alive)
+    : configuration_(configuration), reader_(reader), writer_(writer), state_(state),
+      pending_(pending), topics_(topics), last_alive_(last_alive), tree_(configuration.device)
+{
+}
+
+bool SharedTags::is_one_tree(const InRule &rule, const std::string &tag,
+                             const std::string &topic) const
+{
+    if (!rule.shared || !rule.retained)
+        return false;
+    const OutRule *out = configuration_.rule_for(tag);
+    return !out || (out->retain && to_mqtt_topic(out->prefix, tag) == topic);
+}
+
+// What an earlier run has taken from the broker and left behind, which nobody has written since.
+bool SharedTags::is_left_over(const std::string &topic, const Sample &sample) const
+{
+    return state_.is_taken(topic) && sample.ts <= last_alive_;
+}
+
+Standing SharedTags::standing(const std::string &topic, const std::string &tag, ReadOutcome outcome,
+                              const Sample &sample) const
+{
+    if (outcome == ReadOutcome::busy)
+        return Standing::unsent;
+    if (outcome != ReadOutcome::read || !sample.has_value)
+        return writer_ && writer_->is_busy_with(tag) ? Standing::from_broker : Standing::absent;
+    if (is_from_broker(tag, sample) || is_left_over(topic, sample))
+        return Standing::from_broker;
+    const OutTopic *live = topics_.of_tag(tag);
+    if (!live)
+        return configuration_.rule_for(tag) ? Standing::unsent : Standing::sent;
+    const bool waits = live->must_send || live->is_deferred || live->settled != mark_of(sample);
+    return waits ? Standing::unsent : Standing::sent;
+}
+
+Effect SharedTags::received(const Message &message, const std::string &tag, ReadOutcome outcome,
+                            const Sample &current, Clock::time_point now)
+{
+    const std::string origin = property_of(message.properties, property::kOrigin);
+    Arrival arrival;
+    arrival.origin = origin_device(origin);
+    arrival.is_own = !origin.empty() && arrival.origin == configuration_.device;
+    arrival.key =
+        arrival.is_own ? number_of(message.properties, property::kNumber) : mqtt::key_of(message);
+    arrival.is_clearing = message.payload.empty();
+    const uint64_t source_ts = number_of(message.properties, property::kSourceTime);
+    arrival.source_ts = source_ts ? source_ts : kp_get_timestamp_us();
+    const uint64_t ours = outcome == ReadOutcome::busy ? kp_get_timestamp_us() : current.source_ts;
+    return tree_.received(message.topic, arrival, standing(message.topic, tag, outcome, current),
+                          ours, now);
+}
+
+SharedTags::Hold SharedTags::hold(const OutTopic &topic, const Sample &sample) const
+{
+    const auto key = writer_ ? writer_->key_of(topic.tag, sample) : std::nullopt;
+    if (!key)
+        return is_left_over(topic.mqtt, sample) ? Hold::is_known : Hold::none;
+    if (tree_.is_last(topic.mqtt, *key))
+        return Hold::is_known;
+    return writer_->is_busy_with(topic.tag) ? Hold::is_busy : Hold::none;
+}
+
+bool SharedTags::is_removed(const std::string &topic) const
+{
+    if (!state_.is_taken(topic) || !tree_.is_there(topic))
+        return false;
+    const InRule *rule = configuration_.in_rule_for(topic);
+    const Name name = rule ? to_tag_topic(rule->prefix, rule->tags, topic) : Name{};
+    if (name.text.empty())
+        return false;
+    const std::string tag = reader_.standing_for(name.text);
+    Sample sample;
+    const ReadOutcome outcome = reader_.read(tag, sample);
+    const bool is_absent = outcome == ReadOutcome::missing || outcome == ReadOutcome::undeclared ||
+                           (outcome == ReadOutcome::read && !sample.has_value);
+    return is_absent && !(writer_ && writer_->is_busy_with(tag));
+}
+
+void SharedTags::sent(const Publication &publication, Clock::time_point now)
+{
+    if (publication.number)
+        tree_.sent(publication.topic, publication.number, now);
+}
+
+void SharedTags::refused(const Publication &publication)
+{
+    if (publication.number)
+        tree_.refused(publication.topic, publication.number);
+}
+
+std::vector<std::string> SharedTags::stop_reading(bool is_complete, Clock::time_point now)
+{
+    std::vector<std::string> lost;
+    if (is_complete)
+        lost = find_lost();
+    mark_live(is_complete, now);
+    mark_gone(is_complete, now);
+    if (is_complete)
+        tree_.forget_what_is_not_there();
+    return lost;
+}
+
+// The topics that had their value from the broker, which no longer keeps one.
+std::vector<std::string> SharedTags::find_lost()
+{
+    std::vector<std::string> lost;
+    for (const std::string &topic : state_.taken())
+        if (!tree_.is_there(topic))
+            lost.push_back(topic);
+    for (const std::string &topic : lost)
+        state_.remove(topic);
+    return lost;
+}
+
+void SharedTags::mark_live(bool is_complete, Clock::time_point now)
+{
+    for (const auto &[tag, topic] : topics_.all()) {
+        if (!topic->is_shared)
+            continue;
+        Sample sample;
+        const ReadOutcome outcome = reader_.read(tag, sample);
+        const Standing stands = standing(topic->mqtt, tag, outcome, sample);
+        const bool is_missing = is_complete && !tree_.is_there(topic->mqtt);
+        if (stands == Standing::unsent || (stands == Standing::sent && is_missing)) {
+            topic->must_send = true;
+            pending_.mark_burst(topic->mqtt, now);
+        }
+    }
+}
+
+// What this bridge has brought to the broker, and is no longer there.
+void SharedTags::mark_gone(bool is_complete, Clock::time_point now)
+{
+    std::vector<std::string> gone;
+    for (const std::string &topic : state_.topics())
+        if (!topics_.of_mqtt(topic) && configuration_.shares(topic))
+            gone.push_back(topic);
+    for (const std::string &topic : gone) {
+        if (is_complete && !tree_.is_there(topic))
+            state_.remove(topic);
+        else
+            pending_.mark_burst(topic, now);
+    }
+}
+
+} // namespace kp::mqtt

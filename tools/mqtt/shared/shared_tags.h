@@ -1,0 +1,102 @@
+// Joins the shared tree with the tags: how each stands, what a message is to do with it, whether a
+// value may go out, and what differs after a connection has come back.
+#pragma once
+
+#include "broker/message.h"
+#include "config/configuration.h"
+#include "inbound/local_writer.h"
+#include "outbound/pending.h"
+#include "outbound/state_file.h"
+#include "outbound/topic_table.h"
+#include "shared/shared_tree.h"
+#include "store_reader.h"
+
+#include <string>
+#include <vector>
+
+namespace kp::mqtt {
+
+class SharedTags {
+  public:
+    // What keeps its value from going out.
+    enum class Hold {
+        none,
+        is_known, // the value came from the broker, which has it
+        is_busy,  // another one is about to be written
+    };
+
+    // `writer` may be null, where nothing comes from the broker. What was written until `last_alive`,
+    // in microseconds since the epoch, an earlier run has seen.
+    SharedTags(const Configuration &configuration, const StoreReader &reader,
+               const LocalWriter *writer, StateFile &state, PendingNames &pending,
+               TopicTable &topics, uint64_t last_alive);
+
+    // Whether the tag's own messages have the same topic as those that come for it. If not, two trees
+    // are joined, and their order says nothing.
+    bool is_one_tree(const InRule &rule, const std::string &tag, const std::string &topic) const;
+
+    Effect received(const Message &message, const std::string &tag, ReadOutcome outcome,
+                    const Sample &current, Clock::time_point now);
+    // The value of a message has been taken for the tag, or the tag goes.
+    void taken(const std::string &topic)
+    {
+        state_.take(topic);
+    }
+    void dropped(const std::string &topic)
+    {
+        state_.remove(topic);
+    }
+    bool is_from_broker(const std::string &tag, const Sample &sample) const
+    {
+        return writer_ && writer_->key_of(tag, sample);
+    }
+    // Whether the tag's value, which is also the message's, need not be written for it.
+    bool has_already(const std::string &tag, const Sample &sample, MessageKey key) const
+    {
+        return !is_from_broker(tag, sample) || writer_->key_of(tag, sample) == key;
+    }
+    Hold hold(const OutTopic &topic, const Sample &sample) const;
+    // Whether the broker keeps a value from elsewhere whose tag has been removed here.
+    bool is_removed(const std::string &topic) const;
+
+    void sent(const Publication &publication, Clock::time_point now);
+    void refused(const Publication &publication);
+    void connection_lost()
+    {
+        tree_.connection_lost();
+    }
+
+    // What the broker has kept is about to arrive.
+    void start_reading()
+    {
+        tree_.start_reading();
+    }
+    // It has arrived, all of it if it is complete. Marks what the broker is to have or to lose, and
+    // returns the topics that it no longer keeps and whose tags go therefore.
+    std::vector<std::string> stop_reading(bool is_complete, Clock::time_point now);
+
+  private:
+    Standing standing(const std::string &topic, const std::string &tag, ReadOutcome outcome,
+                      const Sample &sample) const;
+    bool is_left_over(const std::string &topic, const Sample &sample) const;
+    std::vector<std::string> find_lost();
+    void mark_live(bool is_complete, Clock::time_point now);
+    void mark_gone(bool is_complete, Clock::time_point now);
+
+    const Configuration &configuration_;
+    const StoreReader &reader_;
+    const LocalWriter *writer_;
+    StateFile &state_;
+    PendingNames &pending_;
+    TopicTable &topics_;
+    const uint64_t last_alive_;
+    SharedTree tree_;
+};
+
+// The device's part of an origin, which is DEVICE/BOOT.
+std::string_view origin_device(std::string_view origin);
+
+// Tells a message from every other: its origin's number for it, or what it holds.
+MessageKey key_of(const Message &message);
+
+} // namespace kp::mqtt
