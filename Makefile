@@ -1,5 +1,5 @@
 # The commands of the README. CMake does the building; see CONTRIBUTING.md for its presets.
-.PHONY: all test demo bench fuzz soak coverage
+.PHONY: all test demo bench fuzz soak coverage mutate
 
 # Building needs libraries only and installs nothing: it says what is missing.
 all:
@@ -28,3 +28,8 @@ soak:
 coverage:
 	@scripts/setup build test coverage tools
 	@scripts/coverage
+
+# An hour on two processors; EVERY=10 tries one mutant in ten, FILES names the sources.
+mutate:
+	@scripts/setup build test
+	@scripts/mutate --every $(or $(EVERY),1) $(FILES)
