@@ -79,8 +79,9 @@ Result<ValueLimits> parse_limits(const toml::node &node)
          {"high", &limits.high},
          {"highhigh", &limits.highhigh}}};
     for (const auto &[key, value] : *table) {
-        const auto *const field = std::find_if(
-            known.begin(), known.end(), [&](const auto &one) { return one.first == key.str(); });
+        const auto *const field =
+            std::find_if(known.begin(), known.end(),
+                         [name = key.str()](const auto &one) { return one.first == name; });
         if (field == known.end())
             return Limits::failed("has no \"" + escaped(key.str()) +
                                   "\", but lowlow, low, high and highhigh");
