@@ -133,6 +133,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "t.toml:3:"},
         Mistake{"SyntaxOfALine", "[\"a\"]\nunit = \"m\nstale = 5", "t.toml:2:"},
         Mistake{"KeyOutsideATable", "unit = \"m\"", "t.toml:1:1: \"unit\" stands outside a table"},
+        Mistake{"LetterBeyondAsciiOutsideQuotes", "[\"a\"]\nrange = [0, \u0420]",
+                "t.toml:2:13: a letter beyond ASCII must stand in quotation marks"},
         Mistake{"ControlCharacters", "[\"a\"]\nunit = \"\\u001b[31m\"",
                 "unit: holds characters that cannot be shown"}),
     [](const auto &test) { return test.param.name; });

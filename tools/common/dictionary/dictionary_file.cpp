@@ -3,6 +3,7 @@
 #include "common/dictionary/entry_reader.h"
 #include "common/pattern.h"
 #include "common/text.h"
+#include "common/toml_text.h"
 
 #include <algorithm>
 #include <unordered_map>
@@ -68,7 +69,7 @@ std::optional<toml::table> parse_what_can_be(std::string_view text,
     std::optional<Lines> lines;
     for (int broken = 0; broken < kMostBrokenTables; ++broken) {
         try {
-            return broken == 0 ? toml::parse(text) : toml::parse(lines->text());
+            return broken == 0 ? parse_toml(text) : parse_toml(lines->text());
         } catch (const toml::parse_error &error) {
             const auto at = error.source().begin;
             problems.push_back({{name, at.line, at.column}, escaped(error.description())});

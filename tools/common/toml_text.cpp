@@ -1,0 +1,84 @@
+#include "common/toml_text.h"
+
+#include <algorithm>
+#include <string>
+
+namespace kp::tool {
+
+namespace {
+
+// Goes through a text as TOML does, as far as quotation marks and comments are concerned.
+class Scanner {
+  public:
+    explicit Scanner(std::string_view text) : text_(text)
+    {
+    }
+
+    // Moves to the first byte beyond ASCII outside quotation marks and comments; false without one.
+    bool find_bare_letter()
+    {
+        while (at_ < text_.size()) {
+            const char byte = text_[at_];
+            if (static_cast<unsigned char>(byte) >= 0x80)
+                return true;
+            if (byte == '#')
+                at_ = std::min(text_.find('\n', at_), text_.size());
+            else if (byte == '"' || byte == '\'')
+                skip_string(byte);
+            else
+                ++at_;
+        }
+        return false;
+    }
+
+    toml::source_position position() const
+    {
+        toml::source_position position{1, 1};
+        for (const char byte : text_.substr(0, at_)) {
+            const bool continues = (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+            position.column = byte == '\n' ? 1 : position.column + (continues ? 0 : 1);
+            position.line += byte == '\n' ? 1 : 0;
+        }
+        return position;
+    }
+
+  private:
+    // One that does not end in its line stops there, as it does in the parser, which refuses it.
+    void skip_string(char mark)
+    {
+        const std::string three(3, mark);
+        const bool is_long = text_.substr(at_, 3) == three;
+        at_ += is_long ? 3 : 1;
+        while (at_ < text_.size()) {
+            if (mark == '"' && text_[at_] == '\\')
+                ++at_;
+            else if (is_long ? text_.substr(at_, 3) == three : text_[at_] == mark)
+                break;
+            else if (!is_long && text_[at_] == '\n')
+                return;
+            ++at_;
+        }
+        at_ = std::min(at_ + (is_long ? 3 : 1), text_.size());
+        for (int more = 0; is_long && more < 2 && text_.substr(at_, 1) == three.substr(0, 1);
+             ++more)
+            ++at_; // a long string may end in quotation marks of its own
+    }
+
+    std::string_view text_;
+    std::size_t at_ = 0;
+};
+
+} // namespace
+
+toml::table parse_toml(std::string_view text)
+{
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    Scanner scanner(text.substr(text.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0));
+    if (!scanner.find_bare_letter())
+        return toml::parse(text);
+    const toml::source_position position = scanner.position();
+    throw toml::parse_error("a letter beyond ASCII must stand in quotation marks",
+                            toml::source_region{position, position, nullptr});
+}
+
+} // namespace kp::tool
