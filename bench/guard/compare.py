@@ -10,7 +10,11 @@ import sys
 import tempfile
 
 KEPT = pathlib.Path(__file__).with_name("expected.json")
-OPERATIONS = ("write", "read", "notify", "deliver")
+OPERATIONS = ("write", "read", "notify", "deliver",
+              "number_write", "typed_write", "number_read", "typed_read")
+# The header for C++ may cost so much more than the calls in C that it makes.
+TYPED = {"typed_write": "number_write", "typed_read": "number_read"}
+MOST_TYPED = 1.05
 TOLERANCE = 0.03
 FEW, MANY = 500, 2500
 # The C library chooses its memcpy by the processor; without these it takes the one that every
@@ -56,6 +60,10 @@ def main():
         wrong += abs(change) > TOLERANCE
         print(f"guard: {operation}: {figures[operation]} instructions, kept {kept[operation]}, "
               f"{change:+.1%}{' (more than 3 %)' if abs(change) > TOLERANCE else ''}")
+    for typed, plain in TYPED.items():
+        ratio = figures[typed] / figures[plain]
+        wrong += ratio > MOST_TYPED
+        print(f"guard: {typed}: {ratio:.3f} times {plain}, at most {MOST_TYPED}")
     if wrong:
         print("guard: if the change is meant, keep it with bench/guard/run --keep and say why")
     return 1 if wrong else 0

@@ -1,7 +1,8 @@
 // Repeats one operation so often as asked, for counting its instructions: `write`, `read`, `notify`
-// (with no peer) or `deliver` (one notice from a peer to the callback). The difference of two runs
-// with different counts holds nothing but the operation.
-#include "kp.h"
+// (with no peer), `deliver` (one notice from a peer to the callback), and the calls in C that
+// `typed_write` and `typed_read` make in C++. The difference of two runs with different counts holds
+// nothing but the operation.
+#include "kp.hpp"
 
 #include <atomic>
 #include <csignal>
@@ -120,6 +121,45 @@ void repeat(const std::string &operation, int count)
     (void)kp_destroy(handle);
 }
 
+// A number through the functions of C and through the header for C++. Whoever calls them looks at the
+// result, so both do here.
+void repeat_number(const std::string &operation, int count)
+{
+    kp::Node node{"guard"};
+    auto provider = node.provide<double>(kTopic);
+    auto consumer = node.consume<double>(kTopic);
+    check(provider.write(1) && consumer.read(), "a number comes through");
+    double sum = 0;
+    if (operation == "number_write")
+        for (int i = 0; i < count; ++i) {
+            const double value = i;
+            check(kp_tag_write(node.native(), provider.native(), &value, sizeof value) ==
+                      sizeof value,
+                  "kp_tag_write");
+        }
+    else if (operation == "typed_write")
+        for (int i = 0; i < count; ++i)
+            check(provider.write(i).has_value(), "write");
+    else if (operation == "number_read")
+        for (int i = 0; i < count; ++i) {
+            double value = 0;
+            uint32_t quality = 0;
+            uint64_t timestamp = 0;
+            uint64_t source_ts = 0;
+            check(kp_tag_read_consistent(consumer.native(), &value, sizeof value, &quality,
+                                         &timestamp, &source_ts) == sizeof value,
+                  "kp_tag_read_consistent");
+            sum += quality == KP_QUALITY_GOOD ? value : 0;
+        }
+    else
+        for (int i = 0; i < count; ++i) {
+            const auto now = consumer.read();
+            check(now.has_value(), "read");
+            sum += now->good() ? now->value : 0;
+        }
+    check(sum >= 0, "the values are used");
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -130,6 +170,9 @@ int main(int argc, char **argv)
         return run_peer(count);
     if (std::strcmp(argv[1], "deliver") == 0)
         deliver(argv[0], count);
+    else if (std::strstr(argv[1], "number_") == argv[1] ||
+             std::strstr(argv[1], "typed_") == argv[1])
+        repeat_number(argv[1], count);
     else
         repeat(argv[1], count);
 }

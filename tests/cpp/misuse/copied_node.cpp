@@ -1,0 +1,7 @@
+// expect: deleted
+#include <kp.hpp>
+
+void use(kp::Node &node)
+{
+    kp::Node copy = node;
+}

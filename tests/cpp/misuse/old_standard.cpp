@@ -1,0 +1,5 @@
+// expect: kp.hpp needs C++17 or later
+// options: -std=c++14
+#include <kp.hpp>
+
+int nothing;
