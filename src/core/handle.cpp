@@ -4,6 +4,8 @@
 #include "core/dict.h"
 #include "core/tag.h"
 #include "core/waiting_notice.h"
+#include "support/cancellation.h"
+#include "support/fork.h"
 #include "support/lock.h"
 #include "support/log.h"
 #include "support/memory.h"
@@ -12,7 +14,6 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 namespace kp {
 
@@ -33,8 +34,8 @@ void take_up_notice(kp_t &handle, const uint8_t *notice)
     }
     if (!load_acquire(handle.callback))
         return;
-    const MutexLock lock(handle.mutex);
-    if (has_notice_fd(handle)) { // kp_get_fd() had the lock meanwhile
+    const PlainLock lock(handle.mutex); // the receive thread cannot be cancelled
+    if (has_notice_fd(handle)) {        // kp_get_fd() had the lock meanwhile
         merge_notice(handle, notice);
         return;
     }
@@ -67,6 +68,17 @@ uint32_t find_flagged(const kp_write_info &notice, uint32_t bucket)
     return KP_BUCKET_COUNT;
 }
 
+// Makes a handle that has come into a child of fork() fit to be destroyed there: its locks may be
+// held by threads that are not there, its descriptor is the parent's.
+void leave_to_parent(void *record)
+{
+    auto &handle = *static_cast<kp_t *>(record);
+    handle.mutex = PTHREAD_MUTEX_INITIALIZER;
+    handle.sub_topics->mutex = PTHREAD_MUTEX_INITIALIZER;
+    handle.sub_patterns->mutex = PTHREAD_MUTEX_INITIALIZER;
+    handle.notice_fd = 0;
+}
+
 // Gives the handle all but its endpoint and its callback. The lists are there before a notice can
 // arrive.
 bool fill(kp_t &handle)
@@ -89,6 +101,7 @@ using namespace kp;
 
 kp_t *kp_new(const char *name, kp_callback_t callback)
 {
+    const NoCancellation scope;
     auto made = make_zeroed<kp_t>();
     if (!made) {
         KP_ERROR("kp init: malloc kp_t: %s\n", std::strerror(errno));
@@ -96,8 +109,10 @@ kp_t *kp_new(const char *name, kp_callback_t callback)
     }
     set_level_from_environment();
     kp_t *handle = made.release(); // from here on kp_destroy() cleans up
-    if (fill(*handle))
+    if (fill(*handle)) {
+        enter_fork_link(handle->fork_link, leave_to_parent, handle);
         handle->notify = kp_notify_init(name, kWriteInfoSize, kp_notify_callback, handle);
+    }
     if (!handle->notify) {
         const KeepErrno keep;
         (void)kp_destroy(handle);
@@ -111,10 +126,12 @@ int32_t kp_destroy(kp_t *handle)
 {
     if (is_null(handle, "kp is null\n"))
         return -1;
+    const NoCancellation scope;
     // The endpoint goes first: its receive thread may be in the middle of a walk of the dictionary.
     (void)kp_notify_close(&handle->notify);
     if (handle->notice_fd != 0)
-        (void)close(handle->notice_fd);
+        const OwnFd notice_fd(handle->notice_fd);
+    leave_fork_link(handle->fork_link);
     (void)kp_dict_destroy(handle->dict);
     (void)pthread_mutex_destroy(&handle->mutex);
     kplist_free(handle->sub_topics, std::free);

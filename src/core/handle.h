@@ -3,6 +3,7 @@
 
 #include "kp.h"
 #include "layout/notice.h"
+#include "support/fork.h"
 
 #include <array>
 #include <cstddef>
@@ -32,6 +33,7 @@ struct kp_t {
     int32_t notice_fd;     // an eventfd, 0 until kp_get_fd() has made it; then for good
     uint32_t notice_waits; // 1 once `notice_fd` was made readable for what waits
     kp::NoticeWords waiting_bits;
+    kp::ForkLink fork_link;
 };
 
 static_assert(offsetof(kp_t, notify) == 0);

@@ -3,6 +3,7 @@
 #include "core/tag.h"
 
 #include "core/handle.h"
+#include "support/cancellation.h"
 #include "support/lock.h"
 #include "support/log.h"
 #include "support/memory.h"
@@ -93,6 +94,7 @@ kp_tag_t *kp_tag_new(kp_t *handle, const char *topic, uint32_t role)
 kp_tag_t *kp_tag_provider_new(kp_t *handle, const char *topic, uint32_t value_type,
                               uint32_t value_size, uint32_t extra_info)
 {
+    const NoCancellation scope;
     if (is_null(handle, "kp is null\n"))
         return nullptr;
     if (is_null(topic, "topic is null\n"))
@@ -123,6 +125,7 @@ kp_tag_t *kp_tag_provider_new(kp_t *handle, const char *topic, uint32_t value_ty
 
 kp_tag_t *kp_tag_consumer_new(kp_t *handle, const char *topic)
 {
+    const NoCancellation scope;
     if (is_null(handle, "kp is null\n"))
         return nullptr;
     if (is_null(topic, "topic is null\n"))
@@ -144,6 +147,7 @@ int32_t kp_tag_destroy(kp_t *handle, kp_tag_t *tag)
 
 int32_t kp_tags_destroy(kp_t *handle)
 {
+    const NoCancellation scope;
     if (is_null(handle, "kp is null\n"))
         return -1;
     for (uint32_t bucket = 0; bucket < kBuckets; ++bucket) {

@@ -7,6 +7,7 @@
 #include "core/tag.h"
 #include "layout/field.h"
 #include "layout/value_type.h"
+#include "support/cancellation.h"
 #include "support/list.h"
 #include "support/lock.h"
 #include "support/log.h"
@@ -99,6 +100,7 @@ using namespace kp;
 
 int32_t kp_sub_topic(kp_t *handle, const char *topic)
 {
+    const NoCancellation scope;
     note_first_subscription();
     if (!handle)
         return 0;
@@ -113,6 +115,7 @@ int32_t kp_sub_topic(kp_t *handle, const char *topic)
 
 int32_t kp_sub_plain_topic(kp_t *handle, const char *topic)
 {
+    const NoCancellation scope;
     if (!handle)
         return sub_plain_topic(handle, topic);
     if (!topic || !match_sub_patterns(handle, topic))
@@ -122,6 +125,7 @@ int32_t kp_sub_plain_topic(kp_t *handle, const char *topic)
 
 int32_t kp_unsub_topic(kp_t *handle, const char *topic)
 {
+    const NoCancellation scope;
     if (!handle || !topic)
         return 0;
     if (is_pattern(topic)) {

@@ -11,7 +11,7 @@
 #include "core/handle.h"
 #include "layout/field.h"
 #include "layout/keep_errno.h"
-#include "support/high_fd.h"
+#include "support/fork.h"
 #include "support/lock.h"
 #include "support/log.h"
 
@@ -77,7 +77,7 @@ int32_t kp_get_fd(kp_t *handle)
     const MutexLock lock(handle->mutex); // waits for a callback that is running
     if (has_notice_fd(*handle))
         return handle->notice_fd;
-    UniqueFd made = high_fd(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+    OwnFd made = own_fd([] { return eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK); });
     if (!made) {
         const KeepErrno keep;
         KP_ERROR("eventfd: %s\n", std::strerror(errno));

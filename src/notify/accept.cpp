@@ -2,7 +2,7 @@
 // as soon as anything happens on its connection, since a peer never sends on it but only hangs up.
 #include "notify/endpoint.h"
 
-#include "support/high_fd.h"
+#include "support/fork.h"
 
 #include <cerrno>
 #include <poll.h>
@@ -24,7 +24,7 @@ constexpr useconds_t kSenderPauseUs = 50;
 // Peers dropped during one walk of ready events. Their numbers are given back after it: the walk
 // can come to an event twice, and must not meet a new peer under the number of a dropped one.
 struct Dropped {
-    std::array<UniqueFd, kSlotCount> fds;
+    std::array<OwnFd, kSlotCount> fds;
     std::size_t count = 0;
 
     bool is_full() const
@@ -36,7 +36,7 @@ struct Dropped {
 // What the accept thread works on.
 struct Acceptor {
     kp_notify_t &endpoint;
-    UniqueFd poll;
+    OwnFd poll;
     int listening_fd;
 
     std::span<int32_t> peers() const
@@ -52,14 +52,14 @@ bool ran_out(int error)
 
 // Accepts a connection if one waits. The listening socket blocks, and the walk can come to its
 // event twice.
-UniqueFd accept_waiting(int listening_fd)
+OwnFd accept_waiting(int listening_fd)
 {
     pollfd waiting{};
     waiting.fd = listening_fd;
     waiting.events = POLLIN;
     if (poll(&waiting, 1, 0) != 1)
-        return UniqueFd();
-    UniqueFd peer = high_fd(accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC));
+        return OwnFd();
+    OwnFd peer = own_fd([&] { return accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC); });
     if (!peer && ran_out(errno))
         (void)usleep(kNoDescriptorPauseUs);
     return peer;
@@ -96,7 +96,7 @@ void drop_gone_peers(const Acceptor &acceptor, Dropped &dropped, LogSite site)
 // Accepts a peer and returns the index after which the walk of the ready events goes on.
 std::size_t accept_peer(const Acceptor &acceptor, std::size_t index, Dropped &dropped, LogSite site)
 {
-    UniqueFd peer = accept_waiting(acceptor.listening_fd);
+    OwnFd peer = accept_waiting(acceptor.listening_fd);
     if (!peer)
         return index;
     // Deliberate: the walk goes on after the number of the slot, not after the event. Events that
@@ -135,7 +135,8 @@ void *subscriber_connecting_listener(void *arg)
     const int listening_fd = load_ordered(endpoint.client_fds[kListeningSlot]);
     (void)sem_post(&endpoint.stop_cleared); // a close may follow from here on
 
-    const Acceptor acceptor{endpoint, high_fd(epoll_create1(EPOLL_CLOEXEC)), listening_fd};
+    const Acceptor acceptor{endpoint, own_fd([&] { return epoll_create1(EPOLL_CLOEXEC); }),
+                            listening_fd};
     if (!acceptor.poll) {
         KP_ERROR("epoll_create1 failed\n");
         return nullptr;

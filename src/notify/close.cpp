@@ -3,6 +3,7 @@
 // the threads are gone, so that no thread can meet another file under a number it knows.
 #include "notify/endpoint.h"
 
+#include "support/cancellation.h"
 #include "support/memory.h"
 
 #include <algorithm>
@@ -18,7 +19,7 @@ void close_pipe_end(int32_t &fd)
 {
     if (fd == 0) // never created
         return;
-    (void)close(fd);
+    const OwnFd owner(fd);
     fd = 0;
 }
 
@@ -42,11 +43,11 @@ void remove_socket_file(const kp_notify_t &endpoint, LogSite site)
 }
 
 // The descriptors taken out of both tables, closed when this goes out of scope.
-using Retired = std::array<UniqueFd, std::size_t{2} * kSlotCount>;
+using Retired = std::array<OwnFd, std::size_t{2} * kSlotCount>;
 
 // Ends the connection in a slot, frees the slot and keeps the descriptor; says whether there was
 // one.
-bool retire(int32_t &slot, UniqueFd &keeper)
+bool retire(int32_t &slot, OwnFd &keeper)
 {
     const int fd = exchange(slot, kFreeSlot);
     if (fd == kFreeSlot)
@@ -74,10 +75,15 @@ using namespace kp;
 
 int32_t kp_notify_close(kp_notify_t **endpoint_ref)
 {
+    const NoCancellation scope;
     if (!*endpoint_ref)
         return 0;
     const MallocPtr<kp_notify_t> owner(*endpoint_ref);
     kp_notify_t &endpoint = *owner;
+    if (endpoint.is_parents) {
+        std::free(endpoint.msg_buf);
+        return 0;
+    }
     const uint8_t byte = 0;
     store_release(endpoint.stop, kStopping);
     if (write(endpoint.cancel_fds[kWriteEnd], &byte, sizeof(byte)) != sizeof(byte)) {
@@ -101,7 +107,8 @@ int32_t kp_notify_close(kp_notify_t **endpoint_ref)
     close_pipe_end(endpoint.cancel_fds[kWriteEnd]);
     close_pipe_end(endpoint.new_server_fds[kReadEnd]);
     close_pipe_end(endpoint.new_server_fds[kWriteEnd]);
-    const UniqueFd watch(endpoint.watch_fd);
+    const OwnFd watch(endpoint.watch_fd);
+    leave_fork_link(endpoint.fork_link);
     (void)sem_destroy(&endpoint.stop_cleared);
     (void)sem_destroy(&endpoint.watch_tried);
     (void)pthread_mutex_destroy(&endpoint.claims_mutex);

@@ -4,7 +4,7 @@
 #include "notify/endpoint.h"
 
 #include "support/clock.h"
-#include "support/high_fd.h"
+#include "support/fork.h"
 
 #include <cerrno>
 #include <cstring>
@@ -36,7 +36,7 @@ void pause_before_next_try(const kp_notify_t &endpoint)
         (void)poll(&cancel, 1, static_cast<int>(left));
 }
 
-bool connect_at(const UniqueFd &fd, const Attempt &attempt, const Entry &entry)
+bool connect_at(const OwnFd &fd, const Attempt &attempt, const Entry &entry)
 {
     if (!may_follow(entry)) {
         errno = ELOOP;
@@ -78,7 +78,7 @@ Attempt begin_attempt(const char *name, LogSite site)
     return attempt;
 }
 
-Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, const UniqueFd &fd)
+Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, const OwnFd &fd)
 {
     const Entry before = look_at(attempt.address.sun_path);
     if (before.presence == Presence::absent) {
@@ -102,7 +102,7 @@ Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, con
     return Tried::failed;
 }
 
-void take_in(kp_notify_t &endpoint, Connector connector, UniqueFd fd, LogSite site)
+void take_in(kp_notify_t &endpoint, Connector connector, OwnFd fd, LogSite site)
 {
     if (fcntl(fd.get(), F_SETFL, O_NONBLOCK) != 0) {
         const int cause = errno;
@@ -151,7 +151,7 @@ bool give_up(const Attempt &attempt, LogSite site)
 
 void connect_to(kp_notify_t &endpoint, const char *name)
 {
-    UniqueFd fd = high_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    OwnFd fd = own_fd([&] { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
     if (!fd) {
         KP_ERROR("opening socket: %s\n", std::strerror(errno));
         return;

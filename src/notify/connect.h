@@ -12,7 +12,7 @@ struct kp_notify_t;
 
 namespace kp {
 
-class UniqueFd;
+class OwnFd;
 struct LogSite;
 
 // So often a file is tried, and so long is the pause behind each try, in which a peer that is just
@@ -38,10 +38,10 @@ enum class Tried : uint8_t { connected, known, being_connected, absent, failed }
 
 // Tries once to connect `fd`. `known` is an entry that has its connection already. After `connected`
 // the entry is claimed, which take_in() settles.
-Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, const UniqueFd &fd);
+Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, const OwnFd &fd);
 
 // Puts a connection into its slot and announces it to the receive thread.
-void take_in(kp_notify_t &endpoint, Connector connector, UniqueFd fd, LogSite site);
+void take_in(kp_notify_t &endpoint, Connector connector, OwnFd fd, LogSite site);
 
 // Whether the last try failed because the peer's backlog is full, or a signal came while waiting
 // for room in it: signs of somebody who lives.

@@ -1,14 +1,10 @@
 // What the threads of an endpoint, its opening and its closing share.
 #include "notify/endpoint.h"
 
-#include "support/high_fd.h"
-
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace kp {
 
@@ -26,20 +22,6 @@ sockaddr_un socket_address(const char *name, LogSite site)
     if (!format_text(address.sun_path, "%s%s", kEndpointDirectory, name))
         KP_LOG_AT(KP_LEVEL_ERROR, site, "socket address name '%s' is too long\n", name);
     return address;
-}
-
-bool make_pipe(std::span<int32_t, 2> ends)
-{
-    std::array<int32_t, 2> made{};
-    if (pipe2(made.data(), O_CLOEXEC) != 0)
-        return false;
-    UniqueFd read_end = high_fd(made[kReadEnd]);
-    UniqueFd write_end = high_fd(made[kWriteEnd]);
-    if (!read_end || !write_end)
-        return false;
-    ends[kReadEnd] = read_end.release();
-    ends[kWriteEnd] = write_end.release();
-    return true;
 }
 
 bool start_thread(pthread_t &thread, void *(*body)(void *), kp_notify_t &endpoint)
@@ -79,7 +61,7 @@ std::size_t find_slot(std::span<const int32_t> slots, int fd)
     return slot;
 }
 
-bool add_interest(const UniqueFd &poll, int fd, LogSite site)
+bool add_interest(const OwnFd &poll, int fd, LogSite site)
 {
     epoll_event event{};
     event.events = EPOLLIN;
@@ -90,18 +72,18 @@ bool add_interest(const UniqueFd &poll, int fd, LogSite site)
     return false;
 }
 
-int watch_for_close(const kp_notify_t &endpoint, const UniqueFd &poll, LogSite site)
+int watch_for_close(const kp_notify_t &endpoint, const OwnFd &poll, LogSite site)
 {
     return add_interest(poll, endpoint.cancel_fds[kReadEnd], site) ? kDayMs : kUnwokenMs;
 }
 
-void remove_interest(const UniqueFd &poll, int fd, LogSite site)
+void remove_interest(const OwnFd &poll, int fd, LogSite site)
 {
     if (epoll_ctl(poll.get(), EPOLL_CTL_DEL, fd, nullptr) != 0)
         KP_LOG_AT(KP_LEVEL_ERROR, site, "epoll_ctl(EPOLL_CTL_DEL, %d) failed\n", fd);
 }
 
-ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room, int timeout_ms)
+ReadyEvents wait_for_events(const OwnFd &poll, std::span<epoll_event> room, int timeout_ms)
 {
     const int count =
         epoll_wait(poll.get(), room.data(), static_cast<int>(room.size()), timeout_ms);

@@ -8,10 +8,10 @@
 #include "kp.h"
 #include "layout/field.h"
 #include "layout/notice.h"
-#include "layout/unique_fd.h"
 #include "notify/connect.h"
 #include "notify/entry.h"
 #include "notify/pending.h"
+#include "support/fork.h"
 #include "support/log.h"
 #include "support/path.h"
 
@@ -65,6 +65,8 @@ struct kp_notify_t {
     pthread_mutex_t claims_mutex;     // covers `claims`
     std::array<kp::Claim, kp::kSlotCount + kp::kConnectorCount> claims;
     kp::Pending pending; // the watch thread's
+    kp::ForkLink fork_link;
+    bool is_parents; // this is a child of fork(): threads, descriptors and file are the parent's
 };
 
 static_assert(offsetof(kp_notify_t, stop) == 0);
@@ -109,9 +111,6 @@ constexpr std::size_t message_room(std::size_t size)
 // the caller's name.
 sockaddr_un socket_address(const char *name, LogSite site = LogSite::current());
 
-// A pipe that executed programs don't inherit; false with errno set.
-bool make_pipe(std::span<int32_t, 2> ends);
-
 // Starts a thread that blocks every signal, so that the application's handlers run on its own
 // threads; stores its handle, or leaves that 0 with errno set.
 bool start_thread(pthread_t &thread, void *(*body)(void *), kp_notify_t &endpoint);
@@ -132,8 +131,8 @@ std::size_t find_slot(std::span<const int32_t> slots, int fd);
 
 // Adds a descriptor to an epoll set; says whether it is in it now. A failure is logged under the
 // caller's name.
-bool add_interest(const UniqueFd &poll, int fd, LogSite site = LogSite::current());
-void remove_interest(const UniqueFd &poll, int fd, LogSite site = LogSite::current());
+bool add_interest(const OwnFd &poll, int fd, LogSite site = LogSite::current());
+void remove_interest(const OwnFd &poll, int fd, LogSite site = LogSite::current());
 
 enum class Wait { ready, interrupted, failed };
 
@@ -144,11 +143,11 @@ struct ReadyEvents {
 
 // Adds the pipe that wakes the threads at a close. Gives the most that each wait may last: a day, or
 // so short a time that a thread sees the stop flag by itself when the pipe could not be added.
-int watch_for_close(const kp_notify_t &endpoint, const UniqueFd &poll,
+int watch_for_close(const kp_notify_t &endpoint, const OwnFd &poll,
                     LogSite site = LogSite::current());
 
 // Waits for events.
-ReadyEvents wait_for_events(const UniqueFd &poll, std::span<epoll_event> room, int timeout_ms);
+ReadyEvents wait_for_events(const OwnFd &poll, std::span<epoll_event> room, int timeout_ms);
 
 // Says whether a thread can go on after such a wait; what went wrong is logged under the caller's
 // name.

@@ -2,7 +2,8 @@
 // the client side with the directory watch, the scan of the directory and the receive thread.
 #include "notify/endpoint.h"
 
-#include "support/high_fd.h"
+#include "support/cancellation.h"
+#include "support/fork.h"
 #include "support/memory.h"
 
 #include <algorithm>
@@ -45,6 +46,18 @@ void make_up_name(std::span<char> name)
     }
 }
 
+// Makes the record of an endpoint that has come into a child of fork() look as if nothing of it had
+// ever been created, since all of it is the parent's. Its senders find no peer.
+void leave_to_parent(void *record)
+{
+    auto &endpoint = *static_cast<kp_notify_t *>(record);
+    endpoint.is_parents = true;
+    store_release(endpoint.stop, kStopping); // for a callback that forked, and returns in the child
+    std::ranges::fill(endpoint.client_fds, kFreeSlot);
+    std::ranges::fill(endpoint.server_fds, kFreeSlot);
+    std::ranges::fill(endpoint.senders, 0);
+}
+
 void wait_for(sem_t &posted)
 {
     while (sem_wait(&posted) != 0 && errno == EINTR)
@@ -52,9 +65,9 @@ void wait_for(sem_t &posted)
 }
 
 // A listening socket at the endpoint's path; none after a log line under the caller's name.
-UniqueFd listen_at(const char *name, LogSite site = LogSite::current())
+OwnFd listen_at(const char *name, LogSite site = LogSite::current())
 {
-    UniqueFd fd = high_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    OwnFd fd = own_fd([&] { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0); });
     if (!fd) {
         KP_LOG_AT(KP_LEVEL_ERROR, site, "opening socket: %s\n", std::strerror(errno));
         return fd;
@@ -86,7 +99,7 @@ UniqueFd listen_at(const char *name, LogSite site = LogSite::current())
 
 bool notify_server_init(kp_notify_t &endpoint)
 {
-    UniqueFd fd = listen_at(endpoint.name);
+    OwnFd fd = listen_at(endpoint.name);
     if (!fd)
         return false;
     store_release(endpoint.client_fds[kListeningSlot], fd.release());
@@ -98,7 +111,7 @@ bool notify_server_init(kp_notify_t &endpoint)
 
 bool notify_client_init(kp_notify_t &endpoint)
 {
-    if (!make_pipe(endpoint.new_server_fds)) {
+    if (!own_pipe(endpoint.new_server_fds)) {
         KP_ERROR("new_server_fds pipe failed: %s\n", std::strerror(errno));
         return false;
     }
@@ -128,6 +141,7 @@ using namespace kp;
 
 kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callback, void *cb_obj)
 {
+    const NoCancellation scope;
     if (len <= 0) {
         KP_WARN("notification len has to be greater than 0\n");
         return nullptr;
@@ -162,7 +176,7 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
         return nullptr;
     }
     endpoint->msg_buf = message.release(); // Deliberate: stays allocated if the pipe below fails.
-    if (!make_pipe(endpoint->cancel_fds)) {
+    if (!own_pipe(endpoint->cancel_fds)) {
         KP_ERROR("Pipe Failed: %s\n", std::strerror(errno));
         return nullptr;
     }
@@ -170,6 +184,7 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
     endpoint->callback = callback;
     endpoint->cb_obj = cb_obj;
 
+    enter_fork_link(endpoint->fork_link, leave_to_parent, endpoint.get());
     kp_notify_t *started = endpoint.release(); // from here on kp_notify_close() cleans up
     if (!notify_server_init(*started)) {
         const KeepErrno keep;

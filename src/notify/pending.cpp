@@ -2,7 +2,7 @@
 
 #include "notify/endpoint.h"
 #include "support/clock.h"
-#include "support/high_fd.h"
+#include "support/fork.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -47,7 +47,8 @@ bool look_once(kp_notify_t &endpoint, Attempt &attempt)
         KP_LOG_AT(KP_LEVEL_ERROR, connect_site(), "Cannot find free socket in server_fds poll\n");
         return true;
     }
-    UniqueFd fd = high_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    OwnFd fd =
+        own_fd([&] { return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
     if (!fd) {
         const int cause = errno;
         if (attempt.waits++ == 0)

@@ -4,7 +4,8 @@
 #include "notify/endpoint.h"
 
 #include "layout/notice.h"
-#include "support/high_fd.h"
+#include "support/cancellation.h"
+#include "support/fork.h"
 #include "support/memory.h"
 
 #include <algorithm>
@@ -29,7 +30,7 @@ struct Accumulator {
 struct Receiver {
     kp_notify_t &endpoint;
     Accumulator &accumulator;
-    UniqueFd poll;
+    OwnFd poll;
     std::array<int32_t, kSlotCount> shadow; // the connections that are in the epoll set
 };
 
@@ -109,7 +110,7 @@ Walk walk_slots(Receiver &receiver, int fd)
 // Drops the connection in a slot unless the close has it already.
 void drop_connection(Receiver &receiver, std::size_t slot, LogSite site)
 {
-    const UniqueFd fd(free_server_slot(receiver.endpoint, slot));
+    const OwnFd fd(free_server_slot(receiver.endpoint, slot));
     receiver.shadow[slot] = kFreeSlot;
     if (fd)
         remove_interest(receiver.poll, fd.get(), site);
@@ -127,7 +128,7 @@ void receive_new_tag(Receiver &receiver, int fd, std::size_t slot)
     }
     // Deliberate: `shadow` keeps the number, so a connection that gets it again in this slot is not
     // taken up.
-    const UniqueFd dropped(free_server_slot(endpoint, slot));
+    const OwnFd dropped(free_server_slot(endpoint, slot));
 }
 
 void serve_peer(Receiver &receiver, int fd, LogSite site)
@@ -164,7 +165,7 @@ int extend_message_size(kp_notify_t &endpoint, std::size_t size)
         write_plain("message_receive_listener: error in calloc\n");
         return -1;
     }
-    std::free(endpoint.msg_buf);
+    const MallocPtr<uint8_t> smaller(endpoint.msg_buf); // freed last: a child frees `msg_buf` too
     endpoint.msg_buf = static_cast<uint8_t *>(larger);
     endpoint.msg_buf_size = static_cast<int32_t>(size);
     return 0;
@@ -172,6 +173,7 @@ int extend_message_size(kp_notify_t &endpoint, std::size_t size)
 
 void *message_receive_listener(void *arg)
 {
+    const NoCancellation scope; // whatever the callback cancels
     auto &endpoint = *static_cast<kp_notify_t *>(arg);
     const auto accumulator = make_zeroed<Accumulator>();
     if (!accumulator) {
@@ -183,7 +185,8 @@ void *message_receive_listener(void *arg)
                            sizeof(kp_write_info));
         return nullptr;
     }
-    Receiver receiver{endpoint, *accumulator, high_fd(epoll_create1(EPOLL_CLOEXEC)), {}};
+    Receiver receiver{
+        endpoint, *accumulator, own_fd([&] { return epoll_create1(EPOLL_CLOEXEC); }), {}};
     receiver.shadow.fill(kFreeSlot);
     if (!receiver.poll) {
         KP_ERROR("epoll_create1 failed\n");
@@ -199,6 +202,8 @@ void *message_receive_listener(void *arg)
             break;
         serve_events(receiver, events);
     }
+    if (endpoint.is_parents) // the callback has forked, and this is the child
+        (void)receiver.poll.release();
     return nullptr;
 }
 

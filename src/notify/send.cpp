@@ -1,6 +1,8 @@
 // Sending one message to every peer, on the connections that the peers made to this endpoint.
 #include "notify/endpoint.h"
 
+#include "support/cancellation.h"
+
 #include <cerrno>
 #include <sys/socket.h>
 
@@ -9,7 +11,8 @@ namespace kp {
 namespace {
 
 // Counts a thread in while it may use a slot's descriptor: as long as the count is not zero, the
-// accept thread does not close the descriptor that it has taken out of the slot.
+// accept thread does not close the descriptor that it has taken out of the slot. A thread that was
+// cancelled meanwhile would never be counted out.
 class SlotUse {
   public:
     explicit SlotUse(uint32_t &senders) : senders_(senders)
@@ -24,6 +27,7 @@ class SlotUse {
     }
 
   private:
+    const NoCancellation scope_; // first, so that it ends last
     uint32_t &senders_;
 };
 

@@ -3,7 +3,7 @@
 #include "notify/endpoint.h"
 
 #include "notify/pending.h"
-#include "support/high_fd.h"
+#include "support/fork.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -61,7 +61,8 @@ int handle_read_event(kp_notify_t &endpoint, int fd)
 void *publisher_linkup_listener(void *arg)
 {
     auto &endpoint = *static_cast<kp_notify_t *>(arg);
-    UniqueFd watch = high_fd(inotify_init1(IN_CLOEXEC)); // a failure shows at the next call
+    OwnFd watch =
+        own_fd([&] { return inotify_init1(IN_CLOEXEC); }); // a failure shows at the next call
     const int result = inotify_add_watch(watch.get(), kEndpointDirectory, IN_CREATE);
     (void)sem_post(&endpoint.watch_tried);
     if (result < 0) {
@@ -69,7 +70,7 @@ void *publisher_linkup_listener(void *arg)
         KP_ERROR("add_watch_topic failed (%d)\n", result);
         return nullptr;
     }
-    const UniqueFd poll = high_fd(epoll_create1(EPOLL_CLOEXEC));
+    const OwnFd poll = own_fd([&] { return epoll_create1(EPOLL_CLOEXEC); });
     if (!poll) {
         KP_ERROR("epoll_create1 failed\n");
         return nullptr;

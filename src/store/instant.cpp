@@ -5,6 +5,7 @@
 #include "store/removal.h"
 #include "store/segment_file.h"
 #include "store/store_path.h"
+#include "support/cancellation.h"
 #include "support/memory.h"
 
 #include <cerrno>
@@ -211,6 +212,7 @@ int32_t kp_shm_instant_read(const char *topic, void **value, uint32_t *value_typ
                             uint64_t *timestamp, uint8_t *quality, uint64_t *source_ts,
                             uint32_t *extra_info)
 {
+    const NoCancellation scope;
     if (is_null(value, "value is null\n"))
         return -1;
     if (is_null(value_type, "value type is null\n"))
@@ -241,6 +243,7 @@ int32_t kp_shm_instant_write(const char *topic, const void *value, uint32_t valu
                              uint32_t size, uint64_t timestamp, uint8_t quality, uint64_t source_ts,
                              uint32_t extra_info)
 {
+    const NoCancellation scope;
     if (is_null(topic, "topic is null\n"))
         return -1;
     if (value && size > kValueAreaSize) {
@@ -269,6 +272,7 @@ int32_t kp_shm_instant_write(const char *topic, const void *value, uint32_t valu
 int32_t kp_shm_instant_get_value_info(const char *topic, uint32_t *value_type, uint32_t *size,
                                       uint32_t *extra_info)
 {
+    const NoCancellation scope;
     const auto segment = open_declared(topic);
     if (!segment)
         return -1;
@@ -280,6 +284,7 @@ int32_t kp_shm_instant_get_value_info(const char *topic, uint32_t *value_type, u
 
 int32_t kp_shm_instant_get_max_value_size(const char *topic, uint32_t *max_value_size)
 {
+    const NoCancellation scope;
     const auto segment = open_declared(topic);
     if (!segment)
         return -1;
@@ -289,6 +294,7 @@ int32_t kp_shm_instant_get_max_value_size(const char *topic, uint32_t *max_value
 
 int32_t kp_shm_get_reference_count(const char *topic, uint32_t *providers, uint32_t *consumers)
 {
+    const NoCancellation scope;
     std::optional<ReferenceCounts> refs;
     {
         const auto segment = open_existing(topic, LogSite::current());

@@ -8,6 +8,7 @@
 #include "store/segment_file.h"
 #include "support/cancellation.h"
 #include "support/clock.h"
+#include "support/fork.h"
 #include "support/memory.h"
 
 #include <algorithm>
@@ -95,8 +96,10 @@ kp_shm_t *kp_shm_new(const char *topic, uint32_t role)
     const int64_t start = monotonic_ns();
     for (int tries = 0; tries < kOpenTries && monotonic_ns() - start < kOpenPatienceNs; ++tries) {
         const Opening opening = open_counted(*shm, path->data(), role, LogSite::current());
-        if (opening == Opening::done)
+        if (opening == Opening::done) {
+            shm->generation = fork_generation();
             return shm.release();
+        }
         if (opening == Opening::failed)
             return nullptr;
     }
@@ -119,9 +122,12 @@ int32_t kp_shm_destroy(kp_shm_t *shm, const char *topic, uint32_t role)
         return 0;
     const NoCancellation scope;
     const MallocPtr<kp_shm_t> owner(shm);
-    if (count_role(*shm->mem, role, -1).sum() == 0)
-        remove_unused(path->data(), *shm); // the directories made for the topic stay
-    (void)sem_destroy(&shm->mem->sem);
+    // In a child of fork() the count is the parent's, which still uses the segment.
+    if (shm->generation == fork_generation()) {
+        if (count_role(*shm->mem, role, -1).sum() == 0)
+            remove_unused(path->data(), *shm); // the directories made for the topic stay
+        (void)sem_destroy(&shm->mem->sem);
+    }
     if (munmap(shm->mem, kSegmentSize) != 0)
         KP_ERROR("munmap: %s\n", std::strerror(errno));
     return 0;

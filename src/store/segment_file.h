@@ -57,6 +57,7 @@ Segment *map_segment(const UniqueFd &fd);
 // look at it while another thread writes, so `last_update_ts` is read and written atomically.
 struct kp_shm_t {
     int32_t fd; // closed as soon as the file is mapped; the number is kept but means nothing
+    uint32_t generation; // of the process that is counted for it; see fork_generation()
     kp::Segment *mem;
     uint64_t last_update_ts; // last_write_ts of the value last read or written here
     uint64_t doubted_ts;     // last_write_ts of a consistent read that could be of the write before

@@ -4,6 +4,7 @@
 #include "layout/segment.h"
 #include "layout/unique_fd.h"
 #include "store/store_path.h"
+#include "support/cancellation.h"
 #include "support/memory.h"
 #include "support/path.h"
 
@@ -79,5 +80,6 @@ TopicList list_topics(const char *prefix)
 
 kp_topic_node_t *kp_shm_list_all_topics(void)
 {
+    const kp::NoCancellation scope;
     return kp::list_topics("").head;
 }

@@ -107,7 +107,7 @@ TEST_F(ConnectTo, KeepsAConnectionThatItCannotAnnounce)
 TEST_F(ConnectTo, AnnouncesNothingWithoutAPipe)
 {
     StderrCapture log;
-    const kp::UniqueFd write_end(endpoint_->new_server_fds[1]);
+    const kp::OwnFd write_end(endpoint_->new_server_fds[1]);
     endpoint_->new_server_fds[1] = -1;
 
     connect_to(*endpoint_, "peer");

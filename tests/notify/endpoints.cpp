@@ -227,14 +227,14 @@ BareEndpoint::BareEndpoint(const std::string &name)
 
 BareEndpoint::~BareEndpoint()
 {
-    const kp::UniqueFd watch(endpoint_->watch_fd);
+    const kp::OwnFd watch(endpoint_->watch_fd);
     for (std::size_t slot = 0; slot < 32; ++slot) {
-        const kp::UniqueFd client(endpoint_->client_fds[slot]);
-        const kp::UniqueFd server(endpoint_->server_fds[slot]);
+        const kp::OwnFd client(endpoint_->client_fds[slot]);
+        const kp::OwnFd server(endpoint_->server_fds[slot]);
     }
     for (std::size_t end = 0; end < 2; ++end) {
-        const kp::UniqueFd cancel(endpoint_->cancel_fds[end]);
-        const kp::UniqueFd announcements(endpoint_->new_server_fds[end]);
+        const kp::OwnFd cancel(endpoint_->cancel_fds[end]);
+        const kp::OwnFd announcements(endpoint_->new_server_fds[end]);
     }
     (void)sem_destroy(&endpoint_->stop_cleared);
     (void)sem_destroy(&endpoint_->watch_tried);

@@ -92,8 +92,8 @@ TEST_P(FullMesh, ConnectsEachToEach)
     EXPECT_EQ(log.text(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(StartedMicrosecondsApart, FullMesh,
-                         testing::Values(0, 500, 3000, 10'000, 20'000));
+// A user has 128 inotify instances, so only a few of these can run at once.
+INSTANTIATE_TEST_SUITE_P(StartedMicrosecondsApart, FullMesh, testing::Values(0, 3000, 20'000));
 
 TEST_F(Mesh, LosesBothConnectionsOfAPeerThatCloses)
 {

@@ -132,7 +132,7 @@ TEST_F(NotifySend, ReportsTheNumberThatTheSlotHoldsAfterwards)
 {
     BareEndpoint endpoint;
     BareEndpoint::connect(endpoint->client_fds[1]).close();
-    const kp::UniqueFd gone(endpoint->client_fds[1]);
+    const kp::OwnFd gone(endpoint->client_fds[1]);
     StderrCapture log;
     const Before freed(Call::send, [&] { kp::store_release(endpoint->client_fds[1], -1); });
 

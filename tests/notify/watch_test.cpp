@@ -223,7 +223,7 @@ TEST_F(HandleReadEvent, ConnectsOnceToAnEntryThatTheScanHasFound)
 TEST_F(HandleReadEvent, ConnectsAgainToAnEntryWhoseConnectionWasDropped)
 {
     kp::connect_to(*endpoint_, "first");
-    const kp::UniqueFd dropped(kp::free_server_slot(*endpoint_, 0));
+    const kp::OwnFd dropped(kp::free_server_slot(*endpoint_, 0));
 
     EXPECT_EQ(handle(event("first")), 0);
 
@@ -303,7 +303,7 @@ TEST_F(HandleReadEvent, WaitsForAFreeSlotBeforeItGivesANameUp)
     kp::look_at_pending(*endpoint_);
     EXPECT_EQ(endpoint_->pending.count, 0U);
     EXPECT_EQ(log.lines(), Lines{"ERROR: connect_to: Cannot find free socket in server_fds poll"});
-    const kp::UniqueFd connection(endpoint_->server_fds[7]);
+    const kp::OwnFd connection(endpoint_->server_fds[7]);
     std::fill(endpoint_->server_fds, endpoint_->server_fds + 32, -1);
 }
 
