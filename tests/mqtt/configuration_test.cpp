@@ -331,3 +331,27 @@ TEST(Example, IsAGoodConfiguration)
 {
     EXPECT_THAT(load_configuration(KP_MQTT_EXAMPLE).problems, IsEmpty());
 }
+
+TEST(BrokerHost, IsANameOrAnAddressAlone)
+{
+    const auto problems_of = [](const std::string &host) {
+        return parse_configuration("[broker]\nhost = \"" + host + "\"\n[[out]]\npattern = \"a\"\n",
+                                   "f")
+            .problems.size();
+    };
+
+    EXPECT_EQ(problems_of("mqtts://x"), 1u);
+    EXPECT_EQ(problems_of("x:1884"), 1u);
+    EXPECT_EQ(problems_of(""), 1u);
+    EXPECT_EQ(problems_of("broker.example"), 0u);
+    EXPECT_EQ(problems_of("fe80::1"), 0u);
+}
+
+TEST(ClientId, MayHaveASlash)
+{
+    const auto result =
+        parse_configuration("[broker]\nclient-id = \"line/7\"\n[[out]]\npattern = \"a\"\n", "f");
+
+    EXPECT_TRUE(result.problems.empty());
+    EXPECT_EQ(result.configuration.broker.client_id, "line/7");
+}

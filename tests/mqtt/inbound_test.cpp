@@ -1,8 +1,8 @@
 #include "inbound/inbound.h"
 
-#include "testing/store_provider.h"
 #include "testing/capture.h"
 #include "testing/segment_file.h"
+#include "testing/store_provider.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -181,6 +181,54 @@ TEST(Inbound, TakesAWholeJsonNumberWithAFractionForAnInteger)
     EXPECT_THAT(inbound.written(),
                 ElementsAre("a=" + bytes_of<int32_t>(21), "b=" + bytes_of<int8_t>(-20), "e=21.0"));
     EXPECT_EQ(inbound.counters().refused, 2u);
+}
+
+TEST(Inbound, TakesNumbersAsShellsAndOtherProgramsWriteThem)
+{
+    InboundOf integers("type = \"int32\"\n");
+    InboundOf reals("type = \"double\"\n");
+
+    integers.receive("s/a", "50\n");
+    integers.receive("s/b", "+5");
+    integers.receive("s/c", "21.0");
+    reals.receive("s/d", "+2.5\r\n");
+
+    EXPECT_THAT(integers.written(),
+                ElementsAre("a=" + bytes_of<int32_t>(50), "b=" + bytes_of<int32_t>(5),
+                            "c=" + bytes_of<int32_t>(21)));
+    EXPECT_THAT(reals.written(), ElementsAre("d=" + bytes_of(2.5)));
+}
+
+TEST(Inbound, StillRefusesWhatIsNoWholeNumber)
+{
+    InboundOf inbound("type = \"int32\"\n");
+
+    for (const char *text : {"21.5", "5 5", "+-5", ".", "1.", "\n"})
+        inbound.receive("s/a", text);
+
+    EXPECT_THAT(inbound.written(), IsEmpty());
+    EXPECT_EQ(inbound.counters().refused, 6u);
+}
+
+TEST(Inbound, CountsEmptyMessages)
+{
+    InboundOf inbound("");
+
+    inbound.receive("s/a", "");
+
+    EXPECT_EQ(inbound.counters().empty, 1u);
+    EXPECT_THAT(inbound.written(), IsEmpty());
+}
+
+TEST(Inbound, SaysThatAnotherDeviceMayHaveItsName)
+{
+    const StderrCapture log;
+    InboundOf inbound("");
+
+    inbound.receive("s/a", "x", {{"origin", "me/another-boot"}});
+
+    EXPECT_THAT(log.text(), testing::HasSubstr("has another device the same name?"));
+    EXPECT_THAT(inbound.written(), IsEmpty());
 }
 
 TEST(Inbound, RefusesWhatCannotBeConverted)

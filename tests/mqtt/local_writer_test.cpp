@@ -1,8 +1,8 @@
 #include "inbound/local_writer.h"
 
-#include "testing/store_provider.h"
 #include "testing/capture.h"
 #include "testing/process.h"
+#include "testing/store_provider.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -47,7 +47,7 @@ class Writing : public testing::Test {
         EXPECT_TRUE(writer_->stop(std::chrono::seconds(20)));
     }
 
-    ChangeMarks marks_;
+    kp::tool::NoticeMarks marks_;
     Counters counters_;
     std::unique_ptr<LocalWriter> writer_ = LocalWriter::start("writing", marks_, counters_);
 };

@@ -52,7 +52,7 @@ class OutboundOf {
     }
     bool notice(const std::string &tag)
     {
-        Buckets buckets;
+        kp::tool::Buckets buckets;
         buckets.set(kp_hash(tag.c_str()));
         return topics_.refresh(buckets, now_);
     }

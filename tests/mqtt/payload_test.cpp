@@ -33,7 +33,7 @@ json object_of(const Sample &sample)
     return json::parse(make_payload(PayloadMode::json, "a/b", sample, sample.quality).bytes);
 }
 
-Result<Content> taken(PayloadMode mode, std::string_view payload)
+kp::tool::Result<Content> taken(PayloadMode mode, std::string_view payload)
 {
     Description description;
     return take_apart(mode, payload, description);

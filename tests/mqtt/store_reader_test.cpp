@@ -1,9 +1,9 @@
 #include "store_reader.h"
 
-#include "testing/store_provider.h"
 #include "testing/capture.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
+#include "testing/store_provider.h"
 
 #include <atomic>
 #include <filesystem>
@@ -17,14 +17,6 @@ using namespace kptest;
 using testing::UnorderedElementsAre;
 
 namespace {
-
-std::string topic_of_levels(int levels)
-{
-    std::string topic = "deep";
-    while (--levels > 0)
-        topic += "/x";
-    return topic;
-}
 
 ReadOutcome outcome_of(const std::string &topic)
 {
@@ -110,8 +102,10 @@ TEST(StoreReader, RefusesCorruptFields)
     StoreProvider type("type");
     SegmentFile("type").put_u32(at::value_type, 99);
     StoreProvider size("size");
+    size.write("x");
     SegmentFile("size").put_u32(at::written_value_size, 0xffffffff);
     StoreProvider fixed("fixed", KP_TYPE_INT32);
+    fixed.write(bytes_of<int32_t>(1));
     SegmentFile("fixed").put_u32(at::written_value_size, 3);
 
     EXPECT_EQ(outcome_of("type"), ReadOutcome::refused);
@@ -128,36 +122,6 @@ TEST(StoreReader, ReportsAWriteThatDoesNotEnd)
     EXPECT_EQ(outcome_of("a"), ReadOutcome::busy);
 }
 
-TEST(StoreReader, NeverSeesATornValue)
-{
-    StoreProvider provider("a");
-    provider.write(std::string(4000, 'a'));
-    std::atomic<bool> stop = false;
-    std::thread writer([&] {
-        for (uint64_t ts = 1; !stop; ++ts)
-            provider.write(std::string(4000, static_cast<char>('a' + ts % 26)), ts);
-    });
-    int torn = 0;
-    int whole = 0;
-    Sample sample;
-    (void)wait_until(
-        [&] {
-            for (int i = 0; i < 1000; ++i)
-                if (StoreReader{}.read("a", sample) == ReadOutcome::read) {
-                    const bool same =
-                        sample.value.find_first_not_of(sample.value[0]) == std::string::npos;
-                    ++(same ? whole : torn);
-                }
-            return whole > 500;
-        },
-        std::chrono::seconds(5));
-    stop = true;
-    writer.join();
-
-    EXPECT_EQ(torn, 0);
-    EXPECT_GT(whole, 0);
-}
-
 TEST(StoreReader, ListsTopicsAtAnyDepthAndFollowsNoLink)
 {
     const SegmentFile shallow("x");
@@ -168,36 +132,4 @@ TEST(StoreReader, ListsTopicsAtAnyDepthAndFollowsNoLink)
     std::filesystem::create_directory_symlink("/dev/shm/zu-kp/a", "/dev/shm/zu-kp/folder");
 
     EXPECT_THAT(all_topics(), UnorderedElementsAre("x", "a/b/c/d/e"));
-}
-
-TEST(StoreReader, SaysWhatStandsAtAPlace)
-{
-    const SegmentFile topic("a/b");
-    topic.create();
-    using Place = StoreReader::Place;
-
-    EXPECT_EQ(StoreReader{}.place("a/b"), Place::topic);
-    EXPECT_EQ(StoreReader{}.place("a"), Place::directory);
-    EXPECT_EQ(StoreReader{}.place("a/b/c"), Place::below_a_topic);
-    EXPECT_EQ(StoreReader{}.place("a/c/d"), Place::free);
-}
-
-TEST(StoreReader, SaysOnceThatATagIsDeeperThanItLooks)
-{
-    const StoreReader reader;
-    const auto ignore = [](const std::string &) {};
-    StoreProvider deepest(topic_of_levels(65));
-    StderrCapture log;
-    ASSERT_TRUE(reader.for_each_topic(ignore));
-    EXPECT_EQ(log.text(), "");
-
-    deepest.leave();
-    StoreProvider deeper(topic_of_levels(67));
-    (void)reader.for_each_topic(ignore);
-    (void)reader.for_each_topic(ignore);
-    std::filesystem::remove_all("/dev/shm/zu-kp/deep");
-
-    EXPECT_EQ(log.text(),
-              "kp-mqtt: warning: the store has a directory below 64 others, and tags in "
-              "it are not found\n");
 }

@@ -52,21 +52,23 @@ TEST(InboundName, IsRefusedWhereItCannotBeATag)
     EXPECT_EQ(to_tag_topic(std::string(255, 'x')).problem, "");
 }
 
+TEST(InboundName, HasNoMoreLevelsThanOneOnTheWayOut)
+{
+    std::string topic = "x";
+    for (size_t level = 1; level < kMostLevels; ++level)
+        topic += "/x";
+
+    EXPECT_EQ(to_tag_topic("", "", topic).problem, "");
+    EXPECT_EQ(to_tag_topic("", "z", topic).problem, "it has more than 64 levels");
+    EXPECT_EQ(to_tag_topic("", "", topic + "/x").problem, "it has more than 64 levels");
+}
+
 TEST(InboundName, ExchangesThePrefixes)
 {
     EXPECT_EQ(to_tag_topic("kp/dev-set", "", "kp/dev-set/a/b").text, "a/b");
     EXPECT_EQ(to_tag_topic("", "z", "a/b").text, "z/a/b");
     EXPECT_EQ(to_tag_topic("kp", "", "kp").problem, "it is outside of the prefix");
     EXPECT_EQ(to_tag_topic("kp", "", "kpx/a").problem, "it is outside of the prefix");
-}
-
-TEST(Utf8, IsToldFromOtherBytes)
-{
-    EXPECT_TRUE(is_utf8("gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"));
-    EXPECT_FALSE(is_utf8("\xc0\x80"));
-    EXPECT_FALSE(is_utf8("\xed\xa0\x80"));
-    EXPECT_FALSE(is_utf8("\xf4\x90\x80\x80"));
-    EXPECT_FALSE(is_utf8("\xe2\x82"));
 }
 
 TEST(Prefix, MustBeAPlainTopic)

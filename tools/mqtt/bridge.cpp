@@ -26,7 +26,7 @@ std::string make_origin(const std::string &device)
     return device + '/' + boot;
 }
 
-Bridge::Bridge(const Configuration &configuration, StateFile &state, ChangeMarks &marks,
+Bridge::Bridge(const Configuration &configuration, StateFile &state, tool::NoticeMarks &marks,
                LocalWriter &writer, Counters &counters, uint64_t last_alive)
     : configuration_(configuration), state_(state), marks_(marks), writer_(writer),
       counters_(counters), origin_(make_origin(configuration.device)),
@@ -84,6 +84,7 @@ int Bridge::run(int signal_fd)
     }
     manager_.stopping();
     session_.leave();
+    show_status(Clock::now(), false); // for who has these tags open, and sees them longer
     state_.touch();
     return 0;
 }
@@ -139,7 +140,7 @@ void Bridge::turn(Clock::time_point now)
 
 void Bridge::look_at_marks(Clock::time_point now)
 {
-    const Buckets buckets = marks_.take();
+    const tool::Buckets buckets = marks_.take();
     if (buckets.any() && !topics_.refresh(buckets, now))
         next_scan_ = std::min(next_scan_, last_scan_ + kScanSoon);
 }
@@ -187,16 +188,22 @@ void Bridge::tick(Clock::time_point now)
 {
     next_tick_ = now + kTick;
     manager_.keep_watchdog_quiet(now);
-    Status status;
-    status.connected = session_.is_online();
-    status.topics = topics_.all().size();
-    status.pending = publications_.pending_count();
-    status.oldest_unsent_ms = static_cast<uint64_t>(publications_.oldest_age(now).count());
-    status_.show(status, counters_);
+    log_what_was_left_out(now);
+    show_status(now, session_.is_online());
     const bool stuck = writer_.busy_for(now) > kStuck;
     if (stuck && !reported_stuck_)
         log(Level::warning, "a local peer does not read its notices; values from the broker wait");
     reported_stuck_ = stuck;
+}
+
+void Bridge::show_status(Clock::time_point now, bool is_connected)
+{
+    Status status;
+    status.connected = is_connected;
+    status.topics = topics_.all().size();
+    status.pending = publications_.pending_count();
+    status.oldest_unsent_ms = static_cast<uint64_t>(publications_.oldest_age(now).count());
+    status_.show(status, counters_);
 }
 
 } // namespace kp::mqtt

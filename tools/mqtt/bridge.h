@@ -2,7 +2,7 @@
 #pragma once
 
 #include "broker/broker_session.h"
-#include "change_marks.h"
+#include "common/notice_marks.h"
 #include "config/configuration.h"
 #include "inbound/inbound.h"
 #include "inbound/local_writer.h"
@@ -26,7 +26,7 @@ class Bridge {
   public:
     // Everything given by reference must outlive the bridge. `last_alive` says when an earlier run was,
     // in microseconds since the epoch.
-    Bridge(const Configuration &configuration, StateFile &state, ChangeMarks &marks,
+    Bridge(const Configuration &configuration, StateFile &state, tool::NoticeMarks &marks,
            LocalWriter &writer, Counters &counters, uint64_t last_alive);
     Bridge(const Bridge &) = delete;
     Bridge &operator=(const Bridge &) = delete;
@@ -45,10 +45,11 @@ class Bridge {
     void look_for_changes(Clock::time_point now);
     void send_values(Clock::time_point now);
     void tick(Clock::time_point now);
+    void show_status(Clock::time_point now, bool is_connected);
 
     const Configuration &configuration_;
     StateFile &state_;
-    ChangeMarks &marks_;
+    tool::NoticeMarks &marks_;
     LocalWriter &writer_;
     Counters &counters_;
     const std::string origin_;

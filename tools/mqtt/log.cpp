@@ -1,7 +1,10 @@
 #include "log.h"
 
+#include <array>
 #include <atomic>
 #include <cstdio>
+#include <mutex>
+#include <utility>
 
 namespace kp::mqtt {
 
@@ -9,6 +12,12 @@ namespace {
 
 std::atomic<bool> debug_too = false;
 std::atomic<bool> for_journal = false;
+
+struct Budgets {
+    std::mutex mutex;
+    std::array<LineBudget, 4> of; // by About
+};
+Budgets budgets;
 
 const char *word(Level level)
 {
@@ -46,14 +55,41 @@ void log(Level level, const std::string &text)
     (void)std::fputs((start + text + '\n').c_str(), stderr);
 }
 
-bool OncePerText::is_new(const std::string &text)
+bool LineBudget::may_pass(const std::string &text, Clock::time_point now)
 {
-    if (seen_.size() >= kMostTexts)
-        return false;
-    const bool added = seen_.insert(text).second;
-    if (added && seen_.size() == kMostTexts)
-        log(Level::warning, "further messages of this kind are only counted");
-    return added;
+    if (!begin_)
+        begin_ = now;
+    const bool passes = seen_.size() < kMostLines && seen_.insert(text).second;
+    left_out_ += !passes;
+    return passes;
+}
+
+uint64_t LineBudget::take_left_out(Clock::time_point now)
+{
+    if (!begin_ || now < *begin_ + kTime)
+        return 0;
+    begin_.reset();
+    seen_.clear();
+    return std::exchange(left_out_, 0);
+}
+
+void log_bounded(About about, const std::string &text)
+{
+    const std::lock_guard lock(budgets.mutex);
+    if (budgets.of[static_cast<size_t>(about)].may_pass(text, Clock::now()))
+        log(Level::warning, text);
+}
+
+void log_what_was_left_out(Clock::time_point now)
+{
+    constexpr std::array names = {"messages from the broker that are refused",
+                                  "messages that the broker refuses", "topics that cannot be read",
+                                  "tags that cannot be written"};
+    const std::lock_guard lock(budgets.mutex);
+    for (size_t at = 0; at < names.size(); ++at)
+        if (const uint64_t count = budgets.of[at].take_left_out(now))
+            log(Level::warning, "of " + std::string(names[at]) + ", " + std::to_string(count) +
+                                    " more lines were left out");
 }
 
 } // namespace kp::mqtt

@@ -2,7 +2,10 @@
 // understands it. Names from outside are made printable by the caller.
 #pragma once
 
-#include <cstddef>
+#include "clock.h"
+
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <unordered_set>
 
@@ -18,15 +21,31 @@ void log_for_journal();
 
 void log(Level level, const std::string &text);
 
-// Lets each text pass once, and no more than a bounded number of texts, so that a flood of bad
-// messages fills no log. Counters tell how many there were.
-class OncePerText {
+// What a line that somebody else can cause is about. Each has a share of its own in the log.
+enum class About { incoming, outgoing, reading, writing };
+
+// Lets so many lines a minute pass, and no text twice in it, so that a flood of bad messages fills no
+// log and is never without a line either. What is left out is counted.
+class LineBudget {
   public:
-    bool is_new(const std::string &text);
+    static constexpr unsigned kMostLines = 10;
+    static constexpr std::chrono::minutes kTime{1};
+
+    bool may_pass(const std::string &text, Clock::time_point now);
+
+    // How many lines were left out in the minute that has ended; 0 while one goes on.
+    uint64_t take_left_out(Clock::time_point now);
 
   private:
-    static constexpr size_t kMostTexts = 1000;
+    std::optional<Clock::time_point> begin_;
     std::unordered_set<std::string> seen_;
+    uint64_t left_out_ = 0;
 };
+
+// Logs a warning as far as the budget allows. Any thread may call it.
+void log_bounded(About about, const std::string &text);
+
+// Says how many lines were left out. To be called now and then.
+void log_what_was_left_out(Clock::time_point now);
 
 } // namespace kp::mqtt

@@ -5,6 +5,7 @@
 #include "mapping.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -67,6 +68,16 @@ bool is_endpoint_taken(const std::string &name)
     return result == 0 || errno == EAGAIN;
 }
 
+// When an earlier run was last alive, in microseconds since the epoch: it left the state file behind,
+// or when it was killed its heartbeat.
+uint64_t last_alive(const Configuration &configuration, const StateFile &state)
+{
+    Sample heartbeat;
+    const std::string tag = configuration.status_prefix + '/' + kHeartbeat;
+    const bool was_left = StoreReader{}.read(tag, heartbeat) == ReadOutcome::read;
+    return std::max(state.last_used(), was_left ? heartbeat.ts : 0);
+}
+
 int run(const Configuration &configuration)
 {
     const kp::UniqueFd signals = take_signals();
@@ -81,15 +92,15 @@ int run(const Configuration &configuration)
                               " already; give this bridge another with endpoint = \"...\"");
         return kFailed;
     }
-    ChangeMarks marks;
+    const uint64_t alive_until = last_alive(configuration, **state.value);
+    kp::tool::NoticeMarks marks;
     Counters counters;
     auto writer = LocalWriter::start(configuration.endpoint, marks, counters);
     if (!writer)
         return kFailed;
     (void)mosquitto_lib_init();
-    const int status =
-        Bridge(configuration, **state.value, marks, *writer, counters, (*state.value)->last_used())
-            .run(signals.get());
+    const int status = Bridge(configuration, **state.value, marks, *writer, counters, alive_until)
+                           .run(signals.get());
     if (!writer->stop(std::chrono::seconds(2))) {
         log(Level::warning, "a local peer does not read its notices; leaving without it");
         (void)unlink(("/run/providers/" + configuration.endpoint).c_str());

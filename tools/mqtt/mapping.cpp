@@ -1,5 +1,7 @@
 #include "mapping.h"
 
+#include "common/text.h"
+#include "common/topic_name.h"
 #include "names/topic_names.h"
 #include "store_reader.h"
 
@@ -28,7 +30,7 @@ const char *mode_name(PayloadMode mode)
 Json out_line(const std::string &tag, const OutRule &rule, const StoreReader &reader)
 {
     Json line{{"direction", "out"},
-              {"tag", printable(tag)},
+              {"tag", tool::escaped(tag)},
               {"topic", to_mqtt_topic(rule.prefix, tag)},
               {"rule", rule.name},
               {"qos", rule.qos},
@@ -45,7 +47,7 @@ Json in_line(const InRule &rule)
 {
     Json line{{"direction", "in"},
               {"filter", rule.full_filter()},
-              {"tags", join(rule.tags, rule.filter)},
+              {"tags", tool::join_levels(rule.tags, rule.filter)},
               {"rule", rule.name},
               {"qos", rule.qos},
               {"payload", mode_name(rule.payload)},

@@ -1,5 +1,6 @@
 #include "status_tags.h"
 
+#include "common/topic_name.h"
 #include "names/topic_names.h"
 
 namespace kp::mqtt {
@@ -14,7 +15,9 @@ void StatusTags::show(const Status &status, const Counters &counters)
     show("in", counters.in);
     show("refused", counters.refused);
     show("echoes", counters.echoes);
+    show("empty", counters.empty);
     show("reconnects", counters.reconnects);
+    show(kHeartbeat, kp_get_timestamp_us());
 }
 
 void StatusTags::show(const char *name, uint64_t number)
@@ -34,7 +37,7 @@ void StatusTags::show(const char *name, uint32_t type, std::string bytes)
     request.sample.quality = KP_QUALITY_GOOD;
     request.sample.source_ts = kp_get_timestamp_us();
     request.sample.value = std::move(bytes);
-    writer_.put(join(prefix_, name), std::move(request));
+    writer_.put(tool::join_levels(prefix_, name), std::move(request));
 }
 
 } // namespace kp::mqtt

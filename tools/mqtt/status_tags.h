@@ -17,6 +17,8 @@ struct Status {
     uint64_t oldest_unsent_ms = 0;
 };
 
+constexpr const char *kHeartbeat = "heartbeat";
+
 class StatusTags {
   public:
     StatusTags(std::string prefix, LocalWriter &writer)
@@ -24,7 +26,8 @@ class StatusTags {
     {
     }
 
-    // Writes what has changed since the last time.
+    // Writes what has changed since the last time, and the heartbeat: the time, in microseconds since
+    // the epoch, by which a bridge that was killed is told from one that lives.
     void show(const Status &status, const Counters &counters);
 
   private:

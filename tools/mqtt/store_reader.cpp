@@ -1,154 +1,77 @@
 #include "store_reader.h"
 
-#include "layout/segment.h"
-#include "log.h"
-#include "names/topic_names.h"
-#include "topic_filter.h"
+#include "common/segment_reader.h"
 
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <dirent.h>
 #include <utility>
 
 namespace kp::mqtt {
 
 namespace {
 
-constexpr int kMostTries = 5;   // against writes that begin during the read
-constexpr int kMostLevels = 64; // directories deeper than that are somebody's mistake
-
-std::string path_of(const std::string &topic)
+ReadOutcome outcome_of(const tool::Snapshot &snapshot)
 {
-    return std::string(kStoreRoot) + '/' + topic;
-}
-
-// Reads the whole file; false unless it has the size of a segment.
-bool load(const UniqueFd &fd, Segment &segment)
-{
-    std::array<char, kSegmentSize + 1> room;
-    if (pread(fd.get(), room.data(), room.size(), 0) != kSegmentSize)
-        return false;
-    std::memcpy(static_cast<void *>(&segment), room.data(), kSegmentSize);
-    return true;
-}
-
-bool same(const Segment &a, const Segment &b)
-{
-    constexpr size_t start = offsetof(Segment, last_write_ts);
-    const auto *first = reinterpret_cast<const char *>(&a);
-    const auto *second = reinterpret_cast<const char *>(&b);
-    return std::memcmp(first + start, second + start, kSegmentSize - start) == 0;
-}
-
-// Two equal copies with no write in progress make one that no write has torn.
-ReadOutcome load_consistently(const UniqueFd &fd, Segment &segment)
-{
-    Segment second;
-    for (int tries = 0; tries < kMostTries; ++tries) {
-        if (!load(fd, segment) || !load(fd, second))
-            return ReadOutcome::refused;
-        if (segment.state.writing == 0 && same(segment, second))
-            return ReadOutcome::read;
+    switch (snapshot.condition) {
+    case tool::Condition::undeclared:
+        return ReadOutcome::undeclared;
+    case tool::Condition::busy:
+        return ReadOutcome::busy;
+    case tool::Condition::corrupt:
+        return ReadOutcome::refused;
+    case tool::Condition::empty:
+    case tool::Condition::value:
+        break;
     }
-    return ReadOutcome::busy;
+    return ReadOutcome::read;
 }
 
-void take_over(const Segment &segment, Sample &sample)
+Sample sample_of(tool::Snapshot snapshot)
 {
-    sample.type = segment.value_type;
-    sample.max_size = segment.max_value_size;
-    sample.extra_info = segment.extra_info;
-    sample.quality = segment.quality;
-    sample.providers = segment.refs.providers;
-    sample.consumers = segment.refs.consumers;
-    sample.has_value = (segment.state.flags & kHasValue) && segment.written_value_size > 0;
-    sample.ts = segment.last_write_ts;
-    sample.source_ts = segment.source_ts;
-    sample.value.assign(reinterpret_cast<const char *>(segment.value),
-                        sample.has_value ? segment.written_value_size : 0);
-}
-
-// Fields that no provider can have written.
-bool is_corrupt(const Segment &segment)
-{
-    if (segment.value_type > KP_TYPE_RAW || segment.written_value_size > KP_MAX_VALUE_SIZE)
-        return true;
-    const uint32_t fixed = kp_get_value_size(segment.value_type, 0);
-    return fixed && segment.written_value_size && segment.written_value_size != fixed;
-}
-
-// Returns whether there is a directory below the last level.
-bool visit_directory(UniqueFd folder, const std::string &prefix, int levels_left,
-                     const std::function<void(const std::string &)> &visit)
-{
-    DIR *stream = fdopendir(folder.get());
-    if (!stream)
-        return false;
-    bool goes_deeper = false;
-    const UniqueDir entries(stream);
-    const int fd = folder.release(); // the stream's from now on
-    while (const dirent *entry = entries.next()) {
-        const std::string name = prefix + entry->d_name;
-        if (entry->d_type == DT_REG)
-            visit(name);
-        goes_deeper |= entry->d_type == DT_DIR && levels_left == 0;
-        if (entry->d_type != DT_DIR || levels_left == 0)
-            continue;
-        UniqueFd below(openat(fd, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (below)
-            goes_deeper |= visit_directory(std::move(below), name + '/', levels_left - 1, visit);
-    }
-    return goes_deeper;
+    Sample sample;
+    sample.type = snapshot.type;
+    sample.max_size = snapshot.max;
+    sample.extra_info = snapshot.extra;
+    sample.quality = snapshot.quality;
+    sample.providers = snapshot.providers;
+    sample.consumers = snapshot.consumers;
+    sample.file = snapshot.inode;
+    sample.has_value = snapshot.has_value();
+    sample.ts = snapshot.last_write_ts;
+    sample.source_ts = snapshot.source_ts;
+    sample.value = std::move(snapshot.bytes);
+    return sample;
 }
 
 } // namespace
 
 ReadOutcome StoreReader::read(const std::string &topic, Sample &sample) const
 {
-    const UniqueFd fd(open(path_of(topic).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!fd)
-        return errno == ENOENT || errno == ENOTDIR ? ReadOutcome::missing : ReadOutcome::refused;
-    struct stat status {};
-    if (fstat(fd.get(), &status) != 0)
-        return ReadOutcome::refused;
-    Segment segment;
-    const ReadOutcome outcome = load_consistently(fd, segment);
-    if (outcome != ReadOutcome::read)
-        return outcome;
-    if (!(segment.state.flags & kValid))
-        return ReadOutcome::undeclared;
-    if (is_corrupt(segment))
-        return ReadOutcome::refused;
-    take_over(segment, sample);
-    sample.file = status.st_ino;
-    return ReadOutcome::read;
+    tool::TopicOpener opener;
+    tool::Problem problem;
+    auto snapshot = tool::read_topic(opener, topic, problem);
+    if (!snapshot) {
+        const bool is_missing =
+            problem.code == tool::kNothing || tool::place_of(topic) == tool::Place::below_a_topic;
+        return is_missing ? ReadOutcome::missing : ReadOutcome::refused;
+    }
+    const ReadOutcome outcome = outcome_of(*snapshot);
+    if (outcome == ReadOutcome::read)
+        sample = sample_of(std::move(*snapshot));
+    return outcome;
 }
 
 bool StoreReader::for_each_topic(const std::function<void(const std::string &)> &visit) const
 {
-    UniqueFd root(open(kStoreRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!root)
-        return false;
-    const bool goes_deeper = visit_directory(std::move(root), "", kMostLevels, visit);
-    if (goes_deeper && !std::exchange(reported_depth_, true))
-        log(Level::warning, "the store has a directory below " + std::to_string(kMostLevels) +
-                                " others, and tags in it are not found");
-    return true;
-}
-
-StoreReader::Place StoreReader::place(const std::string &topic) const
-{
-    struct stat status {};
-    if (lstat(path_of(topic).c_str(), &status) == 0)
-        return S_ISDIR(status.st_mode) ? Place::directory : Place::topic;
-    return errno == ENOTDIR ? Place::below_a_topic : Place::free;
+    const tool::StoreListing listing = tool::list_store({});
+    for (const tool::StoreFile &file : listing.files)
+        if (file.type == DT_REG)
+            visit(file.topic);
+    return listing.problems.empty();
 }
 
 std::string StoreReader::standing_for(std::string name) const
 {
-    while (place(name) == Place::directory)
+    while (tool::place_of(name) == tool::Place::directory)
         name += "/_";
     return name;
 }

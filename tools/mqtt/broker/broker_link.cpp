@@ -30,11 +30,12 @@ BrokerLink &self(void *object)
 
 } // namespace
 
-Result<std::unique_ptr<BrokerLink>> BrokerLink::start(const BrokerSettings &settings,
-                                                      const Credentials &credentials,
-                                                      const Publication &will, BrokerEvents events)
+tool::Result<std::unique_ptr<BrokerLink>> BrokerLink::start(const BrokerSettings &settings,
+                                                            const Credentials &credentials,
+                                                            const Publication &will,
+                                                            BrokerEvents events)
 {
-    using Started = Result<std::unique_ptr<BrokerLink>>;
+    using Started = tool::Result<std::unique_ptr<BrokerLink>>;
     std::unique_ptr<BrokerLink> link(new BrokerLink(std::move(events)));
     if (std::string problem = link->prepare(settings, credentials, will); !problem.empty())
         return Started::failed(std::move(problem));

@@ -38,9 +38,10 @@ enum class SendOutcome {
 class BrokerLink {
   public:
     // Starts connecting. A problem is one of the configuration, as a certificate that cannot be read.
-    static Result<std::unique_ptr<BrokerLink>> start(const BrokerSettings &settings,
-                                                     const Credentials &credentials,
-                                                     const Publication &will, BrokerEvents events);
+    static tool::Result<std::unique_ptr<BrokerLink>> start(const BrokerSettings &settings,
+                                                           const Credentials &credentials,
+                                                           const Publication &will,
+                                                           BrokerEvents events);
     BrokerLink(const BrokerLink &) = delete;
     BrokerLink &operator=(const BrokerLink &) = delete;
 

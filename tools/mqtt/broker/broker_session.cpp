@@ -1,5 +1,6 @@
 #include "broker/broker_session.h"
 
+#include "common/text.h"
 #include "log.h"
 #include "names/topic_names.h"
 
@@ -100,7 +101,7 @@ void BrokerSession::connect(Clock::time_point now)
     phase_ends_ = now + configuration_.broker.connect_timeout;
     // Read anew at each attempt, since a password may have been changed meanwhile.
     const std::string &file = configuration_.broker.credentials_file;
-    auto credentials = file.empty() ? Result<Credentials>::of({}) : read_credentials(file);
+    auto credentials = file.empty() ? tool::Result<Credentials>::of({}) : read_credentials(file);
     close_reason_ = credentials.problem;
     if (credentials) {
         auto started = BrokerLink::start(configuration_.broker, *credentials.value,
@@ -220,7 +221,8 @@ void BrokerSession::subscribe_all()
         if (link_->subscribe(subscription, id))
             subscribing_[id] = subscription.filter;
         else
-            log(Level::error, "the filter cannot be subscribed: " + printable(subscription.filter));
+            log(Level::error,
+                "the filter cannot be subscribed: " + tool::escaped(subscription.filter));
     }
 }
 
@@ -241,8 +243,8 @@ void BrokerSession::subscribed(int id, const Answer &answer)
         return;
     if (answer.is_refusal()) {
         ++counters_.refused;
-        log(Level::error,
-            "the broker refuses the subscription " + printable(found->second) + ": " + answer.text);
+        log(Level::error, "the broker refuses the subscription " + tool::escaped(found->second) +
+                              ": " + answer.text);
     }
     if (found->second == configuration_.state_topic && phase_ == Phase::asking)
         phase_ends_ = Clock::now() + kRetainedTime;
@@ -251,9 +253,15 @@ void BrokerSession::subscribed(int id, const Answer &answer)
 
 void BrokerSession::acknowledged(int id, const Answer &answer)
 {
-    if (id == state_id_)
-        state_id_ = 0;
-    events_.acknowledged(id, answer);
+    if (id != state_id_)
+        return events_.acknowledged(id, answer);
+    state_id_ = 0;
+    if (!answer.is_refusal())
+        return;
+    ++counters_.refused;
+    log(Level::error, "the broker does not take the state topic " +
+                          tool::escaped(configuration_.state_topic) + ": " + answer.text +
+                          "; nobody sees there whether this device is there");
 }
 
 void BrokerSession::received(Message message)
@@ -293,7 +301,7 @@ void BrokerSession::announce(bool kept)
         link_->unsubscribe(topic);
     phase_ = Phase::reading;
     phase_ends_ = Clock::now() + kAnswerTime;
-    send_state(kOnline, false);
+    send_state(kOnline);
     if (!reads_tree_)
         go_online(false);
 }
@@ -329,14 +337,14 @@ Publication BrokerSession::state_message(const char *text) const
     return state;
 }
 
-void BrokerSession::send_state(const char *text, bool wait_for_it)
+void BrokerSession::send_state(const char *text)
 {
     int id = 0;
     std::string refusal;
     const auto outcome = link_->publish(state_message(text), id, refusal);
     if (outcome == SendOutcome::refused)
         log(Level::error, "the state cannot be sent: " + refusal);
-    state_id_ = wait_for_it && outcome == SendOutcome::sent ? id : 0;
+    state_id_ = outcome == SendOutcome::sent ? id : 0;
 }
 
 // Only noted here: the link must not be destroyed within its own call.
@@ -353,7 +361,7 @@ void BrokerSession::leave()
     if (phase_ != Phase::online)
         return;
     const auto deadline = Clock::now() + kLeaving;
-    send_state("offline", true);
+    send_state("offline");
     while (state_id_ && !is_closed_ && Clock::now() < deadline) {
         pollfd broker = {link_->fd(), link_->poll_events(), 0};
         (void)poll(&broker, 1, 50);

@@ -88,7 +88,7 @@ class BrokerSession {
     void go_online(bool has_read);
     void hear_state(const Message &state);
     void subscribe_for_good();
-    void send_state(const char *text, bool wait_for_it);
+    void send_state(const char *text);
     Publication state_message(const char *text) const;
     std::string address() const;
 
@@ -117,7 +117,7 @@ class BrokerSession {
     // Both as far as the broker has not refused them.
     int state_qos_ = 1;
     bool state_retained_ = true;
-    int state_id_ = 0; // the state message that leave() waits for
+    int state_id_ = 0; // of the state message that is not acknowledged
 };
 
 } // namespace kp::mqtt

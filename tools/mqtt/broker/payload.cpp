@@ -1,7 +1,9 @@
 #include "broker/payload.h"
 
+#include "common/encoding.h"
+#include "common/text.h"
+#include "common/value_text.h"
 #include "names/topic_names.h"
-#include "value_text.h"
 
 #include <charconv>
 #include <cmath>
@@ -27,24 +29,24 @@ std::string dump(const json &document)
 // and the infinities, which JSON lacks, become strings.
 std::string json_value(const Sample &sample)
 {
-    const std::string text = value_text(sample.type, sample.value);
-    const bool finite =
-        !is_floating(sample.type) || std::isfinite(as_double(sample.type, sample.value));
+    const std::string text = tool::plain_text(sample.type, sample.value);
+    const bool finite = !tool::is_floating_type(sample.type) ||
+                        std::isfinite(tool::as_double(sample.type, sample.value));
     const bool bare = !has_variable_size(sample.type) && !text.empty() && finite;
     return bare ? text : dump(text);
 }
 
 std::string json_object(std::string_view topic, const Sample &sample, uint8_t quality)
 {
-    std::string object = "{\"topic\":" + dump(printable(topic));
+    std::string object = "{\"topic\":" + dump(percent_escaped(topic));
     const char *type = kp_type2str(sample.type);
     object += ",\"type\":" + dump(type ? type : "unknown");
-    const bool textual =
-        !has_variable_size(sample.type) || (sample.type == KP_TYPE_STRING && is_utf8(sample.value));
+    const bool textual = !has_variable_size(sample.type) ||
+                         (sample.type == KP_TYPE_STRING && tool::is_utf8(sample.value));
     if (textual || sample.type == KP_TYPE_STRING)
         object += ",\"value\":" + json_value(sample);
     if (!textual)
-        object += ",\"value_b64\":\"" + base64(sample.value) + '"';
+        object += ",\"value_b64\":\"" + tool::to_base64(sample.value) + '"';
     object += ",\"quality\":" + std::to_string(quality);
     object += ",\"ts\":" + std::to_string(sample.ts);
     object += ",\"source_ts\":" + std::to_string(sample.source_ts);
@@ -110,26 +112,26 @@ void complete(Description &description, const json &object)
         description.extra_info = number<uint32_t>(scalar(*extra).whole_or_text());
 }
 
-Result<Content> from_json(std::string_view payload, Description &description)
+tool::Result<Content> from_json(std::string_view payload, Description &description)
 {
     const json document = json::parse(payload, nullptr, false);
     if (document.is_discarded())
-        return Result<Content>::failed("it is no JSON");
+        return tool::Result<Content>::failed("it is no JSON");
     if (document.is_primitive() && !document.is_null())
-        return Result<Content>::of(scalar(document));
+        return tool::Result<Content>::of(scalar(document));
     if (!document.is_object())
-        return Result<Content>::failed("it is no JSON object or scalar");
+        return tool::Result<Content>::failed("it is no JSON object or scalar");
     complete(description, document);
     if (const auto bytes = document.find("value_b64"); bytes != document.end()) {
-        auto decoded = from_base64(bytes->is_string() ? bytes->get<std::string>() : "=");
+        auto decoded = tool::from_base64(bytes->is_string() ? bytes->get<std::string>() : "=");
         if (!decoded)
-            return Result<Content>::failed(decoded.problem);
-        return Result<Content>::of({std::move(*decoded.value), true, {}});
+            return tool::Result<Content>::failed("it is no base64");
+        return tool::Result<Content>::of({std::move(*decoded), true, {}});
     }
     const auto value = document.find("value");
     if (value == document.end() || !value->is_primitive() || value->is_null())
-        return Result<Content>::failed("the JSON object has no \"value\"");
-    return Result<Content>::of(scalar(*value));
+        return tool::Result<Content>::failed("the JSON object has no \"value\"");
+    return tool::Result<Content>::of(scalar(*value));
 }
 
 } // namespace
@@ -146,8 +148,8 @@ Payload make_payload(PayloadMode mode, std::string_view topic, const Sample &sam
         break;
     }
     const bool opaque = sample.type == KP_TYPE_BYTEARRAY || sample.type == KP_TYPE_RAW;
-    std::string text = value_text(sample.type, sample.value);
-    const bool readable = !opaque && is_utf8(text);
+    std::string text = tool::plain_text(sample.type, sample.value);
+    const bool readable = !opaque && tool::is_utf8(text);
     return {std::move(text), readable ? kText : kBytes, readable};
 }
 
@@ -177,11 +179,12 @@ Description describe(const UserProperties &properties)
     return description;
 }
 
-Result<Content> take_apart(PayloadMode mode, std::string_view payload, Description &description)
+tool::Result<Content> take_apart(PayloadMode mode, std::string_view payload,
+                                 Description &description)
 {
     if (mode == PayloadMode::json)
         return from_json(payload, description);
-    return Result<Content>::of({std::string(payload), mode == PayloadMode::raw, {}});
+    return tool::Result<Content>::of({std::string(payload), mode == PayloadMode::raw, {}});
 }
 
 } // namespace kp::mqtt

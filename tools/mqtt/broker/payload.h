@@ -2,7 +2,7 @@
 #pragma once
 
 #include "broker/message.h"
-#include "result.h"
+#include "common/result.h"
 #include "sample.h"
 
 #include <optional>
@@ -62,6 +62,7 @@ struct Content {
 };
 
 // Takes a payload apart; in JSON mode also completes the description. A bare JSON scalar is a value.
-Result<Content> take_apart(PayloadMode mode, std::string_view payload, Description &description);
+tool::Result<Content> take_apart(PayloadMode mode, std::string_view payload,
+                                 Description &description);
 
 } // namespace kp::mqtt

@@ -1,5 +1,6 @@
 #include "broker/property_list.h"
 
+#include "common/text.h"
 #include "names/topic_names.h"
 
 #include <cstdlib>
@@ -16,7 +17,7 @@ std::string reason_string(const mosquitto_property *list)
     char *text = nullptr;
     if (!mosquitto_property_read_string(list, MQTT_PROP_REASON_STRING, &text, false) || !text)
         return {};
-    const std::string said = printable(std::string_view(text).substr(0, kMostReasonBytes));
+    const std::string said = tool::escaped(std::string_view(text).substr(0, kMostReasonBytes));
     std::free(text);
     return said;
 }

@@ -1,8 +1,9 @@
 #include "config/configuration.h"
 
+#include "common/pattern.h"
+#include "common/text.h"
 #include "config/configuration_file.h"
 #include "names/topic_names.h"
-#include "topic_filter.h"
 
 #include <algorithm>
 #include <array>
@@ -29,91 +30,114 @@ std::string host_name()
     return name[0] ? name.data() : "device";
 }
 
-Result<PayloadMode> payload_mode(const std::string &name)
+tool::Result<PayloadMode> payload_mode(const std::string &name)
 {
     if (name == "plain")
-        return Result<PayloadMode>::of(PayloadMode::plain);
+        return tool::Result<PayloadMode>::of(PayloadMode::plain);
     if (name == "json")
-        return Result<PayloadMode>::of(PayloadMode::json);
+        return tool::Result<PayloadMode>::of(PayloadMode::json);
     if (name == "raw")
-        return Result<PayloadMode>::of(PayloadMode::raw);
-    return Result<PayloadMode>::failed("must be \"plain\", \"json\" or \"raw\"");
+        return tool::Result<PayloadMode>::of(PayloadMode::raw);
+    return tool::Result<PayloadMode>::failed("must be \"plain\", \"json\" or \"raw\"");
 }
 
-Result<std::string> prefix(const std::string &text)
+tool::Result<std::string> prefix(const std::string &text)
 {
     if (text.starts_with('/') || text.ends_with('/'))
-        return Result<std::string>::failed("must not begin or end with \"/\"");
+        return tool::Result<std::string>::failed("must not begin or end with \"/\"");
     if (const std::string problem = mqtt_topic_problem(text); !problem.empty())
-        return Result<std::string>::failed("cannot be part of a topic: " + problem);
-    return Result<std::string>::of(text);
+        return tool::Result<std::string>::failed("cannot be part of a topic: " + problem);
+    return tool::Result<std::string>::of(text);
 }
 
-Result<std::string> name_part(const std::string &text)
+tool::Result<std::string> name_part(const std::string &text)
 {
     if (text.empty() || text.find('/') != text.npos)
-        return Result<std::string>::failed("must not be empty nor have a \"/\"");
+        return tool::Result<std::string>::failed("must not be empty nor have a \"/\"");
     return prefix(text);
 }
 
+tool::Result<std::string> host_alone(const std::string &text)
+{
+    const size_t colon = text.find(':');
+    const bool has_port = colon != text.npos && text.rfind(':') == colon;
+    if (text.empty())
+        return tool::Result<std::string>::failed("must not be empty");
+    if (text.find('/') != text.npos || has_port)
+        return tool::Result<std::string>::failed(
+            "must be a name or an address alone; port and [broker.tls] are settings of their own");
+    return tool::Result<std::string>::of(text);
+}
+
+tool::Result<std::string> client_id(const std::string &text)
+{
+    if (text.empty() || !tool::is_utf8(text) || percent_escaped(text) != text)
+        return tool::Result<std::string>::failed("must be text without control characters");
+    return tool::Result<std::string>::of(text);
+}
+
 // The name is that of a socket below /run/providers/ too.
-Result<std::string> endpoint_name(const std::string &text)
+tool::Result<std::string> endpoint_name(const std::string &text)
 {
     if (text == "." || text == "..")
-        return Result<std::string>::failed("must be the name of a file");
+        return tool::Result<std::string>::failed("must be the name of a file");
     if (text.size() > kMostEndpointBytes)
-        return Result<std::string>::failed("must not be longer than " +
-                                           std::to_string(kMostEndpointBytes) + " bytes");
+        return tool::Result<std::string>::failed("must not be longer than " +
+                                                 std::to_string(kMostEndpointBytes) + " bytes");
     return name_part(text);
 }
 
 // Brokers take a filter that starts so for one that several clients share the messages of. Their
 // topics do not start so, and the bridge's own messages could not be kept from it.
-Result<std::string> in_prefix(const std::string &text)
+tool::Result<std::string> in_prefix(const std::string &text)
 {
     if (text == "$share" || text.starts_with("$share/"))
-        return Result<std::string>::failed("shared subscriptions cannot be used");
+        return tool::Result<std::string>::failed("shared subscriptions cannot be used");
     return prefix(text);
 }
 
-Result<std::string> tag_pattern(const std::string &text)
+tool::Result<std::string> tag_pattern(const std::string &text)
 {
-    if (const std::string problem = pattern_problem(text); !problem.empty())
-        return Result<std::string>::failed("is no pattern of tags: " + problem);
-    return Result<std::string>::of(text);
+    if (const std::string problem = tool::pattern_problem(text, tool::Dialect::tags);
+        !problem.empty())
+        return tool::Result<std::string>::failed("is no pattern of tags: " + problem);
+    return tool::Result<std::string>::of(text);
 }
 
-Result<std::string> tag_prefix(const std::string &text)
+tool::Result<std::string> tag_prefix(const std::string &text)
 {
     const Name name = to_tag_topic(text);
     if (!text.empty() && !name.problem.empty())
-        return Result<std::string>::failed("cannot be part of a tag's topic: " + name.problem);
-    return Result<std::string>::of(text);
+        return tool::Result<std::string>::failed("cannot be part of a tag's topic: " +
+                                                 name.problem);
+    return tool::Result<std::string>::of(text);
 }
 
-Result<std::string> topic_filter(const std::string &text)
+tool::Result<std::string> topic_filter(const std::string &text)
 {
     if (text == "$share" || text.starts_with("$share/"))
-        return Result<std::string>::failed("shared subscriptions cannot be used");
-    if (const std::string problem = filter_problem(text); !problem.empty())
-        return Result<std::string>::failed("is no filter of topics: " + problem);
-    for (const std::string_view level : split_levels(text)) {
+        return tool::Result<std::string>::failed("shared subscriptions cannot be used");
+    if (const std::string problem = tool::pattern_problem(text, tool::Dialect::mqtt);
+        !problem.empty())
+        return tool::Result<std::string>::failed("is no filter of topics: " + problem);
+    for (const std::string_view level : tool::split_levels(text, tool::Dialect::mqtt)) {
         if (level == "+" || level == "#")
             continue;
         if (const std::string problem = mqtt_topic_problem(level); !problem.empty())
-            return Result<std::string>::failed("is no filter of topics: " + problem);
+            return tool::Result<std::string>::failed("is no filter of topics: " + problem);
         if (const std::string problem = to_tag_topic(level).problem; !problem.empty())
-            return Result<std::string>::failed("takes no topic that can be a tag: " + problem);
+            return tool::Result<std::string>::failed("takes no topic that can be a tag: " +
+                                                     problem);
     }
-    return Result<std::string>::of(text);
+    return tool::Result<std::string>::of(text);
 }
 
-Result<std::optional<uint32_t>> value_type(const std::string &text)
+tool::Result<std::optional<uint32_t>> value_type(const std::string &text)
 {
     const uint32_t type = kp_str2type(text.c_str());
     if (type == UINT32_MAX)
-        return Result<std::optional<uint32_t>>::failed("is no value type, as \"double\"");
-    return Result<std::optional<uint32_t>>::of(type);
+        return tool::Result<std::optional<uint32_t>>::failed("is no value type, as \"double\"");
+    return tool::Result<std::optional<uint32_t>>::of(type);
 }
 
 class ConfigurationReader {
@@ -158,7 +182,7 @@ class ConfigurationReader {
         table.read<std::string>("status-prefix", result.status_prefix, tag_prefix);
         if (result.status_prefix.empty())
             table.problem("status-prefix", "must not be empty");
-        result.state_topic = join(result.prefix, "$bridge/state");
+        result.state_topic = tool::join_levels(result.prefix, "$bridge/state");
         table.read<std::string>("state-topic", result.state_topic, prefix);
         if (result.state_topic.empty())
             table.problem("state-topic", "must not be empty");
@@ -168,11 +192,9 @@ class ConfigurationReader {
     {
         TableReader table(source, path_, problems_);
         BrokerSettings broker;
-        table.read("host", broker.host);
-        if (broker.host.empty())
-            table.problem("host", "must not be empty");
+        table.read<std::string>("host", broker.host, host_alone);
         broker.client_id = "kp-mqtt-" + device;
-        table.read<std::string>("client-id", broker.client_id, name_part);
+        table.read<std::string>("client-id", broker.client_id, client_id);
         table.read("credentials-file", broker.credentials_file);
         table.read_integer("keep-alive", broker.keep_alive_s, 5, 3600);
         table.read("connect-timeout", broker.connect_timeout, 1, 300);
@@ -215,7 +237,8 @@ class ConfigurationReader {
             table.problem("pattern", "is missing");
         table.read("exclude", rule.exclude);
         for (const std::string &pattern : rule.exclude)
-            if (const std::string problem = pattern_problem(pattern); !problem.empty())
+            if (const std::string problem = tool::pattern_problem(pattern, tool::Dialect::tags);
+                !problem.empty())
                 table.problem("exclude", "\"" + pattern + "\" is no pattern of tags: " + problem);
         rule.prefix = default_prefix;
         table.read<std::string>("prefix", rule.prefix, prefix);
@@ -287,9 +310,9 @@ ConfigurationResult unreadable(const toml::parse_error &error, const std::string
 
 bool OutRule::takes(std::string_view tag) const
 {
-    return pattern_covers(pattern, tag) &&
+    return tool::Pattern(pattern).covers(tag) &&
            std::none_of(exclude.begin(), exclude.end(), [tag](const std::string &excluded) {
-               return pattern_covers(excluded, tag);
+               return tool::Pattern(excluded).covers(tag);
            });
 }
 
@@ -300,7 +323,7 @@ std::string InRule::full_filter() const
 
 const OutRule *Configuration::rule_for(std::string_view tag) const
 {
-    if (pattern_covers(status_prefix + "/#", tag))
+    if (tool::Pattern(status_prefix + "/#").covers(tag))
         return nullptr;
     const auto rule = std::find_if(
         out.begin(), out.end(), [tag](const OutRule &candidate) { return candidate.takes(tag); });
@@ -311,8 +334,10 @@ const InRule *Configuration::in_rule_for(std::string_view topic) const
 {
     const InRule *best = nullptr;
     for (const InRule &rule : in)
-        if (filter_covers(rule.full_filter(), topic) &&
-            (!best || is_more_exact(rule.full_filter(), best->full_filter())))
+        if (tool::Pattern(rule.full_filter(), tool::Dialect::mqtt).covers(topic) &&
+            (!best ||
+             tool::Pattern(rule.full_filter(), tool::Dialect::mqtt)
+                 .is_more_exact_than(tool::Pattern(best->full_filter(), tool::Dialect::mqtt))))
             best = &rule;
     return best;
 }
@@ -320,7 +345,8 @@ const InRule *Configuration::in_rule_for(std::string_view topic) const
 bool Configuration::shares(std::string_view topic) const
 {
     return std::any_of(in.begin(), in.end(), [topic](const InRule &rule) {
-        return rule.shared && rule.retained && filter_covers(rule.full_filter(), topic);
+        return rule.shared && rule.retained &&
+               tool::Pattern(rule.full_filter(), tool::Dialect::mqtt).covers(topic);
     });
 }
 

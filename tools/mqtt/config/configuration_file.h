@@ -2,7 +2,7 @@
 // lines, instead of stopping at the first.
 #pragma once
 
-#include "result.h"
+#include "common/result.h"
 
 #include <chrono>
 #include <functional>
@@ -44,7 +44,7 @@ class TableReader {
     // A text that `parse` takes; its problem otherwise.
     template <typename T>
     void read(const char *key, T &target,
-              const std::function<Result<T>(const std::string &)> &parse)
+              const std::function<tool::Result<T>(const std::string &)> &parse)
     {
         std::string text;
         const size_t before = problems_.size();

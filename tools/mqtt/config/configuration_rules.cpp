@@ -1,9 +1,9 @@
 // What can be wrong between rules that are each good. A loop needs an in rule that brings back what
 // an out rule sends, on the broker's side or through the tags; such a pair is refused, except where
 // the in rule says that the tree is shared, and then the guards at run time stop the loop.
+#include "common/pattern.h"
 #include "config/configuration.h"
 #include "names/topic_names.h"
-#include "topic_filter.h"
 
 #include <algorithm>
 
@@ -21,22 +21,22 @@ std::string escaped_level(std::string_view level, bool is_first)
     return topic.substr(before.size(), topic.size() - before.size() - 2);
 }
 
-std::string sent_filter(const std::string &prefix, const Levels &levels)
+std::string sent_filter(const std::string &prefix, const tool::Levels &levels)
 {
     std::string filter = prefix;
     for (size_t at = 0; at < levels.size(); ++at) {
         const bool wildcard = levels[at] == "+" || levels[at] == "#";
-        filter =
-            join(filter, wildcard ? std::string(levels[at]) : escaped_level(levels[at], at == 0));
+        filter = tool::join_levels(filter, wildcard ? std::string(levels[at])
+                                                    : escaped_level(levels[at], at == 0));
     }
     return filter;
 }
 
-std::string written_pattern(const std::string &prefix, const Levels &levels)
+std::string written_pattern(const std::string &prefix, const tool::Levels &levels)
 {
     std::string pattern = prefix;
     for (const std::string_view level : levels)
-        pattern = join(pattern, without_escapes(level));
+        pattern = tool::join_levels(pattern, without_escapes(level));
     return pattern;
 }
 
@@ -44,7 +44,7 @@ std::string written_pattern(const std::string &prefix, const Levels &levels)
 // plain levels are escaped as the topics are. The tag a/_ is sent as a, so a/+ sends the topic a too.
 Names sent_filters(const OutRule &rule)
 {
-    Levels levels = split_tag_levels(rule.pattern);
+    tool::Levels levels = tool::split_levels(rule.pattern);
     Names filters;
     const bool stands_for_parent = levels.size() > 1 && levels.back() == "_";
     if (!stands_for_parent)
@@ -60,10 +60,10 @@ Names sent_filters(const OutRule &rule)
 // a too, which the pattern does not, and any value can find its place at the level "_".
 Names written_patterns(const InRule &rule)
 {
-    Levels levels = split_levels(rule.filter);
+    tool::Levels levels = tool::split_levels(rule.filter, tool::Dialect::mqtt);
     const std::string whole = written_pattern(rule.tags, levels);
     if (levels.back() != "#")
-        return {whole, join(whole, "_")};
+        return {whole, tool::join_levels(whole, "_")};
     levels.pop_back();
     return levels.empty() ? Names{whole} : Names{whole, written_pattern(rule.tags, levels)};
 }
@@ -72,7 +72,8 @@ Names written_patterns(const InRule &rule)
 const std::string *meeting_at_the_broker(const Names &sent, const std::string &received)
 {
     const auto found = std::find_if(sent.begin(), sent.end(), [&received](const auto &filter) {
-        return filters_meet(filter, received);
+        return tool::Pattern(filter, tool::Dialect::mqtt)
+            .meets(tool::Pattern(received, tool::Dialect::mqtt));
     });
     return found == sent.end() ? nullptr : &*found;
 }
@@ -81,10 +82,10 @@ const std::string *meeting_at_the_broker(const Names &sent, const std::string &r
 const std::string *meeting_in_the_tags(const OutRule &out, const Names &written)
 {
     const auto is_sent = [&out](const std::string &pattern) {
-        return patterns_meet(out.pattern, pattern) &&
+        return tool::Pattern(out.pattern).meets(tool::Pattern(pattern)) &&
                std::none_of(out.exclude.begin(), out.exclude.end(),
                             [&pattern](const auto &excluded) {
-                                return pattern_contains(excluded, pattern);
+                                return tool::Pattern(excluded).contains(tool::Pattern(pattern));
                             });
     };
     const auto found = std::find_if(written.begin(), written.end(), is_sent);
@@ -142,14 +143,15 @@ void find_in_rules_that_lose(const Configuration &configuration, Names &problems
     const auto &rules = configuration.in;
     for (size_t first = 0; first < rules.size(); ++first)
         for (size_t second = first + 1; second < rules.size(); ++second) {
-            const std::string one = rules[first].full_filter();
-            const std::string other = rules[second].full_filter();
+            const std::string text = rules[first].full_filter();
+            const tool::Pattern one(text, tool::Dialect::mqtt);
+            const tool::Pattern other(rules[second].full_filter(), tool::Dialect::mqtt);
             const std::string both = rules[first].name + " and " + rules[second].name;
-            if (one == other)
-                problems.push_back(both + " have the same filter " + one +
+            if (text == rules[second].full_filter())
+                problems.push_back(both + " have the same filter " + text +
                                    ": the second can never win");
-            else if (filters_meet(one, other) && rules[first].retained != rules[second].retained &&
-                     rules[is_more_exact(one, other) ? second : first].retained)
+            else if (one.meets(other) && rules[first].retained != rules[second].retained &&
+                     rules[one.is_more_exact_than(other) ? second : first].retained)
                 problems.push_back(both + " both take some topics: the more exact says retained = "
                                           "false, but would be given what the broker has kept for "
                                           "the other");
@@ -159,7 +161,7 @@ void find_in_rules_that_lose(const Configuration &configuration, Names &problems
 bool sends_tag(const Configuration &configuration, const OutRule &rule, const std::string &tag,
                const std::string &topic)
 {
-    return rule.takes(tag) && !pattern_covers(configuration.status_prefix + "/#", tag) &&
+    return rule.takes(tag) && !tool::Pattern(configuration.status_prefix + "/#").covers(tag) &&
            to_mqtt_topic(rule.prefix, tag) == topic;
 }
 
@@ -168,13 +170,13 @@ void find_state_topic(const Configuration &configuration, Names &problems)
 {
     const std::string &topic = configuration.state_topic;
     for (const InRule &in : configuration.in)
-        if (!in.shared && filter_covers(in.full_filter(), topic))
+        if (!in.shared && tool::Pattern(in.full_filter(), tool::Dialect::mqtt).covers(topic))
             problems.push_back(in.name + " receives the bridge's own state topic " + topic);
     for (const OutRule &out : configuration.out) {
         const size_t below = out.prefix.empty() ? 0 : out.prefix.size() + 1;
         const std::string tag = without_escapes(topic.substr(std::min(below, topic.size())));
         if (sends_tag(configuration, out, tag, topic) ||
-            sends_tag(configuration, out, join(tag, "_"), topic))
+            sends_tag(configuration, out, tool::join_levels(tag, "_"), topic))
             problems.push_back(out.name + " can send a tag to the bridge's own state topic " +
                                topic);
     }

@@ -40,19 +40,19 @@ std::string secret_file_problem(const std::string &path)
     return {};
 }
 
-Result<Credentials> read_credentials(const std::string &path)
+tool::Result<Credentials> read_credentials(const std::string &path)
 {
     if (std::string problem = secret_file_problem(path); !problem.empty())
-        return Result<Credentials>::failed(std::move(problem));
+        return tool::Result<Credentials>::failed(std::move(problem));
     std::ifstream file(path);
     Credentials credentials;
     if (!std::getline(file, credentials.user) || without_line_end(credentials.user).empty())
-        return Result<Credentials>::failed(path + ": the first line must be the user's name");
+        return tool::Result<Credentials>::failed(path + ": the first line must be the user's name");
     if (!std::getline(file, credentials.password))
-        return Result<Credentials>::failed(path + ": the second line must be the password");
+        return tool::Result<Credentials>::failed(path + ": the second line must be the password");
     credentials.user = without_line_end(credentials.user);
     credentials.password = without_line_end(credentials.password);
-    return Result<Credentials>::of(std::move(credentials));
+    return tool::Result<Credentials>::of(std::move(credentials));
 }
 
 } // namespace kp::mqtt

@@ -1,7 +1,7 @@
 // The name and password for the broker, from a file that only the bridge's user may read.
 #pragma once
 
-#include "result.h"
+#include "common/result.h"
 
 #include <string>
 
@@ -14,7 +14,7 @@ struct Credentials {
 
 // Reads a credentials file. Refuses one that others than its owner and group can read, that others
 // than its owner can write, or that belongs neither to root nor to this user.
-Result<Credentials> read_credentials(const std::string &path);
+tool::Result<Credentials> read_credentials(const std::string &path);
 
 // What is wrong with the rights of a file that holds a secret, or an empty text.
 std::string secret_file_problem(const std::string &path);

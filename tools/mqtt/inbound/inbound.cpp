@@ -1,37 +1,43 @@
 #include "inbound/inbound.h"
 
+#include "common/pattern.h"
+#include "common/text.h"
+#include "common/value_text.h"
+#include "log.h"
 #include "names/topic_names.h"
-#include "topic_filter.h"
-#include "value_text.h"
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 namespace kp::mqtt {
 
 namespace {
 
-constexpr int kMostReads = 10; // of a tag in the middle of a write
-
-ReadOutcome read_patiently(const StoreReader &reader, const std::string &tag, Sample &sample)
+// A number as shells and other programs write it: with the end of a line, with a plus sign, and a whole
+// one with a fraction of zeros.
+std::string_view plain_number(std::string_view text, bool is_integer)
 {
-    ReadOutcome outcome = reader.read(tag, sample);
-    for (int reads = 1; reads < kMostReads && outcome == ReadOutcome::busy; ++reads) {
-        std::this_thread::sleep_for(std::chrono::microseconds(100)); // a write takes far less
-        outcome = reader.read(tag, sample);
-    }
-    return outcome;
+    while (text.ends_with('\n') || text.ends_with('\r'))
+        text.remove_suffix(1);
+    if (text.size() > 1 && text[0] == '+' && text[1] != '-')
+        text.remove_prefix(1);
+    const size_t point = is_integer ? text.find('.') : text.npos;
+    const bool has_zeros = point != text.npos && point > 0 && point + 1 < text.size() &&
+                           text.find_first_not_of('0', point + 1) == text.npos;
+    return has_zeros ? text.substr(0, point) : text;
 }
 
 // The bytes of a value of the sample's type.
-Result<std::string> bytes_for(const Sample &sample, const Content &content)
+tool::Result<std::string> bytes_for(const Sample &sample, const Content &content)
 {
     if (content.is_bytes)
-        return checked_bytes(sample.type, sample.max_size, content.data);
-    const bool is_integer = is_number(sample.type) && !is_floating(sample.type);
-    return value_bytes(sample.type, sample.max_size,
-                       is_integer ? content.whole_or_text() : content.data);
+        return tool::checked_bytes(sample.type, sample.max_size, content.data);
+    if (!tool::is_number_type(sample.type) && sample.type != KP_TYPE_BOOLEAN)
+        return tool::checked_bytes(sample.type, sample.max_size, content.data);
+    const bool is_integer = !tool::is_floating_type(sample.type);
+    const std::string &text = is_integer ? content.whole_or_text() : content.data;
+    auto bytes =
+        tool::text_bytes(sample.type, plain_number(text, is_integer), tool::ByteStyle::plain);
+    return bytes ? tool::checked_bytes(sample.type, sample.max_size, *bytes.value) : bytes;
 }
 
 } // namespace
@@ -72,6 +78,10 @@ void Inbound::receive(const Message &message)
         shared_.is_one_tree(*rule->settings, reader_.standing_for(name.text), message.topic);
     if (is_own(message) && !is_one_tree) {
         ++counters_.echoes;
+        if (!rule->settings->shared)
+            log_bounded(About::incoming, "the message on " + tool::escaped(message.topic) +
+                                             " has the origin of this device and is not "
+                                             "written; has another device the same name?");
         return;
     }
     if (!name.problem.empty())
@@ -81,13 +91,16 @@ void Inbound::receive(const Message &message)
                                          " bytes, more than any value can need");
     if (is_one_tree)
         return take_shared(*rule, name.text, message);
-    if (!message.payload.empty())
-        take(*rule, name.text, message);
+    if (message.payload.empty()) {
+        ++counters_.empty;
+        return;
+    }
+    take(*rule, name.text, message);
 }
 
 ReadOutcome Inbound::look(const std::string &name, const std::string &tag, Sample &current) const
 {
-    return events_.is_dropping(name) ? ReadOutcome::missing : read_patiently(reader_, tag, current);
+    return events_.is_dropping(name) ? ReadOutcome::missing : reader_.read(tag, current);
 }
 
 void Inbound::take_shared(Rule &rule, const std::string &name, const Message &message)
@@ -161,9 +174,9 @@ Name Inbound::name_for(const Rule &rule, const std::string &topic) const
     Name name = to_tag_topic(rule.settings->prefix, rule.settings->tags, topic);
     if (!name.problem.empty())
         return name;
-    if (pattern_covers(configuration_.status_prefix + "/#", name.text))
+    if (tool::Pattern(configuration_.status_prefix + "/#").covers(name.text))
         return {{}, "it is the bridge's own"};
-    if (reader_.place(name.text) == StoreReader::Place::below_a_topic &&
+    if (tool::place_of(name.text) == tool::Place::below_a_topic &&
         !is_below_a_written_tag(name.text))
         return {{}, "a part of its name is a tag with a value"};
     return name;
@@ -272,9 +285,8 @@ bool Inbound::is_superfluous(const std::string &tag, const Message &message, con
 void Inbound::refuse(const std::string &topic, const std::string &why)
 {
     ++counters_.refused;
-    const std::string text = "the message on " + printable(topic) + " is refused: " + why;
-    if (said_.is_new(text))
-        log(Level::warning, text);
+    const std::string text = "the message on " + tool::escaped(topic) + " is refused: " + why;
+    log_bounded(About::incoming, text);
 }
 
 } // namespace kp::mqtt

@@ -6,7 +6,6 @@
 #include "config/configuration.h"
 #include "counters.h"
 #include "inbound/local_writer.h"
-#include "log.h"
 #include "names/topic_names.h"
 #include "shared/shared_tags.h"
 #include "store_reader.h"
@@ -74,7 +73,6 @@ class Inbound {
     const InboundEvents events_;
     Counters &counters_;
     std::vector<Rule> rules_;
-    OncePerText said_;
 };
 
 } // namespace kp::mqtt

@@ -1,12 +1,13 @@
 #include "inbound/local_writer.h"
 
+#include "common/text.h"
 #include "log.h"
 #include "names/topic_names.h"
 
 namespace kp::mqtt {
 
-std::unique_ptr<LocalWriter> LocalWriter::start(const std::string &endpoint, ChangeMarks &marks,
-                                                Counters &counters)
+std::unique_ptr<LocalWriter> LocalWriter::start(const std::string &endpoint,
+                                                tool::NoticeMarks &marks, Counters &counters)
 {
     std::unique_ptr<LocalWriter> writer(new LocalWriter(marks, counters));
     writer->handle_ = kp_new(endpoint.c_str(), changed);
@@ -28,6 +29,7 @@ LocalWriter::~LocalWriter()
     if (thread_.joinable())
         (void)stop(std::chrono::hours(1));
     (void)kp_tags_destroy(handle_);
+    made_.remove_all();
     (void)kp_destroy(handle_);
 }
 
@@ -170,6 +172,7 @@ void LocalWriter::drop_now(const std::string &name, bool left_over)
     const std::string tag = reader_.standing_for(name);
     close_own(tag);
     take_value_out(tag, left_over);
+    made_.remove_of(tag);
     const std::lock_guard lock(mutex_);
     dropping_.erase(name);
     memory_.erase(tag);
@@ -208,10 +211,10 @@ bool LocalWriter::write(const std::string &name, const WriteRequest &request)
 // open, since others would go on with a file that is gone.
 std::optional<LocalWriter::Moving> LocalWriter::make_room(const std::string &name)
 {
-    if (reader_.place(name) != StoreReader::Place::below_a_topic)
+    if (tool::place_of(name) != tool::Place::below_a_topic)
         return {};
     std::string above = name;
-    while (reader_.place(above) == StoreReader::Place::below_a_topic)
+    while (tool::place_of(above) == tool::Place::below_a_topic)
         above.resize(above.rfind('/'));
     const auto own = own_.find(above);
     Sample sample;
@@ -226,16 +229,18 @@ std::optional<LocalWriter::Moving> LocalWriter::make_room(const std::string &nam
 
 bool LocalWriter::write_in_place(const std::string &name, const WriteRequest &request)
 {
-    if (reader_.place(name) == StoreReader::Place::below_a_topic) {
-        log(Level::warning, "the tag " + printable(name) +
-                                " cannot be written: a part of its name is a tag with a value that "
-                                "others use");
+    if (tool::place_of(name) == tool::Place::below_a_topic) {
+        log_bounded(About::writing,
+                    "the tag " + tool::escaped(name) +
+                        " cannot be written: a part of its name is a tag with a value that "
+                        "others use");
         return false;
     }
     const std::string tag = reader_.standing_for(name);
     const bool done = write_tag(tag, request);
     if (!done)
-        log(Level::warning, "the tag " + printable(tag) + " cannot be written; see the line above");
+        log(Level::warning,
+            "the tag " + tool::escaped(tag) + " cannot be written; see the line above");
     return done;
 }
 
@@ -282,6 +287,7 @@ kp_tag_t *LocalWriter::provider(const std::string &tag, const WriteRequest &requ
             return own->second.tag;
         close_own(tag); // it was made anew with another type
     }
+    made_.note(tag);
     kp_tag_t *made = kp_tag_provider_new(handle_, tag.c_str(), request.sample.type,
                                          request.sample.max_size, request.sample.extra_info);
     if (made)

@@ -7,8 +7,9 @@
 // is decided here, when it is written, since the other can come in between.
 #pragma once
 
-#include "change_marks.h"
+#include "common/notice_marks.h"
 #include "counters.h"
+#include "inbound/made_directories.h"
 #include "inbound/value_mark.h"
 #include "outbound/pending.h"
 #include "sample.h"
@@ -40,7 +41,7 @@ struct WriteRequest {
 class LocalWriter {
   public:
     // Joins the device's endpoints; null with a log line when that fails.
-    static std::unique_ptr<LocalWriter> start(const std::string &endpoint, ChangeMarks &marks,
+    static std::unique_ptr<LocalWriter> start(const std::string &endpoint, tool::NoticeMarks &marks,
                                               Counters &counters);
     ~LocalWriter();
     LocalWriter(const LocalWriter &) = delete;
@@ -90,7 +91,7 @@ class LocalWriter {
         uint32_t type;
     };
 
-    LocalWriter(ChangeMarks &marks, Counters &counters) : marks_(marks), counters_(counters)
+    LocalWriter(tool::NoticeMarks &marks, Counters &counters) : marks_(marks), counters_(counters)
     {
     }
     static int changed(kp_t *, const kp_write_info *notice, void *self);
@@ -113,11 +114,12 @@ class LocalWriter {
     void remember(const std::string &tag, const WriteRequest &request);
     void complete_memory(const std::string &tag);
 
-    ChangeMarks &marks_;
+    tool::NoticeMarks &marks_;
     Counters &counters_;
     StoreReader reader_;
     kp_t *handle_ = nullptr;
     std::unordered_map<std::string, Own> own_; // the thread's
+    MadeDirectories made_;                     // the thread's
 
     mutable std::mutex mutex_;
     std::condition_variable wake_;

@@ -1,6 +1,7 @@
 #include "names/topic_names.h"
 
-#include "topic_filter.h"
+#include "common/text.h"
+#include "common/topic_name.h"
 
 #include <algorithm>
 #include <charconv>
@@ -11,34 +12,7 @@ namespace kp::mqtt {
 
 namespace {
 
-constexpr size_t kMostLevelBytes = 255;     // a file name
-constexpr size_t kMostTagBytes = 4000;      // a path, with room for the store's root
 constexpr std::string_view kOwnValue = "_"; // the tag a/_ is the MQTT topic a
-
-struct Character {
-    size_t bytes = 0; // 0: no valid UTF-8 starts here
-    char32_t code = 0;
-};
-
-// The character at the start of a text that is not empty.
-Character first_character(std::string_view text)
-{
-    const auto byte = [text](size_t at) { return static_cast<unsigned char>(text[at]); };
-    if (byte(0) < 0x80)
-        return {1, byte(0)};
-    const size_t bytes = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
-    if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < bytes)
-        return {};
-    char32_t code = byte(0) & (0x7fu >> bytes);
-    for (size_t at = 1; at < bytes; ++at) {
-        if ((byte(at) & 0xc0) != 0x80)
-            return {};
-        code = code << 6 | (byte(at) & 0x3fu);
-    }
-    const bool overlong = (bytes == 3 && code < 0x800) || (bytes == 4 && code < 0x10000);
-    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-    return overlong || surrogate || code > 0x10ffff ? Character{} : Character{bytes, code};
-}
 
 // Characters that brokers refuse in topics although they are UTF-8.
 bool is_control(char32_t code)
@@ -62,9 +36,9 @@ std::string escape(std::string_view text, std::string_view also)
     std::string escaped;
     escaped.reserve(text.size());
     while (!text.empty()) {
-        const Character next = first_character(text);
-        const size_t bytes = std::max<size_t>(next.bytes, 1);
-        if (next.bytes == 0 || is_control(next.code) || also.find(text[0]) != also.npos)
+        const tool::CodePoint next = tool::next_code_point(text);
+        const size_t bytes = next.bytes;
+        if (!next.valid || is_control(next.value) || also.find(text[0]) != also.npos)
             append_escaped(escaped, text.substr(0, bytes));
         else
             escaped += text.substr(0, bytes);
@@ -89,7 +63,7 @@ std::string level_problem(std::string_view level)
         return "it has an empty level";
     if (level == "." || level == "..")
         return "a level is \".\" or \"..\"";
-    if (level.size() > kMostLevelBytes)
+    if (level.size() > tool::kMostLevelBytes)
         return "a level is longer than 255 bytes";
     if (level.find('/') != level.npos || level.find('\0') != level.npos)
         return "a level holds an escaped \"/\" or zero byte";
@@ -100,26 +74,7 @@ std::string level_problem(std::string_view level)
 
 } // namespace
 
-std::string join(std::string_view first, std::string_view second)
-{
-    std::string joined(first);
-    if (!first.empty() && !second.empty())
-        joined += '/';
-    return joined += second;
-}
-
-bool is_utf8(std::string_view text)
-{
-    while (!text.empty()) {
-        const size_t bytes = first_character(text).bytes;
-        if (bytes == 0)
-            return false;
-        text.remove_prefix(bytes);
-    }
-    return true;
-}
-
-std::string printable(std::string_view text)
+std::string percent_escaped(std::string_view text)
 {
     return escape(text, "");
 }
@@ -138,7 +93,7 @@ std::string without_escapes(std::string_view text)
 
 std::string to_mqtt_topic(std::string_view prefix, std::string_view tag)
 {
-    Levels levels = split_tag_levels(tag);
+    tool::Levels levels = tool::split_levels(tag);
     if (levels.size() > 1 && levels.back() == kOwnValue)
         levels.pop_back();
     std::string topic(prefix);
@@ -146,7 +101,7 @@ std::string to_mqtt_topic(std::string_view prefix, std::string_view tag)
         const bool first_dollar = at == 0 && levels[at][0] == '$';
         std::string level = first_dollar ? "%24" : "";
         level += escape(levels[at].substr(first_dollar), "%+#");
-        topic = join(topic, level);
+        topic = tool::join_levels(topic, level);
     }
     return topic;
 }
@@ -154,15 +109,15 @@ std::string to_mqtt_topic(std::string_view prefix, std::string_view tag)
 Name to_tag_topic(std::string_view topic)
 {
     Name name;
-    for (const std::string_view raw : split_levels(topic)) {
+    for (const std::string_view raw : tool::split_levels(topic, tool::Dialect::mqtt)) {
         if (raw.starts_with('$'))
             return {{}, "a level starts with \"$\""};
         const std::string level = without_escapes(raw);
         if (std::string problem = level_problem(level); !problem.empty())
             return {{}, std::move(problem)};
-        name.text = join(name.text, level);
+        name.text = tool::join_levels(name.text, level);
     }
-    if (name.text.size() > kMostTagBytes)
+    if (name.text.size() > tool::kMostTopicBytes)
         return {{}, "it is longer than 4000 bytes"};
     return name;
 }
@@ -175,8 +130,10 @@ Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix, std
         topic.remove_prefix(mqtt_prefix.size() + 1);
     }
     Name name = to_tag_topic(topic);
+    if (tool::split_levels(tag_prefix).size() + tool::split_levels(name.text).size() > kMostLevels)
+        return {{}, "it has more than " + std::to_string(kMostLevels) + " levels"};
     if (name.problem.empty())
-        name.text = join(tag_prefix, name.text);
+        name.text = tool::join_levels(tag_prefix, name.text);
     return name;
 }
 

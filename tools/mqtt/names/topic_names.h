@@ -7,6 +7,9 @@
 
 namespace kp::mqtt {
 
+// A topic with more levels is somebody's mistake, on the way out as on the way in.
+constexpr size_t kMostLevels = 64;
+
 // A name, or the reason why there is none.
 struct Name {
     std::string text;
@@ -25,9 +28,6 @@ Name to_tag_topic(std::string_view topic);
 Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix,
                   std::string_view topic);
 
-// Joins two parts with "/", where neither is empty.
-std::string join(std::string_view first, std::string_view second);
-
 // Undoes the escapes alone.
 std::string without_escapes(std::string_view text);
 
@@ -35,9 +35,7 @@ std::string without_escapes(std::string_view text);
 // characters and what is not UTF-8.
 std::string mqtt_topic_problem(std::string_view topic);
 
-bool is_utf8(std::string_view text);
-
-// A name as it may be printed: control characters and what is not UTF-8 as %XX.
-std::string printable(std::string_view text);
+// Control characters and what is not UTF-8 as %XX; all else as it is.
+std::string percent_escaped(std::string_view text);
 
 } // namespace kp::mqtt

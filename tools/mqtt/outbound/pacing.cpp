@@ -1,6 +1,6 @@
 #include "outbound/pacing.h"
 
-#include "value_text.h"
+#include "common/value_text.h"
 
 #include <cmath>
 
@@ -29,10 +29,10 @@ bool Gate::is_noise(const Quiet &quiet, const Sample &sample) const
         return false;
     if (sample.value == value_)
         return quiet.only_changes || quiet.deadband > 0 || quiet.relative_deadband > 0;
-    if (!is_number(type_))
+    if (!tool::is_number_type(type_))
         return false;
-    const double last = as_double(type_, value_);
-    const double step = std::abs(as_double(type_, sample.value) - last);
+    const double last = tool::as_double(type_, value_);
+    const double step = std::abs(tool::as_double(type_, sample.value) - last);
     return step < quiet.deadband || step < quiet.relative_deadband * std::abs(last);
 }
 

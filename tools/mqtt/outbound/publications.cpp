@@ -1,5 +1,7 @@
 #include "outbound/publications.h"
 
+#include "common/text.h"
+#include "log.h"
 #include "names/topic_names.h"
 
 #include <algorithm>
@@ -279,9 +281,8 @@ void Publications::refused(const Publication &publication, const std::string &wh
     ++counters_.refused;
     shared_.refused(publication);
     const std::string text =
-        "the broker does not take " + printable(publication.topic) + ": " + why;
-    if (said_.is_new(text))
-        log(Level::warning, text);
+        "the broker does not take " + tool::escaped(publication.topic) + ": " + why;
+    log_bounded(About::outgoing, text);
 }
 
 void Publications::not_sent(const Publication &publication)

@@ -93,7 +93,6 @@ class Publications {
     std::optional<Publication> last_kept_;
     TokenBucket burst_;
     uint64_t number_; // of the last message of a shared tree; it never starts again from below
-    OncePerText said_;
 };
 
 } // namespace kp::mqtt

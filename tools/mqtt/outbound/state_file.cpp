@@ -44,9 +44,9 @@ bool write_all(int fd, std::string_view text)
 
 } // namespace
 
-Result<std::unique_ptr<StateFile>> StateFile::open(const std::string &path)
+tool::Result<std::unique_ptr<StateFile>> StateFile::open(const std::string &path)
 {
-    using Opened = Result<std::unique_ptr<StateFile>>;
+    using Opened = tool::Result<std::unique_ptr<StateFile>>;
     std::unique_ptr<StateFile> file(new StateFile(path));
     if (!path.empty())
         if (std::string problem = file->open_and_load(); !problem.empty())

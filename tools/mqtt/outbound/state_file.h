@@ -6,8 +6,8 @@
 // message goes, and written anew when it has grown stale.
 #pragma once
 
+#include "common/result.h"
 #include "layout/unique_fd.h"
-#include "result.h"
 
 #include <cstdint>
 #include <memory>
@@ -19,7 +19,7 @@ namespace kp::mqtt {
 class StateFile {
   public:
     // Opens or makes the file and locks it: one bridge a file. An empty path keeps nothing.
-    static Result<std::unique_ptr<StateFile>> open(const std::string &path);
+    static tool::Result<std::unique_ptr<StateFile>> open(const std::string &path);
 
     void add(const std::string &topic, bool provided = false);
     void remove(const std::string &topic);

@@ -1,5 +1,8 @@
 #include "outbound/topic_table.h"
 
+#include "common/text.h"
+#include "common/topic_name.h"
+#include "log.h"
 #include "names/topic_names.h"
 
 #include <functional>
@@ -20,7 +23,7 @@ bool providers_have_left(const Sample &now, const Sample &before, bool had_left)
 
 } // namespace
 
-bool TopicTable::refresh(const Buckets &buckets, Clock::time_point now)
+bool TopicTable::refresh(const tool::Buckets &buckets, Clock::time_point now)
 {
     bool explained = true;
     for (size_t bucket = 0; bucket < buckets.size(); ++bucket) {
@@ -50,6 +53,10 @@ void TopicTable::scan(Clock::time_point now)
 void TopicTable::look_at(const std::string &tag, Clock::time_point now)
 {
     OutTopic *topic = of_tag(tag);
+    if (!topic && tool::split_levels(tag).size() > kMostLevels)
+        return log_bounded(About::reading,
+                           "a topic has more than " + std::to_string(kMostLevels) +
+                               " levels and is not sent: " + tool::escaped(tag.substr(0, 100)));
     if (!topic)
         if (const OutRule *rule = configuration_.rule_for(tag))
             topic = add(tag, *rule);
@@ -93,9 +100,9 @@ bool TopicTable::refresh(OutTopic &topic, Clock::time_point now)
         return true; // it is read when its turn comes
     Sample sample;
     const ReadOutcome outcome = reader_.read(topic.tag, sample);
-    if (outcome == ReadOutcome::refused && said_.is_new("read " + topic.tag))
-        log(Level::warning, "the topic " + printable(topic.tag) +
-                                " cannot be read: no rights, or not a valid segment");
+    if (outcome == ReadOutcome::refused)
+        log_bounded(About::reading, "the topic " + tool::escaped(topic.tag) +
+                                        " cannot be read: no rights, or not a valid segment");
     if (outcome != ReadOutcome::read || !take_up(topic, std::move(sample)))
         return false;
     const bool was_sent = topic.gate.sent_at() || state_.has(topic.mqtt);

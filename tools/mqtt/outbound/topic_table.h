@@ -3,10 +3,9 @@
 // matter of Publications.
 #pragma once
 
-#include "change_marks.h"
+#include "common/notice_marks.h"
 #include "config/configuration.h"
 #include "inbound/value_mark.h"
-#include "log.h"
 #include "outbound/pacing.h"
 #include "outbound/pending.h"
 #include "outbound/state_file.h"
@@ -56,7 +55,7 @@ class TopicTable {
 
     // Looks at the topics of the marked buckets. Returns false when a mark is explained by none of
     // them, so that there is probably a new topic.
-    bool refresh(const Buckets &buckets, Clock::time_point now);
+    bool refresh(const tool::Buckets &buckets, Clock::time_point now);
 
     // Looks at the whole store: new topics, those gone, and changes that nobody announced.
     void scan(Clock::time_point now);
@@ -102,10 +101,9 @@ class TopicTable {
     Topics by_tag_;
     std::unordered_map<std::string, OutTopic *> by_mqtt_;
     std::array<std::vector<OutTopic *>, KP_BUCKET_COUNT> by_bucket_;
-    Buckets others_; // buckets with topics that no rule takes
+    tool::Buckets others_; // buckets with topics that no rule takes
     unsigned scan_ = 0;
     bool counts_changed_ = false;
-    OncePerText said_;
 };
 
 } // namespace kp::mqtt

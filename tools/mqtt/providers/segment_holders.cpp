@@ -4,43 +4,12 @@
 #include "layout/segment.h"
 
 #include <array>
-#include <cstdlib>
-#include <fcntl.h>
-#include <fstream>
-#include <string>
 #include <sys/epoll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace kp::mqtt {
-
-namespace {
-
-constexpr int kFieldsBeforeStart = 19; // of the stat line, from behind the name
-
-// Of a process that is gone it is 0. The name, which may hold anything, ends at the last bracket.
-uint64_t start_of(pid_t pid)
-{
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(file, text, '\0');
-    size_t at = text.rfind(')');
-    for (int field = 0; field <= kFieldsBeforeStart && at != text.npos; ++field)
-        at = text.find(' ', at + 1);
-    return at == text.npos ? 0 : std::strtoull(text.c_str() + at, nullptr, 10);
-}
-
-// The first process belongs to root and has every capability, so who may look into it may look into
-// all; where /proc hides processes, it is hidden too.
-bool can_look_into_the_first_process()
-{
-    const UniqueFd fd(open("/proc/1/maps", O_RDONLY | O_CLOEXEC));
-    char byte = 0;
-    return fd && read(fd.get(), &byte, 1) == 1;
-}
-
-} // namespace
 
 const std::vector<Holder> &HandleCensus::of(ino_t file) const
 {
@@ -50,9 +19,9 @@ const std::vector<Holder> &HandleCensus::of(ino_t file) const
 }
 
 SegmentHolders::SegmentHolders(bool trust_visible)
-    : sight_(trust_visible                                                     ? Sight::trusted
-             : tool::sees_all_processes() && can_look_into_the_first_process() ? Sight::full
-                                                                               : Sight::partial),
+    : sight_(trust_visible                                                       ? Sight::trusted
+             : tool::sees_all_processes() && tool::may_look_into_all_processes() ? Sight::full
+                                                                                 : Sight::partial),
       epoll_(epoll_create1(EPOLL_CLOEXEC))
 {
 }
@@ -73,7 +42,7 @@ HandleCensus SegmentHolders::take()
                 continue; // a reader that the library does not count
             const auto [known, is_new] = started.try_emplace(mapper.pid, 0);
             if (is_new)
-                known->second = start_of(mapper.pid);
+                known->second = tool::start_of(mapper.pid);
             census.of_file[file.inode].push_back({{mapper.pid, known->second}, mapper.writable});
         }
     }
