@@ -22,6 +22,23 @@ int count_notice(kp_t *, const kp_write_info *, void *)
     return 0;
 }
 
+constexpr int kPlain = 1;
+constexpr int kLeadingSlash = 2;
+constexpr int kDoubleSlash = 4;
+std::atomic<int> spellings = 0;
+
+// Notes in which buckets a notice finds the topic `a/b` as applications may spell it.
+int note_spellings(kp_t *, const kp_write_info *notice, void *)
+{
+    const auto is_marked = [notice](const char *topic) {
+        const uint32_t bucket = kp_hash(topic);
+        return notice->bitmap[bucket >> 3] >> (bucket & 7) & 1;
+    };
+    spellings |= (is_marked("a/b") ? kPlain : 0) | (is_marked("/a/b") ? kLeadingSlash : 0) |
+                 (is_marked("a//b") ? kDoubleSlash : 0);
+    return 0;
+}
+
 // A topic whose provider has it open, as a running application would.
 class ProvidedTopic {
   public:
@@ -182,6 +199,23 @@ TEST(KpSet, TellsTheLivePeers)
     EXPECT_EQ(ran.code, 0);
     EXPECT_EQ(ran.err, "");
     EXPECT_TRUE(wait_until([] { return notices == 1; }));
+    (void)kp_destroy(peer);
+}
+
+TEST(KpSet, TellsThoseToWhomATopicHasMoreSlashes)
+{
+    kp_t *peer = kp_new("listener", note_spellings);
+    put_double("a/b", 1);
+
+    spellings = 0;
+    EXPECT_EQ(kp({"set", "a/b", "1", "--peer-wait", "20"}).code, 0);
+    EXPECT_TRUE(wait_until([] { return spellings == (kPlain | kLeadingSlash); }));
+    spellings = 0;
+    EXPECT_EQ(
+        kp({"set", "--batch", "--peer-wait", "20"}, {.input = "{\"topic\":\"a//b\",\"value\":2}\n"})
+            .code,
+        0);
+    EXPECT_TRUE(wait_until([] { return spellings == (kPlain | kLeadingSlash | kDoubleSlash); }));
     (void)kp_destroy(peer);
 }
 

@@ -299,7 +299,22 @@ TEST(KpWatch, FollowsTheNoticesOfTheMesh)
     EXPECT_EQ(SegmentFile("a").u8(at::consumer_refs), 0);
     watch.signal(SIGINT);
     EXPECT_EQ(watch.wait(), 128 + SIGINT);
-    EXPECT_FALSE(exists("/run/providers/kp-watch-" + std::to_string(watch.pid())));
     (void)kp_tags_destroy(handle);
     (void)kp_destroy(handle);
+    EXPECT_TRUE(std::filesystem::is_empty("/run/providers"));
+}
+
+// A container has process numbers of its own, and may share the directory of the sockets.
+TEST(KpWatch, JoinsTheMeshBesideAnotherOfTheSameProcessNumber)
+{
+    put_double("a", 1);
+    const std::vector<std::string> watching_as_one = {"unshare",  "--pid", "--fork", "--kill-child",
+                                                      KP_PROGRAM, "watch", "a",      "--mesh"};
+    ChildProcess first(watching_as_one);
+    ChildProcess second(watching_as_one);
+
+    EXPECT_EQ(first.hear(), "a\t1");
+    EXPECT_EQ(second.hear(), "a\t1");
+    EXPECT_EQ(filtered(kp({"peers", "-j"}).out, {"jq", "-c", "[.state, (.name|.[0:11])]"}),
+              "[\"live\",\"kp-watch-1-\"]\n[\"live\",\"kp-watch-1-\"]\n");
 }

@@ -74,6 +74,7 @@ std::optional<Write> requested_write(const SetOptions &options, Problem &problem
         return std::nullopt;
     }
     write.topic = std::move(*topic);
+    write.spelling = options.topic;
     write.change_type = options.force;
     if (!options.type.empty())
         write.type = kp_str2type(options.type.c_str());
@@ -129,7 +130,7 @@ int set_one(const SetOptions &options)
     if (!bytes || !store_value(*write, *target, bytes, problem))
         return complain(problem);
     print_change(options, *write, *target);
-    sender.mark(write->topic, target->is_new);
+    sender.mark(write->topic, write->spelling, target->is_new);
     return send_notice(sender, options);
 }
 
@@ -151,7 +152,7 @@ int set_batch(const SetOptions &options)
             continue;
         }
         print_change(options, record->write, *target);
-        sender.mark(record->write.topic, target->is_new);
+        sender.mark(record->write.topic, record->write.spelling, target->is_new);
     }
     if (lines.error() != 0)
         outcome.note(system_problem(input_name("-"), lines.error()));

@@ -99,7 +99,8 @@ class Watch {
         store_.for_each_change_where(
             [notice](const LiveTopic &live) {
                 return !notice || live.is_new || live.unfinished ||
-                       notice->test(kp_hash(live.topic.c_str()));
+                       notice->test(kp_hash(live.topic.c_str())) ||
+                       notice->test(kp_hash(("/" + live.topic).c_str()));
             },
             [this](const LiveTopic &live, bool) { print(live); });
         (void)output().flush();

@@ -46,11 +46,11 @@ uint64_t unread_bytes(const View &view, const std::vector<Process> &owners,
 
 void take_socket(const View &view, const UnixSocket &socket, Endpoint &endpoint)
 {
-    if (!socket.listening) {
+    if (socket.state == UnixSocket::State::connected) {
         ++endpoint.connections;
         return;
     }
-    endpoint.liveness = Liveness::live;
+    endpoint.liveness = Liveness::live; // also before it listens, which takes microseconds
     endpoint.waiting = socket.receive_queue;
     for (const pid_t pid : holders_of(view, socket.inode)) {
         endpoint.owners.push_back(process_of(pid));
@@ -78,7 +78,7 @@ std::set<ino_t> far_ends(const View &view, const std::vector<Endpoint> &endpoint
     std::set<ino_t> ends;
     for (const UnixSocket &socket : view.sockets.sockets)
         for (const Endpoint &endpoint : endpoints)
-            if (!socket.listening && endpoint.file.is_bound_by(socket))
+            if (socket.state == UnixSocket::State::connected && endpoint.file.is_bound_by(socket))
                 ends.insert(socket.peer);
     return ends;
 }
@@ -92,7 +92,7 @@ std::vector<UnixSocket> lost_listeners(const View &view, const std::vector<Endpo
     if (stat(kProvidersRoot, &status) != 0)
         return lost;
     for (const UnixSocket &socket : view.sockets.sockets) {
-        const bool is_here = socket.listening && socket.path.starts_with(prefix) &&
+        const bool is_here = socket.state == UnixSocket::State::listening && socket.path.starts_with(prefix) &&
                              socket.file_device == status.st_dev;
         const bool has_file =
             std::any_of(endpoints.begin(), endpoints.end(), [&socket](const Endpoint &endpoint) {

@@ -5,8 +5,10 @@
 #include "unix_sockets.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
+#include <sys/random.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -30,8 +32,8 @@ Connections count_connections(const std::string &own_name)
         for (const UnixSocket &socket : all.sockets) {
             if (!file.is_bound_by(socket))
                 continue;
-            count.live_peers += !own && socket.listening;
-            count.connected += own && !socket.listening;
+            count.live_peers += !own && socket.state == UnixSocket::State::listening;
+            count.connected += own && socket.state == UnixSocket::State::connected;
         }
     }
     return count;
@@ -49,9 +51,15 @@ void ignore_message(const uint8_t *, int32_t, void *)
 
 } // namespace
 
+// A process number is unique in its container only, and containers may share the directory.
 std::string own_endpoint_name(const char *verb)
 {
-    return std::string("kp-") + verb + "-" + std::to_string(getpid());
+    uint64_t number = 0;
+    if (getrandom(&number, sizeof(number), 0) != sizeof(number))
+        number = monotonic_us();
+    std::array<char, 17> unique{};
+    (void)std::snprintf(unique.data(), unique.size(), "%08x", static_cast<unsigned>(number));
+    return std::string("kp-") + verb + "-" + std::to_string(getpid()) + "-" + unique.data();
 }
 
 NoticeSender::~NoticeSender()
@@ -60,11 +68,15 @@ NoticeSender::~NoticeSender()
         (void)kp_notify_close(&endpoint_);
 }
 
-void NoticeSender::mark(const std::string &topic, bool is_new)
+// The bucket is that of the name as an application spells it, of which the file's name tells nothing: a
+// tag `/a/b` has the file of `a/b` and another bucket.
+void NoticeSender::mark(const std::string &topic, const std::string &spelling, bool is_new)
 {
-    const uint32_t bucket = kp_hash(topic.c_str());
-    marks_.bitmap[bucket >> 3] =
-        static_cast<uint8_t>(marks_.bitmap[bucket >> 3] | 1U << (bucket & 7));
+    for (const std::string &name : {topic, "/" + topic, spelling}) {
+        const uint32_t bucket = kp_hash(name.c_str());
+        marks_.bitmap[bucket >> 3] =
+            static_cast<uint8_t>(marks_.bitmap[bucket >> 3] | 1U << (bucket & 7));
+    }
     has_marks_ = true;
     if (is_new && topic.size() < KP_NEW_TAG_TOPIC_SIZE)
         new_topics_.push_back(topic);

@@ -2,8 +2,8 @@
 // says its word and leaves at once would be heard by nobody.
 #pragma once
 
-#include "problem.h"
 #include "kp.h"
+#include "problem.h"
 
 #include <string>
 #include <vector>
@@ -17,8 +17,9 @@ class NoticeSender {
     NoticeSender &operator=(const NoticeSender &) = delete;
     ~NoticeSender();
 
-    // Marks a topic as written; one that is new is announced too.
-    void mark(const std::string &topic, bool is_new);
+    // Marks a topic as written, under its name, its name with a leading "/" and as it was given; one
+    // that is new is announced too.
+    void mark(const std::string &topic, const std::string &spelling, bool is_new);
     // Sends what was marked since the last time. The first time it joins the device's endpoints and
     // waits for them up to `wait_us`. False with a problem when no endpoint can be made, or when peers
     // did not come in time.
@@ -36,7 +37,7 @@ class NoticeSender {
     bool has_marks_ = false;
 };
 
-// The name under which the tool joins, different for every process.
+// The name under which the tool joins, different for every process, in whatever container.
 std::string own_endpoint_name(const char *verb);
 
 } // namespace kp::tool

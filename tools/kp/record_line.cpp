@@ -77,6 +77,7 @@ bool take_topic(const json &object, Write &write, Problem &problem)
     if (!name)
         return false;
     write.topic = std::move(*name);
+    write.spelling = std::move(*topic);
     return true;
 }
 

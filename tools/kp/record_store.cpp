@@ -16,7 +16,7 @@ bool store_record(const Record &record, NoticeSender &sender, Problem &problem)
     if (!store_value(record.write, *target, bytes, problem))
         return false;
     if (bytes || target->is_new)
-        sender.mark(record.write.topic, target->is_new);
+        sender.mark(record.write.topic, record.write.spelling, target->is_new);
     return true;
 }
 

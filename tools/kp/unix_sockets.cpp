@@ -1,6 +1,7 @@
 #include "unix_sockets.h"
 
 #include "layout/unique_fd.h"
+#include "time_text.h"
 
 #include <algorithm>
 #include <array>
@@ -34,7 +35,7 @@ bool send_request(const UniqueFd &netlink)
     request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
     request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.body.sdiag_family = AF_UNIX;
-    request.body.udiag_states = (1U << TCP_ESTABLISHED) | (1U << TCP_LISTEN);
+    request.body.udiag_states = (1U << TCP_ESTABLISHED) | (1U << TCP_LISTEN) | (1U << TCP_CLOSE);
     request.body.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_VFS | UDIAG_SHOW_PEER | UDIAG_SHOW_RQLEN;
     return send(netlink.get(), &request, sizeof(request), 0) == sizeof(request);
 }
@@ -75,7 +76,9 @@ UnixSocket socket_of(nlmsghdr &header)
     auto *message = static_cast<unix_diag_msg *>(NLMSG_DATA(&header));
     UnixSocket socket;
     socket.inode = message->udiag_ino;
-    socket.listening = message->udiag_state == TCP_LISTEN;
+    socket.state = message->udiag_state == TCP_LISTEN  ? UnixSocket::State::listening
+                   : message->udiag_state == TCP_CLOSE ? UnixSocket::State::bound
+                                                       : UnixSocket::State::connected;
     auto left = static_cast<int>(header.nlmsg_len - NLMSG_LENGTH(sizeof(*message)));
     auto *attribute = reinterpret_cast<rtattr *>(message + 1);
     while (left >= static_cast<int>(sizeof(rtattr)) && attribute->rta_len >= sizeof(rtattr) &&
@@ -123,7 +126,8 @@ bool ask_kernel(std::vector<UnixSocket> &sockets)
     }
 }
 
-// "Num RefCount Protocol Flags Type St Inode Path"; a listening socket has flag 0x10000.
+// "Num RefCount Protocol Flags Type St Inode Path"; a listening socket has flag 0x10000, and one that
+// is not connected the state 1.
 bool read_proc(std::vector<UnixSocket> &sockets)
 {
     std::ifstream file("/proc/net/unix");
@@ -136,7 +140,9 @@ bool read_proc(std::vector<UnixSocket> &sockets)
         UnixSocket socket;
         fields >> number >> references >> protocol >> flags >> type >> state >> socket.inode;
         std::getline(fields >> std::ws, socket.path);
-        socket.listening = flags == "00010000";
+        socket.state = flags == "00010000" ? UnixSocket::State::listening
+                       : state == "01"     ? UnixSocket::State::bound
+                                           : UnixSocket::State::connected;
         if (socket.inode != 0) // one that is not accepted yet has none
             sockets.push_back(std::move(socket));
     }
@@ -177,7 +183,9 @@ std::vector<EndpointFile> list_endpoint_files(int *error)
         const std::string path = std::string(kProvidersRoot) + "/" + entry->d_name;
         if (lstat(path.c_str(), &status) == 0)
             files.push_back({entry->d_name, status.st_dev, status.st_ino, status.st_uid,
-                             status.st_gid, status.st_mode, S_ISSOCK(status.st_mode)});
+                             status.st_gid, status.st_mode, S_ISSOCK(status.st_mode),
+                             static_cast<uint64_t>(status.st_mtim.tv_sec) * kUsPerSecond +
+                                 static_cast<uint64_t>(status.st_mtim.tv_nsec) / 1000});
         else if (errno == EACCES && error) // it may be listed but not searched
             *error = errno;
     }

@@ -12,12 +12,18 @@ namespace kp::tool {
 constexpr const char *kProvidersRoot = "/run/providers";
 
 struct UnixSocket {
+    enum class State {
+        listening,
+        connected,
+        bound, // to its file, before it listens
+    };
+
     ino_t inode = 0;
     ino_t peer = 0; // the inode of the other end
     std::string path;
     dev_t file_device = 0; // of the file that it is bound to, 0 if unknown
     ino_t file_inode = 0;
-    bool listening = false;
+    State state = State::connected;
     uint32_t receive_queue = 0; // bytes not read yet; connections not accepted yet when listening
     uint32_t queue_limit = 0;   // backlog when listening
 };
@@ -39,6 +45,7 @@ struct EndpointFile {
     gid_t group;
     mode_t mode;
     bool is_socket;
+    uint64_t made_us; // the file's time, microseconds since the epoch
 
     bool is_bound_by(const UnixSocket &socket) const;
 };

@@ -8,6 +8,7 @@ namespace kp::tool {
 
 struct Write {
     std::string topic;
+    std::string spelling;         // the topic as it was given, with all its slashes
     std::optional<uint32_t> type; // wanted; needed for a new topic
     std::optional<uint32_t> max;  // of a new topic of variable size; 4000 else
     std::optional<uint32_t> extra;
