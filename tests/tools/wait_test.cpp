@@ -1,6 +1,7 @@
 #include "kp_run.h"
 
 #include "testing/child.h"
+#include "testing/process.h"
 #include "testing/segment_file.h"
 
 #include <chrono>
@@ -154,4 +155,63 @@ TEST(KpWait, RefusesWhatCanNeverHold)
     EXPECT_EQ(kp({"wait", "a"}).code, 2);
     EXPECT_EQ(kp({"wait", "a/+", "==", "1"}).err,
               "kp: \"a/+\" is a pattern; wait looks at one topic\n");
+}
+
+TEST(KpWait, TakesAConditionInOneWordAsPeopleQuoteIt)
+{
+    put_double("a", 5);
+    put_text("text", "on");
+
+    EXPECT_EQ(kp({"wait", "a", "> 4", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "a", " < 4 ", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "text", "== on", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "text", "!= on", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "text", "==", " on", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "a", "fresh 5", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "a", ">", "-t", "0"}).code, 2);
+    EXPECT_EQ(kp({"wait", "a", "> ", "-t", "0"}).code, 2);
+}
+
+TEST(KpWait, ComparesIntegersWithNumbersThatTheirTypeHasNot)
+{
+    put("signed", KP_TYPE_INT32, bytes_of(int32_t{5}));
+    put("unsigned", KP_TYPE_UINT64, bytes_of(UINT64_MAX));
+
+    EXPECT_EQ(kp({"wait", "signed", ">4.5", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "signed", "==5.5", "-t", "0"}).code, 1);
+    EXPECT_EQ(kp({"wait", "signed", "==5.0", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "signed", "<", "1e300", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "signed", "!=", "nan", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "unsigned", ">", "-1", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "unsigned", "<", "18446744073709551616", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "unsigned", ">", "18446744073709551614.5", "-t", "0"}).code, 0);
+    EXPECT_EQ(kp({"wait", "signed", ">four", "-t", "0"}).code, 2);
+}
+
+TEST(KpWait, PrintsWhatMetTheConditionWhenAsked)
+{
+    put_double("a", 5);
+
+    EXPECT_EQ(kp({"wait", "a", ">4", "-v"}).out, kp({"get", "a", "-v"}).out);
+}
+
+TEST(KpWait, LooksAtOnceWhenANoticeComes)
+{
+    kp_t *handle = kp_new("provider", ignore_notice);
+    kp_tag_t *tag = kp_tag_provider_new(handle, "a", KP_TYPE_INT32, 4, 0);
+    int32_t value = 1;
+    (void)kp_tag_write(handle, tag, &value, sizeof(value));
+    ChildProcess waiting({KP_PROGRAM, "wait", "a", "==", "2", "--mesh", "-v"});
+    ASSERT_TRUE(wait_until([] {
+        return filtered(kp({"peers", "-j"}).out,
+                        {"jq", "-c", "select(.name==\"provider\")|.connections"}) == "1\n";
+    }));
+
+    value = 2;
+    (void)kp_tag_write(handle, tag, &value, sizeof(value));
+    (void)kp_tag_notify(handle);
+
+    EXPECT_EQ(waiting.wait(), 0);
+    (void)kp_tags_destroy(handle);
+    (void)kp_destroy(handle);
 }

@@ -2,6 +2,8 @@
 #include "checks.h"
 #include "commands.h"
 #include "common/text.h"
+#include "notice_queue.h"
+#include "output.h"
 #include "row_format.h"
 #include "stop.h"
 
@@ -13,6 +15,7 @@ namespace kp::tool {
 namespace {
 
 constexpr uint64_t kPollUs = 10'000;
+constexpr uint64_t kMeshPollUs = kUsPerSecond; // a notice can be lost, and not all writes send one
 
 enum class Test { equal, unequal, less, at_most, more, at_least, changes, exists, fresh };
 
@@ -20,6 +23,8 @@ struct WaitOptions {
     std::string topic;
     std::vector<std::string> condition;
     double timeout = -1;
+    bool mesh = false;
+    bool verbose = false;
 };
 
 struct Wanted {
@@ -28,7 +33,15 @@ struct Wanted {
     uint64_t age_us = 0;
 };
 
-// "==5" and "== 5" alike; longer signs come first.
+std::string trimmed(const std::string &text)
+{
+    const std::size_t first = text.find_first_not_of(' ');
+    return first == std::string::npos ? ""
+                                      : text.substr(first, text.find_last_not_of(' ') + 1 - first);
+}
+
+// "==5", "== 5" in one word and in two alike; longer signs come first. A word of its own is the operand
+// as it stands.
 std::optional<Wanted> comparison(const std::string &first, const std::vector<std::string> &rest)
 {
     const std::array<std::pair<std::string_view, Test>, 7> signs = {{{"==", Test::equal},
@@ -41,7 +54,7 @@ std::optional<Wanted> comparison(const std::string &first, const std::vector<std
     for (const auto &[sign, test] : signs) {
         if (!first.starts_with(sign))
             continue;
-        const std::string glued = first.substr(sign.size());
+        const std::string glued = trimmed(first.substr(sign.size()));
         if (glued.empty() ? rest.size() != 1 : !rest.empty())
             return std::nullopt;
         return Wanted{test, glued.empty() ? rest.front() : glued, 0};
@@ -61,8 +74,12 @@ std::optional<Wanted> freshness(const std::vector<std::string> &rest)
     return Wanted{Test::fresh, "", static_cast<uint64_t>(seconds * 1e6)};
 }
 
-std::optional<Wanted> parse_condition(const std::vector<std::string> &words)
+std::optional<Wanted> parse_condition(const std::vector<std::string> &given)
 {
+    std::vector<std::string> words = given;
+    words[0] = trimmed(words[0]);
+    if (words.size() == 1 && words[0].starts_with("fresh "))
+        words = {"fresh", trimmed(words[0].substr(6))};
     const std::vector<std::string> rest(words.begin() + 1, words.end());
     if (words[0] == "fresh")
         return freshness(rest);
@@ -91,6 +108,37 @@ bool holds(Test test, std::optional<int> order)
     }
 }
 
+std::optional<long double> number_of(const std::string &text)
+{
+    long double number = 0;
+    const char *end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    if (result.ec != std::errc() || result.ptr != end)
+        return std::nullopt;
+    return number;
+}
+
+// How a value stands to an operand: in its own type, or as numbers where the operand is one that the
+// type does not have, as 4.5 beside integers. Nothing, with a problem, when the operand is neither.
+struct Comparison {
+    std::optional<int> order; // nothing for what is not a number
+};
+std::optional<Comparison> compare(const Snapshot &snapshot, const std::string &operand,
+                                  Problem &problem)
+{
+    const bool is_number = is_number_type(snapshot.type);
+    const std::string text = is_number ? trimmed(operand) : operand;
+    if (const auto bytes = parse_value(snapshot.type, text, ByteStyle::hex, problem))
+        return Comparison{compare_values(snapshot.type, snapshot.bytes, *bytes)};
+    const auto right = is_number ? number_of(text) : std::nullopt;
+    const auto left = right ? number_of(value_text(snapshot.type, snapshot.bytes)) : std::nullopt;
+    if (!left || !right)
+        return std::nullopt;
+    if (*left == *right)
+        return Comparison{0};
+    return *left < *right || *left > *right ? Comparison{*left < *right ? -1 : 1} : Comparison{};
+}
+
 bool same_write(const Snapshot &a, const Snapshot &b)
 {
     return a.last_write_ts == b.last_write_ts && a.source_ts == b.source_ts &&
@@ -114,6 +162,8 @@ class Waiting {
             return std::nullopt;
         }
         note_trouble(snapshot, missing);
+        if (snapshot)
+            last_ = *snapshot;
         if (wanted_.test == Test::exists)
             return snapshot.has_value();
         if (wanted_.test == Test::changes)
@@ -122,12 +172,17 @@ class Waiting {
             return false;
         if (wanted_.test == Test::fresh)
             return snapshot->last_write_ts + wanted_.age_us >= now_us();
-        const auto operand = parse_value(snapshot->type, wanted_.operand, ByteStyle::hex, problem);
-        if (!operand)
+        const auto comparison = compare(*snapshot, wanted_.operand, problem);
+        if (!comparison)
             return std::nullopt;
-        return holds(wanted_.test, compare_values(snapshot->type, snapshot->bytes, *operand));
+        return holds(wanted_.test, comparison->order);
     }
 
+    // What was read at the last look that could read the topic.
+    const Snapshot &last() const
+    {
+        return last_;
+    }
     // What keeps the topic from being read at present, and since when. It may pass: a file is short
     // while it is made, and somebody may write what was left unfinished.
     const Problem &trouble() const
@@ -171,6 +226,7 @@ class Waiting {
     Wanted wanted_;
     bool has_looked_ = false;
     std::optional<Snapshot> before_;
+    Snapshot last_;
     Problem trouble_;
     uint64_t trouble_since_ = 0;
 };
@@ -200,14 +256,22 @@ int run_wait(const WaitOptions &options)
     const uint64_t end = options.timeout < 0
                              ? std::numeric_limits<uint64_t>::max()
                              : monotonic_us() + static_cast<uint64_t>(options.timeout * 1e6);
+    std::unique_ptr<NoticeQueue> queue;
+    if (options.mesh && options.timeout != 0 && !(queue = NoticeQueue::join(problem)))
+        return complain(problem);
     Waiting waiting(*topic, *wanted);
     bool is_told = false;
     for (;;) {
         const auto met = waiting.is_met(problem);
         if (!met)
             return complain(problem);
-        if (*met)
+        if (*met) {
+            FormatOptions format;
+            format.verbose = true;
+            if (options.verbose)
+                output().write(row_record({*topic, waiting.last()}, format));
             return kDone;
+        }
         const uint64_t now = monotonic_us();
         if (options.timeout == 0)
             return give_up(waiting, kNothing);
@@ -218,8 +282,11 @@ int run_wait(const WaitOptions &options)
             is_told = true;
             complain(waiting.trouble().text);
         }
-        if (!wait_until(std::min(end, monotonic_us() + kPollUs)))
+        const uint64_t next = std::min(end, monotonic_us() + (queue ? kMeshPollUs : kPollUs));
+        if (!(queue ? wait_readable(queue->fd(), next) : wait_until(next)))
             return kNothing; // replaced by what stopped the program
+        if (queue)
+            (void)queue->take();
     }
 }
 
@@ -243,6 +310,10 @@ void add_wait(Commands &commands)
             "give up after so long, with code 124; 0 only tests, with code 1 when it is false")
         ->type_name("SEC")
         ->check(in_range(0.0, 1e9));
+    command.add_flag("-v,--verbose", options->verbose,
+                     "print the value that meets the condition, as get -v does");
+    command.add_flag("--mesh", options->mesh,
+                     "join the mesh and look when a change notice comes, and once a second");
 }
 
 } // namespace kp::tool
