@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <unistd.h>
 
 using namespace kp::tool;
@@ -19,7 +20,8 @@ namespace {
 // A live store of everything, and what each look at it finds.
 class Watched {
   public:
-    Watched() : store_(everything_)
+    explicit Watched(const LiveStore::Limits &limits = LiveStore::system_limits())
+        : store_(everything_, limits)
     {
         catch_bus_errors();
     }
@@ -114,4 +116,53 @@ TEST(LiveStore, DropsAFileThatIsCutShortAndReportsIt)
 
     EXPECT_THAT(watched.store().topics(), IsEmpty());
     EXPECT_EQ(watched.store().refused_count(), 1u);
+}
+
+TEST(LiveStore, FollowsMoreTopicsThanItMayMapOrKeepOpen)
+{
+    std::vector<std::unique_ptr<StoreProvider>> topics;
+    for (const char *name : {"a", "b", "c", "d", "e", "f"}) {
+        topics.push_back(std::make_unique<StoreProvider>(name));
+        topics.back()->write("1", 1);
+    }
+    const int mapped = mapping_count();
+    const std::size_t opened = open_descriptors().size();
+    Watched watched({.mappings = 2, .descriptors = 2});
+
+    EXPECT_EQ(watched.look().size(), 6U);
+    EXPECT_EQ(mapping_count() - mapped, 2);
+    EXPECT_LE(open_descriptors().size(), opened + 3); // two topics and a directory
+    for (const auto &topic : topics)
+        topic->write("2", 2);
+    EXPECT_THAT(watched.look(), ElementsAre("a", "b", "c", "d", "e", "f"));
+    topics.pop_back();
+    EXPECT_THAT(watched.look(), IsEmpty());
+    EXPECT_EQ(watched.store().topics().size(), 5U);
+}
+
+TEST(LiveStore, BringsNoWriteAgainThatWasReadAfterALook)
+{
+    StoreProvider a("a");
+    a.write("1", 1);
+    Selection everything;
+    LiveStore store(everything);
+    catch_bus_errors();
+    std::vector<std::string> read;
+    const auto look = [&] {
+        store.refresh();
+        store.for_each_change([&](LiveTopic &live, bool) {
+            if (read.size() == 1)
+                a.write("3", 3); // between the look and the reading
+            const auto snapshot = live.reader.read();
+            live.note_read(*snapshot);
+            read.push_back(snapshot->bytes);
+        });
+    };
+
+    look();
+    a.write("2", 2);
+    look();
+    look();
+
+    EXPECT_THAT(read, ElementsAre("1", "3"));
 }

@@ -413,6 +413,34 @@ TEST_F(KpDoctorLooks, FindsAFullFileSystemOfAFewPages)
     EXPECT_EQ(set.code, 5);
 }
 
+TEST_F(KpDoctorLooks, TellsOfAStoreThatNobodyCanWrite)
+{
+    const FewInodes store("30");
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 02775), 0);
+    EXPECT_EQ(troubles(), "");
+    ASSERT_EQ(mount(nullptr, "/dev/shm/zu-kp", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
+              0);
+
+    const Ran doctor = kp({"doctor"});
+
+    EXPECT_THAT(doctor.out, HasSubstr("error: /dev/shm/zu-kp: is mounted read-only: no topic"));
+    EXPECT_THAT(doctor.out, HasSubstr("[mount -o remount,rw /dev/shm/zu-kp]\n"));
+    EXPECT_EQ(doctor.code, 1);
+}
+
+TEST_F(KpDoctorLooks, WarnsOfCountsBeforeTheyAreFull)
+{
+    SegmentFile("a").create();
+    SegmentFile("a").put_u8(at::consumer_refs, 199);
+    EXPECT_THAT(troubles(), testing::Not(HasSubstr("counts-full")));
+
+    SegmentFile("a").put_u8(at::consumer_refs, 200);
+
+    EXPECT_THAT(troubles(), HasSubstr("counts-full"));
+    EXPECT_THAT(kp({"doctor"}).out, HasSubstr("a: 0 providers and 200 consumers have it open; a "
+                                              "count that passes 255 begins at 0 again"));
+}
+
 TEST_F(KpDoctorLooks, FindsAFileSystemWithoutInodes)
 {
     const FewInodes store("3"); // one is the directory's

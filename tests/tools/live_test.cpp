@@ -335,10 +335,10 @@ TEST(KpHelp, ExplainsEveryCommand)
     const Ran one = kp({"help", "watch"});
 
     EXPECT_EQ(all.code, 0);
-    EXPECT_THAT(all.out, HasSubstr("128+n signal"));
+    EXPECT_THAT(all.out, HasSubstr("128+n  signal n"));
     EXPECT_EQ(one.out, kp({"watch", "--help"}).out);
     EXPECT_THAT(one.out, HasSubstr("--mesh"));
-    EXPECT_EQ(kp({"help", "nonsense"}).err, "kp: no such command: nonsense\n");
+    EXPECT_EQ(kp({"help", "nonsense"}).err, "kp: unknown command nonsense (see kp help)\n");
     EXPECT_EQ(kp({"help", "nonsense"}).code, 2);
     EXPECT_EQ(kp({}).code, 2);
     EXPECT_EQ(kp({"nonsense"}).code, 2);

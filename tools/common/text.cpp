@@ -39,6 +39,8 @@ std::string escape_of(std::string_view text, CodePoint point)
     return out.data();
 }
 
+bool is_8_bit = false;
+
 } // namespace
 
 CodePoint next_code_point(std::string_view text)
@@ -79,13 +81,19 @@ bool is_unsafe_to_show(char32_t value)
            (value >= 0x2028 && value <= 0x202E) || (value >= 0x2066 && value <= 0x2069);
 }
 
+void escape_for_8_bits(bool wanted)
+{
+    is_8_bit = wanted;
+}
+
 std::string escaped(std::string_view text)
 {
     std::string out;
     out.reserve(text.size());
     while (!text.empty()) {
         const CodePoint point = next_code_point(text);
-        if (!point.valid || point.value == '\\' || is_unsafe_to_show(point.value))
+        if (!point.valid || point.value == '\\' || is_unsafe_to_show(point.value) ||
+            (is_8_bit && point.bytes > 1))
             out += escape_of(text, point);
         else
             out.append(text.substr(0, point.bytes));

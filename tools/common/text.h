@@ -27,6 +27,10 @@ bool is_unsafe_to_show(char32_t value);
 // itself. All else stays as it is.
 std::string escaped(std::string_view text);
 
+// From now on `escaped` escapes all that is not ASCII, for a terminal that takes each byte by itself: in
+// UTF-8 some bytes are control characters to it. Called before there are threads.
+void escape_for_8_bits(bool wanted);
+
 // A word for a shell that stands for just these bytes, safe to show and to paste. It is in quotes, and
 // in those of bash where something in it must not reach the terminal.
 std::string shell_word(std::string_view text);

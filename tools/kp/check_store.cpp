@@ -1,10 +1,10 @@
 // The topics: files that are no segments, writes that never ended, counts without owners, semaphores
 // that nobody gives back, times that cannot be.
-#include "counts_lock.h"
-#include "common/text.h"
-#include "finding.h"
 #include "common/processes.h"
 #include "common/segment_reader.h"
+#include "common/text.h"
+#include "counts_lock.h"
+#include "finding.h"
 #include "time_text.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr uint64_t kClockSlackUs = kUsPerSecond;
 constexpr std::size_t kListedLevels = 3; // the library lists no deeper
-constexpr unsigned kManyHandles = 250;   // the counts have 8 bits
+constexpr unsigned kManyHandles = 200;   // the counts have 8 bits
 constexpr std::size_t kManyMappingsPercent = 90;
 
 // Findings of which every topic would give the same: told once, with an example.
@@ -172,7 +172,11 @@ class StoreCheck {
         const unsigned counted = static_cast<unsigned>(snapshot.providers) + snapshot.consumers;
         if (snapshot.providers >= kManyHandles || snapshot.consumers >= kManyHandles)
             add(Severity::warning, "counts-full", name,
-                "a count of handles is about to wrap at 256", "kp info " + argument(topic));
+                std::to_string(snapshot.providers) + " providers and " +
+                    std::to_string(snapshot.consumers) +
+                    " consumers have it open; a count that passes 255 begins at 0 again, and the "
+                    "topic is then removed under its users",
+                "kp info " + argument(topic));
         const unsigned open = mappers_.open_handles({status.st_dev, status.st_ino});
         if (open >= counted)
             return;

@@ -153,6 +153,11 @@ void check_room(Findings &findings)
         return;
     }
     const std::string &directory = room->directory;
+    if (room->is_read_only)
+        findings.push_back({Severity::error, "store-read-only", directory,
+                            "is mounted read-only: no topic can be opened, made or written, and "
+                            "the library cannot read any either",
+                            "mount -o remount,rw " + directory});
     check_share(findings, "tmpfs-size", directory, room->free_pages, room->pages,
                 "pages (one for each topic)",
                 "mount -o remount,size=" + std::to_string(room->pages * room->page_size / 512) +

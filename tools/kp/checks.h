@@ -2,6 +2,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -29,6 +30,36 @@ inline CLI::Validator whole_number()
             return is_whole ? "" : text + " is not a whole number";
         },
         "");
+}
+
+// How an option that takes one of some words is called and explained.
+struct ChoiceOption {
+    std::string names;
+    std::string description;
+    std::string type_name;
+};
+
+// Takes one of the words and nothing else; CLI11's own way also takes the numbers behind them.
+template <typename Value>
+CLI::Option *add_choice(CLI::App &app, const ChoiceOption &option, Value &value,
+                        const std::vector<std::pair<std::string, Value>> &choices)
+{
+    const auto check = [choices, option](std::string &text) {
+        const bool is_known =
+            std::ranges::find(choices, text, &std::pair<std::string, Value>::first) !=
+            choices.end();
+        return is_known ? "" : text + " is not one of " + option.description;
+    };
+    return app
+        .add_option_function<std::string>(
+            option.names,
+            [&value, choices](const std::string &text) {
+                value =
+                    std::ranges::find(choices, text, &std::pair<std::string, Value>::first)->second;
+            },
+            option.description)
+        ->check(CLI::Validator(check, ""))
+        ->type_name(option.type_name);
 }
 
 } // namespace kp::tool

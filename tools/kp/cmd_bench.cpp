@@ -28,12 +28,13 @@ struct BenchOptions {
     bool json = false;
 };
 
+// What was not measured is left out.
 struct Figure {
     std::string name;
-    double per_second = 0;
-    double median_us = 0;
-    double p99_us = 0;
-    double most_us = 0;
+    std::optional<double> per_second = {};
+    std::optional<double> median_us = {};
+    std::optional<double> p99_us = {};
+    std::optional<double> most_us = {};
 };
 
 int wake(kp_t *handle, const kp_write_info *, void *)
@@ -81,9 +82,11 @@ template <typename Act> Figure throughput(const char *name, uint64_t time_us, co
             act();
         calls += kBatch;
     }
-    const double elapsed = static_cast<double>(monotonic_us() - start);
+    if (calls == 0)
+        return {name};
+    const double elapsed = static_cast<double>(std::max<uint64_t>(monotonic_us() - start, 1));
     const double rate = static_cast<double>(calls) * 1e6 / elapsed;
-    return {name, rate, 1e6 / rate, 0, 0};
+    return {name, rate, 1e6 / rate};
 }
 
 // From the write through the notice to the consumer's callback and the read of the value.
@@ -107,7 +110,7 @@ Figure notice_latency(kp_t *provider, kp_tag_t *out, kp_tag_t *in, int event, ui
         else
             times.push_back(static_cast<double>(monotonic_us() - sent));
     }
-    Figure figure{"write, notice, read", 0, 0, 0, 0};
+    Figure figure{"write, notice, read"};
     if (times.empty())
         return figure;
     std::sort(times.begin(), times.end());
@@ -119,11 +122,17 @@ Figure notice_latency(kp_t *provider, kp_tag_t *out, kp_tag_t *in, int event, ui
     return figure;
 }
 
-std::string number(double value, int decimals)
+std::string number(const std::optional<double> &value, int decimals)
 {
     std::array<char, 48> out{};
-    (void)std::snprintf(out.data(), out.size(), "%.*f", decimals, value);
+    if (value)
+        (void)std::snprintf(out.data(), out.size(), "%.*f", decimals, *value);
     return out.data();
+}
+
+nlohmann::ordered_json json_number(const std::optional<double> &value)
+{
+    return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json();
 }
 
 void print(const std::vector<Figure> &figures, bool json)
@@ -134,17 +143,16 @@ void print(const std::vector<Figure> &figures, bool json)
     for (const Figure &figure : figures) {
         if (json) {
             output().write(json_line({{"name", figure.name},
-                                      {"per_second", figure.per_second},
-                                      {"median_us", figure.median_us},
-                                      {"p99_us", figure.p99_us},
-                                      {"max_us", figure.most_us}}));
+                                      {"per_second", json_number(figure.per_second)},
+                                      {"median_us", json_number(figure.median_us)},
+                                      {"p99_us", json_number(figure.p99_us)},
+                                      {"max_us", json_number(figure.most_us)}}));
             continue;
         }
-        const bool spread = figure.most_us > 0;
         output().line(padded(figure.name, 24) + padded_left(number(figure.per_second, 0), 14) +
                       padded_left(number(figure.median_us, 3), 10) +
-                      padded_left(spread ? number(figure.p99_us, 0) : "", 10) +
-                      padded_left(spread ? number(figure.most_us, 0) : "", 10));
+                      padded_left(number(figure.p99_us, 0), 10) +
+                      padded_left(number(figure.most_us, 0), 10));
     }
 }
 

@@ -1,29 +1,34 @@
 // kp: the tags of this device, seen, set and looked after from a shell.
+#include "checks.h"
 #include "commands.h"
 #include "common/fault_guard.h"
 #include "common/text.h"
 #include "kp.h"
 #include "output.h"
+#include "similar_word.h"
 #include "stop.h"
 
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
-#include <iostream>
-#include <map>
+#include <fcntl.h>
 #include <sstream>
+#include <unistd.h>
 
 namespace {
 
 using namespace kp::tool;
 
 constexpr const char *kFooter =
-    "Patterns: + stands for any one level, # for one or more remaining levels. Quote them. Unlike "
-    "in\n"
-    "MQTT, a/# does not match a itself.\n"
-    "Exit codes: 0 done, 1 nothing matched or condition false, 2 usage, 3 permission, 4 invalid "
-    "or\n"
-    "corrupt segment, 5 a limit or peer trouble, 124 timeout, 128+n signal.\n"
+    "Patterns (quote them; unlike in MQTT, a/# does not match a itself):\n"
+    "  +  any one level\n"
+    "  #  one or more remaining levels\n"
+    "\n"
+    "Exit codes:\n"
+    "  0  done                     3  no permission                 124    timeout\n"
+    "  1  no match, or not true    4  invalid or corrupt segment    128+n  signal n\n"
+    "  2  usage                    5  a limit, or a peer in trouble\n"
+    "\n"
     "See kp(1), or kp help COMMAND.";
 
 struct GlobalOptions {
@@ -34,13 +39,10 @@ struct GlobalOptions {
 void add_global_options(CLI::App &app, GlobalOptions &options)
 {
     app.add_flag("-d,--debug", options.debug, "print the library's own messages on standard error");
-    app.add_option("--color", options.color, "auto, always or never")
-        ->transform(CLI::CheckedTransformer(
-                        std::map<std::string, ColorChoice>{{"auto", ColorChoice::automatic},
-                                                           {"always", ColorChoice::always},
-                                                           {"never", ColorChoice::never}})
-                        .description(""))
-        ->type_name("WHEN");
+    add_choice<ColorChoice>(app, {"--color", "auto, always or never", "WHEN"}, options.color,
+                            {{"auto", ColorChoice::automatic},
+                             {"always", ColorChoice::always},
+                             {"never", ColorChoice::never}});
     app.set_version_flag("--version", "kp " KP_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
@@ -136,21 +138,55 @@ std::vector<std::string> cut_behind_mark(std::vector<std::string> &arguments)
     return words;
 }
 
-// `kp help` of what is no command, which would pass for `kp --help`.
-bool asks_for_unknown_help(const CLI::App &app, int argc, char **argv)
+// The word in the place of the command, which is none if it stands behind `help`; nothing when there is
+// no such word.
+std::optional<std::string> command_word(int argc, char **argv)
 {
-    const bool asks = argc > 2 && std::string_view(argv[1]) == "help" && argv[2][0] != '-';
-    const auto is_meant = [argv](const CLI::App *command) { return command->check_name(argv[2]); };
-    return asks && app.get_subcommands(is_meant).empty();
+    for (int index = 1; index < argc; ++index) {
+        const std::string_view word = argv[index];
+        if (word == "--color")
+            ++index; // its choice
+        else if (!word.empty() && word[0] != '-' && !(word == "help" && index == 1))
+            return std::string(word);
+    }
+    return std::nullopt;
+}
+
+// The problem with a command that does not exist, with the one that was probably meant.
+std::optional<Problem> unknown_command(const CLI::App &app, int argc, char **argv)
+{
+    const auto word = command_word(argc, argv);
+    std::vector<std::string> names;
+    for (const CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
+        if (!word || command->check_name(*word))
+            return std::nullopt;
+        names.push_back(command->get_name());
+        for (const std::string &alias : command->get_aliases())
+            names.push_back(alias);
+    }
+    const auto meant = similar_word(*word, names);
+    return Problem{kUsage, "unknown command " + escaped(*word) +
+                               (meant ? ", did you mean " + *meant + "?" : " (see kp help)")};
 }
 
 int report_parse_end(const CLI::App &app, const CLI::ParseError &end)
 {
+    if (end.get_exit_code() != 0) // its text has what the user typed in it
+        return complain(Problem{kUsage, escaped(end.what()) + " (--help tells more)"});
     std::ostringstream text;
-    const bool is_usage = app.exit(end, text, std::cerr) != 0;
+    (void)app.exit(end, text, text);
     output().write(text.str());
     (void)output().flush();
-    return is_usage ? kUsage : output().code();
+    return output().code();
+}
+
+// Descriptors 0 to 2 that were closed would be given to the next files that are opened, and what is
+// printed would go there. Opened so that using them fails, as it does while they are closed.
+void occupy_standard_descriptors()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(fd, F_GETFD) < 0)
+            (void)!open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
 }
 
 // The library reports on standard error in its own colours; the tool prints its own messages.
@@ -164,7 +200,9 @@ void set_library_level(bool debug)
 
 int main(int argc, char **argv)
 {
+    occupy_standard_descriptors();
     (void)std::setlocale(LC_CTYPE, "");
+    escape_for_8_bits(!locale_is_utf8() && (isatty(STDOUT_FILENO) || isatty(STDERR_FILENO)));
     (void)std::signal(SIGPIPE, SIG_IGN); // a closed output shows as an error, and ends quietly
     catch_bus_errors();
 
@@ -173,8 +211,8 @@ int main(int argc, char **argv)
     add_global_options(app, options);
     Commands commands(app);
     add_commands(commands);
-    if (asks_for_unknown_help(app, argc, argv))
-        return complain(Problem{kUsage, "no such command: " + escaped(argv[2])});
+    if (const auto problem = unknown_command(app, argc, argv))
+        return complain(*problem);
     try {
         auto arguments = arguments_of(argc, argv);
         if (is_for(app, arguments, "sandbox"))

@@ -72,6 +72,12 @@ bool is_set(const char *variable)
     return text && *text;
 }
 
+// By the variable's custom, 0 is as good as none.
+bool is_forced()
+{
+    return is_set("CLICOLOR_FORCE") && std::string_view(std::getenv("CLICOLOR_FORCE")) != "0";
+}
+
 } // namespace
 
 void Output::write(std::string_view text)
@@ -144,7 +150,7 @@ void choose_colors(ColorChoice choice)
     else if (is_set("NO_COLOR"))
         use_colors = false;
     else
-        use_colors = isatty(STDOUT_FILENO) == 1 || is_set("CLICOLOR_FORCE");
+        use_colors = isatty(STDOUT_FILENO) == 1 || is_forced();
 }
 
 bool uses_colors()

@@ -34,6 +34,7 @@ std::optional<Room> room_for_topics()
     room.free_pages = status.f_bavail;
     room.inodes = status.f_files;
     room.free_inodes = status.f_favail;
+    room.is_read_only = status.f_flag & ST_RDONLY;
     return room;
 }
 

@@ -13,6 +13,7 @@ struct Room {
     unsigned long free_pages = 0;
     unsigned long inodes = 0; // 0: no limit
     unsigned long free_inodes = 0;
+    bool is_read_only = false;
 };
 
 // Nothing when there is no such file system.

@@ -1,5 +1,6 @@
 #include "row_format.h"
 
+#include "checks.h"
 #include "common/encoding.h"
 #include "common/text.h"
 #include "output.h"
@@ -156,12 +157,14 @@ std::string plain_line(const Row &row, const FormatOptions &options)
 
 void add_format_options(CLI::App &command, FormatOptions &options)
 {
-    const std::map<std::string, Format> formats = {{"plain", Format::plain}, {"json", Format::json},
-                                                   {"csv", Format::csv},     {"tsv", Format::tsv},
-                                                   {"raw", Format::raw},     {"hex", Format::hex}};
-    command.add_option("--format", options.format, "plain, json, csv, tsv, raw or hex")
-        ->transform(CLI::CheckedTransformer(formats).description(""))
-        ->type_name("FORMAT");
+    add_choice<Format>(command, {"--format", "plain, json, csv, tsv, raw or hex", "FORMAT"},
+                       options.format,
+                       {{"plain", Format::plain},
+                        {"json", Format::json},
+                        {"csv", Format::csv},
+                        {"tsv", Format::tsv},
+                        {"raw", Format::raw},
+                        {"hex", Format::hex}});
     command.add_flag_callback(
         "-j,--json", [&options] { options.format = Format::json; },
         "one JSON object a line, as --format json");
@@ -205,12 +208,19 @@ nlohmann::ordered_json row_json(const Row &row, ByteStyle style)
         object["value_b64"] = to_base64(snapshot.bytes);
     if (!is_utf8(row.topic))
         object["topic_b64"] = to_base64(row.topic);
+    if (has_broken_value(snapshot))
+        object["problem"] = value_problem(row.topic, snapshot).text;
     return object;
 }
 
 std::string json_line(const nlohmann::ordered_json &object)
 {
     return object.dump(-1, ' ', true, ordered_json::error_handler_t::replace) + '\n';
+}
+
+bool has_broken_value(const Snapshot &snapshot)
+{
+    return snapshot.condition == Condition::busy || snapshot.condition == Condition::corrupt;
 }
 
 std::string shown_value(const Snapshot &snapshot, ByteStyle style)

@@ -1,7 +1,7 @@
 #include "unix_sockets.h"
 
+#include "common/clock.h"
 #include "layout/unique_fd.h"
-#include "time_text.h"
 
 #include <algorithm>
 #include <array>
@@ -184,8 +184,7 @@ std::vector<EndpointFile> list_endpoint_files(int *error)
         if (lstat(path.c_str(), &status) == 0)
             files.push_back({entry->d_name, status.st_dev, status.st_ino, status.st_uid,
                              status.st_gid, status.st_mode, S_ISSOCK(status.st_mode),
-                             static_cast<uint64_t>(status.st_mtim.tv_sec) * kUsPerSecond +
-                                 static_cast<uint64_t>(status.st_mtim.tv_nsec) / 1000});
+                             to_us(status.st_mtim)});
         else if (errno == EACCES && error) // it may be listed but not searched
             *error = errno;
     }
