@@ -346,5 +346,40 @@ TEST(KpRm, RemovesATopicWhoseNameLooksLikeAPattern)
 
     EXPECT_EQ(kp({"rm", "n+"}).code, 0);
     EXPECT_FALSE(SegmentFile("n+").exists());
-    EXPECT_EQ(kp({"rm", "n+"}).err, "kp: \"n+\" is a pattern; name each topic\n");
+    EXPECT_EQ(kp({"rm", "n+"}).err, "kp: \"n+\": no topic matches\n");
+}
+
+TEST(KpSet, TakesSeveralTopicsWithTheirValues)
+{
+    kp_t *peer = kp_new("listener", count_notice);
+    put_double("a", 1);
+    put_text("b", "off");
+    put_double("odd=name", 1);
+    notices = 0;
+
+    const Ran both = kp({"set", "a=2", "b=x=y", "--peer-wait", "20"});
+    const Ran odd = kp({"set", "odd=name", "3", "--peer-wait", "0"});
+    const Ran bad = kp({"set", "a=3", "none=1", "b=", "--peer-wait", "0"});
+
+    EXPECT_EQ(both.out, "a\t1 → 2\nb\toff → x=y\n");
+    EXPECT_TRUE(wait_until([] { return notices >= 1; }));
+    EXPECT_EQ(odd.out, "odd=name\t1 → 3\n");
+    EXPECT_EQ(bad.out, "a\t2 → 3\n");
+    EXPECT_EQ(bad.err, "kp: none: a new topic; say its type with --type\n"
+                       "kp: b=: a value is needed, and not an empty one\n");
+    EXPECT_EQ(bad.code, 2);
+    EXPECT_EQ(kp({"set", "a", "1", "2"}).code, 2);
+    (void)kp_destroy(peer);
+}
+
+TEST(KpSet, LeavesNoTopicBehindThatItCouldNotWrite)
+{
+    put_double("a", 1);
+    const Ran ran = run_program({"unshare", "--mount", "bash", "-c",
+                                 "mount -t tmpfs -o size=4k tmpfs /dev/shm && mkdir /dev/shm/zu-kp "
+                                 "&& '" KP_PROGRAM "' set a 1 --type int8 --peer-wait 0 && "
+                                 "'" KP_PROGRAM "' set b 1 --type int8 --peer-wait 0; "
+                                 "echo $?; ls /dev/shm/zu-kp"});
+
+    EXPECT_EQ(ran.out, "a\t- → 1\n5\na\n") << ran.err;
 }

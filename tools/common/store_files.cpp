@@ -64,10 +64,32 @@ UniqueFd make_level(int parent, const std::string &name)
     return open_level(parent, name);
 }
 
-// Opens the root and level after level below it, each through `open_next`. Empty with errno set.
-template <typename OpenNext> UniqueFd open_levels(std::string_view directory, OpenNext open_next)
+// The root stands in a directory where everybody may make files. It may be a link, but only one that
+// root or this user made.
+UniqueFd open_root()
 {
-    UniqueFd fd(open(kStoreRoot, kDirectoryFlags));
+    UniqueFd fd(open(kStoreRoot, kDirectoryFlags | O_NOFOLLOW));
+    struct stat link;
+    if (fd || errno != ENOTDIR || lstat(kStoreRoot, &link) != 0 || !S_ISLNK(link.st_mode))
+        return fd;
+    if (link.st_uid == 0 || link.st_uid == geteuid())
+        return UniqueFd(open(kStoreRoot, kDirectoryFlags));
+    errno = ELOOP;
+    return fd;
+}
+
+UniqueFd make_root()
+{
+    UniqueFd fd = open_root();
+    if (fd || errno != ENOENT || (mkdir(kStoreRoot, kDirectoryMode) != 0 && errno != EEXIST))
+        return fd;
+    return open_root();
+}
+
+// Opens level after level below the root, each through `open_next`. Empty with errno set.
+template <typename OpenNext>
+UniqueFd open_levels(UniqueFd fd, std::string_view directory, OpenNext open_next)
+{
     for (const std::string_view level : split_levels(directory)) {
         if (!fd)
             break;
@@ -131,7 +153,7 @@ class Walk {
 
     void list_root()
     {
-        list("", open_levels("", open_level), 1);
+        list("", open_levels(open_root(), "", open_level), 1);
     }
 
   private:
@@ -155,7 +177,7 @@ class Walk {
     static UniqueFd open_child(const std::optional<OpenDirectory> &parent, const std::string &child)
     {
         if (!parent)
-            return open_levels(child, open_level);
+            return open_levels(open_root(), child, open_level);
         return open_level(parent->fd(), child.substr(child.rfind('/') + 1));
     }
 
@@ -175,7 +197,7 @@ class Walk {
 
 UniqueFd open_store_directory(const std::string &directory, Problem &problem)
 {
-    UniqueFd fd = open_levels(directory, open_level);
+    UniqueFd fd = open_levels(open_root(), directory, open_level);
     if (!fd)
         problem = topic_problem(directory, errno);
     return fd;
@@ -183,7 +205,7 @@ UniqueFd open_store_directory(const std::string &directory, Problem &problem)
 
 std::optional<StoreDirectory> list_directory(const std::string &directory, Problem &problem)
 {
-    const OpenDirectory open(open_levels(directory, open_level));
+    const OpenDirectory open(open_levels(open_root(), directory, open_level));
     if (open)
         return open.entries(directory);
     problem = topic_problem(directory, errno);
@@ -220,7 +242,7 @@ Place place_of(const std::string &topic)
 {
     const std::size_t slash = topic.rfind('/');
     const std::string above = slash == std::string::npos ? "" : topic.substr(0, slash);
-    const UniqueFd directory = open_levels(above, open_level);
+    const UniqueFd directory = open_levels(open_root(), above, open_level);
     struct stat status;
     if (directory &&
         fstatat(directory.get(), topic.c_str() + slash + 1, &status, AT_SYMLINK_NOFOLLOW) == 0)
@@ -236,7 +258,9 @@ std::optional<TopicPlace> TopicOpener::find(const std::string &topic, Missing mi
     const std::size_t slash = topic.rfind('/');
     const std::string directory = slash == std::string::npos ? "" : topic.substr(0, slash);
     if (!directory_fd_ || directory != directory_) {
-        UniqueFd fd = open_levels(directory, missing == Missing::make ? make_level : open_level);
+        const bool makes = missing == Missing::make;
+        UniqueFd fd = open_levels(makes ? make_root() : open_root(), directory,
+                                  makes ? make_level : open_level);
         if (!fd) {
             problem = topic_problem(topic, errno);
             return std::nullopt;

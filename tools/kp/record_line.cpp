@@ -167,8 +167,6 @@ std::optional<Record> parse_stored_record(const std::string &line, Problem &prob
         !take_number(object, "extra", record->write.extra, problem) ||
         !take_number(object, "seen", record->seen, problem))
         return std::nullopt;
-    if (record->write.max == 0U) // of a topic that a one-shot write made
-        record->write.max.reset();
     return record;
 }
 

@@ -1,5 +1,6 @@
 #include "writer.h"
 
+#include "common/segment_writer.h"
 #include "common/text.h"
 #include "layout/value_type.h"
 #include "room.h"
@@ -7,22 +8,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace kp::tool {
 
 namespace {
 
-constexpr uint32_t kNoRole = 0;         // a look at the segment that is not counted
 constexpr uint32_t kPublishedExtra = 2; // what topics published by name carry
-
-// Handles that declared a topic. Closing one would remove the file of a topic that nobody else has
-// open, so they stay until the program ends; a handle without a role leaves no count behind.
-std::vector<kp_shm_t *> &declaring_handles()
-{
-    static auto *handles = new std::vector<kp_shm_t *>;
-    return *handles;
-}
 
 // What stands where the topic's directories or its file should be and is neither.
 std::optional<Problem> obstacle(const std::string &topic)
@@ -43,31 +35,6 @@ std::optional<Problem> obstacle(const std::string &topic)
             return Problem{kInvalid, escaped(path) + ": a topic itself, so none can lie below it"};
     }
     return std::nullopt;
-}
-
-// A directory that could not be made for want of room shows as missing.
-Problem failed_write(const std::string &topic)
-{
-    const int error = errno;
-    const std::string name = escaped(topic);
-    if (error == 0)
-        return {kLimit, name + ": the library refused the write"};
-    const std::string what = error == ENOSPC || error == ENOENT ? shortage() : "";
-    return what.empty() ? system_problem(name, error) : Problem{kLimit, name + ": " + what};
-}
-
-bool declare(const Write &write, const Target &target, Problem &problem)
-{
-    errno = 0;
-    kp_shm_t *shm = kp_shm_new(write.topic.c_str(), kNoRole);
-    if (!shm) {
-        problem = failed_write(write.topic);
-        return false;
-    }
-    declaring_handles().push_back(shm);
-    (void)kp_shm_init_source_params(shm);
-    (void)kp_shm_set_provider_info(shm, target.type, target.max, target.extra);
-    return true;
 }
 
 // The maximum that a value must keep: a topic made by a one-shot write has none of its own.
@@ -122,7 +89,9 @@ std::optional<Target> find_target(const Write &write, Problem &problem)
     }
     Target fresh;
     fresh.type = *write.type;
-    fresh.max = kp_get_value_size(fresh.type, write.max.value_or(KP_MAX_VALUE_SIZE));
+    // A topic that a one-shot write made has no maximum, and gets none when it is written back.
+    const uint32_t max = write.max.value_or(KP_MAX_VALUE_SIZE);
+    fresh.max = max == 0 ? 0 : kp_get_value_size(fresh.type, max);
     fresh.extra = write.extra.value_or(snapshot && target ? snapshot->extra : kPublishedExtra);
     fresh.is_new = true;
     if (snapshot)
@@ -139,18 +108,24 @@ bool store_value(const Write &write, const Target &target, const std::optional<s
                                std::to_string(largest_size(target))};
         return false;
     }
-    if (target.is_new && !declare(write, target, problem))
-        return false;
-    if (!bytes)
-        return true;
+    std::optional<Declaration> declaration;
+    if (target.is_new)
+        declaration = {target.type, target.max, target.extra};
+    std::optional<StoredValue> value;
     const uint64_t timestamp = write.timestamp.value_or(now_us());
-    errno = 0;
-    if (kp_shm_instant_write(write.topic.c_str(), bytes->data(), target.type,
-                             static_cast<uint32_t>(bytes->size()), timestamp,
-                             write.quality.value_or(KP_QUALITY_GOOD),
-                             write.source_ts.value_or(timestamp), target.extra) == 0)
+    if (bytes)
+        value = {*bytes,
+                 target.type,
+                 target.extra,
+                 timestamp,
+                 write.source_ts.value_or(timestamp),
+                 write.quality.value_or(KP_QUALITY_GOOD)};
+    TopicOpener opener;
+    if ((!declaration && !value) || store_segment(opener, write.topic, declaration, value, problem))
         return true;
-    problem = failed_write(write.topic);
+    const std::string what = errno == ENOSPC ? shortage() : "";
+    if (!what.empty())
+        problem = {kLimit, escaped(write.topic) + ": " + what};
     return false;
 }
 

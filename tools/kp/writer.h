@@ -10,7 +10,7 @@ struct Write {
     std::string topic;
     std::string spelling;         // the topic as it was given, with all its slashes
     std::optional<uint32_t> type; // wanted; needed for a new topic
-    std::optional<uint32_t> max;  // of a new topic of variable size; 4000 else
+    std::optional<uint32_t> max;  // of a new topic of variable size, or 0; 4000 else
     std::optional<uint32_t> extra;
     std::optional<uint8_t> quality; // 1 else
     std::optional<uint64_t> timestamp;
