@@ -7,6 +7,7 @@
 #include "testing/unix_socket.h"
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -226,6 +227,8 @@ TEST(KpGc, RemovesOldOrphansAndEmptyDirectoriesWhenAsked)
 {
     put_double("old/topic", 1);
     SegmentFile("old/topic").put_u64(at::last_write_ts, 1);
+    const std::array<timespec, 2> long_ago = {{{1, 0}, {1, 0}}};
+    ASSERT_EQ(utimensat(AT_FDCWD, segment_file_path("old/topic").c_str(), long_ago.data(), 0), 0);
     put_double("new/topic", 1);
     std::filesystem::create_directories("/dev/shm/zu-kp/empty");
 
@@ -420,4 +423,24 @@ TEST(KpDoctor, NamesAProcessThatMapsARemovedTopic)
 
     EXPECT_THAT(kp({"doctor"}).out, HasSubstr("error: " + shown(getpid())));
     (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
+}
+
+TEST(KpDoctor, FindsAConsumerThatSpellsItsTopicAnotherWay)
+{
+    ChildProcess application(run_application); // provides plant/speed
+    ASSERT_EQ(application.hear(), "running");
+    kp_t *handle = kp_new("follower", ignore_notice);
+    ASSERT_NE(kp_tag_consumer_new(handle, "plant/speed"), nullptr);
+    EXPECT_THAT(kp({"doctor"}).out, Not(HasSubstr("never hears")));
+    ASSERT_NE(kp_tag_consumer_new(handle, "plant//speed"), nullptr);
+
+    const std::string out = kp({"doctor"}).out;
+
+    EXPECT_THAT(out, ContainsRegex("warning: plant//speed: " + shown(getpid()) +
+                                   " .* follows it under this name and never hears of a change: "
+                                   "its provider " +
+                                   shown(application.pid()) + " .* calls it plant/speed\n"));
+    (void)kp_tags_destroy(handle);
+    (void)kp_destroy(handle);
+    (void)application.tell("end");
 }

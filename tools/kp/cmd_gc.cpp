@@ -1,18 +1,17 @@
-// kp gc: removes or corrects what is provably dead, and shows what it does.
+// kp gc: removes or corrects what is provably dead, and shows what it did.
 #include "checks.h"
 #include "commands.h"
-#include "endpoints.h"
 #include "common/encoding.h"
 #include "common/text.h"
+#include "kp/collecting/dead_sockets.h"
+#include "kp/collecting/dead_topics.h"
+#include "kp/collecting/empty_directories.h"
 #include "output.h"
 #include "row_format.h"
-#include "common/segment_reader.h"
 #include "time_text.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace kp::tool {
 
@@ -35,31 +34,42 @@ struct Dead {
     const char *action; // remove, correct or leave
 };
 
-nlohmann::ordered_json dead_json(const Dead &dead, bool dry_run)
+// What came of it; nothing on a dry run, or where nothing can be done.
+using Result = std::optional<Deed>;
+
+nlohmann::ordered_json dead_json(const Dead &dead, const Result &result, bool dry_run)
 {
     const std::string key = dead.is_topic ? "topic" : "path";
     nlohmann::ordered_json object;
     object[key] = dead.name;
     object["what"] = dead.what;
     object["text"] = dead.text;
-    object["action"] = dead.action;
+    object["action"] = result == Deed::changed ? "leave" : dead.action;
     object["dry_run"] = dry_run;
+    object["done"] = result == Deed::done;
     if (!is_utf8(dead.name))
         object[key + "_b64"] = to_base64(dead.name);
     return object;
 }
 
-std::string deed_text(const Dead &dead, bool dry_run)
+std::string deed_text(const Dead &dead, const Result &result)
 {
     const std::string_view action = dead.action;
+    const std::string done = action == "remove" ? "removed" : "corrected";
     if (action == "leave")
         return "left alone, since either may be gone";
-    return std::string(dry_run ? "would be " : "") + (action == "remove" ? "removed" : "corrected");
+    if (!result)
+        return "would be " + done;
+    return *result == Deed::done      ? done
+           : *result == Deed::changed ? "left alone, since it changed meanwhile"
+                                      : "not " + done;
 }
 
 class Collector {
   public:
-    explicit Collector(const CollectOptions &options) : options_(options)
+    explicit Collector(const CollectOptions &options)
+        : options_(options),
+          old_us_(now_us() - std::min(now_us(), static_cast<uint64_t>(options.older_than * 1e6)))
     {
     }
 
@@ -70,8 +80,7 @@ class Collector {
         const StoreListing listing = list_store(everything);
         for (const Problem &problem : listing.problems)
             outcome_.note(problem);
-        for (const StoreFile &file : listing.files)
-            collect_topic(file.topic);
+        collect_topics(listing);
         if (options_.orphans)
             for (auto directory = listing.directories.rbegin();
                  directory != listing.directories.rend(); ++directory)
@@ -80,191 +89,95 @@ class Collector {
     }
 
   private:
-    // Prints the finding; says whether to act on it.
-    bool acts_on(const Dead &dead)
+    // Only after the deed, so that a slow reader of this output holds up none and what it reads is so.
+    void tell(const Dead &dead, const Result &result)
     {
         if (options_.json)
-            output().write(json_line(dead_json(dead, options_.dry_run)));
+            output().write(json_line(dead_json(dead, result, options_.dry_run)));
         else
-            output().line(escaped(dead.name) + ": " + dead.text + "; " +
-                          deed_text(dead, options_.dry_run));
-        (void)output().flush();
-        return !options_.dry_run;
+            output().line(escaped(dead.name) + ": " + dead.text + "; " + deed_text(dead, result));
     }
 
-    void note_failure(const std::string &what)
+    void tell(const Dead &dead, Deed deed, const Problem &problem)
     {
-        outcome_.note(system_problem(escaped(what), errno));
+        tell(dead, deed);
+        if (deed == Deed::failed)
+            outcome_.note(problem);
     }
 
     void collect_sockets()
     {
-        const Mesh mesh = look_at_mesh();
-        if (mesh.error != 0 && mesh.error != ENOENT)
-            outcome_.note(system_problem(kProvidersRoot, mesh.error));
-        for (const Endpoint &endpoint : mesh.endpoints) {
-            const std::string path = std::string(kProvidersRoot) + "/" + endpoint.file.name;
-            if (endpoint.liveness == Liveness::live || endpoint.liveness == Liveness::foreign ||
-                !refuses_connections(endpoint.file.name))
-                continue;
-            if (acts_on(
-                    {false, path, "dead-socket", "a socket that refuses connections", "remove"}) &&
-                unlink(path.c_str()) != 0 && errno != ENOENT)
-                note_failure(path);
+        const DeadSockets found = find_dead_sockets();
+        if (found.error != 0 && found.error != ENOENT)
+            outcome_.note(system_problem(kProvidersRoot, found.error));
+        std::vector<DeedResult> deeds;
+        if (!options_.dry_run)
+            deeds = remove_dead_sockets(found.files);
+        for (std::size_t index = 0; index < found.files.size(); ++index) {
+            const Dead dead{false, std::string(kProvidersRoot) + "/" + found.files[index].name,
+                            "dead-socket", "a socket that refuses connections", "remove"};
+            if (options_.dry_run)
+                tell(dead, std::nullopt);
+            else
+                tell(dead, deeds[index].deed, deeds[index].problem);
         }
     }
 
-    // Whether nobody out of sight can have a topic open.
-    bool sees_everybody(const Mappers &mappers)
+    void collect_topics(const StoreListing &listing)
     {
-        if (options_.trust_visible || (mappers.unreadable.empty() && sees_all_processes()))
-            return true;
-        if (!told_blindness_)
+        const TopicSearch search{options_.orphans, old_us_, options_.trust_visible};
+        const DeadTopics found = find_dead_topics(listing, search);
+        for (const Problem &problem : found.problems)
+            outcome_.note(problem);
+        if (!found.sees_everybody)
             outcome_.note(Problem{kPermission,
                                   "not every process can be seen, so counts are left alone: run "
                                   "as root outside containers, or with --trust-visible"});
-        told_blindness_ = true;
-        return false;
-    }
-
-    void collect_topic(const std::string &topic)
-    {
-        TopicOpener opener;
-        struct stat status;
-        Problem problem;
-        if (!opener.status(topic, status, problem) || !is_segment_file(status, topic, problem)) {
-            if (problem.code != kNothing)
-                outcome_.note(problem);
-            return;
+        std::vector<DeedResult> deeds;
+        if (!options_.dry_run)
+            deeds = bury_topics(found.topics);
+        for (std::size_t index = 0; index < found.topics.size(); ++index) {
+            const Dead dead = described(found.topics[index]);
+            if (options_.dry_run || found.topics[index].is_ambiguous())
+                tell(dead, std::nullopt);
+            else
+                tell(dead, deeds[index].deed, deeds[index].problem);
         }
-        const auto snapshot = read_topic(opener, topic, problem);
-        if (!snapshot)
-            return;
-        const unsigned counted = static_cast<unsigned>(snapshot->providers) + snapshot->consumers;
-        if (counted == 0 && !options_.orphans)
-            return;
-        const FileId file{status.st_dev, status.st_ino};
-        if (!first_look_)
-            first_look_ = find_mappers(status.st_dev);
-        if (counted > 0 && first_look_->open_handles(file) >= counted)
-            return;
-        // Once more for each topic that is left, so that the proof is as fresh as can be.
-        const Mappers mappers = find_mappers(status.st_dev);
-        const unsigned open = mappers.open_handles(file);
-        const bool is_mapped = mappers.of_file.contains(file);
-        if (counted == 0)
-            collect_orphan(topic, *snapshot, is_mapped, mappers);
-        else if (open < counted && sees_everybody(mappers))
-            correct(topic, *snapshot, open, is_mapped);
     }
 
-    // A topic that only one-shot writes touched: nobody counts it, so nobody will ever remove it.
-    void collect_orphan(const std::string &topic, const Snapshot &snapshot, bool is_mapped,
-                        const Mappers &mappers)
+    static Dead described(const DeadTopic &dead)
     {
-        const auto age = static_cast<uint64_t>(options_.older_than * 1e6);
-        if (is_mapped || snapshot.last_write_ts + age > now_us() || !sees_everybody(mappers))
-            return;
-        if (acts_on({true, topic, "orphan",
-                     "an orphan, written " + age_text(snapshot.last_write_ts, now_us()) + " ago",
-                     "remove"}))
-            remove(topic);
+        if (dead.is_orphan())
+            return {true, dead.topic, "orphan",
+                    "an orphan, written " + age_text(dead.last_write_ts, now_us()) + " ago",
+                    "remove"};
+        return {true, dead.topic, "dead-counts",
+                "counts " + std::to_string(dead.counted.providers) + " providers and " +
+                    std::to_string(dead.counted.consumers) + " consumers, " +
+                    std::to_string(dead.open) + " are open",
+                dead.is_ambiguous() ? "leave"
+                : dead.is_removed() ? "remove"
+                                    : "correct"};
     }
 
-    void remove(const std::string &topic)
-    {
-        TopicOpener opener;
-        Problem problem;
-        if (!opener.remove(topic, problem))
-            outcome_.note(problem);
-    }
-
-    // Nobody left: the counts go to 0 and the file goes with them. Some left: only a count of one
-    // role alone tells whose handles are gone.
-    void correct(const std::string &topic, const Snapshot &snapshot, unsigned open, bool is_mapped)
-    {
-        const ReferenceCounts counted{snapshot.providers, snapshot.consumers};
-        const std::string finding = "counts " + std::to_string(counted.providers) +
-                                    " providers and " + std::to_string(counted.consumers) +
-                                    " consumers, " + std::to_string(open) + " are open";
-        ReferenceCounts right{};
-        if (open > 0 && counted.providers > 0 && counted.consumers > 0) {
-            (void)acts_on({true, topic, "dead-counts", finding, "leave"});
-            return;
-        }
-        if (open > 0)
-            (counted.providers > 0 ? right.providers : right.consumers) =
-                static_cast<uint8_t>(open);
-        const bool dead = !is_mapped;
-        if (acts_on({true, topic, "dead-counts", finding, dead ? "remove" : "correct"}) &&
-            replace_counts(topic, counted, right) && dead)
-            close_last_handle(topic);
-    }
-
-    // Changes the counts unless they have changed since the look.
-    bool replace_counts(const std::string &topic, ReferenceCounts counted, ReferenceCounts right)
-    {
-        const std::string path = std::string(kStoreRoot) + "/" + topic;
-        const UniqueFd fd(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-        Segment *segment = fd ? map_for_counts(fd) : nullptr;
-        if (!segment) {
-            note_failure(topic);
-            return false;
-        }
-        const bool replaced = replace_if(segment->refs, counted, right);
-        (void)munmap(segment, kSegmentSize);
-        return replaced;
-    }
-
-    static Segment *map_for_counts(const UniqueFd &fd)
-    {
-        void *memory = mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-        return memory == MAP_FAILED ? nullptr : static_cast<Segment *>(memory);
-    }
-
-    // Opening and closing through the library removes the file by the library's own rule: only if
-    // nobody has opened it meanwhile.
-    static void close_last_handle(const std::string &topic)
-    {
-        if (kp_shm_t *shm = kp_shm_new(topic.c_str(), KP_ROLE_CONSUMER))
-            (void)kp_shm_destroy(shm, topic.c_str(), KP_ROLE_CONSUMER);
-    }
-
-    // People read it beside topics, programs take it as a path.
-    std::string shown_path(const std::string &path, const std::string &directory) const
-    {
-        return options_.json ? path : directory + "/";
-    }
-
-    // An empty directory that is nobody's in particular: like its parent in owner, group and mode.
     void collect_directory(const std::string &directory)
     {
-        if (directory.empty())
+        if (directory.empty() || !is_empty_and_unused(directory, old_us_))
             return;
-        const std::string path = std::string(kStoreRoot) + "/" + directory;
-        const std::string parent = path.substr(0, path.rfind('/'));
-        struct stat own;
-        struct stat above;
-        if (lstat(path.c_str(), &own) != 0 || lstat(parent.c_str(), &above) != 0 ||
-            own.st_nlink > 2 || own.st_uid != above.st_uid || own.st_gid != above.st_gid ||
-            own.st_mode != above.st_mode)
-            return;
-        const auto changed = static_cast<uint64_t>(own.st_mtim.tv_sec) * kUsPerSecond;
-        const auto age = static_cast<uint64_t>(options_.older_than * 1e6);
+        // People read it beside topics, programs take it as a path.
+        const Dead dead{false,
+                        options_.json ? std::string(kStoreRoot) + "/" + directory : directory + "/",
+                        "empty-directory", "an empty directory", "remove"};
         Problem problem;
-        const auto entries = list_directory(directory, problem);
-        if (changed + age > now_us() || !entries || !entries->files.empty())
-            return;
-        if (acts_on({false, shown_path(path, directory), "empty-directory", "an empty directory",
-                     "remove"}) &&
-            rmdir(path.c_str()) != 0 && errno != ENOTEMPTY && errno != ENOENT)
-            note_failure(directory);
+        if (options_.dry_run)
+            tell(dead, std::nullopt);
+        else
+            tell(dead, remove_empty_directory(directory, problem), problem);
     }
 
     const CollectOptions &options_;
-    std::optional<Mappers> first_look_;
+    const uint64_t old_us_; // what was not touched since then is old
     Outcome outcome_;
-    bool told_blindness_ = false;
 };
 
 } // namespace

@@ -1,0 +1,352 @@
+// gc, rm and set on a store and beside endpoints that others change in the same moment.
+#include "kp_run.h"
+
+#include "testing/child.h"
+#include "testing/process.h"
+#include "testing/segment_file.h"
+#include "testing/unix_socket.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <random>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace kptest;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *kStore = "/dev/shm/zu-kp/";
+constexpr const char *kSockets = "/run/providers/";
+
+// A directory outside the store with files that look like topics nobody has open, and a link to it that
+// takes the place of the store's directory `d` again and again.
+class SwappedDirectory {
+  public:
+    SwappedDirectory()
+    {
+        fs::create_directories("/run/victim");
+        for (const char *name : {"orphan", "counted", "set", "restored"})
+            put_double(std::string("d/") + name, 1);
+        SegmentFile("d/counted").put_u8(at::provider_refs, 1);
+        for (const char *name : {"orphan", "counted", "set", "restored"})
+            fs::copy_file(std::string(kStore) + "d/" + name, std::string("/run/victim/") + name);
+        fs::create_symlink("/run/victim", std::string(kStore) + "link");
+        picture_ = picture();
+        swapper_ = std::thread([this] {
+            while (!stop_)
+                (void)renameat2(AT_FDCWD, "/dev/shm/zu-kp/d", AT_FDCWD, "/dev/shm/zu-kp/link",
+                                RENAME_EXCHANGE);
+        });
+    }
+    SwappedDirectory(const SwappedDirectory &) = delete;
+    SwappedDirectory &operator=(const SwappedDirectory &) = delete;
+    ~SwappedDirectory()
+    {
+        stop_ = true;
+        swapper_.join();
+        fs::remove_all("/run/victim");
+    }
+    bool is_victim_untouched() const
+    {
+        return picture() == picture_;
+    }
+
+  private:
+    static std::string picture()
+    {
+        std::string all;
+        for (const char *name : {"orphan", "counted", "set", "restored", "new"}) {
+            std::ifstream file(std::string("/run/victim/") + name);
+            all += name + std::string(std::istreambuf_iterator<char>(file), {});
+        }
+        return all + std::to_string(std::distance(fs::directory_iterator("/run/victim"),
+                                                  fs::directory_iterator()));
+    }
+
+    std::string picture_;
+    std::atomic<bool> stop_ = false;
+    std::thread swapper_;
+};
+
+int bound_socket(const std::string &path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    (void)unlink(path.c_str());
+    (void)bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+    return fd;
+}
+
+void make_old(const std::string &path)
+{
+    const std::array<timespec, 2> old = {{{1, 0}, {1, 0}}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), old.data(), AT_SYMLINK_NOFOLLOW), 0);
+}
+
+void leave_old_dead_socket(const std::string &path)
+{
+    UnixSocket::leave_dead_file(path);
+    make_old(path);
+}
+
+// The file under a name is the one that a socket or mapping was made on.
+bool is_reached(const std::string &path)
+{
+    return UnixSocket::connected(path).is_open();
+}
+
+ino_t inode_of(const std::string &path)
+{
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+} // namespace
+
+TEST(KpHostileStore, LeadsNoCommandOutOfTheStore)
+{
+    const SwappedDirectory directory;
+
+    for (int round = 0; round < 40; ++round) {
+        (void)kp({"gc", "--trust-visible", "--orphans", "--older-than", "0"});
+        (void)kp({"rm", "-f", "d/orphan", "d/counted"});
+        (void)kp({"set", "d/set", "2", "--peer-wait", "0"});
+        (void)kp({"set", "d/new", "2", "--type", "double", "--peer-wait", "0"});
+        (void)kp({"restore", "--force", "--peer-wait", "0"},
+                 {.input = R"({"topic":"d/restored","type":"uint64","value":3,"max":8})"});
+        for (const char *name : {"orphan", "counted"})
+            put_double(std::string("d/") + name, 1);
+        ASSERT_TRUE(directory.is_victim_untouched()) << "round " << round;
+    }
+}
+
+TEST(KpHostileStore, IsNotEnteredThroughALinkOfAnotherUser)
+{
+    if (other_user() == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    fs::remove_all("/dev/shm/zu-kp");
+    fs::create_directories("/run/victim");
+    ASSERT_EQ(symlink("/run/victim", "/dev/shm/zu-kp"), 0);
+    ASSERT_EQ(lchown("/dev/shm/zu-kp", other_user(), other_user()), 0);
+
+    const Ran of_other = kp({"set", "a", "1", "--type", "int8", "--peer-wait", "0"});
+    ASSERT_EQ(lchown("/dev/shm/zu-kp", 0, 0), 0);
+    const Ran of_root = kp({"set", "a", "1", "--type", "int8", "--peer-wait", "0"});
+
+    EXPECT_EQ(of_other.code, 4);
+    EXPECT_EQ(of_root.code, 0);
+    EXPECT_TRUE(exists("/run/victim/a"));
+    fs::remove("/dev/shm/zu-kp");
+    fs::remove_all("/run/victim");
+}
+
+TEST(KpGcRace, LeavesASocketThatIsBoundAndDoesNotListenYet)
+{
+    fs::create_directories(kSockets);
+    const std::string path = std::string(kSockets) + "starting";
+    const int fd = bound_socket(path);
+    make_old(path);
+
+    const Ran ran = kp({"gc"});
+
+    EXPECT_EQ(ran.out, "");
+    EXPECT_TRUE(exists(path));
+    (void)listen(fd, 1);
+    EXPECT_TRUE(is_reached(path));
+    (void)close(fd);
+}
+
+TEST(KpGcRace, ActsBeforeItPrintsHoweverSlowItsReaderIs)
+{
+    constexpr int count = 1500; // more lines than fit into a pipe
+    for (int index = 0; index < count; ++index)
+        leave_old_dead_socket(kSockets + std::to_string(index));
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        (void)dup2(ends[1], STDOUT_FILENO);
+        (void)execl(KP_PROGRAM, "kp", "gc", nullptr);
+        _exit(127);
+    }
+    (void)close(ends[1]);
+
+    EXPECT_TRUE(wait_until([] { return fs::is_empty(kSockets); }));
+    const auto restarted = UnixSocket::listening(std::string(kSockets) + "7");
+    std::string text;
+    std::array<char, 4096> buffer;
+    for (ssize_t size = 1; size > 0; text.append(buffer.data(), static_cast<std::size_t>(size)))
+        size = std::max<ssize_t>(read(ends[0], buffer.data(), buffer.size()), 0);
+    (void)waitpid(pid, nullptr, 0);
+    (void)close(ends[0]);
+
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), count);
+    EXPECT_TRUE(is_reached(std::string(kSockets) + "7"));
+}
+
+TEST(KpGcRace, SaysWhatItCouldNotRemove)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    leave_old_dead_socket(std::string(kSockets) + "gone");
+    ASSERT_EQ(chmod((std::string(kSockets) + "gone").c_str(), 0777), 0);
+    ASSERT_EQ(chmod(kSockets, 01777), 0);
+
+    const Ran ran = kp({"gc"}, {.uid = user});
+
+    EXPECT_EQ(ran.out, "/run/providers/gone: a socket that refuses connections; not removed\n");
+    EXPECT_EQ(ran.err, "kp: /run/providers/gone: Operation not permitted\n");
+    EXPECT_EQ(ran.code, 3);
+}
+
+// Each round a hundred services start again under the names of their dead sockets, in no order and at
+// no set time, while gc runs.
+TEST(KpGcRace, NeverTakesTheSocketOfAServiceThatStartsAgain)
+{
+    constexpr int services = 100;
+    constexpr int rounds = 30;
+    std::mt19937 random(20261122);
+    std::vector<std::string> paths;
+    for (int index = 0; index < services; ++index)
+        paths.push_back(std::string(kSockets) + "service-" + std::to_string(index));
+    int lost = 0;
+    int removed = 0;
+
+    for (int round = 0; round < rounds; ++round) {
+        std::vector<UnixSocket> sockets;
+        for (const std::string &path : paths) {
+            (void)unlink(path.c_str());
+            leave_old_dead_socket(path);
+        }
+        ChildProcess gc({KP_PROGRAM, "gc", "-j"});
+        std::shuffle(paths.begin(), paths.end(), random);
+        for (const std::string &path : paths) {
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 1000));
+            const int fd = bound_socket(path);
+            (void)listen(fd, 1);
+            sockets.emplace_back(fd);
+        }
+        while (gc.hear())
+            ++removed;
+        EXPECT_EQ(gc.wait(), 0);
+        lost += static_cast<int>(std::count_if(
+            paths.begin(), paths.end(), [](const std::string &path) { return !is_reached(path); }));
+    }
+
+    EXPECT_EQ(lost, 0);
+    EXPECT_GT(removed, 0);
+}
+
+// The same with topics whose providers were killed and are started again: what one has open stays linked.
+TEST(KpGcRace, NeverTakesATopicThatAProviderHasJustOpened)
+{
+    constexpr int topics = 50;
+    constexpr int rounds = 30;
+    std::mt19937 random(20261122);
+    int lost = 0;
+    int seen = 0;
+
+    for (int round = 0; round < rounds; ++round) {
+        std::vector<std::string> names;
+        for (int index = 0; index < topics; ++index) {
+            names.push_back("t/" + std::to_string(index));
+            put_double(names.back(), 1);
+            SegmentFile(names.back()).put_u64(at::last_write_ts, 1);
+            SegmentFile(names.back()).put_u8(at::provider_refs, index % 2 ? 1 : 0);
+            make_old(kStore + names.back());
+        }
+        std::shuffle(names.begin(), names.end(), random);
+        ChildProcess gc({KP_PROGRAM, "gc", "-j", "--orphans", "--trust-visible"});
+        std::vector<kp_shm_t *> open;
+        std::vector<ino_t> linked;
+        for (const std::string &name : names) {
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 1000));
+            open.push_back(kp_shm_new(name.c_str(), KP_ROLE_PROVIDER));
+            linked.push_back(inode_of(kStore + name));
+        }
+        while (gc.hear())
+            ++seen;
+        EXPECT_EQ(gc.wait(), 0);
+        for (std::size_t index = 0; index < names.size(); ++index) {
+            lost += inode_of(kStore + names[index]) != linked[index];
+            lost += SegmentFile(names[index]).u8(at::provider_refs) == 0;
+            (void)kp_shm_destroy(open[index], names[index].c_str(), KP_ROLE_PROVIDER);
+        }
+        fs::remove_all("/dev/shm/zu-kp/t");
+    }
+
+    EXPECT_EQ(lost, 0);
+    EXPECT_GT(seen, 0);
+}
+
+TEST(KpGc, LooksAtAllProcessesTwiceForAnyNumberOfTopics)
+{
+    for (int index = 0; index < 200; ++index) {
+        put_double("t/" + std::to_string(index), 1);
+        SegmentFile("t/" + std::to_string(index)).put_u8(at::provider_refs, 1);
+    }
+    const std::string trace = "/run/trace";
+
+    (void)run_program(
+        {"strace", "-f", "-o", trace, "-e", "trace=openat", KP_PROGRAM, "gc", "--trust-visible"});
+
+    const Ran own = run_program({"grep", "-c", "/proc/1/maps", trace});
+    EXPECT_LE(std::stoi(own.out), 2) << own.out;
+    EXPECT_TRUE(fs::is_empty("/dev/shm/zu-kp/t"));
+}
+
+TEST(KpRm, TakesPatternsAndShowsWhatItWouldRemove)
+{
+    put_double("a/x", 1);
+    put_double("a/y", 1);
+    put_double("b", 1);
+    kp_shm_t *used = kp_shm_new("a/used", KP_ROLE_CONSUMER);
+
+    const Ran dry = kp({"rm", "-n", "a/#"});
+    const bool were_left = SegmentFile("a/x").exists() && SegmentFile("a/y").exists();
+    const Ran real = kp({"rm", "a/#"});
+
+    EXPECT_EQ(dry.out, "a/x: would be removed\na/y: would be removed\n");
+    EXPECT_TRUE(were_left);
+    EXPECT_THAT(real.err, HasSubstr("kp: a/used: in use by"));
+    EXPECT_EQ(real.code, 5);
+    EXPECT_FALSE(SegmentFile("a/x").exists() || SegmentFile("a/y").exists());
+    EXPECT_TRUE(SegmentFile("a/used").exists() && SegmentFile("b").exists());
+    EXPECT_EQ(kp({"rm", "none/#"}).err, "kp: \"none/#\": no topic matches\n");
+    (void)kp_shm_destroy(used, "a/used", KP_ROLE_CONSUMER);
+}
+
+TEST(KpSet, SaysWhyATopicsDirectoryCannotBeMade)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    put_double("closed/a", 1);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp/closed", 0755), 0);
+
+    const Ran ran =
+        kp({"set", "closed/deep/b", "1", "--type", "int8", "--peer-wait", "0"}, {.uid = user});
+
+    EXPECT_EQ(ran.err, "kp: closed/deep/b: Permission denied\n");
+    EXPECT_EQ(ran.code, 3);
+}

@@ -1,0 +1,204 @@
+#include "kp/collecting/dead_topics.h"
+
+#include "common/clock.h"
+#include "common/fault_guard.h"
+#include "common/file_lock.h"
+#include "common/text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <tuple>
+
+namespace kp::tool {
+
+namespace {
+
+// Each needs a descriptor while it is locked, of which most programs may have 1024.
+constexpr std::size_t kAtOnce = 500;
+
+bool are_same(const std::vector<Mapper> &a, const std::vector<Mapper> &b)
+{
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const Mapper &x, const Mapper &y) {
+        return std::tie(x.pid, x.writable, x.read_only) == std::tie(y.pid, y.writable, y.read_only);
+    });
+}
+
+std::vector<Mapper> mappers_of(const Mappers &all, const FileId &file)
+{
+    const auto found = all.of_file.find(file);
+    return found == all.of_file.end() ? std::vector<Mapper>() : found->second;
+}
+
+// The counts before the processes are looked at: who opens the topic later changes them.
+std::optional<DeadTopic> suspect(TopicOpener &opener, const std::string &topic,
+                                 const TopicSearch &search, Problem &problem)
+{
+    struct stat status;
+    if (!opener.status(topic, status, problem) || !is_segment_file(status, topic, problem))
+        return std::nullopt;
+    const auto snapshot = read_topic(opener, topic, problem);
+    if (!snapshot)
+        return std::nullopt;
+    DeadTopic dead;
+    dead.topic = topic;
+    dead.file = file_id(status);
+    dead.counted = {snapshot->providers, snapshot->consumers};
+    dead.last_write_ts = snapshot->last_write_ts;
+    dead.changed_us = to_us(status.st_mtim);
+    const bool is_young =
+        std::max(dead.last_write_ts, dead.changed_us) > search.orphans_written_before;
+    if (dead.is_orphan() && (!search.orphans || is_young))
+        return std::nullopt;
+    return dead;
+}
+
+// Only a count of one role alone tells whose handles are gone.
+ReferenceCounts right_counts(const DeadTopic &dead)
+{
+    ReferenceCounts right{};
+    if (dead.open > 0)
+        (dead.counted.providers > 0 ? right.providers : right.consumers) =
+            static_cast<uint8_t>(dead.open);
+    return right;
+}
+
+bool is_dead(const DeadTopic &suspected)
+{
+    return suspected.is_orphan() ? suspected.mappers.empty()
+                                 : suspected.open < suspected.counted.sum();
+}
+
+// A topic with its lock, between the second proof and the deed.
+struct Held {
+    const DeadTopic *dead = nullptr;
+    UniqueFd fd;
+    std::unique_ptr<FileLock> lock; // given back before the descriptor
+    DeedResult result;
+
+    bool is_ready() const
+    {
+        return lock && lock->is_held();
+    }
+};
+
+Held hold(TopicOpener &opener, const DeadTopic &dead)
+{
+    Problem problem;
+    Held held{
+        &dead, opener.open(dead.topic, problem, dead.is_orphan() ? O_RDONLY : O_RDWR), {}, {}};
+    struct stat status;
+    if (!held.fd) {
+        if (problem.code != kNothing)
+            held.result = {Deed::failed, problem};
+    } else if (!dead.is_ambiguous() && fstat(held.fd.get(), &status) == 0 &&
+               file_id(status) == dead.file) {
+        held.lock = std::make_unique<FileLock>(held.fd);
+    }
+    return held;
+}
+
+bool still_counts(const Held &held)
+{
+    ReferenceCounts counts{};
+    uint64_t last_write_ts = 0;
+    struct stat status;
+    return fstat(held.fd.get(), &status) == 0 &&
+           pread(held.fd.get(), &counts, sizeof(counts), offsetof(Segment, refs)) ==
+               sizeof(counts) &&
+           pread(held.fd.get(), &last_write_ts, sizeof(last_write_ts),
+                 offsetof(Segment, last_write_ts)) == sizeof(last_write_ts) &&
+           counts.providers == held.dead->counted.providers &&
+           counts.consumers == held.dead->counted.consumers &&
+           (!held.dead->is_orphan() || (last_write_ts == held.dead->last_write_ts &&
+                                        to_us(status.st_mtim) == held.dead->changed_us));
+}
+
+// Changes the counts unless they have changed since the look.
+DeedResult replace_counts(const Held &held)
+{
+    void *memory =
+        mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, held.fd.get(), 0);
+    if (memory == MAP_FAILED)
+        return {Deed::failed, system_problem(escaped(held.dead->topic), errno)};
+    ReferenceCounts &counts = static_cast<Segment *>(memory)->refs;
+    bool is_replaced = false;
+    (void)guarded([&] { is_replaced = replace_if(counts, held.dead->counted, held.dead->right); });
+    (void)munmap(memory, kSegmentSize);
+    return {is_replaced ? Deed::done : Deed::changed, {}};
+}
+
+DeedResult act_on(TopicOpener &opener, const Held &held)
+{
+    const DeadTopic &dead = *held.dead;
+    if (!dead.is_orphan()) {
+        DeedResult replaced = replace_counts(held);
+        if (replaced.deed != Deed::done || !dead.is_removed())
+            return replaced;
+    }
+    Problem problem;
+    struct stat status;
+    if (fstat(held.fd.get(), &status) != 0 || status.st_size != kSegmentSize)
+        return {};
+    if (opener.remove_same(dead.topic, dead.file, problem))
+        return {Deed::done, {}};
+    return problem.code == kPermission ? DeedResult{Deed::failed, problem} : DeedResult{};
+}
+
+void bury_some(const DeadTopic *first, std::size_t count, std::vector<DeedResult> &deeds)
+{
+    TopicOpener opener;
+    std::vector<Held> all;
+    for (std::size_t index = 0; index < count; ++index)
+        all.push_back(hold(opener, first[index]));
+    const Mappers mappers = find_mappers(first->file.device);
+    opener.start_round();
+    for (Held &held : all) {
+        if (held.is_ready() && still_counts(held) &&
+            are_same(mappers_of(mappers, held.dead->file), held.dead->mappers))
+            held.result = act_on(opener, held);
+        held.lock.reset();
+        deeds.push_back(std::move(held.result));
+    }
+}
+
+} // namespace
+
+DeadTopics find_dead_topics(const StoreListing &listing, const TopicSearch &search)
+{
+    DeadTopics found;
+    TopicOpener opener;
+    for (const StoreFile &file : listing.files) {
+        Problem problem;
+        if (auto dead = suspect(opener, file.topic, search, problem))
+            found.topics.push_back(std::move(*dead));
+        else if (problem.code != kDone && problem.code != kNothing)
+            found.problems.push_back(std::move(problem));
+    }
+    if (found.topics.empty())
+        return found;
+    const Mappers mappers = find_mappers(found.topics.front().file.device);
+    for (DeadTopic &dead : found.topics) {
+        dead.mappers = mappers_of(mappers, dead.file);
+        dead.open = mappers.open_handles(dead.file);
+        dead.right = right_counts(dead);
+    }
+    std::erase_if(found.topics, [](const DeadTopic &dead) { return !is_dead(dead); });
+    found.sees_everybody = found.topics.empty() || search.trust_visible ||
+                           (mappers.unreadable.empty() && sees_all_processes());
+    if (!found.sees_everybody)
+        found.topics.clear();
+    return found;
+}
+
+std::vector<DeedResult> bury_topics(const std::vector<DeadTopic> &topics)
+{
+    std::vector<DeedResult> deeds;
+    for (std::size_t first = 0; first < topics.size(); first += kAtOnce)
+        bury_some(&topics[first], std::min(kAtOnce, topics.size() - first), deeds);
+    return deeds;
+}
+
+} // namespace kp::tool

@@ -1,0 +1,44 @@
+#include "kp/collecting/empty_directories.h"
+
+#include "common/clock.h"
+#include "common/text.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kp::tool {
+
+// It is nobody's in particular when it is like its parent in owner, group and mode.
+bool is_empty_and_unused(const std::string &directory, uint64_t unchanged_since_us)
+{
+    TopicOpener opener;
+    Problem problem;
+    const auto place = opener.locate(directory, problem);
+    struct stat own;
+    struct stat above;
+    if (!place || fstat(place->directory, &above) != 0 ||
+        fstatat(place->directory, place->name.c_str(), &own, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    const bool is_common =
+        own.st_uid == above.st_uid && own.st_gid == above.st_gid && own.st_mode == above.st_mode;
+    const auto entries = list_directory(directory, problem);
+    return is_common && to_us(own.st_mtim) <= unchanged_since_us && entries &&
+           entries->files.empty() && entries->directories.empty();
+}
+
+Deed remove_empty_directory(const std::string &directory, Problem &problem)
+{
+    TopicOpener opener;
+    const auto place = opener.locate(directory, problem);
+    if (!place)
+        return Deed::changed;
+    if (unlinkat(place->directory, place->name.c_str(), AT_REMOVEDIR) == 0)
+        return Deed::done;
+    if (errno == ENOTEMPTY || errno == ENOENT || errno == ENOTDIR)
+        return Deed::changed;
+    problem = system_problem(escaped(directory), errno);
+    return Deed::failed;
+}
+
+} // namespace kp::tool
