@@ -3,6 +3,8 @@
 #include "common/clock.h"
 
 #include <algorithm>
+#include <fstream>
+#include <sys/resource.h>
 
 namespace kp::tool {
 
@@ -10,8 +12,10 @@ namespace {
 
 // Directory times move in steps of the kernel's clock tick, at most 10 ms.
 constexpr uint64_t kClockTickUs = 20'000;
-// Of the 65,530 mappings that a process has on most systems; the rest is for its own memory.
-constexpr std::size_t kMostMappings = 60'000;
+// So many of its mappings a program keeps for its own memory, and of its descriptors for other files.
+constexpr std::size_t kOwnMappings = 5'000;
+constexpr std::size_t kOwnDescriptors = 200;
+constexpr std::size_t kUsualMappings = 65'530;
 // Nothing in its directory tells that a file can be opened again.
 constexpr uint64_t kRetryUs = kUsPerSecond;
 
@@ -21,6 +25,28 @@ bool same_time(const timespec &a, const timespec &b)
 }
 
 } // namespace
+
+LiveStore::Limits LiveStore::system_limits()
+{
+    std::size_t mappings = kUsualMappings;
+    std::ifstream("/proc/sys/vm/max_map_count") >> mappings;
+    rlimit descriptors{};
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0) {
+        descriptors.rlim_cur = descriptors.rlim_max;
+        (void)setrlimit(RLIMIT_NOFILE, &descriptors);
+        (void)getrlimit(RLIMIT_NOFILE, &descriptors);
+    }
+    const auto less = [](std::size_t all, std::size_t own) { return all > own ? all - own : 0; };
+    return {less(mappings, kOwnMappings), less(descriptors.rlim_cur, kOwnDescriptors)};
+}
+
+Means LiveStore::means_left() const
+{
+    if (SegmentReader::count_by(Means::mapping) < limits_.mappings)
+        return Means::mapping;
+    return SegmentReader::count_by(Means::descriptor) < limits_.descriptors ? Means::descriptor
+                                                                            : Means::name;
+}
 
 void LiveStore::refresh()
 {
@@ -108,9 +134,7 @@ void LiveStore::follow(const StoreFile &file)
 void LiveStore::open(const std::string &topic)
 {
     Problem problem;
-    auto reader =
-        SegmentReader::open(opener_, topic, problem,
-                            topics_.size() < kMostMappings ? Means::mapping : Means::descriptor);
+    auto reader = SegmentReader::open(opener_, topic, problem, means_left());
     if (reader) {
         refused_.erase(topic);
         topics_.insert_or_assign(topic, LiveTopic{topic, std::move(*reader), {}, true, false});

@@ -1,4 +1,4 @@
-// The topics of a selection, kept mapped and looked at again and again: new ones are found, those
+// The topics of a selection, kept mapped or open as far as the system allows, and looked at again and again: new ones are found, those
 // that vanish are dropped, and one that was removed and made anew is followed in its new file. A file
 // that cannot be read is tried again now and then: it may be given back its rights or its size.
 #pragma once
@@ -20,19 +20,42 @@ struct LiveTopic {
     bool is_new = true;      // not looked at yet
     bool unfinished = false; // a write was going on at the last look
     bool was_stuck = false;  // the same write, which does not end
+    bool is_due = false;     // to be brought again whatever the next look sees
+
+    // To be called with what was read after a look: it can be of a later write than the look saw, which
+    // must not be brought again. What could not be read whole comes again.
+    void note_read(const Snapshot &snapshot)
+    {
+        is_due = snapshot.condition == Condition::busy;
+        if (!is_due)
+            seen = stamp_of(snapshot);
+    }
 };
 
 class LiveStore {
   public:
-    explicit LiveStore(const Selection &selection) : selection_(selection)
+    // How many topics may be kept mapped, and how many open; the others are opened for each look.
+    struct Limits {
+        std::size_t mappings;
+        std::size_t descriptors;
+    };
+    // What the system allows, less what the program needs for itself. Raises the process's limit of
+    // descriptors as far as it may.
+    static Limits system_limits();
+
+    explicit LiveStore(const Selection &selection, const Limits &limits = system_limits())
+        : selection_(selection), limits_(limits)
     {
     }
+    LiveStore(const LiveStore &) = delete; // its readers refer to its opener
+    LiveStore &operator=(const LiveStore &) = delete;
 
     // Looks into the directories that changed since the last time, and once a second at the files
     // that could not be read.
     void refresh();
 
-    // Calls `use(topic, is_new)` for each topic that was written since the last look.
+    // Calls `use(topic, is_new)` for each topic that was written since the last look. Who reads the topic
+    // then calls its note_read().
     template <typename Use> void for_each_change(const Use &use)
     {
         for (auto &[name, live] : topics_)
@@ -83,6 +106,7 @@ class LiveStore {
     void scan(const std::string &directory, DirectoryState &state);
     void follow(const StoreFile &file);
     void open(const std::string &topic);
+    Means means_left() const;
     void drop_files(const DirectoryState &state, const std::vector<StoreFile> &now);
     void drop_lost();
     void report_if_stuck(LiveTopic &live);
@@ -96,8 +120,9 @@ class LiveStore {
         }
         if (std::exchange(live.unfinished, stamp->writing == 1) && live.unfinished)
             report_if_stuck(live);
-        if (live.unfinished || (!live.is_new && stamp->same_write(live.seen)))
+        if (live.unfinished || (!live.is_new && !live.is_due && stamp->same_write(live.seen)))
             return; // a write in progress is seen at the next look
+        live.is_due = false;
         live.was_stuck = false;
         const bool is_new = std::exchange(live.is_new, false);
         live.seen = *stamp;
@@ -105,6 +130,7 @@ class LiveStore {
     }
 
     const Selection &selection_;
+    const Limits limits_;
     TopicOpener opener_;
     std::map<std::string, LiveTopic> topics_;
     std::map<std::string, DirectoryState> directories_;

@@ -59,6 +59,10 @@ bool same_write(const uint8_t *source, const Copy &copy, std::size_t end)
            std::memcmp(source + kCountsEnd, known + kCountsEnd, end - kCountsEnd) == 0;
 }
 
+// Of all readers. Plain numbers: readers are opened and destroyed by one thread.
+std::size_t mapped_readers = 0;
+std::size_t open_readers = 0;
+
 enum class Look { good, disturbed, no_segment };
 
 Look good_if(bool is_good)
@@ -234,31 +238,50 @@ WriteStamp stamp_of(const Segment &segment)
 
 } // namespace
 
+WriteStamp stamp_of(const Snapshot &snapshot)
+{
+    return {snapshot.last_write_ts, snapshot.source_ts, snapshot.size,
+            snapshot.quality,       snapshot.flags,     snapshot.writing};
+}
+
 const char *Snapshot::type_name() const
 {
     return flags & kValid ? kp_type2str(type) : nullptr;
 }
 
 SegmentReader::SegmentReader(SegmentReader &&other) noexcept
-    : segment_(std::exchange(other.segment_, nullptr)), fd_(std::move(other.fd_)),
-      inode_(other.inode_)
 {
+    swap(other);
 }
 
 SegmentReader &SegmentReader::operator=(SegmentReader &&other) noexcept
 {
+    swap(other);
+    return *this;
+}
+
+void SegmentReader::swap(SegmentReader &other) noexcept
+{
     std::swap(segment_, other.segment_);
+    std::swap(opener_, other.opener_);
+    std::swap(topic_, other.topic_);
     std::swap(inode_, other.inode_);
     const int fd = fd_.release();
     fd_.reset(other.fd_.release());
     other.fd_.reset(fd);
-    return *this;
 }
 
 SegmentReader::~SegmentReader()
 {
+    mapped_readers -= segment_ != nullptr;
+    open_readers -= static_cast<bool>(fd_);
     if (segment_)
         (void)munmap(const_cast<Segment *>(segment_), kSegmentSize);
+}
+
+std::size_t SegmentReader::count_by(Means means)
+{
+    return means == Means::mapping ? mapped_readers : means == Means::descriptor ? open_readers : 0;
 }
 
 std::optional<SegmentReader> SegmentReader::open(TopicOpener &opener, const std::string &topic,
@@ -274,6 +297,11 @@ std::optional<SegmentReader> SegmentReader::open(TopicOpener &opener, const std:
     }
     SegmentReader reader;
     reader.inode_ = status.st_ino;
+    if (means == Means::name) {
+        reader.opener_ = &opener;
+        reader.topic_ = topic;
+        return reader;
+    }
     void *memory = means == Means::mapping
                        ? mmap(nullptr, kSegmentSize, PROT_READ, MAP_SHARED, fd.get(), 0)
                        : MAP_FAILED;
@@ -281,27 +309,45 @@ std::optional<SegmentReader> SegmentReader::open(TopicOpener &opener, const std:
         reader.segment_ = static_cast<const Segment *>(memory);
     else
         reader.fd_.reset(fd.release());
+    ++(reader.segment_ ? mapped_readers : open_readers);
     return reader;
+}
+
+// Empty when it is not the file any more that was opened first.
+UniqueFd SegmentReader::reopen() const
+{
+    Problem ignored;
+    struct stat status;
+    UniqueFd fd = opener_->open(topic_, ignored);
+    if (fd && (fstat(fd.get(), &status) != 0 || status.st_ino != inode_))
+        fd.reset();
+    return fd;
 }
 
 std::optional<Snapshot> SegmentReader::read() const
 {
-    return segment_ ? read_from(MappedSource(*segment_), inode_)
-                    : read_from(FileSource(fd_), inode_);
+    if (segment_)
+        return read_from(MappedSource(*segment_), inode_);
+    if (fd_)
+        return read_from(FileSource(fd_), inode_);
+    const UniqueFd fd = reopen();
+    return fd ? read_from(FileSource(fd), inode_) : std::nullopt;
 }
 
 std::optional<WriteStamp> SegmentReader::stamp() const
 {
-    if (!segment_) {
-        Segment segment;
-        if (pread(fd_.get(), &segment, kFieldsEnd, 0) != static_cast<ssize_t>(kFieldsEnd))
-            return std::nullopt;
-        return stamp_of(segment);
-    }
     WriteStamp stamp;
-    if (!guarded([&] { stamp = stamp_of(*segment_); }))
+    if (segment_) {
+        if (!guarded([&] { stamp = stamp_of(*segment_); }))
+            return std::nullopt;
+        return stamp;
+    }
+    Segment segment;
+    const UniqueFd opened = fd_ ? UniqueFd() : reopen();
+    const int fd = fd_ ? fd_.get() : opened.get();
+    if (pread(fd, &segment, kFieldsEnd, 0) != static_cast<ssize_t>(kFieldsEnd))
         return std::nullopt;
-    return stamp;
+    return stamp_of(segment);
 }
 
 std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic, Problem &problem)

@@ -73,9 +73,13 @@ struct WriteStamp {
     }
 };
 
-// How an open segment is looked at. A mapping is faster from the second look on, but a process has
-// 65,530 of them on most systems; a descriptor needs none.
-enum class Means { mapping, descriptor };
+// What a look would have seen that saw the write of which a snapshot was taken.
+WriteStamp stamp_of(const Snapshot &snapshot);
+
+// How a segment is looked at that is looked at often. A mapping is fastest, but a process has 65,530 of
+// them on most systems; a descriptor is the next best, of which it has as many as its limit says; the
+// name alone takes neither, and is opened for each look.
+enum class Means { mapping, descriptor, name };
 
 // A segment that stays open, to be looked at again and again. Any thread may look, one at a time.
 // Looks through a mapping need catch_bus_errors() to have been called.
@@ -88,11 +92,11 @@ class SegmentReader {
     ~SegmentReader();
 
     // Nothing, with a problem, when there is no such segment. Takes a descriptor where no mapping is
-    // left.
+    // left. A reader by name keeps the opener, which must outlive it.
     static std::optional<SegmentReader> open(TopicOpener &opener, const std::string &topic,
                                              Problem &problem, Means means = Means::mapping);
 
-    // Nothing when the file was cut short.
+    // Nothing when the file was cut short, or by name when another took its place.
     std::optional<Snapshot> read() const;
     std::optional<WriteStamp> stamp() const;
 
@@ -102,14 +106,20 @@ class SegmentReader {
     }
     Means means() const
     {
-        return segment_ ? Means::mapping : Means::descriptor;
+        return segment_ ? Means::mapping : fd_ ? Means::descriptor : Means::name;
     }
+    // How many readers of this process use a means that is scarce.
+    static std::size_t count_by(Means means);
 
   private:
     SegmentReader() = default;
+    UniqueFd reopen() const;
+    void swap(SegmentReader &other) noexcept;
 
     const Segment *segment_ = nullptr; // null without a mapping
-    UniqueFd fd_;                      // empty with a mapping
+    UniqueFd fd_;                      // empty but for Means::descriptor
+    TopicOpener *opener_ = nullptr;    // null but for Means::name
+    std::string topic_;                // the same
     ino_t inode_ = 0;
 };
 

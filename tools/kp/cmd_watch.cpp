@@ -102,17 +102,19 @@ class Watch {
                        notice->test(kp_hash(live.topic.c_str())) ||
                        notice->test(kp_hash(("/" + live.topic).c_str()));
             },
-            [this](const LiveTopic &live, bool) { print(live); });
+            [this](LiveTopic &live, bool) { print(live); });
         (void)output().flush();
         for (const Problem &problem : store_.take_problems())
             outcome_.note(problem);
     }
 
-    void print(const LiveTopic &live)
+    void print(LiveTopic &live)
     {
         if (is_complete() || (is_first_look_ && options_.no_initial))
             return;
         auto snapshot = live.reader.read();
+        if (snapshot)
+            live.note_read(*snapshot);
         if (snapshot && snapshot->condition == Condition::corrupt)
             store_.report(value_problem(live.topic, *snapshot));
         if (!snapshot || snapshot->condition != Condition::value)
