@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -224,4 +225,20 @@ TEST(KpList, RefusesAnUnknownOption)
     EXPECT_EQ(ran.out, "");
     EXPECT_THAT(ran.err, testing::HasSubstr("--nonsense"));
     EXPECT_EQ(ran.code, 2);
+}
+
+TEST(KpList, KeepsEachRowOfTheLongFormOnOneLineOfTheTerminal)
+{
+    const std::string name = "plant/" + std::string(100, 'x');
+    put_text(name, std::string(60, 'v'));
+
+    const Ran ran = run_program(
+        {"script", "-qec", "stty cols 80; '" KP_PROGRAM "' --color never list -l", "/dev/null"});
+
+    std::istringstream lines(ran.out);
+    std::size_t widest = 0;
+    for (std::string line; std::getline(lines, line);)
+        widest = std::max(widest, line.size() - (line.ends_with('\r') ? 1 : 0));
+    EXPECT_LE(widest, 80U + 4U) << ran.out; // two ellipses take three bytes each
+    EXPECT_NE(kp({"list", "-l"}).out.find(name), std::string::npos);
 }

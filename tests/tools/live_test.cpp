@@ -160,6 +160,61 @@ TEST(KpHz, SaysWhichDirectoryItMayNotRead)
     EXPECT_EQ(ran.code, 3);
 }
 
+// A writer far faster than any look, with the present time in each write.
+static int write_fast(Channel &parent)
+{
+    kp_shm_t *shm = kp_shm_new("fast", KP_ROLE_PROVIDER);
+    (void)kp_shm_set_provider_info(shm, KP_TYPE_UINT64, 8, 0);
+    (void)parent.tell("writing");
+    while (!parent.hear(std::chrono::milliseconds(0)))
+        for (int count = 0; count < 50; ++count) {
+            const uint64_t now = kp_shm_get_timestamp_us();
+            (void)kp_shm_write(shm, &now, sizeof(now), now, 1, now);
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
+    (void)kp_shm_destroy(shm, "fast", KP_ROLE_PROVIDER);
+    return 0;
+}
+
+TEST(KpTop, MarksARateThatIsOnlyALowerBound)
+{
+    ChildProcess writer(write_fast);
+    ASSERT_EQ(writer.hear(), "writing");
+    const TopInTerminal top;
+
+    EXPECT_TRUE(top.shows(testing::ContainsRegex("fast +uint64 .* >=(9|10)\\.[0-9]")));
+    (void)writer.tell("end");
+}
+
+TEST(KpTop, SeesNoTopicWrittenInTheFuture)
+{
+    ChildProcess writer(write_fast);
+    ASSERT_EQ(writer.hear(), "writing");
+    const TopInTerminal top;
+    ASSERT_TRUE(top.shows(HasSubstr("fast")));
+
+    int in_the_future = 0;
+    for (int look = 0; look < 30; ++look) {
+        in_the_future += top.screen().find("future") != std::string::npos;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+
+    EXPECT_EQ(in_the_future, 0);
+    (void)writer.tell("end");
+}
+
+TEST(KpRecord, PrintsNoWriteTwice)
+{
+    ChildProcess writer(write_fast);
+    ASSERT_EQ(writer.hear(), "writing");
+
+    const Ran ran = kp({"record", "fast", "--rate", "10000", "-t", "1"});
+
+    EXPECT_GT(std::count(ran.out.begin(), ran.out.end(), '\n'), 100);
+    EXPECT_EQ(filtered(ran.out, {"jq", "-s", "map(.ts) | length - (unique | length)"}), "0\n");
+    (void)writer.tell("end");
+}
+
 TEST(KpTop, CountsWhatItCannotRead)
 {
     put_double("a", 1);
@@ -187,12 +242,12 @@ TEST(KpTop, ShowsTopicsAndFollowsThem)
 
     EXPECT_TRUE(top.shows(testing::StartsWith(
         "kp top  2 topics  by topic  (h: help)\n"
-        "TOPIC                          TYPE      VALUE                  QUAL      AGE      "
-        "RATE  PROV  CONS\n"
-        "plant/name                     string    north                     1   future       "
-        "0.0     0     0\n"
-        "plant/speed                    double    21.5                      1   future       "
-        "0.0     0     0")));
+        "TOPIC            TYPE      VALUE                                 QUAL      AGE      RATE  "
+        "PROV  CONS\n"
+        "plant/name       string    north                                    1   future       0.0  "
+        "   0     0\n"
+        "plant/speed      double    21.5                                     1   future       0.0  "
+        "   0     0")));
     put_double("plant/speed", 22.5);
     EXPECT_TRUE(top.shows(AllOf(HasSubstr("22.5"), HasSubstr("double    22.5"))));
     put_double("plant/third", 1);
@@ -237,7 +292,7 @@ TEST(KpTop, FollowsTheSizeOfItsTerminal)
     top.resize("130", "10");
 
     EXPECT_TRUE(wait_until([&] {
-        return top.screen().find("TOPIC" + std::string(56, ' ') + "TYPE") != std::string::npos;
+        return top.screen().find("VALUE" + std::string(63, ' ') + "QUAL") != std::string::npos;
     })) << top.screen();
 }
 
@@ -295,6 +350,55 @@ TEST(KpTop, QuitsByF10WhateverItIsDoing)
     top.type("F10");
 
     EXPECT_TRUE(top.shows(AllOf(HasSubstr("code 0"), Not(HasSubstr("CONS")))));
+}
+
+TEST(KpTop, ShowsTheWholeValueAndItsUsersOnEnter)
+{
+    kp_shm_t *shm = kp_shm_new("b", KP_ROLE_CONSUMER);
+    put_double("a", 1);
+    put_text("b", std::string(300, 'x') + "the end");
+    const TopInTerminal top;
+    ASSERT_TRUE(top.shows(AllOf(HasSubstr("CONS"), HasSubstr("xxx"), Not(HasSubstr("the end")))));
+
+    top.type("Down");
+    top.type("Down");
+    top.type("Enter");
+
+    EXPECT_TRUE(top.shows(AllOf(HasSubstr("the end"), HasSubstr("quality    1"),
+                                HasSubstr("0 providers, 1 consumers"), HasSubstr(shown(getpid())),
+                                Not(HasSubstr("CONS")))));
+    top.type("Escape");
+    EXPECT_TRUE(top.shows(AllOf(HasSubstr("CONS"), Not(HasSubstr("the end")))));
+    (void)kp_shm_destroy(shm, "b", KP_ROLE_CONSUMER);
+}
+
+TEST(KpTop, DrawsTheLastMinuteOfANumber)
+{
+    ChildProcess writer([](Channel &parent) {
+        for (double value = 1; !parent.hear(std::chrono::milliseconds(200)); value += 1)
+            put_double("rising", value);
+        return 0;
+    });
+    const TopInTerminal top;
+
+    EXPECT_TRUE(top.shows(testing::ContainsRegex("rising +double +[0-9.]+ .*\u2581.*\u2588")));
+    (void)writer.tell("end");
+}
+
+TEST(KpTop, KeepsItsCursorOnItsTopic)
+{
+    for (int index = 10; index < 50; ++index)
+        put_double("t/" + std::to_string(index), index);
+    const TopInTerminal top;
+    ASSERT_TRUE(top.shows(AllOf(HasSubstr("t/10"), Not(HasSubstr("t/49")))));
+
+    top.type("End");
+    EXPECT_TRUE(top.shows(AllOf(HasSubstr("t/49"), Not(HasSubstr("t/10")))));
+    top.type("r");
+    EXPECT_TRUE(top.shows(AllOf(HasSubstr("reversed"), HasSubstr("t/49"))));
+    top.type("Enter");
+
+    EXPECT_TRUE(top.shows(HasSubstr("topic      t/49")));
 }
 
 TEST(KpTop, EscapesWhatCouldSteerTheTerminal)

@@ -5,6 +5,7 @@
 #include "common/text.h"
 #include "counts_lock.h"
 #include "finding.h"
+#include "kp/spelled_tags.h"
 #include "time_text.h"
 
 #include <algorithm>
@@ -55,7 +56,7 @@ class StoreCheck {
         Selection everything;
         const StoreListing listing = list_store(everything);
         report_closed(listing);
-        struct stat root;
+        struct stat root {};
         if (stat(kStoreRoot, &root) == 0)
             mappers_ = find_mappers(root.st_dev);
         for (const StoreFile &file : listing.files)
@@ -68,6 +69,7 @@ class StoreCheck {
         report_repeated();
         report_dead_files(listing);
         report_mappings();
+        report_spellings(root.st_dev);
         return listing.files.size();
     }
 
@@ -243,6 +245,25 @@ class StoreCheck {
                     told.insert(mapper.pid).second)
                     add(Severity::error, "dead-file", process_text(process_of(mapper.pid)),
                         "has a topic open whose file was removed, and sees no new values", "");
+    }
+
+    // The bucket of a change notice is that of the topic as its writer spells it.
+    void report_spellings(dev_t store)
+    {
+        std::set<std::string> told;
+        for (const auto &[file, tags] : find_spelled_tags(store))
+            for (const SpelledTag &consumer : tags)
+                for (const SpelledTag &provider : tags)
+                    if (consumer.role == KP_ROLE_CONSUMER && provider.role == KP_ROLE_PROVIDER &&
+                        kp_hash(consumer.topic.c_str()) != kp_hash(provider.topic.c_str()) &&
+                        told.insert(std::to_string(consumer.pid) + consumer.topic).second)
+                        add(Severity::warning, "spelling", escaped(consumer.topic),
+                            process_text(process_of(consumer.pid)) +
+                                " follows it under this name and never hears of a change: its "
+                                "provider " +
+                                process_text(process_of(provider.pid)) + " calls it " +
+                                escaped(provider.topic),
+                            "");
     }
 
     // Each open topic is a mapping, of which a process can have so many.

@@ -7,12 +7,16 @@
 
 #include <algorithm>
 #include <array>
+#include <numeric>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace kp::tool {
 
 namespace {
 
 constexpr std::size_t kValueColumns = 40;
+constexpr std::size_t kLeastColumns = 12; // of a name or value
 
 struct ListOptions {
     SelectionOptions selection;
@@ -59,10 +63,28 @@ std::string table_line(const Cells &cells, const std::array<std::size_t, 7> &wid
     for (std::size_t column = 0; column < cells.size(); ++column) {
         const bool text = column < 3;
         line += column == 0 ? "" : "  ";
-        line += text ? padded(cells[column], widths[column])
+        line += text ? padded(shortened(cells[column], widths[column]), widths[column])
                      : padded_left(cells[column], widths[column]);
     }
     return line;
+}
+
+// Takes from the values and then from the names what a terminal has no room for, so that each row stays
+// one line. Files and pipes get all.
+void fit_to_terminal(std::array<std::size_t, 7> &widths)
+{
+    winsize size{};
+    if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 ||
+        size.ws_col == 0)
+        return;
+    const std::size_t all = std::accumulate(widths.begin(), widths.end(), 2 * (widths.size() - 1));
+    std::size_t excess = all - std::min<std::size_t>(all, size.ws_col);
+    for (const std::size_t column : {std::size_t{2}, std::size_t{0}}) {
+        const std::size_t taken =
+            std::min(excess, widths[column] - std::min(widths[column], kLeastColumns));
+        widths[column] -= taken;
+        excess -= taken;
+    }
 }
 
 void print_table(const std::vector<Row> &rows, const ListOptions &options)
@@ -75,6 +97,7 @@ void print_table(const std::vector<Row> &rows, const ListOptions &options)
     for (const Cells &cells : lines)
         for (std::size_t column = 0; column < cells.size(); ++column)
             widths[column] = std::max(widths[column], display_width(cells[column]));
+    fit_to_terminal(widths);
     output().line(colored(table_line(titles, widths), Color::bold));
     for (std::size_t index = 0; index < rows.size(); ++index)
         output().line(painted(table_line(lines[index + 1], widths), rows[index].snapshot));

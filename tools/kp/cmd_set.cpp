@@ -10,7 +10,9 @@
 #include "row_format.h"
 #include "writer.h"
 
+#include <algorithm>
 #include <iostream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kp::tool {
@@ -22,6 +24,7 @@ constexpr std::size_t kMostInput = 1 << 20;
 struct SetOptions {
     std::string topic;
     std::string value;
+    std::vector<std::string> more;
     std::string type;
     int quality = -1;
     std::string source_time;
@@ -120,18 +123,55 @@ int send_notice(NoticeSender &sender, const SetOptions &options)
                                                                                 : complain(problem);
 }
 
-int set_one(const SetOptions &options)
+// Stores what the options' topic and value say, and marks it for the next notice.
+bool store_one(const SetOptions &options, NoticeSender &sender, Problem &problem)
 {
-    Problem problem;
-    NoticeSender sender;
     const auto write = requested_write(options, problem);
     const auto target = write ? find_target(*write, problem) : std::nullopt;
     const auto bytes = target ? value_bytes(options, target->type, problem) : std::nullopt;
     if (!bytes || !store_value(*write, *target, bytes, problem))
-        return complain(problem);
+        return false;
     print_change(options, *write, *target);
     sender.mark(write->topic, write->spelling, target->is_new);
-    return send_notice(sender, options);
+    return true;
+}
+
+int set_one(const SetOptions &options)
+{
+    Problem problem;
+    NoticeSender sender;
+    return store_one(options, sender, problem) ? send_notice(sender, options) : complain(problem);
+}
+
+// "topic=value", as often as it is there. Each is tried, as with a batch.
+int set_assignments(SetOptions options, const std::vector<std::string> &words)
+{
+    Outcome outcome;
+    NoticeSender sender;
+    for (const std::string &word : words) {
+        const std::size_t sign = word.find('=');
+        options.topic = word.substr(0, sign);
+        options.value = word.substr(sign + 1);
+        Problem problem{kUsage, escaped(word) + ": a value is needed, and not an empty one"};
+        if (options.value.empty() || !store_one(options, sender, problem))
+            outcome.note(problem);
+    }
+    outcome.note(send_notice(sender, options));
+    return outcome.code();
+}
+
+// Words are assignments when all have the sign, unless they are two and the first is a topic's name.
+bool are_assignments(const std::vector<std::string> &words)
+{
+    const auto has_sign = [](const std::string &word) {
+        return word.find('=') != std::string::npos && word[0] != '=';
+    };
+    Problem ignored;
+    struct stat status;
+    TopicOpener opener;
+    const auto first = words.size() == 2 ? normal_topic(words[0], ignored) : std::nullopt;
+    return !words.empty() && std::all_of(words.begin(), words.end(), has_sign) &&
+           !(first && opener.status(*first, status, ignored));
 }
 
 // Every line is tried; a bad one is told with its number and the others are stored all the same.
@@ -167,10 +207,16 @@ int run_set(const SetOptions &options)
             return set_batch(options);
         return complain(Problem{kUsage, "--batch takes its topics from standard input"});
     }
-    if (options.topic.empty() || options.value.empty())
-        return complain(Problem{kUsage, options.topic.empty()
-                                            ? "a topic and a value are needed"
-                                            : "a value is needed, and not an empty one"});
+    std::vector<std::string> words = {options.topic, options.value};
+    words.insert(words.end(), options.more.begin(), options.more.end());
+    words.erase(std::find(words.begin(), words.end(), ""), words.end());
+    if (are_assignments(words))
+        return set_assignments(options, words);
+    if (!options.more.empty())
+        return complain(Problem{kUsage, "several topics are set as topic=value topic=value"});
+    if (words.size() < 2)
+        return complain(Problem{kUsage, words.empty() ? "a topic and a value are needed"
+                                                      : "a value is needed, and not an empty one"});
     return set_one(options);
 }
 
@@ -182,9 +228,11 @@ void add_set(Commands &commands)
     CLI::App &command = commands.add("set", "write a value; prints old and new",
                                      [options] { return run_set(*options); });
     command.alias("put");
-    command.add_option("topic", options->topic, "the topic")->type_name("TOPIC");
+    command.add_option("topic", options->topic, "the topic, or TOPIC=VALUE")->type_name("TOPIC");
     command.add_option("value", options->value, "the value; - takes it from standard input")
         ->type_name("VALUE");
+    command.add_option("more", options->more, "any number of TOPIC=VALUE")
+        ->type_name("TOPIC=VALUE");
     CLI::Option *type = command.add_option("--type", options->type, "the type of a new topic");
     type->type_name("TYPE")->check(CLI::Validator(
         [](std::string &name) {

@@ -1,13 +1,15 @@
 // kp top: the live view. It samples as watch does and draws less often than it samples.
 #include "checks.h"
 #include "commands.h"
-#include "common/live_store.h"
+#include "common/clock.h"
 #include "common/text.h"
+#include "kp/top/topic_page.h"
 #include "row_format.h"
 #include "screen.h"
 #include "selection_options.h"
 #include "stop.h"
 
+#include <algorithm>
 #include <array>
 #include <unistd.h>
 
@@ -16,8 +18,11 @@ namespace kp::tool {
 namespace {
 
 constexpr uint64_t kSampleUs = 100'000;
-constexpr double kRateMemory = 0.7;       // of the last rate in the new one, each second
-constexpr std::size_t kFixedColumns = 70; // all but the topic
+constexpr int kFirstRow = 2;              // below the status and the titles
+constexpr std::size_t kOtherColumns = 47; // all but topic and value, with the gaps
+constexpr std::size_t kLeastColumns = 16; // of the topic
+constexpr std::size_t kLeastValue = 10;
+constexpr std::size_t kTrendColumns = 20; // of the last minute beside a short value
 
 struct TopOptions {
     SelectionOptions selection;
@@ -25,20 +30,16 @@ struct TopOptions {
     double stale = 10;
 };
 
-enum class Order { topic, rate, age, size, quality };
-
-constexpr std::array<const char *, 5> kOrderNames = {"topic", "rate", "age", "size", "quality"};
-
-struct Rate {
-    unsigned writes = 0; // in the second that runs
-    double per_second = 0;
-    bool has_run = false;
+// The columns that the width of the screen decides.
+struct Widths {
+    std::size_t topic = kLeastColumns;
+    std::size_t value = kLeastValue;
 };
 
 class Top {
   public:
     Top(const TopOptions &options, const Selection &selection, Screen &screen)
-        : options_(options), store_(selection), screen_(screen)
+        : options_(options), data_(selection), screen_(screen)
     {
     }
 
@@ -46,16 +47,16 @@ class Top {
     {
         uint64_t draw_at = 0;
         uint64_t sample_at = 0;
-        second_at_ = monotonic_us();
         while (!is_done_) {
             const uint64_t now = monotonic_us();
             if (now >= sample_at) {
                 if (!is_frozen_)
-                    sample(now);
+                    data_.sample(now);
                 sample_at = now + kSampleUs;
             }
             if (now >= draw_at || is_touched_) {
-                if (wait_writable(STDOUT_FILENO, now) == Readiness::ready) // else it was stopped by ^S
+                // Else the terminal was stopped by ^S.
+                if (wait_writable(STDOUT_FILENO, now) == Readiness::ready)
                     draw();
                 is_touched_ = false;
                 draw_at = now + static_cast<uint64_t>(options_.delay * 1e6);
@@ -70,89 +71,47 @@ class Top {
     }
 
   private:
-    void sample(uint64_t now)
+    // Values get what names of usual length leave.
+    Widths widths_for(std::size_t first, std::size_t end) const
     {
-        store_.refresh();
-        (void)store_.take_problems(); // there is room for their number only; kp list tells them
-        store_.for_each_change([this](const LiveTopic &live, bool is_new) {
-            Rate &rate = rates_[live.topic];
-            rate.writes += !is_new;
-        });
-        shown_at_ = now_us();
-        if (now < second_at_ + kUsPerSecond)
-            return;
-        const double seconds = static_cast<double>(now - second_at_) / 1e6;
-        store_.forget_removed(rates_);
-        store_.forget_removed(shown_);
-        for (auto &[topic, rate] : rates_) {
-            const double last = static_cast<double>(std::exchange(rate.writes, 0U)) / seconds;
-            rate.per_second =
-                rate.has_run ? rate.per_second * kRateMemory + last * (1 - kRateMemory) : last;
-            rate.has_run = true;
-        }
-        second_at_ = now;
+        const auto all = static_cast<std::size_t>(screen_.columns());
+        const std::size_t shared = all > kOtherColumns ? all - kOtherColumns : 0;
+        std::size_t longest = kLeastColumns;
+        for (std::size_t index = first; index < end; ++index)
+            longest = std::max(longest, display_width(escaped(topics_[index])));
+        Widths widths;
+        widths.topic = std::min(longest, std::max(kLeastColumns, shared * 3 / 5));
+        widths.value = std::max(kLeastValue, shared - std::min(shared, widths.topic));
+        return widths;
     }
 
-    bool passes(const std::string &topic) const
+    static std::string row_text(const std::array<std::string, 8> &cells, const Widths &widths)
     {
-        if (filter_.empty())
-            return true;
-        return is_pattern(filter_) ? Pattern(filter_).covers(topic)
-                                   : topic.find(filter_) != std::string::npos;
-    }
-
-    double rate_of(const std::string &topic) const
-    {
-        const auto found = rates_.find(topic);
-        return found == rates_.end() ? 0 : found->second.per_second;
-    }
-
-    bool comes_before(const LiveTopic &a, const LiveTopic &b) const
-    {
-        switch (order_) {
-        case Order::rate:
-            return rate_of(a.topic) > rate_of(b.topic);
-        case Order::age:
-            return a.seen.last_write_ts > b.seen.last_write_ts;
-        case Order::size:
-            return a.seen.size > b.seen.size;
-        case Order::quality:
-            return a.seen.quality < b.seen.quality;
-        default:
-            return a.topic < b.topic;
-        }
-    }
-
-    std::vector<const LiveTopic *> sorted_topics() const
-    {
-        std::vector<const LiveTopic *> topics;
-        for (const auto &[name, live] : store_.topics())
-            if (passes(name))
-                topics.push_back(&live);
-        if (order_ != Order::topic)
-            std::stable_sort(topics.begin(), topics.end(),
-                             [this](const auto *a, const auto *b) { return comes_before(*a, *b); });
-        if (is_reversed_)
-            std::reverse(topics.begin(), topics.end());
-        return topics;
-    }
-
-    std::string row_text(const std::array<std::string, 8> &cells) const
-    {
-        const auto width = static_cast<std::size_t>(screen_.columns());
-        const std::size_t topic_columns = width > kFixedColumns + 16 ? width - kFixedColumns : 16;
-        constexpr std::array<std::size_t, 8> columns = {0, 9, 22, 4, 8, 9, 5, 5};
-        std::string line = padded(shortened(cells[0], topic_columns), topic_columns);
-        for (std::size_t index = 1; index < cells.size(); ++index) {
+        const std::array<std::size_t, 8> columns = {widths.topic, 9, widths.value, 4, 8, 9, 5, 5};
+        std::string line;
+        for (std::size_t index = 0; index < cells.size(); ++index) {
             const std::string cell = shortened(cells[index], columns[index]);
-            line += ' ';
+            line += index == 0 ? "" : " ";
             line += index < 3 ? padded(cell, columns[index]) : padded_left(cell, columns[index]);
         }
         return line;
     }
 
-    Style style_of(const Snapshot &snapshot) const
+    // The value, and beside a short one what it was in the last minute.
+    std::string value_cell(const std::string &topic, const Snapshot &snapshot,
+                           const Widths &widths) const
     {
+        const std::string value = shown_value(snapshot, ByteStyle::hex);
+        const std::size_t left = widths.value - std::min(widths.value, display_width(value) + 1);
+        if (left < kTrendColumns)
+            return value;
+        return padded(value, widths.value - kTrendColumns) +
+               padded_left(data_.history(topic).line(kTrendColumns), kTrendColumns);
+    }
+
+    Style style_of(const ShownTopic &shown) const
+    {
+        const Snapshot &snapshot = shown.snapshot;
         const auto stale_us = static_cast<uint64_t>(options_.stale * 1e6);
         if (snapshot.condition == Condition::busy || snapshot.condition == Condition::corrupt)
             return Style::bad;
@@ -160,33 +119,34 @@ class Top {
             return Style::faint;
         if (snapshot.quality == KP_QUALITY_NONE || snapshot.providers > 1)
             return Style::warning;
-        return snapshot.last_write_ts + stale_us < shown_at_ ? Style::faint : Style::plain;
+        return snapshot.last_write_ts + stale_us < shown.read_at ? Style::faint : Style::plain;
     }
 
-    void draw_topic(int row, const LiveTopic &live)
+    void draw_topic(int row, std::size_t index, const Widths &widths)
     {
-        // Frozen rows stay as they are, so what was read last is kept.
-        auto &shown = shown_[live.topic];
-        if (!is_frozen_ || shown.last_write_ts == 0)
-            shown = live.reader.read().value_or(Snapshot());
-        const double rate = rate_of(live.topic);
-        std::array<char, 32> rate_text{};
-        (void)std::snprintf(rate_text.data(), rate_text.size(), "%.1f", rate);
-        const bool has_value = shown.flags & kHasValue;
-        screen_.put(
-            row,
-            row_text({escaped(live.topic), shown.type_name() ? shown.type_name() : "-",
-                      shown_value(shown, ByteStyle::hex), std::to_string(shown.quality),
-                      has_value ? age_text(shown.last_write_ts, shown_at_) : "-", rate_text.data(),
-                      std::to_string(shown.providers), std::to_string(shown.consumers)}),
-            style_of(shown));
+        const std::string &topic = topics_[index];
+        const ShownTopic *shown = data_.read(topic, is_frozen_);
+        if (!shown)
+            return;
+        const Snapshot &snapshot = shown->snapshot;
+        const bool has_value = snapshot.flags & kHasValue;
+        screen_.put(row,
+                    row_text({escaped(topic), snapshot.type_name() ? snapshot.type_name() : "-",
+                              value_cell(topic, snapshot, widths), std::to_string(snapshot.quality),
+                              has_value ? age_text(snapshot.last_write_ts, shown->read_at) : "-",
+                              data_.rate_text(topic), std::to_string(snapshot.providers),
+                              std::to_string(snapshot.consumers)},
+                             widths),
+                    index == cursor_ && has_cursor_ ? Style::reverse : style_of(*shown));
     }
 
     void draw_help()
     {
-        const std::array<const char *, 9> lines = {
+        const std::array<const char *, 10> lines = {
             "q Esc F10   quit",
-            "arrows, PgUp PgDn Home End   move",
+            "arrows, PgUp PgDn Home End   move the cursor",
+            "Enter       the whole value of a topic, its last minute, and who has it open; and "
+            "back",
             "s           sort by the next of topic, rate, age, size, quality",
             "r           reverse the order",
             "/           filter by a pattern, or by a part of the name; empty shows all",
@@ -195,38 +155,81 @@ class Top {
             "",
             "red: cannot be read   yellow: quality 0 or two providers   dim: stale or no value"};
         for (std::size_t index = 0; index < lines.size(); ++index)
-            screen_.put(static_cast<int>(index) + 2, lines[index]);
+            screen_.put(static_cast<int>(index) + kFirstRow, lines[index]);
+    }
+
+    void draw_page()
+    {
+        const auto lines =
+            page_->lines(data_, is_frozen_, static_cast<std::size_t>(screen_.columns()));
+        const std::size_t rows = page_rows();
+        scroll_ = std::min(scroll_, lines.size() - std::min(lines.size(), rows));
+        for (std::size_t row = 0; row < rows && scroll_ + row < lines.size(); ++row)
+            screen_.put(static_cast<int>(row) + kFirstRow, lines[scroll_ + row]);
+    }
+
+    void draw_topics()
+    {
+        const std::size_t rows = page_rows();
+        const std::size_t end = std::min(topics_.size(), first_ + rows);
+        const Widths widths = widths_for(first_, end);
+        screen_.put(
+            1, row_text({"TOPIC", "TYPE", "VALUE", "QUAL", "AGE", "RATE", "PROV", "CONS"}, widths),
+            Style::reverse);
+        for (std::size_t index = first_; index < end; ++index)
+            draw_topic(static_cast<int>(index - first_) + kFirstRow, index, widths);
+    }
+
+    std::size_t page_rows() const
+    {
+        return static_cast<std::size_t>(std::max(screen_.rows() - kFirstRow, 1));
+    }
+
+    // The cursor stays on its topic while the order changes, and in its row when that is gone.
+    void arrange()
+    {
+        topics_ = data_.sorted_topics(filter_, order_, is_reversed_);
+        const auto chosen = std::ranges::find(topics_, chosen_);
+        if (has_cursor_ && chosen != topics_.end())
+            cursor_ = static_cast<std::size_t>(chosen - topics_.begin());
+        put_cursor(cursor_);
+    }
+
+    void put_cursor(std::size_t index)
+    {
+        const std::size_t rows = page_rows();
+        cursor_ = topics_.empty() ? 0 : std::min(index, topics_.size() - 1);
+        chosen_ = topics_.empty() ? "" : topics_[cursor_];
+        if (cursor_ < first_)
+            first_ = cursor_;
+        if (cursor_ >= first_ + rows)
+            first_ = cursor_ + 1 - rows;
+        first_ = std::min(first_, topics_.size() - std::min(topics_.size(), rows));
     }
 
     void draw()
     {
-        const auto topics = sorted_topics();
-        page_ = std::max(screen_.rows() - 2, 1);
-        first_ = std::clamp(first_, 0, std::max(static_cast<int>(topics.size()) - page_, 0));
+        arrange();
         screen_.clear();
-        screen_.put(0, status_line(topics.size()), Style::title);
-        if (shows_help_) {
+        screen_.put(0, status_line(), Style::title);
+        if (shows_help_)
             draw_help();
-        } else {
-            screen_.put(1,
-                        row_text({"TOPIC", "TYPE", "VALUE", "QUAL", "AGE", "RATE", "PROV", "CONS"}),
-                        Style::reverse);
-            const auto end = std::min(topics.size(), static_cast<std::size_t>(first_ + page_));
-            for (auto index = static_cast<std::size_t>(first_); index < end; ++index)
-                draw_topic(static_cast<int>(index) - first_ + 2, *topics[index]);
-        }
+        else if (page_)
+            draw_page();
+        else
+            draw_topics();
         screen_.show();
     }
 
-    std::string status_line(std::size_t shown) const
+    std::string status_line() const
     {
         if (is_typing_)
             return "filter: " + typed_ + "_";
-        std::string line = "kp top  " + std::to_string(store_.topics().size()) + " topics";
+        std::string line = "kp top  " + std::to_string(data_.topic_count()) + " topics";
         if (!filter_.empty())
-            line += ", " + std::to_string(shown) + " match " + filter_;
-        if (store_.refused_count() > 0)
-            line += ", " + std::to_string(store_.refused_count()) + " cannot be read";
+            line += ", " + std::to_string(topics_.size()) + " match " + filter_;
+        if (data_.refused_count() > 0)
+            line += ", " + std::to_string(data_.refused_count()) + " cannot be read";
         line += "  by " + std::string(kOrderNames[static_cast<std::size_t>(order_)]);
         line += is_reversed_ ? ", reversed" : "";
         line += is_frozen_ ? "  FROZEN" : "";
@@ -242,6 +245,8 @@ class Top {
             take_typed(input);
         else if (input.key == Key::character)
             take_character(input.character);
+        else if (page_)
+            take_on_page(input.key);
         else
             take_movement(input.key);
     }
@@ -280,6 +285,7 @@ class Top {
             break;
         case '/':
             is_typing_ = true;
+            page_.reset();
             typed_.clear();
             break;
         case 'h':
@@ -291,27 +297,48 @@ class Top {
         }
     }
 
+    void take_on_page(Key key)
+    {
+        const std::size_t rows = page_rows();
+        if (key == Key::enter || key == Key::escape)
+            page_.reset();
+        else if (key == Key::up || key == Key::page_up)
+            scroll_ -= std::min(scroll_, key == Key::up ? 1 : rows);
+        else if (key == Key::down || key == Key::page_down)
+            scroll_ += key == Key::down ? 1 : rows;
+        else if (key == Key::first)
+            scroll_ = 0;
+    }
+
+    // The first key shows the cursor where it stands; before, nothing is marked.
     void take_movement(Key key)
     {
-        const int end = static_cast<int>(store_.topics().size());
+        const std::size_t rows = page_rows();
+        const bool was_shown = std::exchange(
+            has_cursor_, key != Key::escape && key != Key::resized ? true : has_cursor_);
         switch (key) {
         case Key::up:
-            --first_;
+            put_cursor(cursor_ - std::min<std::size_t>(cursor_, was_shown ? 1 : 0));
             break;
         case Key::down:
-            ++first_;
+            put_cursor(cursor_ + (was_shown ? 1 : 0));
             break;
         case Key::page_up:
-            first_ -= page_;
+            put_cursor(cursor_ - std::min(cursor_, rows));
             break;
         case Key::page_down:
-            first_ += page_;
+            put_cursor(cursor_ + rows);
             break;
         case Key::first:
-            first_ = 0;
+            put_cursor(0);
             break;
         case Key::last:
-            first_ = end;
+            put_cursor(topics_.size());
+            break;
+        case Key::enter:
+            if (!topics_.empty())
+                page_.emplace(topics_[cursor_]);
+            scroll_ = 0;
             break;
         case Key::escape:
             is_done_ = !shows_help_;
@@ -323,17 +350,18 @@ class Top {
     }
 
     const TopOptions &options_;
-    LiveStore store_;
+    TopData data_;
     Screen &screen_;
-    std::map<std::string, Rate> rates_;
-    std::map<std::string, Snapshot> shown_;
+    std::vector<std::string> topics_; // as they are drawn
+    std::optional<TopicPage> page_;   // of one of them, in the place of all
     std::string filter_;
     std::string typed_;
+    std::string chosen_; // where the cursor is
     Order order_ = Order::topic;
-    uint64_t second_at_ = 0;
-    uint64_t shown_at_ = 0;
-    int first_ = 0;
-    int page_ = 1;
+    std::size_t cursor_ = 0;
+    std::size_t first_ = 0;  // in the first row
+    std::size_t scroll_ = 0; // lines of the page above the first that is seen
+    bool has_cursor_ = false;
     bool is_reversed_ = false;
     bool is_frozen_ = false;
     bool is_typing_ = false;
