@@ -335,9 +335,19 @@ KP_API void kp_dump_dict(kp_t *handle);
  * another thread uses it; destroying it twice or through another handle is not detected. Provider
  * tags of one handle are created by one thread at a time.
  *
- * A topic is a relative path: levels of 1 to 255 bytes separated by "/". Empty levels vanish. A
- * level ".." is refused with "topic is invalid". A topic cannot be both a value and the beginning
- * of another one: a and a/b exclude each other.
+ * A topic is a relative path: levels of 1 to 255 bytes separated by "/". A level ".." is refused with
+ * "topic is invalid", and so is a path through a link among the store's directories that is neither
+ * root's nor the effective user's. A topic cannot be both a value and the beginning of another one: a
+ * and a/b exclude each other.
+ *
+ * Empty levels vanish from the file's path, and from a topic that is matched against a pattern, but
+ * not from the name: a//b and a/b are one value with two names, whose hashes differ. A consumer of
+ * one never hears of writes by a provider of the other. Spell a topic the same everywhere, without
+ * empty levels.
+ *
+ * The two counts of open tags hold 255 of a role; the 256th makes a count 0. If then the last tag of
+ * the other role is closed, the file is removed under all that are open, and who opens the topic
+ * afterwards gets a new one: a split topic. Keep well below that number.
  * @{
  */
 
@@ -473,6 +483,10 @@ KP_API int32_t kp_tag_read_with_source_params(kp_tag_t *tag, void *buffer, uint3
  * Tries again while writes get in the way, for about a millisecond, then fails with "shm read
  * fail"; the topic is not marked as seen then, and what `buffer` holds means nothing. Relies on one
  * writer at a time and on timestamps that don't fall; see docs/reliability.md for what remains.
+ *
+ * A writer that is stopped right after it has stored its timestamp leaves the value before beside it,
+ * and a read then gives that value with the new timestamp. The write is not missed by it: as soon as
+ * it goes on, kp_tag_has_read() says 0 again.
  */
 KP_API int32_t kp_tag_read_consistent(kp_tag_t *tag, void *buffer, uint32_t buffer_size,
                                       uint32_t *quality, uint64_t *timestamp, uint64_t *source_ts);
@@ -516,11 +530,25 @@ KP_API int32_t kp_tag_instant_get_max_value_size(const char *topic, uint32_t *ma
 KP_API int32_t kp_tag_get_reference_count(const char *topic, uint32_t *providers,
                                           uint32_t *consumers);
 
-/** Returns 1 when this tag has seen the last write, else 0; 1 for a null tag. */
+/**
+ * Returns 1 when this tag has seen the last write, else 0; 1 for a null tag. A write counts as seen
+ * when its timestamp is not later than that of the one last seen. So after the wall clock was set
+ * back, or after a timestamp of the caller's own that lies ahead, new writes count as seen until the
+ * clock has caught up: kp_tag_has_changed() tells them.
+ */
 KP_API int32_t kp_tag_has_read(kp_tag_t *tag);
 
-/** Returns 1 when the quality is not 0 and this tag has not seen the last write, else 0. */
+/** Returns 1 when the quality is not 0 and kp_tag_has_read() says 0, else 0; 0 for a null tag. */
 KP_API int32_t kp_tag_need_read(kp_tag_t *tag);
+
+/**
+ * Returns 1 when the timestamp of the last write is another one than that of this tag's own last
+ * read or write, earlier or later, else 0; 0 for a null tag. Whatever the clock did meanwhile, a new
+ * write is told, unless it carries the very timestamp of the one before. A tag that has neither read
+ * nor written tells 1 for any topic that was there before it, also when it was never written: read
+ * it once.
+ */
+KP_API int32_t kp_tag_has_changed(kp_tag_t *tag);
 
 /** Returns 1 when a value was written since the topic was declared, else 0. */
 KP_API int32_t kp_tag_has_value(kp_tag_t *tag);

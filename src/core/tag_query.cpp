@@ -2,6 +2,7 @@
 #include "core/dict.h"
 #include "core/tag.h"
 
+#include "store/doubt.h"
 #include "support/log.h"
 
 namespace kp {
@@ -74,6 +75,15 @@ int32_t kp_tag_has_read(kp_tag_t *tag)
     if (is_null(tag, "tag is null\n"))
         return 1;
     return kp_shm_has_read(tag->shm);
+}
+
+int32_t kp_tag_has_changed(kp_tag_t *tag)
+{
+    if (is_null(tag, "tag is null\n"))
+        return 0;
+    if (is_null(tag->shm, "shm is null\n"))
+        return 0;
+    return has_changed(*tag->shm) ? 1 : 0;
 }
 
 int32_t kp_tag_need_read(kp_tag_t *tag)

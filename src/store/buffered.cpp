@@ -4,6 +4,7 @@
 #include "store/buffered.h"
 
 #include "store/checks.h"
+#include "store/doubt.h"
 
 #include <unistd.h>
 
@@ -113,9 +114,7 @@ int32_t kp_shm_has_read(kp_shm_t *shm)
 {
     if (is_null(shm, "shm is null\n"))
         return 1;
-    const uint64_t ahead =
-        load_relaxed(shm->last_update_ts) - load_relaxed(shm->mem->last_write_ts);
-    return static_cast<int64_t>(ahead) >= 0 ? 1 : 0;
+    return has_seen_last_write(*shm) ? 1 : 0;
 }
 
 int32_t kp_shm_has_value(kp_shm_t *shm)

@@ -4,6 +4,7 @@
 
 #include "store/buffered.h"
 #include "store/checks.h"
+#include "store/doubt.h"
 
 #include <unistd.h>
 
@@ -22,9 +23,10 @@ struct Outputs {
     uint64_t *source_ts;
 };
 
-int32_t accept(kp_shm_t *shm, const ValueHeader &header, const Outputs &outputs)
+int32_t accept(kp_shm_t *shm, const ValueHeader &header, const uint8_t *bytes,
+               const Outputs &outputs)
 {
-    store_relaxed(shm->last_update_ts, header.last_write_ts);
+    mark_seen(*shm, header, bytes);
     give(outputs.timestamp, header.last_write_ts);
     give(outputs.quality, header.quality);
     give(outputs.source_ts, header.source_ts);
@@ -41,7 +43,7 @@ int32_t accept(kp_shm_t *shm, const ValueHeader &header, const Outputs &outputs)
         if (!value_fits(*shm->mem, buffer_size, site))
             return -1;
         if (try_consistent_read(*shm->mem, buffer, buffer_size, header))
-            return accept(shm, header, outputs);
+            return accept(shm, header, buffer, outputs);
         if (attempt % kAttemptsBeforePause == 0)
             (void)usleep(kWriterPauseUs);
     }
@@ -63,7 +65,7 @@ int32_t accept(kp_shm_t *shm, const ValueHeader &header, const Outputs &outputs)
     const Outputs outputs{timestamp, quality, source_ts};
     ValueHeader header;
     if (try_consistent_read(*segment, bytes, buffer_size, header)) [[likely]]
-        return accept(shm, header, outputs);
+        return accept(shm, header, bytes, outputs);
     return read_patiently(shm, bytes, buffer_size, outputs, site);
 }
 

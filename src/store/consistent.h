@@ -24,11 +24,13 @@
 //    of which the second restores the bytes. An attempt takes the time of two copies, and each of
 //    the writes a copy as well as a look at the clock.
 //  - A writer stopped between its first two stores: the value is whole, but is that of the write
-//    before the timestamp. The format offers nothing to tell the two apart.
+//    before the timestamp. The format offers nothing to tell the two apart but a source timestamp that
+//    equals the timestamp. Without it the write counts as seen only as long as nothing of it appears,
+//    so it is not missed (doubt.h).
 //  - Two processes that write one topic at once, since each clears the mark of the other.
 //  - A provider that declares the topic again sets no mark: quality and source timestamp may be 0
 //    already beside the last value. Its clearing of the bytes is seen by the flag that it clears
-//    first, since without that flag a value is all zeros.
+//    before, with a barrier behind it, since without that flag a value is all zeros.
 #pragma once
 
 #include "store/bytes.h"

@@ -60,7 +60,8 @@ struct kp_shm_t {
     uint32_t generation; // of the process that is counted for it; see fork_generation()
     kp::Segment *mem;
     uint64_t last_update_ts; // last_write_ts of the value last read or written here
-    uint64_t doubted_ts;     // last_write_ts of a consistent read that could be of the write before
+    uint64_t doubted_ts;     // last_write_ts of the last read that was in doubt, see doubt.h
+    uint64_t doubted_print;  // fingerprint of what it gave
     kp::FileId file;         // what `mem` is mapped from
 };
 

@@ -30,6 +30,51 @@ TEST_F(Query, ForTheLastWriteGivesItsTime)
     EXPECT_EQ(timestamp, SegmentFile("a").u64(at::last_write_ts));
 }
 
+TEST_F(Query, ForAChangeTellsAWriteUntilItIsRead)
+{
+    int32_t value = 0;
+    writer_.write(1);
+
+    EXPECT_EQ(kp_tag_has_changed(tag_), 1);
+    ASSERT_EQ(kp_tag_read(tag_, &value, 4), 4);
+    EXPECT_EQ(kp_tag_has_changed(tag_), 0);
+}
+
+TEST_F(Query, ForAChangeTellsAWriteThatAClockSetBackHides)
+{
+    int32_t value = 7;
+    SegmentFile("a").put_u8(at::quality, 1);
+    SegmentFile("a").put_u64(at::last_write_ts, 5'000);
+    ASSERT_EQ(kp_tag_read(tag_, &value, 4), 4);
+
+    SegmentFile("a").put_u64(at::last_write_ts, 4'000);
+
+    EXPECT_EQ(kp_tag_has_read(tag_), 1);
+    EXPECT_EQ(kp_tag_need_read(tag_), 0);
+    EXPECT_EQ(kp_tag_has_changed(tag_), 1);
+}
+
+TEST_F(Query, ForAChangeTellsNoneOfTheTagsOwnWrite)
+{
+    int32_t value = 7;
+    kp_tag_t *provider = kp_tag_provider_new(handle_, "own", KP_TYPE_INT32, 4, 0);
+
+    EXPECT_EQ(kp_tag_has_changed(provider), 0);
+    ASSERT_EQ(kp_tag_write(handle_, provider, &value, 4), 4);
+    EXPECT_EQ(kp_tag_has_changed(provider), 0);
+}
+
+TEST_F(Query, ForAChangeNeedsATagWithASegment)
+{
+    StderrCapture log;
+
+    EXPECT_EQ(kp_tag_has_changed(nullptr), 0);
+    EXPECT_EQ(kp_tag_has_changed(&without_segment_), 0);
+
+    EXPECT_EQ(log.lines(), (Lines{"ERROR: kp_tag_has_changed: tag is null",
+                                  "ERROR: kp_tag_has_changed: shm is null"}));
+}
+
 TEST_F(Query, ForTheLastWriteNeedsNoDeclaration)
 {
     uint64_t timestamp = 0;

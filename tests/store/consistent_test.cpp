@@ -6,6 +6,7 @@
 
 #include "kp.h"
 #include "store/consistent.h"
+#include "store/doubt.h"
 
 #include <array>
 #include <atomic>
@@ -192,6 +193,38 @@ Outcomes read_in_every_order(const std::array<Version, 3> &versions)
     return outcomes;
 }
 
+struct MissedWrites {
+    int missed = 0;         // marked as seen, with the value before it
+    int reported_again = 0; // not marked, with its own value
+    int given_before = 0;   // the value before, not marked
+};
+
+// Reads when the writer of the second version has come to each of its steps, lets it end, and looks
+// whether its write still counts as unseen.
+MissedWrites read_at_every_step(const std::array<Version, 3> &versions)
+{
+    MissedWrites found;
+    for (int step = 0; step <= PlayedWriter::kStepsPerWrite; ++step) {
+        kp::Segment segment{};
+        PlayedWriter writer(segment, versions);
+        kp_shm_t shm{};
+        shm.mem = &segment;
+        std::array<char, 4> value{};
+        writer.go_on_to(step);
+        const int32_t size =
+            kp::read_consistent(&shm, value.data(), value.size(), nullptr, nullptr, nullptr);
+        writer.go_on_to(PlayedWriter::kStepsPerWrite);
+        if (size != 4)
+            continue;
+        const bool is_before = std::memcmp(value.data(), versions[0].bytes.data(), 4) == 0;
+        const bool is_seen = kp_shm_has_read(&shm) == 1;
+        found.missed += is_before && is_seen;
+        found.given_before += is_before && !is_seen;
+        found.reported_again += !is_before && !is_seen;
+    }
+    return found;
+}
+
 // An open topic of 1000 raw bytes, and a second handle on it.
 class ConsistentRead : public testing::Test {
   protected:
@@ -337,7 +370,8 @@ TEST_F(ConsistentRead, GivesZerosForAFixedSizeThatNobodyHasWritten)
 
 TEST_F(ConsistentRead, MarksTheValueAsSeen)
 {
-    write_filled(provider_, 5);
+    const std::string written(kSize, 'x');
+    ASSERT_EQ(kp_shm_write(provider_, written.data(), kSize, 123, 77, 123), 1000);
     kp_shm_set_last_update_ts(consumer_, 0);
 
     const int32_t result =
@@ -345,6 +379,63 @@ TEST_F(ConsistentRead, MarksTheValueAsSeen)
 
     EXPECT_EQ(result, 1000);
     EXPECT_EQ(kp_shm_has_read(consumer_), 1);
+}
+
+TEST_F(ConsistentRead, MarksAValueOfAnotherSourceTimeUntilSomethingElseStandsThere)
+{
+    const std::string written(kSize, 'x');
+    ASSERT_EQ(kp_shm_write(provider_, written.data(), kSize, 123, 77, 99), 1000);
+
+    EXPECT_EQ(kp::read_consistent(consumer_, nullptr, kSize, nullptr, nullptr, nullptr), 1000);
+    EXPECT_EQ(kp_shm_has_read(consumer_), 1);
+    EXPECT_FALSE(kp::has_changed(*consumer_));
+    file_.put_u8(at::value + 999, 'y');
+    EXPECT_EQ(kp_shm_has_read(consumer_), 0);
+    EXPECT_TRUE(kp::has_changed(*consumer_));
+}
+
+TEST_F(ConsistentRead, SeesALaterWriteOfTheSameValue)
+{
+    const std::string written(kSize, 'x');
+    ASSERT_EQ(kp_shm_write(provider_, written.data(), kSize, 123, 77, 99), 1000);
+    ASSERT_EQ(kp::read_consistent(consumer_, nullptr, kSize, nullptr, nullptr, nullptr), 1000);
+
+    ASSERT_EQ(kp_shm_write(provider_, written.data(), kSize, 124, 77, 99), 1000);
+
+    EXPECT_EQ(kp_shm_has_read(consumer_), 0);
+}
+
+TEST_F(ConsistentRead, LeavesAValueMarkedThatAPlainReadHasMarked)
+{
+    const std::string written(kSize, 'x');
+    ASSERT_EQ(kp_shm_write(provider_, written.data(), kSize, 123, 77, 99), 1000);
+    ASSERT_EQ(kp_shm_read(consumer_, nullptr, kSize, nullptr, nullptr, nullptr), 1000);
+
+    EXPECT_EQ(kp::read_consistent(consumer_, nullptr, kSize, nullptr, nullptr, nullptr), 1000);
+
+    EXPECT_EQ(kp_shm_has_read(consumer_), 1);
+}
+
+TEST_F(ConsistentRead, LeavesTheWritersOwnValueMarked)
+{
+    const std::string written(kSize, 'x');
+    ASSERT_EQ(kp_shm_write(provider_, written.data(), kSize, 123, 77, 99), 1000);
+
+    EXPECT_EQ(kp::read_consistent(provider_, nullptr, kSize, nullptr, nullptr, nullptr), 1000);
+
+    EXPECT_EQ(kp_shm_has_read(provider_), 1);
+}
+
+TEST(ConsistentReadOfAPausedWriter, NeverMarksAWriteAsSeenWithTheValueBefore)
+{
+    const MissedWrites plain = read_at_every_step({{{10, "aaaa", 10}, {20, "bbbb", 20}, {}}});
+    const MissedWrites own_source = read_at_every_step({{{10, "aaaa", 1}, {20, "bbbb", 2}, {}}});
+    const MissedWrites same_source = read_at_every_step({{{10, "aaaa", 5}, {20, "bbbb", 5}, {}}});
+
+    EXPECT_EQ(plain.missed + own_source.missed + same_source.missed, 0);
+    EXPECT_EQ(plain.reported_again + own_source.reported_again + same_source.reported_again, 0);
+    EXPECT_GT(plain.given_before, 0);
+    EXPECT_GT(same_source.given_before, 0);
 }
 
 TEST_F(ConsistentRead, GivesUpInBoundedTimeAndMarksNothingWhenAWriterDied)
