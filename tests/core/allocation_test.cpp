@@ -34,16 +34,40 @@ template <typename Fault> long fail_each(const std::function<void()> &scenario)
     }
 }
 
-void make_and_destroy_a_handle()
+bool can_make_a_handle()
 {
-    if (kp_t *handle = kp_new("short-lived", nullptr))
-        (void)kp_destroy(handle);
+    kp_t *handle = kp_new("short-lived", nullptr);
+    return handle && kp_destroy(handle) == 0;
+}
+
+// How many of a new handle's allocations fail it, by their numbers. Those of its threads, which are
+// started by then, do not.
+template <typename Fault> std::vector<long> allocations_that_fail_a_handle(long count)
+{
+    const StderrCapture log;
+    std::vector<long> numbers;
+    for (long n = 1; n <= count; ++n) {
+        const Fault fault(kAllocations, n, kUsualError, Threads::this_one);
+        if (!can_make_a_handle())
+            numbers.push_back(n);
+    }
+    return numbers;
 }
 
 TEST(FailingAllocation, LeavesNothingOfANewHandle)
 {
-    EXPECT_GE(fail_each<FailNth>(make_and_destroy_a_handle), 6);
-    EXPECT_GE(fail_each<FailFrom>(make_and_destroy_a_handle), 6);
+    const auto scenario = [] { (void)can_make_a_handle(); };
+
+    EXPECT_GE(fail_each<FailNth>(scenario), 6);
+    EXPECT_GE(fail_each<FailFrom>(scenario), 6);
+}
+
+TEST(FailingAllocation, FailsANewHandle)
+{
+    const std::vector<long> all{1, 2, 3, 4, 5, 6};
+
+    EXPECT_EQ(allocations_that_fail_a_handle<FailNth>(7), all);
+    EXPECT_EQ(allocations_that_fail_a_handle<FailFrom>(7), all);
 }
 
 class FailingAllocationOfAHandle : public testing::Test {

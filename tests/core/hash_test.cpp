@@ -1,5 +1,6 @@
 // The topic hash, which every process must compute alike.
 #include "core/dict.h"
+#include "layout/notice.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

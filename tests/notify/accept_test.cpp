@@ -316,7 +316,7 @@ TEST_F(AcceptThread, KeepsAPeerThatItCannotWatch)
     ASSERT_TRUE(endpoint.has_clients(1));
     endpoint.send(write_notice({3}));
     EXPECT_EQ(peer.recv(129), write_notice({3}));
-    EXPECT_TRUE(wait_until([&] { return !log.text().empty(); }));
+    EXPECT_TRUE(wait_until([&] { return log.has_log_lines(1); }));
     EXPECT_EQ(log.lines(),
               Lines{"ERROR: subscriber_connecting_listener: epoll_ctl(EPOLL_CTL_ADD, " +
                     std::to_string(endpoint.client(1)) + ") failed"});

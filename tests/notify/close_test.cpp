@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 using namespace kptest;
@@ -217,7 +218,10 @@ TEST_F(NotifyClose, EndsWhenTheThreadsDiedLongBefore)
 
     endpoint.close();
 
-    EXPECT_EQ(log.lines().size(), 3U);
+    EXPECT_THAT(log.lines(), testing::UnorderedElementsAre(
+                                 "ERROR: subscriber_connecting_listener: epoll_create1 failed",
+                                 "ERROR: publisher_linkup_listener: epoll_create1 failed",
+                                 "ERROR: message_receive_listener: epoll_create1 failed"));
 }
 
 TEST_F(NotifyClose, EndsWhenNoThreadCanBeWoken)
@@ -229,7 +233,10 @@ TEST_F(NotifyClose, EndsWhenNoThreadCanBeWoken)
 
     endpoint.close();
 
-    EXPECT_EQ(log.lines().size(), 6U);
+    EXPECT_THAT(log.lines(), testing::SizeIs(6));
+    EXPECT_THAT(log.lines(),
+                testing::Each(testing::MatchesRegex(
+                    "ERROR: [a-z_]+_listener: epoll_ctl\\(EPOLL_CTL_ADD, [0-9]+\\) failed")));
 }
 
 TEST_F(NotifyClose, CanBeFollowedByAnEndpointOfTheSameName)

@@ -156,22 +156,21 @@ TEST_F(NotifyInit, MakesUpDifferentNames)
 TEST_F(NotifyInit, MakesUpNoNameThatAFileHas)
 {
     // Without random numbers the name comes from the clock and the process.
-    const auto now = static_cast<uint32_t>(time(nullptr));
-    const auto name_at = [](uint32_t second) {
-        return std::to_string((second ^ static_cast<uint32_t>(getpid())) & INT32_MAX);
-    };
-    make_file(socket_path(name_at(now)));
-    make_file(socket_path(name_at(now + 1)));
-    make_file(socket_path(name_at(now + 2)));
     FailNext random(Call::getrandom, EAGAIN);
+    Before naming(Call::getrandom, [] {
+        const auto now = static_cast<uint32_t>(time(nullptr));
+        for (const uint32_t second : {now, now + 1, now + 2})
+            make_file(socket_path(
+                std::to_string((second ^ static_cast<uint32_t>(getpid())) & INT32_MAX)));
+    });
 
     const Endpoint endpoint("");
 
     EXPECT_PRED1(is_decimal, endpoint->name);
-    EXPECT_NE(endpoint->name, name_at(now));
-    EXPECT_NE(endpoint->name, name_at(now + 1));
-    EXPECT_NE(endpoint->name, name_at(now + 2));
-    EXPECT_TRUE(S_ISREG(mode_of(socket_path(name_at(now)))));
+    EXPECT_TRUE(S_ISSOCK(mode_of(socket_path(endpoint->name))));
+    // The number before it was taken.
+    const unsigned long number = std::stoul(endpoint->name);
+    EXPECT_TRUE(S_ISREG(mode_of(socket_path(std::to_string(number - 1)))));
 }
 
 TEST_F(NotifyInit, KeepsANameOf127Characters)

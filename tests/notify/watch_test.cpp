@@ -430,7 +430,7 @@ TEST_F(WatchThread, EndsWithoutAWatchAndTheEndpointGoesOn)
     StderrCapture log;
     FailNext watch(Call::inotify_add_watch, ENOSPC);
     Endpoint endpoint;
-    EXPECT_TRUE(wait_until([&] { return !log.text().empty(); }));
+    EXPECT_TRUE(wait_until([&] { return log.has_log_lines(1); }));
 
     const UnixSocket peer = UnixSocket::connected("/run/providers/endpoint");
 
@@ -444,7 +444,7 @@ TEST_F(WatchThread, EndsWithoutAnInotifyInstanceAndTheEndpointGoesOn)
     StderrCapture log;
     FailNext inotify(Call::inotify_init1, EMFILE);
     Endpoint endpoint;
-    EXPECT_TRUE(wait_until([&] { return !log.text().empty(); }));
+    EXPECT_TRUE(wait_until([&] { return log.has_log_lines(1); }));
 
     const UnixSocket peer = UnixSocket::connected("/run/providers/endpoint");
 

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -81,6 +82,16 @@ Lines Capture::lines() const
     for (std::string line; std::getline(plain, line);)
         lines.push_back(line);
     return lines;
+}
+
+bool Capture::has_log_lines(std::size_t count) const
+{
+    constexpr std::string_view kEndOfLine = "\n\033[0m";
+    const std::string caught = text();
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = caught.find(kEndOfLine, at)) != std::string::npos; ++at)
+        ++found;
+    return found >= count;
 }
 
 void Capture::clear()

@@ -30,6 +30,10 @@ class Capture {
     // memory".
     Lines lines() const;
 
+    // Whether so many log lines of the library are there, each to its end: a line is written in
+    // pieces.
+    bool has_log_lines(std::size_t count) const;
+
     // Forgets what was caught so far.
     void clear();
 

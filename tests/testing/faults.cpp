@@ -12,6 +12,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <semaphore.h>
 #include <sys/epoll.h>
@@ -352,6 +353,7 @@ SHIM(int, sem_clockwait, -1, (sem_t * sem, clockid_t clock, const timespec *dead
 SHIM(int, sem_post, -1, (sem_t * sem), (sem))
 SHIM(int, sem_destroy, -1, (sem_t * sem), (sem))
 SHIM(int, usleep, -1, (useconds_t duration), (duration))
+SHIM(int, poll, -1, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 SHIM(int, pipe2, -1, (int fds[2], int flags), (fds, flags))
 SHIM(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
 SHIM(int, bind, -1, (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
