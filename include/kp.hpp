@@ -1387,7 +1387,10 @@ class Change {
 
   private:
     friend class Changes;
-    Change() = default;
+    Change() noexcept
+    {
+        sample_.quality = KP_QUALITY_NONE;
+    }
 
     std::string topic_;
     Sample<Value> sample_;
@@ -1861,7 +1864,10 @@ using Argument =
 
 } // namespace detail
 
-/** Owns a topic: declares its type and writes it. The topic is undeclared again with its end. */
+/**
+ * Declares a topic with the type of T and writes it. What the topic had before is discarded. Its
+ * value stays readable as long as anybody, in any process, has the topic open.
+ */
 template <class T> class Provider {
   public:
     using value_type = T;

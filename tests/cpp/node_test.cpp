@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <optional>
 #include <random>
 #include <thread>
@@ -320,6 +321,41 @@ TEST_F(CppNode, AllowsEverythingInTheLoopOverItsChanges)
         sink.unsubscribe("#").value();
     }
     EXPECT_THAT(topics, UnorderedElementsAre("Aa/x", "BB/x", "c", "d", "e"));
+}
+
+// A loop that is stopped at random. Nothing in a stop depends on its length but how much is written
+// meanwhile, so each is made of that: up to what a provider writes in 10 s at a hundred a second.
+TEST_F(CppNode, LosesNoLastValueWhenItsLoopIsStoppedAtRandom)
+{
+    std::mt19937 random(5);
+    std::vector<kp::Provider<int>> providers;
+    for (const char *topic : {"Aa", "BB", "c", "d/e"})
+        providers.push_back(source.provide<int>(topic));
+    ASSERT_TRUE(sink.subscribe("#"));
+    (void)topics_in(sink.take());
+    std::map<std::string, int> written;
+    std::map<std::string, int> seen;
+    std::chrono::steady_clock::duration longest{};
+    int value = 0;
+
+    for (int round = 0; round < 400; ++round) {
+        const auto writes = random() % 20 == 0 ? 1000 : random() % 4 + 1;
+        for (unsigned i = 0; i < writes; ++i) {
+            auto &provider = providers[random() % providers.size()];
+            const auto begin = std::chrono::steady_clock::now();
+            ASSERT_TRUE(provider.write(++value) && source.notify());
+            longest = std::max(longest, std::chrono::steady_clock::now() - begin);
+            written[std::string(provider.topic())] = value;
+        }
+        const bool all_seen = wait_until([&] {
+            for (const kp::Change change : sink.changes(1ms))
+                if (change.topic() != "probe")
+                    seen[change.topic()] = change.as<int>().value();
+            return seen == written;
+        });
+        ASSERT_TRUE(all_seen) << "round " << round;
+    }
+    EXPECT_LT(longest, 5s) << "a provider waited for the loop";
 }
 
 TEST_F(CppNode, KeepsWhatALeftLoopHasNotReached)
