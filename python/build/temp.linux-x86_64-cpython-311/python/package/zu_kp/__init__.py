@@ -1,0 +1,1 @@
+/work/w-python/python/zu_kp/__init__.py

@@ -1,0 +1,1 @@
+/work/w-python/python/zu_kp/_node.py
