@@ -1,1 +1,0 @@
-/work/w-python/python/zu_kp/_node.py
