@@ -20,10 +20,18 @@ namespace kp {
 
 namespace {
 
-// How often a file may be removed between its opening and its lock before an open fails. Each time
-// somebody else has to close the topic in just these microseconds.
-constexpr int kOpenTries = 100;
-constexpr int64_t kOpenPatienceNs = 2'000'000'000;
+// How often a file may be removed between its opening and its lock before an open fails: each time
+// somebody else has to close the topic in just these microseconds. The time counts only after some
+// tries, since on a busy machine a single one can take longer.
+constexpr int kFewestOpenTries = 10;
+constexpr int kMostOpenTries = 100;
+constexpr int64_t kOpenPatienceMs = 2000;
+
+bool may_open_again(int tries, int64_t start_ms)
+{
+    return tries < kFewestOpenTries ||
+           (tries < kMostOpenTries && monotonic_ms() - start_ms < kOpenPatienceMs);
+}
 
 enum class Opening { done, orphaned, failed };
 
@@ -93,8 +101,8 @@ kp_shm_t *kp_shm_new(const char *topic, uint32_t role)
     }
     shm->last_update_ts = kp_shm_get_timestamp_us();
     const NoCancellation scope;
-    const int64_t start = monotonic_ns();
-    for (int tries = 0; tries < kOpenTries && monotonic_ns() - start < kOpenPatienceNs; ++tries) {
+    const int64_t start_ms = monotonic_ms();
+    for (int tries = 0; may_open_again(tries, start_ms); ++tries) {
         const Opening opening = open_counted(*shm, path->data(), role, LogSite::current());
         if (opening == Opening::done) {
             shm->generation = fork_generation();

@@ -32,7 +32,7 @@ constexpr std::chrono::hours kLongRun{3};
 long opens_of_a_test()
 {
     const char *given = std::getenv("KP_HAMMER_OPENS");
-    return given ? std::atol(given) : 20'000;
+    return given ? std::atol(given) : 5'000;
 }
 
 bool is_on_the_file_of_the_topic(const kp_shm_t &shm)
