@@ -62,11 +62,11 @@ struct kp_notify_t {
     sem_t stop_cleared;               // posted by the accept thread once it has cleared `stop`
     sem_t watch_tried;                // posted by the watch thread once it watches, or cannot
     int32_t watch_fd;                 // a directory watch whose thread ended early, else -1
-    pthread_mutex_t claims_mutex;     // covers `claims`
-    std::array<kp::Claim, kp::kSlotCount + kp::kConnectorCount> claims;
-    kp::Pending pending; // the watch thread's
     kp::ForkLink fork_link;
     bool is_parents; // this is a child of fork(): threads, descriptors and file are the parent's
+    pthread_mutex_t claims_mutex; // covers `claims`
+    std::array<kp::Claim, kp::kSlotCount + kp::kConnectorCount> claims;
+    kp::Pending pending; // the watch thread's
 };
 
 static_assert(offsetof(kp_notify_t, stop) == 0);
@@ -83,6 +83,10 @@ static_assert(offsetof(kp_notify_t, cb_obj) == 440);
 static_assert(offsetof(kp_notify_t, cancel_fds) == 448);
 static_assert(offsetof(kp_notify_t, new_server_fds) == 456);
 static_assert(offsetof(kp_notify_t, event_buf) == 464);
+
+// From 128 KiB on the C library gives a zeroed block pages of its own, of which those that nobody
+// touches, as most of the buffers here, take no memory.
+static_assert(sizeof(kp_notify_t) > 128 * 1024);
 
 namespace kp {
 

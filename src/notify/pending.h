@@ -8,13 +8,13 @@ namespace kp {
 
 // So many names can be pending. More dead files than these appear only by mistake or malice; they
 // are tried once and met again by a scan.
-constexpr std::size_t kPendingCount = 64;
+constexpr std::size_t kPendingCount = 256;
 
 struct Pending {
-    std::array<Attempt, kPendingCount> attempts; // the first `count` of them, in no order
     std::size_t count;
-    bool is_scan_due; // the directory holds names that are not known
-    int64_t scan_ms;  // when to scan it then, by the monotonic clock
+    bool is_scan_due;                            // the directory holds names that are not known
+    int64_t scan_ms;                             // when to scan it then, by the monotonic clock
+    std::array<Attempt, kPendingCount> attempts; // the first `count` of them, in no order
 };
 
 // Tries a name that has appeared; makes it pending when that is not the end of it.
