@@ -16,6 +16,12 @@
  *    that a function hands over is released with free().
  *  - A function may be called from any thread, but calls that use one handle, one tag or one
  *    segment are serialised by the application, unless the family's description allows more.
+ *  - pthread_cancel() ends a thread in no call that creates, destroys, subscribes, lists, sends or
+ *    works on a topic by its name: the request is obeyed behind it. Cancellation points are the
+ *    reads through a tag while they wait for a writer, and all calls that write a log line on
+ *    behalf of a wrong argument; they leave nothing behind. A send that waits for a peer that does
+ *    not read cannot be cancelled, only ended by the peer. Asynchronous cancellation is not
+ *    supported.
  */
 #ifndef KP_H
 #define KP_H
@@ -165,6 +171,9 @@ typedef struct kplist {
  * with kp_get_next_updated_tag() and write, but must not create or destroy tags, subscribe,
  * unsubscribe or destroy the handle, all of which would wait for itself for ever. A handle with a
  * descriptor to wait on (see kp_get_fd()) calls it no more.
+ *
+ * The thread blocks all signals, and a program that is executed from here inherits that: give it an
+ * empty mask first, by sigprocmask() behind fork() or by posix_spawnattr_setsigmask().
  */
 typedef int (*kp_callback_t)(kp_t *handle, const kp_write_info *notice, void *user_data);
 
@@ -193,8 +202,16 @@ typedef void (*kplist_print_t)(const void *element);
  * descriptor (see kp_get_fd()). It does not own its tags: kp_tags_destroy() destroys them.
  *
  * Tags may be created on any thread. The lookups and the walk read the dictionary without a lock
- * and rely on no tag being destroyed meanwhile. After fork() the child must not use the handle, not
- * even to destroy it.
+ * and rely on no tag being destroyed meanwhile.
+ *
+ * After fork() the handle stays the parent's, and the child's copy knows that: its descriptors are
+ * closed, so that nobody takes the child for the parent. The child can read and write values through
+ * the tags; kp_tag_notify() and announcements reach nobody and give 0; no notice arrives.
+ * kp_tags_destroy() and kp_destroy() free memory and leave the counts, the file and the socket to
+ * the parent. For anything else, new tags of its own too, the child makes a handle of its own. So a
+ * program that turns itself into a daemon makes its handle, and its tags, behind that. A child of
+ * vfork(), posix_spawn() or a bare system call must not use the handle; what it executes inherits no
+ * descriptor. When the callback forks and returns in the child, the child's thread ends.
  * @{
  */
 
@@ -209,7 +226,14 @@ typedef void (*kplist_print_t)(const void *element);
  *
  * Reads `KP_XLOG_USER_LEVEL` and sets the process's log level when the variable is set. Waits 10 ms
  * for peers that start at the same moment, about 3 s for every dead socket file that it finds,
- * which it removes, and about 6 s for a stopped peer that takes no more connections.
+ * which it removes, as long for one that it may not connect to, which it leaves, and about 6 s for a
+ * stopped peer that takes no more connections. Peers that appear later are connected in the
+ * background, as soon as they answer.
+ *
+ * Others need a moment to connect to a new handle: what is announced or notified before that does
+ * not reach them. A provider does well to wait 100 ms between kp_new() and its first tag; without
+ * the pause a topic can be announced to nobody, and followers of a pattern then miss it until they
+ * subscribe again.
  *
  * Returns null when memory, a descriptor or a thread is missing, or `/run/providers/` can neither
  * be made nor used; errno tells why.
@@ -220,8 +244,8 @@ KP_API kp_t *kp_new(const char *name, kp_callback_t callback);
  * Stops and joins the endpoint's threads, removes its socket file and frees the handle.
  *
  * The handle's tags stay open; call kp_tags_destroy() first. A handle with a pattern can still make
- * a tag of a topic that is announced between the two calls, which then stays open and counted until
- * the process ends. Must not be called from the change callback. Returns 0, or -1 for a null
+ * a tag of a topic that is announced between the two calls; its count then stays for ever, beyond
+ * the process's end, and with it the topic's file. Unsubscribe from the patterns first. Must not be called from the change callback. Returns 0, or -1 for a null
  * handle.
  */
 KP_API int32_t kp_destroy(kp_t *handle);
@@ -307,7 +331,9 @@ KP_API int32_t kp_take_notice(kp_t *handle, kp_write_info *notice);
 
 /**
  * Switches on (nonzero) or off the announcement of new provider tags to all peers, whose handles
- * then follow the topic when one of their patterns covers it. Initially off. Returns 0.
+ * then follow the topic when one of their patterns covers it. Initially off. Returns 0. An
+ * announcement reaches only those that are connected already: see kp_new() for the pause before the
+ * first tag.
  */
 KP_API int32_t kp_set_new_tag_notify(kp_t *handle, uint8_t enable);
 
@@ -534,7 +560,8 @@ KP_API int32_t kp_tag_get_reference_count(const char *topic, uint32_t *providers
  * Returns 1 when this tag has seen the last write, else 0; 1 for a null tag. A write counts as seen
  * when its timestamp is not later than that of the one last seen. So after the wall clock was set
  * back, or after a timestamp of the caller's own that lies ahead, new writes count as seen until the
- * clock has caught up: kp_tag_has_changed() tells them.
+ * clock has caught up, and the walk of a notice passes over them: kp_tag_has_changed() tells them, and
+ * reading the tag once makes the next write count as new again.
  */
 KP_API int32_t kp_tag_has_read(kp_tag_t *tag);
 
@@ -593,6 +620,10 @@ KP_API int32_t kp_sub_plain_topic(kp_t *handle, const char *topic);
  * still covers it. For a pattern all tags of the handle are destroyed, provider tags included, and
  * the remaining subscriptions made again, so keep providers and patterns on handles of their own.
  * Every pointer to a tag of the handle is invalid afterwards.
+ *
+ * A change whose notice arrives while the tags of a pattern are destroyed and made again finds no
+ * tag; it is seen with the next notice only. To miss none, look at all tags once after this call,
+ * by a walk with a notice in which every bit is set.
  */
 KP_API int32_t kp_unsub_topic(kp_t *handle, const char *topic);
 
