@@ -69,6 +69,7 @@ def literals_of_log_statements() -> set[str]:
         # A statement ends with the parenthesis before its semicolon.
         pattern = r"KP_(?:ERROR|WARN)\((.*?)\);|KP_LOG_AT\(KP_LEVEL_(?:ERROR|WARN),(.*?)\);"
         for statement in re.findall(pattern, path.read_text(encoding="utf-8"), re.DOTALL):
+            statement = [re.sub(r"LogSite::current\([^)]*\)", "", part) for part in statement]
             pieces = re.findall(r'"((?:[^"\\]|\\.)*)"', "".join(statement))
             texts.add(re.sub(r"%[a-z]+", "…", "".join(pieces).replace("\\n", "")))
     return texts - {"", "…"}
