@@ -69,16 +69,16 @@ void search_store(NodeState &state)
         const WithoutInterpreter listing;
         listed = topics_of_store("#");
     }
-    std::vector<std::string> fresh;
-    for (std::string &topic : listed)
-        if (state.handle && covers(state, topic) && !kp_get_tag(state.handle, topic.c_str()))
-            fresh.push_back(std::move(topic));
-    if (fresh.empty() || !state.handle)
+    std::erase_if(listed, [&state](const std::string &topic) { return !covers(state, topic); });
+    if (listed.empty() || !state.handle)
         return;
-    with_tags_locked(state, [&fresh](kp_t *handle) {
-        for (const std::string &topic : fresh)
-            (void)kp_sub_plain_topic(handle, topic.c_str());
-        return 0;
+    const auto fresh = with_tags_locked(state, [&listed](kp_t *handle) {
+        std::vector<std::string> made;
+        for (const std::string &topic : listed)
+            if (!kp_get_tag(handle, topic.c_str()) &&
+                kp_sub_plain_topic(handle, topic.c_str()) == 0)
+                made.push_back(topic);
+        return made;
     });
     for (const std::string &topic : fresh)
         give(state, topic);

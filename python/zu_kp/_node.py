@@ -113,6 +113,7 @@ class Node(NodeBase):
         self._loop: Optional[asyncio.AbstractEventLoop] = None
         self._descriptor = -1  # that the loop listens to
         self._waiting: list[Watch] = []
+        self._is_given_up = False
         self._look_timer: Optional[asyncio.TimerHandle] = None
 
     @property
@@ -148,13 +149,21 @@ class Node(NodeBase):
         """Opens the node on a thread of its own. Awaiting a write in the block sends its notice."""
         self._defers_notices = True
         loop = asyncio.get_running_loop()
-        opening = loop.run_in_executor(None, self.open)
+        opening = loop.run_in_executor(None, self._open_unless_given_up)
         try:
             await asyncio.shield(opening)
         except asyncio.CancelledError:
+            # Whoever comes last closes: the thread, or the loop, which may end before the thread does.
+            self._is_given_up = True
             opening.add_done_callback(lambda _: self.close())
             raise
         return self
+
+    def _open_unless_given_up(self) -> None:
+        """open() on a thread, for a task that may be cancelled meanwhile."""
+        self.open()
+        if self._is_given_up:
+            self.close()
 
     async def __aexit__(
         self,
