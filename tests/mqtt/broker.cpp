@@ -47,7 +47,8 @@ std::vector<std::string> client(const char *program, int port,
 std::vector<std::string> subscribing(const std::string &filter,
                                      const std::vector<std::string> &options)
 {
-    // The payload in hexadecimal first, since the JSON form shows bytes that are not UTF-8 as they are.
+    // The payload in hexadecimal first, since the JSON form shows bytes that are not UTF-8 as they
+    // are.
     return with({"-q", "1", "-t", kReady, "-t", filter, "-F", "%x|%j"}, options);
 }
 

@@ -14,7 +14,8 @@
 
 namespace kptest {
 
-// A port that was free a moment ago; the system hands out others first, so it stays free long enough.
+// A port that was free a moment ago; the system hands out others first, so it stays free long
+// enough.
 int free_port();
 
 class Broker {
@@ -62,8 +63,8 @@ struct SeenMessage {
     nlohmann::json properties;
 };
 
-// mosquitto_sub on a filter. Its subscription stands when the constructor is done; what the broker had
-// retained comes first.
+// mosquitto_sub on a filter. Its subscription stands when the constructor is done; what the broker
+// had retained comes first.
 class Subscriber {
   public:
     Subscriber(int port, const std::string &filter, std::vector<std::string> options = {});

@@ -1,6 +1,6 @@
 #include "device.h"
 
-#include "store_reader.h"
+#include "store/store_reader.h"
 #include "testing/process.h"
 
 #include <atomic>

@@ -4,7 +4,7 @@
 #include "testing/child.h"
 
 #include "kp.h"
-#include "sample.h"
+#include "store/sample.h"
 
 #include <map>
 #include <memory>

@@ -1,4 +1,5 @@
-// A provider that is killed cannot take its count back; the bridge tells it from one that is silent.
+// A provider that is killed cannot take its count back; the bridge tells it from one that is
+// silent.
 #include "broker.h"
 #include "device.h"
 
@@ -88,8 +89,8 @@ std::string quality_of(const SeenMessage &message)
     return message.payload + " " + message.user.at("q");
 }
 
-// The next message with a value: there is one that clears between the end of a provider and the first
-// value of the next.
+// The next message with a value: there is one that clears between the end of a provider and the
+// first value of the next.
 std::string next_value(Subscriber &subscriber)
 {
     auto message = subscriber.next_on("p/a/b");

@@ -1,4 +1,4 @@
-#include "inbound/local_writer.h"
+#include "store/local_writer.h"
 
 #include "testing/capture.h"
 #include "testing/process.h"

@@ -15,7 +15,8 @@ namespace {
 constexpr const char *kShared = "[[out]]\npattern = \"a/#\"\nprefix = \"tree\"\n"
                                 "[[in]]\nfilter = \"a/#\"\nprefix = \"tree\"\nshared = true\n";
 
-// Two trees: what one device sends is what the other receives. Neither bridge sees a loop of its own.
+// Two trees: what one device sends is what the other receives. Neither bridge sees a loop of its
+// own.
 constexpr const char *kTowards = "[[out]]\npattern = \"a/#\"\nprefix = \"x\"\n"
                                  "[[in]]\nfilter = \"a/#\"\nprefix = \"y\"\nshared = true\n";
 constexpr const char *kBack = "[[out]]\npattern = \"a/#\"\nprefix = \"y\"\n"

@@ -1,8 +1,8 @@
 // The broker goes away, comes back, or does not want us; the device goes on as if nothing were.
 #include "broker.h"
 #include "device.h"
-#include "testing/store_provider.h"
 #include "testing/process.h"
+#include "testing/store_provider.h"
 
 #include <algorithm>
 #include <csignal>
@@ -39,8 +39,8 @@ void declare_all(Tags &tags)
         tags.declare(topic_of(topic), KP_TYPE_INT32);
 }
 
-// Writes the numbers from `first` to before `end`, in turn to all topics. Returns the time that 99 of
-// 100 writes with their notice stay below.
+// Writes the numbers from `first` to before `end`, in turn to all topics. Returns the time that 99
+// of 100 writes with their notice stay below.
 std::chrono::nanoseconds write_changes(Tags &tags, int first, int end)
 {
     std::vector<std::chrono::nanoseconds> times;

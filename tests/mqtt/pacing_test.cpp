@@ -1,5 +1,7 @@
 #include "outbound/pacing.h"
 
+#include "broker/backoff.h"
+
 #include <gtest/gtest.h>
 
 using namespace kp::mqtt;

@@ -1,6 +1,6 @@
 #include "bridge.h"
 
-#include "log.h"
+#include "base/log.h"
 
 #include <algorithm>
 #include <array>
@@ -110,8 +110,8 @@ int Bridge::poll_timeout(Clock::time_point now) const
     return static_cast<int>(std::clamp<int64_t>(left, 0, kTick.count()));
 }
 
-// While nothing can be sent no mark wakes this thread, so that a writer shares its processor with the
-// receive thread alone; what is marked is looked at once a second then.
+// While nothing can be sent no mark wakes this thread, so that a writer shares its processor with
+// the receive thread alone; what is marked is looked at once a second then.
 void Bridge::wait(int signal_fd, bool &stop)
 {
     const pollfd signals{signal_fd, POLLIN, 0};

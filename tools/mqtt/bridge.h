@@ -5,15 +5,15 @@
 #include "common/notice_marks.h"
 #include "config/configuration.h"
 #include "inbound/inbound.h"
-#include "inbound/local_writer.h"
+#include "outbound/lost_providers.h"
 #include "outbound/publications.h"
+#include "outbound/shared_tags.h"
 #include "outbound/state_file.h"
 #include "outbound/topic_table.h"
-#include "providers/lost_providers.h"
 #include "service_manager.h"
-#include "shared/shared_tags.h"
 #include "status_tags.h"
-#include "store_reader.h"
+#include "store/local_writer.h"
+#include "store/store_reader.h"
 
 #include <string>
 
@@ -24,8 +24,8 @@ std::string make_origin(const std::string &device);
 
 class Bridge {
   public:
-    // Everything given by reference must outlive the bridge. `last_alive` says when an earlier run was,
-    // in microseconds since the epoch.
+    // Everything given by reference must outlive the bridge. `last_alive` says when an earlier run
+    // was, in microseconds since the epoch.
     Bridge(const Configuration &configuration, StateFile &state, tool::NoticeMarks &marks,
            LocalWriter &writer, Counters &counters, uint64_t last_alive);
     Bridge(const Bridge &) = delete;

@@ -1,7 +1,7 @@
 // kp-mqtt: joins the tags of a device to an MQTT 5 broker. See kp-mqtt(1) and kp-mqtt.conf(5).
+#include "base/log.h"
 #include "bridge.h"
 #include "config/file_problems.h"
-#include "log.h"
 #include "mapping.h"
 
 #include <CLI/CLI.hpp>
@@ -46,9 +46,9 @@ kp::UniqueFd take_signals()
     return kp::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-// A thread that wakes up takes the processor from the one that runs there, which is often the writer
-// that has just sent the notice. As batch work the bridge waits until that writer has done its part.
-// Threads inherit this, also those of the library.
+// A thread that wakes up takes the processor from the one that runs there, which is often the
+// writer that has just sent the notice. As batch work the bridge waits until that writer has done
+// its part. Threads inherit this, also those of the library.
 void let_writers_go_first()
 {
     const sched_param none{};
@@ -68,8 +68,8 @@ bool is_endpoint_taken(const std::string &name)
     return result == 0 || errno == EAGAIN;
 }
 
-// When an earlier run was last alive, in microseconds since the epoch: it left the state file behind,
-// or when it was killed its heartbeat.
+// When an earlier run was last alive, in microseconds since the epoch: it left the state file
+// behind, or when it was killed its heartbeat.
 uint64_t last_alive(const Configuration &configuration, const StateFile &state)
 {
     Sample heartbeat;

@@ -3,7 +3,7 @@
 #include "common/text.h"
 #include "common/topic_name.h"
 #include "names/topic_names.h"
-#include "store_reader.h"
+#include "store/store_reader.h"
 
 #include <nlohmann/json.hpp>
 #include <ostream>

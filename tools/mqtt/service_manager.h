@@ -1,4 +1,5 @@
-// What a service manager is told, over the socket that it names in NOTIFY_SOCKET; nothing without one.
+// What a service manager is told, over the socket that it names in NOTIFY_SOCKET; nothing without
+// one.
 #pragma once
 
 #include <chrono>

@@ -1,8 +1,8 @@
 // The bridge's own state as tags, so that the tools of the device show it.
 #pragma once
 
-#include "counters.h"
-#include "inbound/local_writer.h"
+#include "base/counters.h"
+#include "store/local_writer.h"
 
 #include <cstdint>
 #include <string>
@@ -26,8 +26,8 @@ class StatusTags {
     {
     }
 
-    // Writes what has changed since the last time, and the heartbeat: the time, in microseconds since
-    // the epoch, by which a bridge that was killed is told from one that lives.
+    // Writes what has changed since the last time, and the heartbeat: the time, in microseconds
+    // since the epoch, by which a bridge that was killed is told from one that lives.
     void show(const Status &status, const Counters &counters);
 
   private:

@@ -1,5 +1,5 @@
-// One attempt to connect. Connecting can wait for a name server, so it has a thread of its own, which
-// outlives the link when the server does not answer; what both need is shared.
+// One attempt to connect. Connecting can wait for a name server, so it has a thread of its own,
+// which outlives the link when the server does not answer; what both need is shared.
 #pragma once
 
 #include "layout/unique_fd.h"

@@ -24,8 +24,8 @@ struct BrokerEvents {
     std::function<void(int id, const Answer &answer)> acknowledged;
     std::function<void(int id, const Answer &answer)> subscribed;
     std::function<void(Message message)> received;
-    // Called at most once, and nothing is called after it. `refusal` is the broker's reason where it
-    // has refused the connection, else 0. The link must not be destroyed within the call.
+    // Called at most once, and nothing is called after it. `refusal` is the broker's reason where
+    // it has refused the connection, else 0. The link must not be destroyed within the call.
     std::function<void(const std::string &why, int refusal)> closed;
 };
 
@@ -37,7 +37,8 @@ enum class SendOutcome {
 
 class BrokerLink {
   public:
-    // Starts connecting. A problem is one of the configuration, as a certificate that cannot be read.
+    // Starts connecting. A problem is one of the configuration, as a certificate that cannot be
+    // read.
     static tool::Result<std::unique_ptr<BrokerLink>> start(const BrokerSettings &settings,
                                                            const Credentials &credentials,
                                                            const Publication &will,

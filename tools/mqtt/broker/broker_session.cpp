@@ -1,7 +1,7 @@
 #include "broker/broker_session.h"
 
+#include "base/log.h"
 #include "common/text.h"
-#include "log.h"
 #include "names/topic_names.h"
 
 #include <algorithm>
@@ -146,8 +146,8 @@ std::string BrokerSession::address() const
     return configuration_.broker.host + ":" + std::to_string(configuration_.broker.port);
 }
 
-// A broker refuses a will that it cannot carry instead of taking it as it can. Says whether the next
-// attempt asks for less.
+// A broker refuses a will that it cannot carry instead of taking it as it can. Says whether the
+// next attempt asks for less.
 bool BrokerSession::asked_too_much(int refusal)
 {
     if (refusal == kQosNotSupported && state_qos_ > 0) {
@@ -283,9 +283,8 @@ void BrokerSession::hear_state(const Message &state)
         go_online(state_retained_);
 }
 
-// The will of the last connection tells it alone. One of an attempt since then may have taken its
-// place, as at a broker that was stopped meanwhile, but also at one that was started anew and gave an
-// answer too late; so that takes a witness.
+// If the retained state is the will of our last online connection, the broker kept its data. If it
+// is a later attempt's, also the last acknowledged value must be there.
 bool BrokerSession::tells_that_all_is_kept(const Message &state) const
 {
     if (state.payload != "offline")

@@ -1,18 +1,19 @@
-// The bridge's standing with the broker over many connections: when to connect, what to ask first, and
-// what the broker has kept from the connection before.
+// The bridge's standing with the broker over many connections: when to connect, what to ask first,
+// and what the broker has kept from the connection before.
 //
 // After a connection the order is: subscriptions, the state "online", then values. On a connection
-// after the first, the retained state is read before. If it is the will of the connection before, the
-// broker has kept what it had, and only changes are sent; otherwise everything is. If it is the will of
-// an attempt since then, it counts when the broker also has the last value that it acknowledged.
-// Where there is a shared tree, all that the broker keeps of it is read before values are sent.
+// after the first, the retained state is read before. If it is the will of the connection before,
+// the broker has kept what it had, and only changes are sent; otherwise everything is. If it is the
+// will of an attempt since then, it counts when the broker also has the last value that it
+// acknowledged. Where there is a shared tree, all that the broker keeps of it is read before values
+// are sent.
 #pragma once
 
+#include "base/counters.h"
+#include "broker/backoff.h"
 #include "broker/broker_link.h"
 #include "broker/witness.h"
 #include "config/configuration.h"
-#include "counters.h"
-#include "outbound/pacing.h"
 
 #include <functional>
 #include <memory>
@@ -30,8 +31,8 @@ struct SessionEvents {
     std::function<const Publication *()> last_kept;
     // The subscriptions are made, and what the broker has kept is about to arrive.
     std::function<void()> reading;
-    // Values may be sent. `kept` says that the broker still has all that it acknowledged; `has_read`
-    // that all that it keeps of a shared tree has arrived.
+    // Values may be sent. `kept` says that the broker still has all that it acknowledged;
+    // `has_read` that all that it keeps of a shared tree has arrived.
     std::function<void(bool kept, bool has_read)> online;
     std::function<void()> lost;
     std::function<void(int id, const Answer &answer)> acknowledged;
@@ -66,8 +67,8 @@ class BrokerSession {
     void leave();
 
   private:
-    // After `asking` for the state, `reading` is for what the broker keeps of a shared tree: its end is
-    // told by the own state "online", which comes back behind all that.
+    // After `asking` for the state, `reading` is for what the broker keeps of a shared tree: its
+    // end is told by the own state "online", which comes back behind all that.
     enum class Phase { waiting, connecting, asking, reading, online };
 
     BrokerEvents link_events();

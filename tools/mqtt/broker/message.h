@@ -1,7 +1,7 @@
 // What goes over the connection, in both directions.
 #pragma once
 
-#include "clock.h"
+#include "base/clock.h"
 
 #include <cstdint>
 #include <string>

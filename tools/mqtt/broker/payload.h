@@ -3,7 +3,8 @@
 
 #include "broker/message.h"
 #include "common/result.h"
-#include "sample.h"
+#include "config/rule_settings.h"
+#include "store/sample.h"
 
 #include <optional>
 #include <string>
@@ -11,15 +12,9 @@
 
 namespace kp::mqtt {
 
-enum class PayloadMode {
-    plain, // text for numbers and booleans, the bytes themselves for the rest
-    json,  // one object with value, type, quality and times
-    raw,   // the store's bytes
-};
-
-// No payload that becomes a value is larger: 4000 bytes of which JSON escapes each with six, the topic
-// with three for each of its bytes, and the other keys. Larger ones are never parsed, which would take
-// many times their size.
+// No payload that becomes a value is larger: 4000 bytes of which JSON escapes each with six, the
+// topic with three for each of its bytes, and the other keys. Larger ones are never parsed, which
+// would take many times their size.
 constexpr size_t kMostPayloadBytes = 40 * 1024;
 
 struct Payload {
@@ -28,8 +23,8 @@ struct Payload {
     bool is_utf8; // sent as the payload format indicator
 };
 
-// The payload of a sample with a value. `quality` is what the message says, which can differ from the
-// sample's own when the providers are gone.
+// The payload of a sample with a value. `quality` is what the message says, which can differ from
+// the sample's own when the providers are gone.
 Payload make_payload(PayloadMode mode, std::string_view topic, const Sample &sample,
                      uint8_t quality);
 
@@ -45,8 +40,8 @@ struct Description {
     std::string problem; // why a message that says so cannot be taken, or empty
 };
 
-// Ignores properties that it does not know or that make no sense, but for a quality: what is not said
-// to be good must not be taken for it.
+// Ignores properties that it does not know or that make no sense, but for a quality: what is not
+// said to be good must not be taken for it.
 Description describe(const UserProperties &properties);
 
 // A payload ready to be converted: where `is_bytes` is set, the store's own bytes, else text.
@@ -61,7 +56,8 @@ struct Content {
     }
 };
 
-// Takes a payload apart; in JSON mode also completes the description. A bare JSON scalar is a value.
+// Takes a payload apart; in JSON mode also completes the description. A bare JSON scalar is a
+// value.
 tool::Result<Content> take_apart(PayloadMode mode, std::string_view payload,
                                  Description &description);
 

@@ -51,8 +51,8 @@ class PropertyList {
 UserProperties user_properties(const mosquitto_property *list);
 std::vector<uint32_t> subscriptions(const mosquitto_property *list);
 
-// The text for a reason, with the reason string that the broker has sent beside it, if any. What the
-// broker says is made printable.
+// The text for a reason, with the reason string that the broker has sent beside it, if any. What
+// the broker says is made printable.
 Answer answer_of(int reason, const mosquitto_property *list);
 
 } // namespace kp::mqtt

@@ -1,5 +1,5 @@
-// A value that a broker must have if it has kept everything: the last one that it acknowledged. It is
-// asked for by its topic when a connection comes back.
+// A value that a broker must have if it has kept everything: the last one that it acknowledged. It
+// is asked for by its topic when a connection comes back.
 #pragma once
 
 #include "broker/message.h"

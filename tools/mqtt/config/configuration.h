@@ -1,9 +1,10 @@
 // What the configuration file says, with every default filled in.
 #pragma once
 
-#include "broker/payload.h"
-#include "outbound/pacing.h"
+#include "config/rule_settings.h"
+#include "kp.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>

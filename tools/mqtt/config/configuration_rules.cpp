@@ -41,7 +41,8 @@ std::string written_pattern(const std::string &prefix, const tool::Levels &level
 }
 
 // Every topic that a rule can send is covered by one of these filters. Wildcards stay; a prefix and
-// plain levels are escaped as the topics are. The tag a/_ is sent as a, so a/+ sends the topic a too.
+// plain levels are escaped as the topics are. The tag a/_ is sent as a, so a/+ sends the topic a
+// too.
 Names sent_filters(const OutRule &rule)
 {
     tool::Levels levels = tool::split_levels(rule.pattern);
@@ -56,8 +57,8 @@ Names sent_filters(const OutRule &rule)
     return filters;
 }
 
-// Every tag that a rule can write is covered by one of these patterns. The filter a/# takes the topic
-// a too, which the pattern does not, and any value can find its place at the level "_".
+// Every tag that a rule can write is covered by one of these patterns. The filter a/# takes the
+// topic a too, which the pattern does not, and any value can find its place at the level "_".
 Names written_patterns(const InRule &rule)
 {
     tool::Levels levels = tool::split_levels(rule.filter, tool::Dialect::mqtt);
@@ -136,8 +137,7 @@ void find_collisions(const Configuration &configuration, Names &problems)
                                    " can send different tags to one topic");
 }
 
-// Of two in rules that take a topic the most exact decides, also about what another rule made the
-// broker send.
+// The most specific in rule wins, also for retained messages that another rule asked for.
 void find_in_rules_that_lose(const Configuration &configuration, Names &problems)
 {
     const auto &rules = configuration.in;

@@ -1,9 +1,10 @@
 #include "inbound/inbound.h"
 
+#include "base/log.h"
+#include "broker/payload.h"
 #include "common/pattern.h"
 #include "common/text.h"
 #include "common/value_text.h"
-#include "log.h"
 #include "names/topic_names.h"
 
 #include <algorithm>
@@ -12,8 +13,8 @@ namespace kp::mqtt {
 
 namespace {
 
-// A number as shells and other programs write it: with the end of a line, with a plus sign, and a whole
-// one with a fraction of zeros.
+// A number as shells and other programs write it: with the end of a line, with a plus sign, and a
+// whole one with a fraction of zeros.
 std::string_view plain_number(std::string_view text, bool is_integer)
 {
     while (text.ends_with('\n') || text.ends_with('\r'))
@@ -262,9 +263,9 @@ std::string Inbound::convert(const InRule &rule, const Message &message, ReadOut
     return {};
 }
 
-// A value can be one that the tag has already. Where two trees are joined, it can also be older than
-// one that was written here: a time in the future means a clock that is wrong, and counts as now; of
-// two equal times the greater device decides, as it does at the other one.
+// A value can be one that the tag has already. Where two trees are joined, it can also be older
+// than one that was written here: a time in the future means a clock that is wrong, and counts as
+// now; of two equal times the greater device decides, as it does at the other one.
 bool Inbound::is_superfluous(const std::string &tag, const Message &message, const Sample &current,
                              const WriteRequest &request) const
 {

@@ -1,14 +1,14 @@
-// From the broker to tags: which filters to subscribe, and what a message becomes. What cannot become
-// a value is refused with a line in the log and counted.
+// From the broker to tags: which filters to subscribe, and what a message becomes. What cannot
+// become a value is refused with a line in the log and counted.
 #pragma once
 
+#include "base/counters.h"
 #include "broker/message.h"
 #include "config/configuration.h"
-#include "counters.h"
-#include "inbound/local_writer.h"
 #include "names/topic_names.h"
-#include "shared/shared_tags.h"
-#include "store_reader.h"
+#include "outbound/shared_tags.h"
+#include "store/local_writer.h"
+#include "store/store_reader.h"
 
 #include <functional>
 #include <string>
@@ -17,8 +17,8 @@
 
 namespace kp::mqtt {
 
-// What the writer of values is asked to do, and what it knows. All names are those that a topic gives;
-// the writer finds their place in the store.
+// What the writer of values is asked to do, and what it knows. All names are those that a topic
+// gives; the writer finds their place in the store.
 struct InboundEvents {
     std::function<void(const std::string &tag, WriteRequest request)> put;
     // With `left_over` also a value that an earlier run has left behind.

@@ -1,5 +1,5 @@
-// Names on both sides. A tag's topic may hold what MQTT forbids or counts differently, so outbound it
-// is escaped (%XX), and inbound what cannot be a tag is refused.
+// Names on both sides. A tag's topic may hold what MQTT forbids or counts differently, so outbound
+// it is escaped (%XX), and inbound what cannot be a tag is refused.
 #pragma once
 
 #include <string>
@@ -18,7 +18,7 @@ struct Name {
 
 // The MQTT topic of a tag below a prefix (which may be empty). Escaped are "%", "+", "#", control
 // characters, what is not UTF-8, and a leading "$" of the first level. A last level "_" is dropped:
-// in the store a cannot have a value beside a/b, so a/_ stands for it.
+// topic `a` cannot be both a file and the directory of `a/b`, so its value is stored as `a/_`.
 std::string to_mqtt_topic(std::string_view prefix, std::string_view tag);
 
 // The tag of an MQTT topic whose prefix has been taken off; undoes the escapes.
@@ -31,8 +31,8 @@ Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix,
 // Undoes the escapes alone.
 std::string without_escapes(std::string_view text);
 
-// What is wrong with a prefix or a plain topic for MQTT, or an empty text. Refuses wildcards, control
-// characters and what is not UTF-8.
+// What is wrong with a prefix or a plain topic for MQTT, or an empty text. Refuses wildcards,
+// control characters and what is not UTF-8.
 std::string mqtt_topic_problem(std::string_view topic);
 
 // Control characters and what is not UTF-8 as %XX; all else as it is.

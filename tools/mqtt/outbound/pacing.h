@@ -1,22 +1,14 @@
-// When something may happen again: sending of one topic, sending at all, connecting.
+// When something may be sent again: one topic, and anything at all.
 #pragma once
 
-#include "clock.h"
-#include "sample.h"
+#include "base/clock.h"
+#include "config/rule_settings.h"
+#include "store/sample.h"
 
 #include <algorithm>
 #include <optional>
-#include <random>
 
 namespace kp::mqtt {
-
-// What keeps a topic quiet, from its rule.
-struct Quiet {
-    milliseconds min_interval{0};
-    double deadband = 0;          // absolute; 0: none
-    double relative_deadband = 0; // of the last value sent; 0: none
-    bool only_changes = false;    // a write of the same value is no change
-};
 
 // Remembers what of one topic was sent last and decides about the next sample.
 class Gate {
@@ -62,27 +54,6 @@ class TokenBucket {
     double room_;
     double tokens_ = 0;
     std::optional<Clock::time_point> filled_at_;
-};
-
-// Delays between attempts to connect: each about twice the one before, up to a maximum, and each a
-// random part of it, so that a fleet does not come back at once.
-class Backoff {
-  public:
-    Backoff(milliseconds first, milliseconds most, uint64_t seed = std::random_device{}())
-        : first_(first), most_(most), next_(first), random_(seed)
-    {
-    }
-    milliseconds next();
-    void reset()
-    {
-        next_ = first_;
-    }
-
-  private:
-    milliseconds first_;
-    milliseconds most_;
-    milliseconds next_;
-    std::mt19937_64 random_;
 };
 
 } // namespace kp::mqtt

@@ -1,13 +1,14 @@
-// The names that wait to be sent, each once however often it is marked. It holds no values: the newest
-// is read when a name's turn comes, so memory is bounded by the number of names, whatever the network
-// does. What waits when a connection comes up is the burst, which has a rate of its own.
+// The names that wait to be sent, each once however often it is marked. It holds no values: the
+// newest is read when a name's turn comes, so memory is bounded by the number of names, whatever
+// the network does. What waits when a connection comes up is the burst, which has a rate of its
+// own.
 //
-// The name that was marked first goes first, whether it belongs to the burst or not. So of n names that
-// wait each has gone after n messages, however often others change meanwhile. Only while the rate holds
-// the burst back, changes go ahead of it.
+// The name that was marked first goes first, whether it belongs to the burst or not. So of n names
+// that wait each has gone after n messages, however often others change meanwhile. Only while the
+// rate holds the burst back, changes go ahead of it.
 #pragma once
 
-#include "clock.h"
+#include "base/clock.h"
 
 #include <cstdint>
 #include <map>
@@ -25,8 +26,8 @@ class PendingNames {
         bool in_burst = false;
     };
 
-    // A name that waits already keeps its place, or moves with it from the burst to the changes, and
-    // is as old as the older of its marks either way.
+    // A name that waits already keeps its place, or moves with it from the burst to the changes,
+    // and is as old as the older of its marks either way.
     void mark_change(const std::string &name, Clock::time_point since);
     void mark_burst(const std::string &name, Clock::time_point since);
 

@@ -1,7 +1,8 @@
 #include "outbound/publications.h"
 
+#include "base/log.h"
+#include "broker/payload.h"
 #include "common/text.h"
-#include "log.h"
 #include "names/topic_names.h"
 
 #include <algorithm>

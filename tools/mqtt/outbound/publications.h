@@ -2,11 +2,11 @@
 // acknowledged, and what is sent again. It knows nothing of the connection but whether it stands.
 #pragma once
 
+#include "base/counters.h"
 #include "broker/message.h"
-#include "counters.h"
-#include "inbound/local_writer.h"
+#include "outbound/shared_tags.h"
 #include "outbound/topic_table.h"
-#include "shared/shared_tags.h"
+#include "store/local_writer.h"
 
 #include <map>
 #include <optional>
@@ -23,8 +23,8 @@ class Publications {
                  SharedTags &shared, Counters &counters);
 
     // A connection stands. Where the broker has kept what it had, only what changed meanwhile is
-    // sent, else everything once, but what of a shared tree is to be sent is not decided here. Either
-    // is the burst, which has a rate of its own.
+    // sent, else everything once, but what of a shared tree is to be sent is not decided here.
+    // Either is the burst, which has a rate of its own.
     void connected(bool kept, Clock::time_point now);
 
     // What the broker has not acknowledged counts as changed again.
@@ -45,8 +45,8 @@ class Publications {
     // Sends a topic again although nothing changed, since the broker has been given an older value.
     void repeat(const std::string &tag, Clock::time_point now);
 
-    // The last value that the broker took to keep it: a broker that has it has all before. Null when
-    // there is none.
+    // The last value that the broker took to keep it: a broker that has it has all before. Null
+    // when there is none.
     const Publication *last_kept() const
     {
         return last_kept_ ? &*last_kept_ : nullptr;
@@ -57,8 +57,8 @@ class Publications {
         return pending_.size();
     }
 
-    // The age of the oldest change that the broker does not have: one that waits, or was sent and is
-    // not acknowledged. What a rule holds back counts from the end of its interval.
+    // The age of the oldest change that the broker does not have: one that waits, or was sent and
+    // is not acknowledged. What a rule holds back counts from the end of its interval.
     milliseconds oldest_age(Clock::time_point now) const;
 
   private:

@@ -1,6 +1,6 @@
 #include "outbound/state_file.h"
 
-#include "log.h"
+#include "base/log.h"
 #include "names/topic_names.h"
 
 #include <cerrno>
@@ -72,7 +72,8 @@ std::string StateFile::open_and_load()
     return rewrite();
 }
 
-// A last line without its end was cut short by a crash and is left out: its message had not gone yet.
+// A last line without its end was cut short by a crash and is left out: its message had not gone
+// yet.
 void StateFile::load(const std::string &text)
 {
     for (size_t start = 0; start < text.size();) {

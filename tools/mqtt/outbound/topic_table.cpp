@@ -1,8 +1,8 @@
 #include "outbound/topic_table.h"
 
+#include "base/log.h"
 #include "common/text.h"
 #include "common/topic_name.h"
-#include "log.h"
 #include "names/topic_names.h"
 
 #include <functional>
@@ -134,8 +134,8 @@ bool TopicTable::take_up(OutTopic &topic, Sample sample)
     return changed;
 }
 
-// For the first look at a topic. Its last consumer would have removed it after its last provider, so
-// what nobody holds was made by name, whatever an earlier run has seen.
+// For the first look at a topic. Its last consumer would have removed it after its last provider,
+// so what nobody holds was made by name, whatever an earlier run has seen.
 bool TopicTable::have_left_before(const OutTopic &topic, const Sample &sample) const
 {
     return sample.providers == 0 && sample.consumers > 0 && state_.is_provided(topic.mqtt);

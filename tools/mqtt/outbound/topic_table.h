@@ -5,12 +5,12 @@
 
 #include "common/notice_marks.h"
 #include "config/configuration.h"
-#include "inbound/value_mark.h"
 #include "outbound/pacing.h"
 #include "outbound/pending.h"
 #include "outbound/state_file.h"
 #include "providers/handle_roles.h"
-#include "store_reader.h"
+#include "store/store_reader.h"
+#include "store/value_mark.h"
 
 #include <array>
 #include <memory>
@@ -66,12 +66,12 @@ class TopicTable {
         return std::exchange(counts_changed_, false);
     }
 
-    // Compares who has which topic open with the counts, right after a scan: a provider that was killed
-    // leaves its count behind. Returns the handles that are open on the topics.
+    // Compares who has which topic open with the counts, right after a scan: a provider that was
+    // killed leaves its count behind. Returns the handles that are open on the topics.
     unsigned take_census(const HandleCensus &census, Clock::time_point now);
 
-    // Takes a sample over as the last one seen. Says whether something changed that the broker should
-    // know.
+    // Takes a sample over as the last one seen. Says whether something changed that the broker
+    // should know.
     bool take_up(OutTopic &topic, Sample sample);
 
     // By the tag's name and by the MQTT topic; null when there is none.

@@ -1,10 +1,10 @@
-// What is known of the handles on one topic: which processes have them, and whether as provider or as
-// consumer. The store tells only how many there are of each, and both look alike from outside; who is
-// what follows from these numbers and from who comes and goes. What does not follow stays unknown, and
-// who is unknown may be a provider.
+// Infers who provides a topic from changing counts and mappings: the store tells only how many
+// providers and consumers there are, and both look alike from outside. A process whose role cannot
+// be deduced counts as a possible provider.
 //
-// Deliberate: a process that changes from consumer to provider between two looks, with its number of
-// handles and both counts as before, is taken for what it was. Its next write says that it is alive.
+// Deliberate: a process that changes from consumer to provider between two looks, with its number
+// of handles and both counts as before, is taken for what it was. Its next write says that it is
+// alive.
 #pragma once
 
 #include "providers/segment_holders.h"
@@ -29,8 +29,8 @@ class HandleRoles {
     // Takes a look over, at which the counts stood still.
     void learn(ino_t file, const HandleCounts &counted, const std::vector<Holder> &open);
 
-    // Providers are counted, and nobody has the topic open who may be one. Where processes are hidden,
-    // that is only said of handles that have all been in sight.
+    // Providers are counted, and nobody has the topic open who may be one. Where processes are
+    // hidden, that is only said of handles that have all been in sight.
     bool providers_are_lost(Sight sight) const;
 
     // At the last look.

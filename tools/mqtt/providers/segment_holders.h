@@ -1,6 +1,6 @@
 // Which processes have which topics open, from /proc, and word when one of them ends. The ends are
-// heard from the kernel, so that nothing needs to be looked at while nothing happens: a look reads the
-// mappings of every process.
+// heard from the kernel, so that nothing needs to be looked at while nothing happens: a look reads
+// the mappings of every process.
 #pragma once
 
 #include "layout/unique_fd.h"
@@ -28,7 +28,7 @@ struct Holder {
     bool operator==(const Holder &) const = default;
 };
 
-// How much of what goes on shows.
+// Which processes may be inspected.
 enum class Sight {
     partial, // processes are hidden, or cannot be looked into
     trusted, // the same, but they are said to have nothing to do with topics

@@ -1,12 +1,14 @@
-// What the broker's order makes of the topics of a shared tree, which several devices write. The rule
-// is told as a small model in docs/mqtt.md; this class holds no values and does nothing by itself.
+// What the broker's order makes of the topics of a shared tree, which several devices write. The
+// rule is told as a small model in docs/mqtt.md; this class holds no values and does nothing by
+// itself.
 //
-// All devices see the messages of one topic in one order, their own among them. While an own message
-// is on its way, what others have sent comes before it in this order and is passed over; when the own
-// message has come back, whatever comes after it counts. So the last message decides everywhere.
+// All devices see the messages of one topic in one order, their own among them. While an own
+// message is on its way, what others have sent comes before it in this order and is passed over;
+// when the own message has come back, whatever comes after it counts. So the last message decides
+// everywhere.
 #pragma once
 
-#include "clock.h"
+#include "base/clock.h"
 
 #include <cstdint>
 #include <string>
@@ -66,7 +68,8 @@ class SharedTree {
     bool is_there(const std::string &topic) const;
     // Whether the message is the last one that was heard of the topic.
     bool is_last(const std::string &topic, MessageKey key) const;
-    // The topics that are remembered: those that the broker keeps and those with a message on its way.
+    // The topics that are remembered: those that the broker keeps and those with a message on its
+    // way.
     size_t size() const
     {
         return topics_.size();

@@ -1,4 +1,4 @@
-#include "shared/shared_tags.h"
+#include "outbound/shared_tags.h"
 
 #include "names/topic_names.h"
 

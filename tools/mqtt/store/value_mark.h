@@ -1,7 +1,7 @@
 // Tells one write of a tag from another without keeping its value.
 #pragma once
 
-#include "sample.h"
+#include "store/sample.h"
 
 #include <functional>
 

@@ -4,12 +4,12 @@
 
 #include "broker/message.h"
 #include "config/configuration.h"
-#include "inbound/local_writer.h"
 #include "outbound/pending.h"
 #include "outbound/state_file.h"
 #include "outbound/topic_table.h"
 #include "shared/shared_tree.h"
-#include "store_reader.h"
+#include "store/local_writer.h"
+#include "store/store_reader.h"
 
 #include <string>
 #include <vector>
@@ -25,14 +25,14 @@ class SharedTags {
         is_busy,  // another one is about to be written
     };
 
-    // `writer` may be null, where nothing comes from the broker. What was written until `last_alive`,
-    // in microseconds since the epoch, an earlier run has seen.
+    // `writer` may be null, where nothing comes from the broker. What was written until
+    // `last_alive`, in microseconds since the epoch, an earlier run has seen.
     SharedTags(const Configuration &configuration, const StoreReader &reader,
                const LocalWriter *writer, StateFile &state, PendingNames &pending,
                TopicTable &topics, uint64_t last_alive);
 
-    // Whether the tag's own messages have the same topic as those that come for it. If not, two trees
-    // are joined, and their order says nothing.
+    // Whether the tag's own messages have the same topic as those that come for it. If not, two
+    // trees are joined, and their order says nothing.
     bool is_one_tree(const InRule &rule, const std::string &tag, const std::string &topic) const;
 
     Effect received(const Message &message, const std::string &tag, ReadOutcome outcome,

@@ -1,5 +1,5 @@
-// The directories of the store that the bridge has made for its tags, so that they go again when they
-// are empty: who may publish must not be able to fill the store with them.
+// The directories of the store that the bridge has made for its tags, so that they go again when
+// they are empty: who may publish must not be able to fill the store with them.
 #pragma once
 
 #include <set>
@@ -12,8 +12,8 @@ class MadeDirectories {
     // Notes which directories of a tag do not exist yet. Call it before the tag is made.
     void note(const std::string &tag);
 
-    // Removes those of the tag's directories that were noted and are empty. Call it after the tag is
-    // gone. One that has just got a file of somebody else is not empty and stays.
+    // Removes those of the tag's directories that were noted and are empty. Call it after the tag
+    // is gone. One that has just got a file of somebody else is not empty and stays.
     void remove_of(const std::string &tag);
 
     void remove_all();

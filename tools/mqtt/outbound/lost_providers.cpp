@@ -1,6 +1,6 @@
-#include "providers/lost_providers.h"
+#include "outbound/lost_providers.h"
 
-#include "log.h"
+#include "base/log.h"
 
 #include <algorithm>
 
@@ -8,9 +8,12 @@ namespace kp::mqtt {
 
 namespace {
 
-constexpr milliseconds kPause{1000};      // between two looks at least,
-constexpr int kShare = 20;                // and so many times what the last one took
-constexpr milliseconds kSecondLook{5000}; // after an end, for who was opening or closing just then
+// The least time between two looks.
+constexpr milliseconds kPause{1000};
+// A look waits so many times as long as the last one took.
+constexpr int kShare = 20;
+// After a process has ended, a second look follows, for who was opening or closing just then.
+constexpr milliseconds kSecondLook{5000};
 
 } // namespace
 

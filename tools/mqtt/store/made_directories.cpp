@@ -1,4 +1,4 @@
-#include "inbound/made_directories.h"
+#include "store/made_directories.h"
 
 #include "common/store_files.h"
 

@@ -1,20 +1,21 @@
 // Everything that changes the store: values from the broker and the bridge's own state. It has a
-// thread of its own, because sending a notice waits for a local peer that does not read; a stuck one
-// then holds up what comes in, but never what goes out, nor the connection. What waits is a map with
-// the newest value of each tag.
+// thread of its own, because sending a notice waits for a local peer that does not read; a stuck
+// one then holds up what comes in, but never what goes out, nor the connection. What waits is a map
+// with the newest value of each tag.
 //
-// In the store a cannot have a value beside a/b, so that a/_ has it. Which of the two a value goes to
-// is decided here, when it is written, since the other can come in between.
+// Topic `a` cannot be both a file and the directory of `a/b`. Its value is stored as `a/_` then.
+// Which of the two a value goes to is decided here, when it is written, since the other topic can
+// come in between.
 #pragma once
 
+#include "base/clock.h"
+#include "base/counters.h"
 #include "common/notice_marks.h"
-#include "counters.h"
-#include "inbound/made_directories.h"
-#include "inbound/value_mark.h"
-#include "outbound/pending.h"
-#include "sample.h"
 #include "shared/shared_tree.h"
-#include "store_reader.h"
+#include "store/made_directories.h"
+#include "store/sample.h"
+#include "store/store_reader.h"
+#include "store/value_mark.h"
 
 #include <array>
 #include <condition_variable>
@@ -33,8 +34,8 @@ struct WriteRequest {
     bool is_declared = false; // by somebody: written as it is, else a provider tag is made
     unsigned messages = 0;    // from the broker that it stands for, all of which are counted
     MessageKey key = 0;       // of the message, in a shared tree
-    // Where it is set, the value is written only over this one or over one from the broker: what was
-    // written here meanwhile is newer, and goes to the broker.
+    // Where it is set, the value is written only over this one or over one from the broker: what
+    // was written here meanwhile is newer, and goes to the broker.
     std::optional<ValueMark> only_over;
 };
 
@@ -49,9 +50,10 @@ class LocalWriter {
 
     void put(const std::string &tag, WriteRequest request);
 
-    // Gives up the bridge's own provider tag, if it has one, so that the topic goes. A value that stays
-    // behind because others have the topic open is taken out, unless one of them may provide it; with
-    // `left_over`, whoever is counted, since the count may be that of a bridge that was killed.
+    // Gives up the bridge's own provider tag, if it has one, so that the topic goes. A value that
+    // stays behind because others have the topic open is taken out, unless one of them may provide
+    // it; with `left_over`, whoever is counted, since the count may be that of a bridge that was
+    // killed.
     void drop(const std::string &tag, bool left_over = false);
     // Whether it was told to drop the tag and has not yet.
     bool is_dropping(const std::string &tag) const;
@@ -59,7 +61,8 @@ class LocalWriter {
     // From now on the value of the tag is not the broker's: the broker has lost it.
     void forget(const std::string &tag);
 
-    // The message whose value stands in the store; nothing when it is not what put() has brought there.
+    // The message whose value stands in the store; nothing when it is not what put() has brought
+    // there.
     std::optional<MessageKey> key_of(const std::string &tag, const Sample &sample) const;
     // Whether something waits to be written to the tag, or is being written.
     bool is_busy_with(const std::string &tag) const;
@@ -67,8 +70,8 @@ class LocalWriter {
     // How long the thread has been at one round of writes.
     std::chrono::milliseconds busy_for(Clock::time_point now) const;
 
-    // Writes what waits and ends the thread. False when a peer keeps it from ending: the process must
-    // then leave without destroying this object, which the thread still uses.
+    // Writes what waits and ends the thread. False when a peer keeps it from ending: the process
+    // must then leave without destroying this object, which the thread still uses.
     bool stop(std::chrono::milliseconds patience);
 
   private:

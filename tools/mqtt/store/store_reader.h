@@ -2,7 +2,7 @@
 #pragma once
 
 #include "common/store_files.h"
-#include "sample.h"
+#include "store/sample.h"
 
 #include <functional>
 #include <string>
@@ -26,8 +26,8 @@ class StoreReader {
     // which also means that it has not been made yet.
     bool for_each_topic(const std::function<void(const std::string &topic)> &visit) const;
 
-    // The tag that stands for a name now: in the store a cannot have a value beside a/b, so that a/_
-    // has it.
+    // The tag that stands for a name now. Topic `a` cannot be both a file and the directory of
+    // `a/b`. Its value is stored as `a/_` then.
     std::string standing_for(std::string name) const;
 };
 

@@ -1,7 +1,7 @@
-#include "inbound/local_writer.h"
+#include "store/local_writer.h"
 
+#include "base/log.h"
 #include "common/text.h"
-#include "log.h"
 #include "names/topic_names.h"
 
 namespace kp::mqtt {
@@ -207,8 +207,8 @@ bool LocalWriter::write(const std::string &name, const WriteRequest &request)
     return done || moved;
 }
 
-// Takes a tag with a value out of the way of one below its name: only a tag that the bridge alone has
-// open, since others would go on with a file that is gone.
+// Takes a tag with a value out of the way of one below its name: only a tag that the bridge alone
+// has open, since others would go on with a file that is gone.
 std::optional<LocalWriter::Moving> LocalWriter::make_room(const std::string &name)
 {
     if (tool::place_of(name) != tool::Place::below_a_topic)
