@@ -7,9 +7,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <limits>
 #include <sys/time.h>

@@ -92,8 +92,8 @@ std::vector<UnixSocket> lost_listeners(const View &view, const std::vector<Endpo
     if (stat(kProvidersRoot, &status) != 0)
         return lost;
     for (const UnixSocket &socket : view.sockets.sockets) {
-        const bool is_here = socket.state == UnixSocket::State::listening && socket.path.starts_with(prefix) &&
-                             socket.file_device == status.st_dev;
+        const bool is_here = socket.state == UnixSocket::State::listening &&
+                             socket.path.starts_with(prefix) && socket.file_device == status.st_dev;
         const bool has_file =
             std::any_of(endpoints.begin(), endpoints.end(), [&socket](const Endpoint &endpoint) {
                 return endpoint.file.is_bound_by(socket);
