@@ -300,3 +300,27 @@ TEST(ValueProblem, SaysWhyThereIsNothingToShow)
     EXPECT_EQ(value_problem("a", snapshot).text,
               "a: the segment is corrupt (type 99, size 0, maximum 0)");
 }
+
+TEST(SegmentReader, TellsAWriterThatWritesOnFromOneThatDied)
+{
+    SegmentFile("a").create();
+    SegmentFile("a").put_u8(at::flags, 3);
+    SegmentFile("a").put_u8(at::writing, 1);
+    TopicOpener opener;
+    Problem problem;
+    const auto dead = read_topic(opener, "a", problem);
+    std::atomic<bool> stop = false;
+    std::thread writer([&stop] {
+        for (uint64_t ts = 1; !stop; ++ts)
+            SegmentFile("a").put_u64(at::last_write_ts, ts);
+    });
+
+    const auto alive = read_topic(opener, "a", problem);
+    stop = true;
+    writer.join();
+
+    EXPECT_EQ(value_problem("a", *dead).text,
+              "a: a write has begun and does not end (its writer may have died)");
+    EXPECT_EQ(value_problem("a", *alive).text,
+              "a: is written without a pause in which it could be read");
+}

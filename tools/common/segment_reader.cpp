@@ -155,16 +155,30 @@ void pause_briefly()
     (void)nanosleep(&pause, nullptr);
 }
 
-template <typename Source> Look look_patiently(const Source &source, Copy &copy)
+uint64_t timestamp_of(const Copy &copy)
+{
+    return copy.segment().last_write_ts;
+}
+
+// What came of all attempts, and whether the writer that disturbed them wrote on meanwhile.
+struct Looked {
+    Look look = Look::disturbed;
+    bool is_written_on = false;
+};
+
+template <typename Source> Looked look_patiently(const Source &source, Copy &copy)
 {
     std::memset(copy.bytes.data(), 0, kFieldsEnd);
     auto look = Look::disturbed;
+    std::optional<uint64_t> first;
     for (int pauses = 0;; ++pauses) {
         for (int count = 0; count < kAttemptsBeforePause && look == Look::disturbed; ++count)
             if (!source.run([&] { look = attempt(source, copy); }))
-                return Look::no_segment;
+                return {Look::no_segment};
+        if (!first)
+            first = timestamp_of(copy);
         if (look != Look::disturbed || pauses == kPauses)
-            return look;
+            return {look, timestamp_of(copy) != *first};
         pause_briefly();
     }
 }
@@ -218,10 +232,12 @@ Snapshot snapshot_of(const Copy &copy, Look look, ino_t inode)
 template <typename Source> std::optional<Snapshot> read_from(const Source &source, ino_t inode)
 {
     Copy copy;
-    const Look look = look_patiently(source, copy);
-    if (look == Look::no_segment)
+    const Looked looked = look_patiently(source, copy);
+    if (looked.look == Look::no_segment)
         return std::nullopt;
-    return snapshot_of(copy, look, inode);
+    Snapshot snapshot = snapshot_of(copy, looked.look, inode);
+    snapshot.is_written_on = snapshot.condition == Condition::busy && looked.is_written_on;
+    return snapshot;
 }
 
 WriteStamp stamp_of(const Segment &segment)
@@ -372,6 +388,8 @@ Problem value_problem(const std::string &topic, const Snapshot &snapshot)
     case Condition::empty:
         return {kNothing, name + ": no value has been written yet"};
     case Condition::busy:
+        if (snapshot.is_written_on)
+            return {kLimit, name + ": is written without a pause in which it could be read"};
         return {kInvalid, name + ": a write has begun and does not end (its writer may have died)"};
     default:
         return {kInvalid, name + ": the segment is corrupt (type " + std::to_string(snapshot.type) +

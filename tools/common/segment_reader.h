@@ -42,6 +42,7 @@ struct Snapshot {
     uint8_t writing = 0;
     uint8_t providers = 0;
     uint8_t consumers = 0;
+    bool is_written_on = false;   // `busy`, and its writer goes on writing
     bool reserved_in_use = false; // one of the bytes that every writer leaves zero is not zero
     ino_t inode = 0;              // tells a topic that was made anew from the one before
     std::string bytes;            // the value, when the condition is `value`
