@@ -1,6 +1,6 @@
 #include "common/value_text.h"
 
-#include "testing/store_provider.h"
+#include "testing/bytes.h"
 
 #include <cmath>
 #include <gtest/gtest.h>

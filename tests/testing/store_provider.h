@@ -2,6 +2,7 @@
 #pragma once
 
 #include "kp.h"
+#include "testing/bytes.h"
 #include "testing/child.h"
 
 #include <gtest/gtest.h>
@@ -53,11 +54,6 @@ inline void declare_by_name(const std::string &topic)
         return kp_shm_set_provider_info(shm, KP_TYPE_STRING, KP_MAX_VALUE_SIZE, 0);
     });
     EXPECT_EQ(tool.wait(), 0);
-}
-
-template <typename T> std::string bytes_of(T value)
-{
-    return {reinterpret_cast<const char *>(&value), sizeof value};
 }
 
 } // namespace kptest

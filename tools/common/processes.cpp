@@ -155,8 +155,7 @@ std::vector<pid_t> children_of(pid_t parent)
     std::erase_if(children, [parent](pid_t pid) {
         char state = '?';
         int of = 0;
-        return std::sscanf(stat_fields(pid).c_str(), "%c %d", &state, &of) != 2 ||
-               of != parent;
+        return std::sscanf(stat_fields(pid).c_str(), "%c %d", &state, &of) != 2 || of != parent;
     });
     return children;
 }

@@ -1,7 +1,7 @@
 // The subcommands of `kp`. Each adds itself, its options and the function that runs it.
 #pragma once
 
-#include "problem.h"
+#include "running/problem.h"
 
 #include <CLI/CLI.hpp>
 #include <functional>

@@ -1,12 +1,12 @@
 // kp: the tags of this device, seen, set and looked after from a shell.
-#include "checks.h"
 #include "commands.h"
+#include "commands/option_checks.h"
+#include "commands/similar_word.h"
 #include "common/fault_guard.h"
 #include "common/text.h"
 #include "kp.h"
-#include "output.h"
-#include "similar_word.h"
-#include "stop.h"
+#include "output/output.h"
+#include "running/stop.h"
 
 #include <clocale>
 #include <csignal>
@@ -82,8 +82,8 @@ bool is_odd_negative(const std::string &text)
     return *end == '\0';
 }
 
-// They are put where the parser takes them for a value: with set, whose last word the value is, behind
-// the end of the options, and with wait behind the sign.
+// Moves such a number to where the parser takes it for a value: behind "--" for set, glued to the sign
+// for wait.
 void protect_negative_value(std::vector<std::string> &arguments)
 {
     const bool is_wait = arguments[0] == "wait";

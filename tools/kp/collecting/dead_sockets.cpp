@@ -1,4 +1,4 @@
-#include "kp/collecting/dead_sockets.h"
+#include "collecting/dead_sockets.h"
 
 #include "common/clock.h"
 #include "common/text.h"

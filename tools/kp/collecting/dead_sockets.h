@@ -2,8 +2,8 @@
 // listens, and what has just been made is given a moment.
 #pragma once
 
-#include "kp/collecting/deed.h"
-#include "kp/endpoints.h"
+#include "collecting/deed.h"
+#include "device/endpoints.h"
 
 namespace kp::tool {
 

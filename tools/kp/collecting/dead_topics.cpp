@@ -1,4 +1,4 @@
-#include "kp/collecting/dead_topics.h"
+#include "collecting/dead_topics.h"
 
 #include "common/clock.h"
 #include "common/fault_guard.h"

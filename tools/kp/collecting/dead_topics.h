@@ -2,9 +2,9 @@
 // and what is done about them.
 #pragma once
 
+#include "collecting/deed.h"
 #include "common/processes.h"
 #include "common/segment_reader.h"
-#include "kp/collecting/deed.h"
 #include "layout/segment.h"
 
 namespace kp::tool {

@@ -1,4 +1,4 @@
-#include "kp/collecting/empty_directories.h"
+#include "collecting/empty_directories.h"
 
 #include "common/clock.h"
 #include "common/text.h"

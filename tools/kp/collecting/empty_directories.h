@@ -1,8 +1,8 @@
 // Directories of the store in which no topic is left.
 #pragma once
 
+#include "collecting/deed.h"
 #include "common/store_files.h"
-#include "kp/collecting/deed.h"
 
 namespace kp::tool {
 

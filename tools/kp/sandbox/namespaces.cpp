@@ -1,4 +1,4 @@
-#include "kp/sandbox/namespaces.h"
+#include "sandbox/namespaces.h"
 
 #include "layout/unique_fd.h"
 

@@ -1,4 +1,4 @@
-#include "kp/sandbox/own_directory.h"
+#include "sandbox/own_directory.h"
 
 #include "common/text.h"
 #include "layout/unique_fd.h"

@@ -1,4 +1,4 @@
-#include "kp/sandbox/store_copy.h"
+#include "sandbox/store_copy.h"
 
 #include "common/selection.h"
 #include "common/store_files.h"

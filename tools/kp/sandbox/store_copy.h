@@ -1,8 +1,8 @@
 // A copy of the store in a directory of the user's, kept after its sandbox has gone.
 #pragma once
 
-#include "kp/problem.h"
 #include "layout/unique_fd.h"
+#include "running/problem.h"
 
 #include <string>
 

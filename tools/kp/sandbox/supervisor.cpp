@@ -1,10 +1,10 @@
-#include "kp/sandbox/supervisor.h"
+#include "sandbox/supervisor.h"
 
 #include "common/clock.h"
 #include "common/processes.h"
 #include "common/text.h"
-#include "kp/problem.h"
-#include "kp/stop.h"
+#include "running/problem.h"
+#include "running/stop.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "kp/top/top_data.h"
+#include "top/top_data.h"
 
 #include "common/clock.h"
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "common/live_store.h"
-#include "kp/top/value_history.h"
+#include "top/value_history.h"
 
 #include <array>
 

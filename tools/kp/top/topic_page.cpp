@@ -1,10 +1,10 @@
-#include "kp/top/topic_page.h"
+#include "top/topic_page.h"
 
 #include "common/clock.h"
 #include "common/processes.h"
 #include "common/text.h"
-#include "kp/row_format.h"
-#include "kp/time_text.h"
+#include "output/row_format.h"
+#include "output/time_text.h"
 
 namespace kp::tool {
 

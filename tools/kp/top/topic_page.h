@@ -1,7 +1,7 @@
 // One topic on a page of its own: the whole value, its last minute, and who has it open.
 #pragma once
 
-#include "kp/top/top_data.h"
+#include "top/top_data.h"
 
 namespace kp::tool {
 

@@ -1,4 +1,4 @@
-#include "kp/top/value_history.h"
+#include "top/value_history.h"
 
 #include "common/number_type.h"
 #include "common/text.h"

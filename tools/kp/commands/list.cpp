@@ -1,0 +1,208 @@
+// kp list: every topic of the store, at any depth.
+#include "commands.h"
+#include "commands/selection_options.h"
+#include "common/text.h"
+#include "output/output.h"
+#include "output/row_format.h"
+
+#include <algorithm>
+#include <array>
+#include <numeric>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr std::size_t kValueColumns = 40;
+constexpr std::size_t kLeastColumns = 12; // of a name or value
+
+struct ListOptions {
+    SelectionOptions selection;
+    FormatOptions format;
+    bool long_form = false;
+    bool tree = false;
+};
+
+using Cells = std::array<std::string, 7>;
+
+Cells cells_of(const Row &row, const ListOptions &options)
+{
+    const Snapshot &snapshot = row.snapshot;
+    const bool has_value = snapshot.flags & kHasValue;
+    return {escaped(row.topic),
+            snapshot.type_name() ? snapshot.type_name() : "-",
+            shortened(shown_value(snapshot, options.format.bytes), kValueColumns),
+            std::to_string(snapshot.quality),
+            has_value ? age_text(snapshot.last_write_ts, now_us()) : "-",
+            std::to_string(snapshot.providers),
+            std::to_string(snapshot.consumers)};
+}
+
+// Rows that want attention stand out: broken ones, then bad values and doubled providers.
+std::string painted(const std::string &line, const Snapshot &snapshot)
+{
+    switch (snapshot.condition) {
+    case Condition::busy:
+    case Condition::corrupt:
+        return colored(line, Color::red);
+    case Condition::value:
+        return snapshot.quality == KP_QUALITY_NONE || snapshot.providers > 1
+                   ? colored(line, Color::yellow)
+                   : line;
+    default:
+        return colored(line, Color::dim);
+    }
+}
+
+// Text columns to the left, numbers to the right.
+std::string table_line(const Cells &cells, const std::array<std::size_t, 7> &widths)
+{
+    std::string line;
+    for (std::size_t column = 0; column < cells.size(); ++column) {
+        const bool text = column < 3;
+        line += column == 0 ? "" : "  ";
+        line += text ? padded(shortened(cells[column], widths[column]), widths[column])
+                     : padded_left(cells[column], widths[column]);
+    }
+    return line;
+}
+
+// Takes from the values and then from the names what a terminal has no room for, so that each row stays
+// one line. Files and pipes get all.
+void fit_to_terminal(std::array<std::size_t, 7> &widths)
+{
+    winsize size{};
+    if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 ||
+        size.ws_col == 0)
+        return;
+    const std::size_t all = std::accumulate(widths.begin(), widths.end(), 2 * (widths.size() - 1));
+    std::size_t excess = all - std::min<std::size_t>(all, size.ws_col);
+    for (const std::size_t column : {std::size_t{2}, std::size_t{0}}) {
+        const std::size_t taken =
+            std::min(excess, widths[column] - std::min(widths[column], kLeastColumns));
+        widths[column] -= taken;
+        excess -= taken;
+    }
+}
+
+void print_table(const std::vector<Row> &rows, const ListOptions &options)
+{
+    const Cells titles = {"TOPIC", "TYPE", "VALUE", "QUALITY", "AGE", "PROVIDERS", "CONSUMERS"};
+    std::array<std::size_t, 7> widths{};
+    std::vector<Cells> lines = {titles};
+    for (const Row &row : rows)
+        lines.push_back(cells_of(row, options));
+    for (const Cells &cells : lines)
+        for (std::size_t column = 0; column < cells.size(); ++column)
+            widths[column] = std::max(widths[column], display_width(cells[column]));
+    fit_to_terminal(widths);
+    output().line(colored(table_line(titles, widths), Color::bold));
+    for (std::size_t index = 0; index < rows.size(); ++index)
+        output().line(painted(table_line(lines[index + 1], widths), rows[index].snapshot));
+}
+
+std::size_t common_levels(const std::vector<std::string_view> &a,
+                          const std::vector<std::string_view> &b)
+{
+    const auto end = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
+    return static_cast<std::size_t>(end.first - a.begin());
+}
+
+void print_tree(const std::vector<StoreFile> &files)
+{
+    std::vector<std::string_view> last;
+    for (const StoreFile &file : files) {
+        const auto levels = split_levels(file.topic);
+        for (std::size_t depth = common_levels(levels, last); depth < levels.size(); ++depth)
+            output().line(std::string(depth * 2, ' ') + escaped(levels[depth]) +
+                          (depth + 1 < levels.size() ? "/" : ""));
+        last = levels;
+    }
+}
+
+// Takes out what is no segment and says so.
+void keep_segments(StoreListing &listing, Outcome &outcome)
+{
+    TopicOpener opener;
+    std::erase_if(listing.files, [&](const StoreFile &file) {
+        struct stat status;
+        Problem problem;
+        const bool good = opener.status(file.topic, status, problem) &&
+                          is_segment_file(status, file.topic, problem);
+        if (!good && problem.code != kNothing) // one may be removed at any time
+            outcome.note(problem);
+        return !good;
+    });
+}
+
+std::vector<Row> read_rows(const StoreListing &listing, Outcome &outcome)
+{
+    TopicOpener opener;
+    std::vector<Row> rows;
+    for (const StoreFile &file : listing.files) {
+        Problem problem;
+        auto snapshot = read_topic(opener, file.topic, problem);
+        if (snapshot && has_broken_value(*snapshot))
+            outcome.note(value_problem(file.topic, *snapshot));
+        if (snapshot)
+            rows.push_back({file.topic, std::move(*snapshot)});
+        else if (problem.code != kNothing)
+            outcome.note(problem);
+    }
+    return rows;
+}
+
+int run_list(const ListOptions &options)
+{
+    Problem problem;
+    Selection selection;
+    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
+        return complain(problem);
+
+    Outcome outcome;
+    StoreListing listing = list_store(selection);
+    for (const Problem &unread : listing.problems)
+        outcome.note(unread);
+    const bool with_values = options.long_form || options.format.format != Format::plain ||
+                             !options.format.field_template.empty();
+    if (with_values && !options.tree) {
+        const auto rows = read_rows(listing, outcome);
+        if (rows.empty())
+            outcome.note(kNothing);
+        else if (options.format.format == Format::plain && options.format.field_template.empty())
+            print_table(rows, options);
+        else
+            print_records(rows, options.format);
+        return outcome.code();
+    }
+    keep_segments(listing, outcome);
+    if (options.tree)
+        print_tree(listing.files);
+    else
+        for (const StoreFile &file : listing.files)
+            output().line(escaped(file.topic));
+    if (listing.files.empty())
+        outcome.note(kNothing);
+    return outcome.code();
+}
+
+} // namespace
+
+void add_list(Commands &commands)
+{
+    const auto options = std::make_shared<ListOptions>();
+    CLI::App &command = commands.add("list", "list topics, at any depth, sorted",
+                                     [options] { return run_list(*options); });
+    command.alias("ls");
+    CLI::Option *long_form = command.add_flag(
+        "-l,--long", options->long_form, "with type, value, quality, age, providers and consumers");
+    add_selection(command, options->selection);
+    add_format_options(command, options->format);
+    command.add_flag("--tree", options->tree, "as a tree of levels")
+        ->excludes(long_form, command.get_option("--json"), command.get_option("--format"),
+                   command.get_option("--template"));
+}
+
+} // namespace kp::tool

@@ -1,0 +1,144 @@
+// kp replay: writes what record printed, at the pace at which it was seen.
+#include "commands.h"
+#include "commands/option_checks.h"
+#include "common/text.h"
+#include "running/line_reader.h"
+#include "running/stop.h"
+#include "writing/record_store.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr double kLongestWaitUs = 1e15; // some thirty years, whatever a line says
+
+struct ReplayOptions {
+    std::string file = "-";
+    double speed = 1;
+    double peer_wait = 0.3;
+    bool force = false;
+};
+
+// Readers take a value of an old time for seen, so the times move: written now, and read from its
+// source as long before that as it was.
+void move_to_now(Write &write)
+{
+    const auto written = std::exchange(write.timestamp, now_us());
+    if (!written || !write.source_ts || *write.source_ts == 0)
+        return;
+    const uint64_t now = *write.timestamp;
+    if (*write.source_ts > *written)
+        *write.source_ts = now + (*write.source_ts - *written);
+    else
+        *write.source_ts = now - std::min(*written - *write.source_ts, now);
+}
+
+class Replay {
+  public:
+    Replay(const ReplayOptions &options, int fd) : options_(options), lines_(fd)
+    {
+    }
+
+    int run()
+    {
+        while (!is_stopped_) {
+            if (!lines_.has_line())
+                notify(); // nobody knows when the next one comes
+            const auto line = lines_.next();
+            if (!line)
+                break;
+            Problem problem;
+            if (!play(*line, problem))
+                outcome_.note(lines_.at_line(problem));
+        }
+        if (lines_.error() != 0)
+            outcome_.note(system_problem(input_name(options_.file), lines_.error()));
+        notify();
+        return outcome_.code();
+    }
+
+  private:
+    bool play(const std::string &line, Problem &problem)
+    {
+        auto record = parse_stored_record(line, problem);
+        if (!record)
+            return false;
+        if (record->seen && options_.speed > 0)
+            await_turn(*record->seen);
+        if (is_stopped_)
+            return true;
+        record->write.change_type = options_.force;
+        move_to_now(record->write);
+        return store_record(*record, sender_, problem);
+    }
+
+    void await_turn(uint64_t seen)
+    {
+        if (!start_)
+            start_ = {seen, monotonic_us()};
+        const auto passed = static_cast<double>(seen - std::min(seen, start_->seen));
+        const uint64_t turn =
+            start_->at + static_cast<uint64_t>(std::min(passed / options_.speed, kLongestWaitUs));
+        if (turn <= monotonic_us())
+            return;
+        notify();
+        is_stopped_ = !wait_until(turn);
+    }
+
+    void notify()
+    {
+        Problem problem;
+        if (!sender_.send(static_cast<uint64_t>(options_.peer_wait * 1e6), problem))
+            outcome_.note(problem);
+    }
+
+    struct Start {
+        uint64_t seen; // of the first line
+        uint64_t at;   // on the monotonic clock
+    };
+
+    const ReplayOptions &options_;
+    LineReader lines_;
+    NoticeSender sender_;
+    Outcome outcome_;
+    std::optional<Start> start_;
+    bool is_stopped_ = false;
+};
+
+int run_replay(const ReplayOptions &options)
+{
+    catch_stop_signals();
+    if (options.file == "-")
+        return Replay(options, STDIN_FILENO).run();
+    const UniqueFd file(open(options.file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        return complain(system_problem(input_name(options.file), errno));
+    return Replay(options, file.get()).run();
+}
+
+} // namespace
+
+void add_replay(Commands &commands)
+{
+    const auto options = std::make_shared<ReplayOptions>();
+    CLI::App &command =
+        commands.add("replay", "write what record printed, at the pace at which it was seen",
+                     [options] { return run_replay(*options); });
+    command.add_option("file", options->file, "the file; standard input unless given")
+        ->type_name("FILE");
+    command
+        .add_option("--speed", options->speed,
+                    "times as fast as recorded; 1 unless given, 0 without any wait")
+        ->type_name("X")
+        ->check(in_range(0.0, 1e6));
+    command.add_flag("--force", options->force, "change the type of topics that exist");
+    command.add_option("--peer-wait", options->peer_wait, "how long to wait for peers to connect")
+        ->type_name("SEC")
+        ->check(in_range(0.0, 60.0));
+}
+
+} // namespace kp::tool

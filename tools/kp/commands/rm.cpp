@@ -1,0 +1,160 @@
+// kp rm: takes topics out of the store, unless somebody has them open.
+#include "commands.h"
+#include "common/file_lock.h"
+#include "common/processes.h"
+#include "common/segment_reader.h"
+#include "common/text.h"
+#include "output/output.h"
+
+#include <cerrno>
+
+namespace kp::tool {
+
+namespace {
+
+// Each needs a descriptor while it is locked, of which most programs may have 1024.
+constexpr std::size_t kAtOnce = 500;
+
+struct RemoveOptions {
+    std::vector<std::string> topics;
+    bool force = false;
+    bool dry_run = false;
+};
+
+// A topic to be removed, held so that nobody can open it meanwhile; not where it cannot be read.
+struct Victim {
+    std::string topic;
+    FileId file;
+    UniqueFd fd = {};
+    std::unique_ptr<FileLock> lock = {}; // given back before the descriptor
+};
+
+class Removal {
+  public:
+    explicit Removal(const RemoveOptions &options) : options_(options)
+    {
+    }
+
+    int run()
+    {
+        for (const std::string &text : options_.topics)
+            add(text);
+        for (std::size_t first = 0; first < topics_.size(); first += kAtOnce)
+            remove_some(first, std::min(first + kAtOnce, topics_.size()));
+        return outcome_.code();
+    }
+
+  private:
+    // A pattern may be a topic's name all the same.
+    void add(const std::string &text)
+    {
+        Problem problem;
+        const auto topic = normal_topic(text, problem);
+        struct stat status;
+        if (topic && opener_.status(*topic, status, problem)) {
+            if (S_ISDIR(status.st_mode))
+                outcome_.note(
+                    Problem{kInvalid, escaped(*topic) + ": not a topic, others lie below it"});
+            else
+                topics_.push_back(*topic);
+        } else if (is_pattern(text)) {
+            add_pattern(text);
+        } else {
+            outcome_.note(problem);
+        }
+    }
+
+    void add_pattern(const std::string &text)
+    {
+        Problem problem;
+        Selection selection;
+        if (!selection.set({text}, {}, problem))
+            return outcome_.note(problem);
+        const StoreListing listing = list_store(selection);
+        for (const Problem &unread : listing.problems)
+            outcome_.note(unread);
+        if (listing.files.empty())
+            outcome_.note(Problem{kNothing, "\"" + escaped(text) + "\": no topic matches"});
+        for (const StoreFile &file : listing.files)
+            topics_.push_back(file.topic);
+    }
+
+    void remove_some(std::size_t first, std::size_t end)
+    {
+        std::vector<Victim> victims;
+        for (std::size_t index = first; index < end; ++index)
+            hold(topics_[index], victims);
+        if (victims.empty())
+            return;
+        const Mappers all = options_.force ? Mappers() : find_mappers(victims.front().file.device);
+        opener_.start_round();
+        for (Victim &victim : victims)
+            remove(victim, all);
+    }
+
+    void hold(const std::string &topic, std::vector<Victim> &victims)
+    {
+        struct stat status;
+        Problem problem;
+        if (!opener_.status(topic, status, problem))
+            return outcome_.note(problem);
+        Victim victim{topic, file_id(status)};
+        if (S_ISREG(status.st_mode) && !options_.dry_run)
+            victim.fd.reset(opener_.open_any(topic, problem).release());
+        if (victim.fd)
+            victim.lock = std::make_unique<FileLock>(victim.fd);
+        victims.push_back(std::move(victim));
+    }
+
+    void remove(const Victim &victim, const Mappers &all)
+    {
+        if (const auto reason = options_.force ? std::nullopt : reason_to_keep(victim, all))
+            return outcome_.note(*reason);
+        Problem problem;
+        if (options_.dry_run)
+            output().line(escaped(victim.topic) + ": would be removed");
+        else if (!opener_.remove_same(victim.topic, victim.file, problem))
+            outcome_.note(problem);
+    }
+
+    // Why the file must stay: somebody maps it, or may do so unseen.
+    std::optional<Problem> reason_to_keep(const Victim &victim, const Mappers &all)
+    {
+        const std::string name = escaped(victim.topic);
+        const auto found = all.of_file.find(victim.file);
+        if (found != all.of_file.end())
+            return Problem{kLimit, name + ": in use by " +
+                                       process_text(process_of(found->second.front().pid)) +
+                                       " (--force removes it all the same)"};
+        Problem ignored;
+        const auto snapshot = read_topic(opener_, victim.topic, ignored);
+        const bool is_counted = snapshot && (snapshot->providers > 0 || snapshot->consumers > 0);
+        if (is_counted && !all.unreadable.empty())
+            return Problem{kPermission, name + ": counted as open, and " +
+                                            std::to_string(all.unreadable.size()) +
+                                            " processes show only to root (--force removes it)"};
+        return std::nullopt;
+    }
+
+    const RemoveOptions &options_;
+    TopicOpener opener_;
+    std::vector<std::string> topics_;
+    Outcome outcome_;
+};
+
+} // namespace
+
+void add_rm(Commands &commands)
+{
+    const auto options = std::make_shared<RemoveOptions>();
+    CLI::App &command = commands.add("rm", "remove topics that nobody has open",
+                                     [options] { return Removal(*options).run(); });
+    command.add_option("topics", options->topics, "topics and patterns")
+        ->type_name("TOPIC|PATTERN")
+        ->required();
+    command.add_flag("-f,--force", options->force,
+                     "also what somebody has open, who then keeps the dead file");
+    command.add_flag("-n,--dry-run", options->dry_run, "only show what would be removed");
+}
+
+} // namespace kp::tool

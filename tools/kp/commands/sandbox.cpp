@@ -1,0 +1,94 @@
+// kp sandbox: runs a command with a store and a socket directory of its own.
+#include "commands.h"
+#include "common/text.h"
+#include "layout/unique_fd.h"
+#include "sandbox/namespaces.h"
+#include "sandbox/own_directory.h"
+#include "sandbox/store_copy.h"
+#include "sandbox/supervisor.h"
+
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <optional>
+#include <unistd.h>
+
+namespace kp::tool {
+
+namespace {
+
+// What a sandbox ends with that could not be made, as with other programs that start a command.
+constexpr int kNoSandbox = 125;
+
+// By which a program knows that it runs in a sandbox: the name of the mount namespace. A variable that
+// somebody inherited from elsewhere has the name of another one.
+constexpr const char *kMark = "KP_SANDBOX";
+
+struct SandboxOptions {
+    bool no_network = false;
+    std::string keep;
+    std::optional<std::string> log_level; // the command's, which `kp` takes away from itself
+};
+
+bool mark_sandbox()
+{
+    std::array<char, PATH_MAX> name{};
+    return readlink("/proc/self/ns/mnt", name.data(), name.size() - 1) > 0 &&
+           setenv(kMark, name.data(), 1) == 0;
+}
+
+bool make_sandbox(const SandboxOptions &options, Problem &problem)
+{
+    if (!enter_namespaces(options.no_network ? Network::none : Network::shared, problem) ||
+        !give_own_directory("/dev/shm", "zu-kp", problem) ||
+        !give_own_directory("/run", "providers", problem))
+        return false;
+    if (!mark_sandbox()) {
+        problem = system_problem("/proc/self/ns/mnt", errno);
+        return false;
+    }
+    if (options.log_level)
+        (void)setenv("KP_XLOG_USER_LEVEL", options.log_level->c_str(), 1);
+    return true;
+}
+
+int run_sandbox(const SandboxOptions &options, const std::vector<std::string> &words)
+{
+    if (words.empty() || words[0].empty())
+        return complain(Problem{kUsage, "sandbox: no command to run; put it behind --"});
+    Problem problem;
+    StoreCopy copy;
+    if (!options.keep.empty() && !copy.open(options.keep, problem))
+        return complain(problem);
+    if (!make_sandbox(options, problem)) {
+        complain(problem);
+        return kNoSandbox;
+    }
+    const int status = run_to_the_end(words);
+    Outcome outcome;
+    if (!options.keep.empty())
+        copy.take(outcome);
+    if (status == 0 && outcome.code() != kDone)
+        return outcome.code();
+    end_like(status);
+}
+
+} // namespace
+
+void add_sandbox(Commands &commands)
+{
+    const auto options = std::make_shared<SandboxOptions>();
+    if (const char *level = std::getenv("KP_XLOG_USER_LEVEL"))
+        options->log_level = level;
+    CLI::App &command =
+        commands.add("sandbox", "run a command with a store of its own", [options, &commands] {
+            return run_sandbox(*options, commands.words_behind_mark());
+        });
+    command.footer("The command stands behind --, as in: kp sandbox -- make test");
+    command.add_flag("--network-none", options->no_network,
+                     "with no network but the loopback device");
+    command.add_option("--keep", options->keep, "copy the store to DIR when the command has ended")
+        ->type_name("DIR");
+}
+
+} // namespace kp::tool

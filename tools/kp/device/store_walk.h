@@ -1,0 +1,31 @@
+// The topics of a selection, read one after another.
+#pragma once
+
+#include "common/segment_reader.h"
+
+namespace kp::tool {
+
+// Calls `use(topic, snapshot)` for each topic that a provider has declared, sorted, and notes those
+// that cannot be shown.
+template <typename Use>
+void for_each_declared(const Selection &selection, Outcome &outcome, const Use &use)
+{
+    const StoreListing listing = list_store(selection);
+    for (const Problem &problem : listing.problems)
+        outcome.note(problem);
+    TopicOpener opener;
+    for (const StoreFile &file : listing.files) {
+        Problem problem;
+        const auto snapshot = read_topic(opener, file.topic, problem);
+        const bool broken = snapshot && (snapshot->condition == Condition::busy ||
+                                         snapshot->condition == Condition::corrupt);
+        if (broken)
+            problem = value_problem(file.topic, *snapshot);
+        if (problem.code != kDone && problem.code != kNothing) // one may be removed at any time
+            outcome.note(problem);
+        if (snapshot && !broken && snapshot->condition != Condition::undeclared)
+            use(file.topic, *snapshot);
+    }
+}
+
+} // namespace kp::tool

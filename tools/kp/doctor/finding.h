@@ -1,0 +1,38 @@
+// What kp doctor found: one line each, with the command that mends it.
+#pragma once
+
+#include "running/problem.h"
+
+#include <string>
+#include <vector>
+
+namespace kp::tool {
+
+enum class Severity { note, warning, error };
+
+struct Finding {
+    Severity severity;
+    std::string check;   // a word that stays the same, for monitoring
+    std::string subject; // file, topic, endpoint or limit
+    std::string text;
+    std::string fix;     // a command, or empty
+    int code = kNothing; // what the program ends with when nothing worse was found
+};
+
+using Findings = std::vector<Finding>;
+
+// What could not be looked at, and so is not known to be in order.
+Finding unseen(const std::string &subject, std::string text, int code);
+
+struct Mesh;
+
+// The directories, their owners and modes, the room in them and the limits of the system.
+void check_system(Findings &findings);
+// The endpoints; gives their number.
+std::size_t check_mesh(Findings &findings);
+// What the processes of the endpoints, and their users, have left of their limits.
+void check_descriptors(const Mesh &mesh, Findings &findings);
+// The topics; gives their number.
+std::size_t check_store(Findings &findings);
+
+} // namespace kp::tool

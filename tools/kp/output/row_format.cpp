@@ -1,0 +1,279 @@
+#include "output/row_format.h"
+
+#include "commands/option_checks.h"
+#include "common/encoding.h"
+#include "common/text.h"
+#include "output/output.h"
+
+#include <CLI/CLI.hpp>
+#include <array>
+
+namespace kp::tool {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr std::array<std::string_view, 13> kColumns = {
+    "topic", "type", "value", "quality", "ts",        "time",     "source_ts",
+    "size",  "max",  "extra", "flags",   "providers", "consumers"};
+
+std::vector<std::string> flag_names(const Snapshot &snapshot)
+{
+    std::vector<std::string> names;
+    if (snapshot.flags & kValid)
+        names.emplace_back("valid");
+    if (snapshot.flags & kHasValue)
+        names.emplace_back("value");
+    if (snapshot.writing == 1)
+        names.emplace_back("writing");
+    return names;
+}
+
+// A field that contains the separator, a quote or a line break stands in quotes.
+std::string csv_field(const std::string &text)
+{
+    if (text.find_first_of(",\"\r\n") == std::string::npos)
+        return text;
+    std::string out = "\"";
+    for (const char character : text)
+        out.append(character == '"' ? 2 : 1, character);
+    return out + '"';
+}
+
+std::string table_line(const Row &row, const FormatOptions &options)
+{
+    const ordered_json object = row_json(row, options.bytes);
+    std::string line;
+    for (const std::string_view column : kColumns) {
+        const ordered_json &field = object[std::string(column)];
+        std::string text;
+        if (column == "flags")
+            for (const auto &flag : field)
+                text += (text.empty() ? "" : " ") + flag.get<std::string>();
+        else if (column == "topic")
+            text = escaped(row.topic);
+        else if (column == "value" && !field.is_null())
+            text = value_text(row.snapshot.type, row.snapshot.bytes, options.bytes);
+        else if (field.is_string())
+            text = field.get<std::string>();
+        else if (!field.is_null())
+            text = field.dump();
+        const bool tabs = options.format == Format::tsv;
+        line += column == kColumns[0] ? "" : tabs ? "\t" : ",";
+        line += tabs ? text : csv_field(text);
+    }
+    return line + '\n';
+}
+
+std::string age_of(const Snapshot &snapshot)
+{
+    return snapshot.flags & kHasValue ? age_text(snapshot.last_write_ts, now_us()) : "-";
+}
+
+std::string template_field(char letter, const Row &row, const FormatOptions &options)
+{
+    const Snapshot &snapshot = row.snapshot;
+    switch (letter) {
+    case 't':
+        return escaped(row.topic);
+    case 'v':
+        return shown_value(snapshot, options.bytes);
+    case 'T':
+        return snapshot.type_name() ? snapshot.type_name() : "-";
+    case 'q':
+        return std::to_string(snapshot.quality);
+    case 'w':
+        return time_text(snapshot.last_write_ts, options.time, now_us());
+    case 's':
+        return time_text(snapshot.source_ts, options.time, now_us());
+    case 'a':
+        return age_of(snapshot);
+    case 'x':
+        return to_hex(snapshot.bytes);
+    case 'p':
+        return std::to_string(snapshot.providers);
+    case 'c':
+        return std::to_string(snapshot.consumers);
+    case '%':
+        return "%";
+    default:
+        return std::string("%") + letter;
+    }
+}
+
+std::string template_escape(char letter)
+{
+    switch (letter) {
+    case 'n':
+        return "\n";
+    case 't':
+        return "\t";
+    case '0':
+        return std::string(1, '\0');
+    case '\\':
+        return "\\";
+    default:
+        return std::string("\\") + letter;
+    }
+}
+
+std::string filled_template(const Row &row, const FormatOptions &options)
+{
+    const std::string &text = options.field_template;
+    std::string out;
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        const bool special = (text[index] == '%' || text[index] == '\\') && index + 1 < text.size();
+        if (!special) {
+            out += text[index];
+        } else {
+            const char kind = text[index++];
+            out += kind == '%' ? template_field(text[index], row, options)
+                               : template_escape(text[index]);
+        }
+    }
+    // A template that ends its records itself, with \n or \0, gets no second end.
+    return out.ends_with('\n') || out.ends_with('\0') ? out : out + '\n';
+}
+
+std::string plain_line(const Row &row, const FormatOptions &options)
+{
+    std::string line = options.terse ? "" : escaped(row.topic) + '\t';
+    line += shown_value(row.snapshot, options.bytes);
+    if (!options.verbose)
+        return line + '\n';
+    const Snapshot &snapshot = row.snapshot;
+    const uint64_t now = now_us();
+    const bool has_value = snapshot.flags & kHasValue;
+    line += '\t';
+    line += snapshot.type_name() ? snapshot.type_name() : "-";
+    line += "\tquality " + std::to_string(snapshot.quality);
+    line += "\twritten " + (has_value ? time_text(snapshot.last_write_ts, options.time, now) : "-");
+    line += "\tsource " + (has_value ? time_text(snapshot.source_ts, options.time, now) : "-");
+    return line + "\tage " + age_of(snapshot) + '\n';
+}
+
+} // namespace
+
+void add_format_options(CLI::App &command, FormatOptions &options)
+{
+    add_choice<Format>(command, {"--format", "plain, json, csv, tsv, raw or hex", "FORMAT"},
+                       options.format,
+                       {{"plain", Format::plain},
+                        {"json", Format::json},
+                        {"csv", Format::csv},
+                        {"tsv", Format::tsv},
+                        {"raw", Format::raw},
+                        {"hex", Format::hex}});
+    command.add_flag_callback(
+        "-j,--json", [&options] { options.format = Format::json; },
+        "one JSON object a line, as --format json");
+    command
+        .add_option("-F,--template", options.field_template,
+                    "%t topic %v value %T type %q quality %w write time %s source time %a age "
+                    "%x hex %p providers %c consumers; \\n \\t \\0")
+        ->type_name("TEMPLATE");
+    command.add_flag_callback(
+        "--base64", [&options] { options.bytes = ByteStyle::base64; },
+        "bytearray and raw values in base64 instead of hexadecimal");
+    command.add_flag_callback(
+        "--utc", [&options] { options.time = TimeStyle::utc; }, "times in UTC");
+    command.add_flag_callback(
+        "--epoch", [&options] { options.time = TimeStyle::epoch; },
+        "times in microseconds since 1970");
+    command.add_flag_callback(
+        "--relative", [&options] { options.time = TimeStyle::relative; }, "times as ages");
+}
+
+nlohmann::ordered_json row_json(const Row &row, ByteStyle style)
+{
+    const Snapshot &snapshot = row.snapshot;
+    const bool declared = snapshot.flags & kValid;
+    const bool shown = snapshot.condition == Condition::value;
+    ordered_json object;
+    object["topic"] = row.topic;
+    object["type"] = snapshot.type_name() ? ordered_json(snapshot.type_name()) : ordered_json();
+    object["value"] = shown ? value_json(snapshot.type, snapshot.bytes, style) : ordered_json();
+    object["quality"] = snapshot.quality;
+    object["ts"] = snapshot.last_write_ts;
+    object["time"] = iso_utc(snapshot.last_write_ts);
+    object["source_ts"] = snapshot.source_ts;
+    object["size"] = declared ? snapshot.size : 0;
+    object["max"] = declared ? snapshot.max : 0;
+    object["extra"] = declared ? snapshot.extra : 0;
+    object["flags"] = flag_names(snapshot);
+    object["providers"] = snapshot.providers;
+    object["consumers"] = snapshot.consumers;
+    if (shown && is_text_type(snapshot.type) && !is_utf8(snapshot.bytes))
+        object["value_b64"] = to_base64(snapshot.bytes);
+    if (!is_utf8(row.topic))
+        object["topic_b64"] = to_base64(row.topic);
+    if (has_broken_value(snapshot))
+        object["problem"] = value_problem(row.topic, snapshot).text;
+    return object;
+}
+
+std::string json_line(const nlohmann::ordered_json &object)
+{
+    return object.dump(-1, ' ', true, ordered_json::error_handler_t::replace) + '\n';
+}
+
+bool has_broken_value(const Snapshot &snapshot)
+{
+    return snapshot.condition == Condition::busy || snapshot.condition == Condition::corrupt;
+}
+
+std::string shown_value(const Snapshot &snapshot, ByteStyle style)
+{
+    switch (snapshot.condition) {
+    case Condition::value:
+        return value_text(snapshot.type, snapshot.bytes, style);
+    case Condition::busy:
+        return "(writing)";
+    case Condition::corrupt:
+        return "(corrupt)";
+    default:
+        return "-";
+    }
+}
+
+std::string header_line(const FormatOptions &options)
+{
+    const bool tabs = options.format == Format::tsv;
+    if (!options.field_template.empty() || (!tabs && options.format != Format::csv))
+        return "";
+    std::string line;
+    for (const std::string_view column : kColumns) {
+        line += line.empty() ? "" : tabs ? "\t" : ",";
+        line += column;
+    }
+    return line + '\n';
+}
+
+std::string row_record(const Row &row, const FormatOptions &options)
+{
+    if (!options.field_template.empty())
+        return filled_template(row, options);
+    switch (options.format) {
+    case Format::json:
+        return json_line(row_json(row, options.bytes));
+    case Format::csv:
+    case Format::tsv:
+        return table_line(row, options);
+    case Format::raw:
+        return row.snapshot.bytes;
+    case Format::hex:
+        return (options.terse ? "" : escaped(row.topic) + '\t') + to_hex(row.snapshot.bytes) + '\n';
+    default:
+        return plain_line(row, options);
+    }
+}
+
+void print_records(const std::vector<Row> &rows, const FormatOptions &options)
+{
+    output().write(header_line(options));
+    for (const Row &row : rows)
+        output().write(row_record(row, options));
+}
+
+} // namespace kp::tool

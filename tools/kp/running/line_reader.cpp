@@ -1,0 +1,74 @@
+#include "running/line_reader.h"
+
+#include "common/text.h"
+#include "running/stop.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <unistd.h>
+#include <utility>
+
+namespace kp::tool {
+
+namespace {
+
+constexpr std::size_t kLongestLine = 1 << 20; // a record takes a tenth of that at most
+
+} // namespace
+
+std::string input_name(const std::string &file)
+{
+    return file == "-" ? "standard input" : escaped(file);
+}
+
+Problem LineReader::at_line(Problem problem) const
+{
+    problem.text = "line " + std::to_string(number_) + ": " + problem.text;
+    return problem;
+}
+
+std::optional<std::string> LineReader::next()
+{
+    auto line = next_of_any();
+    while (line && line->find_first_not_of(" \t\r") == std::string::npos)
+        line = next_of_any();
+    return line;
+}
+
+std::optional<std::string> LineReader::next_of_any()
+{
+    while (!has_line() && !is_at_end_)
+        if (!read_more())
+            return std::nullopt;
+    if (start_ == ready_.size())
+        return std::nullopt;
+    const std::size_t end =
+        std::min(ready_.find('\n', start_), ready_.size()); // the last may lack it
+    const std::size_t start = std::exchange(start_, std::min(end + 1, ready_.size()));
+    ++number_;
+    return ready_.substr(start, end - start);
+}
+
+bool LineReader::read_more()
+{
+    std::array<char, 65536> buffer;
+    if (!wait_readable(fd_, std::numeric_limits<uint64_t>::max()) && stop_signal() != 0)
+        return false;
+    const ssize_t size = read(fd_, buffer.data(), buffer.size());
+    if (size < 0 && errno != EINTR && errno != EAGAIN) {
+        error_ = errno;
+        return false;
+    }
+    if (ready_.size() - start_ > kLongestLine) {
+        error_ = EMSGSIZE;
+        return false;
+    }
+    is_at_end_ = size == 0;
+    ready_.erase(0, std::exchange(start_, 0));
+    ready_.append(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    return true;
+}
+
+} // namespace kp::tool

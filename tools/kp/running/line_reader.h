@@ -1,0 +1,49 @@
+// The lines of a file or pipe, as they come, by a program that must not miss a signal meanwhile.
+#pragma once
+
+#include "running/problem.h"
+
+#include <optional>
+#include <string>
+
+namespace kp::tool {
+
+class LineReader {
+  public:
+    // Borrows the descriptor.
+    explicit LineReader(int fd) : fd_(fd)
+    {
+    }
+
+    // The next line that is not blank, waiting for it. Nothing at the end, when told to stop, or after
+    // a failed read.
+    std::optional<std::string> next();
+    // A problem with the line that next() gave, told with its number.
+    Problem at_line(Problem problem) const;
+    // Whether next() has one at hand.
+    bool has_line() const
+    {
+        return ready_.find('\n', start_) != std::string::npos;
+    }
+    // The errno of the read that failed, EMSGSIZE for a line that is no record's, or 0.
+    int error() const
+    {
+        return error_;
+    }
+
+  private:
+    std::optional<std::string> next_of_any();
+    bool read_more();
+
+    int fd_;
+    std::string ready_;
+    std::size_t start_ = 0;  // of what was not given out yet
+    std::size_t number_ = 0; // of the line that was given out last
+    bool is_at_end_ = false;
+    int error_ = 0;
+};
+
+// What to call a file in a message, where "-" stands for standard input.
+std::string input_name(const std::string &file);
+
+} // namespace kp::tool

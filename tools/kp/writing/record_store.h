@@ -1,0 +1,13 @@
+// Storing what a record line tells.
+#pragma once
+
+#include "notices/notice_sender.h"
+#include "writing/record_line.h"
+
+namespace kp::tool {
+
+// Stores the record's value and marks its topic for the next notice; one without a value only declares
+// the topic. False with a problem when that is not possible.
+bool store_record(const Record &record, NoticeSender &sender, Problem &problem);
+
+} // namespace kp::tool
