@@ -3,7 +3,7 @@
 
 #include "object.h"
 
-#include "kp/problem.h"
+#include "common/problem.h"
 
 #include <string>
 

@@ -1,8 +1,8 @@
 // Values both ways between tags and an independent client.
 #include "broker.h"
 #include "device.h"
-#include "testing/store_provider.h"
 #include "testing/process.h"
+#include "testing/store_provider.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "outbound_fixture.h"
-#include "testing/store_provider.h"
 #include "testing/segment_file.h"
+#include "testing/store_provider.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // The program itself: its options, TLS, the service manager, and two of it.
 #include "broker.h"
 #include "device.h"
-#include "testing/store_provider.h"
 #include "testing/process.h"
+#include "testing/store_provider.h"
 
 #include <csignal>
 #include <cstdlib>

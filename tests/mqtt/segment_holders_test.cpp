@@ -1,7 +1,7 @@
 #include "providers/segment_holders.h"
 
-#include "testing/store_provider.h"
 #include "testing/child.h"
+#include "testing/store_provider.h"
 
 #include <csignal>
 #include <gtest/gtest.h>

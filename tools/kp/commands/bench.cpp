@@ -1,11 +1,11 @@
 // kp bench: what this device gives: writes, reads and notices, measured through the library on a
 // topic and two endpoints of its own.
-#include "commands.h"
-#include "commands/option_checks.h"
+#include "commands/commands.h"
 #include "common/text.h"
 #include "layout/segment.h"
 #include "layout/unique_fd.h"
 #include "notices/notice_sender.h"
+#include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/stop.h"

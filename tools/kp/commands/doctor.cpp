@@ -1,5 +1,5 @@
 // kp doctor: looks for the causes of trouble and says what mends them.
-#include "commands.h"
+#include "commands/commands.h"
 #include "doctor/finding.h"
 #include "output/output.h"
 #include "output/row_format.h"

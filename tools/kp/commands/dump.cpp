@@ -1,9 +1,9 @@
 // kp dump and kp restore: the store as JSON lines and back, exact to the bit.
-#include "commands.h"
-#include "commands/option_checks.h"
-#include "commands/selection_options.h"
+#include "commands/commands.h"
 #include "common/text.h"
 #include "device/store_walk.h"
+#include "options/option_checks.h"
+#include "options/selection_options.h"
 #include "output/output.h"
 #include "running/line_reader.h"
 #include "writing/record_line.h"

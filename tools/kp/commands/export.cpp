@@ -1,10 +1,10 @@
 // kp export: the topics in the format of another system.
-#include "commands.h"
-#include "commands/selection_options.h"
+#include "commands/commands.h"
 #include "common/clock.h"
 #include "common/text.h"
 #include "common/value_text.h"
 #include "device/store_walk.h"
+#include "options/selection_options.h"
 #include "output/output.h"
 
 #include <array>

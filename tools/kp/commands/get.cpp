@@ -1,7 +1,7 @@
 // kp get: values, once.
-#include "commands.h"
-#include "commands/option_checks.h"
-#include "commands/selection_options.h"
+#include "commands/commands.h"
+#include "options/option_checks.h"
+#include "options/selection_options.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/stop.h"

@@ -1,10 +1,10 @@
 // kp hz: how often topics are written, and how evenly.
-#include "commands.h"
-#include "commands/option_checks.h"
-#include "commands/selection_options.h"
+#include "commands/commands.h"
 #include "commands/statistics.h"
 #include "common/live_store.h"
 #include "common/text.h"
+#include "options/option_checks.h"
+#include "options/selection_options.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/stop.h"

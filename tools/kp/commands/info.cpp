@@ -1,5 +1,5 @@
 // kp info: every field of a segment and of its file, and who has it open.
-#include "commands.h"
+#include "commands/commands.h"
 #include "common/processes.h"
 #include "common/text.h"
 #include "device/counts_lock.h"

@@ -1,7 +1,7 @@
 // kp list: every topic of the store, at any depth.
-#include "commands.h"
-#include "commands/selection_options.h"
+#include "commands/commands.h"
 #include "common/text.h"
+#include "options/selection_options.h"
 #include "output/output.h"
 #include "output/row_format.h"
 

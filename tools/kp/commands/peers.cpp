@@ -1,5 +1,5 @@
 // kp peers: every endpoint of the mesh, without joining or touching it.
-#include "commands.h"
+#include "commands/commands.h"
 #include "common/text.h"
 #include "device/endpoints.h"
 #include "kp.h"

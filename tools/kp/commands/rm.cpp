@@ -1,5 +1,5 @@
 // kp rm: takes topics out of the store, unless somebody has them open.
-#include "commands.h"
+#include "commands/commands.h"
 #include "common/file_lock.h"
 #include "common/processes.h"
 #include "common/segment_reader.h"

@@ -1,5 +1,5 @@
 // kp sandbox: runs a command with a store and a socket directory of its own.
-#include "commands.h"
+#include "commands/commands.h"
 #include "common/text.h"
 #include "layout/unique_fd.h"
 #include "sandbox/namespaces.h"

@@ -1,9 +1,9 @@
 // kp set: one value, or many from JSON lines, checked against what the topic is.
-#include "commands.h"
-#include "commands/option_checks.h"
+#include "commands/commands.h"
 #include "common/text.h"
 #include "layout/value_type.h"
 #include "notices/notice_sender.h"
+#include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/line_reader.h"

@@ -1,10 +1,10 @@
 // kp top: the live view. It samples as watch does and draws less often than it samples.
-#include "commands.h"
-#include "commands/option_checks.h"
-#include "commands/selection_options.h"
+#include "commands/commands.h"
 #include "common/clock.h"
 #include "common/live_store.h"
 #include "common/text.h"
+#include "options/option_checks.h"
+#include "options/selection_options.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "output/screen.h"

@@ -1,8 +1,8 @@
 // kp wait: ends when a condition on one topic holds.
-#include "commands.h"
-#include "commands/option_checks.h"
+#include "commands/commands.h"
 #include "common/text.h"
 #include "notices/notice_queue.h"
+#include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/stop.h"

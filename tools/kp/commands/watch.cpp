@@ -1,9 +1,9 @@
 // kp watch and kp record: a line for each change, by sampling or, asked to, on the notices of the mesh.
-#include "commands.h"
-#include "commands/option_checks.h"
-#include "commands/selection_options.h"
+#include "commands/commands.h"
 #include "common/live_store.h"
 #include "notices/notice_queue.h"
+#include "options/option_checks.h"
+#include "options/selection_options.h"
 #include "output/output.h"
 #include "running/stop.h"
 #include "writing/record_line.h"

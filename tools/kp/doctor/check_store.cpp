@@ -6,6 +6,7 @@
 #include "device/counts_lock.h"
 #include "doctor/finding.h"
 #include "doctor/spelled_tags.h"
+#include "kp.h"
 #include "output/time_text.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 #include "output/row_format.h"
 
-#include "commands/option_checks.h"
 #include "common/encoding.h"
 #include "common/text.h"
+#include "options/option_checks.h"
 #include "output/output.h"
 
 #include <CLI/CLI.hpp>
