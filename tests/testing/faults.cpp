@@ -341,7 +341,14 @@ SHIM(ssize_t, readlinkat, -1, (int directory, const char *path, char *text, size
      (directory, path, text, room))
 SHIM(int, mkdirat, -1, (int directory, const char *path, mode_t mode), (directory, path, mode))
 SHIM(int, unlinkat, -1, (int directory, const char *path, int flags), (directory, path, flags))
-SHIM(int, flock, -1, (int fd, int operation), (fd, operation))
+
+// Giving a lock back never fails; one that stayed would only slow down what comes later.
+int __wrap_flock(int fd, int operation);
+int __wrap_flock(int fd, int operation)
+{
+    return operation != LOCK_UN && is_failed(Call::flock) ? -1 : flock(fd, operation);
+}
+
 SHIM(ssize_t, pread, -1, (int fd, void *bytes, size_t room, off_t offset),
      (fd, bytes, room, offset))
 SHIM(int, unshare, -1, (int flags), (flags))
