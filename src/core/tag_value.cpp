@@ -154,7 +154,7 @@ int32_t kp_tag_read(kp_tag_t *tag, void *buffer, uint32_t buffer_size)
         return -1;
     if (is_null(buffer, "value is null\n"))
         return -1;
-    const Segment *segment = declared_segment(tag->shm);
+    const Segment *segment = mapped_segment(tag->shm);
     if (!segment || !can_be_read(*segment, buffer_size)) [[unlikely]] // waits, or says why not
         return kp_shm_read(tag->shm, buffer, buffer_size, nullptr, nullptr, nullptr);
     (void)read_value(*tag->shm, *segment, buffer, buffer_size);

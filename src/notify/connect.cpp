@@ -161,8 +161,10 @@ void connect_to(kp_notify_t &endpoint, const char *name)
     Attempt attempt = begin_attempt(name, site);
     for (int tries = 0; tries < kMostTries && !is_stopping(endpoint); ++tries) {
         const Tried tried = try_once(endpoint, Connector::opening, attempt, fd);
-        if (tried == Tried::connected)
+        if (tried == Tried::connected) {
             take_in(endpoint, Connector::opening, std::move(fd), site);
+            return;
+        }
         if (tried != Tried::failed && tried != Tried::absent)
             return;
         pause_before_next_try(endpoint);

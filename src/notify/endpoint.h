@@ -86,7 +86,7 @@ static_assert(offsetof(kp_notify_t, event_buf) == 464);
 
 // From 128 KiB on the C library gives a zeroed block pages of its own, of which those that nobody
 // touches, as most of the buffers here, take no memory.
-static_assert(sizeof(kp_notify_t) > 128 * 1024);
+static_assert(sizeof(kp_notify_t) > std::size_t{128} * 1024);
 
 namespace kp {
 

@@ -79,11 +79,13 @@ inline SizeFault find_size_fault(const Segment &segment, uint32_t size)
     return static_cast<int32_t>(size);
 }
 
-// True when a value is there, fits the buffer and is not being written.
+// True when a value is declared and there, fits the buffer and is not being written. One load tells
+// the first and the last of these, and what they vouch for is read after it.
 inline bool can_be_read(const Segment &segment, uint32_t buffer_size)
 {
+    const WriteState state = load_acquire(segment.state);
     const uint32_t size = load_relaxed(segment.written_value_size);
-    return size != 0 && size <= buffer_size && !is_being_written(segment);
+    return state.flags & kValid && state.writing != 1 && size != 0 && size <= buffer_size;
 }
 
 // The bytes of the value as they are now, which may be more than a moment ago: no more than the

@@ -19,7 +19,7 @@ namespace kp {
 
 namespace {
 
-constexpr std::size_t kHelperStack = 128 * 1024;
+constexpr std::size_t kHelperStack = std::size_t{128} * 1024;
 
 // The numbers that the helper below frees in its own table: more than a walk needs at once.
 constexpr int kFirstFreed = 3;

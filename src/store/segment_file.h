@@ -71,6 +71,12 @@ static_assert(offsetof(kp_shm_t, last_update_ts) == 16);
 
 namespace kp {
 
+// The segment behind a handle, declared or not, or null.
+inline Segment *mapped_segment(const kp_shm_t *shm)
+{
+    return shm ? shm->mem : nullptr;
+}
+
 // The segment behind a handle once a provider has declared it, else null.
 inline Segment *declared_segment(const kp_shm_t *shm)
 {

@@ -400,6 +400,14 @@ TEST(FollowedChanges, OfALoopThatStandsStillBlockNoProvider)
     kp_tag_t *tag = kp_tag_consumer_new(consumer, "a");
     constexpr int32_t kNotices = 2000; // what a connection holds unread is about 278
 
+    // What is sent before the two have met reaches nobody.
+    ASSERT_TRUE(wait_until([&] {
+        const int32_t first = 0;
+        return kp_tag_write(provider, source, &first, 4) == 4 && kp_tag_notify(provider) == 0 &&
+               is_readable(consumer.fd(), 10);
+    }));
+    (void)take(consumer);
+
     for (int32_t value = 1; value <= kNotices; ++value) {
         ASSERT_EQ(kp_tag_write(provider, source, &value, 4), 4);
         ASSERT_EQ(kp_tag_notify(provider), 0);

@@ -346,7 +346,8 @@ SHIM(int, unlinkat, -1, (int directory, const char *path, int flags), (directory
 int __wrap_flock(int fd, int operation);
 int __wrap_flock(int fd, int operation)
 {
-    return operation != LOCK_UN && is_failed(Call::flock) ? -1 : flock(fd, operation);
+    const bool fails = is_failed(Call::flock) && operation != LOCK_UN;
+    return fails ? -1 : flock(fd, operation);
 }
 
 SHIM(ssize_t, pread, -1, (int fd, void *bytes, size_t room, off_t offset),
