@@ -7,7 +7,7 @@ static int on_change(kp_t *handle, const kp_write_info *notice, void *user_data)
 {
     (void)user_data;
     kp_tag_iter_t iter = {0, NULL};
-    while (iter.bucket < KP_BUCKET_COUNT) {
+    while (iter.bucket < KP_BUCKET_COUNT || iter.entry) {
         kp_tag_t *tag = kp_get_next_updated_tag(handle, notice, &iter);
         double celsius = 0;
         if (tag && kp_tag_read(tag, &celsius, sizeof(celsius)) == sizeof(celsius))

@@ -18,7 +18,7 @@ static void print_changes(kp_t *handle)
     kp_tag_iter_t iter = {0, NULL};
     if (kp_take_notice(handle, &notice) != 1)
         return;
-    while (iter.bucket < KP_BUCKET_COUNT) {
+    while (iter.bucket < KP_BUCKET_COUNT || iter.entry) {
         kp_tag_t *tag = kp_get_next_updated_tag(handle, &notice, &iter);
         if (tag) /* here you may subscribe, create tags, and destroy this one */
             print_value(tag);

@@ -276,7 +276,7 @@ KP_API kp_tag_t *kp_get_tag(kp_t *handle, const char *topic);
  * tag, call until the result is null and `iter->bucket` is 1024 or more:
  * @code
  * kp_tag_iter_t iter = {0, NULL};
- * while (iter.bucket < KP_BUCKET_COUNT) {
+ * while (iter.bucket < KP_BUCKET_COUNT || iter.entry) {
  *     kp_tag_t *tag = kp_get_next_updated_tag(handle, notice, &iter);
  *     if (tag)
  *         use(tag);
@@ -306,7 +306,7 @@ KP_API kp_tag_t *kp_get_next_updated_tag(kp_t *handle, const kp_write_info *noti
  *     kp_tag_iter_t iter = {0, NULL};
  *     if (kp_take_notice(handle, &notice) != 1)
  *         continue;
- *     while (iter.bucket < KP_BUCKET_COUNT) {
+ *     while (iter.bucket < KP_BUCKET_COUNT || iter.entry) {
  *         kp_tag_t *tag = kp_get_next_updated_tag(handle, &notice, &iter);
  *         if (tag)
  *             use(tag);

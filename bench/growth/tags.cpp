@@ -127,7 +127,7 @@ void walk(benchmark::State &state)
     for (auto _ : state) {
         found = 0;
         kp_tag_iter_t iter{};
-        while (iter.bucket < KP_BUCKET_COUNT)
+        while (iter.bucket < KP_BUCKET_COUNT || iter.entry)
             if (kp_get_next_updated_tag(tags.handle, &notice, &iter))
                 ++found;
     }

@@ -41,7 +41,7 @@ int read_what_changed(kp_t *handle, const kp_write_info *notice, void *)
 {
     kp_tag_iter_t iter = {0, nullptr};
     uint64_t value = 0;
-    while (iter.bucket < KP_BUCKET_COUNT)
+    while (iter.bucket < KP_BUCKET_COUNT || iter.entry)
         if (kp_tag_t *tag = kp_get_next_updated_tag(handle, notice, &iter))
             (void)kp_tag_read(tag, &value, sizeof value);
     return 0;

@@ -60,7 +60,7 @@ class KpReceiver final : public Receiver {
     static int receive(kp_t *handle, const kp_write_info *notice, void *self)
     {
         kp_tag_iter_t iter{};
-        while (iter.bucket < KP_BUCKET_COUNT)
+        while (iter.bucket < KP_BUCKET_COUNT || iter.entry)
             if (kp_tag_t *tag = kp_get_next_updated_tag(handle, notice, &iter)) {
                 Message message;
                 if (kp_tag_read(tag, &message, sizeof message) == sizeof message)
@@ -120,7 +120,7 @@ class KpLoopReceiver final : public Receiver {
         kp_tag_iter_t iter{};
         if (kp_take_notice(handle_, &notice) != 1)
             return;
-        while (iter.bucket < KP_BUCKET_COUNT)
+        while (iter.bucket < KP_BUCKET_COUNT || iter.entry)
             if (kp_tag_t *tag = kp_get_next_updated_tag(handle_, &notice, &iter)) {
                 Message message;
                 if (kp_tag_read(tag, &message, sizeof message) == sizeof message)
