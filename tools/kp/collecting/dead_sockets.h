@@ -3,7 +3,7 @@
 #pragma once
 
 #include "collecting/deed.h"
-#include "device/endpoints.h"
+#include "common/device/endpoints.h"
 
 namespace kp::tool {
 

@@ -1,6 +1,6 @@
 // kp doctor: looks for the causes of trouble and says what mends them.
 #include "commands/commands.h"
-#include "doctor/finding.h"
+#include "common/doctor/finding.h"
 #include "output/output.h"
 #include "output/row_format.h"
 
@@ -10,13 +10,6 @@ namespace kp::tool {
 
 namespace {
 
-const char *severity_name(Severity severity)
-{
-    return severity == Severity::error     ? "error"
-           : severity == Severity::warning ? "warning"
-                                           : "note";
-}
-
 void print_finding(const Finding &finding)
 {
     const char *name = severity_name(finding.severity);
@@ -25,15 +18,6 @@ void print_finding(const Finding &finding)
                                                                       : colored(name, Color::dim);
     output().line(level + ": " + finding.subject + ": " + finding.text +
                   (finding.fix.empty() ? "" : "  [" + finding.fix + "]"));
-}
-
-nlohmann::ordered_json finding_json(const Finding &finding)
-{
-    return {{"level", severity_name(finding.severity)},
-            {"check", finding.check},
-            {"subject", finding.subject},
-            {"text", finding.text},
-            {"fix", finding.fix}};
 }
 
 // Trouble that was found counts more than what could not be looked at.

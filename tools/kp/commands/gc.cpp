@@ -3,14 +3,14 @@
 #include "collecting/dead_topics.h"
 #include "collecting/empty_directories.h"
 #include "commands/commands.h"
+#include "common/device/endpoints.h"
 #include "common/encoding.h"
 #include "common/segment_reader.h"
 #include "common/text.h"
-#include "device/endpoints.h"
+#include "common/time_text.h"
 #include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
-#include "output/time_text.h"
 
 #include <algorithm>
 #include <cerrno>

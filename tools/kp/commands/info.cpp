@@ -1,8 +1,8 @@
 // kp info: every field of a segment and of its file, and who has it open.
 #include "commands/commands.h"
+#include "common/device/counts_lock.h"
 #include "common/processes.h"
 #include "common/text.h"
-#include "device/counts_lock.h"
 #include "output/output.h"
 #include "output/row_format.h"
 

@@ -1,6 +1,6 @@
 #include "notices/notice_queue.h"
 
-#include "device/unix_sockets.h"
+#include "common/device/unix_sockets.h"
 #include "notices/notice_sender.h"
 
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "notices/notice_sender.h"
 
 #include "common/clock.h"
-#include "device/unix_sockets.h"
+#include "common/device/unix_sockets.h"
 #include "running/stop.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 #include "common/clock.h"
 #include "common/processes.h"
 #include "common/text.h"
+#include "common/time_text.h"
 #include "output/row_format.h"
-#include "output/time_text.h"
 
 namespace kp::tool {
 

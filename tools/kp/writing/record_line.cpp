@@ -2,8 +2,8 @@
 
 #include "common/encoding.h"
 #include "common/text.h"
+#include "common/time_text.h"
 #include "layout/value_type.h"
-#include "output/time_text.h"
 
 #include <array>
 #include <charconv>

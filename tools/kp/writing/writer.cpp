@@ -1,9 +1,9 @@
 #include "writing/writer.h"
 
 #include "common/clock.h"
+#include "common/device/room.h"
 #include "common/segment_writer.h"
 #include "common/text.h"
-#include "device/room.h"
 #include "layout/value_type.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "device/endpoints.h"
+#include "common/device/endpoints.h"
 
 #include "layout/unique_fd.h"
 

@@ -1,4 +1,4 @@
-#include "device/counts_lock.h"
+#include "common/device/counts_lock.h"
 
 #include "layout/segment.h"
 

@@ -1,4 +1,4 @@
-#include "doctor/spelled_tags.h"
+#include "common/doctor/spelled_tags.h"
 
 #include "kp.h"
 #include "layout/unique_fd.h"

@@ -1,8 +1,9 @@
 // What kp doctor found: one line each, with the command that mends it.
 #pragma once
 
-#include "running/problem.h"
+#include "common/problem.h"
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,12 @@ struct Finding {
 };
 
 using Findings = std::vector<Finding>;
+
+// "note", "warning" or "error".
+const char *severity_name(Severity severity);
+
+// The keys, which never change: level check subject text fix.
+nlohmann::ordered_json finding_json(const Finding &finding);
 
 // What could not be looked at, and so is not known to be in order.
 Finding unseen(const std::string &subject, std::string text, int code);

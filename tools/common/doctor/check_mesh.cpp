@@ -1,7 +1,7 @@
 // The endpoints: dead ones, stuck ones, crowded ones, and sockets that others cannot reach.
+#include "common/device/endpoints.h"
+#include "common/doctor/finding.h"
 #include "common/text.h"
-#include "device/endpoints.h"
-#include "doctor/finding.h"
 #include "kp.h"
 
 #include <cerrno>

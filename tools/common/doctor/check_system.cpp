@@ -1,9 +1,9 @@
 // The surroundings: directories that the wrong user owns, modes that lock others out, room and limits.
+#include "common/device/room.h"
+#include "common/device/unix_sockets.h"
+#include "common/doctor/finding.h"
 #include "common/processes.h"
 #include "common/text.h"
-#include "device/room.h"
-#include "device/unix_sockets.h"
-#include "doctor/finding.h"
 #include "layout/segment.h"
 
 #include <cerrno>

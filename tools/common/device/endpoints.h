@@ -1,8 +1,8 @@
 // The endpoints of the device as they stand: whose they are, who is connected and what waits unread.
 #pragma once
 
+#include "common/device/unix_sockets.h"
 #include "common/processes.h"
-#include "device/unix_sockets.h"
 
 #include <optional>
 

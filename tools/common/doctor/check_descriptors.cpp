@@ -1,7 +1,7 @@
 // Who comes near the limits of descriptors and inotify instances: an endpoint that has none left cannot
 // accept a peer, and a new one cannot watch for its peers.
-#include "device/endpoints.h"
-#include "doctor/finding.h"
+#include "common/device/endpoints.h"
+#include "common/doctor/finding.h"
 #include "kp.h"
 
 #include <fstream>

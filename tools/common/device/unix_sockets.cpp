@@ -1,4 +1,4 @@
-#include "device/unix_sockets.h"
+#include "common/device/unix_sockets.h"
 
 #include "common/clock.h"
 #include "layout/unique_fd.h"

@@ -1,4 +1,4 @@
-#include "device/room.h"
+#include "common/device/room.h"
 
 #include "layout/segment.h"
 

@@ -1,13 +1,13 @@
 // The topics: files that are no segments, writes that never ended, counts without owners, semaphores
 // that nobody gives back, times that cannot be.
+#include "common/device/counts_lock.h"
+#include "common/doctor/finding.h"
+#include "common/doctor/spelled_tags.h"
 #include "common/processes.h"
 #include "common/segment_reader.h"
 #include "common/text.h"
-#include "device/counts_lock.h"
-#include "doctor/finding.h"
-#include "doctor/spelled_tags.h"
+#include "common/time_text.h"
 #include "kp.h"
-#include "output/time_text.h"
 
 #include <algorithm>
 #include <fstream>

@@ -1,0 +1,17 @@
+// An endpoint as one JSON object, and what is to be said of it.
+#pragma once
+
+#include "common/device/endpoints.h"
+
+#include <nlohmann/json.hpp>
+
+namespace kp::tool {
+
+// A phrase on what wants attention; empty when nothing does.
+std::string note_of(const Endpoint &endpoint);
+
+// The keys, which never change: name state pid program user connections max_connections unread
+// not_accepted stopped note.
+nlohmann::ordered_json peer_json(const Endpoint &endpoint);
+
+} // namespace kp::tool

@@ -1,0 +1,26 @@
+// One topic as one JSON object: the keys that every program of the tools gives.
+#pragma once
+
+#include "common/segment_reader.h"
+#include "common/value_json.h"
+
+namespace kp::tool {
+
+struct Row {
+    std::string topic;
+    Snapshot snapshot;
+};
+
+// Says whether nobody can read the topic's value, which a row shows.
+bool has_broken_value(const Snapshot &snapshot);
+
+// The keys of a JSON object, in their order, never change: topic type value quality ts time
+// source_ts size max extra flags providers consumers; then, where they apply, value_b64, topic_b64 and
+// problem, which says why a value cannot be read.
+nlohmann::ordered_json row_json(const Row &row, ByteStyle style);
+
+// JSON as one line of ASCII, so that no control character of a name reaches a terminal; bytes that
+// are not UTF-8 come out as U+FFFD.
+std::string json_line(const nlohmann::ordered_json &object);
+
+} // namespace kp::tool
