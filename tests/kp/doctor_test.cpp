@@ -29,11 +29,9 @@ namespace {
 constexpr uid_t kSomebody = 54'322;
 
 // Level, check and subject of all but the notes.
-std::string troubles()
+std::string findings()
 {
-    return filtered(
-        kp({"doctor", "-j"}).out,
-        {"jq", "-r", "select(.level != \"note\") | .level + \" \" + .check + \" \" + .subject"});
+    return findings_of(kp({"doctor", "-j"}), "\\(.check) \\(.subject)");
 }
 
 void make_shared_directories()
@@ -144,7 +142,7 @@ TEST_F(KpDoctorLooks, IsContentWithDirectoriesForTheMembersOfAGroup)
     ASSERT_EQ(chmod("/dev/shm/zu-kp", 02770), 0);
     ASSERT_EQ(chmod("/run/providers", 03770), 0);
 
-    EXPECT_EQ(troubles(), "");
+    EXPECT_EQ(findings(), "");
 }
 
 TEST_F(KpDoctorLooks, FindsDirectoriesThatBelongToAUser)
@@ -154,7 +152,7 @@ TEST_F(KpDoctorLooks, FindsDirectoriesThatBelongToAUser)
     ASSERT_EQ(chown("/dev/shm/zu-kp", kSomebody, 0), 0);
     ASSERT_EQ(chown("/run/providers", kSomebody, 0), 0);
 
-    EXPECT_EQ(troubles(), "warning store-owner /dev/shm/zu-kp\n"
+    EXPECT_EQ(findings(), "warning store-owner /dev/shm/zu-kp\n"
                           "warning providers-owner /run/providers\n");
 }
 
@@ -229,7 +227,7 @@ TEST_F(KpDoctorLooks, SaysWhenNoneOfTheTopicsCanBeRead)
                                    "doctor]\n"));
 }
 
-TEST_F(KpDoctorLooks, EndsWithTheTroubleFoundRatherThanWithWhatItCouldNotSee)
+TEST_F(KpDoctorLooks, EndsWithWhatItFoundRatherThanWithWhatItCouldNotSee)
 {
     const uid_t user = other_user();
     if (user == 0)
@@ -335,7 +333,7 @@ TEST_F(KpDoctorLooks, IsContentWithSocketsForTheMembersOfAGroup)
     ASSERT_EQ(one.hear(), "listening");
     ASSERT_EQ(two.hear(), "listening");
 
-    EXPECT_EQ(troubles(), "");
+    EXPECT_EQ(findings(), "");
 }
 
 TEST_F(KpDoctorLooks, FindsAUserOutsideOfTheGroupThatMayConnect)
@@ -352,7 +350,7 @@ TEST_F(KpDoctorLooks, FindsAUserOutsideOfTheGroupThatMayConnect)
     ASSERT_EQ(one.hear(), "listening");
     ASSERT_EQ(two.hear(), "listening");
 
-    EXPECT_EQ(troubles(), "warning peer-umask one\n");
+    EXPECT_EQ(findings(), "warning peer-umask one\n");
 }
 
 TEST_F(KpDoctorLooks, FindsASemaphoreWhoseHolderWasKilled)
@@ -400,7 +398,7 @@ TEST_F(KpDoctorLooks, FindsAFullFileSystemOfAFewPages)
 {
     const TinyTmpfs store("/dev/shm/zu-kp", 4);
     ASSERT_EQ(chmod("/dev/shm/zu-kp", 02775), 0);
-    EXPECT_EQ(troubles(), "");
+    EXPECT_EQ(findings(), "");
     store.fill();
 
     const Ran doctor = kp({"doctor"});
@@ -417,7 +415,7 @@ TEST_F(KpDoctorLooks, TellsOfAStoreThatNobodyCanWrite)
 {
     const FewInodes store("30");
     ASSERT_EQ(chmod("/dev/shm/zu-kp", 02775), 0);
-    EXPECT_EQ(troubles(), "");
+    EXPECT_EQ(findings(), "");
     ASSERT_EQ(mount(nullptr, "/dev/shm/zu-kp", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
               0);
 
@@ -432,11 +430,11 @@ TEST_F(KpDoctorLooks, WarnsOfCountsBeforeTheyAreFull)
 {
     SegmentFile("a").create();
     SegmentFile("a").put_u8(at::consumer_refs, 199);
-    EXPECT_THAT(troubles(), testing::Not(HasSubstr("counts-full")));
+    EXPECT_THAT(findings(), Not(HasSubstr("counts-full")));
 
     SegmentFile("a").put_u8(at::consumer_refs, 200);
 
-    EXPECT_THAT(troubles(), HasSubstr("counts-full"));
+    EXPECT_THAT(findings(), HasSubstr("counts-full"));
     EXPECT_THAT(kp({"doctor"}).out, HasSubstr("a: 0 providers and 200 consumers have it open; a "
                                               "count that passes 255 begins at 0 again"));
 }
@@ -446,7 +444,7 @@ TEST_F(KpDoctorLooks, FindsAFileSystemWithoutInodes)
     const FewInodes store("3"); // one is the directory's
     ASSERT_EQ(chmod("/dev/shm/zu-kp", 02775), 0);
     SegmentFile("a").create();
-    EXPECT_EQ(troubles(), "");
+    EXPECT_EQ(findings(), "");
     SegmentFile("b").create();
 
     const Ran doctor = kp({"doctor"});

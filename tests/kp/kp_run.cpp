@@ -162,6 +162,14 @@ std::string filtered(const std::string &input, const std::vector<std::string> &c
     return ran.out;
 }
 
+std::string findings_of(const Ran &doctor, const std::string &keys)
+{
+    return filtered(
+        doctor.out,
+        {"jq", "-r",
+         "select(.level != \"note\" and .check != \"inotify-use\") | \"\\(.level) " + keys + "\""});
+}
+
 std::string shown(pid_t pid)
 {
     std::string program;

@@ -68,12 +68,6 @@ class ManyMappings {
 
 constexpr uid_t kUserOfItsOwn = 54'321;
 
-std::string checks_of(const Ran &doctor)
-{
-    return filtered(doctor.out,
-                    {"jq", "-r", "select(.level != \"note\") | .level + \" \" + .check"});
-}
-
 } // namespace
 
 TEST(KpPeers, FindsNobodyWhereNobodyIs)
@@ -132,7 +126,7 @@ TEST(KpPeers, CountsWhatAStoppedPeerHasNotRead)
         (void)kp_tag_notify(other);
 
     EXPECT_TRUE(wait_until([&] { return unread() == "[1290,true]\n"; })) << unread();
-    EXPECT_THAT(checks_of(kp({"doctor", "-j"})), HasSubstr("error peer-stopped\n"));
+    EXPECT_THAT(findings_of(kp({"doctor", "-j"}), "\\(.check)"), HasSubstr("error peer-stopped\n"));
     application.signal(SIGCONT);
     (void)kp_destroy(other);
     (void)application.tell("end");
@@ -290,10 +284,13 @@ TEST(KpDoctor, FindsNothingWhereAllIsWell)
     ASSERT_EQ(application.hear(), "running");
     ASSERT_EQ(chmod("/run/providers", 03775), 0);
 
-    const Ran ran = kp({"doctor"});
-
+    // A test beside this one may use up the inotify instances of some user for a moment.
+    Ran ran;
+    EXPECT_TRUE(wait_until([&ran] {
+        ran = kp({"doctor"});
+        return ran.code == 0;
+    })) << ran.out;
     EXPECT_THAT(ran.out, HasSubstr("healthy: 1 topics, 1 endpoints\n"));
-    EXPECT_EQ(ran.code, 0);
     (void)application.tell("end");
 }
 
@@ -315,11 +312,11 @@ TEST(KpDoctor, FindsEveryKindOfBrokenTopic)
 
     const Ran ran = kp({"doctor", "-j"});
 
-    EXPECT_EQ(checks_of(ran), "error corrupt\n"
-                              "error not-a-segment\n"
-                              "error writing\n"
-                              "warning future\n"
-                              "warning foreign-layout\n");
+    EXPECT_EQ(findings_of(ran, "\\(.check)"), "error corrupt\n"
+                                              "error not-a-segment\n"
+                                              "error writing\n"
+                                              "warning future\n"
+                                              "warning foreign-layout\n");
     EXPECT_EQ(ran.code, 1);
     EXPECT_THAT(kp({"doctor"}).out, HasSubstr("error: stuck: a write has begun and does not end"));
 }
@@ -412,7 +409,7 @@ TEST(KpDoctor, FindsDeadEndpointsAndUnsafeDirectories)
     ASSERT_EQ(chmod("/run/providers", 0777), 0);
     ASSERT_EQ(chmod("/dev/shm/zu-kp", 01777), 0);
 
-    EXPECT_EQ(checks_of(kp({"doctor", "-j"})),
+    EXPECT_EQ(findings_of(kp({"doctor", "-j"}), "\\(.check)"),
               "warning store-sticky\nwarning providers-mode\nwarning peer-dead\n");
 }
 
