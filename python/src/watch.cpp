@@ -80,9 +80,11 @@ PyObject *take_waiting(Watch &watch)
     return nullptr;
 }
 
+// The timeout bounds the waiting for changes. What was there at the start comes however late it is.
 bool is_over(const Watch &watch)
 {
-    return !watch.list || !state_of(watch.node).handle || tool::monotonic_us() >= watch.deadline_us;
+    return !watch.list || !state_of(watch.node).handle ||
+           (!watch.list->owes() && tool::monotonic_us() >= watch.deadline_us);
 }
 
 PyObject *take_now(Watch &watch)
@@ -228,6 +230,7 @@ PyObject *new_watch(PyTypeObject *type, PyObject *arguments, PyObject *)
     }
     for (const std::string &topic : present)
         watch.list->add(topic);
+    watch.list->owe_what_waits();
     return self.release();
 }
 

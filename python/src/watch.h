@@ -35,6 +35,16 @@ class WatchList {
     {
         return !waiting_.empty();
     }
+    // Promises those that wait now, whatever the time of the watch.
+    void owe_what_waits()
+    {
+        owed_ = waiting_.size();
+    }
+    // Some of the promised ones were not taken yet.
+    bool owes() const
+    {
+        return owed_ > 0;
+    }
     // The topic that has waited longest, or nothing.
     std::optional<std::string> take();
     // Says whether this write of the topic was not delivered before, and remembers it.
@@ -56,6 +66,7 @@ class WatchList {
     tool::Pattern pattern_;
     std::unordered_map<std::string, Delivered> topics_;
     std::deque<std::string> waiting_;
+    std::size_t owed_ = 0; // of the first in waiting_
     UniqueFd wake_fd_;
 };
 

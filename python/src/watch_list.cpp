@@ -19,6 +19,7 @@ std::optional<std::string> WatchList::take()
         return std::nullopt;
     std::string topic = std::move(waiting_.front());
     waiting_.pop_front();
+    owed_ -= owed_ > 0;
     topics_[topic].waits = false;
     return topic;
 }

@@ -213,8 +213,9 @@ class Node(NodeBase):
 
         Iterate over the result with ``for`` or ``async for``: first comes what is there, unless
         ``initial`` is False, then each change that peers tell of. What this node writes itself is no
-        change, nor is what has the quality 0. The iteration ends ``timeout`` seconds from now, and
-        within 100 ms of close(), of the loop's end and of the interpreter's exit.
+        change, nor is what has the quality 0. The iteration ends ``timeout`` seconds from now, but not
+        before what is there was delivered: with 0 it gives just that. It ends within 100 ms of close(),
+        of the loop's end and of the interpreter's exit.
         """
         return Watch(self, pattern, timeout, initial)
 

@@ -47,6 +47,16 @@ async def test_the_timeout_ends_the_iteration(kp_device):
         assert time.monotonic() - started < 5
 
 
+async def test_what_is_there_comes_whatever_the_timeout(kp_device):
+    for number in range(100):
+        kp_device.provide(f"a/{number}", "int8", number)
+
+    async with kp.Node("a") as node:
+        changes = [change.value async for change in node.watch("a/#", timeout=0)]
+
+    assert sorted(changes) == list(range(100))
+
+
 async def test_tasks_watch_side_by_side(kp_device):
     provider = kp_device.provide("a/b", "int8", 0)
 

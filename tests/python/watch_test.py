@@ -1,5 +1,6 @@
 """Watches without asyncio: newest values, no queue, and an end that comes in time."""
 
+import itertools
 import os
 import signal
 import subprocess
@@ -156,10 +157,37 @@ def test_a_timeout_is_the_time_of_the_whole_iteration(kp_device):
     assert 0.2 <= time.monotonic() - started < 5
 
 
-def test_a_zero_timeout_is_over_at_once(kp_device):
+def test_what_is_there_comes_whatever_the_timeout(kp_device):
+    for number in range(100):
+        kp_device.provide(f"a/{number}", "int8", number)
+
+    changes = list(kp_device.watcher.watch("a/#", timeout=0))
+    late = kp_device.watcher.watch("a/#", timeout=0.01)
+    time.sleep(0.02)
+
+    assert sorted(change.value for change in changes) == list(range(100))
+    assert sorted(change.value for change in late) == list(range(100))
+
+
+def test_a_zero_timeout_waits_for_nothing(kp_device):
     kp_device.provide("a", "int8", 1)
 
-    assert not list(kp_device.watcher.watch("#", timeout=0))
+    assert not list(kp_device.watcher.watch("#", timeout=0, initial=False))
+    assert not list(kp_device.watcher.watch("b/#", timeout=0))
+
+
+def test_a_timeout_ends_a_watch_of_what_changes_without_a_pause(kp_device, provider_process):
+    write = provider_process("a")
+    write(0)
+    stop = threading.Event()
+    values = itertools.count(1)
+    writer = threading.Thread(target=lambda: [write(next(values)) for _ in iter(stop.is_set, True)])
+    writer.start()
+    try:
+        assert list(kp_device.watcher.watch("a", timeout=0.1))
+    finally:
+        stop.set()
+        writer.join()
 
 
 @pytest.mark.parametrize("end", ["watch", "node"])
