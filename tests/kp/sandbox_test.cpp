@@ -160,8 +160,9 @@ TEST(KpSandbox, LeavesTheEnvironmentToTheCommand)
 
 TEST(KpSandbox, HandsSignalsOn)
 {
-    // The parent of the command is kp, to which it sends the signal that then comes back.
-    const Ran ran = sandboxed("trap 'echo heard; exit 3' USR1; kill -USR1 $PPID; "
+    // Its parent's parent is the kp that was started, to which it sends the signal that then comes back.
+    const Ran ran = sandboxed("trap 'echo heard; exit 3' USR1; "
+                              "kill -USR1 $(cut -d' ' -f4 /proc/$PPID/stat); "
                               "while :; do sleep 0.01; done");
 
     EXPECT_EQ(ran.out, "heard\n");
@@ -191,14 +192,27 @@ TEST(KpSandbox, KillsWhatDoesNotHear)
     EXPECT_NE(::kill(number_in("/run/scripts/left"), 0), 0);
 }
 
-TEST(KpSandbox, TakesTheCommandAlongWhenItIsKilled)
-{
-    const Ran ran = sandboxed("echo $$ >/run/scripts/left; kill -KILL $PPID; sleep 1000");
+// The command's parent keeps the command for `kp`; each of the two ends what runs when the other is gone.
+class KpSandboxKilled : public testing::TestWithParam<const char *> {};
 
+TEST_P(KpSandboxKilled, TakesAlongWhatRuns)
+{
+    const Ran ran = sandboxed("sh -c 'echo $$ >/run/scripts/left; exec sleep 1000' & "
+                              "while ! test -s /run/scripts/left; do sleep 0.01; done; "
+                              "echo $$ >/run/scripts/command; kill -KILL " +
+                              std::string(GetParam()) + "; wait");
+
+    EXPECT_EQ(ran.err, "");
     EXPECT_EQ(ran.code, 128 + SIGKILL);
-    ASSERT_GT(number_in("/run/scripts/left"), 0);
-    EXPECT_TRUE(wait_until([] { return ::kill(number_in("/run/scripts/left"), 0) != 0; }));
+    for (const char *file : {"/run/scripts/left", "/run/scripts/command"}) {
+        const pid_t pid = number_in(file);
+        ASSERT_GT(pid, 0);
+        EXPECT_TRUE(wait_until([pid] { return ::kill(pid, 0) != 0; })) << file;
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(Of, KpSandboxKilled,
+                         testing::Values("$PPID", "$(cut -d' ' -f4 /proc/$PPID/stat)"));
 
 TEST(KpSandbox, KeepsACopyOfTheStore)
 {

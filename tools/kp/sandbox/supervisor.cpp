@@ -69,14 +69,17 @@ bool reap(pid_t command, int &status)
     return ended;
 }
 
-int wait_for(pid_t command, const sigset_t &signals)
+// Ends with the child, or with `parent` (0: nobody), whose death comes as a signal.
+int wait_for(pid_t child, const sigset_t &signals, pid_t parent)
 {
     int status = 0;
-    while (!reap(command, status)) {
+    while (!reap(child, status)) {
+        if (parent != 0 && getppid() != parent)
+            return W_EXITCODE(0, SIGKILL);
         siginfo_t info{};
         const int number = sigwaitinfo(&signals, &info);
         if (number > 0 && number != SIGCHLD && info.si_code <= SI_USER)
-            (void)kill(command, number);
+            (void)kill(child, number);
     }
     return status;
 }
@@ -110,6 +113,26 @@ void end_the_rest()
         complain("a process that the command left behind cannot be killed");
 }
 
+// The process between this program and the command. Orphans come to it, and after it to its parent, so
+// that whichever of the two is killed, the other one ends what runs.
+[[noreturn]] void keep(std::vector<std::string> &words, pid_t parent, const sigset_t &signals,
+                       const sigset_t &mask)
+{
+    (void)prctl(PR_SET_PDEATHSIG, SIGTERM);
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t self = getpid();
+    const pid_t command = fork();
+    if (command == 0)
+        become(words, self, mask);
+    if (command < 0) {
+        complain(std::string("fork: ") + std::strerror(errno));
+        _exit(kNotRunnable);
+    }
+    const int status = wait_for(command, signals, parent);
+    end_the_rest();
+    end_like(status);
+}
+
 } // namespace
 
 int run_to_the_end(std::vector<std::string> words)
@@ -120,14 +143,14 @@ int run_to_the_end(std::vector<std::string> words)
     sigset_t before;
     (void)sigprocmask(SIG_BLOCK, &signals, &before);
     const pid_t parent = getpid();
-    const pid_t command = fork();
-    if (command < 0) {
+    const pid_t keeper = fork();
+    if (keeper < 0) {
         complain(std::string("fork: ") + std::strerror(errno));
         return W_EXITCODE(kNotRunnable, 0);
     }
-    if (command == 0)
-        become(words, parent, before);
-    const int status = wait_for(command, signals);
+    if (keeper == 0)
+        keep(words, parent, signals, before);
+    const int status = wait_for(keeper, signals, 0);
     end_the_rest();
     (void)sigprocmask(SIG_SETMASK, &before, nullptr);
     return status;

@@ -9,8 +9,9 @@ namespace kp::tool {
 // What a command ends with that could not be started, as with other programs that start one.
 enum : int { kNotRunnable = 126, kNotFound = 127 };
 
-// Starts the command, which dies with this process, and returns its wait status when it has ended and
-// with it every process that it left behind: they are asked with SIGTERM, and after two seconds killed.
+// Starts the command, and returns its wait status when it has ended and with it every process that it
+// left behind: they are asked with SIGTERM, and after two seconds killed. So they are, and the command
+// with them, when this process itself is killed.
 // Signals of other processes are handed on; those of the terminal reach the command by themselves.
 int run_to_the_end(std::vector<std::string> words);
 
