@@ -355,3 +355,9 @@ TEST(ClientId, MayHaveASlash)
     EXPECT_TRUE(result.problems.empty());
     EXPECT_EQ(result.configuration.broker.client_id, "line/7");
 }
+
+TEST(Configuration, WithALetterThatTomlHasNoPlaceForIsRefused)
+{
+    EXPECT_THAT(problems_of("device = \"d\"\nger\xc3\xa4t = 1\n"),
+                ElementsAre(testing::StartsWith("f:2: a letter beyond ASCII must stand in")));
+}

@@ -1,9 +1,9 @@
 #include "config/configuration.h"
 
 #include "common/pattern.h"
-#include "common/text.h"
+#include "common/toml_text.h"
 #include "config/configuration_file.h"
-#include "names/topic_names.h"
+#include "config/setting_values.h"
 
 #include <algorithm>
 #include <array>
@@ -12,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace kp::mqtt {
@@ -20,124 +19,12 @@ namespace kp::mqtt {
 namespace {
 
 constexpr double kDay = 86'400;
-constexpr size_t kMostEndpointBytes = std::min(
-    sizeof(sockaddr_un::sun_path) - sizeof "/run/providers/", size_t{KP_ENDPOINT_NAME_SIZE} - 1);
 
 std::string host_name()
 {
     std::array<char, 256> name{};
     (void)gethostname(name.data(), name.size() - 1);
     return name[0] ? name.data() : "device";
-}
-
-tool::Result<PayloadMode> payload_mode(const std::string &name)
-{
-    if (name == "plain")
-        return tool::Result<PayloadMode>::of(PayloadMode::plain);
-    if (name == "json")
-        return tool::Result<PayloadMode>::of(PayloadMode::json);
-    if (name == "raw")
-        return tool::Result<PayloadMode>::of(PayloadMode::raw);
-    return tool::Result<PayloadMode>::failed("must be \"plain\", \"json\" or \"raw\"");
-}
-
-tool::Result<std::string> prefix(const std::string &text)
-{
-    if (text.starts_with('/') || text.ends_with('/'))
-        return tool::Result<std::string>::failed("must not begin or end with \"/\"");
-    if (const std::string problem = mqtt_topic_problem(text); !problem.empty())
-        return tool::Result<std::string>::failed("cannot be part of a topic: " + problem);
-    return tool::Result<std::string>::of(text);
-}
-
-tool::Result<std::string> name_part(const std::string &text)
-{
-    if (text.empty() || text.find('/') != text.npos)
-        return tool::Result<std::string>::failed("must not be empty nor have a \"/\"");
-    return prefix(text);
-}
-
-tool::Result<std::string> host_alone(const std::string &text)
-{
-    const size_t colon = text.find(':');
-    const bool has_port = colon != text.npos && text.rfind(':') == colon;
-    if (text.empty())
-        return tool::Result<std::string>::failed("must not be empty");
-    if (text.find('/') != text.npos || has_port)
-        return tool::Result<std::string>::failed(
-            "must be a name or an address alone; port and [broker.tls] are settings of their own");
-    return tool::Result<std::string>::of(text);
-}
-
-tool::Result<std::string> client_id(const std::string &text)
-{
-    if (text.empty() || !tool::is_utf8(text) || percent_escaped(text) != text)
-        return tool::Result<std::string>::failed("must be text without control characters");
-    return tool::Result<std::string>::of(text);
-}
-
-// The name is that of a socket below /run/providers/ too.
-tool::Result<std::string> endpoint_name(const std::string &text)
-{
-    if (text == "." || text == "..")
-        return tool::Result<std::string>::failed("must be the name of a file");
-    if (text.size() > kMostEndpointBytes)
-        return tool::Result<std::string>::failed("must not be longer than " +
-                                                 std::to_string(kMostEndpointBytes) + " bytes");
-    return name_part(text);
-}
-
-// Brokers take a filter that starts so for one that several clients share the messages of. Their
-// topics do not start so, and the bridge's own messages could not be kept from it.
-tool::Result<std::string> in_prefix(const std::string &text)
-{
-    if (text == "$share" || text.starts_with("$share/"))
-        return tool::Result<std::string>::failed("shared subscriptions cannot be used");
-    return prefix(text);
-}
-
-tool::Result<std::string> tag_pattern(const std::string &text)
-{
-    if (const std::string problem = tool::pattern_problem(text, tool::Dialect::tags);
-        !problem.empty())
-        return tool::Result<std::string>::failed("is no pattern of tags: " + problem);
-    return tool::Result<std::string>::of(text);
-}
-
-tool::Result<std::string> tag_prefix(const std::string &text)
-{
-    const Name name = to_tag_topic(text);
-    if (!text.empty() && !name.problem.empty())
-        return tool::Result<std::string>::failed("cannot be part of a tag's topic: " +
-                                                 name.problem);
-    return tool::Result<std::string>::of(text);
-}
-
-tool::Result<std::string> topic_filter(const std::string &text)
-{
-    if (text == "$share" || text.starts_with("$share/"))
-        return tool::Result<std::string>::failed("shared subscriptions cannot be used");
-    if (const std::string problem = tool::pattern_problem(text, tool::Dialect::mqtt);
-        !problem.empty())
-        return tool::Result<std::string>::failed("is no filter of topics: " + problem);
-    for (const std::string_view level : tool::split_levels(text, tool::Dialect::mqtt)) {
-        if (level == "+" || level == "#")
-            continue;
-        if (const std::string problem = mqtt_topic_problem(level); !problem.empty())
-            return tool::Result<std::string>::failed("is no filter of topics: " + problem);
-        if (const std::string problem = to_tag_topic(level).problem; !problem.empty())
-            return tool::Result<std::string>::failed("takes no topic that can be a tag: " +
-                                                     problem);
-    }
-    return tool::Result<std::string>::of(text);
-}
-
-tool::Result<std::optional<uint32_t>> value_type(const std::string &text)
-{
-    const uint32_t type = kp_str2type(text.c_str());
-    if (type == UINT32_MAX)
-        return tool::Result<std::optional<uint32_t>>::failed("is no value type, as \"double\"");
-    return tool::Result<std::optional<uint32_t>>::of(type);
 }
 
 class ConfigurationReader {
@@ -159,12 +46,8 @@ class ConfigurationReader {
         const toml::table none;
         const toml::table *broker = table.table("broker");
         result.broker = read_broker(broker ? *broker : none, result.device);
-        int number = 0;
-        for (const toml::table *rule : table.tables("out"))
-            result.out.push_back(read_out(*rule, ++number, result.prefix));
-        number = 0;
-        for (const toml::table *rule : table.tables("in"))
-            result.in.push_back(read_in(*rule, ++number, result.prefix));
+        result.out = read_rules<OutRule>(table, "out", result.prefix);
+        result.in = read_rules<InRule>(table, "in", result.prefix);
         table.refuse_the_rest();
         return result;
     }
@@ -173,17 +56,17 @@ class ConfigurationReader {
     static void read_names(TableReader &table, Configuration &result)
     {
         result.device = host_name();
-        table.read<std::string>("device", result.device, name_part);
+        table.read<std::string>("device", result.device, setting::name_part);
         result.prefix = "kp/" + result.device;
-        table.read<std::string>("prefix", result.prefix, prefix);
+        table.read<std::string>("prefix", result.prefix, setting::prefix);
         result.endpoint = "kp-mqtt";
-        table.read<std::string>("endpoint", result.endpoint, endpoint_name);
+        table.read<std::string>("endpoint", result.endpoint, setting::endpoint_name);
         result.status_prefix = "bridge/mqtt";
-        table.read<std::string>("status-prefix", result.status_prefix, tag_prefix);
+        table.read<std::string>("status-prefix", result.status_prefix, setting::tag_prefix);
         if (result.status_prefix.empty())
             table.problem("status-prefix", "must not be empty");
         result.state_topic = tool::join_levels(result.prefix, "$bridge/state");
-        table.read<std::string>("state-topic", result.state_topic, prefix);
+        table.read<std::string>("state-topic", result.state_topic, setting::prefix);
         if (result.state_topic.empty())
             table.problem("state-topic", "must not be empty");
     }
@@ -192,9 +75,9 @@ class ConfigurationReader {
     {
         TableReader table(source, path_, problems_);
         BrokerSettings broker;
-        table.read<std::string>("host", broker.host, host_alone);
+        table.read<std::string>("host", broker.host, setting::host_alone);
         broker.client_id = "kp-mqtt-" + device;
-        table.read<std::string>("client-id", broker.client_id, client_id);
+        table.read<std::string>("client-id", broker.client_id, setting::client_id);
         table.read("credentials-file", broker.credentials_file);
         table.read_integer("keep-alive", broker.keep_alive_s, 5, 3600);
         table.read("connect-timeout", broker.connect_timeout, 1, 300);
@@ -227,61 +110,64 @@ class ConfigurationReader {
         return tls;
     }
 
-    OutRule read_out(const toml::table &source, int number, const std::string &default_prefix)
+    template <typename Rule>
+    std::vector<Rule> read_rules(TableReader &file, const char *kind,
+                                 const std::string &default_prefix)
     {
-        TableReader table(source, path_, problems_);
-        OutRule rule;
-        rule.name = rule_name("out", number, source);
-        table.read<std::string>("pattern", rule.pattern, tag_pattern);
-        if (!table.has("pattern"))
-            table.problem("pattern", "is missing");
+        std::vector<Rule> rules;
+        for (const toml::table *source : file.tables(kind)) {
+            TableReader table(*source, path_, problems_);
+            Rule rule;
+            rule.name = "[[" + std::string(kind) + "]] " + std::to_string(rules.size() + 1) +
+                        " (line " + std::to_string(source->source().begin.line) + ")";
+            table.read_integer("qos", rule.qos, 0, 2);
+            table.read<PayloadMode>("payload", rule.payload, setting::payload_mode);
+            read_rest(table, rule, default_prefix);
+            table.refuse_the_rest();
+            rules.push_back(std::move(rule));
+        }
+        return rules;
+    }
+
+    static void read_rest(TableReader &table, OutRule &rule, const std::string &default_prefix)
+    {
+        read_needed(table, "pattern", rule.pattern, setting::tag_pattern);
         table.read("exclude", rule.exclude);
         for (const std::string &pattern : rule.exclude)
             if (const std::string problem = tool::pattern_problem(pattern, tool::Dialect::tags);
                 !problem.empty())
                 table.problem("exclude", "\"" + pattern + "\" is no pattern of tags: " + problem);
         rule.prefix = default_prefix;
-        table.read<std::string>("prefix", rule.prefix, prefix);
-        table.read_integer("qos", rule.qos, 0, 2);
+        table.read<std::string>("prefix", rule.prefix, setting::prefix);
         table.read("retain", rule.retain);
-        table.read<PayloadMode>("payload", rule.payload, payload_mode);
         table.read("min-interval", rule.quiet.min_interval, 0, kDay);
         table.read("deadband", rule.quiet.deadband, 0, 1e300);
         table.read("deadband-relative", rule.quiet.relative_deadband, 0, 1e6);
         table.read("only-changes", rule.quiet.only_changes);
         table.read_integer("expiry", rule.expiry_s, 0, UINT32_MAX - 1);
-        table.refuse_the_rest();
-        return rule;
     }
 
-    InRule read_in(const toml::table &source, int number, const std::string &default_prefix)
+    static void read_rest(TableReader &table, InRule &rule, const std::string &default_prefix)
     {
-        TableReader table(source, path_, problems_);
-        InRule rule;
-        rule.name = rule_name("in", number, source);
-        table.read<std::string>("filter", rule.filter, topic_filter);
-        if (!table.has("filter"))
-            table.problem("filter", "is missing");
+        read_needed(table, "filter", rule.filter, setting::topic_filter);
         table.read("shared", rule.shared);
         rule.prefix =
             rule.shared || default_prefix.empty() ? default_prefix : default_prefix + "-set";
-        table.read<std::string>("prefix", rule.prefix, in_prefix);
-        table.read<std::string>("tags", rule.tags, tag_prefix);
-        table.read_integer("qos", rule.qos, 0, 2);
-        table.read<PayloadMode>("payload", rule.payload, payload_mode);
-        table.read<std::optional<uint32_t>>("type", rule.type, value_type);
+        table.read<std::string>("prefix", rule.prefix, setting::in_prefix);
+        table.read<std::string>("tags", rule.tags, setting::tag_prefix);
+        table.read<std::optional<uint32_t>>("type", rule.type, setting::value_type);
         table.read_integer("max-size", rule.max_size, 1, KP_MAX_VALUE_SIZE);
         table.read_integer("max-tags", rule.max_tags, 1, 1'000'000);
         rule.retained = rule.shared;
         table.read("retained", rule.retained);
-        table.refuse_the_rest();
-        return rule;
     }
 
-    static std::string rule_name(const char *kind, int number, const toml::table &source)
+    static void read_needed(TableReader &table, const char *key, std::string &target,
+                            tool::Result<std::string> (*parse)(const std::string &))
     {
-        return "[[" + std::string(kind) + "]] " + std::to_string(number) + " (line " +
-               std::to_string(source.source().begin.line) + ")";
+        table.read<std::string>(key, target, parse);
+        if (!table.has(key))
+            table.problem(key, "is missing");
     }
 
     const std::string &path_;
@@ -314,6 +200,12 @@ bool OutRule::takes(std::string_view tag) const
            std::none_of(exclude.begin(), exclude.end(), [tag](const std::string &excluded) {
                return tool::Pattern(excluded).covers(tag);
            });
+}
+
+bool OutRule::sends_like(const OutRule &other) const
+{
+    return prefix == other.prefix && qos == other.qos && payload == other.payload &&
+           retain == other.retain && expiry_s == other.expiry_s;
 }
 
 std::string InRule::full_filter() const
@@ -350,6 +242,11 @@ bool Configuration::shares(std::string_view topic) const
     });
 }
 
+std::string Configuration::summary() const
+{
+    return std::to_string(out.size()) + " rules out, " + std::to_string(in.size()) + " rules in";
+}
+
 ConfigurationResult load_configuration(const std::string &path)
 {
     struct stat status {};
@@ -364,7 +261,7 @@ ConfigurationResult load_configuration(const std::string &path)
 ConfigurationResult parse_configuration(std::string_view text, const std::string &path)
 {
     try {
-        return finish(toml::parse(text), path);
+        return finish(tool::parse_toml(text), path);
     } catch (const toml::parse_error &error) {
         return unreadable(error, path);
     }

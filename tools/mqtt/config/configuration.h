@@ -11,29 +11,32 @@
 
 namespace kp::mqtt {
 
-// Tags to the broker.
-struct OutRule {
+// What the rules of both directions have.
+struct RuleSettings {
     std::string name; // "[[out]] 2 (line 14)", for messages
-    std::string pattern;
-    std::vector<std::string> exclude;
     std::string prefix;
     int qos = 1;
-    bool retain = true;
     PayloadMode payload = PayloadMode::plain;
+};
+
+// Tags to the broker.
+struct OutRule : RuleSettings {
+    std::string pattern;
+    std::vector<std::string> exclude;
+    bool retain = true;
     Quiet quiet;
     uint32_t expiry_s = 0; // 0: the broker keeps the value for ever
 
     bool takes(std::string_view tag) const;
+
+    // Whether its messages look the same.
+    bool sends_like(const OutRule &other) const;
 };
 
 // The broker to tags.
-struct InRule {
-    std::string name;
-    std::string prefix;
-    std::string filter; // below the prefix
-    std::string tags;   // put in front of the tag
-    int qos = 1;
-    PayloadMode payload = PayloadMode::plain;
+struct InRule : RuleSettings {
+    std::string filter;           // below the prefix
+    std::string tags;             // put in front of the tag
     std::optional<uint32_t> type; // of new tags, where the message does not say
     uint32_t max_size = KP_MAX_VALUE_SIZE;
     bool retained = false; // take what the broker kept from before
@@ -48,6 +51,8 @@ struct TlsSettings {
     std::string ca_path;
     std::string cert_file;
     std::string key_file;
+
+    bool operator==(const TlsSettings &) const = default;
 };
 
 struct BrokerSettings {
@@ -86,6 +91,9 @@ struct Configuration {
     // Whether the topic is one of a tree that several devices write: an in rule brings back what is
     // sent there, and the broker keeps it.
     bool shares(std::string_view topic) const;
+
+    // How many rules there are, in words.
+    std::string summary() const;
 };
 
 struct ConfigurationResult {
