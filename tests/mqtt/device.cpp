@@ -31,6 +31,11 @@ std::string contents(const std::string &path)
 
 } // namespace
 
+const char *bridge_path()
+{
+    return KP_MQTT;
+}
+
 Tags::Tags() : handle_(kp_new("", nullptr))
 {
     EXPECT_NE(handle_, nullptr);
@@ -118,9 +123,20 @@ BridgeProgram::BridgeProgram(int port, const std::string &more, std::vector<std:
 {
     static std::atomic<int> number = 0;
     path_ = "/run/bridge." + std::to_string(++number);
+    configure(port, more);
+    start();
+}
+
+void BridgeProgram::configure(int port, const std::string &more)
+{
     const bool complete = more.starts_with("device = ");
     std::ofstream(path_) << (complete ? more : configuration(port, more));
-    start();
+}
+
+void BridgeProgram::reload(int port, const std::string &more)
+{
+    configure(port, more);
+    process_->signal(SIGHUP);
 }
 
 BridgeProgram::~BridgeProgram()
@@ -134,7 +150,8 @@ BridgeProgram::~BridgeProgram()
 void BridgeProgram::start()
 {
     std::vector<std::string> command{
-        "/bin/sh", "-c", kEnvironment + ("exec \"$@\" 2>>" + path_) + ".log", "sh", KP_MQTT, "-c",
+        "/bin/sh", "-c",          kEnvironment + ("exec \"$@\" 2>>" + path_) + ".log",
+        "sh",      bridge_path(), "-c",
         path_,     "-v"};
     command.insert(command.end(), options_.begin(), options_.end());
     process_ = std::make_unique<ChildProcess>(command);

@@ -45,6 +45,9 @@ bool wait_for_tag(const std::string &topic, const std::string &bytes,
 uint64_t status_number(const std::string &name);
 bool wait_for_connection(bool connected = true);
 
+// The bridge as a program.
+const char *bridge_path();
+
 // The program with a configuration: device "dev", the broker on this port, and what `more` says.
 class BridgeProgram {
   public:
@@ -68,6 +71,8 @@ class BridgeProgram {
         return process_->wait();
     }
     void start();
+    // Gives it another configuration and tells it so.
+    void reload(int port, const std::string &more);
     // What it has said on standard error, and what it printed.
     std::string log() const;
     std::vector<std::string> output();
@@ -77,6 +82,7 @@ class BridgeProgram {
     long times_woken() const;
 
   private:
+    void configure(int port, const std::string &more);
     // A number of /proc/PID/status.
     long status(const std::string &name) const;
 

@@ -43,6 +43,16 @@ class InboundOf {
     {
         inbound_.receive({topic, payload, false, properties, came_for_});
     }
+    void reload(const std::string &rules)
+    {
+        const Configuration before = std::exchange(
+            configuration_, parse_configuration("device = \"me\"\n" + rules, "f").configuration);
+        inbound_.reload();
+    }
+    void subscribed(const std::string &filter)
+    {
+        inbound_.subscribed(filter);
+    }
     // What the messages to come say that they came for.
     void came_for(std::vector<uint32_t> subscriptions)
     {
@@ -450,4 +460,29 @@ TEST(Subscriptions, AskForRetainedMessagesOnlyWhereTheRuleDoes)
     EXPECT_TRUE((*states).subscriptions()[0].retained);
     EXPECT_EQ((*states).subscriptions()[0].filter, "s/#");
     EXPECT_EQ((*states).subscriptions()[0].qos, 2);
+}
+
+TEST(InboundReload, LosesNoCommandUntilTheBrokerKnowsTheNewRule)
+{
+    InboundOf inbound("");
+    inbound.reload("[[in]]\nfilter = \"#\"\nprefix = \"s\"\n"
+                   "[[in]]\nfilter = \"a\"\nprefix = \"s\"\n");
+
+    inbound.came_for({1});
+    inbound.receive("s/a", "early");
+    inbound.subscribed("s/a");
+    inbound.receive("s/a", "copy for the less exact rule");
+    inbound.came_for({2});
+    inbound.receive("s/a", "late");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=early", "a=late"));
+}
+
+TEST(InboundReload, DropsWhatARuleHasWrittenThatIsGone)
+{
+    InboundOf inbound("");
+    inbound.receive("s/a", "1");
+    inbound.reload("[[in]]\nfilter = \"b\"\nprefix = \"s\"\n");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=1", "a dropped"));
 }

@@ -219,18 +219,6 @@ TEST(Leaving, RemovesTheBridgesOwnTagsAndEndpoint)
     EXPECT_NE(access("/dev/shm/zu-kp/bridge/mqtt/connected", F_OK), 0);
 }
 
-TEST(Leaving, IsInOrderWhenTheTerminalCloses)
-{
-    const Broker broker;
-    BridgeProgram bridge(broker.port(), kBothWays);
-    ASSERT_TRUE(wait_for_connection());
-
-    bridge.signal(SIGHUP);
-
-    EXPECT_EQ(bridge.wait(), 0);
-    EXPECT_NE(access("/dev/shm/zu-kp/bridge/mqtt/connected", F_OK), 0);
-}
-
 TEST(Threads, LetWritersGoFirst)
 {
     const Broker broker;

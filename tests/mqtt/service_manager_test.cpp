@@ -56,6 +56,16 @@ TEST(ServiceManager, HearsReadyStatusAndStopping)
     EXPECT_EQ(manager.hear(), "STOPPING=1");
 }
 
+TEST(ServiceManager, HearsThatTheConfigurationIsReadAgain)
+{
+    const Manager manager;
+    const ServiceManager bridge;
+
+    bridge.reloading();
+
+    EXPECT_TRUE(manager.hear().starts_with("RELOADING=1\nMONOTONIC_USEC="));
+}
+
 TEST(ServiceManager, HearsOfTheWatchdogOftenEnoughAndNoMore)
 {
     const Manager manager;

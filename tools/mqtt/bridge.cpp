@@ -1,6 +1,8 @@
 #include "bridge.h"
 
 #include "base/log.h"
+#include "config/configuration_change.h"
+#include "signals.h"
 
 #include <algorithm>
 #include <array>
@@ -26,18 +28,18 @@ std::string make_origin(const std::string &device)
     return device + '/' + boot;
 }
 
-Bridge::Bridge(const Configuration &configuration, StateFile &state, tool::NoticeMarks &marks,
+Bridge::Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks &marks,
                LocalWriter &writer, Counters &counters, uint64_t last_alive)
-    : configuration_(configuration), state_(state), marks_(marks), writer_(writer),
-      counters_(counters), origin_(make_origin(configuration.device)),
-      topics_(configuration, reader_, state, pending_),
-      shared_(configuration, reader_, &writer, state, pending_, topics_, last_alive),
-      publications_(configuration, reader_, &writer, state, origin_, pending_, topics_, shared_,
+    : configuration_(std::move(configuration)), state_(state), marks_(marks), writer_(writer),
+      counters_(counters), origin_(make_origin(configuration_.device)),
+      topics_(configuration_, reader_, state, pending_),
+      shared_(configuration_, reader_, &writer, state, pending_, topics_, last_alive),
+      publications_(configuration_, reader_, &writer, state, origin_, pending_, topics_, shared_,
                     counters),
-      inbound_(configuration, reader_, shared_, inbound_events(), counters),
-      lost_providers_(topics_, configuration.trust_visible),
-      session_(configuration, origin_, session_events(), counters),
-      status_(configuration.status_prefix, writer)
+      inbound_(configuration_, reader_, shared_, inbound_events(), counters),
+      lost_providers_(topics_, configuration_.trust_visible),
+      session_(configuration_, origin_, session_events(), counters),
+      status_(configuration_.status_prefix, writer)
 {
 }
 
@@ -69,24 +71,64 @@ SessionEvents Bridge::session_events()
                 publications_.acknowledged(id, answer, Clock::now());
             },
         .received = [this](const Message &message) { inbound_.receive(message); },
+        .subscribed = [this](const std::string &filter) { inbound_.subscribed(filter); },
         .status = [this](const std::string &text) { manager_.status(text); },
     };
 }
 
-int Bridge::run(int signal_fd)
+std::optional<Configuration> Bridge::run(const Signals &signals,
+                                         const std::function<ConfigurationResult()> &load)
 {
     look_for_changes(Clock::now());
     manager_.ready();
     bool stop = false;
     while (!stop) {
-        wait(signal_fd, stop);
+        const Order order = wait(signals.fd()) ? signals.next() : Order::none;
+        if (order == Order::reload)
+            reload(load(), Clock::now());
         turn(Clock::now());
+        stop = order == Order::leave || successor_;
     }
-    manager_.stopping();
+    if (!successor_)
+        manager_.stopping();
     session_.leave();
     show_status(Clock::now(), false); // for who has these tags open, and sees them longer
     state_.touch();
-    return 0;
+    return std::move(successor_);
+}
+
+void Bridge::reload(ConfigurationResult loaded, Clock::time_point now)
+{
+    manager_.reloading();
+    for (const std::string &problem : loaded.problems)
+        log(Level::error, problem);
+    const Reach reach = reach_of(configuration_, loaded.configuration);
+    if (!loaded.problems.empty())
+        log(Level::error, "the configuration stays as it was");
+    else if (reach == Reach::everything)
+        successor_ = std::move(loaded.configuration);
+    else
+        take_over(std::move(loaded.configuration), reach == Reach::connection, now);
+    if (!successor_)
+        manager_.ready();
+}
+
+void Bridge::take_over(Configuration configuration, bool connects_anew, Clock::time_point now)
+{
+    if (connects_anew)
+        session_.leave();
+    // The parts point to rules until they have found those in their place.
+    const Configuration before = std::exchange(configuration_, std::move(configuration));
+    topics_.reload(before, now);
+    publications_.reload();
+    inbound_.reload();
+    if (connects_anew)
+        session_.connect_anew(now);
+    else
+        session_.renew(now);
+    next_scan_ = now;
+    log(Level::info, "the configuration has been read again: " + configuration_.summary() +
+                         (connects_anew ? "; connecting anew" : ""));
 }
 
 // What changed before a connection waits with the rest.
@@ -112,7 +154,7 @@ int Bridge::poll_timeout(Clock::time_point now) const
 
 // While nothing can be sent no mark wakes this thread, so that a writer shares its processor with
 // the receive thread alone; what is marked is looked at once a second then.
-void Bridge::wait(int signal_fd, bool &stop)
+bool Bridge::wait(int signal_fd)
 {
     const pollfd signals{signal_fd, POLLIN, 0};
     const pollfd marks{session_.may_send() ? marks_.fd() : -1, POLLIN, 0};
@@ -123,10 +165,10 @@ void Bridge::wait(int signal_fd, bool &stop)
     const auto events = [&room, ready](size_t at) {
         return ready > 0 ? room[at].revents : short{0};
     };
-    stop = events(0) != 0;
     if (events(2) != 0)
         lost_providers_.hear_ends(Clock::now());
     session_.serve(events(3));
+    return events(0) != 0;
 }
 
 void Bridge::turn(Clock::time_point now)

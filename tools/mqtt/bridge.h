@@ -15,9 +15,13 @@
 #include "store/local_writer.h"
 #include "store/store_reader.h"
 
+#include <functional>
+#include <optional>
 #include <string>
 
 namespace kp::mqtt {
+
+class Signals;
 
 // DEVICE/BOOT: who a message comes from.
 std::string make_origin(const std::string &device);
@@ -26,20 +30,25 @@ class Bridge {
   public:
     // Everything given by reference must outlive the bridge. `last_alive` says when an earlier run
     // was, in microseconds since the epoch.
-    Bridge(const Configuration &configuration, StateFile &state, tool::NoticeMarks &marks,
+    Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks &marks,
            LocalWriter &writer, Counters &counters, uint64_t last_alive);
     Bridge(const Bridge &) = delete;
     Bridge &operator=(const Bridge &) = delete;
 
-    // Runs until a signal arrives at the descriptor. Returns the exit status.
-    int run(int signal_fd);
+    // Runs until a signal says to leave. A signal that says to reload takes over what `load` gives.
+    // Returns a configuration where that needs another bridge in place of this one.
+    std::optional<Configuration> run(const Signals &signals,
+                                     const std::function<ConfigurationResult()> &load);
 
   private:
     SessionEvents session_events();
     InboundEvents inbound_events();
     void go_online(bool kept, bool has_read);
     int poll_timeout(Clock::time_point now) const;
-    void wait(int signal_fd, bool &stop);
+    // Says whether a signal has come.
+    bool wait(int signal_fd);
+    void reload(ConfigurationResult loaded, Clock::time_point now);
+    void take_over(Configuration configuration, bool connects_anew, Clock::time_point now);
     void turn(Clock::time_point now);
     void look_at_marks(Clock::time_point now);
     void look_for_changes(Clock::time_point now);
@@ -47,7 +56,7 @@ class Bridge {
     void tick(Clock::time_point now);
     void show_status(Clock::time_point now, bool is_connected);
 
-    const Configuration &configuration_;
+    Configuration configuration_; // the parts refer to it, and are told when it changes
     StateFile &state_;
     tool::NoticeMarks &marks_;
     LocalWriter &writer_;
@@ -67,6 +76,7 @@ class Bridge {
     Clock::time_point next_scan_{};
     Clock::time_point last_scan_{};
     Clock::time_point next_tick_{};
+    std::optional<Configuration> successor_; // needs another bridge
     bool more_to_send_ = false;
     bool reported_stuck_ = false;
 };

@@ -3,18 +3,18 @@
 #include "bridge.h"
 #include "config/file_problems.h"
 #include "mapping.h"
+#include "signals.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <mosquitto.h>
-#include <pthread.h>
+#include <optional>
 #include <sched.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -26,25 +26,14 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kWrong = 2; // the command line or the configuration
 
+using Load = std::function<ConfigurationResult()>;
+
 struct Options {
     std::string file = "/etc/kp-mqtt/kp-mqtt.conf";
     bool check = false;
     bool dry_run = false;
     bool verbose = false;
 };
-
-// Blocked before any thread starts, so that they arrive at the descriptor alone.
-kp::UniqueFd take_signals()
-{
-    sigset_t signals;
-    (void)sigemptyset(&signals);
-    (void)sigaddset(&signals, SIGTERM);
-    (void)sigaddset(&signals, SIGINT);
-    (void)sigaddset(&signals, SIGHUP);
-    (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    (void)std::signal(SIGPIPE, SIG_IGN);
-    return kp::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-}
 
 // A thread that wakes up takes the processor from the one that runs there, which is often the
 // writer that has just sent the notice. As batch work the bridge waits until that writer has done
@@ -78,35 +67,60 @@ uint64_t last_alive(const Configuration &configuration, const StateFile &state)
     return std::max(state.last_used(), was_left ? heartbeat.ts : 0);
 }
 
-int run(const Configuration &configuration)
+// How a bridge has ended, and the configuration that wants another in its place.
+struct Ended {
+    int status;
+    std::optional<Configuration> successor;
+};
+
+Ended run_one(const Configuration &configuration, const Signals &signals, const Load &load)
 {
-    const kp::UniqueFd signals = take_signals();
-    let_writers_go_first();
     auto state = StateFile::open(configuration.state_file);
     if (!state) {
         log(Level::error, state.problem);
-        return kFailed;
+        return {kFailed, {}};
     }
     if (is_endpoint_taken(configuration.endpoint)) {
         log(Level::error, "a live process has the endpoint " + configuration.endpoint +
                               " already; give this bridge another with endpoint = \"...\"");
-        return kFailed;
+        return {kFailed, {}};
     }
     const uint64_t alive_until = last_alive(configuration, **state.value);
     kp::tool::NoticeMarks marks;
     Counters counters;
     auto writer = LocalWriter::start(configuration.endpoint, marks, counters);
     if (!writer)
-        return kFailed;
-    (void)mosquitto_lib_init();
-    const int status = Bridge(configuration, **state.value, marks, *writer, counters, alive_until)
-                           .run(signals.get());
+        return {kFailed, {}};
+    auto successor = Bridge(configuration, **state.value, marks, *writer, counters, alive_until)
+                         .run(signals, load);
     if (!writer->stop(std::chrono::seconds(2))) {
         log(Level::warning, "a local peer does not read its notices; leaving without it");
         (void)unlink(("/run/providers/" + configuration.endpoint).c_str());
-        std::_Exit(status);
+        std::_Exit(successor ? kFailed : 0);
     }
-    return status;
+    return {0, std::move(successor)};
+}
+
+// A configuration with which no bridge starts gives way to the one before.
+int run(Configuration configuration, const Load &load)
+{
+    const Signals signals = Signals::take();
+    let_writers_go_first();
+    (void)mosquitto_lib_init();
+    std::optional<Configuration> before;
+    while (true) {
+        Ended ended = run_one(configuration, signals, load);
+        if (ended.successor) {
+            log(Level::info, "the configuration has been read again: " +
+                                 ended.successor->summary() + "; starting anew");
+            before = std::exchange(configuration, std::move(*ended.successor));
+        } else if (ended.status != 0 && before) {
+            log(Level::error, "the configuration stays as it was");
+            configuration = *std::exchange(before, {});
+        } else {
+            return ended.status;
+        }
+    }
 }
 
 // Whether standard error goes to the journal, by the device and inode that systemd names.
@@ -118,32 +132,40 @@ bool logs_to_journal()
            std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }
 
+// Looks also at the files that the configuration names; at the state file only if it is asked to,
+// since at a start it is opened anyway.
+ConfigurationResult load(const std::string &file, bool state_file_too)
+{
+    ConfigurationResult result = load_configuration(file);
+    if (result.problems.empty())
+        result.problems = file_problems(result.configuration.broker);
+    const std::string problem =
+        state_file_too ? state_file_problem(result.configuration.state_file) : "";
+    if (!problem.empty())
+        result.problems.push_back(problem);
+    return result;
+}
+
 int act(const Options &options)
 {
     if (options.verbose)
         log_debug_too();
     if (logs_to_journal())
         log_for_journal();
-    auto [configuration, problems] = load_configuration(options.file);
-    if (problems.empty())
-        problems = file_problems(configuration.broker);
-    const std::string problem = options.check ? state_file_problem(configuration.state_file) : "";
-    if (!problem.empty())
-        problems.push_back(problem);
+    const auto [configuration, problems] = load(options.file, options.check);
     for (const std::string &line : problems)
         std::cerr << "kp-mqtt: " << line << '\n';
     if (!problems.empty())
         return kWrong;
     if (options.check) {
-        std::cout << options.file << ": good, " << configuration.out.size() << " rules out, "
-                  << configuration.in.size() << " rules in\n";
+        std::cout << options.file << ": good, " << configuration.summary() << '\n';
         return 0;
     }
     if (options.dry_run) {
         print_mapping(configuration, std::cout);
         return std::cout.flush() ? 0 : kFailed;
     }
-    return run(configuration);
+    return run(configuration, [&options] { return load(options.file, true); });
 }
 
 } // namespace

@@ -39,6 +39,13 @@ void ServiceManager::stopping() const
     tell("STOPPING=1");
 }
 
+void ServiceManager::reloading() const
+{
+    const auto since_boot = std::chrono::steady_clock::now().time_since_epoch();
+    const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(since_boot);
+    tell("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(microseconds.count()));
+}
+
 void ServiceManager::status(const std::string &text) const
 {
     tell("STATUS=" + text);

@@ -13,6 +13,8 @@ class ServiceManager {
 
     void ready() const;
     void stopping() const;
+    // The configuration is being read again; ready() says that this is done.
+    void reloading() const;
     void status(const std::string &text) const;
     // Says that the main loop turns, if the manager watches it and it is time.
     void keep_watchdog_quiet(std::chrono::steady_clock::time_point now);

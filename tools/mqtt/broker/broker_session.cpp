@@ -119,16 +119,50 @@ void BrokerSession::drop_connection(Clock::time_point now)
 {
     if (phase_ == Phase::online && now - online_since_ >= kStable)
         backoff_.reset();
-    events_.lost();
-    subscribing_.clear();
-    link_.reset();
-    phase_ = Phase::waiting;
-    phase_ends_ = now;
+    end_link(now);
     if (asked_too_much(std::exchange(refusal_, 0)))
         return;
     const milliseconds delay = backoff_.next();
     phase_ends_ = now + delay;
     report_failure(delay);
+}
+
+void BrokerSession::end_link(Clock::time_point now)
+{
+    events_.lost();
+    subscribing_.clear();
+    link_.reset();
+    phase_ = Phase::waiting;
+    phase_ends_ = now;
+}
+
+void BrokerSession::renew(Clock::time_point now)
+{
+    backoff_ = Backoff(configuration_.broker.reconnect_min, configuration_.broker.reconnect_max);
+    reported_.clear();
+    if (phase_ == Phase::waiting)
+        phase_ends_ = now;
+    if (phase_ == Phase::waiting || phase_ == Phase::connecting)
+        return;
+    const auto before = std::exchange(asked_for_, events_.subscriptions());
+    const auto filter = &Subscription::filter;
+    for (const Subscription &old : before)
+        if (std::ranges::find(asked_for_, old.filter, filter) == asked_for_.end())
+            link_->unsubscribe(old.filter);
+    for (const Subscription &subscription : asked_for_)
+        if (std::ranges::find(before, subscription) == before.end())
+            subscribe(subscription);
+}
+
+// The other broker may be able to do more.
+void BrokerSession::connect_anew(Clock::time_point now)
+{
+    state_qos_ = 1;
+    state_retained_ = true;
+    is_closed_ = false;
+    refusal_ = 0;
+    end_link(now);
+    renew(now);
 }
 
 // The same reason is said once, however many attempts fail for it.
@@ -213,26 +247,30 @@ void BrokerSession::ask_for_witness()
 void BrokerSession::subscribe_all()
 {
     reads_tree_ = false;
-    for (Subscription subscription : events_.subscriptions()) {
-        int id = 0;
+    asked_for_ = events_.subscriptions();
+    for (Subscription subscription : asked_for_) {
         if (subscription.own_too)
             subscription.qos = 0;
         reads_tree_ = reads_tree_ || subscription.own_too;
-        if (link_->subscribe(subscription, id))
-            subscribing_[id] = subscription.filter;
-        else
-            log(Level::error,
-                "the filter cannot be subscribed: " + tool::escaped(subscription.filter));
+        subscribe(subscription);
     }
+}
+
+void BrokerSession::subscribe(const Subscription &subscription)
+{
+    int id = 0;
+    if (link_->subscribe(subscription, id))
+        subscribing_[id] = subscription.filter;
+    else
+        log(Level::error, "the filter cannot be subscribed: " + tool::escaped(subscription.filter));
 }
 
 void BrokerSession::subscribe_for_good()
 {
-    for (Subscription subscription : events_.subscriptions()) {
-        int id = 0;
+    for (Subscription subscription : asked_for_) {
         subscription.retained = false;
-        if (subscription.own_too && subscription.qos > 0 && link_->subscribe(subscription, id))
-            subscribing_[id] = subscription.filter;
+        if (subscription.own_too && subscription.qos > 0)
+            subscribe(subscription);
     }
 }
 
@@ -248,6 +286,7 @@ void BrokerSession::subscribed(int id, const Answer &answer)
     }
     if (found->second == configuration_.state_topic && phase_ == Phase::asking)
         phase_ends_ = Clock::now() + kRetainedTime;
+    events_.subscribed(found->second);
     subscribing_.erase(found);
 }
 

@@ -37,6 +37,8 @@ struct SessionEvents {
     std::function<void()> lost;
     std::function<void(int id, const Answer &answer)> acknowledged;
     std::function<void(const Message &message)> received;
+    // The broker has answered for a subscription.
+    std::function<void(const std::string &filter)> subscribed;
     // A line about the connection for who looks at the service.
     std::function<void(const std::string &text)> status;
 };
@@ -66,6 +68,12 @@ class BrokerSession {
     // Says offline, as far as that is quick, then goodbye.
     void leave();
 
+    // The configuration is another. Where the connection stands, subscriptions that differ are made
+    // or ended; where none stands, the next attempt comes at once.
+    void renew(Clock::time_point now);
+    // The same with a new connection. Call leave() before the configuration changes.
+    void connect_anew(Clock::time_point now);
+
   private:
     // After `asking` for the state, `reading` is for what the broker keeps of a shared tree: its
     // end is told by the own state "online", which comes back behind all that.
@@ -79,9 +87,11 @@ class BrokerSession {
     void closed(const std::string &why, int refusal);
     void connect(Clock::time_point now);
     void drop_connection(Clock::time_point now);
+    void end_link(Clock::time_point now);
     void report_failure(milliseconds delay);
     bool asked_too_much(int refusal);
     void subscribe_all();
+    void subscribe(const Subscription &subscription);
     void ask_for_state();
     void ask_for_witness();
     bool tells_that_all_is_kept(const Message &state) const;
@@ -108,6 +118,7 @@ class BrokerSession {
     Witness witness_;
     bool reads_tree_ = false; // there is a shared tree
     bool kept_ = false;
+    std::vector<Subscription> asked_for_;              // on this connection, as the rules want them
     std::unordered_map<int, std::string> subscribing_; // filters by the id of the request
 
     bool is_closed_ = false;

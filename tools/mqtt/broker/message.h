@@ -57,6 +57,8 @@ struct Subscription {
     bool retained = false; // also what the broker has kept
     bool own_too = false;  // also the messages of this connection
     uint32_t number = 0;   // what its messages carry where the broker can do that; 0: none
+
+    bool operator==(const Subscription &) const = default;
 };
 
 // The broker's answer to a message or a subscription.

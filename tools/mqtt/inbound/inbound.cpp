@@ -48,9 +48,37 @@ Inbound::Inbound(const Configuration &configuration, const StoreReader &reader, 
     : configuration_(configuration), reader_(reader), shared_(shared), events_(std::move(events)),
       counters_(counters)
 {
-    uint32_t number = 0;
     for (const InRule &rule : configuration.in)
-        rules_.push_back({&rule, ++number, {}});
+        rules_.push_back({&rule, ++last_number_, {}});
+}
+
+// A rule that stays keeps the number of its subscription, which need not be made anew then.
+void Inbound::reload()
+{
+    std::vector<Rule> before = std::exchange(rules_, {});
+    for (const InRule &settings : configuration_.in) {
+        const auto same = std::ranges::find_if(before, [&settings](const Rule &rule) {
+            return rule.settings->prefix == settings.prefix &&
+                   rule.settings->filter == settings.filter && rule.settings->tags == settings.tags;
+        });
+        if (same == before.end())
+            rules_.push_back({&settings, ++last_number_, {}, true});
+        else
+            rules_.push_back({&settings, same->number, std::exchange(same->tags, {})});
+    }
+    for (const Rule &rule : before)
+        for (const auto &[name, is_own] : rule.tags)
+            if (is_own && std::ranges::none_of(rules_, [&name](const Rule &other) {
+                    return other.tags.contains(name);
+                }))
+                events_.drop(name, false);
+}
+
+void Inbound::subscribed(const std::string &filter)
+{
+    for (Rule &rule : rules_)
+        if (rule.settings->full_filter() == filter)
+            rule.is_awaited = false;
 }
 
 std::vector<Subscription> Inbound::subscriptions() const
@@ -71,7 +99,8 @@ void Inbound::receive(const Message &message)
     if (!rule)
         return; // of a subscription that is just being cancelled
     const auto &came_for = message.subscriptions;
-    if (!came_for.empty() && std::ranges::find(came_for, rule->number) == came_for.end())
+    if (!came_for.empty() && !rule->is_awaited &&
+        std::ranges::find(came_for, rule->number) == came_for.end())
         return; // the copy for a rule that says less; that for this rule comes too
     const Name name = name_for(*rule, message.topic);
     const bool is_one_tree =

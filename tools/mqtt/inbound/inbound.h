@@ -35,6 +35,13 @@ class Inbound {
             InboundEvents events, Counters &counters);
 
     std::vector<Subscription> subscriptions() const;
+
+    // The rules are others; those before still stand in memory. What was written through a rule
+    // that is no more goes.
+    void reload();
+    // The broker has answered for a subscription.
+    void subscribed(const std::string &filter);
+
     void receive(const Message &message);
 
     // Gives up the tags of these topics, which the broker no longer keeps.
@@ -47,6 +54,8 @@ class Inbound {
         // Written through it, by the name that the topic gives, and whether nobody had declared the
         // tag then, so that the bridge provides it.
         std::unordered_map<std::string, bool> tags;
+        // It is new, and what it takes still comes for others.
+        bool is_awaited = false;
     };
 
     Rule *rule_for(const std::string &topic);
@@ -73,6 +82,7 @@ class Inbound {
     const InboundEvents events_;
     Counters &counters_;
     std::vector<Rule> rules_;
+    uint32_t last_number_ = 0;
 };
 
 } // namespace kp::mqtt

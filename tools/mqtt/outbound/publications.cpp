@@ -47,6 +47,12 @@ void Publications::connected(bool kept, Clock::time_point now)
             pending_.mark_burst(mqtt, now);
 }
 
+void Publications::reload()
+{
+    burst_ = TokenBucket(configuration_.broker.burst_rate);
+    take_what_is_due(Clock::time_point::max());
+}
+
 // So that only what changes from now on leaves the burst.
 void Publications::take_up_what_waits()
 {

@@ -30,6 +30,9 @@ class Publications {
     // What the broker has not acknowledged counts as changed again.
     void connection_lost(Clock::time_point now);
 
+    // The rules are others: what they hold back is judged anew.
+    void reload();
+
     // The next message, or nothing when none is due now.
     std::optional<Publication> next(Clock::time_point now);
 

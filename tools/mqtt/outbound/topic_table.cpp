@@ -78,10 +78,37 @@ OutTopic *TopicTable::add(const std::string &tag, const OutRule &rule)
     topic->tag = tag;
     topic->mqtt = std::move(mqtt);
     topic->rule = &rule;
-    topic->is_shared = rule.retain && configuration_.shares(topic->mqtt);
+    topic->is_shared = is_shared(rule, topic->mqtt);
     by_mqtt_[topic->mqtt] = topic.get();
     by_bucket_[kp_hash(tag.c_str())].push_back(topic.get());
     return (by_tag_[tag] = std::move(topic)).get();
+}
+
+bool TopicTable::is_shared(const OutRule &rule, const std::string &mqtt) const
+{
+    return rule.retain && configuration_.shares(mqtt);
+}
+
+void TopicTable::reload(const Configuration &before, Clock::time_point now)
+{
+    const bool other_quality = before.quality_when_gone != configuration_.quality_when_gone;
+    std::vector<OutTopic *> gone;
+    for (const auto &[tag, topic] : by_tag_) {
+        const OutRule *rule = configuration_.rule_for(tag);
+        if (!rule || to_mqtt_topic(rule->prefix, tag) != topic->mqtt) {
+            gone.push_back(topic.get());
+            continue;
+        }
+        const bool is_same = rule->sends_like(*topic->rule);
+        topic->rule = rule;
+        topic->is_shared = is_shared(*rule, topic->mqtt);
+        if (is_same && !(other_quality && topic->providers_gone))
+            continue;
+        topic->must_send = true;
+        pending_.mark_burst(topic->mqtt, now);
+    }
+    for (OutTopic *topic : gone)
+        remove(*topic, now);
 }
 
 void TopicTable::remove(OutTopic &topic, Clock::time_point now)

@@ -60,6 +60,10 @@ class TopicTable {
     // Looks at the whole store: new topics, those gone, and changes that nobody announced.
     void scan(Clock::time_point now);
 
+    // The rules are others than before, which still stand in memory. Topics that no rule takes go,
+    // what is to be sent anew is marked, and the next scan finds the rest.
+    void reload(const Configuration &before, Clock::time_point now);
+
     // Whether a look has found other counts of handles since it was asked last.
     bool counts_changed()
     {
@@ -89,6 +93,7 @@ class TopicTable {
     OutTopic *add(const std::string &tag, const OutRule &rule);
     void remove(OutTopic &topic, Clock::time_point now);
     bool refresh(OutTopic &topic, Clock::time_point now);
+    bool is_shared(const OutRule &rule, const std::string &mqtt) const;
     bool have_left_before(const OutTopic &topic, const Sample &sample) const;
     void take_counts(OutTopic &topic, const Sample &sample);
     void look_at_holders(OutTopic &topic, const HandleCensus &census, Clock::time_point now);
