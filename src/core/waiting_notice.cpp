@@ -8,8 +8,6 @@
 // the flag clear and makes the descriptor readable again.
 #include "core/waiting_notice.h"
 
-#include "core/handle.h"
-#include "layout/field.h"
 #include "layout/keep_errno.h"
 #include "support/fork.h"
 #include "support/lock.h"
@@ -45,11 +43,6 @@ bool add_bits(NoticeWords &waiting, const NoticeWords &words)
 }
 
 } // namespace
-
-bool has_notice_fd(const kp_t &handle)
-{
-    return load_acquire(handle.notice_fd) != 0;
-}
 
 void merge_notice(kp_t &handle, const uint8_t *notice)
 {

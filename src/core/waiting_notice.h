@@ -1,12 +1,17 @@
 // The change notice that waits for the application's own thread, once the handle has a descriptor.
 #pragma once
 
-#include "kp.h"
+#include "core/handle.h"
+#include "layout/field.h"
 
 namespace kp {
 
-// Whether notices wait for kp_take_notice() instead of going to the callback.
-bool has_notice_fd(const kp_t &handle);
+// Whether notices wait for kp_take_notice() instead of going to the callback. Asked twice for every
+// notice that a callback gets, hence inline.
+inline bool has_notice_fd(const kp_t &handle)
+{
+    return load_acquire(handle.notice_fd) != 0;
+}
 
 // Adds the bits of a received notice to those that wait, and makes the descriptor readable. For the
 // receive thread; takes no lock.

@@ -1,6 +1,7 @@
 // Named accesses to plain fields that another thread or process may touch at the same time. The
 // order is part of the name, so that a reader sees at the call what is guaranteed. On x86-64 and
-// AArch64 the relaxed ones are ordinary loads and stores.
+// AArch64 the relaxed ones are ordinary loads and stores. store_relaxed() is always inline, since the
+// compiler would make a call of that single instruction where it compiles for size.
 #pragma once
 
 #include <atomic>
@@ -18,7 +19,8 @@ template <typename T> T load_acquire(const T &field)
     return std::atomic_ref<T>(const_cast<T &>(field)).load(std::memory_order_acquire);
 }
 
-template <typename T> void store_relaxed(T &field, std::type_identity_t<T> value)
+template <typename T>
+[[gnu::always_inline]] inline void store_relaxed(T &field, std::type_identity_t<T> value)
 {
     std::atomic_ref<T>(field).store(value, std::memory_order_relaxed);
 }

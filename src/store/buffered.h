@@ -8,6 +8,7 @@
 #include "store/segment_file.h"
 
 #include <algorithm>
+#include <bit>
 
 extern "C" {
 
@@ -79,13 +80,23 @@ inline SizeFault find_size_fault(const Segment &segment, uint32_t size)
     return static_cast<int32_t>(size);
 }
 
+// Whether a value is declared and nobody is writing it, in one comparison of the whole word. A
+// `writing` of neither 0 nor 1 marks no write, but is left to the careful way.
+inline bool is_declared_and_quiet(WriteState state)
+{
+    constexpr auto kMask = std::bit_cast<uint16_t>(WriteState{0xff, kValid});
+    constexpr auto kQuiet = std::bit_cast<uint16_t>(WriteState{0, kValid});
+    return (std::bit_cast<uint16_t>(state) & kMask) == kQuiet;
+}
+
 // True when a value is declared and there, fits the buffer and is not being written. One load tells
 // the first and the last of these, and what they vouch for is read after it.
 inline bool can_be_read(const Segment &segment, uint32_t buffer_size)
 {
-    const WriteState state = load_acquire(segment.state);
+    if (!is_declared_and_quiet(load_acquire(segment.state)))
+        return false;
     const uint32_t size = load_relaxed(segment.written_value_size);
-    return state.flags & kValid && state.writing != 1 && size != 0 && size <= buffer_size;
+    return size != 0 && size <= buffer_size;
 }
 
 // The bytes of the value as they are now, which may be more than a moment ago: no more than the

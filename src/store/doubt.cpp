@@ -60,13 +60,9 @@ bool is_as_given(const kp_shm_t &shm)
 
 } // namespace
 
-void mark_seen(kp_shm_t &shm, const ValueHeader &header, const uint8_t *bytes)
+void mark_in_doubt(kp_shm_t &shm, ValueHeader header, const uint8_t *bytes)
 {
     const uint64_t ts = header.last_write_ts;
-    if (header.source_ts == ts) {
-        store_relaxed(shm.last_update_ts, ts);
-        return;
-    }
     store_relaxed(shm.doubted_print, fingerprint(header, bytes ? bytes : shm.mem->value));
     store_release(shm.doubted_ts, ts);
     store_relaxed(shm.last_update_ts, ts - 1);

@@ -80,7 +80,9 @@ inline Segment *mapped_segment(const kp_shm_t *shm)
 // The segment behind a handle once a provider has declared it, else null.
 inline Segment *declared_segment(const kp_shm_t *shm)
 {
-    return shm && shm->mem && is_valid(*shm->mem) ? shm->mem : nullptr;
+    // Loaded once: behind the ordered load of is_valid() the compiler would load it again.
+    Segment *segment = mapped_segment(shm);
+    return segment && is_valid(*segment) ? segment : nullptr;
 }
 
 } // namespace kp
