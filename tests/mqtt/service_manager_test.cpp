@@ -1,4 +1,4 @@
-#include "service_manager.h"
+#include "common/service_manager.h"
 
 #include <array>
 #include <cstdlib>
@@ -8,7 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-using namespace kp::mqtt;
+using kp::tool::ServiceManager;
 
 namespace {
 

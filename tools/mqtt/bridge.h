@@ -3,6 +3,7 @@
 
 #include "broker/broker_session.h"
 #include "common/notice_marks.h"
+#include "common/service_manager.h"
 #include "config/configuration.h"
 #include "inbound/inbound.h"
 #include "outbound/lost_providers.h"
@@ -10,7 +11,6 @@
 #include "outbound/shared_tags.h"
 #include "outbound/state_file.h"
 #include "outbound/topic_table.h"
-#include "service_manager.h"
 #include "status_tags.h"
 #include "store/local_writer.h"
 #include "store/store_reader.h"
@@ -71,7 +71,7 @@ class Bridge {
     LostProviders lost_providers_;
     BrokerSession session_;
     StatusTags status_;
-    ServiceManager manager_;
+    tool::ServiceManager manager_;
 
     Clock::time_point next_scan_{};
     Clock::time_point last_scan_{};

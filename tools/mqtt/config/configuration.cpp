@@ -1,8 +1,8 @@
 #include "config/configuration.h"
 
 #include "common/pattern.h"
+#include "common/table_reader.h"
 #include "common/toml_text.h"
-#include "config/configuration_file.h"
 #include "config/setting_values.h"
 
 #include <algorithm>
@@ -17,6 +17,9 @@
 namespace kp::mqtt {
 
 namespace {
+
+using tool::Problems;
+using tool::TableReader;
 
 constexpr double kDay = 86'400;
 

@@ -16,7 +16,4 @@ struct Credentials {
 // than its owner can write, or that belongs neither to root nor to this user.
 tool::Result<Credentials> read_credentials(const std::string &path);
 
-// What is wrong with the rights of a file that holds a secret, or an empty text.
-std::string secret_file_problem(const std::string &path);
-
 } // namespace kp::mqtt

@@ -1,5 +1,6 @@
 #include "config/file_problems.h"
 
+#include "common/secret_file.h"
 #include "config/credentials.h"
 
 #include <algorithm>
@@ -67,7 +68,7 @@ std::string certificate_problem(const std::string &path)
 
 std::string key_problem(const std::string &path)
 {
-    if (std::string problem = secret_file_problem(path); !problem.empty())
+    if (std::string problem = tool::secret_file_problem(path); !problem.empty())
         return problem;
     const std::string kind = pem_block(path, "PRIVATE KEY");
     if (kind.empty())

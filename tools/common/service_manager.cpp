@@ -1,4 +1,4 @@
-#include "service_manager.h"
+#include "common/service_manager.h"
 
 #include "layout/unique_fd.h"
 
@@ -9,7 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-namespace kp::mqtt {
+namespace kp::tool {
 
 namespace {
 
@@ -74,4 +74,4 @@ void ServiceManager::tell(const std::string &text) const
                  reinterpret_cast<const sockaddr *>(&address), static_cast<socklen_t>(length));
 }
 
-} // namespace kp::mqtt
+} // namespace kp::tool

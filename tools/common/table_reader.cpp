@@ -1,10 +1,10 @@
-#include "config/configuration_file.h"
+#include "common/table_reader.h"
 
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 
-namespace kp::mqtt {
+namespace kp::tool {
 
 namespace {
 
@@ -130,4 +130,4 @@ void TableReader::refuse_the_rest()
     }
 }
 
-} // namespace kp::mqtt
+} // namespace kp::tool

@@ -12,7 +12,7 @@
 #include <toml++/toml.h>
 #include <vector>
 
-namespace kp::mqtt {
+namespace kp::tool {
 
 using Problems = std::vector<std::string>;
 
@@ -44,7 +44,7 @@ class TableReader {
     // A text that `parse` takes; its problem otherwise.
     template <typename T>
     void read(const char *key, T &target,
-              const std::function<tool::Result<T>(const std::string &)> &parse)
+              const std::function<Result<T>(const std::string &)> &parse)
     {
         std::string text;
         const size_t before = problems_.size();
@@ -77,4 +77,4 @@ class TableReader {
     std::set<std::string, std::less<>> known_;
 };
 
-} // namespace kp::mqtt
+} // namespace kp::tool

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <string>
 
-namespace kp::mqtt {
+namespace kp::tool {
 
 class ServiceManager {
   public:
@@ -27,4 +27,4 @@ class ServiceManager {
     std::chrono::steady_clock::time_point told_at_{};
 };
 
-} // namespace kp::mqtt
+} // namespace kp::tool
