@@ -33,9 +33,14 @@ class InboundOf {
                         },
                     .drop = [this](const auto &tag, bool) { written_.push_back(tag + " dropped"); },
                     .cleared = [this](const auto &tag) { written_.push_back(tag + " lives"); },
+                    .set_quality =
+                        [this](const auto &tag, uint8_t quality) {
+                            written_.push_back(tag + " q=" + std::to_string(quality));
+                        },
                     .is_dropping = [this](const auto &tag) { return tag == dropping_; }},
                    counters_)
     {
+        inbound_.set_connected(true);
     }
 
     void receive(const std::string &topic, const std::string &payload,
@@ -48,6 +53,10 @@ class InboundOf {
         const Configuration before = std::exchange(
             configuration_, parse_configuration("device = \"me\"\n" + rules, "f").configuration);
         inbound_.reload();
+    }
+    Inbound *operator->()
+    {
+        return &inbound_;
     }
     void subscribed(const std::string &filter)
     {
@@ -485,4 +494,55 @@ TEST(InboundReload, DropsWhatARuleHasWrittenThatIsGone)
     inbound.reload("[[in]]\nfilter = \"b\"\nprefix = \"s\"\n");
 
     EXPECT_THAT(inbound.written(), ElementsAre("a=1", "a dropped"));
+}
+
+TEST(InboundStaleness, OfAnAwaySenderIsThatOfItsTagsAlone)
+{
+    InboundOf inbound("quality-when-stale = 3\nsender-state = \"+/$bridge/state\"\n");
+    inbound.receive("s/a", "1", {{"origin", "one/boot"}});
+    inbound.receive("s/b", "1", {{"origin", "two/boot"}});
+
+    inbound.receive("one/$bridge/state", "offline", {{"origin", "one/boot"}});
+    inbound.receive("s/c", "1", {{"origin", "one/boot"}, {"q", "7"}});
+    EXPECT_EQ(inbound.last().quality, 3);
+    inbound.receive("one/$bridge/state", "online", {{"origin", "one/boot"}});
+
+    EXPECT_THAT(inbound.written(),
+                testing::UnorderedElementsAre("a=1", "b=1", "a q=3", "c=1", "a q=1", "c q=7"));
+    EXPECT_EQ(inbound.counters().refused, 0u);
+}
+
+TEST(InboundStaleness, OfAStateWithoutOriginIsThatOfAllTagsOfTheRule)
+{
+    InboundOf inbound("quality-when-stale = 0\nsender-state = \"plc/state\"\n");
+    inbound.receive("s/a", "1");
+
+    inbound.receive("plc/state", "offline");
+    inbound.receive("plc/state", "offline");
+    inbound.receive("plc/state", "");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=1", "a q=0", "a q=1"));
+}
+
+TEST(InboundStaleness, OfALostConnectionEndsWhenAllHasBeenRead)
+{
+    InboundOf inbound("quality-when-stale = 3\n");
+    inbound.receive("s/a", "1");
+
+    inbound->set_connected(false);
+    inbound->set_connected(true);
+    EXPECT_THAT(inbound.written(), ElementsAre("a=1", "a q=3"));
+    inbound->review();
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=1", "a q=3", "a q=1"));
+}
+
+TEST(InboundStaleness, IsNotSaidWithoutAQualityForIt)
+{
+    InboundOf inbound("");
+    inbound.receive("s/a", "1");
+
+    inbound->set_connected(false);
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=1"));
 }

@@ -180,3 +180,36 @@ TEST_F(Writing, CountsEachMessageOfARoundOnce)
     EXPECT_EQ(value_of("w/same"), "5");
     EXPECT_EQ(counters_.in, 5u);
 }
+
+TEST_F(Writing, GivesItsValueAnotherQualityAndNothingElse)
+{
+    put_and_wait("w/a", "text", "w/a");
+    Sample before;
+    ASSERT_EQ(StoreReader{}.read("w/a", before), ReadOutcome::read);
+
+    writer_->set_quality("w/a", 9);
+    finish();
+
+    Sample after;
+    ASSERT_EQ(StoreReader{}.read("w/a", after), ReadOutcome::read);
+    EXPECT_EQ(after.quality, 9);
+    EXPECT_EQ(after.value, "text");
+    EXPECT_EQ(after.source_ts, before.source_ts);
+    EXPECT_EQ(counters_.in, 1u);
+    EXPECT_TRUE(writer_->key_of("w/a", after));
+}
+
+TEST_F(Writing, GivesAValueOfSomebodyElseNoOtherQuality)
+{
+    put_and_wait("w/a", "text", "w/a");
+    StoreProvider other("w/a");
+    other.write("text");
+
+    writer_->set_quality("w/a", 9);
+    writer_->set_quality("w/none", 9);
+    finish();
+
+    Sample after;
+    ASSERT_EQ(StoreReader{}.read("w/a", after), ReadOutcome::read);
+    EXPECT_NE(after.quality, 9);
+}

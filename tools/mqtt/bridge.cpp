@@ -54,6 +54,8 @@ InboundEvents Bridge::inbound_events()
                 writer_.forget(tag);
                 publications_.repeat(tag, Clock::now());
             },
+        .set_quality = [this](const std::string &tag,
+                              uint8_t quality) { writer_.set_quality(tag, quality); },
         .is_dropping = [this](const std::string &tag) { return writer_.is_dropping(tag); },
     };
 }
@@ -63,9 +65,17 @@ SessionEvents Bridge::session_events()
     return {
         .subscriptions = [this] { return inbound_.subscriptions(); },
         .last_kept = [this] { return publications_.last_kept(); },
-        .reading = [this] { shared_.start_reading(); },
+        .reading =
+            [this] {
+                shared_.start_reading();
+                inbound_.set_connected(true);
+            },
         .online = [this](bool kept, bool has_read) { go_online(kept, has_read); },
-        .lost = [this] { publications_.connection_lost(Clock::now()); },
+        .lost =
+            [this] {
+                publications_.connection_lost(Clock::now());
+                inbound_.set_connected(false);
+            },
         .acknowledged =
             [this](int id, const Answer &answer) {
                 publications_.acknowledged(id, answer, Clock::now());
@@ -138,6 +148,7 @@ void Bridge::go_online(bool kept, bool has_read)
     look_at_marks(now);
     publications_.connected(kept, now);
     inbound_.give_up(shared_.stop_reading(has_read, now));
+    inbound_.review();
 }
 
 int Bridge::poll_timeout(Clock::time_point now) const

@@ -150,7 +150,8 @@ void BrokerSession::renew(Clock::time_point now)
         if (std::ranges::find(asked_for_, old.filter, filter) == asked_for_.end())
             link_->unsubscribe(old.filter);
     for (const Subscription &subscription : asked_for_)
-        if (std::ranges::find(before, subscription) == before.end())
+        if (std::ranges::find(before, subscription) == before.end() &&
+            (phase_ == Phase::online || !subscription.at_last))
             subscribe(subscription);
 }
 
@@ -252,8 +253,18 @@ void BrokerSession::subscribe_all()
         if (subscription.own_too)
             subscription.qos = 0;
         reads_tree_ = reads_tree_ || subscription.own_too;
-        subscribe(subscription);
+        if (!subscription.at_last)
+            subscribe(subscription);
     }
+}
+
+// The states of senders, of which a filter may take the own one too: it is not to come before what
+// tells what the broker has kept.
+void BrokerSession::subscribe_at_last()
+{
+    for (const Subscription &subscription : asked_for_)
+        if (subscription.at_last)
+            subscribe(subscription);
 }
 
 void BrokerSession::subscribe(const Subscription &subscription)
@@ -357,6 +368,7 @@ void BrokerSession::go_online(bool has_read)
     last_connection_ = connection_;
     reported_.clear();
     events_.online(kept_, has_read);
+    subscribe_at_last();
     const std::string text = "connected to " + address();
     log(Level::info, text + (kept_ ? "; the broker has kept what it had" : "; sending everything"));
     events_.status(text);

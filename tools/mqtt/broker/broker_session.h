@@ -99,6 +99,7 @@ class BrokerSession {
     void go_online(bool has_read);
     void hear_state(const Message &state);
     void subscribe_for_good();
+    void subscribe_at_last();
     void send_state(const char *text);
     Publication state_message(const char *text) const;
     std::string address() const;

@@ -57,6 +57,7 @@ struct Subscription {
     bool retained = false; // also what the broker has kept
     bool own_too = false;  // also the messages of this connection
     uint32_t number = 0;   // what its messages carry where the broker can do that; 0: none
+    bool at_last = false;  // only once values may be sent
 
     bool operator==(const Subscription &) const = default;
 };

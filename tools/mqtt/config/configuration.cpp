@@ -163,6 +163,13 @@ class ConfigurationReader {
         table.read_integer("max-tags", rule.max_tags, 1, 1'000'000);
         rule.retained = rule.shared;
         table.read("retained", rule.retained);
+        uint8_t quality = 0;
+        table.read_integer("quality-when-stale", quality, 0, 254);
+        if (table.has("quality-when-stale"))
+            rule.quality_when_stale = quality;
+        table.read<std::string>("sender-state", rule.sender_state, setting::plain_filter);
+        if (!rule.sender_state.empty() && !rule.quality_when_stale)
+            table.problem("sender-state", "needs quality-when-stale");
     }
 
     static void read_needed(TableReader &table, const char *key, std::string &target,

@@ -42,6 +42,8 @@ struct InRule : RuleSettings {
     bool retained = false; // take what the broker kept from before
     bool shared = false;   // may meet an out rule: one tree, written from both ends
     uint32_t max_tags = 1000;
+    std::optional<uint8_t> quality_when_stale; // of values whose sender or the broker is away
+    std::string sender_state;                  // the topics on which senders say that they are
 
     std::string full_filter() const;
 };

@@ -100,13 +100,20 @@ tool::Result<std::string> tag_prefix(const std::string &text)
     return tool::Result<std::string>::of(text);
 }
 
-tool::Result<std::string> topic_filter(const std::string &text)
+tool::Result<std::string> plain_filter(const std::string &text)
 {
     if (text == "$share" || text.starts_with("$share/"))
         return tool::Result<std::string>::failed("shared subscriptions cannot be used");
     if (const std::string problem = tool::pattern_problem(text, tool::Dialect::mqtt);
         !problem.empty())
         return tool::Result<std::string>::failed("is no filter of topics: " + problem);
+    return tool::Result<std::string>::of(text);
+}
+
+tool::Result<std::string> topic_filter(const std::string &text)
+{
+    if (auto filter = plain_filter(text); !filter)
+        return filter;
     for (const std::string_view level : tool::split_levels(text, tool::Dialect::mqtt)) {
         if (level == "+" || level == "#")
             continue;

@@ -33,7 +33,11 @@ tool::Result<std::string> tag_pattern(const std::string &text);
 // What tags start with.
 tool::Result<std::string> tag_prefix(const std::string &text);
 
+// A filter of topics whose values become tags.
 tool::Result<std::string> topic_filter(const std::string &text);
+
+// A filter of any topics.
+tool::Result<std::string> plain_filter(const std::string &text);
 
 tool::Result<std::optional<uint32_t>> value_type(const std::string &text);
 

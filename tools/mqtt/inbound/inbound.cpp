@@ -4,44 +4,12 @@
 #include "broker/payload.h"
 #include "common/pattern.h"
 #include "common/text.h"
-#include "common/value_text.h"
+#include "inbound/conversion.h"
 #include "names/topic_names.h"
 
 #include <algorithm>
 
 namespace kp::mqtt {
-
-namespace {
-
-// A number as shells and other programs write it: with the end of a line, with a plus sign, and a
-// whole one with a fraction of zeros.
-std::string_view plain_number(std::string_view text, bool is_integer)
-{
-    while (text.ends_with('\n') || text.ends_with('\r'))
-        text.remove_suffix(1);
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-')
-        text.remove_prefix(1);
-    const size_t point = is_integer ? text.find('.') : text.npos;
-    const bool has_zeros = point != text.npos && point > 0 && point + 1 < text.size() &&
-                           text.find_first_not_of('0', point + 1) == text.npos;
-    return has_zeros ? text.substr(0, point) : text;
-}
-
-// The bytes of a value of the sample's type.
-tool::Result<std::string> bytes_for(const Sample &sample, const Content &content)
-{
-    if (content.is_bytes)
-        return tool::checked_bytes(sample.type, sample.max_size, content.data);
-    if (!tool::is_number_type(sample.type) && sample.type != KP_TYPE_BOOLEAN)
-        return tool::checked_bytes(sample.type, sample.max_size, content.data);
-    const bool is_integer = !tool::is_floating_type(sample.type);
-    const std::string &text = is_integer ? content.whole_or_text() : content.data;
-    auto bytes =
-        tool::text_bytes(sample.type, plain_number(text, is_integer), tool::ByteStyle::plain);
-    return bytes ? tool::checked_bytes(sample.type, sample.max_size, *bytes.value) : bytes;
-}
-
-} // namespace
 
 Inbound::Inbound(const Configuration &configuration, const StoreReader &reader, SharedTags &shared,
                  InboundEvents events, Counters &counters)
@@ -49,7 +17,8 @@ Inbound::Inbound(const Configuration &configuration, const StoreReader &reader, 
       counters_(counters)
 {
     for (const InRule &rule : configuration.in)
-        rules_.push_back({&rule, ++last_number_, {}});
+        rules_.push_back({&rule, ++last_number_});
+    find_state_filters();
 }
 
 // A rule that stays keeps the number of its subscription, which need not be made anew then.
@@ -62,16 +31,29 @@ void Inbound::reload()
                    rule.settings->filter == settings.filter && rule.settings->tags == settings.tags;
         });
         if (same == before.end())
-            rules_.push_back({&settings, ++last_number_, {}, true});
+            rules_.push_back({&settings, ++last_number_, {}, {}, true});
         else
-            rules_.push_back({&settings, same->number, std::exchange(same->tags, {})});
+            rules_.push_back({&settings, same->number, std::exchange(same->tags, {}), same->away});
     }
     for (const Rule &rule : before)
-        for (const auto &[name, is_own] : rule.tags)
-            if (is_own && std::ranges::none_of(rules_, [&name](const Rule &other) {
+        for (const auto &[name, taken] : rule.tags)
+            if (taken.is_own && std::ranges::none_of(rules_, [&name](const Rule &other) {
                     return other.tags.contains(name);
                 }))
                 events_.drop(name, false);
+    find_state_filters();
+    review();
+}
+
+void Inbound::find_state_filters()
+{
+    const auto before = std::exchange(state_filters_, {});
+    for (const Rule &rule : rules_) {
+        const std::string &filter = rule.settings->sender_state;
+        const auto same = before.find(filter);
+        if (!filter.empty() && !state_filters_.contains(filter))
+            state_filters_[filter] = same == before.end() ? ++last_number_ : same->second;
+    }
 }
 
 void Inbound::subscribed(const std::string &filter)
@@ -90,11 +72,63 @@ std::vector<Subscription> Inbound::subscriptions() const
         subscriptions.push_back(
             {settings.full_filter(), settings.qos, settings.retained, own_too, rule.number});
     }
+    for (const auto &[filter, number] : state_filters_)
+        subscriptions.push_back({filter, 1, true, false, number, true});
     return subscriptions;
+}
+
+// Without an origin, as other programs send it, a state counts for all tags of the rule.
+bool Inbound::hear_sender(const Message &message)
+{
+    const std::string sender(origin_device(property_of(message.properties, property::kOrigin)));
+    const bool is_away = message.payload == "offline";
+    bool is_state = false;
+    for (Rule &rule : rules_) {
+        const std::string &filter = rule.settings->sender_state;
+        if (filter.empty() || !tool::Pattern(filter, tool::Dialect::mqtt).covers(message.topic))
+            continue;
+        is_state = true;
+        if (!is_away)
+            rule.away.erase(sender);
+        else if (rule.away.size() < rule.settings->max_tags)
+            rule.away.insert(sender);
+        review(rule);
+    }
+    return is_state;
+}
+
+uint8_t Inbound::quality_now(const Rule &rule, const Taken &taken) const
+{
+    const bool is_stale =
+        !is_connected_ || rule.away.contains(taken.sender) || rule.away.contains("");
+    return is_stale ? rule.settings->quality_when_stale.value_or(taken.quality) : taken.quality;
+}
+
+void Inbound::review(Rule &rule)
+{
+    for (auto &[name, taken] : rule.tags) {
+        const uint8_t quality = quality_now(rule, taken);
+        if (std::exchange(taken.shown, quality) != quality)
+            events_.set_quality(name, quality);
+    }
+}
+
+void Inbound::review()
+{
+    for (Rule &rule : rules_)
+        review(rule);
+}
+
+void Inbound::set_connected(bool is_connected)
+{
+    is_connected_ = is_connected;
+    if (!is_connected)
+        review();
 }
 
 void Inbound::receive(const Message &message)
 {
+    const bool is_state = hear_sender(message);
     Rule *rule = rule_for(message.topic);
     if (!rule)
         return; // of a subscription that is just being cancelled
@@ -114,6 +148,8 @@ void Inbound::receive(const Message &message)
                                              "written; has another device the same name?");
         return;
     }
+    if (!name.problem.empty() && is_state)
+        return;
     if (!name.problem.empty())
         return refuse(message.topic, "cannot be a tag: " + name.problem);
     if (message.payload.size() > kMostPayloadBytes)
@@ -161,7 +197,7 @@ void Inbound::lose(Rule &rule, const std::string &name, const std::string &tag,
                    const Sample &current)
 {
     const auto written = rule.tags.find(name);
-    const bool is_own = written != rule.tags.end() && written->second;
+    const bool is_own = written != rule.tags.end() && written->second.is_own;
     const bool lives = current.providers > (is_own ? 1u : 0u);
     if (is_own || !lives)
         drop(rule, name, false);
@@ -240,6 +276,11 @@ void Inbound::write(Rule &rule, const std::string &name, const Message &message,
     if (const std::string problem = convert(*rule.settings, message, found, current, request);
         !problem.empty())
         return refuse(message.topic, problem);
+    Taken taken;
+    taken.is_own = is_new ? !request.is_declared : rule.tags[name].is_own;
+    taken.sender = origin_device(property_of(message.properties, property::kOrigin));
+    taken.quality = request.sample.quality;
+    request.sample.quality = taken.shown = quality_now(rule, taken);
     if (rule.settings->shared && outcome == ReadOutcome::read && current.has_value &&
         is_superfluous(reader_.standing_for(name), message, current, request)) {
         ++counters_.echoes;
@@ -247,7 +288,7 @@ void Inbound::write(Rule &rule, const std::string &name, const Message &message,
     }
     if (request.key)
         shared_.taken(message.topic);
-    rule.tags.try_emplace(name, !request.is_declared);
+    rule.tags[name] = std::move(taken);
     request.messages = 1;
     events_.put(name, std::move(request));
 }
@@ -255,41 +296,7 @@ void Inbound::write(Rule &rule, const std::string &name, const Message &message,
 bool Inbound::is_ours_alone(const Rule &rule, const std::string &name, const Sample &current) const
 {
     const auto written = rule.tags.find(name);
-    return written != rule.tags.end() && written->second && current.providers <= 1;
-}
-
-// Returns what is wrong, or an empty text.
-std::string Inbound::convert(const InRule &rule, const Message &message, ReadOutcome outcome,
-                             const Sample &current, WriteRequest &request) const
-{
-    if (outcome == ReadOutcome::busy)
-        return "another write to the tag does not end";
-    if (outcome == ReadOutcome::refused)
-        return "the tag cannot be read: no rights, or not a valid segment";
-    Description description = describe(message.properties);
-    auto content = take_apart(rule.payload, message.payload, description);
-    if (!content)
-        return content.problem;
-    if (!description.problem.empty())
-        return description.problem;
-    Sample &sample = request.sample;
-    request.is_declared = outcome == ReadOutcome::read;
-    sample.type = request.is_declared
-                      ? current.type
-                      : rule.type.value_or(description.type.value_or(KP_TYPE_STRING));
-    sample.max_size = current.max_size;
-    sample.extra_info =
-        request.is_declared ? current.extra_info : description.extra_info.value_or(0);
-    if (!request.is_declared || (has_variable_size(sample.type) && sample.max_size == 0))
-        sample.max_size = rule.max_size;
-    auto bytes = bytes_for(sample, *content.value);
-    if (!bytes)
-        return "is no " + std::string(kp_type2str(sample.type)) + " for the tag: " + bytes.problem;
-    sample.value = std::move(*bytes.value);
-    sample.has_value = true;
-    sample.quality = description.quality.value_or(KP_QUALITY_GOOD);
-    sample.source_ts = description.source_ts.value_or(kp_get_timestamp_us());
-    return {};
+    return written != rule.tags.end() && written->second.is_own && current.providers <= 1;
 }
 
 // A value can be one that the tag has already. Where two trees are joined, it can also be older

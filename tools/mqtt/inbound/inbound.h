@@ -11,6 +11,8 @@
 #include "store/store_reader.h"
 
 #include <functional>
+#include <map>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -25,6 +27,8 @@ struct InboundEvents {
     std::function<void(const std::string &tag, bool left_over)> drop;
     // The broker has lost the value of a shared tag that lives on here.
     std::function<void(const std::string &tag)> cleared;
+    // The value is as before, but its sender has gone or come back.
+    std::function<void(const std::string &tag, uint8_t quality)> set_quality;
     // Whether a tag that can still be read is about to go.
     std::function<bool(const std::string &tag)> is_dropping;
 };
@@ -44,20 +48,35 @@ class Inbound {
 
     void receive(const Message &message);
 
+    // Whether messages can come. Without, what was written through rules that say so is stale; with
+    // a connection that is back all has its quality again once review() is called.
+    void set_connected(bool is_connected);
+    void review();
+
     // Gives up the tags of these topics, which the broker no longer keeps.
     void give_up(const std::vector<std::string> &topics);
 
   private:
+    struct Taken {
+        bool is_own = false; // nobody had declared the tag, so that the bridge provides it
+        std::string sender;  // the device, or an empty text
+        uint8_t quality = 0; // of the message
+        uint8_t shown = 0;   // that of the value in the store
+    };
     struct Rule {
         const InRule *settings;
         uint32_t number; // of its subscription
-        // Written through it, by the name that the topic gives, and whether nobody had declared the
-        // tag then, so that the bridge provides it.
-        std::unordered_map<std::string, bool> tags;
+        // Written through it, by the name that the topic gives.
+        std::unordered_map<std::string, Taken> tags{};
+        std::set<std::string> away{}; // senders that have said so
         // It is new, and what it takes still comes for others.
         bool is_awaited = false;
     };
 
+    bool hear_sender(const Message &message);
+    uint8_t quality_now(const Rule &rule, const Taken &taken) const;
+    void review(Rule &rule);
+    void find_state_filters();
     Rule *rule_for(const std::string &topic);
     bool is_own(const Message &message) const;
     Name name_for(const Rule &rule, const std::string &topic) const;
@@ -70,8 +89,6 @@ class Inbound {
     void drop(Rule &rule, const std::string &name, bool left_over);
     ReadOutcome look(const std::string &name, const std::string &tag, Sample &current) const;
     bool is_ours_alone(const Rule &rule, const std::string &name, const Sample &current) const;
-    std::string convert(const InRule &rule, const Message &message, ReadOutcome outcome,
-                        const Sample &current, WriteRequest &request) const;
     bool is_superfluous(const std::string &tag, const Message &message, const Sample &current,
                         const WriteRequest &request) const;
     void refuse(const std::string &topic, const std::string &why);
@@ -82,7 +99,9 @@ class Inbound {
     const InboundEvents events_;
     Counters &counters_;
     std::vector<Rule> rules_;
+    std::map<std::string, uint32_t> state_filters_; // with the numbers of their subscriptions
     uint32_t last_number_ = 0;
+    bool is_connected_ = false;
 };
 
 } // namespace kp::mqtt

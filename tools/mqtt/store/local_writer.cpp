@@ -52,6 +52,20 @@ void LocalWriter::put(const std::string &tag, WriteRequest request)
     else if (!is_first)
         dropping_.erase(tag); // it stays
     waiting.write = std::move(request);
+    waiting.quality.reset();
+    wake_.notify_one();
+}
+
+void LocalWriter::set_quality(const std::string &tag, uint8_t quality)
+{
+    const std::lock_guard lock(mutex_);
+    if (dropping_.contains(tag))
+        return;
+    auto &waiting = waiting_[tag];
+    if (waiting.write)
+        waiting.write->sample.quality = quality;
+    else
+        waiting.quality = quality;
     wake_.notify_one();
 }
 
@@ -61,7 +75,8 @@ void LocalWriter::drop(const std::string &tag, bool left_over)
     auto &waiting = waiting_[tag];
     if (waiting.write)
         counters_.in += waiting.write->messages; // taken, and gone again at once
-    waiting.write = std::nullopt;
+    waiting.write.reset();
+    waiting.quality.reset();
     waiting.left_over = left_over;
     dropping_.insert(tag);
     wake_.notify_one();
@@ -71,25 +86,6 @@ bool LocalWriter::is_dropping(const std::string &tag) const
 {
     const std::lock_guard lock(mutex_);
     return dropping_.contains(tag);
-}
-
-void LocalWriter::forget(const std::string &tag)
-{
-    const std::lock_guard lock(mutex_);
-    memory_.erase(tag);
-}
-
-std::optional<MessageKey> LocalWriter::key_of(const std::string &tag, const Sample &sample) const
-{
-    const ValueMark seen = mark_of(sample);
-    const std::lock_guard lock(mutex_);
-    const auto found = memory_.find(tag);
-    if (found == memory_.end() || !seen.has_value)
-        return {};
-    for (const Written &written : found->second)
-        if (written.is(seen))
-            return written.key;
-    return {};
 }
 
 // The requests have the names that topics give, of which the tag may be the value's place.
@@ -151,6 +147,8 @@ void LocalWriter::carry_out(const Requests &requests)
     for (const auto &[name, request] : requests) {
         if (request.write)
             announce |= write(name, *request.write);
+        else if (request.quality)
+            announce |= set_quality_now(name, *request.quality);
         else
             drop_now(name, request.left_over);
     }
@@ -173,9 +171,24 @@ void LocalWriter::drop_now(const std::string &name, bool left_over)
     close_own(tag);
     take_value_out(tag, left_over);
     made_.remove_of(tag);
+    brought_.forget(tag);
     const std::lock_guard lock(mutex_);
     dropping_.erase(name);
-    memory_.erase(tag);
+}
+
+bool LocalWriter::set_quality_now(const std::string &name, uint8_t quality)
+{
+    const std::string tag = reader_.standing_for(name);
+    WriteRequest request;
+    if (reader_.read(tag, request.sample) != ReadOutcome::read)
+        return false;
+    const auto key = key_of(tag, request.sample);
+    if (!key || request.sample.quality == quality)
+        return false;
+    request.sample.quality = quality;
+    request.is_declared = true;
+    request.key = *key;
+    return write_tag(tag, request);
 }
 
 // A new provider's tag has no value. That of others who provide it stays.
@@ -250,9 +263,11 @@ bool LocalWriter::write_tag(const std::string &tag, const WriteRequest &request)
         ++counters_.echoes;
         return true;
     }
-    remember(tag, request);
+    brought_.begin(tag, request.sample, request.key);
     const bool done = write_value(tag, request);
-    complete_memory(tag);
+    Sample current;
+    const bool was_read = reader_.read(tag, current) == ReadOutcome::read;
+    brought_.complete(tag, was_read ? &current : nullptr);
     return done;
 }
 
@@ -293,30 +308,6 @@ kp_tag_t *LocalWriter::provider(const std::string &tag, const WriteRequest &requ
     if (made)
         own_[tag] = {made, request.sample.type};
     return made;
-}
-
-// Before the write, since the value can be seen as soon as it stands.
-void LocalWriter::remember(const std::string &tag, const WriteRequest &request)
-{
-    const std::lock_guard lock(mutex_);
-    auto &memory = memory_[tag];
-    memory[1] = memory[0];
-    memory[0] = {mark_of(request.sample), request.key, true};
-}
-
-// A local write that has come in between is not the bridge's, even if it has the same value.
-void LocalWriter::complete_memory(const std::string &tag)
-{
-    Sample current;
-    const bool was_read = reader_.read(tag, current) == ReadOutcome::read;
-    const std::lock_guard lock(mutex_);
-    const auto found = memory_.find(tag);
-    if (found == memory_.end())
-        return;
-    Written &written = found->second[0];
-    written.is_under_way = false;
-    if (was_read && written.value.is_same_value(mark_of(current)))
-        written.value.ts = current.ts;
 }
 
 } // namespace kp::mqtt

@@ -12,12 +12,11 @@
 #include "base/counters.h"
 #include "common/notice_marks.h"
 #include "shared/shared_tree.h"
+#include "store/brought_values.h"
 #include "store/made_directories.h"
 #include "store/sample.h"
 #include "store/store_reader.h"
-#include "store/value_mark.h"
 
-#include <array>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -50,6 +49,10 @@ class LocalWriter {
 
     void put(const std::string &tag, WriteRequest request);
 
+    // Gives the value of the tag another quality if it is one that put() has brought, or is about
+    // to bring. What was written here since keeps its own.
+    void set_quality(const std::string &tag, uint8_t quality);
+
     // Gives up the bridge's own provider tag, if it has one, so that the topic goes. A value that
     // stays behind because others have the topic open is taken out, unless one of them may provide
     // it; with `left_over`, whoever is counted, since the count may be that of a bridge that was
@@ -59,11 +62,17 @@ class LocalWriter {
     bool is_dropping(const std::string &tag) const;
 
     // From now on the value of the tag is not the broker's: the broker has lost it.
-    void forget(const std::string &tag);
+    void forget(const std::string &tag)
+    {
+        brought_.forget(tag);
+    }
 
     // The message whose value stands in the store; nothing when it is not what put() has brought
     // there.
-    std::optional<MessageKey> key_of(const std::string &tag, const Sample &sample) const;
+    std::optional<MessageKey> key_of(const std::string &tag, const Sample &sample) const
+    {
+        return brought_.key_of(tag, sample);
+    }
     // Whether something waits to be written to the tag, or is being written.
     bool is_busy_with(const std::string &tag) const;
 
@@ -76,19 +85,11 @@ class LocalWriter {
 
   private:
     struct Request {
-        std::optional<WriteRequest> write; // none: drop
+        std::optional<WriteRequest> write;
+        std::optional<uint8_t> quality; // the only change; neither: drop
         bool left_over = false;
     };
     using Requests = std::unordered_map<std::string, Request>;
-    struct Written {
-        ValueMark value;
-        MessageKey key = 0;
-        bool is_under_way = true; // the time of the write is not known yet
-        bool is(const ValueMark &seen) const
-        {
-            return is_under_way ? value.is_same_value(seen) : value == seen;
-        }
-    };
     struct Own {
         kp_tag_t *tag;
         uint32_t type;
@@ -101,6 +102,7 @@ class LocalWriter {
     void run();
     void carry_out(const Requests &requests);
     void drop_now(const std::string &name, bool left_over);
+    bool set_quality_now(const std::string &name, uint8_t quality);
     void take_value_out(const std::string &tag, bool left_over);
     void close_own(const std::string &tag);
     bool may_write(const std::string &tag, const WriteRequest &request) const;
@@ -114,12 +116,11 @@ class LocalWriter {
     };
     std::optional<Moving> make_room(const std::string &name);
     kp_tag_t *provider(const std::string &tag, const WriteRequest &request);
-    void remember(const std::string &tag, const WriteRequest &request);
-    void complete_memory(const std::string &tag);
 
     tool::NoticeMarks &marks_;
     Counters &counters_;
     StoreReader reader_;
+    BroughtValues brought_;
     kp_t *handle_ = nullptr;
     std::unordered_map<std::string, Own> own_; // the thread's
     MadeDirectories made_;                     // the thread's
@@ -133,8 +134,6 @@ class LocalWriter {
     Requests waiting_;
     const Requests *in_work_ = nullptr; // the thread's present round
     std::set<std::string> dropping_;
-    // The last two, since between reading a value and asking about it a newer one can be written.
-    std::unordered_map<std::string, std::array<Written, 2>> memory_;
     std::thread thread_;
 };
 

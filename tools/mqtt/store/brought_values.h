@@ -1,0 +1,44 @@
+// Which values of the store have come from the broker. Any thread may call it.
+#pragma once
+
+#include "shared/shared_tree.h"
+#include "store/value_mark.h"
+
+#include <array>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace kp::mqtt {
+
+class BroughtValues {
+  public:
+    // A message's value is about to be written. Before the write, since the value can be seen as
+    // soon as it stands.
+    void begin(const std::string &tag, const Sample &sample, MessageKey key);
+    // It was written, and this stands in the tag now. A local write that has come in between is not
+    // the broker's, even if it has the same value. Null where the tag could not be read.
+    void complete(const std::string &tag, const Sample *current);
+    void forget(const std::string &tag);
+
+    // The message whose value this is; nothing where it has come from elsewhere.
+    std::optional<MessageKey> key_of(const std::string &tag, const Sample &sample) const;
+
+  private:
+    struct Written {
+        ValueMark value;
+        MessageKey key = 0;
+        bool is_under_way = true; // the time of the write is not known yet
+        bool is(const ValueMark &seen) const
+        {
+            return is_under_way ? value.is_same_value(seen) : value == seen;
+        }
+    };
+
+    mutable std::mutex mutex_;
+    // The last two, since between reading a value and asking about it a newer one can be written.
+    std::unordered_map<std::string, std::array<Written, 2>> written_;
+};
+
+} // namespace kp::mqtt
