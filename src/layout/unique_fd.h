@@ -10,19 +10,27 @@
 
 namespace kp {
 
-class UniqueFd {
+struct CloseFd {
+    void operator()(int fd) const
+    {
+        (void)close(fd);
+    }
+};
+
+// The owner of a descriptor that ends as `Close` says.
+template <typename Close> class FdOwner {
   public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd)
+    FdOwner() = default;
+    explicit FdOwner(int fd) : fd_(fd)
     {
     }
-    UniqueFd(UniqueFd &&other) noexcept : fd_(other.release())
+    FdOwner(FdOwner &&other) noexcept : fd_(other.release())
     {
     }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-    UniqueFd &operator=(UniqueFd &&) = delete;
-    ~UniqueFd()
+    FdOwner(const FdOwner &) = delete;
+    FdOwner &operator=(const FdOwner &) = delete;
+    FdOwner &operator=(FdOwner &&) = delete;
+    ~FdOwner()
     {
         reset();
     }
@@ -45,12 +53,14 @@ class UniqueFd {
         if (old < 0)
             return;
         const KeepErrno keep;
-        (void)close(old);
+        Close()(old);
     }
 
   private:
     int fd_ = -1;
 };
+
+using UniqueFd = FdOwner<CloseFd>;
 
 class UniqueDir {
   public:

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "notify/entry.h"
+#include "support/fork.h"
 
 #include <array>
 #include <cstdint>
@@ -12,7 +13,6 @@ struct kp_notify_t;
 
 namespace kp {
 
-class OwnFd;
 struct LogSite;
 
 // So often a file is tried, and so long is the pause behind each try, in which a peer that is just

@@ -78,15 +78,11 @@ void forget_own_fd(int fd)
     change_bit(fd, [](std::size_t word, uint64_t bit) { own_fds[word] &= ~bit; });
 }
 
-void OwnFd::reset(int fd)
+void CloseOwnFd::operator()(int fd) const
 {
-    const int old = std::exchange(fd_, fd);
-    if (old < 0)
-        return;
-    const KeepErrno keep;
     const MutexLock lock(fork_mutex); // no child closes the number when it is somebody else's
-    forget_own_fd(old);
-    (void)close(old);
+    forget_own_fd(fd);
+    (void)close(fd);
 }
 
 bool own_pipe(std::span<int32_t, 2> ends)

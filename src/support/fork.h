@@ -4,6 +4,7 @@
 // system call is not, and has nothing to do but to execute a program.
 #pragma once
 
+#include "layout/unique_fd.h"
 #include "support/high_fd.h"
 #include "support/lock.h"
 
@@ -20,41 +21,13 @@ extern pthread_mutex_t fork_mutex;
 void note_own_fd(int fd);
 void forget_own_fd(int fd);
 
-// The owner of a descriptor that a child closes.
-class OwnFd {
-  public:
-    OwnFd() = default;
-    explicit OwnFd(int fd) : fd_(fd)
-    {
-    }
-    OwnFd(OwnFd &&other) noexcept : fd_(other.release())
-    {
-    }
-    OwnFd(const OwnFd &) = delete;
-    OwnFd &operator=(const OwnFd &) = delete;
-    OwnFd &operator=(OwnFd &&) = delete;
-    ~OwnFd()
-    {
-        reset();
-    }
-
-    explicit operator bool() const
-    {
-        return fd_ >= 0;
-    }
-    int get() const
-    {
-        return fd_;
-    }
-    int release()
-    {
-        return std::exchange(fd_, -1);
-    }
-    void reset(int fd = -1);
-
-  private:
-    int fd_ = -1;
+// Closes a descriptor that was noted.
+struct CloseOwnFd {
+    void operator()(int fd) const;
 };
+
+// The owner of a descriptor that a child closes.
+using OwnFd = FdOwner<CloseOwnFd>;
 
 // Calls `make`, which makes a descriptor or returns -1, and takes the descriptor over under a
 // number of 3 or more.
