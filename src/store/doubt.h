@@ -12,7 +12,7 @@ namespace kp {
 
 // Keeps the fingerprint of a read that was in doubt. By value, so that a caller's header can stay in
 // registers.
-[[gnu::cold]] void mark_in_doubt(kp_shm_t &shm, ValueHeader header, const uint8_t *bytes);
+void mark_in_doubt(kp_shm_t &shm, ValueHeader header, const uint8_t *bytes);
 
 // Marks what a consistent read has given as seen. No doubt about a value whose source timestamp equals
 // its timestamp, as every plain write stores it. `bytes` may be null: then those of the segment count.
