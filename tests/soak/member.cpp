@@ -12,10 +12,7 @@ namespace soak {
 
 namespace {
 
-constexpr useconds_t kMemberPauseUs = 30'000;
 constexpr useconds_t kVisitorPauseUs = 300'000;
-// An announcement reaches those that are connected by then.
-constexpr useconds_t kConnectionUs = 1'000'000;
 constexpr useconds_t kExhaustionUs = 100'000;
 
 volatile std::sig_atomic_t asked_to_end = 0;
@@ -91,7 +88,7 @@ int run_member(int number, Board &board)
     (void)kp_set_user_data(handle, &report);
     (void)kp_set_new_tag_notify(handle, 1);
     subscribe(handle, number);
-    (void)usleep(kConnectionUs);
+    (void)usleep(board.connection_us);
     kp_tag_t *tag = kp_tag_provider_new(handle, topic_of(number).c_str(), KP_TYPE_UINT32, 4, 0);
     while (tag && !asked_to_end) {
         ++report.heartbeat;
@@ -104,7 +101,7 @@ int run_member(int number, Board &board)
             (void)kp_tag_notify(handle);
             ++report.updates;
         }
-        (void)usleep(number < kMembers ? kMemberPauseUs : kVisitorPauseUs);
+        (void)usleep(number < kMembers ? board.pause_us : kVisitorPauseUs);
     }
     (void)kp_unsub_topic(handle, "#");
     (void)kp_tags_destroy(handle);

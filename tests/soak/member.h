@@ -24,6 +24,9 @@ struct Report {
 
 struct Board {
     std::atomic<bool> writing; // cleared: the members pause, so that last values can be compared
+    // Set before the members start.
+    unsigned pause_us = 30'000;         // of a member between two writes
+    unsigned connection_us = 1'000'000; // an announcement reaches those that are connected by then
     std::array<Report, kProcesses> reports;
 };
 

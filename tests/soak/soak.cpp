@@ -1,6 +1,9 @@
 // soak SECONDS: real processes exchange values while this driver kills, stops, restarts and crowds
 // them and drops junk into both directories. After every round each member must hold the last value
 // of every other within a second, be alive and at work, and use no more than before.
+// soak --kills ROUNDS: four members that write ten times as often; in each round one is killed.
+// --other DIRECTORY: every second member loads the library there, another build of it.
+#include "soak/family.h"
 #include "soak/member.h"
 
 #include "kp.h"
@@ -8,19 +11,16 @@
 #include "testing/process.h"
 #include "testing/unix_socket.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <new>
 #include <random>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 using namespace soak;
@@ -32,26 +32,22 @@ namespace {
 constexpr std::chrono::seconds kReconnection{40};
 constexpr std::chrono::milliseconds kLastValue{1000};
 constexpr std::chrono::milliseconds kHang{5000};
-constexpr std::chrono::milliseconds kEnding{30000};
 constexpr long kMoreMemoryKb = 4096;
 
-struct Usage {
-    long fds = 0;
-    long threads = 0;
-    long memory_kb = 0;
-};
-
-struct Process {
-    pid_t pid = -1;
-    Usage first; // once it was connected to all others
-    bool measured = false;
-};
+// In rounds that do nothing but kill.
+constexpr int kFewMembers = 4;
+constexpr unsigned kKillsOfAFamily = 200;       // each leaves its counts behind, which wrap at 256
+constexpr unsigned kShortConnectionUs = 10'000; // once all topics are known
+constexpr std::chrono::milliseconds kPatience{10000};
 
 Board *board;
-std::array<Process, kProcesses> processes;
+int members = kMembers; // that take part, of those that there is room for
+std::chrono::milliseconds patience = kLastValue;
+Family *family;
 std::mt19937 dice(1);
 uint64_t faults;
 uint64_t lost;
+unsigned sockets_left;
 int failures;
 double worst_ms;
 
@@ -66,51 +62,6 @@ int pick(int below)
     return static_cast<int>(dice() % static_cast<unsigned>(below));
 }
 
-void start(int number)
-{
-    Process &process = processes[static_cast<std::size_t>(number)];
-    process = {};
-    std::fflush(stdout);
-    process.pid = fork();
-    if (process.pid != 0)
-        return;
-    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const rlimit descriptors{256, 256};
-    (void)setrlimit(RLIMIT_NOFILE, &descriptors);
-    _exit(run_member(number, *board));
-}
-
-void end(int number, int signal)
-{
-    Process &process = processes[static_cast<std::size_t>(number)];
-    if (process.pid <= 0)
-        return;
-    int status = 0;
-    (void)kill(process.pid, signal);
-    const bool ended = kptest::wait_until(
-        [&] { return waitpid(process.pid, &status, WNOHANG) == process.pid; }, kEnding);
-    if (!ended)
-        fail("member " + std::to_string(number) + " does not end");
-    else if (signal == SIGTERM && status != 0)
-        fail("member " + std::to_string(number) + " ends with status " + std::to_string(status));
-    process.pid = -1;
-}
-
-Usage usage_of(pid_t pid)
-{
-    Usage usage;
-    const std::string folder = "/proc/" + std::to_string(pid);
-    usage.fds = std::distance(fs::directory_iterator(folder + "/fd"), fs::directory_iterator());
-    std::ifstream status(folder + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("Threads:"))
-            usage.threads = std::atol(line.c_str() + 8);
-        if (line.starts_with("RssAnon:"))
-            usage.memory_kb = std::atol(line.c_str() + 8);
-    }
-    return usage;
-}
-
 uint32_t written_by(int number)
 {
     return board->reports[static_cast<std::size_t>(number)].written;
@@ -123,8 +74,8 @@ uint32_t held_by(int reader, int number)
 
 template <typename Condition> bool holds_for_all_pairs(Condition condition)
 {
-    for (int reader = 0; reader < kMembers; ++reader)
-        for (int writer = 0; writer < kMembers; ++writer)
+    for (int reader = 0; reader < members; ++reader)
+        for (int writer = 0; writer < members; ++writer)
             if (reader != writer && !condition(reader, writer))
                 return false;
     return true;
@@ -134,7 +85,7 @@ template <typename Condition> bool holds_for_all_pairs(Condition condition)
 void wait_until_connected()
 {
     std::array<uint32_t, kMembers> now{};
-    for (int number = 0; number < kMembers; ++number)
+    for (int number = 0; number < members; ++number)
         now[static_cast<std::size_t>(number)] = written_by(number);
     const auto fresh = [&](int reader, int writer) {
         const uint32_t held = held_by(reader, writer);
@@ -158,8 +109,9 @@ void check_last_values()
     const auto same = [](int reader, int writer) {
         return held_by(reader, writer) == written_by(writer);
     };
-    std::this_thread::sleep_for(std::chrono::milliseconds(40)); // a write may be under way
-    const bool all = kptest::wait_until([&] { return holds_for_all_pairs(same); }, kLastValue);
+    // A write may be under way.
+    std::this_thread::sleep_for(std::chrono::microseconds(board->pause_us + 10'000));
+    const bool all = kptest::wait_until([&] { return holds_for_all_pairs(same); }, patience);
     worst_ms =
         std::max(worst_ms, std::chrono::duration<double, std::milli>(Clock::now() - begin).count());
     if (!all)
@@ -176,27 +128,25 @@ void check_last_values()
 
 void check_process(int number)
 {
-    Process &process = processes[static_cast<std::size_t>(number)];
     const std::string name = "member " + std::to_string(number);
-    if (waitpid(process.pid, nullptr, WNOHANG) != 0) {
+    if (!family->is_alive(number)) {
         fail(name + " died");
-        process.pid = -1;
-        start(number);
+        family->start(number);
         return;
     }
-    const Usage now = usage_of(process.pid);
-    if (!process.measured) {
-        process.first = now;
-        process.measured = true;
-        return;
-    }
+    const Usage now = family->usage(number);
+    const Usage first = family->first_usage(number);
     // Two endpoints that start at the same moment may connect twice; hence the room.
-    if (now.fds > process.first.fds + kMembers || now.threads != process.first.threads ||
-        now.memory_kb > process.first.memory_kb + kMoreMemoryKb)
-        fail(name + " grows: descriptors " + std::to_string(process.first.fds) + " to " +
-             std::to_string(now.fds) + ", threads " + std::to_string(process.first.threads) +
-             " to " + std::to_string(now.threads) + ", kB " +
-             std::to_string(process.first.memory_kb) + " to " + std::to_string(now.memory_kb));
+    if (now.fds > first.fds + kMembers || now.threads != first.threads ||
+        now.memory_kb > first.memory_kb + kMoreMemoryKb)
+        fail(name + " grows: " + first.text() + " to " + now.text());
+}
+
+void end(int number, int signal)
+{
+    const std::string problem = family->end(number, signal);
+    if (!problem.empty())
+        fail("member " + std::to_string(number) + problem);
 }
 
 void check_heartbeats()
@@ -212,29 +162,29 @@ void check_heartbeats()
 
 void restart_killed()
 {
-    const int number = pick(kMembers);
+    const int number = pick(members);
     end(number, SIGKILL);
-    start(number);
+    family->start(number);
 }
 
 void restart_cleanly()
 {
-    const int number = pick(kMembers);
+    const int number = pick(members);
     end(number, SIGTERM);
-    start(number);
+    family->start(number);
 }
 
 void stop_and_continue()
 {
-    const pid_t pid = processes[static_cast<std::size_t>(pick(kMembers))].pid;
-    (void)kill(pid, SIGSTOP);
+    const int number = pick(members);
+    family->signal(number, SIGSTOP);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    (void)kill(pid, SIGCONT);
+    family->signal(number, SIGCONT);
 }
 
 void exhaust_descriptors()
 {
-    board->reports[static_cast<std::size_t>(pick(kMembers))].fill_descriptors = true;
+    board->reports[static_cast<std::size_t>(pick(members))].fill_descriptors = true;
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
 }
 
@@ -260,7 +210,7 @@ void drop_junk_segments()
 void crowd()
 {
     for (int number = kMembers; number < kProcesses; ++number)
-        start(number);
+        family->start(number);
     std::this_thread::sleep_for(std::chrono::seconds(2));
     for (int number = kMembers; number < kProcesses; ++number)
         end(number, pick(4) == 0 ? SIGKILL : SIGTERM);
@@ -288,40 +238,70 @@ void do_round(unsigned round)
 void check_end()
 {
     end(0, SIGKILL);
-    for (int number = 1; number < kMembers; ++number)
+    for (int number = 1; number < members; ++number)
         end(number, SIGTERM);
     kp_t *handle = kp_new("last", nullptr);
     for (const fs::directory_entry &entry : fs::directory_iterator("/run/providers"))
-        if (entry.is_socket() && entry.path().filename() != "last")
+        if (entry.is_socket() && entry.path().filename() != "last") {
+            ++sockets_left;
             fail("left behind: " + entry.path().string());
+        }
     (void)kp_destroy(handle);
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+// One after the other: an endpoint drops the directory events that it reads together with its own
+// and would never hear of members that start within the same moment.
+void start_members()
 {
-    const auto seconds = std::chrono::seconds(argc > 1 ? std::atoi(argv[1]) : 600);
-    kptest::enter_private_mounts();
-    kp_xlog_set_user_level(KP_LEVEL_OFF);
-    void *memory =
-        mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
-        return 1;
-    board = new (memory) Board{};
-    board->writing = true;
-    const auto finish = Clock::now() + seconds;
-    // One after the other: an endpoint drops the directory events that it reads together with its own
-    // and would never hear of members that start within the same moment.
-    for (int number = 0; number < kMembers; ++number) {
-        start(number);
+    for (int number = 0; number < members; ++number) {
+        family->start(number);
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
     wait_until_connected();
+}
+
+unsigned run_rounds(std::chrono::seconds time)
+{
+    const auto finish = Clock::now() + time;
+    start_members();
     unsigned rounds = 0;
     while (Clock::now() < finish && failures == 0)
         do_round(rounds++);
     check_end();
+    return rounds;
+}
+
+// The members work with little pause, so that the kills meet every step of theirs.
+void kill_without_pause(unsigned rounds)
+{
+    const unsigned first_connection_us = board->connection_us;
+    start_members();
+    board->connection_us = kShortConnectionUs;
+    for (unsigned round = 0; round < rounds && failures == 0; ++round) {
+        std::this_thread::sleep_for(std::chrono::microseconds(pick(5000)));
+        restart_killed();
+        ++faults;
+        wait_until_connected();
+        check_last_values();
+    }
+    board->connection_us = first_connection_us;
+    check_end();
+    fs::remove_all("/dev/shm/zu-kp"); // with the counts of the killed
+}
+
+unsigned run_kills(unsigned rounds)
+{
+    members = kFewMembers;
+    patience = kPatience;
+    board->pause_us = 3'000;
+    unsigned done = 0;
+    for (; done < rounds && failures == 0; done += kKillsOfAFamily)
+        kill_without_pause(std::min(kKillsOfAFamily, rounds - done));
+    return std::min(done, rounds);
+}
+
+void print_totals(unsigned rounds)
+{
     uint64_t updates = 0;
     uint64_t notices = 0;
     for (const Report &report : board->reports) {
@@ -329,7 +309,37 @@ int main(int argc, char **argv)
         notices += report.notices;
     }
     std::printf("%u rounds: %lu updates written, %lu notices delivered, %lu faults injected, "
-                "%lu values lost, worst time to the last value %.0f ms\n",
-                rounds, updates, notices, faults, lost, worst_ms);
+                "%lu values lost, %u sockets left, worst time to the last value %.0f ms\n",
+                rounds, updates, notices, faults, lost, sockets_left, worst_ms);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    unsigned seconds = 600;
+    unsigned kills = 0;
+    int member = -1;
+    int board_fd = -1;
+    std::string other;
+    CLI::App app("Processes that exchange values while they are disturbed.");
+    app.add_option("seconds", seconds, "of rounds of all kinds");
+    app.add_option("--kills", kills, "rounds of nothing but kills instead");
+    app.add_option("--other", other, "directory of a library for every second member")
+        ->check(CLI::ExistingDirectory);
+    app.add_option("--member", member)->group(""); // how the driver executes this program again
+    app.add_option("--board", board_fd)->group("");
+    CLI11_PARSE(app, argc, argv);
+    if (member >= 0)
+        return run_executed_member(member, board_fd, other);
+
+    kptest::enter_private_mounts();
+    kp_xlog_set_user_level(KP_LEVEL_OFF);
+    board = make_board(board_fd);
+    if (!board)
+        return 1;
+    Family all(*board, board_fd, other);
+    family = &all;
+    print_totals(kills ? run_kills(kills) : run_rounds(std::chrono::seconds(seconds)));
     return failures == 0 ? 0 : 1;
 }
