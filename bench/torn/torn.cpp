@@ -1,7 +1,8 @@
 // Counts torn, failed and stale reads of one topic: one process writes it, others read it as fast as
 // they can, with the plain and the consistent read. Every write fills its value with its own number,
 // which is its source timestamp as well, so that a reader can tell whether all of it belongs
-// together. Measures first what a read costs on a topic that nobody writes.
+// together. Measures first what a read costs on a topic that nobody writes. With --disturb the writer
+// is stopped and killed all the time, and started again after a kill.
 #include "kp.h"
 
 #include <CLI/CLI.hpp>
@@ -10,8 +11,10 @@
 #include <atomic>
 #include <chrono>
 #include <cinttypes>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <random>
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -131,7 +134,9 @@ void write_values(Tag &tag, std::vector<uint32_t> &value, Pace pace, Shared &sha
     const Clock::duration step =
         pace == Pace::every_2_us ? std::chrono::microseconds(2) : std::chrono::microseconds(1000);
     auto next = Clock::now();
-    for (uint32_t number = 1; shared.running; ++number) {
+    // Behind what a writer that was killed may have left.
+    auto number = static_cast<uint32_t>(shared.written.load()) + 2;
+    for (; shared.running; ++number) {
         std::ranges::fill(value, number);
         tag.write(value, number);
         shared.written.store(number, std::memory_order_release);
@@ -142,11 +147,12 @@ void write_values(Tag &tag, std::vector<uint32_t> &value, Pace pace, Shared &sha
 
 int run_writer(uint32_t size, Pace pace, Shared &shared)
 {
-    Tag tag("torn-writer-" + std::to_string(getpid()));
+    Tag tag("torn-writer"); // one name, so that who follows a killed one takes its socket's place
     if (!tag.provide(size))
         return 1;
     std::vector<uint32_t> value(size / 4, 1);
-    tag.write(value, 1);
+    if (shared.written == 0)
+        tag.write(value, 1);
     ++shared.ready;
     if (pace == Pace::flipping)
         write_flipping(tag, value, shared);
@@ -161,7 +167,9 @@ bool is_whole(const std::vector<uint32_t> &value, uint32_t quality, uint64_t sou
     uint32_t difference = 0;
     for (const uint32_t word : value)
         difference |= word ^ value[0];
-    if (difference != 0 || pace == Pace::flipping)
+    // A provider that declares the topic again sets these to 0 beside the value that stands there.
+    const bool is_declared_again = quality == 0 || source_ts == 0;
+    if (difference != 0 || pace == Pace::flipping || is_declared_again)
         return difference == 0;
     return source_ts == value[0] && quality == quality_of(value[0]);
 }
@@ -183,7 +191,7 @@ int run_reader(uint32_t size, Pace pace, Read kind, Shared &shared, Counts &resu
             ++counts.failed;
         else if (!is_whole(value, quality, source_ts, pace))
             ++counts.torn;
-        else if (source_ts < written)
+        else if (source_ts < written && source_ts != 0 && quality != 0)
             ++counts.stale;
     }
     result = counts;
@@ -205,10 +213,43 @@ struct Run {
     Read kind;
     uint32_t readers;
     double seconds;
+    bool disturb;
 };
 
+struct Disturbances {
+    uint64_t stops = 0;
+    uint64_t kills = 0;
+};
+
+// Stops or kills the writer every few milliseconds that it writes, for as long as the run lasts; a
+// killed one is replaced. Returns the writer that is left, which may have been killed in the middle of a write.
+pid_t disturb(pid_t writer, const Run &run, Shared &shared, Disturbances &done)
+{
+    static std::mt19937 dice(3);
+    const auto finish =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(run.seconds));
+    while (Clock::now() < finish) {
+        const uint64_t written = shared.written;
+        while (shared.written == written && Clock::now() < finish)
+            usleep(100);
+        usleep(static_cast<useconds_t>(dice() % 10'000));
+        if (dice() % 2 == 0) {
+            ++done.stops;
+            (void)kill(writer, SIGSTOP);
+            usleep(static_cast<useconds_t>(dice() % 3'000));
+            (void)kill(writer, SIGCONT);
+            continue;
+        }
+        ++done.kills;
+        (void)kill(writer, SIGKILL);
+        (void)waitpid(writer, nullptr, 0);
+        writer = start([&] { return run_writer(run.size, run.pace, shared); });
+    }
+    return writer;
+}
+
 // False when a process could not do its part.
-bool measure(const Run &run, Shared &shared, Counts &sum)
+bool measure(const Run &run, Shared &shared, Counts &sum, Disturbances &disturbances)
 {
     new (&shared) Shared{};
     shared.running = true;
@@ -219,7 +260,10 @@ bool measure(const Run &run, Shared &shared, Counts &sum)
         children.push_back(start([&, reader] {
             return run_reader(run.size, run.pace, run.kind, shared, shared.counts[reader]);
         }));
-    usleep(static_cast<useconds_t>(run.seconds * 1e6));
+    if (run.disturb)
+        children[0] = disturb(children[0], run, shared, disturbances);
+    else
+        usleep(static_cast<useconds_t>(run.seconds * 1e6));
     shared.running = false;
     bool done = true;
     for (const pid_t child : children) {
@@ -290,6 +334,7 @@ int main(int argc, char **argv)
     std::vector<uint32_t> paces{0, 1, 2, 3};
     double seconds = 2;
     uint32_t readers = 2;
+    bool disturb = false;
     CLI::App app("Counts torn, failed and stale reads of one topic.");
     app.add_option("--size", sizes, "bytes of the value")->check(CLI::Range(4, 4000));
     app.add_option("--read", kinds, "plain, consistent")
@@ -299,6 +344,7 @@ int main(int argc, char **argv)
         ->check(CLI::Range(0, 3));
     app.add_option("--seconds", seconds, "of each run");
     app.add_option("--readers", readers, "reading processes")->check(CLI::Range(1U, kMostReaders));
+    app.add_flag("--disturb", disturb, "stop and kill the writer all the time");
     CLI11_PARSE(app, argc, argv);
 
     kp_xlog_set_user_level(KP_LEVEL_OFF);
@@ -311,18 +357,26 @@ int main(int argc, char **argv)
     std::puts(
         "| bytes | writer | read | reads | torn | torn in 10^6 | failed in 10^6 | stale in 10^6 "
         "|\n|---:|---|---|---:|---:|---:|---:|---:|");
+    Disturbances disturbances;
     for (const uint32_t pace : paces)
         for (const uint32_t size : sizes)
             for (const std::string &kind : kinds) {
-                const Run run{size, static_cast<Pace>(pace),
-                              kind == "plain" ? Read::plain : Read::consistent, readers, seconds};
+                const Run run{size,
+                              static_cast<Pace>(pace),
+                              kind == "plain" ? Read::plain : Read::consistent,
+                              readers,
+                              seconds,
+                              disturb};
                 Counts sum;
-                if (!measure(run, shared, sum)) {
+                if (!measure(run, shared, sum, disturbances)) {
                     std::fputs("a process failed: are /run/providers and /dev/shm usable?\n",
                                stderr);
                     return 1;
                 }
                 print(run, sum);
             }
+    if (disturb)
+        std::printf("\nThe writers were stopped %" PRIu64 " times and killed %" PRIu64 " times.\n",
+                    disturbances.stops, disturbances.kills);
     return 0;
 }
