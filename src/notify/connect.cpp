@@ -36,6 +36,20 @@ void pause_before_next_try(const kp_notify_t &endpoint)
         (void)poll(&cancel, 1, static_cast<int>(left));
 }
 
+// Gives the owner of a file that was just made its moment. Tried too early, it costs the scan a whole
+// pause; the directory watch has waited already.
+void let_it_listen(const Entry &entry)
+{
+    timespec now{};
+    timespec tick{}; // by so much a change time can be older than its change
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    (void)clock_getres(CLOCK_REALTIME_COARSE, &tick);
+    const int64_t age_ns =
+        (now.tv_sec - entry.changed.tv_sec) * 1'000'000'000 + now.tv_nsec - entry.changed.tv_nsec;
+    if (age_ns >= 0 && age_ns < tick.tv_nsec + int64_t{kListenDelayUs} * 1000)
+        (void)usleep(kListenDelayUs);
+}
+
 bool connect_at(const OwnFd &fd, const Attempt &attempt, const Entry &entry)
 {
     if (!may_follow(entry)) {
@@ -94,6 +108,8 @@ Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, con
     case Claimed::now:
         break;
     }
+    if (connector == Connector::opening)
+        let_it_listen(before);
     if (connect_at(fd, attempt, before))
         return Tried::connected;
     attempt.error = errno;

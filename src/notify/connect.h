@@ -20,6 +20,9 @@ struct LogSite;
 constexpr int kTries = 3;
 constexpr int64_t kPauseMs = 1000;
 
+// A socket's file appears with bind(); its owner needs a moment more to listen.
+constexpr uint32_t kListenDelayUs = 1000;
+
 // What is known of a name between its tries.
 struct Attempt {
     std::array<char, kEntryNameSize> name;

@@ -15,9 +15,6 @@ namespace kp {
 
 namespace {
 
-// The file appears with bind(); its owner needs a moment more to listen.
-constexpr useconds_t kListenDelayUs = 1000;
-
 // Connects to one new name. False when it is the endpoint's own.
 bool link_up(kp_notify_t &endpoint, std::span<const uint8_t> name_bytes,
              LogSite site = LogSite::current())

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace kptest;
@@ -142,6 +143,35 @@ TEST_F(ConnectTo, SucceedsAtTheThirdTryAfterTwoSeconds)
     EXPECT_GE(Clock::now() - start, seconds(2));
     EXPECT_NE(endpoint_->server_fds[0], -1);
     EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(ConnectTo, GivesAFileThatWasJustMadeAMomentToListen)
+{
+    const auto pauses_once = [this] {
+        static int made = 0;
+        const std::string name = "new-" + std::to_string(++made);
+        const UnixSocket just_made = UnixSocket::listening("/run/providers/" + name);
+        const CountCalls pauses(Call::usleep);
+        connect_to(*endpoint_, name.c_str());
+        return pauses.count() == 1;
+    };
+
+    EXPECT_TRUE(
+        kptest::wait_until(pauses_once)); // not if something holds up this process meanwhile
+}
+
+TEST_F(ConnectTo, TriesAFileAtOnceThatIsOlder)
+{
+    struct stat file {};
+    ASSERT_EQ(stat("/run/providers/peer", &file), 0);
+    const uint64_t made_us = static_cast<uint64_t>(file.st_ctim.tv_sec) * 1'000'000;
+    ASSERT_TRUE(kptest::wait_until([&] { return kp_get_timestamp_us() > made_us + 1'100'000; }));
+    const CountCalls pauses(Call::usleep);
+
+    connect_to(*endpoint_, "peer");
+
+    EXPECT_EQ(pauses.count(), 0);
+    EXPECT_NE(endpoint_->server_fds[0], -1);
 }
 
 TEST_F(ConnectTo, RemovesADeadSocketAfterThreeTriesOneSecondApart)
