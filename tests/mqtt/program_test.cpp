@@ -1,4 +1,4 @@
-// The program itself: its options, TLS, the service manager, and two of it.
+// The program itself: its options, the service manager, and two of it.
 #include "broker.h"
 #include "device.h"
 #include "testing/process.h"
@@ -24,32 +24,6 @@ using testing::HasSubstr;
 
 namespace {
 
-// An authority, a certificate for the broker's address and one for the device, below /run/tls.
-void make_certificates()
-{
-    const char *script =
-        "mkdir -p /run/tls && cd /run/tls && exec 2>openssl.log && "
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key "
-        "-out ca.pem -subj /CN=authority -days 2 && "
-        "for name in broker device; do "
-        "openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout $name.key "
-        "-out $name.csr -subj /CN=$name && "
-        "echo subjectAltName=IP:127.0.0.1 > $name.ext && "
-        "openssl x509 -req -in $name.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 "
-        "-extfile $name.ext -out $name.pem || exit 1; done && "
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout other.key "
-        "-out other.pem -subj /CN=other -days 2 && chmod 600 *.key";
-    ASSERT_EQ(std::system(script), 0);
-}
-
-// A further listener that accepts only clients with a certificate.
-std::string tls_settings(int port)
-{
-    return "listener " + std::to_string(port) +
-           " 127.0.0.1\nallow_anonymous true\ncafile /run/tls/ca.pem\n"
-           "certfile /run/tls/broker.pem\nkeyfile /run/tls/broker.key\nrequire_certificate true\n";
-}
-
 // The scheduling policies of a process's threads.
 std::vector<int> policies_of(pid_t pid)
 {
@@ -58,12 +32,6 @@ std::vector<int> policies_of(pid_t pid)
     for (const auto &thread : std::filesystem::directory_iterator(folder))
         policies.push_back(sched_getscheduler(std::stoi(thread.path().filename())));
     return policies;
-}
-
-std::string tls_client(const std::string &authority)
-{
-    return "[broker.tls]\nca-file = \"/run/tls/" + authority +
-           ".pem\"\ncert-file = \"/run/tls/device.pem\"\nkey-file = \"/run/tls/device.key\"\n";
 }
 
 } // namespace
@@ -107,7 +75,7 @@ TEST(Check, LooksAtTheStateFileAndTheCertificates)
 
     EXPECT_EQ(bridge.wait(), 2);
     EXPECT_THAT(bridge.log(), HasSubstr("state-file: /run/none: No such file or directory"));
-    EXPECT_THAT(bridge.log(), HasSubstr("/run/no.pem: holds no PEM block of a certificate"));
+    EXPECT_THAT(bridge.log(), HasSubstr("/run/no.pem: holds no certificate in PEM form"));
 }
 
 TEST(Check, IsGoodBesideARunningBridgeWithTheSameStateFile)
@@ -145,28 +113,6 @@ TEST(Usage, OfAnUnknownOptionFailsWithTwo)
     BridgeProgram bridge(1883, kBothWays, {"--colour"});
 
     EXPECT_EQ(bridge.wait(), 2);
-}
-
-TEST(Tls, ConnectsWithCertificates)
-{
-    make_certificates();
-    const int port = free_port();
-    const Broker broker("allow_anonymous true\n" + tls_settings(port));
-    BridgeProgram bridge(port, configuration(port, kBothWays, tls_client("ca")));
-
-    EXPECT_TRUE(wait_for_connection()) << bridge.log();
-}
-
-TEST(Tls, TrustsNoOtherAuthority)
-{
-    make_certificates();
-    const int port = free_port();
-    const Broker broker("allow_anonymous true\n" + tls_settings(port));
-    BridgeProgram bridge(port, configuration(port, kBothWays, tls_client("other")));
-
-    EXPECT_TRUE(
-        wait_until([&] { return bridge.log().find("no connection to") != std::string::npos; }));
-    EXPECT_FALSE(read_tag("bridge/mqtt/connected")->value[0]);
 }
 
 TEST(ServiceManager, IsToldThatTheBridgeIsReadyWithoutABroker)

@@ -2,6 +2,7 @@
 #include "base/log.h"
 #include "bridge.h"
 #include "config/file_problems.h"
+#include "connection_check.h"
 #include "mapping.h"
 #include "signals.h"
 
@@ -31,6 +32,7 @@ using Load = std::function<ConfigurationResult()>;
 struct Options {
     std::string file = "/etc/kp-mqtt/kp-mqtt.conf";
     bool check = false;
+    bool connect = false; // beside checking
     bool dry_run = false;
     bool verbose = false;
 };
@@ -152,14 +154,18 @@ int act(const Options &options)
         log_debug_too();
     if (logs_to_journal())
         log_for_journal();
-    const auto [configuration, problems] = load(options.file, options.check);
+    auto [configuration, problems] = load(options.file, options.check);
+    if (options.check)
+        for (std::string &problem : date_problems(configuration.broker))
+            problems.push_back(std::move(problem));
     for (const std::string &line : problems)
         std::cerr << "kp-mqtt: " << line << '\n';
     if (!problems.empty())
         return kWrong;
     if (options.check) {
-        std::cout << options.file << ": good, " << configuration.summary() << '\n';
-        return 0;
+        std::cout << options.file << ": good, " << configuration.summary() << std::endl;
+        (void)mosquitto_lib_init();
+        return options.connect && !ConnectionCheck(configuration, std::cout).run() ? kFailed : 0;
     }
     if (options.dry_run) {
         print_mapping(configuration, std::cout);
@@ -178,6 +184,9 @@ int main(int argc, char **argv)
     app.add_option("-c,--config", options.file, "the configuration, see kp-mqtt.conf(5)")
         ->capture_default_str();
     auto *check = app.add_flag("--check", options.check, "check the configuration and leave");
+    app.add_flag("--connect", options.connect,
+                 "with --check: try the broker, too, and print how each step goes")
+        ->needs(check);
     app.add_flag("--dry-run", options.dry_run,
                  "print what the live topics map to, one JSON line each, and leave")
         ->excludes(check);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "layout/unique_fd.h"
+#include "tls/handshake.h"
 
 #include <atomic>
 #include <cstdint>
@@ -18,6 +19,7 @@ struct Attempt {
     Attempt(const Attempt &) = delete;
     Attempt &operator=(const Attempt &) = delete;
 
+    std::unique_ptr<Handshake> handshake; // where the connection is encrypted
     mosquitto *client = nullptr;
     UniqueFd done; // readable at the end of the attempt
 

@@ -32,7 +32,7 @@ BrokerLink &self(void *object)
 
 tool::Result<std::unique_ptr<BrokerLink>> BrokerLink::start(const BrokerSettings &settings,
                                                             const Credentials &credentials,
-                                                            const Publication &will,
+                                                            const Publication *will,
                                                             BrokerEvents events)
 {
     using Started = tool::Result<std::unique_ptr<BrokerLink>>;
@@ -51,7 +51,7 @@ BrokerLink::BrokerLink(BrokerEvents events)
 }
 
 std::string BrokerLink::prepare(const BrokerSettings &settings, const Credentials &credentials,
-                                const Publication &will)
+                                const Publication *will)
 {
     client_ = attempt_->client = mosquitto_new(settings.client_id.c_str(), true, this);
     if (!client_)
@@ -64,9 +64,9 @@ std::string BrokerLink::prepare(const BrokerSettings &settings, const Credential
                                   credentials.password.c_str()) != MOSQ_ERR_SUCCESS)
         return "the credentials cannot be used";
     if (settings.tls)
-        if (std::string problem = set_tls(*settings.tls); !problem.empty())
+        if (std::string problem = set_tls(*settings.tls, settings.host); !problem.empty())
             return problem;
-    return set_will(will);
+    return will ? set_will(*will) : "";
 }
 
 std::string BrokerLink::set_will(const Publication &will)
@@ -82,14 +82,20 @@ std::string BrokerLink::set_will(const Publication &will)
     return {};
 }
 
-std::string BrokerLink::set_tls(const TlsSettings &tls)
+std::string BrokerLink::set_tls(const TlsSettings &tls, const std::string &host)
 {
+    const auto problems = content_problems(tls.ca_file, tls.cert_file, tls.key_file);
+    if (!problems.empty())
+        return "TLS: " + problems[0];
+    attempt_->handshake = std::make_unique<Handshake>(host, !tls.cert_file.empty());
+    (void)mosquitto_void_option(client_, MOSQ_OPT_SSL_CTX, attempt_->handshake->context());
+    (void)mosquitto_int_option(client_, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 1);
     const auto given = [](const std::string &text) {
         return text.empty() ? nullptr : text.c_str();
     };
     const int result = mosquitto_tls_set(client_, given(tls.ca_file), given(tls.ca_path),
                                          given(tls.cert_file), given(tls.key_file), nullptr);
-    return result == MOSQ_ERR_SUCCESS ? "" : std::string("tls: ") + mosquitto_strerror(result);
+    return result == MOSQ_ERR_SUCCESS ? "" : std::string("TLS: ") + mosquitto_strerror(result);
 }
 
 void BrokerLink::set_callbacks()
@@ -133,9 +139,9 @@ void BrokerLink::serve(short ready)
 {
     if (is_closed_ || !attempt_->is_done)
         return;
+    errno = attempt_->error; // for the text of a failed system call
     if (attempt_->result != MOSQ_ERR_SUCCESS)
-        return close(attempt_->result == MOSQ_ERR_ERRNO ? std::strerror(attempt_->error)
-                                                        : mosquitto_strerror(attempt_->result));
+        return close(end_text(attempt_->result));
     int result = MOSQ_ERR_SUCCESS;
     if (ready & (POLLIN | POLLHUP | POLLERR))
         result = mosquitto_loop_read(client_, 1);
@@ -150,12 +156,27 @@ void BrokerLink::serve(short ready)
 // A broker that takes only smaller packets than the first says nothing but goes.
 std::string BrokerLink::end_text(int error) const
 {
+    const bool is_reset = error == MOSQ_ERR_ERRNO && (errno == ECONNRESET || errno == EPIPE);
     const std::string text = error_text(error);
-    if (was_online_ || error != MOSQ_ERR_CONN_LOST)
+    if (was_online_)
         return text;
-    return text +
-           " The broker said nothing, as one does whose maximum packet size is too small for "
-           "the state message";
+    if (std::string problem = attempt_->handshake ? attempt_->handshake->problem() : "";
+        !problem.empty())
+        return problem;
+    const std::string for_tls = attempt_->handshake ? "" : "port is for TLS; see [broker.tls]";
+    if (is_reset || error == MOSQ_ERR_CONN_LOST)
+        return text + (is_reset ? "." : "") +
+               " The broker said nothing, as one does whose maximum packet size is too small for "
+               "the state message" +
+               (for_tls.empty() ? "" : ", or whose " + for_tls);
+    const bool may_be_tls = error == MOSQ_ERR_PROTOCOL && !for_tls.empty();
+    return text + (may_be_tls ? " Maybe its " + for_tls : "");
+}
+
+std::string BrokerLink::protection() const
+{
+    auto *connection = static_cast<SSL *>(mosquitto_ssl_get(client_));
+    return connection ? mqtt::protection(connection) : "";
 }
 
 void BrokerLink::on_connect(int reason, const mosquitto_property *list)

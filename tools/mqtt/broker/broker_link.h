@@ -37,11 +37,11 @@ enum class SendOutcome {
 
 class BrokerLink {
   public:
-    // Starts connecting. A problem is one of the configuration, as a certificate that cannot be
-    // read.
+    // Starts connecting, with a will or without. A problem is one of the configuration, as a
+    // certificate that cannot be read.
     static tool::Result<std::unique_ptr<BrokerLink>> start(const BrokerSettings &settings,
                                                            const Credentials &credentials,
-                                                           const Publication &will,
+                                                           const Publication *will,
                                                            BrokerEvents events);
     BrokerLink(const BrokerLink &) = delete;
     BrokerLink &operator=(const BrokerLink &) = delete;
@@ -59,15 +59,18 @@ class BrokerLink {
     bool subscribe(const Subscription &subscription, int &id);
     void unsubscribe(const std::string &filter);
 
+    // How the connection is encrypted, in words; empty where it is not.
+    std::string protection() const;
+
     // Says goodbye, so that the broker does not publish the will.
     void disconnect();
 
   private:
     explicit BrokerLink(BrokerEvents events);
     std::string prepare(const BrokerSettings &settings, const Credentials &credentials,
-                        const Publication &will);
+                        const Publication *will);
     std::string set_will(const Publication &will);
-    std::string set_tls(const TlsSettings &tls);
+    std::string set_tls(const TlsSettings &tls, const std::string &host);
     void set_callbacks();
     std::string end_text(int error) const;
     void on_connect(int reason, const mosquitto_property *list);

@@ -104,8 +104,9 @@ void BrokerSession::connect(Clock::time_point now)
     auto credentials = file.empty() ? tool::Result<Credentials>::of({}) : read_credentials(file);
     close_reason_ = credentials.problem;
     if (credentials) {
-        auto started = BrokerLink::start(configuration_.broker, *credentials.value,
-                                         state_message("offline"), link_events());
+        const Publication will = state_message("offline");
+        auto started =
+            BrokerLink::start(configuration_.broker, *credentials.value, &will, link_events());
         close_reason_ = started.problem;
         if (started) {
             link_ = std::move(*started.value);

@@ -3,6 +3,7 @@
 
 #include "config/rule_settings.h"
 #include "kp.h"
+#include "tls/tls_settings.h"
 
 #include <cstdint>
 #include <optional>
@@ -46,15 +47,6 @@ struct InRule : RuleSettings {
     std::string sender_state;                  // the topics on which senders say that they are
 
     std::string full_filter() const;
-};
-
-struct TlsSettings {
-    std::string ca_file;
-    std::string ca_path;
-    std::string cert_file;
-    std::string key_file;
-
-    bool operator==(const TlsSettings &) const = default;
 };
 
 struct BrokerSettings {

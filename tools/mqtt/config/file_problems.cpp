@@ -2,11 +2,11 @@
 
 #include "common/secret_file.h"
 #include "config/credentials.h"
+#include "tls/certificate.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,42 +40,6 @@ std::string plain_file_problem(const std::string &path, int rights)
     if (!S_ISREG(status.st_mode))
         return path + ": is no file";
     return access(path.c_str(), rights) == 0 ? "" : system_problem(path);
-}
-
-// The first kind of PEM block in a file that ends so, or an empty text.
-std::string pem_block(const std::string &path, std::string_view ending)
-{
-    constexpr std::string_view begin = "-----BEGIN ";
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) {
-        if (!line.starts_with(begin))
-            continue;
-        const std::string kind =
-            line.substr(begin.size(), line.find("-----", begin.size()) - begin.size());
-        if (kind.ends_with(ending))
-            return kind;
-    }
-    return {};
-}
-
-std::string certificate_problem(const std::string &path)
-{
-    if (std::string problem = plain_file_problem(path, R_OK); !problem.empty())
-        return problem;
-    return pem_block(path, "CERTIFICATE").empty() ? path + ": holds no PEM block of a certificate"
-                                                  : "";
-}
-
-std::string key_problem(const std::string &path)
-{
-    if (std::string problem = tool::secret_file_problem(path); !problem.empty())
-        return problem;
-    const std::string kind = pem_block(path, "PRIVATE KEY");
-    if (kind.empty())
-        return path + ": holds no PEM block of a private key";
-    return kind == "ENCRYPTED PRIVATE KEY" ? path + ": is encrypted, and nobody could be asked for "
-                                                    "its password"
-                                           : "";
 }
 
 } // namespace
@@ -112,13 +76,28 @@ std::vector<std::string> file_problems(const BrokerSettings &broker)
         note(read_credentials(broker.credentials_file).problem);
     if (!broker.tls)
         return problems;
-    for (const std::string &path : {broker.tls->ca_file, broker.tls->cert_file})
+    const TlsSettings &tls = *broker.tls;
+    const size_t before = problems.size();
+    for (const std::string &path : {tls.ca_file, tls.cert_file})
         if (!path.empty())
-            note(certificate_problem(path));
-    if (!broker.tls->ca_path.empty())
-        note(folder_problem(broker.tls->ca_path, R_OK | X_OK));
-    if (!broker.tls->key_file.empty())
-        note(key_problem(broker.tls->key_file));
+            note(plain_file_problem(path, R_OK));
+    if (!tls.ca_path.empty())
+        note(folder_problem(tls.ca_path, R_OK | X_OK));
+    if (!tls.key_file.empty())
+        note(tool::secret_file_problem(tls.key_file));
+    if (problems.size() == before)
+        for (std::string &problem : content_problems(tls.ca_file, tls.cert_file, tls.key_file))
+            note(std::move(problem));
+    return problems;
+}
+
+std::vector<std::string> date_problems(const BrokerSettings &broker)
+{
+    std::vector<std::string> problems;
+    const TlsSettings tls = broker.tls.value_or(TlsSettings{});
+    for (const std::string &path : {tls.ca_file, tls.cert_file})
+        if (std::string problem = path.empty() ? "" : file_date_problem(path); !problem.empty())
+            problems.push_back(std::move(problem));
     return problems;
 }
 

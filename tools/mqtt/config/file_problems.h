@@ -11,6 +11,10 @@ namespace kp::mqtt {
 // Of the credentials, keys and certificates; one line each, as the user who asks sees the files.
 std::vector<std::string> file_problems(const BrokerSettings &broker);
 
+// Certificates whose time is over or has not begun. A device whose clock is not set yet starts with
+// them all the same.
+std::vector<std::string> date_problems(const BrokerSettings &broker);
+
 // The same for the state file, or an empty text. It takes no lock, which a running bridge has, and
 // makes nothing. A start does not ask: what it finds then may mend itself.
 std::string state_file_problem(const std::string &path);
