@@ -16,7 +16,7 @@ KP_API kp_dict_entry *kp_dict_new_entry(kp_tag_t *tag);
 
 namespace kp {
 
-// The entry behind this one in its bucket, or null.
+// Gives the next entry of the same bucket, or null.
 kp_dict_entry *next_entry(const kp_dict_entry &entry);
 
 } // namespace kp

@@ -28,9 +28,9 @@ struct kp_t {
     kplist *sub_patterns;         // patterns, each a heap string
     kp_new_tag_info new_tag_info; // the outgoing announcement; the creating thread's
     uint32_t flags;
-    // Behind the fields that stand since the first version. The receive thread adds to the bits,
-    // any thread takes them; waiting_notice.cpp has the order.
-    int32_t notice_fd;     // an eventfd, 0 until kp_get_fd() has made it; then for good
+    // These follow the fields of the first version, whose places never change. The receive thread
+    // adds bits, any thread takes them; waiting_notice.cpp says in which order.
+    int32_t notice_fd;     // an eventfd; 0 until kp_get_fd() has made it, and never 0 again
     uint32_t notice_waits; // 1 once `notice_fd` was made readable for what waits
     kp::NoticeWords waiting_bits;
     kp::ForkLink fork_link;

@@ -3,11 +3,11 @@
 
 namespace kp {
 
-// 1 if the topic matches the pattern, else 0. Empty levels vanish; of a pattern's level only the
-// first character decides whether it is a wildcard.
+// Returns 1 if the topic matches the pattern, else 0. Empty levels do not count. Only the first
+// character of a pattern's level decides whether the level is a wildcard.
 int topic_match(const char *pattern, const char *topic);
 
-// Whether the text has a wildcard anywhere, which makes it a pattern rather than a plain topic.
+// Says whether the text has a wildcard anywhere: then it is a pattern and not a plain topic.
 bool is_pattern(const char *text);
 
 } // namespace kp

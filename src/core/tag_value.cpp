@@ -2,8 +2,8 @@
 // the quality of a plain write, the size rule and the marks in the handle's change notice.
 #include "core/handle.h"
 #include "core/tag.h"
-#include "store/buffered.h"
 #include "store/consistent.h"
+#include "store/plain.h"
 #include "support/clock.h"
 #include "support/log.h"
 
@@ -72,7 +72,8 @@ void mark_written(kp_t &handle, uint32_t hash)
 
 using namespace kp;
 
-// Without a stack protector, which costs a fortieth of a write: the time is all that lies on the stack.
+// Without a stack protector, which costs a fortieth of a write: the time is all that lies on the
+// stack.
 __attribute__((no_stack_protector)) int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag,
                                                          const void *value, uint32_t size)
 {

@@ -1,7 +1,7 @@
 // Named accesses to plain fields that another thread or process may touch at the same time. The
 // order is part of the name, so that a reader sees at the call what is guaranteed. On x86-64 and
-// AArch64 the relaxed ones are ordinary loads and stores. store_relaxed() is always inline, since the
-// compiler would make a call of that single instruction where it compiles for size.
+// AArch64 the relaxed ones are ordinary loads and stores. store_relaxed() is always inline, since
+// the compiler would make a call of that single instruction where it compiles for size.
 #pragma once
 
 #include <atomic>
@@ -30,8 +30,8 @@ template <typename T> void store_release(T &field, std::type_identity_t<T> value
     std::atomic_ref<T>(field).store(value, std::memory_order_release);
 }
 
-// Sequentially consistent: the slots of an endpoint are handed over by exchange alone, and the
-// counts beside them must not be reordered with it.
+// This one is sequentially consistent: the slots of an endpoint change hands by exchange alone, and
+// no access to the counts beside them may move across it.
 template <typename T> T load_ordered(const T &field)
 {
     return std::atomic_ref<T>(const_cast<T &>(field)).load(std::memory_order_seq_cst);
@@ -42,7 +42,7 @@ template <typename T> T exchange(T &field, std::type_identity_t<T> value)
     return std::atomic_ref<T>(field).exchange(value, std::memory_order_seq_cst);
 }
 
-// Stores `value` where the field still holds `expected`; says whether it did.
+// Stores `value` if the field still holds `expected`. Says whether it did.
 template <typename T>
 bool replace_if(T &field, std::type_identity_t<T> expected, std::type_identity_t<T> value)
 {

@@ -22,7 +22,7 @@ static_assert(sizeof(kp_new_tag_info) == kNewTagInfoSize && alignof(kp_new_tag_i
 static_assert(offsetof(kp_new_tag_info, type) == 0 && offsetof(kp_new_tag_info, topic) == 1);
 static_assert(sizeof(kp_new_tag_info::topic) == KP_NEW_TAG_TOPIC_SIZE);
 
-// Where a topic's hash has its bit in the bitmap of a change notice.
+// The byte, and the bit in it, that stand for a topic's hash in the bitmap of a change notice.
 constexpr uint32_t bitmap_byte(uint32_t hash)
 {
     return hash >> 3;

@@ -1,6 +1,8 @@
 // The segment: the 4080-byte file that holds one topic's value. docs/segment-format.md draws it.
-// Every process maps the whole file read-write and shared, so a field here can change at any moment
-// and is read and written through layout/field.h alone, whatever another process put into it.
+// Every process maps the whole file read-write and shared, so a field here can change at any
+// moment, and another process may put anything into it. Fields are read and written through
+// layout/field.h alone; the bytes of a value are copied and compared as a whole (store/bytes.h),
+// and the tools copy a whole segment and then prove the copy (tools/common/segment_reader.h).
 #pragma once
 
 #include "layout/field.h"
@@ -72,13 +74,14 @@ static_assert(sizeof(Segment) == kSegmentSize);
 static_assert(std::is_trivially_copyable_v<Segment>);
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the file format is little-endian");
 
-// Acquires what the provider declared before it set the flag.
+// Whoever finds the flag set sees also what the provider declared before it set the flag.
 inline bool is_valid(const Segment &segment)
 {
     return load_acquire(segment.state.flags) & kValid;
 }
 
-// The bytes of the stored value, never more than the value area holds whatever the field says.
+// The size of the stored value in bytes: never more than the value area holds, whatever the field
+// says.
 inline uint32_t stored_value_size(const Segment &segment)
 {
     const uint32_t size = load_relaxed(segment.written_value_size);

@@ -17,7 +17,7 @@ struct CloseFd {
     }
 };
 
-// The owner of a descriptor that ends as `Close` says.
+// Owns a descriptor and closes it with `Close`.
 template <typename Close> class FdOwner {
   public:
     FdOwner() = default;
@@ -81,12 +81,12 @@ class UniqueDir {
     {
         return dir_ != nullptr;
     }
-    // Goes back to the first entry, and to what the directory holds now.
+    // Starts again at the first entry, with what the directory holds now.
     void rewind() const
     {
         rewinddir(dir_);
     }
-    // The next entry but "." and "..", or null at the end.
+    // Gives the next entry and leaves out "." and ".."; null at the end.
     const dirent *next() const
     {
         const dirent *entry = readdir(dir_);

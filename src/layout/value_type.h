@@ -49,7 +49,7 @@ constexpr bool has_variable_size(uint32_t value_type)
            value_type == KP_TYPE_RAW;
 }
 
-// The bytes of a value of one of the types above.
+// The size in bytes of a value whose type is one of those above.
 constexpr uint32_t size_of_known_type(uint32_t value_type, uint32_t size)
 {
     const uint32_t fixed_size = kValueTypes[value_type].fixed_size;

@@ -1,8 +1,8 @@
 // The notification endpoint: one listening socket, connections from and to every other endpoint and
 // three threads. docs/notification.md tells how endpoints find each other,
 // docs/threads-and-locks.md who may touch what. A slot of a descriptor table belongs to whoever
-// takes the descriptor out of it, or puts it in, with one atomic exchange; the one lock covers which
-// entries of the directory are connected.
+// takes the descriptor out of it, or puts it in, with one atomic exchange; the one lock covers
+// which entries of the directory are connected.
 #pragma once
 
 #include "kp.h"
@@ -57,7 +57,7 @@ struct kp_notify_t {
     int32_t cancel_fds[2];     // a pipe; one byte in it wakes all threads. 0: never created
     int32_t new_server_fds[2]; // a pipe; one byte for each new connection. 0: never created
     uint8_t event_buf[kp::kEventBufferSize]; // the watch thread's
-    // From here on nothing is anybody else's business.
+    // The places of the fields from here on may change.
     uint32_t senders[kp::kSlotCount]; // threads that are sending on a slot's descriptor
     sem_t stop_cleared;               // posted by the accept thread once it has cleared `stop`
     sem_t watch_tried;                // posted by the watch thread once it watches, or cannot
@@ -99,13 +99,13 @@ void *message_receive_listener(void *arg);       // receives messages and calls 
 bool notify_server_init(kp_notify_t &endpoint);
 bool notify_client_init(kp_notify_t &endpoint);
 
-// Handles one batch of directory events; 1 if reading it failed, else 0.
+// Handles one batch of directory events. Returns 1 if reading it failed, else 0.
 int handle_read_event(kp_notify_t &endpoint, int fd);
 
 // Gives the receive buffer at least `size` bytes, losing its contents. Returns 0, or -1.
 int extend_message_size(kp_notify_t &endpoint, std::size_t size);
 
-// The bytes allocated for a receive buffer of `size` bytes: it is read in whole words.
+// How many bytes a receive buffer of `size` bytes takes: it is read in whole words.
 constexpr std::size_t message_room(std::size_t size)
 {
     return (size + sizeof(uint32_t) - 1) / sizeof(uint32_t) * sizeof(uint32_t);
@@ -124,10 +124,11 @@ inline bool is_stopping(const kp_notify_t &endpoint)
     return load_acquire(endpoint.stop) != 0;
 }
 
-// Whether an entry of the directory is the socket of somebody else.
+// Says whether an entry of the directory is the socket of another endpoint.
 bool is_peer(const kp_notify_t &endpoint, const dirent &entry);
 
-// Puts a descriptor into the first free slot; the slot's number, or `slots.size()` when none is.
+// Puts a descriptor into the first free slot. Gives the slot's number, or `slots.size()` when no
+// slot is free.
 std::size_t take_slot(std::span<int32_t> slots, int fd);
 
 // The number of the slot that holds a descriptor, or `slots.size()`.
@@ -145,16 +146,17 @@ struct ReadyEvents {
     std::span<const epoll_event> events;
 };
 
-// Adds the pipe that wakes the threads at a close. Gives the most that each wait may last: a day, or
-// so short a time that a thread sees the stop flag by itself when the pipe could not be added.
+// Adds the pipe that wakes the threads when the endpoint is closed. Gives the longest time that a
+// wait may last: a day, or, when the pipe could not be added, a time so short that the thread sees
+// the stop flag by itself.
 int watch_for_close(const kp_notify_t &endpoint, const OwnFd &poll,
                     LogSite site = LogSite::current());
 
 // Waits for events.
 ReadyEvents wait_for_events(const OwnFd &poll, std::span<epoll_event> room, int timeout_ms);
 
-// Says whether a thread can go on after such a wait; what went wrong is logged under the caller's
-// name.
+// Says whether a thread can go on after such a wait. If it cannot, the reason is logged under the
+// caller's name.
 bool can_go_on(Wait wait, LogSite site = LogSite::current());
 
 } // namespace kp

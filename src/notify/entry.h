@@ -32,7 +32,8 @@ Entry look_at(const char *path);
 // Whether two looks found the same file, or both found none.
 bool is_same(const Entry &one, const Entry &other);
 
-// Whether a connect may follow this entry: anything but a link that somebody else laid there.
+// Says whether a connect may follow this entry. It may, unless the entry is a link that another
+// user has put there.
 bool may_follow(const Entry &entry);
 
 // Who connects: the thread that opens the endpoint, with its scan of the directory, and the
@@ -40,8 +41,8 @@ bool may_follow(const Entry &entry);
 enum class Connector : uint8_t { opening, watch };
 constexpr std::size_t kConnectorCount = 2;
 
-// An entry that is connected, in the place of its slot, or is just being connected, in that of the
-// connector. A zero-filled one is free.
+// An entry that is connected, which stands at the place of its slot, or one that is just being
+// connected, which stands at the place of its connector. A zero-filled one is free.
 struct Claim {
     bool is_taken;
     Entry entry;
@@ -55,7 +56,7 @@ enum class Claimed { now, being_connected, connected };
 Claimed claim_entry(kp_notify_t &endpoint, Connector connector, const char *name,
                     const Entry &entry);
 
-// Gives a connector's claim up.
+// Gives up the claim of a connector.
 void drop_claim(kp_notify_t &endpoint, Connector connector);
 
 // Puts a connection into the first free slot of `server_fds`, and the connector's claim with it.

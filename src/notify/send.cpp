@@ -31,8 +31,8 @@ class SlotUse {
     uint32_t &senders_;
 };
 
-// Sends to the peer in a slot, if one is there still. Not inlined: the loop over the slots, of which
-// most are free, needs nothing of its frame.
+// Sends to the peer in a slot, if one is there still. Not inlined: the loop over the slots, of
+// which most are free, needs nothing of its frame.
 [[gnu::noinline]] void send_to(kp_notify_t &endpoint, int slot, const void *buf, uint32_t len)
 {
     const SlotUse use(endpoint.senders[slot]);

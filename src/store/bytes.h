@@ -8,8 +8,8 @@
 
 namespace kp {
 
-// Hides a size from the compiler, which would otherwise see its bound and replace the C library's
-// functions by string instructions, many times as slow.
+// Hides a size from the compiler. If the compiler saw the size's bound it would replace the C
+// library's functions by string instructions, which are many times slower.
 inline std::size_t unbounded(std::size_t size)
 {
     asm("" : "+r"(size));

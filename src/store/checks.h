@@ -1,5 +1,5 @@
-// What the operations on values share: their guards, each of which logs under its caller's name, and
-// their optional outputs.
+// What the operations on values share: their guards, each of which logs under its caller's name,
+// and their optional outputs.
 #pragma once
 
 #include "store/segment_file.h"
@@ -10,7 +10,7 @@ namespace kp {
 constexpr const char *kUndeclared =
     "shm is invalid. tag size and tag type should be set by provider.\n";
 
-// Stores a result where the caller wants one.
+// Stores a result if the caller wants it.
 template <typename T> void give(T *output, T value)
 {
     if (output)
@@ -45,7 +45,7 @@ inline Segment *segment_for_query(const kp_shm_t *shm, LogSite site = LogSite::c
     return segment;
 }
 
-// Whether there is a value, and a buffer of this size holds it whole.
+// Says whether there is a value and a buffer of this size can take all of it.
 inline bool value_fits(const Segment &segment, uint32_t buffer_size,
                        LogSite site = LogSite::current())
 {

@@ -1,10 +1,10 @@
-// The consistent read: attempts until one sees no write get in its way, or patience ends. consistent.h
-// tells what makes an attempt trustworthy.
+// The consistent read: attempts until one sees no write get in its way, or patience ends.
+// consistent.h tells what makes an attempt trustworthy.
 #include "store/consistent.h"
 
-#include "store/buffered.h"
 #include "store/checks.h"
 #include "store/doubt.h"
+#include "store/plain.h"
 
 #include <unistd.h>
 

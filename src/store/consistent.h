@@ -1,32 +1,36 @@
-// One attempt to read a value that was whole at one moment, written so that a test can play a writer
-// between any two of its steps.
+// One attempt to read a value that was whole at one moment, written so that a test can play a
+// writer between any two of its steps.
+//
+// An attempt copies the value and then compares the copy with the segment. It looks at `writing`
+// three times: before the copy, between copy and comparison, and after the comparison. Each look
+// must find it clear.
 //
 // Why no torn value passes while one process writes the topic. A write stores `last_write_ts`, sets
-// `writing`, then stores quality, source timestamp, bytes and size, and clears `writing`; the mark
-// is visible before any store that follows it and cleared after all of them, and `last_write_ts` is
-// stored after the write before is whole. Number the writes, and let C be those of which the copy,
-// and D those of which the comparison, saw anything. An attempt sees `writing` clear three times:
-//   1. before the copy, which makes write X and all before it visible: nothing in C is older than X;
-//   2. between copy and comparison, clear because of write Y: nothing in C is newer than Y, since
-//      who saw a part of a write sees its mark as well, and nothing in D is older than Y;
-//   3. after the comparison, clear because of write Z: nothing in D is newer than Z.
-// If X is Y, the copy saw one write alone. If Y is Z, the comparison did, and what it compared with
-// that write was equal. Either way the copy is a whole value. So a torn copy needs two whole writes
-// within the attempt, Y during the copy and Z during the comparison, and Z has to bring back every
-// byte that the copy has from before Y. `last_write_ts`, read before 1 and after 2 and 3, must also
-// be the same (to see it before 1 makes the write before it visible), so that timestamps which never
-// fall are those of Y and of Z too: the two writes, and the one that X preceded, lie within one
-// microsecond. A write that takes its time from the clock after that microsecond is over is always
-// told apart, so from then on a torn value cannot pass.
+// `writing`, stores quality, source timestamp, bytes and size, and clears `writing`. The mark is
+// visible before any store that follows it and is cleared after all of them. So a look that finds
+// it clear tells two things. What was read before the look is of writes that have ended, since
+// who sees a part of a write sees its mark as well. What is read after the look is not older than
+// the last of these writes. Let W1, W2 and W3 be the last writes that have ended for the first, the
+// second and the third look. Then the copy holds parts of W1 to W2 and of no other write, and the
+// comparison saw parts of W2 to W3 and of no other.
+//  - If W1 is W2, the copy holds one write alone, so it is whole.
+//  - If W2 is W3, the comparison saw one write alone. The copy is equal to it, so it is whole.
+//  - So a torn copy needs at least two writes within one attempt: W2, of which a part came into the
+//    copy, and W3, which must give back every byte that the copy has from before W2.
+// The timestamp makes even these two writes rare. `last_write_ts` is stored after the write before
+// is whole. It is read before the first look, which makes that write visible, and after the second
+// and the third look, and must be the same each time. If timestamps never fall, both writes have
+// this timestamp, so both took their time within one microsecond. A write that takes its time from
+// the clock after that microsecond is always told apart: from then on no torn value can pass.
 //
 // What remains:
 //  - Two writes within one attempt and one microsecond (or with one timestamp of the caller's own)
 //    of which the second restores the bytes. An attempt takes the time of two copies, and each of
-//    the writes a copy as well as a look at the clock.
-//  - A writer stopped between its first two stores: the value is whole, but is that of the write
-//    before the timestamp. The format offers nothing to tell the two apart but a source timestamp that
-//    equals the timestamp. Without it the write counts as seen only as long as nothing of it appears,
-//    so it is not missed (doubt.h).
+//    the writes takes the time of a copy and of a look at the clock.
+//  - A writer that was stopped between its first two stores. The value is whole, but it is that of
+//    the write before, and the timestamp is already the new one. The format offers one sign to tell
+//    the two apart: a source timestamp that equals the timestamp. Without it the new write counts
+//    as seen only as long as nothing of it appears, so it is not missed (doubt.h).
 //  - Two processes that write one topic at once, since each clears the mark of the other.
 //  - A provider that declares the topic again sets no mark: quality and source timestamp may be 0
 //    already beside the last value. Its clearing of the bytes is seen by the flag that it clears
@@ -134,8 +138,8 @@ bool try_consistent_read(const Segment &segment, uint8_t *buffer, uint32_t buffe
            is_still_quiet(segment, header, access) && is_settled(header, buffer);
 }
 
-// kp_shm_read() but for the copy: gives only a value that was whole at one moment, and marks it as
-// seen only then. Logs under its caller's name. Gives up after about a millisecond.
+// Does what kp_shm_read() does, but gives only a value that was whole at one moment, and marks it
+// as seen only then. Logs under its caller's name. Gives up after about a millisecond.
 int32_t read_consistent(kp_shm_t *shm, void *buffer, uint32_t buffer_size, uint64_t *timestamp,
                         uint8_t *quality, uint64_t *source_ts, LogSite site = LogSite::current());
 

@@ -15,8 +15,8 @@ namespace {
 // wakes nobody.
 constexpr int64_t kSemaphoreStepNs = 10'000'000;
 
-// After this time the holder counts as killed. The counts are atomic without the semaphore, so going
-// on is safe and waiting longer would hang every later close of the topic.
+// After this time the holder counts as killed. The counts are atomic without the semaphore, so
+// going on is safe and waiting longer would hang every later close of the topic.
 constexpr int64_t kSemaphorePatienceNs = 1'000'000'000;
 
 // Holds the segment's semaphore over a scope, or goes on without it when its holder is gone.

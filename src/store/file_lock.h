@@ -1,6 +1,6 @@
-// The lock on a segment's file: whoever counts a handle in and sees that the file is still linked, and
-// whoever removes the file after the last handle, does so under it. Else an open could count itself
-// into a file that is just being removed.
+// The lock on a segment's file. Whoever opens a handle counts it and looks whether the file still
+// has its name while holding this lock; so does whoever removes the file after the last handle.
+// Without the lock, a handle could be counted in a file that is just being removed.
 #pragma once
 
 #include "layout/unique_fd.h"
@@ -8,8 +8,8 @@
 namespace kp {
 
 // Holds the lock over a scope, or goes on without it when its holder does not give it back within a
-// second: a stopped process must not hang others. Given back by name, since the mapping of a file keeps
-// the lock as long as the descriptor that it was taken with.
+// second: a stopped process must not hang others. The destructor unlocks, because closing the
+// descriptor is not enough: the mapping of a file keeps the lock, too.
 class FileLock {
   public:
     // The descriptor must stay open for as long as the lock.

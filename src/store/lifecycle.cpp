@@ -1,6 +1,7 @@
 // Handles on segments: opening, counting, declaring and closing. Who counts a handle in looks
 // afterwards whether the file is still linked, and who removes the file looks before whether it is
-// still unused, both under the file's lock: so no handle is left with a file that nobody else finds.
+// still unused, both under the file's lock: so no handle is left with a file that nobody else
+// finds.
 #include "store/bytes.h"
 #include "store/counts.h"
 #include "store/file_lock.h"
@@ -35,8 +36,8 @@ bool may_open_again(int tries, int64_t start_ms)
 
 enum class Opening { done, orphaned, failed };
 
-// Counts the handle into its file. Orphaned when the last user has removed the file meanwhile; failed
-// when there is no semaphore.
+// Counts the handle into its file. Orphaned when the last user has removed the file meanwhile;
+// failed when there is no semaphore.
 Opening count_in(kp_shm_t &shm, const UniqueFd &fd, uint32_t role)
 {
     const FileLock lock(fd);

@@ -25,8 +25,8 @@ constexpr std::size_t kHelperStack = std::size_t{128} * 1024;
 constexpr int kFirstFreed = 3;
 constexpr int kLastFreed = 7;
 
-// Removes the name if it still leads to the file. The last look before the deed; who may write in the
-// directory could still put another of its own files there.
+// Removes the name if it still leads to the file. The last look before the deed; who may write in
+// the directory could still put another of its own files there.
 void unlink_if_same(const StorePlace &place, FileId file)
 {
     struct stat status;
@@ -94,7 +94,8 @@ void remove_without_descriptor(Removal removal)
     (void)pthread_attr_destroy(&attributes);
 }
 
-// Whether nobody has counted a handle in or declared anything. What is not there yet counts as zero.
+// Whether nobody has counted a handle in or declared anything. What is not there yet counts as
+// zero.
 bool is_untouched(const UniqueFd &fd)
 {
     struct {

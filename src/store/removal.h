@@ -5,14 +5,14 @@
 
 namespace kp {
 
-// Removes the file under a path if it is still the one that `shm` has mapped, and nobody has counted
-// a handle in since the counts were seen at 0. Where no descriptor can be had for it the file stays,
-// with counts of 0, for its next user to remove: removed without the lock it could be taken away from
-// somebody who is just opening it.
+// Removes the file under a path if it is still the one that `shm` has mapped, and if no handle was
+// counted in it since the counts were seen at 0. If no descriptor is left to take the lock with,
+// the file stays, with counts of 0, and its next user removes it. Without the lock it could be
+// removed under somebody who is just opening it.
 void remove_unused(const char *path, const kp_shm_t &shm);
 
-// Removes a file that the caller has just created and cannot make a segment of, unless somebody else
-// has begun to use it.
+// Removes a file that the caller has just created and cannot turn into a segment, unless another
+// process has begun to use it.
 void remove_leftover(const char *path, const UniqueFd &fd);
 
 } // namespace kp

@@ -1,5 +1,5 @@
-// The file behind a segment: its path, opening, sizing and mapping it, and the handle that keeps the
-// mapping. Shared by the handles and the instant operations.
+// The file behind a segment: its path, opening, sizing and mapping it, and the handle that keeps
+// the mapping. Shared by the handles and the instant operations.
 #pragma once
 
 #include "kp.h"
@@ -17,7 +17,7 @@ namespace kp {
 // topic with a level "..", which would leave the store. A path that is too long is cut.
 std::optional<PathBuffer> segment_path(const char *topic, LogSite site = LogSite::current());
 
-// Which file an open descriptor or a mapping is of, whatever stands under its name meanwhile.
+// Says which file an open descriptor or a mapping belongs to, whatever has its name meanwhile.
 struct FileId {
     dev_t device;
     ino_t inode;
@@ -27,13 +27,14 @@ struct FileId {
 
 struct FileState {
     FileId id;      // all zeros, which no file has, when the system does not tell
-    bool is_linked; // has a name still
+    bool is_linked; // the file still has a name
 };
 
 FileState file_state(const UniqueFd &fd);
 
 // Opens an existing segment file for reading and writing. Waits a moment for a process that has a
-// lease on the file, and no longer. None with errno set, to kForeignLink for a path that is refused.
+// lease on the file, and no longer. None with errno set, to kForeignLink for a path that is
+// refused.
 UniqueFd open_segment(const char *path);
 
 struct OpenedFile {
@@ -41,11 +42,11 @@ struct OpenedFile {
     bool created; // by this call and nobody else
 };
 
-// The same, and creates the file when it is missing.
+// Does the same, and creates the file when it is missing.
 OpenedFile open_or_create_segment(const char *path);
 
 // Gives the file its size and reserves its page, so that a full file system is an error here and
-// not a fatal signal at the first store. False with errno set.
+// not a fatal signal when a value is stored first. False with errno set.
 bool size_segment_file(const UniqueFd &fd);
 
 // Maps an open segment file; null with errno set.

@@ -68,7 +68,8 @@ char *take_level(char *&path)
     return *level ? level : nullptr;
 }
 
-// Puts the text of a link in front of the levels that are still to be entered; false with errno set.
+// Puts the text of a link in front of the levels that are still to be entered; false with errno
+// set.
 bool insert_link(int link, PathBuffer &levels, char *&rest)
 {
     PathBuffer text;
@@ -184,8 +185,8 @@ UniqueFd open_directory(const char *path)
     return high_fd(openat(walk.directory(), ".", kFlags));
 }
 
-// Makes the first directories by path. Safe without a descriptor as far as it goes: who may write in
-// the store cannot put a link in the place of its root, whose parent is root's.
+// Makes the first directories by path. Safe without a descriptor as far as it goes: who may write
+// in the store cannot put a link in the place of its root, whose parent is root's.
 void make_first_directories(char *path)
 {
     PathBuffer directory{};

@@ -12,7 +12,7 @@
 
 namespace kp {
 
-// The error of a path that leads through a link of somebody else. None of the calls made here gives
+// The error of a path that leads through a link of another user. None of the calls made here gives
 // it for another reason.
 constexpr int kForeignLink = EXDEV;
 
@@ -32,7 +32,7 @@ UniqueFd open_in_store(const char *path, int flags);
 // Opens a directory for listing it; null with errno set. The caller owns the stream.
 DIR *open_store_directory(const char *path);
 
-// Whether a path leads to something, as access() tells it: behind a link in the last place too.
+// Says whether a path leads to something, as access() does: a link at its end is followed.
 bool exists_in_store(const char *path);
 
 // Makes the missing directories above the last level of a path, which it changes while it works. A

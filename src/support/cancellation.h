@@ -1,4 +1,4 @@
-// Keeping a thread from being cancelled where it would leave something taken or counted behind.
+// Keeps a thread from being cancelled where it would leave a lock taken or a count too high.
 #pragma once
 
 #include <pthread.h>

@@ -15,7 +15,7 @@ inline uint64_t wall_clock_us()
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_usec);
 }
 
-// The clock that nobody sets, for intervals.
+// The monotonic clock, for intervals: nobody can set it.
 inline int64_t monotonic_ns()
 {
     timespec now{};

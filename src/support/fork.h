@@ -13,7 +13,7 @@
 
 namespace kp {
 
-// Covers everything below. No fork() goes on while it is held, so it is held over no wait.
+// Covers everything below. No fork() can go on while it is held, so nobody waits while holding it.
 extern pthread_mutex_t fork_mutex;
 
 // Enters a descriptor in the set of those that a child closes, or takes it out again. The caller
@@ -55,8 +55,8 @@ struct ForkLink {
 void enter_fork_link(ForkLink &link, void (*told)(void *record), void *record);
 void leave_fork_link(ForkLink &link);
 
-// Makes sure that children are noticed, and gives this process's number: another one than its
-// parent's.
+// Makes sure that the library notices children, and gives this process's number, which is another
+// one than that of its parent.
 uint32_t fork_generation();
 
 } // namespace kp

@@ -1,5 +1,5 @@
 // What the library itself needs of lists beside the public functions: inserts that say whether they
-// took place, and the taking of a whole chain.
+// succeeded, and a way to take the whole chain.
 #pragma once
 
 #include "kp.h"

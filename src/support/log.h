@@ -8,8 +8,8 @@
 
 namespace kp {
 
-// Where a log line says that it comes from. As a helper's last parameter, with current() as its
-// default, it makes the helper log under its caller's name.
+// The place that a log line says it comes from. A helper that has it as its last parameter, with
+// current() as the default, logs under its caller's name.
 struct LogSite {
     const char *function;
     int line;
@@ -47,11 +47,13 @@ void write_plain(const char *text);
 
 namespace kp {
 
-// Logs a text at ERROR, out of the way of the code that finds nothing missing.
+// Logs a text at ERROR. It stands in a function of its own, so that a guard that passes costs
+// little.
 [[gnu::cold, gnu::noinline]] void log_missing(const char *text, const char *function, int line);
 
-// The guard of a required pointer: says whether it is null, after `text` at ERROR under the caller's
-// name. Takes the parts of a LogSite, since the record would be filled before the test.
+// The guard of a required pointer: says whether it is null, and if so logs `text` at ERROR under
+// the caller's name. Takes the parts of a LogSite, since a whole one would be filled before the
+// test.
 [[gnu::always_inline]] inline bool is_null(const void *pointer, const char *text,
                                            const char *function = __builtin_FUNCTION(),
                                            int line = __builtin_LINE())

@@ -1,6 +1,7 @@
-// The hot path of writing and reading, inline because a tag's write and read consist of little else:
-// first whether nothing stands in the way, then the work itself. What does stand in the way, the
-// exported functions find out again and report under their own names.
+// The plain write and the plain read. They are inline because a tag's write and read consist of
+// little else. Each first asks whether anything stands in the way, and then does its work. If
+// something does, the caller takes a slower way, whose functions find out again what it is and
+// report it under their own names.
 #pragma once
 
 #include "layout/value_type.h"
@@ -40,7 +41,7 @@ class WriteMark {
 
 // Bounds of the wait for a writer that is copying a value in.
 constexpr int kWriterTries = 10;
-constexpr uint32_t kWriterPauseUs = 10; // a write lasts less than a microsecond
+constexpr uint32_t kWriterPauseUs = 10; // a write takes less than a microsecond
 
 inline bool is_being_written(const Segment &segment)
 {
@@ -80,8 +81,8 @@ inline SizeFault find_size_fault(const Segment &segment, uint32_t size)
     return static_cast<int32_t>(size);
 }
 
-// Whether a value is declared and nobody is writing it, in one comparison of the whole word. A
-// `writing` of neither 0 nor 1 marks no write, but is left to the careful way.
+// Whether a value is declared and nobody is writing it, in one comparison of the whole word. If
+// `writing` is neither 0 nor 1 nobody writes, but this says false and leaves it to kp_shm_read().
 inline bool is_declared_and_quiet(WriteState state)
 {
     constexpr auto kMask = std::bit_cast<uint16_t>(WriteState{0xff, kValid});
@@ -90,7 +91,7 @@ inline bool is_declared_and_quiet(WriteState state)
 }
 
 // True when a value is declared and there, fits the buffer and is not being written. One load tells
-// the first and the last of these, and what they vouch for is read after it.
+// that it is declared and that nobody is writing it; all else is read after this load.
 inline bool can_be_read(const Segment &segment, uint32_t buffer_size)
 {
     if (!is_declared_and_quiet(load_acquire(segment.state)))
@@ -99,8 +100,8 @@ inline bool can_be_read(const Segment &segment, uint32_t buffer_size)
     return size != 0 && size <= buffer_size;
 }
 
-// The bytes of the value as they are now, which may be more than a moment ago: no more than the
-// buffer holds is copied or told.
+// The size of the value as it is now, but no more than the buffer holds: the value may have grown
+// since can_be_read() looked.
 inline uint32_t readable_size(const Segment &segment, uint32_t buffer_size)
 {
     return std::min(stored_value_size(segment), buffer_size);

@@ -1,7 +1,7 @@
 // Writing and reading through an open segment, without a lock or, but for the wait for a writer, a
 // system call. The `writing` byte is all that readers and writer share: a reader that finds it
 // clear copies without a further check, so a write that begins during the copy can tear the value.
-#include "store/buffered.h"
+#include "store/plain.h"
 
 #include "store/checks.h"
 #include "store/doubt.h"
