@@ -1,7 +1,7 @@
 // kp dump and kp restore: the store as JSON lines and back, exact to the bit.
 #include "commands/commands.h"
+#include "commands/store_walk.h"
 #include "common/text.h"
-#include "device/store_walk.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"

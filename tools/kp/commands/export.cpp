@@ -1,9 +1,9 @@
 // kp export: the topics in the format of another system.
 #include "commands/commands.h"
+#include "commands/store_walk.h"
 #include "common/clock.h"
 #include "common/text.h"
 #include "common/value_text.h"
-#include "device/store_walk.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 
