@@ -197,7 +197,7 @@ TEST(KpRestore, BringsBackTheMaximumOfATopicWhenForced)
 TEST(KpRestore, KeepsAMaximumOfZero)
 {
     put_double("number", 1);
-    put_text("text", "x"); // as one-shot writes leave them
+    put_text("text", "x"); // as instant writes leave them
     const std::string dumped = kp({"dump"}).out;
     ASSERT_EQ(filtered(dumped, {"jq", "-c", ".max"}), "0\n0\n");
     std::filesystem::remove_all("/dev/shm/zu-kp");

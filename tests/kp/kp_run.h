@@ -44,7 +44,7 @@ constexpr uint64_t kFutureUs = 4'102'444'800'123'456; // 2100-01-01T00:00:00.123
 // A process as the tool shows it, by number and program. An emulated one has the emulator's name.
 std::string shown(pid_t pid);
 
-// Writes a topic in one shot, with quality 1 and kFutureUs as both of its times.
+// Writes a topic by an instant write, with quality 1 and kFutureUs as both of its times.
 void put(const std::string &topic, uint32_t type, const std::string &bytes);
 void put_double(const std::string &topic, double value);
 void put_text(const std::string &topic, const std::string &text);

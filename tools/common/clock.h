@@ -21,13 +21,13 @@ inline uint64_t clock_us(clockid_t clock)
     return to_us(now);
 }
 
-// The wall clock since the Unix epoch, as the timestamps of writes are.
+// The wall clock since the Unix epoch, which also gives writes their timestamps.
 inline uint64_t now_us()
 {
     return clock_us(CLOCK_REALTIME);
 }
 
-// For intervals of our own.
+// The monotonic clock, for the tools' own intervals.
 inline uint64_t monotonic_us()
 {
     return clock_us(CLOCK_MONOTONIC);

@@ -7,15 +7,15 @@
 
 namespace kp::tool {
 
-// Two lower-case digits for each byte.
+// Gives two lower-case digits for each byte.
 std::string to_hex(std::string_view bytes);
-// Nothing for what is no pairs of digits. Spaces and colons between the bytes and a leading "0x" are
-// allowed.
+// Gives nothing if the text is not made of pairs of digits. Spaces and colons between the bytes and
+// a leading "0x" are allowed.
 std::optional<std::string> from_hex(std::string_view text);
 
-// With padding, in one line.
+// Gives one line with padding.
 std::string to_base64(std::string_view bytes);
-// Nothing for what is no base64 with padding.
+// Gives nothing if the text is not base64 with padding.
 std::optional<std::string> from_base64(std::string_view text);
 
 } // namespace kp::tool

@@ -12,11 +12,12 @@ void catch_bus_errors();
 // Where the handler returns to; null outside a guarded access.
 extern thread_local sigjmp_buf *fault_return;
 
-// Called before a fault outside of a guarded access ends the program, where it is set; may call what a
-// signal handler may.
+// If it is set, it is called before a fault outside of a guarded access ends the program. It may
+// call what a signal handler may.
 extern void (*before_fatal_bus_error)();
 
-// Runs `access`, which must own nothing and call nothing that does. False when the memory was gone.
+// Runs `access`, which is left by a jump if the memory is gone: so it must own nothing, nor may
+// what it calls. Says with false that the memory was gone.
 template <typename Access> __attribute__((noinline)) bool guarded(const Access &access)
 {
     sigjmp_buf here;

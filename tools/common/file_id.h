@@ -1,4 +1,5 @@
-// What tells one file from all others on the device, also from a later one of the same name.
+// The identity of a file: it tells the file from all others on the device, also from a later one
+// that has the same name.
 #pragma once
 
 #include <compare>

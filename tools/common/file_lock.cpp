@@ -34,7 +34,7 @@ FileLock::FileLock(FileLock &&other) noexcept : fd_(std::exchange(other.fd_, -1)
 {
 }
 
-// By name, since a mapping keeps the lock as long as the descriptor that it was taken with.
+// Unlocks, because closing the descriptor is not enough: a mapping of the file keeps the lock, too.
 FileLock::~FileLock()
 {
     const KeepErrno keep;

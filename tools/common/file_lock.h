@@ -1,6 +1,6 @@
-// The lock on a segment's file under which handles are counted in and files removed: whoever holds it
-// can look at the counts and act before anybody else counts itself in. Builds of the library without
-// this lock do not wait for it.
+// The lock on a segment's file. The library counts a handle, and removes a file, only while holding
+// it. So whoever holds it can look at the counts and act on them before another handle is counted.
+// Builds of the library that do not know this lock do not wait for it.
 #pragma once
 
 #include "layout/unique_fd.h"
@@ -18,7 +18,7 @@ class FileLock {
     FileLock &operator=(FileLock &&) = delete;
     ~FileLock();
 
-    // False when its holder did not give it back.
+    // False when another process did not give the lock back in time.
     bool is_held() const
     {
         return fd_ >= 0;

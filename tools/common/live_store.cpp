@@ -12,7 +12,8 @@ namespace {
 
 // Directory times move in steps of the kernel's clock tick, at most 10 ms.
 constexpr uint64_t kClockTickUs = 20'000;
-// So many of its mappings a program keeps for its own memory, and of its descriptors for other files.
+// A program keeps so many of its mappings for its own memory, and so many of its descriptors for
+// other files.
 constexpr std::size_t kOwnMappings = 5'000;
 constexpr std::size_t kOwnDescriptors = 200;
 constexpr std::size_t kUsualMappings = 65'530;

@@ -1,6 +1,7 @@
-// The topics of a selection, kept mapped or open as far as the system allows, and looked at again and again: new ones are found, those
-// that vanish are dropped, and one that was removed and made anew is followed in its new file. A file
-// that cannot be read is tried again now and then: it may be given back its rights or its size.
+// The topics of a selection, for programs that look at them again and again. Their files stay
+// mapped or open as far as the system allows. New topics are found, and those that vanish are
+// dropped; one that was removed and made anew is followed in its new file. A file that cannot be
+// read is tried again now and then, since somebody may give it back its rights or its size.
 #pragma once
 
 #include "common/segment_reader.h"
@@ -19,11 +20,12 @@ struct LiveTopic {
     WriteStamp seen;         // of the last look
     bool is_new = true;      // not looked at yet
     bool unfinished = false; // a write was going on at the last look
-    bool was_stuck = false;  // the same write, which does not end
-    bool is_due = false;     // to be brought again whatever the next look sees
+    bool was_stuck = false;  // that write does not end, which has been reported
+    bool is_due = false;     // the next look brings it again, even if it was not written
 
-    // To be called with what was read after a look: it can be of a later write than the look saw, which
-    // must not be brought again. What could not be read whole comes again.
+    // Whoever reads the topic calls this with what was read. That may be a later write than the
+    // look saw, which must then not be brought again. What could not be read whole is brought
+    // again.
     void note_read(const Snapshot &snapshot)
     {
         is_due = snapshot.condition == Condition::busy;
@@ -39,8 +41,8 @@ class LiveStore {
         std::size_t mappings;
         std::size_t descriptors;
     };
-    // What the system allows, less what the program needs for itself. Raises the process's limit of
-    // descriptors as far as it may.
+    // Gives what the system allows, without what the program needs for itself. Raises the process's
+    // limit of descriptors as far as it may.
     static Limits system_limits();
 
     explicit LiveStore(const Selection &selection, const Limits &limits = system_limits())
@@ -54,8 +56,8 @@ class LiveStore {
     // that could not be read.
     void refresh();
 
-    // Calls `use(topic, is_new)` for each topic that was written since the last look. Who reads the topic
-    // then calls its note_read().
+    // Calls `use(topic, is_new)` for each topic that was written since the last look. Whoever then
+    // reads the topic calls its note_read().
     template <typename Use> void for_each_change(const Use &use)
     {
         for (auto &[name, live] : topics_)
@@ -63,7 +65,7 @@ class LiveStore {
         drop_lost();
     }
 
-    // The same for the topics for which `covers(topic)` holds.
+    // Does the same, but looks only at the topics for which `covers(topic)` is true.
     template <typename Covers, typename Use>
     void for_each_change_where(const Covers &covers, const Use &use)
     {
@@ -79,17 +81,17 @@ class LiveStore {
     }
     // Notes a problem for take_problems(), unless it was noted before.
     void report(const Problem &problem);
-    // Those found whose files cannot be read.
+    // How many topics were found whose files cannot be read.
     std::size_t refused_count() const
     {
         return refused_.size();
     }
-    // Drops what a user keeps of topics that are gone.
+    // Drops from a map by topic what belongs to topics that are gone.
     template <typename Kept> void forget_removed(std::map<std::string, Kept> &kept) const
     {
         std::erase_if(kept, [this](const auto &entry) { return !topics_.contains(entry.first); });
     }
-    // The problems met since the last call, each once and in the order of the topics.
+    // Gives the problems met since the last call, each once and sorted by their text.
     std::vector<Problem> take_problems();
 
   private:

@@ -1,5 +1,5 @@
-// The buckets of change notices, gathered on the library's receive thread until the program has time
-// for them. Nothing here waits, allocates or grows, so a slow program never slows a writer.
+// The buckets of change notices, gathered on the library's receive thread until the program has
+// time for them. Nothing here waits, allocates or grows, so a slow program never slows a writer.
 #pragma once
 
 #include "kp.h"

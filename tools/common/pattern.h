@@ -1,7 +1,8 @@
-// Patterns over topics, in the two dialects that the tools meet. Both know "+" for one level and "#"
-// for the remaining ones. They differ in three rules:
-//  - in a pattern of tags, "#" stands for at least one level (`a/#` does not cover `a`), empty levels
-//    vanish, and only the first character of a level is looked at. These rules are the library's.
+// Patterns over topics, in the two dialects that the tools meet. Both know "+" for one level and
+// "#" for the remaining ones. They differ in three rules:
+//  - in a pattern of tags, "#" stands for at least one level (`a/#` does not cover `a`), empty
+//    levels vanish, and only the first character of a level is looked at. These rules are the
+//    library's.
 //  - in a filter of MQTT, "#" covers the parent too (`a/#` covers `a`), empty levels count, and a
 //    wildcard is a level by itself.
 #pragma once
@@ -23,7 +24,7 @@ class Pattern {
     // cannot. The directory is a relative path without slashes at its ends.
     bool may_cover_below(std::string_view directory) const;
 
-    // The other pattern of the next three has the same dialect.
+    // For the next three functions `other` must have the same dialect.
 
     // Says whether some topic is covered by both.
     bool meets(const Pattern &other) const;
@@ -34,7 +35,7 @@ class Pattern {
     bool is_more_exact_than(const Pattern &other) const;
 
   private:
-    enum class Kind { rest, any, name }; // in the order of what they tell
+    enum class Kind { rest, any, name }; // the later, the more exact
     struct Level {
         Kind kind;
         std::string name;
@@ -59,8 +60,9 @@ class Pattern {
 // Says whether a pattern of tags has a wildcard, or might have.
 bool is_pattern(std::string_view text);
 
-// A phrase that says what is wrong with a pattern in a configuration; empty when nothing is. Stricter
-// than the library: a wildcard must stand alone in its level, and "#" must be the last level.
+// A phrase that says what is wrong with a pattern in a configuration; empty when nothing is.
+// Stricter than the library: a wildcard must stand alone in its level, and "#" must be the last
+// level.
 std::string pattern_problem(std::string_view text, Dialect dialect);
 
 } // namespace kp::tool

@@ -1,5 +1,5 @@
-// A problem is what stands in the way of one thing that was asked for: words for the user, and a kind
-// that a program can act on.
+// A problem is what stands in the way of one thing that was asked for: words for the user, and a
+// kind that a program can act on.
 #pragma once
 
 #include <string>

@@ -40,8 +40,8 @@ std::vector<pid_t> all_pids()
     return pids;
 }
 
-// The fields of the stat line from the state on. The name before them, which may hold anything, ends at
-// the last bracket. Empty for a process that has ended.
+// The fields of the stat line from the state on. The name before them, which may hold anything,
+// ends at the last bracket. Empty for a process that has ended.
 std::string stat_fields(pid_t pid)
 {
     std::ifstream file(proc_path(pid, "stat"));

@@ -1,5 +1,6 @@
-// Who is who: processes with their programs and users, the segments that they map and the sockets
-// that they hold, from /proc. Processes of other users show only to root.
+// The processes of the device with their programs and users, the segments that they map and the
+// sockets that they hold. All this comes from /proc, which shows processes of other users only to
+// root.
 #pragma once
 
 #include "common/file_id.h"
@@ -23,15 +24,15 @@ struct Process {
 };
 
 Process process_of(pid_t pid);
-// When it started, in clock ticks since the boot; tells it from a later process with the same number.
-// 0 for a process that has ended.
+// When a process started, in clock ticks since the boot; 0 if it has ended. The time tells it from
+// a later process with the same number.
 uint64_t start_of(pid_t pid);
 std::string user_name(uid_t uid);
 std::string group_name(gid_t gid);
 // The permission bits in octal.
 std::string mode_text(mode_t mode);
 
-// The processes whose parent it is now, those that have ended but not been waited for included.
+// The present children of a process, with those that have ended but that nobody has waited for.
 std::vector<pid_t> children_of(pid_t parent);
 
 // The groups that a process's rights come from; nothing when it has ended.
@@ -40,7 +41,8 @@ std::optional<std::set<gid_t>> groups_of(pid_t pid);
 // "1234 program (user)"
 std::string process_text(const Process &process);
 
-// One process's mappings of one segment: the library maps it once for each open handle, writable.
+// One process's mappings of one segment. The library maps a segment, writable, once for each open
+// handle.
 struct Mapper {
     pid_t pid;
     unsigned writable = 0;

@@ -5,8 +5,9 @@
 
 namespace kp::tool {
 
-// What is wrong with them, or an empty text: others than its owner and group can read it, others than
-// its owner can write it, or it belongs neither to root nor to this process's user.
+// Says what is wrong with the rights; an empty text when nothing is. Only the owner and the group
+// may read the file, only the owner may write it, and the owner must be root or this process's
+// user.
 std::string secret_file_problem(const std::string &path);
 
 } // namespace kp::tool

@@ -107,8 +107,8 @@ void store(Segment &segment, const StoredValue &value)
     store_relaxed(segment.written_value_size, size);
 }
 
-// Readers wait from the first store of `writing` to the last. A topic becomes valid only when all that
-// this says of it is there, so that those who do not look at `writing` find it whole too.
+// Readers wait from the first store of `writing` to the last. A topic becomes valid only when all
+// that this says of it is there, so that those who do not look at `writing` find it whole too.
 void write(Segment &segment, const Declaration *declaration, const StoredValue *value, uint64_t now)
 {
     if (value)

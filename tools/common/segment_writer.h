@@ -1,5 +1,6 @@
-// Writing a topic the way the library's one-shot write does, below descriptors: no link in the store is
-// followed, nothing stays mapped, and a topic that could not be written whole is not left behind empty.
+// Writes a topic as the library's instant write does, but through descriptors: no link in the store
+// is followed, nothing stays mapped, and a topic that could not be written whole is not left behind
+// empty.
 #pragma once
 
 #include "common/store_files.h"
@@ -25,8 +26,8 @@ struct StoredValue {
     uint8_t quality = 0;    // 255 keeps what is there
 };
 
-// Makes the topic where there is none, declares it and stores the value, each where it is given;
-// readers see it all at once. False with a problem; errno then says why, or is 0.
+// Makes the topic if there is none, and then declares it and stores the value, if these are given.
+// Readers see it all at once. False with a problem; errno then says why, or is 0.
 bool store_segment(TopicOpener &opener, const std::string &topic,
                    const std::optional<Declaration> &declaration,
                    const std::optional<StoredValue> &value, Problem &problem);

@@ -1,5 +1,5 @@
-// What a user asked to look at: topics and patterns, less those that are excluded. When nothing is
-// given, everything is meant.
+// What a user asked to look at: topics and patterns, without those that are excluded. When nothing
+// is given, all topics are meant.
 #pragma once
 
 #include "common/pattern.h"
@@ -15,7 +15,7 @@ class Selection {
     bool covers(std::string_view topic) const;
     // Says whether a topic below this directory can be covered.
     bool may_cover_below(std::string_view directory) const;
-    // The topic, when exactly one was given and no pattern.
+    // The topic, if exactly one topic was given and no pattern.
     const std::optional<std::string> &single_topic() const
     {
         return single_topic_;

@@ -1,5 +1,5 @@
-// What a service manager is told, over the socket that it names in NOTIFY_SOCKET; nothing without
-// one.
+// Tells the service manager how the program is, over the socket that the manager names in the
+// variable NOTIFY_SOCKET. Without that variable nothing is sent.
 #pragma once
 
 #include <chrono>
@@ -13,10 +13,10 @@ class ServiceManager {
 
     void ready() const;
     void stopping() const;
-    // The configuration is being read again; ready() says that this is done.
+    // Says that the configuration is being read again; ready() then says that this is done.
     void reloading() const;
     void status(const std::string &text) const;
-    // Says that the main loop turns, if the manager watches it and it is time.
+    // Says that the main loop still runs, if the manager wants to know and if it is time.
     void keep_watchdog_quiet(std::chrono::steady_clock::time_point now);
 
   private:

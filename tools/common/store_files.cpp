@@ -64,8 +64,8 @@ UniqueFd make_level(int parent, const std::string &name)
     return open_level(parent, name);
 }
 
-// The root stands in a directory where everybody may make files. It may be a link, but only one that
-// root or this user made.
+// The root stands in a directory where everybody may make files. It may be a link, but only one
+// that root or this user made.
 UniqueFd open_root()
 {
     UniqueFd fd(open(kStoreRoot, kDirectoryFlags | O_NOFOLLOW));

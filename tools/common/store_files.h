@@ -1,6 +1,6 @@
-// The store as files: finding topics at any depth, opening and removing them. Whoever may write in the
-// store is not trusted with the rights of whoever runs a tool, so everything below the store's root is
-// reached level by level through descriptors, and no link there is followed.
+// The store as files: finds topics at any depth, opens and removes them. Somebody who may write in
+// the store must not get the rights of somebody who runs a tool. So everything below the store's
+// root is reached level by level through descriptors, and no link there is followed.
 #pragma once
 
 #include "common/file_id.h"
@@ -56,8 +56,9 @@ enum class Place {
 };
 Place place_of(const std::string &topic);
 
-// Where a topic's file lies: a name in an open directory, on which every deed is done (openat,
-// fstatat, unlinkat, linkat). The descriptor belongs to the TopicOpener and lasts until its next call.
+// Where a topic's file lies: an open directory and a name in it. All work on the file uses these
+// two (openat, fstatat, unlinkat, linkat). The descriptor belongs to the TopicOpener and is valid
+// until its next call.
 struct TopicPlace {
     int directory;
     std::string name;
@@ -66,8 +67,8 @@ struct TopicPlace {
 // Opens and removes topics one after another, and keeps the directory of the last one at hand.
 class TopicOpener {
   public:
-    // Lets the directory go. To be called at the begin of each round of work, since another one may
-    // have taken its name meanwhile.
+    // Closes the directory. To be called at the start of each round of work, since another
+    // directory may have taken its name meanwhile.
     void start_round()
     {
         directory_fd_.reset();
@@ -75,12 +76,12 @@ class TopicOpener {
 
     // Nothing, with a problem, when the directory does not exist or may not be entered.
     std::optional<TopicPlace> locate(const std::string &topic, Problem &problem);
-    // The same, after making those directories that are missing.
+    // Does the same, but first makes the directories that are missing.
     std::optional<TopicPlace> make_place(const std::string &topic, Problem &problem);
 
     // A descriptor of the segment, or a problem: no such topic, no permission, not a segment.
     UniqueFd open(const std::string &topic, Problem &problem, int access = O_RDONLY);
-    // The same for whatever lies there, so that the caller finds out by reading.
+    // Does the same for a file of any kind: the caller finds out what it is by reading it.
     UniqueFd open_any(const std::string &topic, Problem &problem, int access = O_RDONLY);
     // Why an open file is no segment.
     static Problem not_a_segment(const std::string &topic, const UniqueFd &fd);
@@ -89,7 +90,8 @@ class TopicOpener {
     bool status(const std::string &topic, struct stat &status, Problem &problem);
     // Removes the file; false with a problem.
     bool remove(const std::string &topic, Problem &problem);
-    // The same, if it still is the file that the caller knows: looks again directly before the deed.
+    // Removes the file only if it still is the one that the caller knows, which it looks at again
+    // directly before.
     bool remove_same(const std::string &topic, const FileId &file, Problem &problem);
 
   private:

@@ -1,5 +1,5 @@
-// Reads the values of one TOML table by name and type and collects what is wrong with them, with
-// lines, instead of stopping at the first.
+// Reads the values of one TOML table by name and type. It does not stop at the first mistake: it
+// collects all of them, with their lines.
 #pragma once
 
 #include "common/result.h"
@@ -29,7 +29,8 @@ class TableReader {
         return table_.contains(key);
     }
 
-    // Each leaves the target alone when the key is missing, and adds a problem when it is wrong.
+    // Each of these leaves the target as it is if the key is missing, and adds a problem if the
+    // value is wrong.
     void read(const char *key, std::string &target);
     void read(const char *key, bool &target);
     void read(const char *key, std::vector<std::string> &target);
@@ -39,9 +40,9 @@ class TableReader {
         if (const auto value = integer(key, least, most))
             target = static_cast<T>(*value);
     }
-    // Seconds with fractions.
+    // Reads seconds, which may have fractions.
     void read(const char *key, std::chrono::milliseconds &target, double least, double most);
-    // A text that `parse` takes; its problem otherwise.
+    // Reads a text that `parse` accepts; else its problem is added.
     template <typename T>
     void read(const char *key, T &target,
               const std::function<Result<T>(const std::string &)> &parse)

@@ -1,5 +1,5 @@
-// Text that is safe to show. Names and values come from other processes, and a control sequence in one
-// of them must not reach a terminal or a log.
+// Text that is safe to show. Names and values come from other processes, and a control sequence in
+// one of them must not reach a terminal or a log.
 #pragma once
 
 #include <string>
@@ -27,21 +27,22 @@ bool is_unsafe_to_show(char32_t value);
 // itself. All else stays as it is.
 std::string escaped(std::string_view text);
 
-// From now on `escaped` escapes all that is not ASCII, for a terminal that takes each byte by itself: in
-// UTF-8 some bytes are control characters to it. Called before there are threads.
+// From now on escaped() escapes everything that is not ASCII. This is for a terminal that takes
+// each byte by itself: some bytes of UTF-8 are control characters to it. To be called before there
+// are threads.
 void escape_for_8_bits(bool wanted);
 
-// A word for a shell that stands for just these bytes, safe to show and to paste. It is in quotes, and
-// in those of bash where something in it must not reach the terminal.
+// A word that a shell reads as just these bytes, and that is safe to show and to paste. It is in
+// plain quotes, or in those of bash ($'...') if it has characters that must not reach the terminal.
 std::string shell_word(std::string_view text);
 
 // Columns that escaped text takes on a terminal.
 std::size_t display_width(std::string_view text);
 
-// Cuts to `columns`, with an ellipsis at the end where something is missing.
+// Cuts the text to `columns`. If something was cut off an ellipsis stands at the end.
 std::string shortened(std::string_view text, std::size_t columns);
 
-// Fills with spaces to `columns`: behind the text, or in front of it.
+// Fills the text with spaces up to `columns`: behind it, or in front of it.
 std::string padded(std::string_view text, std::size_t columns);
 std::string padded_left(std::string_view text, std::size_t columns);
 

@@ -18,15 +18,15 @@ enum class Dialect { tags, mqtt };
 
 using Levels = std::vector<std::string_view>;
 
-// The levels of a topic or a pattern. Empty ones vanish from the names of tags and count in MQTT. The
-// views are into `text`.
+// Gives the levels of a topic or a pattern. Empty levels do not count in the names of tags, but do
+// in MQTT. The views point into `text`.
 Levels split_levels(std::string_view text, Dialect dialect = Dialect::tags);
 
-// Joins two parts with a slash where neither is empty.
+// Joins two parts, with a slash between them if neither is empty.
 std::string join_levels(std::string_view first, std::string_view second);
 
-// The topic with single slashes between its levels; nothing, with a problem, for what could not be a
-// file of the store.
+// Gives the topic with single slashes between its levels; nothing, with a problem, if it could not
+// be a file of the store.
 std::optional<std::string> normal_topic(std::string_view text, Problem &problem);
 
 } // namespace kp::tool

@@ -7,8 +7,8 @@
 
 namespace kp::tool {
 
-// true, 21.5 or "text". NaN and the infinities, which JSON lacks, are strings, and so are the bytes of
-// a bytearray or a raw value, in the style. The bytes must fit the type.
+// Gives true, 21.5 or "text". NaN and the infinities, which JSON does not have, become strings, and
+// so do the bytes of a bytearray or a raw value, in the style. The bytes must fit the type.
 nlohmann::ordered_json value_json(uint32_t type, std::string_view bytes,
                                   ByteStyle style = ByteStyle::hex);
 

@@ -1,4 +1,4 @@
-// The semaphore that guards a segment's counts, looked at and never touched.
+// The semaphore that guards a segment's counts. The tools look at it and never change it.
 #pragma once
 
 #include "common/store_files.h"
@@ -6,7 +6,7 @@
 namespace kp::tool {
 
 struct CountsLock {
-    bool is_made = false; // by a handle; a one-shot write needs none
+    bool is_made = false; // by a handle; an instant write needs no semaphore
     uint32_t value = 0;   // 1 while nobody holds it
 
     bool is_taken() const
@@ -15,11 +15,11 @@ struct CountsLock {
     }
 };
 
-// Nothing for what cannot be read.
+// Gives nothing if the segment cannot be read.
 std::optional<CountsLock> look_at_counts_lock(TopicOpener &opener, const std::string &topic);
 
-// Those of the topics whose semaphore stays taken, which takes some looks: a count is changed in less
-// than a microsecond, so its holder was killed or does not run.
+// Finds those of the topics whose semaphore stays taken. It looks several times: a count is changed
+// in less than a microsecond, so whoever holds the semaphore for longer was killed or does not run.
 std::vector<std::string> topics_that_stay_locked(TopicOpener &opener,
                                                  std::vector<std::string> topics);
 

@@ -1,4 +1,5 @@
-// The endpoints of the device as they stand: whose they are, who is connected and what waits unread.
+// The endpoints of the device as they are now: who owns them, who is connected, and how much waits
+// unread.
 #pragma once
 
 #include "common/device/unix_sockets.h"
@@ -30,7 +31,7 @@ struct Endpoint {
 
 struct Mesh {
     std::vector<Endpoint> endpoints; // sorted by name
-    std::vector<UnixSocket> lost;    // listening on a file that is not there any more
+    std::vector<UnixSocket> lost;    // they listen, but their file is gone
     bool has_queues = false;
     int error = 0;           // why the directory could not be read
     Descriptors descriptors; // of all processes that may be looked into
@@ -40,8 +41,8 @@ Mesh look_at_mesh();
 
 const char *liveness_name(Liveness liveness);
 
-// Says whether connecting is refused, which proves that nobody listens, in whatever namespace. Asks
-// only sockets on which nobody listens here, so that no live peer is disturbed.
+// Says whether connecting is refused. This proves that nobody listens, in this namespace or
+// another. It tries only sockets on which nobody listens here, so it disturbs no live peer.
 bool refuses_connections(const std::string &name);
 
 } // namespace kp::tool

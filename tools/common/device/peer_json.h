@@ -1,4 +1,4 @@
-// An endpoint as one JSON object, and what is to be said of it.
+// An endpoint as one JSON object, and a note on it.
 #pragma once
 
 #include "common/device/endpoints.h"
@@ -7,7 +7,7 @@
 
 namespace kp::tool {
 
-// A phrase on what wants attention; empty when nothing does.
+// A phrase that says what needs attention; empty when nothing does.
 std::string note_of(const Endpoint &endpoint);
 
 // The keys, which never change: name state pid program user connections max_connections unread

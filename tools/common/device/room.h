@@ -16,10 +16,10 @@ struct Room {
     bool is_read_only = false;
 };
 
-// Nothing when there is no such file system.
+// Gives nothing when there is no such file system.
 std::optional<Room> room_for_topics();
 
-// What has run out, and where; "" when nothing has.
+// Says what has run out, and where; "" when nothing has.
 std::string shortage();
 
 } // namespace kp::tool

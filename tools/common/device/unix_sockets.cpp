@@ -126,8 +126,8 @@ bool ask_kernel(std::vector<UnixSocket> &sockets)
     }
 }
 
-// "Num RefCount Protocol Flags Type St Inode Path"; a listening socket has flag 0x10000, and one that
-// is not connected the state 1.
+// "Num RefCount Protocol Flags Type St Inode Path"; a listening socket has flag 0x10000, and one
+// that is not connected the state 1.
 bool read_proc(std::vector<UnixSocket> &sockets)
 {
     std::ifstream file("/proc/net/unix");

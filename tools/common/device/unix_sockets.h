@@ -1,5 +1,5 @@
-// The Unix-domain sockets of this network namespace, as the kernel tells them to anybody: no socket
-// is connected to, so that no peer notices.
+// The Unix-domain sockets of this network namespace. The kernel lists them for every user. Nothing
+// here connects to a socket, so no peer notices.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ struct UnixSocket {
     enum class State {
         listening,
         connected,
-        bound, // to its file, before it listens
+        bound, // it has its file, but does not listen yet
     };
 
     ino_t inode = 0;
@@ -24,8 +24,10 @@ struct UnixSocket {
     dev_t file_device = 0; // of the file that it is bound to, 0 if unknown
     ino_t file_inode = 0;
     State state = State::connected;
-    uint32_t receive_queue = 0; // bytes not read yet; connections not accepted yet when listening
-    uint32_t queue_limit = 0;   // backlog when listening
+    // Of a listening socket: connections that are not accepted yet, and the most that may wait. Of
+    // another one: bytes that are not read yet.
+    uint32_t receive_queue = 0;
+    uint32_t queue_limit = 0;
 };
 
 struct UnixSockets {
@@ -50,8 +52,8 @@ struct EndpointFile {
     bool is_bound_by(const UnixSocket &socket) const;
 };
 
-// Sorted by name. Empty for a directory that is missing or cannot be read; `error` takes the errno that
-// tells why, or 0.
+// Lists the files, sorted by name. The list is empty if the directory is missing or cannot be read;
+// `error` then gets the errno that says why, else 0.
 std::vector<EndpointFile> list_endpoint_files(int *error = nullptr);
 
 } // namespace kp::tool

@@ -1,5 +1,5 @@
-// Who comes near the limits of descriptors and inotify instances: an endpoint that has none left cannot
-// accept a peer, and a new one cannot watch for its peers.
+// Who comes near the limits of descriptors and inotify instances: an endpoint that has none left
+// cannot accept a peer, and a new one cannot watch for its peers.
 #include "common/device/endpoints.h"
 #include "common/doctor/finding.h"
 #include "kp.h"

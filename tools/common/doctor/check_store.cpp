@@ -1,5 +1,5 @@
-// The topics: files that are no segments, writes that never ended, counts without owners, semaphores
-// that nobody gives back, times that cannot be.
+// The topics: files that are no segments, writes that never ended, counts without owners,
+// semaphores that nobody gives back, times that cannot be.
 #include "common/device/counts_lock.h"
 #include "common/doctor/finding.h"
 #include "common/doctor/spelled_tags.h"
@@ -190,7 +190,8 @@ class StoreCheck {
             "kp gc");
     }
 
-    // A part of the store may be closed on purpose; of one that is closed as a whole nothing is known.
+    // A part of the store may be closed on purpose; of one that is closed as a whole nothing is
+    // known.
     void report_closed(const StoreListing &listing)
     {
         for (std::size_t index = 0; index < listing.closed.size(); ++index) {

@@ -1,4 +1,5 @@
-// The surroundings: directories that the wrong user owns, modes that lock others out, room and limits.
+// The surroundings: directories that the wrong user owns, modes that lock others out, room and
+// limits.
 #include "common/device/room.h"
 #include "common/device/unix_sockets.h"
 #include "common/doctor/finding.h"
@@ -47,7 +48,8 @@ const SharedDirectory &providers_directory()
     return providers;
 }
 
-// Its status, or nothing with a finding. One that cannot be looked at is told by what is missed then.
+// Its status, or nothing with a finding. One that cannot be looked at is told by what is missed
+// then.
 std::optional<struct stat> status_of(const SharedDirectory &directory, Finding missing,
                                      Findings &findings)
 {
@@ -65,7 +67,8 @@ std::optional<struct stat> status_of(const SharedDirectory &directory, Finding m
     return std::nullopt;
 }
 
-// Its entries are found by those of a class who may read it, and reached by those who may search it.
+// Its entries are found by those of a class who may read it, and reached by those who may search
+// it.
 void check_access(const SharedDirectory &directory, const struct stat &status, Findings &findings)
 {
     const mode_t mode = status.st_mode;
@@ -132,7 +135,8 @@ void check_providers_directory(Findings &findings)
     check_access(providers_directory(), status, findings);
 }
 
-// Less than a tenth left, in the words of the thing that is short. No limit where there is none at all.
+// Less than a tenth left, in the words of the thing that is short. No limit where there is none at
+// all.
 void check_share(Findings &findings, const char *check, const std::string &directory,
                  unsigned long free, unsigned long all, const std::string &what,
                  const std::string &fix)

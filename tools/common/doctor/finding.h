@@ -17,7 +17,7 @@ struct Finding {
     std::string subject; // file, topic, endpoint or limit
     std::string text;
     std::string fix;     // a command, or empty
-    int code = kNothing; // what the program ends with when nothing worse was found
+    int code = kNothing; // the program's exit code if nothing worse was found
 };
 
 using Findings = std::vector<Finding>;
@@ -28,18 +28,19 @@ const char *severity_name(Severity severity);
 // The keys, which never change: level check subject text fix.
 nlohmann::ordered_json finding_json(const Finding &finding);
 
-// What could not be looked at, and so is not known to be in order.
+// The finding for something that could not be looked at, so that nobody knows whether it is in
+// order.
 Finding unseen(const std::string &subject, std::string text, int code);
 
 struct Mesh;
 
-// The directories, their owners and modes, the room in them and the limits of the system.
+// Checks the directories, their owners and modes, the room in them and the limits of the system.
 void check_system(Findings &findings);
-// The endpoints; gives their number.
+// Checks the endpoints and gives their number.
 std::size_t check_mesh(Findings &findings);
-// What the processes of the endpoints, and their users, have left of their limits.
+// Checks how much of their limits the processes of the endpoints, and their users, have left.
 void check_descriptors(const Mesh &mesh, Findings &findings);
-// The topics; gives their number.
+// Checks the topics and gives their number.
 std::size_t check_store(Findings &findings);
 
 } // namespace kp::tool

@@ -25,8 +25,8 @@ constexpr uint64_t kMostRegion = uint64_t{256} << 20;
 constexpr std::size_t kChunk = std::size_t{1} << 20;
 constexpr std::size_t kMostTopic = 4096;
 
-// The records in an application's memory that lead from a mapped segment to its topic's spelling; their
-// layout is the same in all builds of the library.
+// The records in an application's memory that lead from a mapped segment to its topic's spelling;
+// their layout is the same in all builds of the library.
 struct ShmRecord {
     uint64_t fd;
     uint64_t segment; // address of the mapping

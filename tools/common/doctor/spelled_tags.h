@@ -1,6 +1,6 @@
-// How applications spell the topics that they have open. The file of a topic is the same for `a/b` and
-// `a//b`, the bucket of its change notices is not; the spelling stands in the tag alone, in the
-// application's memory.
+// How applications spell the topics that they have open. `a/b` and `a//b` have the same file, but
+// not the same bucket in change notices. Only the tag, in the application's memory, has the
+// spelling.
 #pragma once
 
 #include "common/file_id.h"
@@ -19,8 +19,8 @@ struct SpelledTag {
     std::string topic;
 };
 
-// The tags of all processes whose memory this one may read, by the segment's file. Reads memory and
-// stops nobody; a process that changes meanwhile may be read in part.
+// Finds the tags of all processes whose memory this one may read, by the segment's file. It reads
+// memory and stops nobody, so what it reads of a process that changes meanwhile may be incomplete.
 std::map<FileId, std::vector<SpelledTag>> find_spelled_tags(dev_t store);
 
 } // namespace kp::tool

@@ -19,7 +19,7 @@ struct DeadTopic {
     std::vector<Mapper> mappers; // who has it open
     unsigned open = 0;           // handles
 
-    // Counted by nobody: only one-shot writes touched it.
+    // No handle was ever counted in it: only instant writes touched it.
     bool is_orphan() const
     {
         return counted.sum() == 0;

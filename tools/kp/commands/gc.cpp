@@ -191,7 +191,7 @@ void add_gc(Commands &commands)
                                      [options] { return Collector(*options).run(); });
     command.add_flag("-n,--dry-run", options->dry_run, "only show what would be done");
     command.add_flag("--orphans", options->orphans,
-                     "also topics that only one-shot writes touched, and empty directories");
+                     "also topics that only instant writes touched, and empty directories");
     command
         .add_option("--older-than", options->older_than,
                     "orphans not touched for so long; 60 unless given")

@@ -37,7 +37,7 @@ std::optional<Problem> obstacle(const std::string &topic)
     return std::nullopt;
 }
 
-// The maximum that a value must keep: a topic made by a one-shot write has none of its own.
+// The maximum that a value must keep: a topic that an instant write made has no maximum of its own.
 uint32_t largest_size(const Target &target)
 {
     constexpr uint32_t most = KP_MAX_VALUE_SIZE;
@@ -89,7 +89,7 @@ std::optional<Target> find_target(const Write &write, Problem &problem)
     }
     Target fresh;
     fresh.type = *write.type;
-    // A topic that a one-shot write made has no maximum, and gets none when it is written back.
+    // A topic that an instant write made has no maximum, and gets none when it is written back.
     const uint32_t max = write.max.value_or(KP_MAX_VALUE_SIZE);
     fresh.max = max == 0 ? 0 : kp_get_value_size(fresh.type, max);
     fresh.extra = write.extra.value_or(snapshot && target ? snapshot->extra : kPublishedExtra);
