@@ -82,8 +82,8 @@ bool is_odd_negative(const std::string &text)
     return *end == '\0';
 }
 
-// Moves such a number to where the parser takes it for a value: behind "--" for set, glued to the sign
-// for wait.
+// Moves such a number to where the parser takes it for a value: behind "--" for set, glued to the
+// sign for wait.
 void protect_negative_value(std::vector<std::string> &arguments)
 {
     const bool is_wait = arguments[0] == "wait";
@@ -138,8 +138,8 @@ std::vector<std::string> cut_behind_mark(std::vector<std::string> &arguments)
     return words;
 }
 
-// The word in the place of the command, which is none if it stands behind `help`; nothing when there is
-// no such word.
+// The word in the place of the command, which is none if it stands behind `help`; nothing when
+// there is no such word.
 std::optional<std::string> command_word(int argc, char **argv)
 {
     for (int index = 1; index < argc; ++index) {

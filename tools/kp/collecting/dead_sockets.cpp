@@ -15,8 +15,8 @@ namespace kp::tool {
 
 namespace {
 
-// A socket of another network namespace cannot be seen while it is bound and does not listen yet, which
-// lasts microseconds. So a file is judged when it is so old.
+// A socket of another network namespace cannot be seen while it is bound and does not listen yet,
+// which lasts microseconds. So a file is judged when it is so old.
 constexpr uint64_t kYouthUs = kUsPerSecond;
 
 bool is_bound(const UnixSockets &sockets, const EndpointFile &file)
@@ -46,8 +46,8 @@ void wait_until_grown(const std::vector<EndpointFile> &files)
         (void)usleep(static_cast<useconds_t>(kYouthUs - (now - youngest)));
 }
 
-// Takes one file away after it was moved to a name where nobody puts another in its place: between a
-// look and the removal of a name its process could start again, and lose its new socket.
+// Takes one file away after it was moved to a name where nobody puts another in its place: between
+// a look and the removal of a name its process could start again, and lose its new socket.
 class Remover {
   public:
     Remover() : directory_(open(kProvidersRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
@@ -81,8 +81,8 @@ class Remover {
                 system_problem(escaped(std::string(kProvidersRoot) + "/" + file.name), errno)};
     }
 
-    // Where the name was taken again meanwhile, the newer socket counts, as it does when an endpoint
-    // starts under a name that another has.
+    // Where the name was taken again meanwhile, the newer socket counts, as it does when an
+    // endpoint starts under a name that another has.
     void give_back(const std::string &aside, const std::string &name) const
     {
         if (renameat2(directory_.get(), aside.c_str(), directory_.get(), name.c_str(),

@@ -1,5 +1,5 @@
-// Socket files that nobody listens on, and their removal. What is bound is alive, also before it
-// listens, and what has just been made is given a moment.
+// Finds and removes socket files that nobody listens on. A socket that is bound to its file is
+// alive, even before it listens, and a file that was just made is left alone for a moment.
 #pragma once
 
 #include "collecting/deed.h"
@@ -14,8 +14,8 @@ struct DeadSockets {
 
 DeadSockets find_dead_sockets();
 
-// Removes them, each after a second proof that is as fresh as can be. The results stand in the order
-// of the files.
+// Removes the files. Directly before each removal it proves again that nobody listens. The results
+// stand in the order of the files.
 std::vector<DeedResult> remove_dead_sockets(const std::vector<EndpointFile> &files);
 
 } // namespace kp::tool

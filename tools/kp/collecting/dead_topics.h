@@ -1,5 +1,5 @@
-// Topics whose counts have no process behind them, topics that nobody counts and nobody will remove,
-// and what is done about them.
+// Topics whose counts have no process behind them, and topics in which no handle is counted and
+// that nobody will remove; and what is done about them.
 #pragma once
 
 #include "collecting/deed.h"
@@ -38,7 +38,7 @@ struct DeadTopic {
 struct DeadTopics {
     std::vector<DeadTopic> topics;
     std::vector<Problem> problems;
-    bool sees_everybody = true; // else nothing is proved, and there are none
+    bool sees_everybody = true; // if not, nothing can be proved, and no topic is listed
 };
 
 struct TopicSearch {
@@ -47,12 +47,12 @@ struct TopicSearch {
     bool trust_visible = false;          // take the processes that can be seen for all there are
 };
 
-// One look at all topics and one at all processes.
+// Looks once at all topics and once at all processes.
 DeadTopics find_dead_topics(const StoreListing &listing, const TopicSearch &search);
 
-// Removes or corrects them. The proof is taken anew under the locks of their files, with one look at all
-// processes for some hundreds of topics. The results stand in the order of the topics; ambiguous ones are
-// left alone.
+// Removes or corrects the topics. It proves again that they are dead while it holds the locks of
+// their files, with one look at all processes for some hundreds of topics. The results stand in the
+// order of the topics; ambiguous ones are left alone.
 std::vector<DeedResult> bury_topics(const std::vector<DeadTopic> &topics);
 
 } // namespace kp::tool

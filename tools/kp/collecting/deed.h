@@ -1,4 +1,4 @@
-// What came of acting on something dead.
+// The result of a removal or a correction that `kp gc` has tried.
 #pragma once
 
 #include "common/problem.h"
@@ -7,7 +7,7 @@ namespace kp::tool {
 
 enum class Deed {
     done,
-    changed, // it is not what was proved dead any more, so it was left alone
+    changed, // it has changed since it was proved dead, so it was left alone
     failed,
 };
 

@@ -9,7 +9,7 @@
 
 namespace kp::tool {
 
-// It is nobody's in particular when it is like its parent in owner, group and mode.
+// A directory that somebody has given rights of its own is kept.
 bool is_empty_and_unused(const std::string &directory, uint64_t unchanged_since_us)
 {
     TopicOpener opener;

@@ -1,4 +1,4 @@
-// The subcommands of `kp`. Each adds itself, its options and the function that runs it.
+// The commands of `kp`. Each adds itself, its options and the function that runs it.
 #pragma once
 
 #include "running/problem.h"
@@ -14,7 +14,7 @@ class Commands {
     {
     }
 
-    // The new command's argument parser; `run` is called after everything was parsed.
+    // Adds a command and gives its argument parser. `run` is called after everything was parsed.
     CLI::App &add(const std::string &name, const std::string &summary, std::function<int()> run)
     {
         CLI::App *command = app_.add_subcommand(name, summary);
@@ -22,8 +22,8 @@ class Commands {
         return *command;
     }
 
-    // The words behind `--` of a command that starts another one; the parser does not see them, since
-    // it would read brackets, options and names of its own into them.
+    // The words behind `--` of a command that starts another one; the parser does not see them,
+    // since it would read brackets, options and names of its own into them.
     void set_words_behind_mark(std::vector<std::string> words)
     {
         words_behind_mark_ = std::move(words);

@@ -36,8 +36,8 @@ struct Metric {
     }
 };
 
-// Control characters and what is not UTF-8 are escaped as everywhere, so that two topics never share
-// a label.
+// Control characters and what is not UTF-8 are escaped as everywhere, so that two topics never
+// share a label.
 std::string topic_label(const std::string &topic)
 {
     std::string out = "{topic=\"";

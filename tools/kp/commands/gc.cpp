@@ -91,7 +91,8 @@ class Collector {
     }
 
   private:
-    // Only after the deed, so that a slow reader of this output holds up none and what it reads is so.
+    // Only after the deed, so that a slow reader of this output holds up none and what it reads is
+    // so.
     void tell(const Dead &dead, const Result &result)
     {
         if (options_.json)

@@ -69,8 +69,8 @@ std::string table_line(const Cells &cells, const std::array<std::size_t, 7> &wid
     return line;
 }
 
-// Takes from the values and then from the names what a terminal has no room for, so that each row stays
-// one line. Files and pipes get all.
+// Takes from the values and then from the names what a terminal has no room for, so that each row
+// stays one line. Files and pipes get all.
 void fit_to_terminal(std::array<std::size_t, 7> &widths)
 {
     winsize size{};

@@ -20,8 +20,8 @@ namespace {
 // What a sandbox ends with that could not be made, as with other programs that start a command.
 constexpr int kNoSandbox = 125;
 
-// By which a program knows that it runs in a sandbox: the name of the mount namespace. A variable that
-// somebody inherited from elsewhere has the name of another one.
+// By which a program knows that it runs in a sandbox: the name of the mount namespace. A variable
+// that somebody inherited from elsewhere has the name of another one.
 constexpr const char *kMark = "KP_SANDBOX";
 
 struct SandboxOptions {

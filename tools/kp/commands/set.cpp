@@ -160,7 +160,8 @@ int set_assignments(SetOptions options, const std::vector<std::string> &words)
     return outcome.code();
 }
 
-// Words are assignments when all have the sign, unless they are two and the first is a topic's name.
+// Words are assignments when all have the sign, unless they are two and the first is a topic's
+// name.
 bool are_assignments(const std::vector<std::string> &words)
 {
     const auto has_sign = [](const std::string &word) {

@@ -7,8 +7,8 @@
 
 namespace kp::tool {
 
-// The known word that one or two slips of typing turn into `word` (a letter left out, added, changed or
-// swapped with its neighbour); nothing when none is as near.
+// Gives the known word that becomes `word` by one or two typing mistakes: a letter left out, added,
+// changed or swapped with its neighbour. Gives nothing if no known word is so near.
 std::optional<std::string> similar_word(const std::string &word,
                                         const std::vector<std::string> &known);
 

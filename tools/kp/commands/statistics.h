@@ -14,7 +14,7 @@ class Intervals {
     {
         const auto value = static_cast<double>(interval_us);
         ++count_;
-        // Welford's way, which keeps its precision however many intervals there are.
+        // Welford's method: it stays exact, however many intervals there are.
         const double before = value - mean_;
         mean_ += before / static_cast<double>(count_);
         squares_ += before * (value - mean_);

@@ -40,8 +40,8 @@ std::string trimmed(const std::string &text)
                                       : text.substr(first, text.find_last_not_of(' ') + 1 - first);
 }
 
-// "==5", "== 5" in one word and in two alike; longer signs come first. A word of its own is the operand
-// as it stands.
+// "==5", "== 5" in one word and in two alike; longer signs come first. A word of its own is the
+// operand as it stands.
 std::optional<Wanted> comparison(const std::string &first, const std::vector<std::string> &rest)
 {
     const std::array<std::pair<std::string_view, Test>, 7> signs = {{{"==", Test::equal},
@@ -118,8 +118,9 @@ std::optional<long double> number_of(const std::string &text)
     return number;
 }
 
-// How a value stands to an operand: in its own type, or as numbers where the operand is one that the
-// type does not have, as 4.5 beside integers. Nothing, with a problem, when the operand is neither.
+// How a value stands to an operand: in its own type, or as numbers where the operand is one that
+// the type does not have, as 4.5 beside integers. Nothing, with a problem, when the operand is
+// neither.
 struct Comparison {
     std::optional<int> order; // nothing for what is not a number
 };

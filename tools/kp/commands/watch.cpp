@@ -1,4 +1,5 @@
-// kp watch and kp record: a line for each change, by sampling or, asked to, on the notices of the mesh.
+// kp watch and kp record: a line for each change, by sampling or, asked to, on the notices of the
+// mesh.
 #include "commands/commands.h"
 #include "common/live_store.h"
 #include "notices/notice_queue.h"
@@ -67,8 +68,8 @@ class Watch {
         }
     }
 
-    // Every second all topics are looked at, since a notice can be lost: one that is sent before the
-    // sender has accepted this program's connection does not come.
+    // Every second all topics are looked at, since a notice can be lost: one that is sent before
+    // the sender has accepted this program's connection does not come.
     void follow(NoticeQueue &queue)
     {
         uint64_t look_at_all = monotonic_us() + kMeshRefreshUs;

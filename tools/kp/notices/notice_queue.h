@@ -1,4 +1,4 @@
-// The change notices of all peers, gathered through a handle of the library.
+// Gathers the change notices of all peers through a handle of the library.
 #pragma once
 
 #include "common/notice_marks.h"
@@ -10,8 +10,8 @@ namespace kp::tool {
 
 class NoticeQueue {
   public:
-    // Joins the mesh; null with a problem. A notice that comes while it joins may be lost, so that the
-    // first look at the topics has to come after it.
+    // Joins the mesh; null with a problem. A notice that comes while it joins may be lost, so the
+    // topics must be looked at once after the call.
     static std::unique_ptr<NoticeQueue> join(Problem &problem);
     NoticeQueue(const NoticeQueue &) = delete;
     NoticeQueue &operator=(const NoticeQueue &) = delete;
@@ -22,7 +22,7 @@ class NoticeQueue {
     {
         return marks_.fd();
     }
-    // The buckets of all notices since the last call.
+    // Gives the buckets of all notices since the last call.
     Buckets take()
     {
         return marks_.take();

@@ -68,8 +68,8 @@ NoticeSender::~NoticeSender()
         (void)kp_notify_close(&endpoint_);
 }
 
-// The bucket is that of the name as an application spells it, of which the file's name tells nothing: a
-// tag `/a/b` has the file of `a/b` and another bucket.
+// The bucket is that of the name as an application spells it, of which the file's name tells
+// nothing: a tag `/a/b` has the file of `a/b` and another bucket.
 void NoticeSender::mark(const std::string &topic, const std::string &spelling, bool is_new)
 {
     for (const std::string &name : {topic, "/" + topic, spelling}) {

@@ -1,5 +1,5 @@
-// One change notice to all peers of the device, after they had a moment to connect: an endpoint that
-// says its word and leaves at once would be heard by nobody.
+// Sends a change notice to all peers of the device. Before, it gives them a moment to connect: an
+// endpoint that is opened, sends and is closed at once reaches nobody.
 #pragma once
 
 #include "kp.h"
@@ -17,12 +17,12 @@ class NoticeSender {
     NoticeSender &operator=(const NoticeSender &) = delete;
     ~NoticeSender();
 
-    // Marks a topic as written, under its name, its name with a leading "/" and as it was given; one
-    // that is new is announced too.
+    // Marks a topic as written in three spellings: its name, its name with a leading "/", and the
+    // name as it was given. A new topic is announced, too.
     void mark(const std::string &topic, const std::string &spelling, bool is_new);
     // Sends what was marked since the last time. The first time it joins the device's endpoints and
-    // waits for them up to `wait_us`. False with a problem when no endpoint can be made, or when peers
-    // did not come in time.
+    // waits for them up to `wait_us`. False with a problem when no endpoint can be made, or when
+    // peers did not come in time.
     bool send(uint64_t wait_us, Problem &problem);
 
   private:
@@ -37,7 +37,8 @@ class NoticeSender {
     bool has_marks_ = false;
 };
 
-// The name under which the tool joins, different for every process, in whatever container.
+// The name of the endpoint with which the tool joins. No other process has the same, not even one
+// in another container.
 std::string own_endpoint_name(const char *verb);
 
 } // namespace kp::tool

@@ -1,4 +1,4 @@
-// What the numbers of options must be. CLI11's own range lets NaN pass, and takes -1 for a huge count.
+// Checks of the values of options. CLI11's own range lets NaN pass, and takes -1 for a huge count.
 #pragma once
 
 #include <CLI/CLI.hpp>

@@ -1,4 +1,4 @@
-// The arguments by which the commands choose topics.
+// The arguments with which the user of a command chooses topics.
 #pragma once
 
 #include "common/pattern.h"

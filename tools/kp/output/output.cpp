@@ -22,8 +22,8 @@ constexpr std::size_t kEnough = 65536;
 
 bool use_colors = false;
 
-// How standard output is written without ever being stuck in a write: what can be waited for is waited
-// for with poll, which the signals end.
+// How standard output is written without ever being stuck in a write: what can be waited for is
+// waited for with poll, which the signals end.
 class StandardOutput {
   public:
     StandardOutput() : fd_(STDOUT_FILENO)

@@ -1,5 +1,6 @@
-// Standard output: gathered, written whole, and quiet when its reader has gone away. It waits for a slow
-// reader without being deaf to what ends the program: the signals and the deadline.
+// Standard output. What is printed is gathered and then written as a whole. It waits for a slow
+// reader, but not longer than until a signal or the deadline ends the program. When its reader has
+// gone away it reports no error.
 #pragma once
 
 #include <cstdint>
@@ -13,17 +14,17 @@ class Output {
   public:
     void write(std::string_view text);
     void line(std::string_view text);
-    // What was gathered reaches the reader now. False when nothing can be written any more: the
-    // reader is gone or did not take it before the end, or there is no room. Called once for each
+    // Writes what was gathered. False when nothing can be written any more: the reader is gone, or
+    // it did not take everything before the end, or there is no room. To be called once for each
     // batch.
     bool flush();
-    // From this monotonic time on nothing waits for the reader.
+    // From this monotonic time on the program does not wait for the reader any more.
     void set_deadline(uint64_t monotonic_us)
     {
         deadline_ = monotonic_us;
     }
-    // The code to end with: 0 also when the reader closed its end, 5 after a failed write, 124 when
-    // the reader was too slow for the deadline.
+    // The exit code: 5 after a failed write, 124 when the reader was too slow for the deadline,
+    // else 0, also when the reader has closed its end.
     int code() const
     {
         return code_;
@@ -43,15 +44,17 @@ class Output {
     int code_ = 0;
 };
 
-// The one of the program.
+// Gives the program's standard output.
 Output &output();
 
-// What a command ended by a signal, by its closed output or normally returns.
+// Gives the exit code of a command that would end with `code`: another one after a signal to stop,
+// or when nothing can be written any more.
 int end_code(int code);
 
 enum class ColorChoice { automatic, always, never };
 
-// Colours only on a terminal, unless the choice, NO_COLOR or CLICOLOR_FORCE say otherwise.
+// Chooses whether there are colours: only on a terminal, unless the choice, NO_COLOR or
+// CLICOLOR_FORCE say something else.
 void choose_colors(ColorChoice choice);
 
 enum class Color { red, yellow, dim, bold };

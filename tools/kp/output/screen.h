@@ -1,4 +1,4 @@
-// The terminal in full-screen use, through ncurses, and back as it was.
+// Uses the whole terminal through ncurses, and leaves it afterwards as it was.
 #pragma once
 
 #include "output/terminal_rescue.h"
@@ -36,7 +36,7 @@ class Screen {
     explicit Screen(bool colors);
     Screen(const Screen &) = delete;
     Screen &operator=(const Screen &) = delete;
-    // The terminal is left as it was found, also when the program crashes before.
+    // Leaves the terminal as it was found; this also happens when the program crashes before.
     ~Screen();
 
     // False when the terminal cannot do it.
@@ -48,10 +48,10 @@ class Screen {
     int columns() const;
 
     void clear();
-    // One row, cut at the right edge.
+    // Shows one row, cut at the right edge.
     void put(int row, std::string_view text, Style style = Style::plain);
     void show();
-    // The next key that was pressed, without waiting.
+    // Gives the next key that was pressed, without waiting for one.
     Input next_input();
 
   private:

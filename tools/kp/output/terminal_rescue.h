@@ -1,9 +1,9 @@
-// The terminal put back as it was when a crash ends the program in full-screen use.
+// Restores the terminal when a crash ends the program while it uses the whole screen.
 #pragma once
 
 namespace kp::tool {
 
-// Made before the terminal's modes are changed, of which it keeps those on standard output.
+// To be made before the terminal's modes are changed: it remembers those of standard output.
 class TerminalRescue {
   public:
     TerminalRescue();
@@ -12,8 +12,8 @@ class TerminalRescue {
     // From now on signals do what they did before.
     ~TerminalRescue();
 
-    // From now on a crash restores the terminal, and then ends the program as it would have. Called
-    // when the terminal's kind is known, once.
+    // From now on a crash first restores the terminal, and then ends the program as always. To be
+    // called once, when the terminal's kind is known.
     void arm();
 
   private:

@@ -1,4 +1,5 @@
-// The lines of a file or pipe, as they come, by a program that must not miss a signal meanwhile.
+// Reads the lines of a file or pipe as they come. A signal that ends the program also ends the
+// wait.
 #pragma once
 
 #include "running/problem.h"
@@ -15,17 +16,18 @@ class LineReader {
     {
     }
 
-    // The next line that is not blank, waiting for it. Nothing at the end, when told to stop, or after
-    // a failed read.
+    // Waits for the next line that is not blank and gives it. Gives nothing at the end of the file,
+    // after a signal to stop, or after a failed read.
     std::optional<std::string> next();
-    // A problem with the line that next() gave, told with its number.
+    // Gives the problem with the number of the line that next() gave.
     Problem at_line(Problem problem) const;
-    // Whether next() has one at hand.
+    // Says whether next() can give a line without waiting.
     bool has_line() const
     {
         return ready_.find('\n', start_) != std::string::npos;
     }
-    // The errno of the read that failed, EMSGSIZE for a line that is no record's, or 0.
+    // The errno of the read that failed; EMSGSIZE after a line that is too long for a record; else
+    // 0.
     int error() const
     {
         return error_;

@@ -1,5 +1,5 @@
-// How `kp` tells of problems, and the exit codes beside those that their kinds have. The manual promises
-// these numbers, so none of them ever changes.
+// Prints problems, and names the exit codes that `kp` has beside the kinds of problems. The manual
+// promises these numbers, so none of them ever changes.
 #pragma once
 
 #include "common/problem.h"

@@ -20,8 +20,8 @@ std::array<int, 2> wake_pipe = {-1, -1};
 
 // Asked for by people and by the system; whatever the caller wanted of them, they end the program.
 constexpr std::array kRequests = {SIGINT, SIGTERM, SIGQUIT};
-// What else ends a program without being its own fault, unless whoever started it says otherwise, as
-// nohup does.
+// What else ends a program without being its own fault, unless whoever started it says otherwise,
+// as nohup does.
 constexpr std::array kOthers = {SIGHUP, SIGUSR1, SIGUSR2,   SIGALRM, SIGVTALRM, SIGPROF,
                                 SIGIO,  SIGPWR,  SIGSTKFLT, SIGXCPU, SIGXFSZ};
 

@@ -1,5 +1,5 @@
-// The namespaces of a sandbox: mounts of its own, and on demand a network of its own. Who is not root
-// gets them through a user namespace, in which everybody keeps his own number.
+// The namespaces of a sandbox: mounts of its own, and on demand a network of its own. Who is not
+// root gets them through a user namespace, in which everybody keeps his own number.
 #pragma once
 
 #include "common/problem.h"

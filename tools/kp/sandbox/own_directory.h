@@ -1,4 +1,4 @@
-// A directory that a sandbox has for itself, while all that lies beside it stays the machine's.
+// Gives a sandbox a directory of its own. Everything beside it stays that of the machine.
 #pragma once
 
 #include "common/problem.h"

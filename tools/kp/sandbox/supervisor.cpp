@@ -24,8 +24,8 @@ namespace {
 constexpr uint64_t kGraceUs = 2 * kUsPerSecond;
 constexpr long kPauseNs = 20'000'000; // between two looks at what is left
 
-// All but those of crashes, which are this program's own, and of job control, which stop it together
-// with the command.
+// All but those of crashes, which are this program's own, and of job control, which stop it
+// together with the command.
 sigset_t handed_on()
 {
     sigset_t set;
@@ -113,8 +113,8 @@ void end_the_rest()
         complain("a process that the command left behind cannot be killed");
 }
 
-// The process between this program and the command. Orphans come to it, and after it to its parent, so
-// that whichever of the two is killed, the other one ends what runs.
+// The process between this program and the command. Orphans come to it, and after it to its parent,
+// so that whichever of the two is killed, the other one ends what runs.
 [[noreturn]] void keep(std::vector<std::string> &words, pid_t parent, const sigset_t &signals,
                        const sigset_t &mask)
 {

@@ -6,16 +6,17 @@
 
 namespace kp::tool {
 
-// What a command ends with that could not be started, as with other programs that start one.
+// The exit codes for a command that could not be started. Other programs that start one use the
+// same.
 enum : int { kNotRunnable = 126, kNotFound = 127 };
 
-// Starts the command, and returns its wait status when it has ended and with it every process that it
-// left behind: they are asked with SIGTERM, and after two seconds killed. So they are, and the command
-// with them, when this process itself is killed.
-// Signals of other processes are handed on; those of the terminal reach the command by themselves.
+// Starts the command and waits until it has ended. The processes that it leaves behind get SIGTERM
+// and are killed two seconds later. Then it returns the command's wait status. When this process
+// itself is killed, the command and all its processes are killed, too. Signals of other processes
+// are handed on; those of the terminal reach the command by themselves.
 int run_to_the_end(std::vector<std::string> words);
 
-// Ends this process as the wait status says: with the same code, or by the same signal.
+// Ends this process as the wait status says: with that code or by that signal.
 [[noreturn]] void end_like(int wait_status);
 
 } // namespace kp::tool

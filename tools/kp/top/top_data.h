@@ -1,5 +1,5 @@
-// What the live view shows: the topics with their rates, their values and what they were in the last
-// minute. It looks ten times a second and knows nothing of the screen.
+// What the live view shows: the topics with their rates, their values, and the values of the last
+// minute. It looks at the store ten times a second and knows nothing of the screen.
 #pragma once
 
 #include "common/live_store.h"
@@ -22,7 +22,7 @@ class TopData {
   public:
     explicit TopData(const Selection &selection);
 
-    // One look at all topics.
+    // Looks once at all topics.
     void sample(uint64_t monotonic_us);
 
     std::size_t topic_count() const
@@ -36,7 +36,8 @@ class TopData {
     // The topics that pass a filter, a pattern or a part of the name, in their order.
     std::vector<std::string> sorted_topics(const std::string &filter, Order order,
                                            bool is_reversed) const;
-    // The value as it is now, or as it was read last where `is_frozen`. Nothing for a topic that is gone.
+    // Gives the value as it is now, or, if `is_frozen`, as it was read last. Null for a topic that
+    // is gone.
     const ShownTopic *read(const std::string &topic, bool is_frozen);
     // Writes per second; ">=" in front of a lower bound.
     std::string rate_text(const std::string &topic) const;

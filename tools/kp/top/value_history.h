@@ -9,16 +9,18 @@
 
 namespace kp::tool {
 
-// The value as a number, of which nothing but a line is drawn; nothing for text, bytes and what is none.
+// Gives the value as a number, from which only a line is drawn. Gives nothing for text and bytes,
+// and where there is no value.
 std::optional<double> number_of(const Snapshot &snapshot);
 
 class ValueHistory {
   public:
-    // Called once a second; nothing for a second without a number.
+    // To be called once a second, with nothing if that second has no number.
     void add(std::optional<double> number);
 
-    // A character for each of the last `columns` seconds, from the least of them to the greatest; empty
-    // before there are two different numbers.
+    // Gives a character for each of the last `columns` seconds; its height lies between the
+    // smallest and the greatest number among them. Empty as long as there are no two different
+    // numbers.
     std::string line(std::size_t columns) const;
     // "from 1 to 5 in the last 60s"; empty without a number.
     std::string range_text() const;

@@ -16,15 +16,16 @@ struct Record {
     std::optional<uint64_t> seen; // when it was recorded
 };
 
-// The line, with the value's bytes beside it in base64; `seen` goes into a record of changes.
+// Makes the line. The value's bytes stand in it in base64, too; `seen` is given for a record of
+// changes.
 std::string stored_record(const Row &row, std::optional<uint64_t> seen = {});
 
 std::optional<Record> parse_record(const std::string &line, ByteStyle style, Problem &problem);
 
-// The same with what else such a line holds: times, maximum and extra information.
+// Does the same and also reads what else such a line holds: times, maximum and extra information.
 std::optional<Record> parse_stored_record(const std::string &line, Problem &problem);
 
-// The value's bytes for a topic of this type.
+// Gives the value's bytes for a topic of this type.
 std::optional<std::string> record_bytes(const Record &record, uint32_t type, Problem &problem);
 
 // Microseconds since 1970 from a number or from ISO 8601 in UTC.

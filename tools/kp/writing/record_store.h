@@ -1,4 +1,4 @@
-// Storing what a record line tells.
+// Stores what a record line says.
 #pragma once
 
 #include "notices/notice_sender.h"
@@ -6,8 +6,8 @@
 
 namespace kp::tool {
 
-// Stores the record's value and marks its topic for the next notice; one without a value only declares
-// the topic. False with a problem when that is not possible.
+// Stores the record's value and marks its topic for the next notice. A record without a value only
+// declares the topic. False with a problem when that is not possible.
 bool store_record(const Record &record, NoticeSender &sender, Problem &problem);
 
 } // namespace kp::tool

@@ -1,5 +1,5 @@
-// Writing topics the way the library does, after checks that its one-shot write leaves out. The
-// topic stays what its provider declared; only a new one is declared here.
+// Writes topics as the library's instant write does, but after more checks. A topic keeps what its
+// provider declared; only a new topic is declared here.
 #pragma once
 
 #include "common/segment_reader.h"
@@ -9,13 +9,13 @@ namespace kp::tool {
 struct Write {
     std::string topic;
     std::string spelling;         // the topic as it was given, with all its slashes
-    std::optional<uint32_t> type; // wanted; needed for a new topic
-    std::optional<uint32_t> max;  // of a new topic of variable size, or 0; 4000 else
+    std::optional<uint32_t> type; // the wanted type; a new topic needs one
+    std::optional<uint32_t> max;  // of a new topic of variable size, 0: none; 4000 unless given
     std::optional<uint32_t> extra;
-    std::optional<uint8_t> quality; // 1 else
+    std::optional<uint8_t> quality; // 1 unless given
     std::optional<uint64_t> timestamp;
-    std::optional<uint64_t> source_ts; // the timestamp else
-    bool change_type = false; // declare anew where the type, or a maximum that is wanted, differs
+    std::optional<uint64_t> source_ts; // the timestamp unless given
+    bool change_type = false;          // declares the topic anew if its type or `max` differs
 };
 
 // What a topic is before it is written.
@@ -27,10 +27,11 @@ struct Target {
     Snapshot before;
 };
 
-// Looks at the topic and settles its type; nothing with a problem when it cannot be written so.
+// Looks at the topic and decides on its type. Gives nothing, with a problem, when the topic cannot
+// be written like this.
 std::optional<Target> find_target(const Write &write, Problem &problem);
 
-// Declares the topic where it is new and stores the value. No bytes: only declares.
+// Declares the topic if it is new, and stores the value. Without bytes it only declares the topic.
 bool store_value(const Write &write, const Target &target, const std::optional<std::string> &bytes,
                  Problem &problem);
 
