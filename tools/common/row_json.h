@@ -4,6 +4,9 @@
 #include "common/segment_reader.h"
 #include "common/value_json.h"
 
+#include <array>
+#include <string_view>
+
 namespace kp::tool {
 
 struct Row {
@@ -14,9 +17,14 @@ struct Row {
 // Says whether nobody can read the topic's value, which a row shows.
 bool has_broken_value(const Snapshot &snapshot);
 
-// The keys of a JSON object, in their order, never change: topic type value quality ts time
-// source_ts size max extra flags providers consumers; then, where they apply, value_b64, topic_b64 and
-// problem, which says why a value cannot be read.
+// The keys that every object has, in their order, which are the columns of a table too. They and
+// their order never change.
+inline constexpr std::array<std::string_view, 13> kRowKeys = {
+    "topic", "type", "value", "quality", "ts",        "time",     "source_ts",
+    "size",  "max",  "extra", "flags",   "providers", "consumers"};
+
+// An object with the keys above. Behind them stand, where they apply, `value_b64`, `topic_b64` and
+// `problem`, which says why a value cannot be read.
 nlohmann::ordered_json row_json(const Row &row, ByteStyle style);
 
 // JSON as one line of ASCII, so that no control character of a name reaches a terminal; bytes that

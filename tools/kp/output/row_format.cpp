@@ -6,17 +6,12 @@
 #include "output/output.h"
 
 #include <CLI/CLI.hpp>
-#include <array>
 
 namespace kp::tool {
 
 namespace {
 
 using nlohmann::ordered_json;
-
-constexpr std::array<std::string_view, 13> kColumns = {
-    "topic", "type", "value", "quality", "ts",        "time",     "source_ts",
-    "size",  "max",  "extra", "flags",   "providers", "consumers"};
 
 // A field that contains the separator, a quote or a line break stands in quotes.
 std::string csv_field(const std::string &text)
@@ -33,7 +28,7 @@ std::string table_line(const Row &row, const FormatOptions &options)
 {
     const ordered_json object = row_json(row, options.bytes);
     std::string line;
-    for (const std::string_view column : kColumns) {
+    for (const std::string_view column : kRowKeys) {
         const ordered_json &field = object[std::string(column)];
         std::string text;
         if (column == "flags")
@@ -48,7 +43,7 @@ std::string table_line(const Row &row, const FormatOptions &options)
         else if (!field.is_null())
             text = field.dump();
         const bool tabs = options.format == Format::tsv;
-        line += column == kColumns[0] ? "" : tabs ? "\t" : ",";
+        line += column == kRowKeys[0] ? "" : tabs ? "\t" : ",";
         line += tabs ? text : csv_field(text);
     }
     return line + '\n';
@@ -193,7 +188,7 @@ std::string header_line(const FormatOptions &options)
     if (!options.field_template.empty() || (!tabs && options.format != Format::csv))
         return "";
     std::string line;
-    for (const std::string_view column : kColumns) {
+    for (const std::string_view column : kRowKeys) {
         line += line.empty() ? "" : tabs ? "\t" : ",";
         line += column;
     }
@@ -214,9 +209,10 @@ std::string row_record(const Row &row, const FormatOptions &options)
         return row.snapshot.bytes;
     case Format::hex:
         return (options.terse ? "" : escaped(row.topic) + '\t') + to_hex(row.snapshot.bytes) + '\n';
-    default:
-        return plain_line(row, options);
+    case Format::plain:
+        break;
     }
+    return plain_line(row, options);
 }
 
 void print_records(const std::vector<Row> &rows, const FormatOptions &options)

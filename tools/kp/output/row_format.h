@@ -17,8 +17,8 @@ struct FormatOptions {
     TimeStyle time = TimeStyle::local;
     ByteStyle bytes = ByteStyle::hex;
     std::string field_template; // wins over the format when not empty
-    bool verbose = false;       // plain only: type, quality, times and age beside the value
-    bool terse = false;         // plain only: the value without the topic
+    bool verbose = false;       // plain alone: type, quality, times and age beside the value
+    bool terse = false;         // plain and hex: the value without the topic
 };
 
 // Adds -j, --format, -F and the styles of times and bytes to a command.
