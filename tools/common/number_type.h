@@ -1,7 +1,7 @@
 // The C++ types behind the value types of fixed size, for code that is written once for all of them.
 #pragma once
 
-#include "kp.h"
+#include "layout/value_type.h"
 
 #include <algorithm>
 #include <cstring>
@@ -10,10 +10,14 @@
 
 namespace kp::tool {
 
-// Calls `use` with a zero of the C++ type that a fixed size's bytes have.
+// Calls `use` with a zero of the C++ type that the bytes of such a value have; for a type of variable
+// size, or a code that is no type, with a zero byte. The switch names every type, so that the
+// compiler warns when a new one is missing.
 template <typename Use> auto with_number(uint32_t type, const Use &use)
 {
-    switch (type) {
+    if (type >= kValueTypeCount)
+        return use(uint8_t{});
+    switch (static_cast<decltype(KP_TYPE_BOOLEAN)>(type)) {
     case KP_TYPE_INT8:
         return use(int8_t{});
     case KP_TYPE_INT16:
@@ -32,9 +36,14 @@ template <typename Use> auto with_number(uint32_t type, const Use &use)
         return use(float{});
     case KP_TYPE_DOUBLE:
         return use(double{});
-    default: // boolean and uint8
-        return use(uint8_t{});
+    case KP_TYPE_BOOLEAN:
+    case KP_TYPE_UINT8:
+    case KP_TYPE_STRING:
+    case KP_TYPE_BYTEARRAY:
+    case KP_TYPE_RAW:
+        break;
     }
+    return use(uint8_t{});
 }
 
 // Bytes that are missing count as 0.
