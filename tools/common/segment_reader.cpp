@@ -51,7 +51,12 @@ struct Copy {
 };
 
 // Compares what belongs to a write.
-bool same_write(const uint8_t *source, const Copy &copy, std::size_t end)
+//
+// Deliberate: here and in MappedSource::take() memcmp() and memcpy() touch fields that a writer may be
+// storing, not the accesses of field.h. A copy may come out torn, which is expected: further looks
+// and the mark, which does go through field.h, tell it. One access for each byte would make a look so
+// much longer that a busy writer would leave no gap for it.
+bool same_bytes(const uint8_t *source, const Copy &copy, std::size_t end)
 {
     const uint8_t *known = copy.bytes.data();
     return std::memcmp(source + kFieldsStart, known + kFieldsStart, kCountsStart - kFieldsStart) ==
@@ -96,7 +101,7 @@ class MappedSource {
     {
         const bool is_quiet = !is_being_written();
         const bool same =
-            is_quiet && same_write(reinterpret_cast<const uint8_t *>(&segment_), copy, copy.end());
+            is_quiet && same_bytes(reinterpret_cast<const uint8_t *>(&segment_), copy, copy.end());
         order_loads();
         return good_if(same && !is_being_written());
     }
@@ -110,7 +115,7 @@ class MappedSource {
     const Segment &segment_;
 };
 
-// Looks at an open file. Each reading is a system call, and no load moves over one.
+// Looks at an open file. Each look is one system call, and no load moves from one to the next.
 class FileSource {
   public:
     explicit FileSource(const UniqueFd &fd) : fd_(fd)
@@ -133,7 +138,7 @@ class FileSource {
         const std::size_t end = copy.end();
         if (pread(fd_.get(), again.bytes.data(), end, 0) != static_cast<ssize_t>(end))
             return Look::no_segment;
-        return good_if(!again.is_being_written() && same_write(again.bytes.data(), copy, end));
+        return good_if(!again.is_being_written() && same_bytes(again.bytes.data(), copy, end));
     }
 
   private:

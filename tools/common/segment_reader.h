@@ -3,14 +3,20 @@
 //
 // The rule for what belongs together. The library's own consistent read (docs/reliability.md) relies
 // on the timestamp of a write where bytes alone tell nothing. A tool cannot: it shows what any program
-// wrote, also one that gives all its writes the same timestamp. So a copy counts only if no write was
-// going on before it and if four more looks, with no write going on before any of them, find the same
-// bytes in all fields and in the value. Only the counts may change, which are no part of a write. Two
-// looks match on the same torn value about once in 50 when a writer flips between two values under
-// one timestamp; five practically never. docs/reliability.md has what was measured.
+// wrote, also one that gives all its writes the same timestamp. So an attempt is five looks: the
+// first copies the segment, and four more compare it with the copy. The copy counts only if each
+// look finds that no write is going on, and if all four find the same bytes in all fields and in the
+// value. Only the counts may change, which are no part of a write. Two looks match on the same torn
+// value about once in 50 when a writer flips between two values under one timestamp; five practically
+// never. docs/reliability.md has what was measured.
 //
-// A disturbed attempt is repeated at once for some time, since the gap between two writes may be as
-// short as the attempt, and then after pauses, since the writer may have been taken off its processor.
+// A look through a mapping loads the mark of a write before the bytes and again after them. A look
+// through a file fetches mark and bytes with one pread(), so it knows the mark of one moment only.
+// That is enough: a write that begins or ends within the call either is still going on at the next
+// look, which then finds the mark, or has stored all its bytes, and the next look finds these.
+//
+// An attempt that a write disturbs is repeated: first at once, since the gap between two writes may
+// be as short as the attempt, and then after pauses, since the writer may have lost its processor.
 #pragma once
 
 #include "common/store_files.h"
@@ -66,7 +72,7 @@ struct WriteStamp {
     uint8_t flags = 0;
     uint8_t writing = 0;
 
-    // Says whether two looks saw the same write; a write in progress is none yet.
+    // Says whether two looks saw the same write. A write in progress does not count.
     bool same_write(const WriteStamp &other) const
     {
         return last_write_ts == other.last_write_ts && source_ts == other.source_ts &&
@@ -74,7 +80,7 @@ struct WriteStamp {
     }
 };
 
-// What a look would have seen that saw the write of which a snapshot was taken.
+// The stamp of the write that a snapshot shows.
 WriteStamp stamp_of(const Snapshot &snapshot);
 
 // How a segment is looked at that is looked at often. A mapping is fastest, but a process has 65,530 of
