@@ -1,0 +1,41 @@
+// Topics as metrics, in the text format of Prometheus, of which OpenMetrics is a stricter kind.
+#pragma once
+
+#include "common/segment_reader.h"
+
+#include <array>
+#include <string>
+
+namespace kp::tool {
+
+class TopicMetrics {
+  public:
+    // Adds a topic. A unit that is not empty is a label of its value.
+    void take(const std::string &topic, const Snapshot &snapshot, const std::string &unit = "");
+
+    // The families that have samples, each with its help and type.
+    std::string text() const;
+
+    bool is_empty() const
+    {
+        return providers_.samples.empty();
+    }
+
+  private:
+    // A metric and its samples, which the format wants side by side.
+    struct Metric {
+        const char *name;
+        const char *help;
+        std::string samples = {};
+
+        void add(const std::string &labels, const std::string &value);
+    };
+
+    Metric value_{"zu_kp_value", "The latest value of a topic of numbers or booleans."};
+    Metric quality_{"zu_kp_quality", "The quality of the value, 0 for none and 1 for good."};
+    Metric written_{"zu_kp_write_timestamp_seconds", "When the value was written, since 1970."};
+    Metric providers_{"zu_kp_providers", "Handles that are open to provide the topic."};
+    Metric consumers_{"zu_kp_consumers", "Handles that are open to consume the topic."};
+};
+
+} // namespace kp::tool
