@@ -1,0 +1,66 @@
+// The program with a configuration, and what curl gets from it.
+#pragma once
+
+#include "testing/child.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kptest {
+
+struct Got {
+    int status = 0; // of HTTP; 0 when there was no answer
+    std::string headers;
+    std::string body;
+};
+
+class WebProgram {
+  public:
+    // Listens on a free port of the loopback, besides what `more` says.
+    explicit WebProgram(const std::string &more = "");
+    WebProgram(const WebProgram &) = delete;
+    WebProgram &operator=(const WebProgram &) = delete;
+    ~WebProgram();
+
+    uint16_t port() const
+    {
+        return port_;
+    }
+    const std::string &folder() const
+    {
+        return folder_;
+    }
+    // What curl gets for a path, with further arguments of curl's.
+    Got get(const std::string &path, const std::vector<std::string> &options = {}) const;
+    // Writes the configuration anew; the program reads it at SIGHUP.
+    void configure(const std::string &more) const;
+    void signal(int number) const
+    {
+        process_->signal(number);
+    }
+    std::optional<int> wait()
+    {
+        return process_->wait();
+    }
+    // What it has said on standard error.
+    std::string log() const;
+    bool wait_for_log(const std::string &text) const;
+    // Memory of its own in use, in KiB.
+    long memory() const;
+    std::size_t descriptor_count() const;
+
+  private:
+    std::string folder_;
+    uint16_t port_ = 0;
+    std::unique_ptr<ChildProcess> process_;
+};
+
+// What a command for the shell prints.
+std::string output_of(const std::string &command);
+
+// The lines of a text, without their ends.
+std::vector<std::string> lines_of(const std::string &text);
+
+} // namespace kptest

@@ -1,0 +1,56 @@
+// What is answered to whom: the addresses of the interface, see kp-web(1).
+#pragma once
+
+#include "answers/pages.h"
+#include "config/configuration.h"
+#include "http/answer.h"
+#include "http/target.h"
+#include "store/board.h"
+#include "store/surveyor.h"
+
+#include <map>
+
+namespace kp::web {
+
+struct Request {
+    std::string method;
+    Target target;
+    std::string last_event_id;
+};
+
+// What the program tells of itself.
+struct Counters {
+    unsigned connections = 0; // that are open
+    uint64_t turned_away = 0; // for there were too many
+    uint64_t requests = 0;    // since the start
+    uint64_t refused = 0;     // of these, answered with an error
+};
+
+class Site {
+  public:
+    // What is given must outlive the site.
+    Site(const Configuration &configuration, Board &board, const Counters &counters);
+
+    Answer answer(const Request &request);
+
+    // Logs what could not be read, each once.
+    void tell_problems();
+
+  private:
+    Answer list(const Request &request, bool with_values);
+    Answer one(const std::string &topic);
+    Answer watch(const Request &request);
+    Answer metrics();
+    Answer survey(Look look);
+    Answer page(const std::string &path) const;
+    // What a request asks for in q and x, or why not.
+    tool::Result<tool::Selection> selection_of(const Target &target) const;
+
+    const Configuration &configuration_;
+    Board &board_;
+    const Counters &counters_;
+    const Pages pages_;
+    Surveyor surveyor_;
+};
+
+} // namespace kp::web
