@@ -412,3 +412,38 @@ TEST(Outbound, SendsAChangeAtOnceWhileTheBurstWaits)
     outbound.pass(seconds(1));
     EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
 }
+
+TEST(OutboundMaxInterval, SendsAgainWhatHasNotChanged)
+{
+    OutboundOf bridge("max-interval = 10\n");
+    StoreProvider provider("a/b", KP_TYPE_STRING);
+    provider.write("x");
+    EXPECT_THAT(bridge.messages_after_scan(), ElementsAre("p/a/b=x q=1"));
+
+    bridge.pass(seconds(6));
+    provider.write("y");
+    EXPECT_THAT(bridge.messages_after_scan(), ElementsAre("p/a/b=y q=1"));
+    bridge.pass(seconds(6));
+    EXPECT_THAT(bridge.messages_after_scan(), IsEmpty());
+    EXPECT_EQ(bridge->due(), bridge.now() + seconds(4));
+    bridge.pass(seconds(4));
+    EXPECT_THAT(bridge.messages(), ElementsAre("p/a/b=y q=1"));
+    bridge.pass(seconds(10));
+    EXPECT_THAT(bridge.messages(), ElementsAre("p/a/b=y q=1"));
+}
+
+TEST(OutboundMaxInterval, EndsWithTheTag)
+{
+    OutboundOf bridge("max-interval = 10\nretain = false\n");
+    {
+        StoreProvider provider("a/b", KP_TYPE_STRING);
+        provider.write("x");
+        EXPECT_THAT(bridge.messages_after_scan(), ElementsAre("p/a/b=x q=1"));
+    }
+
+    EXPECT_THAT(bridge.messages_after_scan(), IsEmpty());
+    bridge.pass(seconds(10));
+
+    EXPECT_THAT(bridge.messages(), IsEmpty());
+    EXPECT_FALSE(bridge->due());
+}

@@ -144,6 +144,10 @@ class ConfigurationReader {
         table.read<std::string>("prefix", rule.prefix, setting::prefix);
         table.read("retain", rule.retain);
         table.read("min-interval", rule.quiet.min_interval, 0, kDay);
+        table.read("max-interval", rule.quiet.max_interval, 0, kDay);
+        if (rule.quiet.max_interval.count() > 0 &&
+            rule.quiet.max_interval < rule.quiet.min_interval)
+            table.problem("max-interval", "must not be less than min-interval");
         table.read("deadband", rule.quiet.deadband, 0, 1e300);
         table.read("deadband-relative", rule.quiet.relative_deadband, 0, 1e6);
         table.read("only-changes", rule.quiet.only_changes);

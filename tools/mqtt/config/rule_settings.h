@@ -14,6 +14,7 @@ enum class PayloadMode {
 // What keeps a topic quiet, from its rule.
 struct Quiet {
     milliseconds min_interval{0};
+    milliseconds max_interval{0}; // after which a value is sent again; 0: never
     double deadband = 0;          // absolute; 0: none
     double relative_deadband = 0; // of the last value sent; 0: none
     bool only_changes = false;    // a write of the same value is no change

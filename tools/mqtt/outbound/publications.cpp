@@ -51,6 +51,34 @@ void Publications::reload()
 {
     burst_ = TokenBucket(configuration_.broker.burst_rate);
     take_what_is_due(Clock::time_point::max());
+    for (const auto &[tag, topic] : topics_.all())
+        remind(*topic);
+}
+
+void Publications::remind(OutTopic &topic)
+{
+    const milliseconds interval = topic.rule->quiet.max_interval;
+    if (interval.count() == 0 || !topic.gate.sent_at() || topic.is_reminded)
+        return;
+    topic.is_reminded = true;
+    reminders_.emplace(*topic.gate.sent_at() + interval, topic.mqtt);
+}
+
+// What was sent meanwhile gets a later one.
+void Publications::take_reminders(Clock::time_point now)
+{
+    while (!reminders_.empty() && reminders_.begin()->first <= now) {
+        OutTopic *topic = topics_.of_mqtt(reminders_.begin()->second);
+        reminders_.erase(reminders_.begin());
+        if (!topic)
+            continue;
+        topic->is_reminded = false;
+        const milliseconds interval = topic->rule->quiet.max_interval;
+        if (interval.count() > 0 && now - topic->gate.sent_at().value_or(now) >= interval)
+            mark_again(topic->mqtt, now);
+        else
+            remind(*topic);
+    }
 }
 
 // So that only what changes from now on leaves the burst.
@@ -91,6 +119,7 @@ void Publications::repeat(const std::string &tag, Clock::time_point now)
 std::optional<Publication> Publications::next(Clock::time_point now)
 {
     take_what_is_due(now);
+    take_reminders(now);
     while (true) {
         const auto waiting = pending_.take(burst_.may_pass(now));
         if (!waiting)
@@ -152,6 +181,7 @@ std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock:
         state_.add(topic.mqtt, sample.providers > 0 || topic.providers_gone);
     topic.gate.sent(sample, now);
     topic.must_send = false;
+    remind(topic);
     return publication_of(topic, sample);
 }
 
@@ -302,6 +332,8 @@ std::optional<Clock::time_point> Publications::due() const
     std::optional<Clock::time_point> due;
     if (!later_.empty())
         due = later_.begin()->first;
+    if (!reminders_.empty())
+        due = std::min(due.value_or(Clock::time_point::max()), reminders_.begin()->first);
     if (pending_.has_burst() && !pending_.has_change())
         due = std::min(due.value_or(Clock::time_point::max()), Clock::now() + kBurstDelay);
     return due;

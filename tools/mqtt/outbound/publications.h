@@ -80,6 +80,8 @@ class Publications {
     void mark_again(const std::string &mqtt, Clock::time_point since);
     void take_up_what_waits();
     void take_what_is_due(Clock::time_point now);
+    void remind(OutTopic &topic);
+    void take_reminders(Clock::time_point now);
 
     const Configuration &configuration_;
     const StoreReader &reader_;
@@ -92,6 +94,7 @@ class Publications {
     Counters &counters_;
 
     std::multimap<Clock::time_point, PendingNames::Waiting> later_; // by when they may go
+    std::multimap<Clock::time_point, std::string> reminders_;       // topics to be sent again
     std::unordered_map<int, Publication> unacknowledged_;
     std::optional<Publication> last_kept_;
     TokenBucket burst_;

@@ -38,6 +38,7 @@ struct OutTopic {
     // Of its publications.
     bool must_send = true;    // whatever the gate says
     bool is_deferred = false; // waits for a time, and is marked then
+    bool is_reminded = false; // there is a time at which it is sent again
     Gate gate;
     bool is_shared = false; // of a tree that several devices write
     ValueMark settled;      // the last value that was sent, or kept quiet by the rule
