@@ -136,3 +136,34 @@ TEST(Status, HasAHeartbeat)
     EXPECT_TRUE(wait_until([first] { return status_number("heartbeat") > first; }, 5s));
     EXPECT_LT(kp_get_timestamp_us() - status_number("heartbeat"), 30'000'000u);
 }
+
+TEST(Mesh, IsWatchedForEndpointsThatTellTheBridgeNothing)
+{
+    constexpr int full = KP_MAX_PEERS + 1;
+    const Broker broker;
+    std::vector<kp_t *> handles;
+    for (int number = 0; number < full; ++number)
+        handles.push_back(kp_new(("crowd" + std::to_string(number)).c_str(), nullptr));
+
+    BridgeProgram bridge(broker.port(), kNumbers);
+
+    EXPECT_TRUE(wait_until([] { return status_number("unheard") == full; }));
+    EXPECT_THAT(bridge.log(), HasSubstr("the endpoint crowd0 tells this bridge nothing: it has its "
+                                        "31 peers already"));
+    for (kp_t *handle : handles)
+        (void)kp_destroy(handle);
+    EXPECT_TRUE(wait_until([] { return status_number("unheard") == 0; }));
+}
+
+TEST(Mesh, WithRoomForTheBridgeIsHeard)
+{
+    const Broker broker;
+    Tags tags;
+    BridgeProgram bridge(broker.port(), kNumbers);
+    ASSERT_TRUE(wait_for_connection());
+
+    const uint64_t begin = status_number("heartbeat");
+    EXPECT_TRUE(wait_until([&] { return status_number("heartbeat") > begin + 7'000'000; }));
+
+    EXPECT_EQ(status_number("unheard"), 0u);
+}

@@ -39,7 +39,7 @@ Bridge::Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks 
       inbound_(configuration_, reader_, shared_, inbound_events(), counters),
       lost_providers_(topics_, configuration_.trust_visible),
       session_(configuration_, origin_, session_events(), counters),
-      status_(configuration_.status_prefix, writer)
+      unheard_(configuration_.endpoint), status_(configuration_.status_prefix, writer)
 {
 }
 
@@ -242,6 +242,7 @@ void Bridge::tick(Clock::time_point now)
     next_tick_ = now + kTick;
     manager_.keep_watchdog_quiet(now);
     log_what_was_left_out(now);
+    unheard_.look(now);
     show_status(now, session_.is_online());
     const bool stuck = writer_.busy_for(now) > kStuck;
     if (stuck && !reported_stuck_)
@@ -254,6 +255,7 @@ void Bridge::show_status(Clock::time_point now, bool is_connected)
     Status status;
     status.connected = is_connected;
     status.topics = topics_.all().size();
+    status.unheard = unheard_.count();
     status.pending = publications_.pending_count();
     status.oldest_unsent_ms = static_cast<uint64_t>(publications_.oldest_age(now).count());
     status_.show(status, counters_);

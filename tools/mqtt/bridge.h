@@ -6,6 +6,7 @@
 #include "common/service_manager.h"
 #include "config/configuration.h"
 #include "inbound/inbound.h"
+#include "mesh/unheard_endpoints.h"
 #include "outbound/lost_providers.h"
 #include "outbound/publications.h"
 #include "outbound/shared_tags.h"
@@ -70,6 +71,7 @@ class Bridge {
     Inbound inbound_;
     LostProviders lost_providers_;
     BrokerSession session_;
+    UnheardEndpoints unheard_;
     StatusTags status_;
     tool::ServiceManager manager_;
 

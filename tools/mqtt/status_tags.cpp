@@ -9,6 +9,7 @@ void StatusTags::show(const Status &status, const Counters &counters)
 {
     show("connected", KP_TYPE_BOOLEAN, std::string(1, status.connected ? '\1' : '\0'));
     show("topics", status.topics);
+    show("unheard", status.unheard);
     show("pending", status.pending);
     show("oldest-unsent-ms", status.oldest_unsent_ms);
     show("out", counters.out);

@@ -13,6 +13,7 @@ namespace kp::mqtt {
 struct Status {
     bool connected = false;
     uint64_t topics = 0;
+    uint64_t unheard = 0;
     uint64_t pending = 0;
     uint64_t oldest_unsent_ms = 0;
 };
