@@ -1,7 +1,9 @@
 // The dictionary: which facts hold for a topic, and what mistakes in its files cost.
 #include "common/dictionary/dictionary.h"
 #include "common/number_type.h"
+#include "common/text.h"
 
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -59,6 +61,16 @@ record = { deadband = 0.2, at-least = 600, keep = true }
     EXPECT_EQ(entry.record->value.at_least_s, 600);
     EXPECT_TRUE(entry.record->value.keeps_last);
     EXPECT_EQ(place_text(entry.unit->place), "t.toml:3:1");
+}
+
+TEST(DictionaryFile, TakesTheExampleThatIsInstalled)
+{
+    std::ifstream example(KP_DICTIONARY_EXAMPLE);
+
+    const DictionaryFile read = parsed(std::string(std::istreambuf_iterator<char>(example), {}));
+
+    EXPECT_THAT(problem_lines(read), IsEmpty());
+    EXPECT_EQ(read.entries.size(), 3u);
 }
 
 TEST(DictionaryFile, NamesValuesOfBooleansAndWholeNumbers)
@@ -121,6 +133,10 @@ INSTANTIATE_TEST_SUITE_P(
                 "t.toml:3:1: names: a double has none"},
         Mistake{"OneNameForTwo", "[\"a\"]\nnames = { 0 = \"off\", 1 = \"off\" }",
                 "names: \"off\" names two values"},
+        Mistake{"NameThatIsANumber", "[\"a\"]\nnames = { 0 = \"1\", 1 = \"on\" }",
+                "t.toml:2:9: names: the name of 0 is a number"},
+        Mistake{"LevelThatNoTopicHas", "[\"a/../b\"]\nunit = \"m\"",
+                "t.toml:1:2: the pattern can't match: \"a/../b\" is not a topic"},
         Mistake{"SizeOfAnInteger", "[\"a\"]\ntype = \"int8\"\nsize = 4",
                 "t.toml:3:1: size: a int8 always has the same"},
         Mistake{"SizeBeyondTheMost", "[\"a\"]\nsize = 4001", "t.toml:2:8: size: must be a whole"},
@@ -136,8 +152,50 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"LetterBeyondAsciiOutsideQuotes", "[\"a\"]\nrange = [0, \u0420]",
                 "t.toml:2:13: a letter beyond ASCII must stand in quotation marks"},
         Mistake{"ControlCharacters", "[\"a\"]\nunit = \"\\u001b[31m\"",
+                "unit: holds characters that cannot be shown"},
+        Mistake{"ControlCharactersBesideABackslash", "[\"a\"]\nunit = \"\\u001b[31m\\\\\"",
                 "unit: holds characters that cannot be shown"}),
     [](const auto &test) { return test.param.name; });
+
+TEST(DictionaryFile, TakesEveryUnitOnATerminalOf8BitsToo)
+{
+    escape_for_8_bits(true);
+
+    const DictionaryFile read = parsed("[a]\nunit = \"°C\"\n");
+    escape_for_8_bits(false);
+
+    EXPECT_THAT(problem_lines(read), IsEmpty());
+    EXPECT_EQ(read.entries[0].unit->value, "°C");
+}
+
+// Each would take hours, or all of the stack, if the time grew with the square or the depth.
+TEST(DictionaryFile, EndsSoonOnHugePatternsNamesAndBrokenTables)
+{
+    std::string deep;
+    std::string names;
+    std::string broken;
+    for (int level = 0; level < 2'000'000; ++level)
+        deep += "a/";
+    for (int name = 0; name < 200'000; ++name)
+        names += (names.empty() ? "" : ", ") + std::to_string(name) + " = \"n" +
+                 std::to_string(name) + "\"";
+    for (int table = 0; table < 400'000; ++table)
+        broken += "[\"" + std::to_string(table) + "\"]\n=\n";
+
+    EXPECT_THAT(problem_lines(parsed("[\"" + deep + "\"]\n")),
+                ElementsAre(HasSubstr("it is longer than any topic")));
+    EXPECT_THAT(problem_lines(parsed("[a]\nnames = { " + names + " }\n")),
+                ElementsAre(HasSubstr("names: has more than 1000 of them")));
+    EXPECT_LE(problem_lines(parsed(broken)).size(), 10u);
+}
+
+TEST(DictionaryFile, CutsAMessageThatAFileMakesLong)
+{
+    const DictionaryFile read = parsed("[a]\n" + std::string(100'000, 'k') + " = 1\n");
+
+    ASSERT_EQ(read.problems.size(), 1u);
+    EXPECT_LE(read.problems[0].text.size(), 310u);
+}
 
 TEST(DictionaryFile, EndsWithProblemsOnWhatIsNoToml)
 {

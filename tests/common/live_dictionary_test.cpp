@@ -127,6 +127,18 @@ TEST_F(LiveDictionaryTest, MissesADirectoryOnlyWhenItWasNamed)
     EXPECT_TRUE(named.current()->is_empty());
 }
 
+TEST_F(LiveDictionaryTest, IsEmptyWhenItsDirectoryIsRemoved)
+{
+    put("1.toml", "[a]\nunit = \"m\"\n");
+    LiveDictionary live({folder_, false});
+
+    std::filesystem::remove_all(folder_);
+
+    EXPECT_TRUE(live.refresh());
+    EXPECT_EQ(unit(live, "a"), "none");
+    EXPECT_THAT(live.take_problems(), IsEmpty());
+}
+
 TEST_F(LiveDictionaryTest, DoesNotHangOnAFifoNorReadADirectory)
 {
     ASSERT_EQ(mkfifo((folder_ + "/1.toml").c_str(), 0600), 0);

@@ -48,20 +48,24 @@ class Scanner {
     {
         const std::string three(3, mark);
         const bool is_long = text_.substr(at_, 3) == three;
-        at_ += is_long ? 3 : 1;
-        while (at_ < text_.size()) {
-            if (mark == '"' && text_[at_] == '\\')
-                ++at_;
-            else if (is_long ? text_.substr(at_, 3) == three : text_[at_] == mark)
-                break;
-            else if (!is_long && text_[at_] == '\n')
-                return;
-            ++at_;
-        }
-        at_ = std::min(at_ + (is_long ? 3 : 1), text_.size());
-        for (int more = 0; is_long && more < 2 && text_.substr(at_, 1) == three.substr(0, 1);
-             ++more)
+        if (!is_long)
+            return skip_line_string(mark);
+        at_ += 3;
+        while (at_ < text_.size() && text_.substr(at_, 3) != three)
+            at_ += mark == '"' && text_[at_] == '\\' ? 2 : 1;
+        at_ = std::min(at_ + 3, text_.size());
+        for (int more = 0; more < 2 && text_.substr(at_, 1) == three.substr(0, 1); ++more)
             ++at_; // a long string may end in quotation marks of its own
+    }
+
+    void skip_line_string(char mark)
+    {
+        ++at_;
+        while (at_ < text_.size() && text_[at_] != mark && text_[at_] != '\n')
+            at_ += mark == '"' && text_[at_] == '\\' ? 2 : 1;
+        if (at_ < text_.size() && text_[at_] == '\n')
+            return;
+        at_ = std::min(at_ + 1, text_.size());
     }
 
     std::string_view text_;

@@ -12,8 +12,10 @@ namespace kp::tool {
 
 namespace {
 
-// So many tables of one file may be broken; a file with more is hardly one of the dictionary.
-constexpr int kMostBrokenTables = 50;
+// So many tables of one file may be broken; a file with more is hardly one of the dictionary. Of a large
+// file it is fewer, since for each the whole file is read again.
+constexpr std::size_t kMostBrokenTables = 50;
+constexpr std::size_t kMostBytesReadAgain = 32 << 20;
 
 class Lines {
   public:
@@ -67,12 +69,15 @@ std::optional<toml::table> parse_what_can_be(std::string_view text,
                                              std::vector<DictionaryProblem> &problems)
 {
     std::optional<Lines> lines;
-    for (int broken = 0; broken < kMostBrokenTables; ++broken) {
+    const std::size_t most =
+        std::clamp<std::size_t>(kMostBytesReadAgain / (text.size() + 1), 1, kMostBrokenTables);
+    for (std::size_t broken = 0; broken < most; ++broken) {
         try {
             return broken == 0 ? parse_toml(text) : parse_toml(lines->text());
         } catch (const toml::parse_error &error) {
             const auto at = error.source().begin;
-            problems.push_back({{name, at.line, at.column}, escaped(error.description())});
+            problems.push_back(
+                {{name, at.line, at.column}, problem_text(escaped(error.description()))});
             if (!lines)
                 lines.emplace(text);
             if (!lines->blank_table(at.line))
@@ -82,22 +87,22 @@ std::optional<toml::table> parse_what_can_be(std::string_view text,
     return std::nullopt;
 }
 
-// Says what is wrong with an entry's pattern; empty when nothing is.
-std::string pattern_fault(const std::string &pattern)
+// The pattern as its levels say, without the slashes that mean nothing; or what is wrong with it.
+Result<std::string> normal_pattern(const std::string &pattern)
 {
-    if (split_levels(pattern).empty())
-        return "the pattern is empty and matches nothing";
-    const std::string problem = pattern_problem(pattern, Dialect::tags);
-    return problem.empty() ? "" : "the pattern can't match: " + problem;
-}
-
-// The pattern as its levels say, without the slashes that mean nothing.
-std::string normal_pattern(const std::string &pattern)
-{
-    std::string normal;
-    for (const std::string_view level : split_levels(pattern))
-        normal = join_levels(normal, level);
-    return normal;
+    using Normal = Result<std::string>;
+    if (pattern.size() > kMostTopicBytes)
+        return Normal::failed("the pattern can't match: it is longer than any topic");
+    if (pattern.find_first_not_of('/') == std::string::npos)
+        return Normal::failed("the pattern is empty and matches nothing");
+    const std::string fault =
+        is_pattern(pattern) ? pattern_problem(pattern, Dialect::tags) : std::string();
+    if (!fault.empty())
+        return Normal::failed("the pattern can't match: " + fault);
+    Problem problem;
+    const auto normal = normal_topic(pattern, problem);
+    return normal ? Normal::of(*normal)
+                  : Normal::failed("the pattern can't match: " + problem.text);
 }
 
 } // namespace
@@ -120,18 +125,21 @@ DictionaryFile parse_dictionary_file(std::string_view text, const std::string &n
                            "\"" + escaped(pattern) + "\" stands outside a table such as [\"a/b\"]");
             continue;
         }
-        if (const std::string fault = pattern_fault(pattern); !fault.empty()) {
-            reader.problem(key.source(), fault);
+        const auto normal = normal_pattern(pattern);
+        if (!normal) {
+            reader.problem(key.source(), normal.problem);
             continue;
         }
-        const auto [first, is_new] =
-            seen.try_emplace(normal_pattern(pattern), reader.place(key.source()));
+        const auto [first, is_new] = seen.try_emplace(*normal.value, reader.place(key.source()));
         if (is_new)
             file.entries.push_back(reader.read(key, *table));
         else
             reader.problem(key.source(),
                            "the same pattern as in line " + std::to_string(first->second.line));
     }
+    std::ranges::stable_sort(file.problems, {}, [](const DictionaryProblem &problem) {
+        return std::pair(problem.place.line, problem.place.column);
+    });
     return file;
 }
 

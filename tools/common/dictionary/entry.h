@@ -30,8 +30,8 @@ struct DictionaryProblem {
 
 // What one file says.
 struct DictionaryFile {
-    std::vector<DictionaryEntry> entries; // in the order of the file
-    std::vector<DictionaryProblem> problems;
+    std::vector<DictionaryEntry> entries;    // in the order of their patterns
+    std::vector<DictionaryProblem> problems; // in the order of the file
 };
 
 // Reads a file's text. `name` is what places in it are called.

@@ -14,11 +14,34 @@ namespace {
 
 constexpr std::size_t kMostUnitBytes = 64;
 constexpr std::size_t kMostDescriptionBytes = 1000;
+constexpr std::size_t kMostNames = 1000;
+constexpr std::size_t kMostProblemColumns = 300;
 
 std::optional<double> finite_number(const toml::node &node)
 {
     const auto number = node.is_number() ? node.value<double>() : std::nullopt;
     return number && std::isfinite(*number) ? number : std::nullopt;
+}
+
+// Whatever the character set of the terminal is.
+bool can_be_shown(std::string_view text)
+{
+    while (!text.empty()) {
+        const CodePoint point = next_code_point(text);
+        if (!point.valid || is_unsafe_to_show(point.value))
+            return false;
+        text.remove_prefix(point.bytes);
+    }
+    return true;
+}
+
+std::optional<int64_t> whole_number(std::string_view text)
+{
+    int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return number;
 }
 
 Result<std::string> parse_text(const toml::node &node, std::size_t most)
@@ -28,7 +51,7 @@ Result<std::string> parse_text(const toml::node &node, std::size_t most)
         return Result<std::string>::failed("must be a text in quotation marks");
     if (text->size() > most)
         return Result<std::string>::failed("is longer than " + std::to_string(most) + " bytes");
-    if (escaped(*text) != *text && text->find('\\') == std::string::npos)
+    if (!can_be_shown(*text))
         return Result<std::string>::failed("holds characters that cannot be shown");
     return Result<std::string>::of(*text);
 }
@@ -139,21 +162,24 @@ Result<ValueNames> parse_names(const toml::node &node)
     const toml::table *table = node.as_table();
     if (!table || table->empty())
         return Names::failed("must be a table, as { 0 = \"off\", 1 = \"on\" }");
+    if (table->size() > kMostNames)
+        return Names::failed("has more than " + std::to_string(kMostNames) + " of them");
     ValueNames names;
     for (const auto &[key, value] : *table) {
         const std::string_view text = key.str();
-        int64_t number = 0;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-        if (error != std::errc() || end != text.data() + text.size())
+        const auto number = whole_number(text);
+        if (!number)
             return Names::failed("\"" + escaped(text) + "\" is not a whole number");
         auto name = parse_text(value, kMostUnitBytes);
         if (!name || name.value->empty())
-            return Names::failed("the name of " + std::to_string(number) + " " +
+            return Names::failed("the name of " + std::to_string(*number) + " " +
                                  (name ? "is empty" : name.problem));
+        if (whole_number(*name.value)) // it could not be told from a value
+            return Names::failed("the name of " + std::to_string(*number) + " is a number");
         for (const auto &[other, taken] : names)
             if (taken == *name.value)
                 return Names::failed("\"" + escaped(taken) + "\" names two values");
-        names[number] = std::move(*name.value);
+        names[*number] = std::move(*name.value);
     }
     return Names::of(std::move(names));
 }
@@ -169,6 +195,11 @@ bool lies_in(const ValueLimits &limits, const ValueRange &range)
 
 } // namespace
 
+std::string problem_text(const std::string &text)
+{
+    return shortened(text, kMostProblemColumns);
+}
+
 FilePlace EntryReader::place(const toml::source_region &at) const
 {
     return {file_, at.begin.line, at.begin.column};
@@ -176,7 +207,7 @@ FilePlace EntryReader::place(const toml::source_region &at) const
 
 void EntryReader::problem(const toml::source_region &at, const std::string &text)
 {
-    problems_.push_back({place(at), text});
+    problems_.push_back({place(at), problem_text(text)});
 }
 
 void EntryReader::read_key(DictionaryEntry &entry, const toml::key &key, const toml::node &node)

@@ -8,6 +8,9 @@
 
 namespace kp::tool {
 
+// What is told of a mistake, cut where a file would make it a page.
+std::string problem_text(const std::string &text);
+
 class EntryReader {
   public:
     // `file` is what places are called; the list outlives the reader.

@@ -18,13 +18,16 @@ namespace {
 
 constexpr off_t kMostFileBytes = 16 << 20;
 
-// The names that end in ".toml"; nothing, with errno set, when the directory cannot be read.
-std::optional<std::set<std::string>> names_in(const std::string &directory)
+// The names that end in ".toml", none where no directory is and nobody asked for one; nothing, with
+// errno set, when it cannot be read.
+std::optional<std::set<std::string>> names_in(const DictionaryPlace &place)
 {
-    const UniqueDir entries(opendir(directory.c_str()));
+    std::set<std::string> names;
+    const UniqueDir entries(opendir(place.directory.c_str()));
+    if (!entries && errno == ENOENT && !place.was_named)
+        return names;
     if (!entries)
         return std::nullopt;
-    std::set<std::string> names;
     while (const dirent *entry = entries.next())
         if (const std::string name = entry->d_name; name.ends_with(".toml") && name[0] != '.')
             names.insert(name);
@@ -109,11 +112,11 @@ bool LiveDictionary::take_file(const std::string &path, Known &known)
 
 bool LiveDictionary::refresh()
 {
-    const auto names = names_in(place_.directory);
+    const auto names = names_in(place_);
     if (!names) {
-        if (errno != ENOENT || place_.was_named)
-            if (!std::exchange(told_of_directory_, true))
-                report(place_.directory, std::strerror(errno));
+        const int error = errno;
+        if (!std::exchange(told_of_directory_, true))
+            report(place_.directory, std::strerror(error));
         return false;
     }
     told_of_directory_ = false;
