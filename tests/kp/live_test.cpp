@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -449,6 +450,23 @@ TEST(KpHelp, ExplainsEveryCommand)
     EXPECT_EQ(kp({"--version"}).code, 0);
 }
 
+TEST(KpTop, ShowsUnitsStatesAndMistakesOfTheDictionary)
+{
+    std::filesystem::create_directory("/run/tags");
+    std::ofstream("/run/tags/a.toml") << "[plant]\nunit = \"bar\"\nlimits = { high = 5 }\n";
+    put_double("plant", 7);
+
+    const TopInTerminal top("--dictionary /run/tags");
+
+    EXPECT_TRUE(top.shows(testing::ContainsRegex("STATE +QUAL")));
+    EXPECT_TRUE(top.shows(testing::ContainsRegex("plant +double +7 bar +high +1 ")));
+    top.type("Down");
+    top.type("Enter");
+    EXPECT_TRUE(top.shows(HasSubstr("dictionary unit bar  [/run/tags/a.toml:2:1]")));
+    std::ofstream("/run/tags/b.toml") << "[plant]\nunits = 1\n";
+    EXPECT_TRUE(top.shows(HasSubstr("/run/tags/b.toml:2:1: \"units\" is not known")));
+}
+
 TEST(KpCompletion, InsertsNamesSoThatTheShellTakesThemForNothingElse)
 {
     put_double("y;touch $(touch x)", 1);
@@ -496,6 +514,8 @@ TEST(KpCompletion, KnowsCommandsAndLiveTopics)
     };
 
     EXPECT_EQ(completed("kp wa", 1), "watch wait ");
+    EXPECT_EQ(completed("kp --dictionary /tmp che", 3), "check ");
+    EXPECT_EQ(completed("kp dictionary ''", 2), "init ");
     EXPECT_EQ(completed("kp get plant/", 2), "plant/name plant/pump/ ");
     EXPECT_EQ(completed("kp get plant/pump/", 2), "plant/pump/speed ");
     EXPECT_THAT(completed("kp set --", 2), HasSubstr("--source-time"));

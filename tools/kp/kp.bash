@@ -40,11 +40,12 @@ _kp_sandbox() {
 
 _kp() {
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' index
-    local commands='list get set info watch wait hz top dump restore record
-        replay export rm peers doctor gc bench sandbox help'
+    local commands='list get set info describe check dictionary watch wait hz top
+        dump restore record replay export rm peers doctor gc bench sandbox help'
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; index++)); do
         case ${COMP_WORDS[index]} in
+        --dictionary | --color) ((++index)) ;; # and its value
         -*) ;;
         *)
             command=${COMP_WORDS[index]}
@@ -65,6 +66,16 @@ _kp() {
     --color)
         mapfile -t COMPREPLY < <(compgen -W 'auto always never' -- "$word")
         return
+        ;;
+    --dictionary)
+        mapfile -t COMPREPLY < <(compgen -d -- "$word")
+        return
+        ;;
+    dictionary)
+        if [[ $command == dictionary ]]; then
+            mapfile -t COMPREPLY < <(compgen -W init -- "$word")
+            return
+        fi
         ;;
     esac
     if [[ -z $command || $command == help ]]; then

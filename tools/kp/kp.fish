@@ -22,13 +22,15 @@ function __kp_options
     kp $words[2..-1] --help 2>/dev/null | string match -ar -- '(?<=^|[ ,])--?[a-zA-Z0-9][a-z0-9-]*' | sort -u
 end
 
-set -l commands list get set info watch wait hz top dump restore record replay export rm peers doctor gc bench sandbox help
+set -l commands list get set info describe check dictionary watch wait hz top dump restore record replay export rm peers doctor gc bench sandbox help
 complete -c kp -f
 complete -c kp -n "not __fish_seen_subcommand_from $commands" -a "$commands"
 complete -c kp -n "__fish_seen_subcommand_from help" -a "$commands"
 complete -c kp -n "string match -q -- '-*' (commandline -ct)" -a '(__kp_options)'
 complete -c kp -n '__fish_seen_subcommand_from restore replay' -F
-complete -c kp -n '__fish_seen_subcommand_from list get set info watch wait hz top dump record export rm' -a '(__kp_topics)'
+complete -c kp -n '__fish_seen_subcommand_from list get set info describe check init watch wait hz top dump record export rm' -a '(__kp_topics)'
 complete -c kp -l type -x -a 'boolean int8 int16 int32 int64 uint8 uint16 uint32 uint64 float double string bytearray raw'
 complete -c kp -l format -x -a 'plain json csv tsv raw hex'
+complete -c kp -n '__fish_seen_subcommand_from dictionary; and not __fish_seen_subcommand_from init' -a init
+complete -c kp -l dictionary -x -a '(__fish_complete_directories)'
 complete -c kp -l color -x -a 'auto always never'

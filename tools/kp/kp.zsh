@@ -21,9 +21,10 @@ _kp_topics() {
 
 _kp() {
     local command='' index
-    local -a commands=(list get set info watch wait hz top dump restore record replay export rm peers
-        doctor gc bench sandbox help)
+    local -a commands=(list get set info describe check dictionary watch wait hz top dump restore record
+        replay export rm peers doctor gc bench sandbox help)
     for ((index = 2; index < CURRENT; index++)); do
+        [[ $words[index] == (--dictionary|--color) ]] && ((++index)) && continue
         [[ $words[index] == -* ]] && continue
         command=$words[index]
         break
@@ -32,6 +33,8 @@ _kp() {
     --type) compadd boolean int8 int16 int32 int64 uint8 uint16 uint32 uint64 float double string bytearray raw && return ;;
     --format) compadd plain json csv tsv raw hex && return ;;
     --color) compadd auto always never && return ;;
+    --dictionary) _files -/ && return ;;
+    dictionary) [[ $command == dictionary ]] && compadd init && return ;;
     esac
     if [[ -z $command || $command == help ]]; then
         compadd -- $commands

@@ -5,6 +5,7 @@
 #include "common/text.h"
 #include "kp.h"
 #include "options/option_checks.h"
+#include "output/meaning.h"
 #include "output/output.h"
 #include "running/stop.h"
 
@@ -34,6 +35,7 @@ constexpr const char *kFooter =
 struct GlobalOptions {
     bool debug = false;
     ColorChoice color = ColorChoice::automatic;
+    std::string dictionary;
 };
 
 void add_global_options(CLI::App &app, GlobalOptions &options)
@@ -43,6 +45,9 @@ void add_global_options(CLI::App &app, GlobalOptions &options)
                             {{"auto", ColorChoice::automatic},
                              {"always", ColorChoice::always},
                              {"never", ColorChoice::never}});
+    app.add_option("--dictionary", options.dictionary,
+                   "what tags mean; KP_DICTIONARY or /etc/zu-kp/tags.d unless given (kp-tags(5))")
+        ->type_name("DIR");
     app.set_version_flag("--version", "kp " KP_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
@@ -55,6 +60,9 @@ void add_commands(Commands &commands)
     add_get(commands);
     add_set(commands);
     add_info(commands);
+    add_describe(commands);
+    add_check(commands);
+    add_dictionary(commands);
     add_watch(commands);
     add_wait(commands);
     add_hz(commands);
@@ -144,8 +152,8 @@ std::optional<std::string> command_word(int argc, char **argv)
 {
     for (int index = 1; index < argc; ++index) {
         const std::string_view word = argv[index];
-        if (word == "--color")
-            ++index; // its choice
+        if (word == "--color" || word == "--dictionary")
+            ++index; // its value
         else if (!word.empty() && word[0] != '-' && !(word == "help" && index == 1))
             return std::string(word);
     }
@@ -223,6 +231,7 @@ int main(int argc, char **argv)
         return report_parse_end(app, end);
     }
     choose_colors(options.color);
+    choose_dictionary(options.dictionary);
     set_library_level(options.debug);
     const int code = commands.run();
     (void)output().flush();

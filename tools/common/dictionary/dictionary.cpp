@@ -1,6 +1,6 @@
 #include "common/dictionary/dictionary.h"
 
-#include "common/topic_name.h"
+#include "common/pattern.h"
 
 #include <algorithm>
 #include <unordered_map>
@@ -40,6 +40,12 @@ void add_entry(Facts &facts, const DictionaryEntry &entry)
 }
 
 } // namespace
+
+std::optional<std::string> topic_of(const DictionaryEntry &entry)
+{
+    Problem ignored;
+    return is_pattern(entry.pattern) ? std::nullopt : normal_topic(entry.pattern, ignored);
+}
 
 // The patterns as a tree of their levels.
 struct Dictionary::Node {

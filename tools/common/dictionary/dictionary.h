@@ -15,6 +15,9 @@
 
 namespace kp::tool {
 
+// The one topic that an entry speaks of; nothing for a pattern, and for what can be no topic.
+std::optional<std::string> topic_of(const DictionaryEntry &entry);
+
 // Immutable once it is made, so any thread may look things up.
 class Dictionary {
   public:

@@ -16,12 +16,6 @@ bool has_number(uint32_t type)
     return is_number_type(type) || type == KP_TYPE_BOOLEAN;
 }
 
-// A number in the shortest form that reads back to the same bits.
-std::string number_text(double number)
-{
-    return plain_text(KP_TYPE_DOUBLE, to_bytes(number));
-}
-
 ValueState state_by_limits(const ValueLimits &limits, double value)
 {
     // Written so that a NaN, which no comparison holds for, is beyond each limit.
@@ -44,6 +38,11 @@ bool is_stale(const Facts &facts, const StateInput &input)
 }
 
 } // namespace
+
+std::string number_text(double number)
+{
+    return plain_text(KP_TYPE_DOUBLE, to_bytes(number));
+}
 
 std::string place_text(const FilePlace &place)
 {

@@ -18,6 +18,9 @@ struct FilePlace {
     uint32_t column = 0;
 };
 
+// A number in the shortest form that reads back to the same bits.
+std::string number_text(double number);
+
 // "file:line:column", as compilers write it, safe to show.
 std::string place_text(const FilePlace &place);
 

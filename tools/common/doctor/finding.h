@@ -32,6 +32,7 @@ nlohmann::ordered_json finding_json(const Finding &finding);
 // order.
 Finding unseen(const std::string &subject, std::string text, int code);
 
+struct DictionaryProblem;
 struct Mesh;
 
 // Checks the directories, their owners and modes, the room in them and the limits of the system.
@@ -42,5 +43,7 @@ std::size_t check_mesh(Findings &findings);
 void check_descriptors(const Mesh &mesh, Findings &findings);
 // Checks the topics and gives their number.
 std::size_t check_store(Findings &findings);
+// The mistakes in the files that say what tags mean.
+void check_dictionary(const std::vector<DictionaryProblem> &mistakes, Findings &findings);
 
 } // namespace kp::tool

@@ -1,6 +1,7 @@
 // kp doctor: looks for the causes of trouble and says what mends them.
 #include "commands/commands.h"
 #include "common/doctor/finding.h"
+#include "output/meaning.h"
 #include "output/output.h"
 #include "output/row_format.h"
 
@@ -36,6 +37,7 @@ int run_doctor(bool json)
     check_system(findings);
     const std::size_t endpoints = check_mesh(findings);
     const std::size_t topics = check_store(findings);
+    check_dictionary(dictionary_problems(), findings);
     std::stable_sort(findings.begin(), findings.end(),
                      [](const Finding &a, const Finding &b) { return a.severity > b.severity; });
     for (const Finding &finding : findings)

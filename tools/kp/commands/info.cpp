@@ -1,8 +1,10 @@
 // kp info: every field of a segment and of its file, and who has it open.
 #include "commands/commands.h"
 #include "common/device/counts_lock.h"
+#include "common/dictionary/fact_lines.h"
 #include "common/processes.h"
 #include "common/text.h"
+#include "output/meaning.h"
 #include "output/output.h"
 #include "output/row_format.h"
 
@@ -109,7 +111,10 @@ void print_segment(const Row &row, const FormatOptions &format, const Users &use
     field("type", snapshot.type_name() ? std::string(snapshot.type_name()) + " (" +
                                              std::to_string(snapshot.type) + ")"
                                        : "-");
-    field("value", shown_value(snapshot, format.bytes));
+    const Meaning meaning = meaning_of(row.topic, snapshot);
+    field("value", meant_value(meaning, shown_value(snapshot, format.bytes)));
+    if (meaning.state)
+        field("state", colored_by_state(state_text(meaning), meaning));
     if (snapshot.condition == Condition::busy || snapshot.condition == Condition::corrupt)
         field("trouble", colored(value_problem(row.topic, snapshot).text, Color::red));
     field("size", declared ? std::to_string(snapshot.size) + " of at most " +
@@ -155,11 +160,19 @@ void print_users(const Users &users)
         field("mapped by", users.hidden > 0 ? "nobody that this user may see" : "nobody");
 }
 
+// What the dictionary says of the topic, with the place of each fact.
+void print_facts(const std::string &topic)
+{
+    for (const FactLine &line : fact_lines(dictionary().facts_of(topic)))
+        field("dictionary", line.key + " " + line.text +
+                                colored("  [" + place_text(line.place) + "]", Color::dim));
+}
+
 nlohmann::ordered_json info_json(const Row &row, const FormatOptions &format,
                                  const struct stat &status, const Users &users,
                                  const LockState &state)
 {
-    auto object = row_json(row, format.bytes);
+    auto object = described_json(row, format.bytes);
     object["semaphore"] =
         state.lock.is_made ? nlohmann::ordered_json(state.lock.value) : nlohmann::ordered_json();
     object["semaphore_stuck"] = state.stays_taken;
@@ -179,6 +192,8 @@ nlohmann::ordered_json info_json(const Row &row, const FormatOptions &format,
                                      {"read_only", mapper.read_only}});
     }
     object["hidden_processes"] = users.hidden;
+    if (const Facts facts = dictionary().facts_of(row.topic); facts.is_known)
+        object["dictionary"] = facts_json(facts);
     return object;
 }
 
@@ -210,6 +225,7 @@ int run_info(const InfoOptions &options)
         print_lock(lock);
         print_file(*topic, status);
         print_users(users);
+        print_facts(*topic);
     }
     return row.snapshot.condition == Condition::busy || row.snapshot.condition == Condition::corrupt
                ? kInvalid

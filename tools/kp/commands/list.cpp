@@ -2,6 +2,7 @@
 #include "commands/commands.h"
 #include "common/text.h"
 #include "options/selection_options.h"
+#include "output/meaning.h"
 #include "output/output.h"
 #include "output/row_format.h"
 
@@ -25,29 +26,54 @@ struct ListOptions {
     bool tree = false;
 };
 
-using Cells = std::array<std::string, 7>;
+// The columns, texts to the left and numbers to the right.
+struct Column {
+    const char *title;
+    bool is_text;
+};
+constexpr std::array<Column, 8> kColumns = {{{"TOPIC", true},
+                                             {"TYPE", true},
+                                             {"VALUE", true},
+                                             {"STATE", true},
+                                             {"QUALITY", false},
+                                             {"AGE", false},
+                                             {"PROVIDERS", false},
+                                             {"CONSUMERS", false}}};
+constexpr std::size_t kTopicColumn = 0;
+constexpr std::size_t kValueColumn = 2;
+constexpr std::size_t kStateColumn = 3; // only where there is a dictionary
 
-Cells cells_of(const Row &row, const ListOptions &options)
+using Cells = std::array<std::string, kColumns.size()>;
+using Widths = std::array<std::size_t, kColumns.size()>; // 0: the column is not shown
+
+struct TableRow {
+    Cells cells;
+    Meaning meaning;
+};
+
+TableRow table_row(const Row &row, const ListOptions &options)
 {
     const Snapshot &snapshot = row.snapshot;
     const bool has_value = snapshot.flags & kHasValue;
-    return {escaped(row.topic),
-            snapshot.type_name() ? snapshot.type_name() : "-",
-            shortened(shown_value(snapshot, options.format.bytes), kValueColumns),
-            std::to_string(snapshot.quality),
-            has_value ? age_text(snapshot.last_write_ts, now_us()) : "-",
-            std::to_string(snapshot.providers),
-            std::to_string(snapshot.consumers)};
+    const Meaning meaning = meaning_of(row.topic, snapshot);
+    const std::string value = shortened(shown_value(snapshot, options.format.bytes), kValueColumns);
+    return {{escaped(row.topic), snapshot.type_name() ? snapshot.type_name() : "-",
+             meant_value(meaning, value), state_text(meaning), std::to_string(snapshot.quality),
+             has_value ? age_text(snapshot.last_write_ts, now_us()) : "-",
+             std::to_string(snapshot.providers), std::to_string(snapshot.consumers)},
+            meaning};
 }
 
 // Rows that want attention stand out: broken ones, then bad values and doubled providers.
-std::string painted(const std::string &line, const Snapshot &snapshot)
+std::string painted(const std::string &line, const Snapshot &snapshot, const Meaning &meaning)
 {
     switch (snapshot.condition) {
     case Condition::busy:
     case Condition::corrupt:
         return colored(line, Color::red);
     case Condition::value:
+        if (meaning.state && *meaning.state != ValueState::ok)
+            return colored_by_state(line, meaning);
         return snapshot.quality == KP_QUALITY_NONE || snapshot.providers > 1
                    ? colored(line, Color::yellow)
                    : line;
@@ -56,30 +82,32 @@ std::string painted(const std::string &line, const Snapshot &snapshot)
     }
 }
 
-// Text columns to the left, numbers to the right.
-std::string table_line(const Cells &cells, const std::array<std::size_t, 7> &widths)
+std::string table_line(const Cells &cells, const Widths &widths)
 {
     std::string line;
     for (std::size_t column = 0; column < cells.size(); ++column) {
-        const bool text = column < 3;
+        const std::size_t width = widths[column];
+        if (width == 0)
+            continue;
         line += column == 0 ? "" : "  ";
-        line += text ? padded(shortened(cells[column], widths[column]), widths[column])
-                     : padded_left(cells[column], widths[column]);
+        line += kColumns[column].is_text ? padded(shortened(cells[column], width), width)
+                                         : padded_left(cells[column], width);
     }
     return line;
 }
 
 // Takes from the values and then from the names what a terminal has no room for, so that each row
 // stays one line. Files and pipes get all.
-void fit_to_terminal(std::array<std::size_t, 7> &widths)
+void fit_to_terminal(Widths &widths)
 {
     winsize size{};
     if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 ||
         size.ws_col == 0)
         return;
-    const std::size_t all = std::accumulate(widths.begin(), widths.end(), 2 * (widths.size() - 1));
+    const auto shown = widths.size() - static_cast<std::size_t>(std::ranges::count(widths, 0U));
+    const std::size_t all = std::accumulate(widths.begin(), widths.end(), 2 * (shown - 1));
     std::size_t excess = all - std::min<std::size_t>(all, size.ws_col);
-    for (const std::size_t column : {std::size_t{2}, std::size_t{0}}) {
+    for (const std::size_t column : {kValueColumn, kTopicColumn}) {
         const std::size_t taken =
             std::min(excess, widths[column] - std::min(widths[column], kLeastColumns));
         widths[column] -= taken;
@@ -89,18 +117,24 @@ void fit_to_terminal(std::array<std::size_t, 7> &widths)
 
 void print_table(const std::vector<Row> &rows, const ListOptions &options)
 {
-    const Cells titles = {"TOPIC", "TYPE", "VALUE", "QUALITY", "AGE", "PROVIDERS", "CONSUMERS"};
-    std::array<std::size_t, 7> widths{};
-    std::vector<Cells> lines = {titles};
+    Cells titles;
+    std::ranges::transform(kColumns, titles.begin(), &Column::title);
+    std::vector<TableRow> lines;
+    lines.reserve(rows.size());
     for (const Row &row : rows)
-        lines.push_back(cells_of(row, options));
-    for (const Cells &cells : lines)
-        for (std::size_t column = 0; column < cells.size(); ++column)
-            widths[column] = std::max(widths[column], display_width(cells[column]));
+        lines.push_back(table_row(row, options));
+    Widths widths{};
+    std::ranges::transform(titles, widths.begin(), display_width);
+    for (const TableRow &line : lines)
+        for (std::size_t column = 0; column < widths.size(); ++column)
+            widths[column] = std::max(widths[column], display_width(line.cells[column]));
+    if (dictionary().is_empty())
+        widths[kStateColumn] = 0;
     fit_to_terminal(widths);
     output().line(colored(table_line(titles, widths), Color::bold));
     for (std::size_t index = 0; index < rows.size(); ++index)
-        output().line(painted(table_line(lines[index + 1], widths), rows[index].snapshot));
+        output().line(painted(table_line(lines[index].cells, widths), rows[index].snapshot,
+                              lines[index].meaning));
 }
 
 std::size_t common_levels(const std::vector<std::string_view> &a,
@@ -196,8 +230,9 @@ void add_list(Commands &commands)
     CLI::App &command = commands.add("list", "list topics, at any depth, sorted",
                                      [options] { return run_list(*options); });
     command.alias("ls");
-    CLI::Option *long_form = command.add_flag(
-        "-l,--long", options->long_form, "with type, value, quality, age, providers and consumers");
+    CLI::Option *long_form =
+        command.add_flag("-l,--long", options->long_form,
+                         "with type, value, state, quality, age, providers and consumers");
     add_selection(command, options->selection);
     add_format_options(command, options->format);
     command.add_flag("--tree", options->tree, "as a tree of levels")

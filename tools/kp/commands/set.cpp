@@ -4,10 +4,11 @@
 #include "layout/value_type.h"
 #include "notices/notice_sender.h"
 #include "options/option_checks.h"
+#include "output/meaning.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/line_reader.h"
-#include "writing/record_line.h"
+#include "writing/meant_write.h"
 #include "writing/writer.h"
 
 #include <algorithm>
@@ -48,12 +49,15 @@ std::optional<std::string> read_input(Problem &problem)
 
 // The value's bytes. From standard input a binary value is taken as it is, a text without the line
 // break that ends it.
-std::optional<std::string> value_bytes(const SetOptions &options, uint32_t type, Problem &problem)
+std::optional<std::string> value_bytes(const SetOptions &options, const std::string &topic,
+                                       uint32_t type, Problem &problem)
 {
     const bool literal = is_binary_type(type) && options.text;
     if (options.value != "-") {
         const uint32_t as = literal ? static_cast<uint32_t>(KP_TYPE_STRING) : type;
-        return parse_value(as, options.value, options.bytes, problem);
+        const bool has_names = !has_variable_size(type);
+        return parse_value(as, has_names ? value_behind_name(topic, options.value) : options.value,
+                           options.bytes, problem);
     }
     auto input = read_input(problem);
     if (!input)
@@ -79,6 +83,7 @@ std::optional<Write> requested_write(const SetOptions &options, Problem &problem
     write.topic = std::move(*topic);
     write.spelling = options.topic;
     write.change_type = options.force;
+    take_declaration(write);
     if (!options.type.empty())
         write.type = kp_str2type(options.type.c_str());
     if (options.quality >= 0)
@@ -104,15 +109,18 @@ void print_change(const SetOptions &options, const Write &write, const Target &t
         return;
     const bool had_value = target.before.condition == Condition::value;
     if (options.json) {
-        auto object = row_json({write.topic, *after}, options.bytes);
+        auto object = described_json({write.topic, *after}, options.bytes);
         object["old"] = had_value
                             ? value_json(target.before.type, target.before.bytes, options.bytes)
                             : nlohmann::ordered_json();
         output().write(json_line(object));
         return;
     }
-    output().line(escaped(write.topic) + '\t' + shown_value(target.before, options.bytes) +
-                  (locale_is_utf8() ? " → " : " -> ") + shown_value(*after, options.bytes));
+    const auto shown = [&](const Snapshot &snapshot) {
+        return meant_value(meaning_of(write.topic, snapshot), shown_value(snapshot, options.bytes));
+    };
+    output().line(escaped(write.topic) + '\t' + shown(target.before) +
+                  (locale_is_utf8() ? " → " : " -> ") + shown(*after));
 }
 
 int send_notice(NoticeSender &sender, const SetOptions &options)
@@ -128,8 +136,10 @@ bool store_one(const SetOptions &options, NoticeSender &sender, Problem &problem
 {
     const auto write = requested_write(options, problem);
     const auto target = write ? find_target(*write, problem) : std::nullopt;
-    const auto bytes = target ? value_bytes(options, target->type, problem) : std::nullopt;
-    if (!bytes || !store_value(*write, *target, bytes, problem))
+    const auto bytes =
+        target ? value_bytes(options, write->topic, target->type, problem) : std::nullopt;
+    if (!bytes || (!options.force && !check_range(write->topic, target->type, *bytes, problem)) ||
+        !store_value(*write, *target, bytes, problem))
         return false;
     print_change(options, *write, *target);
     sender.mark(write->topic, write->spelling, target->is_new);
@@ -175,6 +185,24 @@ bool are_assignments(const std::vector<std::string> &words)
            !(first && opener.status(*first, status, ignored));
 }
 
+// Stores what a line of a batch says.
+std::optional<Target> store_record(const SetOptions &options, Record &record, Problem &problem)
+{
+    record.write.change_type = options.force;
+    take_declaration(record.write);
+    auto target = find_target(record.write, problem);
+    if (!target)
+        return std::nullopt;
+    if (!has_variable_size(target->type))
+        take_value_behind_name(record, target->type);
+    const auto bytes = record_bytes(record, target->type, problem);
+    if (!bytes ||
+        (!options.force && !check_range(record.write.topic, target->type, *bytes, problem)) ||
+        !store_value(record.write, *target, bytes, problem))
+        return std::nullopt;
+    return target;
+}
+
 // Every line is tried; a bad one is told with its number and the others are stored all the same.
 int set_batch(const SetOptions &options)
 {
@@ -184,11 +212,8 @@ int set_batch(const SetOptions &options)
     while (const auto line = lines.next()) {
         Problem problem;
         auto record = parse_record(*line, options.bytes, problem);
-        if (record)
-            record->write.change_type = options.force;
-        const auto target = record ? find_target(record->write, problem) : std::nullopt;
-        const auto bytes = target ? record_bytes(*record, target->type, problem) : std::nullopt;
-        if (!bytes || !store_value(record->write, *target, bytes, problem)) {
+        const auto target = record ? store_record(options, *record, problem) : std::nullopt;
+        if (!target) {
             outcome.note(lines.at_line(problem));
             continue;
         }
@@ -251,7 +276,8 @@ void add_set(Commands &commands)
         .add_flag("--batch", options->batch,
                   "JSON lines from standard input, as list -j prints them; one notice at the end")
         ->excludes(type, quality, source_time); // each line has its own
-    command.add_flag("--force", options->force, "change the type of a topic that exists");
+    command.add_flag("--force", options->force,
+                     "change the type of a topic that exists, and set a value outside its range");
     command.add_flag("--text", options->text, "a bytearray or raw value is given as text");
     command.add_flag_callback(
         "--base64", [options] { options->bytes = ByteStyle::base64; },

@@ -5,6 +5,7 @@
 #include "common/text.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
+#include "output/meaning.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "output/screen.h"
@@ -22,6 +23,7 @@ namespace {
 constexpr uint64_t kSampleUs = 100'000;
 constexpr int kFirstRow = 2;              // below the status and the titles
 constexpr std::size_t kOtherColumns = 47; // all but topic and value, with the gaps
+constexpr std::size_t kStateColumns = 12; // more, where there is a dictionary
 constexpr std::size_t kLeastColumns = 16; // of the topic
 constexpr std::size_t kLeastValue = 10;
 constexpr std::size_t kTrendColumns = 20; // of the last minute beside a short value
@@ -43,6 +45,7 @@ class Top {
     Top(const TopOptions &options, const Selection &selection, Screen &screen)
         : options_(options), data_(selection), screen_(screen)
     {
+        note_mistake(dictionary_problems());
     }
 
     int run()
@@ -77,7 +80,8 @@ class Top {
     Widths widths_for(std::size_t first, std::size_t end) const
     {
         const auto all = static_cast<std::size_t>(screen_.columns());
-        const std::size_t shared = all > kOtherColumns ? all - kOtherColumns : 0;
+        const std::size_t others = kOtherColumns + (dictionary().is_empty() ? 0 : kStateColumns);
+        const std::size_t shared = all > others ? all - others : 0;
         std::size_t longest = kLeastColumns;
         for (std::size_t index = first; index < end; ++index)
             longest = std::max(longest, display_width(escaped(topics_[index])));
@@ -87,23 +91,26 @@ class Top {
         return widths;
     }
 
-    static std::string row_text(const std::array<std::string, 8> &cells, const Widths &widths)
+    static std::string row_text(const std::array<std::string, 9> &cells, const Widths &widths)
     {
-        const std::array<std::size_t, 8> columns = {widths.topic, 9, widths.value, 4, 8, 9, 5, 5};
+        const std::size_t state = dictionary().is_empty() ? 0 : kStateColumns - 1;
+        const std::array<std::size_t, 9> columns = {
+            widths.topic, 9, widths.value, state, 4, 8, 9, 5, 5};
         std::string line;
         for (std::size_t index = 0; index < cells.size(); ++index) {
+            if (columns[index] == 0)
+                continue;
             const std::string cell = shortened(cells[index], columns[index]);
             line += index == 0 ? "" : " ";
-            line += index < 3 ? padded(cell, columns[index]) : padded_left(cell, columns[index]);
+            line += index < 4 ? padded(cell, columns[index]) : padded_left(cell, columns[index]);
         }
         return line;
     }
 
     // The value, and beside a short one what it was in the last minute.
-    std::string value_cell(const std::string &topic, const Snapshot &snapshot,
+    std::string value_cell(const std::string &topic, const std::string &value,
                            const Widths &widths) const
     {
-        const std::string value = shown_value(snapshot, ByteStyle::hex);
         const std::size_t left = widths.value - std::min(widths.value, display_width(value) + 1);
         if (left < kTrendColumns)
             return value;
@@ -111,7 +118,25 @@ class Top {
                padded_left(data_.history(topic).line(kTrendColumns), kTrendColumns);
     }
 
-    Style style_of(const ShownTopic &shown) const
+    static Style style_of(ValueState state)
+    {
+        switch (state) {
+        case ValueState::lowlow:
+        case ValueState::highhigh:
+            return Style::bad;
+        case ValueState::bad_quality:
+        case ValueState::low:
+        case ValueState::high:
+            return Style::warning;
+        case ValueState::stale:
+            return Style::faint;
+        case ValueState::ok:
+            break;
+        }
+        return Style::plain;
+    }
+
+    Style style_of(const ShownTopic &shown, const Meaning &meaning) const
     {
         const Snapshot &snapshot = shown.snapshot;
         const auto stale_us = static_cast<uint64_t>(options_.stale * 1e6);
@@ -119,8 +144,12 @@ class Top {
             return Style::bad;
         if (snapshot.condition != Condition::value)
             return Style::faint;
+        if (meaning.state && *meaning.state != ValueState::ok)
+            return style_of(*meaning.state);
         if (snapshot.quality == KP_QUALITY_NONE || snapshot.providers > 1)
             return Style::warning;
+        if (meaning.facts.stale_s)
+            return Style::plain;
         return snapshot.last_write_ts + stale_us < shown.read_at ? Style::faint : Style::plain;
     }
 
@@ -131,20 +160,23 @@ class Top {
         if (!shown)
             return;
         const Snapshot &snapshot = shown->snapshot;
+        const Meaning meaning = meaning_of(topic, snapshot);
+        const std::string value = meant_value(meaning, shown_value(snapshot, ByteStyle::hex));
         const bool has_value = snapshot.flags & kHasValue;
         screen_.put(row,
                     row_text({escaped(topic), snapshot.type_name() ? snapshot.type_name() : "-",
-                              value_cell(topic, snapshot, widths), std::to_string(snapshot.quality),
+                              value_cell(topic, value, widths), state_text(meaning),
+                              std::to_string(snapshot.quality),
                               has_value ? age_text(snapshot.last_write_ts, shown->read_at) : "-",
                               data_.rate_text(topic), std::to_string(snapshot.providers),
                               std::to_string(snapshot.consumers)},
                              widths),
-                    index == cursor_ && has_cursor_ ? Style::reverse : style_of(*shown));
+                    index == cursor_ && has_cursor_ ? Style::reverse : style_of(*shown, meaning));
     }
 
     void draw_help()
     {
-        const std::array<const char *, 10> lines = {
+        const std::array<const char *, 11> lines = {
             "q Esc F10   quit",
             "arrows, PgUp PgDn Home End   move the cursor",
             "Enter       the whole value of a topic, its last minute, and who has it open; and "
@@ -155,7 +187,8 @@ class Top {
             "space       freeze and go on",
             "h ?         this help",
             "",
-            "red: cannot be read   yellow: quality 0 or two providers   dim: stale or no value"};
+            "red: cannot be read   yellow: quality 0 or two providers   dim: stale or no value",
+            "with a dictionary also   red: lowlow, highhigh   yellow: low, high, bad quality"};
         for (std::size_t index = 0; index < lines.size(); ++index)
             screen_.put(static_cast<int>(index) + kFirstRow, lines[index]);
     }
@@ -176,7 +209,9 @@ class Top {
         const std::size_t end = std::min(topics_.size(), first_ + rows);
         const Widths widths = widths_for(first_, end);
         screen_.put(
-            1, row_text({"TOPIC", "TYPE", "VALUE", "QUAL", "AGE", "RATE", "PROV", "CONS"}, widths),
+            1,
+            row_text({"TOPIC", "TYPE", "VALUE", "STATE", "QUAL", "AGE", "RATE", "PROV", "CONS"},
+                     widths),
             Style::reverse);
         for (std::size_t index = first_; index < end; ++index)
             draw_topic(static_cast<int>(index - first_) + kFirstRow, index, widths);
@@ -209,8 +244,24 @@ class Top {
         first_ = std::min(first_, topics_.size() - std::min(topics_.size(), rows));
     }
 
+    // A mistake is shown until the files are without one.
+    void follow_dictionary()
+    {
+        const Reread reread = refresh_dictionary();
+        if (reread.is_new)
+            mistake_.clear();
+        note_mistake(reread.mistakes);
+    }
+
+    void note_mistake(const std::vector<DictionaryProblem> &mistakes)
+    {
+        if (!mistakes.empty())
+            mistake_ = place_text(mistakes[0].place) + ": " + mistakes[0].text;
+    }
+
     void draw()
     {
+        follow_dictionary();
         arrange();
         screen_.clear();
         screen_.put(0, status_line(), Style::title);
@@ -235,7 +286,7 @@ class Top {
         line += "  by " + std::string(kOrderNames[static_cast<std::size_t>(order_)]);
         line += is_reversed_ ? ", reversed" : "";
         line += is_frozen_ ? "  FROZEN" : "";
-        return line + "  (h: help)";
+        return line + (mistake_.empty() ? "  (h: help)" : "  " + mistake_);
     }
 
     void take(const Input &input)
@@ -358,7 +409,8 @@ class Top {
     std::optional<TopicPage> page_;   // of one of them, in the place of all
     std::string filter_;
     std::string typed_;
-    std::string chosen_; // where the cursor is
+    std::string chosen_;  // where the cursor is
+    std::string mistake_; // the first in the dictionary's files
     Order order_ = Order::topic;
     std::size_t cursor_ = 0;
     std::size_t first_ = 0;  // in the first row

@@ -5,6 +5,7 @@
 #include "notices/notice_queue.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
+#include "output/meaning.h"
 #include "output/output.h"
 #include "running/stop.h"
 #include "writing/record_line.h"
@@ -96,6 +97,8 @@ class Watch {
     // A look at every topic, or at those that a notice speaks of.
     void look(const Buckets *notice)
     {
+        if (!options_.is_record)
+            tell_mistakes(refresh_dictionary().mistakes);
         store_.refresh();
         store_.for_each_change_where(
             [notice](const LiveTopic &live) {
@@ -199,8 +202,11 @@ void add_record(Commands &commands)
 void add_watch(Commands &commands)
 {
     const auto options = std::make_shared<WatchOptions>();
-    CLI::App &command = commands.add("watch", "print a line for each change, until stopped",
-                                     [options] { return run_watch(*options); });
+    CLI::App &command =
+        commands.add("watch", "print a line for each change, until stopped", [options] {
+            options->format.with_meaning = !options->format.terse;
+            return run_watch(*options);
+        });
     command.alias("mon");
     add_selection(command, options->selection)->required();
     add_following(command, *options);

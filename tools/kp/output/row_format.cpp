@@ -3,6 +3,7 @@
 #include "common/encoding.h"
 #include "common/text.h"
 #include "options/option_checks.h"
+#include "output/meaning.h"
 #include "output/output.h"
 
 #include <CLI/CLI.hpp>
@@ -78,6 +79,12 @@ std::string template_field(char letter, const Row &row, const FormatOptions &opt
         return std::to_string(snapshot.providers);
     case 'c':
         return std::to_string(snapshot.consumers);
+    case 'S':
+        return state_text(meaning_of(row.topic, snapshot));
+    case 'u': {
+        const Facts facts = dictionary().facts_of(row.topic);
+        return facts.unit ? escaped(facts.unit->value) : "";
+    }
     case '%':
         return "%";
     default:
@@ -121,11 +128,14 @@ std::string filled_template(const Row &row, const FormatOptions &options)
 
 std::string plain_line(const Row &row, const FormatOptions &options)
 {
-    std::string line = options.terse ? "" : escaped(row.topic) + '\t';
-    line += shown_value(row.snapshot, options.bytes);
-    if (!options.verbose)
-        return line + '\n';
     const Snapshot &snapshot = row.snapshot;
+    const Meaning meaning =
+        options.verbose || options.with_meaning ? meaning_of(row.topic, snapshot) : Meaning();
+    std::string line = options.terse ? "" : escaped(row.topic) + '\t';
+    line += meant_value(meaning, shown_value(snapshot, options.bytes));
+    if (!options.verbose)
+        return colored_by_state(meaning.state ? line + '\t' + state_text(meaning) : line, meaning) +
+               '\n';
     const uint64_t now = now_us();
     const bool has_value = snapshot.flags & kHasValue;
     line += '\t';
@@ -133,7 +143,10 @@ std::string plain_line(const Row &row, const FormatOptions &options)
     line += "\tquality " + std::to_string(snapshot.quality);
     line += "\twritten " + (has_value ? time_text(snapshot.last_write_ts, options.time, now) : "-");
     line += "\tsource " + (has_value ? time_text(snapshot.source_ts, options.time, now) : "-");
-    return line + "\tage " + age_of(snapshot) + '\n';
+    line += "\tage " + age_of(snapshot);
+    return colored_by_state(meaning.state ? line + "\tstate " + state_text(meaning) : line,
+                            meaning) +
+           '\n';
 }
 
 } // namespace
@@ -154,7 +167,7 @@ void add_format_options(CLI::App &command, FormatOptions &options)
     command
         .add_option("-F,--template", options.field_template,
                     "%t topic %v value %T type %q quality %w write time %s source time %a age "
-                    "%x hex %p providers %c consumers; \\n \\t \\0")
+                    "%x hex %p providers %c consumers %u unit %S state; \\n \\t \\0")
         ->type_name("TEMPLATE");
     command.add_flag_callback(
         "--base64", [&options] { options.bytes = ByteStyle::base64; },
@@ -166,6 +179,13 @@ void add_format_options(CLI::App &command, FormatOptions &options)
         "times in microseconds since 1970");
     command.add_flag_callback(
         "--relative", [&options] { options.time = TimeStyle::relative; }, "times as ages");
+}
+
+nlohmann::ordered_json described_json(const Row &row, ByteStyle style)
+{
+    auto object = row_json(row, style);
+    add_meaning(object, meaning_of(row.topic, row.snapshot));
+    return object;
 }
 
 std::string shown_value(const Snapshot &snapshot, ByteStyle style)
@@ -201,7 +221,7 @@ std::string row_record(const Row &row, const FormatOptions &options)
         return filled_template(row, options);
     switch (options.format) {
     case Format::json:
-        return json_line(row_json(row, options.bytes));
+        return json_line(described_json(row, options.bytes));
     case Format::csv:
     case Format::tsv:
         return table_line(row, options);

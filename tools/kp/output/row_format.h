@@ -19,10 +19,14 @@ struct FormatOptions {
     std::string field_template; // wins over the format when not empty
     bool verbose = false;       // plain alone: type, quality, times and age beside the value
     bool terse = false;         // plain and hex: the value without the topic
+    bool with_meaning = false;  // plain alone: unit, name and state, as with `verbose`
 };
 
 // Adds -j, --format, -F and the styles of times and bytes to a command.
 void add_format_options(CLI::App &command, FormatOptions &options);
+
+// The topic as JSON, and behind it what the dictionary says, where it says anything.
+nlohmann::ordered_json described_json(const Row &row, ByteStyle style);
 
 // The value for people: "-" without one, "(writing)" and "(corrupt)" where none can be shown.
 std::string shown_value(const Snapshot &snapshot, ByteStyle style);

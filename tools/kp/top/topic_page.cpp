@@ -1,9 +1,11 @@
 #include "top/topic_page.h"
 
 #include "common/clock.h"
+#include "common/dictionary/fact_lines.h"
 #include "common/processes.h"
 #include "common/text.h"
 #include "common/time_text.h"
+#include "output/meaning.h"
 #include "output/row_format.h"
 
 namespace kp::tool {
@@ -83,7 +85,11 @@ std::vector<std::string> TopicPage::lines(TopData &data, bool is_frozen, std::si
     const Snapshot &snapshot = shown->snapshot;
     const ValueHistory &history = data.history(topic_);
     lines.push_back(labelled("type", snapshot.type_name() ? snapshot.type_name() : "-"));
-    add_broken(lines, "value", shown_value(snapshot, ByteStyle::hex), columns);
+    const Meaning meaning = meaning_of(topic_, snapshot);
+    add_broken(lines, "value", meant_value(meaning, shown_value(snapshot, ByteStyle::hex)),
+               columns);
+    if (meaning.state)
+        lines.push_back(labelled("state", state_text(meaning)));
     if (!history.line(kHistoryColumns).empty()) {
         lines.push_back(labelled("", history.line(kHistoryColumns)));
         lines.push_back(labelled("", history.range_text()));
@@ -98,6 +104,12 @@ std::vector<std::string> TopicPage::lines(TopData &data, bool is_frozen, std::si
     lines.push_back(labelled("rate", data.rate_text(topic_) + " writes per second"));
     lines.push_back(labelled("counts", std::to_string(snapshot.providers) + " providers, " +
                                            std::to_string(snapshot.consumers) + " consumers"));
+    const auto facts = fact_lines(meaning.facts);
+    for (std::size_t index = 0; index < facts.size(); ++index)
+        add_broken(lines, index == 0 ? "dictionary" : "",
+                   facts[index].key + " " + facts[index].text + "  [" +
+                       place_text(facts[index].place) + "]",
+                   columns);
     for (std::size_t index = 0; index < users_.size(); ++index)
         lines.push_back(labelled(index == 0 ? "open in" : "", users_[index]));
     return lines;

@@ -83,14 +83,14 @@ std::optional<Target> find_target(const Write &write, Problem &problem)
         target = declared_target(write, *snapshot, problem);
         if (!target || !target->is_new)
             return target;
-    } else if (!write.type) {
+    } else if (!write.type && !write.meant_type) {
         problem = {kUsage, escaped(write.topic) + ": a new topic; say its type with --type"};
         return std::nullopt;
     }
     Target fresh;
-    fresh.type = *write.type;
-    // A topic that an instant write made has no maximum, and gets none when it is written back.
-    const uint32_t max = write.max.value_or(KP_MAX_VALUE_SIZE);
+    fresh.type = write.type ? *write.type : *write.meant_type;
+    // A topic that a instant write made has no maximum, and gets none when it is written back.
+    const uint32_t max = write.max ? *write.max : write.meant_max.value_or(KP_MAX_VALUE_SIZE);
     fresh.max = max == 0 ? 0 : kp_get_value_size(fresh.type, max);
     fresh.extra = write.extra.value_or(snapshot && target ? snapshot->extra : kPublishedExtra);
     fresh.is_new = true;

@@ -12,7 +12,9 @@ struct Write {
     std::optional<uint32_t> type; // the wanted type; a new topic needs one
     std::optional<uint32_t> max;  // of a new topic of variable size, 0: none; 4000 unless given
     std::optional<uint32_t> extra;
-    std::optional<uint8_t> quality; // 1 unless given
+    std::optional<uint32_t> meant_type; // what the dictionary says of a new topic
+    std::optional<uint32_t> meant_max;  // the same
+    std::optional<uint8_t> quality;     // 1 unless given
     std::optional<uint64_t> timestamp;
     std::optional<uint64_t> source_ts; // the timestamp unless given
     bool change_type = false;          // declares the topic anew if its type or `max` differs
