@@ -78,7 +78,7 @@ class Bridge {
     Clock::time_point next_scan_{};
     Clock::time_point last_scan_{};
     Clock::time_point next_tick_{};
-    std::optional<Configuration> successor_; // needs another bridge
+    std::optional<Configuration> successor_; // a configuration for which another bridge is needed
     bool more_to_send_ = false;
     bool reported_stuck_ = false;
 };

@@ -1,4 +1,4 @@
-// The clock that everything in the bridge is timed by; nobody can set it.
+// The bridge's clock, for all its times and delays. Nobody can set it.
 #pragma once
 
 #include <chrono>

@@ -24,8 +24,8 @@ void log(Level level, const std::string &text);
 // What a line that somebody else can cause is about. Each has a share of its own in the log.
 enum class About { incoming, outgoing, reading, writing };
 
-// Lets so many lines a minute pass, and no text twice in it, so that a flood of bad messages fills
-// no log and is never without a line either. What is left out is counted.
+// Lets a number of lines pass in each minute, and no text twice in it. So a flood of bad messages
+// does not fill the log, but always leaves a line there. The lines that are left out are counted.
 class LineBudget {
   public:
     static constexpr unsigned kMostLines = 10;

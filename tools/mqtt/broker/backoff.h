@@ -9,8 +9,8 @@
 
 namespace kp::mqtt {
 
-// Delays between attempts to connect: each about twice the one before, up to a maximum, and each a
-// random part of it, so that a fleet does not come back at once.
+// The delays between attempts to connect. Each is about twice as long as the one before, up to a
+// maximum. Each is partly random, so that not all devices of a plant come back at the same moment.
 class Backoff {
   public:
     Backoff(milliseconds first, milliseconds most, uint64_t seed = std::random_device{}())

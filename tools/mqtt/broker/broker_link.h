@@ -50,7 +50,7 @@ class BrokerLink {
     int fd() const;
     short poll_events() const;
 
-    // Moves on; call it after poll() and about once a second.
+    // Reads, writes and keeps the connection alive. Call it after poll() and about once a second.
     void serve(short ready);
 
     // Whether a further publication would go out now instead of waiting in memory.

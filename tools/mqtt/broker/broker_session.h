@@ -1,5 +1,5 @@
-// The bridge's standing with the broker over many connections: when to connect, what to ask first,
-// and what the broker has kept from the connection before.
+// How the bridge stays in touch with the broker over many connections: when it connects, what it
+// asks first, and whether the broker has kept what it had from the connection before.
 //
 // After a connection the order is: subscriptions, the state "online", then values. On a connection
 // after the first, the retained state is read before. If it is the will of the connection before,
@@ -68,15 +68,16 @@ class BrokerSession {
     // Says offline, as far as that is quick, then goodbye.
     void leave();
 
-    // The configuration is another. Where the connection stands, subscriptions that differ are made
-    // or ended; where none stands, the next attempt comes at once.
+    // To be called after the configuration has changed. On a connection, subscriptions that differ
+    // are made or ended; without one, the next attempt comes at once.
     void renew(Clock::time_point now);
-    // The same with a new connection. Call leave() before the configuration changes.
+    // Does the same with a new connection. Call leave() before the configuration changes.
     void connect_anew(Clock::time_point now);
 
   private:
-    // After `asking` for the state, `reading` is for what the broker keeps of a shared tree: its
-    // end is told by the own state "online", which comes back behind all that.
+    // In `asking` the session asks for the retained state. In `reading` it takes in what the broker
+    // keeps of a shared tree. The session's own state "online" comes back after all of that, and so
+    // marks the end of `reading`.
     enum class Phase { waiting, connecting, asking, reading, online };
 
     BrokerEvents link_events();
@@ -127,7 +128,7 @@ class BrokerSession {
     int refusal_ = 0;
     std::string reported_; // the last reason that was logged
 
-    // Both as far as the broker has not refused them.
+    // What the broker takes: both are lowered when it refuses them.
     int state_qos_ = 1;
     bool state_retained_ = true;
     int state_id_ = 0; // of the state message that is not acknowledged

@@ -22,7 +22,7 @@ constexpr const char *kType = "type";
 constexpr const char *kExtraInfo = "xi";
 constexpr const char *kOrigin = "origin";
 constexpr const char *kNumber =
-    "n"; // of the origin's messages in a shared tree, to know them again
+    "n"; // the number by which an origin knows its own messages in a shared tree
 } // namespace property
 
 // The value of the first property of that name, or an empty text.
@@ -38,7 +38,7 @@ struct Publication {
     bool is_utf8 = false;
     uint32_t expiry_s = 0;
     UserProperties properties;
-    uint64_t number = 0;       // that in the properties; 0: none
+    uint64_t number = 0;       // the number in the properties; 0: none
     Clock::time_point since{}; // when the oldest change that it stands for was seen
 };
 
@@ -46,7 +46,7 @@ struct Publication {
 struct Message {
     std::string topic;
     std::string payload;
-    bool retain = false; // kept by the broker from before the subscription, or to be kept by it
+    bool retain = false; // the broker has kept it from before the subscription, or keeps it now
     UserProperties properties;
     std::vector<uint32_t> subscriptions; // the numbers of those that it came for; none: not known
 };
@@ -57,7 +57,7 @@ struct Subscription {
     bool retained = false; // also what the broker has kept
     bool own_too = false;  // also the messages of this connection
     uint32_t number = 0;   // what its messages carry where the broker can do that; 0: none
-    bool at_last = false;  // only once values may be sent
+    bool at_last = false;  // it is made last, when values may be sent
 
     bool operator==(const Subscription &) const = default;
 };
@@ -74,7 +74,7 @@ struct Answer {
     }
 };
 
-// Reasons that the bridge treats in a way of their own.
+// The reasons that the bridge treats in a special way.
 constexpr int kQuotaExceeded = 0x97;
 constexpr int kRetainNotSupported = 0x9a;
 constexpr int kQosNotSupported = 0x9b;

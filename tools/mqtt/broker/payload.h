@@ -28,7 +28,7 @@ struct Payload {
 Payload make_payload(PayloadMode mode, std::string_view topic, const Sample &sample,
                      uint8_t quality);
 
-// All but the origin.
+// Gives all properties of a message but its origin.
 UserProperties describing_properties(const Sample &sample, uint8_t quality);
 
 // What a message says of itself, from its properties or its JSON object.
@@ -40,8 +40,8 @@ struct Description {
     std::string problem; // why a message that says so cannot be taken, or empty
 };
 
-// Ignores properties that it does not know or that make no sense, but for a quality: what is not
-// said to be good must not be taken for it.
+// Ignores properties that it does not know or that make no sense, except a quality: a value must
+// not count as good if its message does not say that it is good.
 Description describe(const UserProperties &properties);
 
 // A payload ready to be converted: where `is_bytes` is set, the store's own bytes, else text.
@@ -56,8 +56,8 @@ struct Content {
     }
 };
 
-// Takes a payload apart; in JSON mode also completes the description. A bare JSON scalar is a
-// value.
+// Splits a payload into its parts. In JSON mode it also completes the description; JSON that is no
+// object is a value by itself.
 tool::Result<Content> take_apart(PayloadMode mode, std::string_view payload,
                                  Description &description);
 

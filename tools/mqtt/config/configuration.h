@@ -30,7 +30,7 @@ struct OutRule : RuleSettings {
 
     bool takes(std::string_view tag) const;
 
-    // Whether its messages look the same.
+    // Says whether both rules make the same messages.
     bool sends_like(const OutRule &other) const;
 };
 
@@ -41,10 +41,10 @@ struct InRule : RuleSettings {
     std::optional<uint32_t> type; // of new tags, where the message does not say
     uint32_t max_size = KP_MAX_VALUE_SIZE;
     bool retained = false; // take what the broker kept from before
-    bool shared = false;   // may meet an out rule: one tree, written from both ends
+    bool shared = false; // an out rule may have the same topics: one tree, written from both sides
     uint32_t max_tags = 1000;
     std::optional<uint8_t> quality_when_stale; // of values whose sender or the broker is away
-    std::string sender_state;                  // the topics on which senders say that they are
+    std::string sender_state; // a filter of topics: senders say there whether they are online
 
     std::string full_filter() const;
 };
@@ -71,7 +71,7 @@ struct Configuration {
     std::string state_file;
     milliseconds scan_interval{2'000};
     int quality_when_gone = 0;
-    bool trust_visible = false; // the processes that can be seen are all that matter
+    bool trust_visible = false; // assume that processes which cannot be seen have no topic open
     BrokerSettings broker;
     std::vector<OutRule> out;
     std::vector<InRule> in;
@@ -82,8 +82,8 @@ struct Configuration {
     // The most exact of the in rules that take a topic, or null.
     const InRule *in_rule_for(std::string_view topic) const;
 
-    // Whether the topic is one of a tree that several devices write: an in rule brings back what is
-    // sent there, and the broker keeps it.
+    // Says whether the topic belongs to a tree that several devices write: the broker keeps what is
+    // sent there, and an in rule brings it back.
     bool shares(std::string_view topic) const;
 
     // How many rules there are, in words.

@@ -1,4 +1,4 @@
-// How far a configuration that was read again reaches, compared with the one in force.
+// What the bridge has to renew when it takes over a configuration that was read again.
 #pragma once
 
 #include "config/configuration.h"

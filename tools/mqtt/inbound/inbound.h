@@ -40,16 +40,16 @@ class Inbound {
 
     std::vector<Subscription> subscriptions() const;
 
-    // The rules are others; those before still stand in memory. What was written through a rule
-    // that is no more goes.
+    // To be called when the rules have changed, while the old ones are still in memory. Values that
+    // came through a rule that is gone are removed.
     void reload();
     // The broker has answered for a subscription.
     void subscribed(const std::string &filter);
 
     void receive(const Message &message);
 
-    // Whether messages can come. Without, what was written through rules that say so is stale; with
-    // a connection that is back all has its quality again once review() is called.
+    // Says whether there is a connection. Without one, values become stale if their rules say so.
+    // When it is back, review() gives them the quality of their messages again.
     void set_connected(bool is_connected);
     void review();
 
@@ -69,7 +69,7 @@ class Inbound {
         // Written through it, by the name that the topic gives.
         std::unordered_map<std::string, Taken> tags{};
         std::set<std::string> away{}; // senders that have said so
-        // It is new, and what it takes still comes for others.
+        // It is new: until the broker has answered, its messages still come for other rules.
         bool is_awaited = false;
     };
 

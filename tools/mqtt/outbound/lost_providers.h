@@ -1,5 +1,5 @@
-// When to look at who has which topic open: only when somebody has opened, closed or ended, since a
-// look reads the mappings of every process.
+// Decides when to look at which process has which topic open. A look reads the mappings of every
+// process, so it comes only after a process has opened or closed a topic or has ended.
 #pragma once
 
 #include "outbound/topic_table.h"
@@ -23,7 +23,7 @@ class LostProviders {
     // Call it right after a scan.
     void look(Clock::time_point now);
 
-    // When a scan is wanted for the sake of a look.
+    // When the next scan is needed, because a look can follow only a scan.
     std::optional<Clock::time_point> wants_scan_at() const;
 
   private:

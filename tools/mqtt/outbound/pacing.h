@@ -1,4 +1,4 @@
-// When something may be sent again: one topic, and anything at all.
+// Decides when a message may be sent: of one topic (Gate), and of all together (TokenBucket).
 #pragma once
 
 #include "base/clock.h"
@@ -17,7 +17,7 @@ class Gate {
 
     Verdict judge(const Quiet &quiet, const Sample &sample, Clock::time_point now) const;
 
-    // When a sample that was to come later may go.
+    // When a sample that was held back may go.
     Clock::time_point due(const Quiet &quiet) const
     {
         return *sent_at_ + quiet.min_interval;

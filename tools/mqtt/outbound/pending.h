@@ -26,18 +26,18 @@ class PendingNames {
         bool in_burst = false;
     };
 
-    // A name that waits already keeps its place, or moves with it from the burst to the changes,
-    // and is as old as the older of its marks either way.
+    // A name that waits already keeps its place, also when it moves from the burst to the changes.
+    // It is as old as the older of its marks.
     void mark_change(const std::string &name, Clock::time_point since);
     void mark_burst(const std::string &name, Clock::time_point since);
 
     // Makes all that waits part of the burst.
     void join_burst();
 
-    // Takes the name whose turn it is; one of the burst only where `burst_too` says so.
+    // Takes the name whose turn it is, one of the burst only if `burst_too` is true.
     std::optional<Waiting> take(bool burst_too);
 
-    // Whether it waits among the changes.
+    // Says whether a name waits among the changes.
     bool has_change(const std::string &name) const
     {
         const auto place = places_.find(name);

@@ -22,15 +22,16 @@ class Publications {
                  StateFile &state, std::string origin, PendingNames &pending, TopicTable &topics,
                  SharedTags &shared, Counters &counters);
 
-    // A connection stands. Where the broker has kept what it had, only what changed meanwhile is
-    // sent, else everything once, but what of a shared tree is to be sent is not decided here.
-    // Either is the burst, which has a rate of its own.
+    // To be called when there is a connection. If the broker has kept what it had, only what
+    // changed meanwhile is sent, else every topic once; SharedTags decides about those of a shared
+    // tree. What is to be sent then is the burst, which has a rate of its own.
     void connected(bool kept, Clock::time_point now);
 
-    // What the broker has not acknowledged counts as changed again.
+    // To be called when the connection is lost: what the broker has not acknowledged counts as
+    // changed again.
     void connection_lost(Clock::time_point now);
 
-    // The rules are others: what they hold back is judged anew.
+    // To be called when the rules have changed: what they hold back is decided again.
     void reload();
 
     // The next message, or nothing when none is due now.
@@ -39,7 +40,7 @@ class Publications {
     // When next() may have something that it holds back now.
     std::optional<Clock::time_point> due() const;
 
-    // What became of a message that next() gave.
+    // Say what became of a message that next() gave.
     void sent(const Publication &publication, int id, Clock::time_point now);
     void acknowledged(int id, const Answer &answer, Clock::time_point now);
     void refused(const Publication &publication, const std::string &why);
@@ -48,8 +49,8 @@ class Publications {
     // Sends a topic again although nothing changed, since the broker has been given an older value.
     void repeat(const std::string &tag, Clock::time_point now);
 
-    // The last value that the broker took to keep it: a broker that has it has all before. Null
-    // when there is none.
+    // The last value that the broker has acknowledged and keeps. A broker that still has it has
+    // everything that came before it. Null when there is none.
     const Publication *last_kept() const
     {
         return last_kept_ ? &*last_kept_ : nullptr;
@@ -70,7 +71,7 @@ class Publications {
     bool is_held(OutTopic &topic, const Sample &sample, Clock::time_point since,
                  Clock::time_point now);
     bool passes_gate(OutTopic &topic, const Sample &sample, Clock::time_point now);
-    // Whether a clearing of the topic is on its way.
+    // Says whether a message that clears the topic waits for its acknowledgement.
     bool is_clearing(const std::string &mqtt) const;
     std::optional<Publication> clearing(const std::string &mqtt);
     Publication publication_of(const OutTopic &topic, const Sample &sample) const;

@@ -1,5 +1,5 @@
-// Joins the shared tree with the tags: how each stands, what a message is to do with it, whether a
-// value may go out, and what differs after a connection has come back.
+// Connects the shared tree with the tags: in which state each tag is, what a message does with it,
+// whether its value may be sent, and what differs after a connection has come back.
 #pragma once
 
 #include "broker/message.h"
@@ -25,14 +25,14 @@ class SharedTags {
         is_busy,  // another one is about to be written
     };
 
-    // `writer` may be null, where nothing comes from the broker. What was written until
-    // `last_alive`, in microseconds since the epoch, an earlier run has seen.
+    // `writer` may be null if nothing comes from the broker. `last_alive` is a time in microseconds
+    // since the epoch: an earlier run has seen all values that were written until then.
     SharedTags(const Configuration &configuration, const StoreReader &reader,
                const LocalWriter *writer, StateFile &state, PendingNames &pending,
                TopicTable &topics, uint64_t last_alive);
 
-    // Whether the tag's own messages have the same topic as those that come for it. If not, two
-    // trees are joined, and their order says nothing.
+    // Says whether the tag's own messages have the same topic as the messages that come for it. If
+    // not, the rules connect two trees, and the order of their messages says nothing.
     bool is_one_tree(const InRule &rule, const std::string &tag, const std::string &topic) const;
 
     Effect received(const Message &message, const std::string &tag, ReadOutcome outcome,
@@ -50,13 +50,13 @@ class SharedTags {
     {
         return writer_ && writer_->key_of(tag, sample);
     }
-    // Whether the tag's value, which is also the message's, need not be written for it.
+    // Says whether a message that has the same value as the tag need not be written to it.
     bool has_already(const std::string &tag, const Sample &sample, MessageKey key) const
     {
         return !is_from_broker(tag, sample) || writer_->key_of(tag, sample) == key;
     }
     Hold hold(const OutTopic &topic, const Sample &sample) const;
-    // Whether the broker keeps a value from elsewhere whose tag has been removed here.
+    // Says whether the broker keeps a value of another device whose tag has been removed here.
     bool is_removed(const std::string &topic) const;
 
     void sent(const Publication &publication, Clock::time_point now);

@@ -1,8 +1,8 @@
 // The topics that the broker keeps a value of because of this bridge, in a small file, so that
 // those that go while the bridge does not run are cleared when it does again. It also remembers
 // which of them had providers, so that the next run can tell a value whose providers have left from
-// one that was written by name, and which topics of a shared tree have their value from there. The
-// file is a journal: "+name", "=name" for one with providers, "<name" for one from there, and
+// one that an instant write made, and which topics of a shared tree have their value from there.
+// The file is a journal: "+name", "=name" for one with providers, "<name" for one from there, and
 // "-name", appended before the message goes, and written anew when it has grown stale.
 #pragma once
 
@@ -65,7 +65,7 @@ class StateFile {
     void append(char sign, const std::string &topic);
 
     std::string path_;
-    UniqueFd lock_; // of a file beside it, since the file itself is replaced
+    UniqueFd lock_; // a file beside the state file, which itself is replaced now and then
     UniqueFd journal_;
     size_t lines_ = 0;
     bool failed_ = false; // said once

@@ -12,8 +12,8 @@ namespace kp::mqtt {
 namespace {
 
 // Whether the value stands although its providers have left, which takes that there were some: a
-// topic that a tool made by name looks the same, and its value is good. One that somebody goes on
-// writing by name is alive.
+// topic that an instant write made looks the same, and its value is good. One that goes on getting
+// instant writes is alive.
 bool providers_have_left(const Sample &now, const Sample &before, bool had_left)
 {
     if (now.providers > 0 || now.file != before.file)
@@ -162,7 +162,7 @@ bool TopicTable::take_up(OutTopic &topic, Sample sample)
 }
 
 // For the first look at a topic. Its last consumer would have removed it after its last provider,
-// so what nobody holds was made by name, whatever an earlier run has seen.
+// so what nobody holds was made by an instant write, whatever an earlier run has seen.
 bool TopicTable::have_left_before(const OutTopic &topic, const Sample &sample) const
 {
     return sample.providers == 0 && sample.consumers > 0 && state_.is_provided(topic.mqtt);

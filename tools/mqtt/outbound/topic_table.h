@@ -1,6 +1,6 @@
-// The live topics that an out rule takes: which there are, what was last seen of each, and what has
-// changed since. What the broker should know is marked as pending; what becomes of the marks is the
-// matter of Publications.
+// The live topics that an out rule takes: which topics there are, what was last seen of each, and
+// what has changed since. A topic of which the broker should get a message is marked as pending;
+// Publications then makes the message.
 #pragma once
 
 #include "common/notice_marks.h"
@@ -27,21 +27,21 @@ struct OutTopic {
     std::string mqtt;
     const OutRule *rule = nullptr;
 
-    std::optional<Sample> seen; // at the last look; the value's place is taken by its hash
+    std::optional<Sample> seen; // at the last look, without the value, of which the hash is kept
     size_t value_hash = 0;
     HandleCounts counted;
     HandleRoles roles;
     bool providers_lost = false; // they ended without closing, and nothing was written since
-    bool providers_gone = false; // in one way or the other
+    bool providers_gone = false; // they have closed the topic, or were lost
     unsigned scan = 0;           // the last scan that found it
 
-    // Of its publications.
-    bool must_send = true;    // whatever the gate says
-    bool is_deferred = false; // waits for a time, and is marked then
+    // The fields below are used by Publications.
+    bool must_send = true;    // the next value is sent even if the gate would hold it back
+    bool is_deferred = false; // its value waits for a time, and is marked then
     bool is_reminded = false; // there is a time at which it is sent again
     Gate gate;
-    bool is_shared = false; // of a tree that several devices write
-    ValueMark settled;      // the last value that was sent, or kept quiet by the rule
+    bool is_shared = false; // it belongs to a tree that several devices write
+    ValueMark settled;      // the last value that was sent, or that the rule did not send
 };
 
 class TopicTable {
@@ -61,11 +61,12 @@ class TopicTable {
     // Looks at the whole store: new topics, those gone, and changes that nobody announced.
     void scan(Clock::time_point now);
 
-    // The rules are others than before, which still stand in memory. Topics that no rule takes go,
-    // what is to be sent anew is marked, and the next scan finds the rest.
+    // To be called when the rules have changed, while those before are still in memory. Drops the
+    // topics that no rule takes any more and marks what must be sent again; the next scan finds new
+    // topics.
     void reload(const Configuration &before, Clock::time_point now);
 
-    // Whether a look has found other counts of handles since it was asked last.
+    // Says whether a look has found other counts of handles since this was asked last.
     bool counts_changed()
     {
         return std::exchange(counts_changed_, false);

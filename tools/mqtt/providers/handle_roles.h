@@ -23,14 +23,14 @@ struct HandleCounts {
 
 class HandleRoles {
   public:
-    // Whether a look has found something else than the last one.
+    // Says whether a look has found something else than the last one.
     bool differs(ino_t file, const HandleCounts &counted, const std::vector<Holder> &open) const;
 
-    // Takes a look over, at which the counts stood still.
+    // Learns from a look during which the counts did not change.
     void learn(ino_t file, const HandleCounts &counted, const std::vector<Holder> &open);
 
-    // Providers are counted, and nobody has the topic open who may be one. Where processes are
-    // hidden, that is only said of handles that have all been in sight.
+    // Says whether providers are counted although no process that may be one has the topic open. If
+    // some processes are hidden, it says so only of handles that all were seen before.
     bool providers_are_lost(Sight sight) const;
 
     // At the last look.

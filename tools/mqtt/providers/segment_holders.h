@@ -1,6 +1,6 @@
-// Which processes have which topics open, from /proc, and word when one of them ends. The ends are
-// heard from the kernel, so that nothing needs to be looked at while nothing happens: a look reads
-// the mappings of every process.
+// Finds in /proc which processes have which topics open, and learns when one of them ends. The
+// kernel tells of the ends, so no look is needed while nothing happens: a look reads the mappings
+// of every process.
 #pragma once
 
 #include "layout/unique_fd.h"

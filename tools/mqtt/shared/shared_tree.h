@@ -50,13 +50,14 @@ class SharedTree {
     {
     }
 
-    // A message of this device has gone to the broker. Without a place at the broker it never comes
-    // back, as one that the broker refused.
+    // To be called when a message of this device has gone to the broker, from where it is expected
+    // back; and when the broker has refused it, so that it does not come.
     void sent(const std::string &topic, MessageKey key, Clock::time_point now);
     void refused(const std::string &topic, MessageKey key);
 
     void connection_lost();
-    // What the broker has kept is about to arrive; what does not is not there.
+    // To be called before the messages arrive that the broker has kept. A topic of which none
+    // arrives has no value there.
     void start_reading();
     void forget_what_is_not_there();
 

@@ -14,15 +14,15 @@ namespace kp::mqtt {
 
 class BroughtValues {
   public:
-    // A message's value is about to be written. Before the write, since the value can be seen as
-    // soon as it stands.
+    // To be called before a message's value is written, since others can see the value as soon as
+    // it is there.
     void begin(const std::string &tag, const Sample &sample, MessageKey key);
-    // It was written, and this stands in the tag now. A local write that has come in between is not
-    // the broker's, even if it has the same value. Null where the tag could not be read.
+    // To be called after the write, with what the tag holds now, or null if the tag could not be
+    // read. A local write that came in between is not the broker's, even if it has the same value.
     void complete(const std::string &tag, const Sample *current);
     void forget(const std::string &tag);
 
-    // The message whose value this is; nothing where it has come from elsewhere.
+    // Gives the message that brought this value; nothing if the value has come from elsewhere.
     std::optional<MessageKey> key_of(const std::string &tag, const Sample &sample) const;
 
   private:

@@ -1,7 +1,10 @@
-// Everything that changes the store: values from the broker and the bridge's own state. It has a
-// thread of its own, because sending a notice waits for a local peer that does not read; a stuck
-// one then holds up what comes in, but never what goes out, nor the connection. What waits is a map
-// with the newest value of each tag.
+// Owns the bridge's only handle. Both directions pass through it:
+//  - Inwards it writes to the store, on a thread of its own: values from the broker, and the
+//    bridge's own state. Sending a notice waits for a local peer that does not read. Such a peer
+//    then delays what comes in, but never what goes out, nor the connection. What waits is a map
+//    with the newest value of each tag.
+//  - Outwards the way of a value begins here: the handle's callback, changed(), marks the buckets
+//    of each notice in NoticeMarks, from which the bridge's own thread takes them.
 //
 // Topic `a` cannot be both a file and the directory of `a/b`. Its value is stored as `a/_` then.
 // Which of the two a value goes to is decided here, when it is written, since the other topic can
@@ -30,11 +33,11 @@ namespace kp::mqtt {
 
 struct WriteRequest {
     Sample sample;            // type, maximum, extra information, quality, source time, value
-    bool is_declared = false; // by somebody: written as it is, else a provider tag is made
-    unsigned messages = 0;    // from the broker that it stands for, all of which are counted
+    bool is_declared = false; // by somebody: an instant write; else the bridge provides the tag
+    unsigned messages = 0;    // how many messages it stands for; the last one has its value
     MessageKey key = 0;       // of the message, in a shared tree
-    // Where it is set, the value is written only over this one or over one from the broker: what
-    // was written here meanwhile is newer, and goes to the broker.
+    // If it is set, the value replaces only this one, or one from the broker. Any other value was
+    // written here meanwhile: it is newer, stays and goes to the broker.
     std::optional<ValueMark> only_over;
 };
 
@@ -53,12 +56,12 @@ class LocalWriter {
     // to bring. What was written here since keeps its own.
     void set_quality(const std::string &tag, uint8_t quality);
 
-    // Gives up the bridge's own provider tag, if it has one, so that the topic goes. A value that
-    // stays behind because others have the topic open is taken out, unless one of them may provide
-    // it; with `left_over`, whoever is counted, since the count may be that of a bridge that was
-    // killed.
+    // Closes the bridge's own provider tag, if it has one, so that the topic is removed. If others
+    // have the topic open its value is removed, unless one of them may be its provider. With
+    // `left_over` it is removed even if a provider is counted: the count may come from a bridge
+    // that was killed.
     void drop(const std::string &tag, bool left_over = false);
-    // Whether it was told to drop the tag and has not yet.
+    // Says whether drop() was called for the tag and is not carried out yet.
     bool is_dropping(const std::string &tag) const;
 
     // From now on the value of the tag is not the broker's: the broker has lost it.
@@ -76,7 +79,7 @@ class LocalWriter {
     // Whether something waits to be written to the tag, or is being written.
     bool is_busy_with(const std::string &tag) const;
 
-    // How long the thread has been at one round of writes.
+    // Says how long the thread has been working on its present round of writes.
     std::chrono::milliseconds busy_for(Clock::time_point now) const;
 
     // Writes what waits and ends the thread. False when a peer keeps it from ending: the process
@@ -86,7 +89,7 @@ class LocalWriter {
   private:
     struct Request {
         std::optional<WriteRequest> write;
-        std::optional<uint8_t> quality; // the only change; neither: drop
+        std::optional<uint8_t> quality; // without `write`; without both the tag is dropped
         bool left_over = false;
     };
     using Requests = std::unordered_map<std::string, Request>;

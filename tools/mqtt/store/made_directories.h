@@ -1,5 +1,5 @@
-// The directories of the store that the bridge has made for its tags, so that they go again when
-// they are empty: who may publish must not be able to fill the store with them.
+// Remembers which directories of the store the bridge has made for its tags, and removes them when
+// they are empty. Otherwise somebody who may publish could fill the store with directories.
 #pragma once
 
 #include <set>

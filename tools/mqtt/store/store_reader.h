@@ -1,4 +1,4 @@
-// What the bridge asks the store, in its own words; the looks themselves are those of all tools.
+// Reads the store in the terms of the bridge. The looks themselves are those of all tools.
 #pragma once
 
 #include "common/store_files.h"
@@ -26,8 +26,8 @@ class StoreReader {
     // which also means that it has not been made yet.
     bool for_each_topic(const std::function<void(const std::string &topic)> &visit) const;
 
-    // The tag that stands for a name now. Topic `a` cannot be both a file and the directory of
-    // `a/b`. Its value is stored as `a/_` then.
+    // Gives the tag that holds the value of a name now. Topic `a` cannot be both a file and the
+    // directory of `a/b`. Its value is then stored as `a/_`.
     std::string standing_for(std::string name) const;
 };
 

@@ -1,6 +1,6 @@
 // Listens to the TLS handshake of one connection, so that a failure can be told in words;
-// libmosquitto says nothing but that there was one. Written by the thread that connects, and afterwards by the
-// link's; whoever asks has waited for the first.
+// libmosquitto says nothing but that there was one. Written by the thread that connects, and
+// afterwards by the link's; whoever asks has waited for the first.
 #pragma once
 
 #include "tls/certificate.h"
