@@ -4,6 +4,8 @@
 #include "testing/process.h"
 #include "testing/store_provider.h"
 
+#include <array>
+#include <atomic>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -52,7 +54,69 @@ class Writing : public testing::Test {
     std::unique_ptr<LocalWriter> writer_ = LocalWriter::start("writing", marks_, counters_);
 };
 
+// An application on the device that counts the notices it gets, as far as they say something.
+class Listener {
+  public:
+    Listener() : handle_(kp_new("listener", hear))
+    {
+        (void)kp_set_user_data(handle_, this);
+    }
+    Listener(const Listener &) = delete;
+    Listener &operator=(const Listener &) = delete;
+    ~Listener()
+    {
+        (void)kp_destroy(handle_);
+    }
+    bool has_heard_of(const std::string &tag) const
+    {
+        return heard_[kp_hash(tag.c_str())];
+    }
+    int empty_notices() const
+    {
+        return empty_;
+    }
+
+  private:
+    static int hear(kp_t *, const kp_write_info *notice, void *self)
+    {
+        auto *listener = static_cast<Listener *>(self);
+        if (!listener)
+            return 0;
+        bool is_empty = true;
+        for (unsigned bucket = 0; bucket < KP_BUCKET_COUNT; ++bucket)
+            if (notice->bitmap[bucket / 8] >> (bucket % 8) & 1) {
+                listener->heard_[bucket] = true;
+                is_empty = false;
+            }
+        listener->empty_ += is_empty;
+        return 0;
+    }
+
+    std::array<std::atomic<bool>, KP_BUCKET_COUNT> heard_{};
+    std::atomic<int> empty_ = 0;
+    kp_t *handle_;
+};
+
 } // namespace
+
+// Notices of one sender arrive in their order, so an empty one would come before the last.
+TEST_F(Writing, SendsNoEmptyNoticeAfterInstantWrites)
+{
+    const Listener listener;
+    const StoreProvider declared("w/declared");
+    WriteRequest instant = text_message("instant");
+    instant.is_declared = true;
+
+    EXPECT_TRUE(wait_until([&] { // the writer may not have accepted the listener yet
+        writer_->put("w/declared", instant);
+        return listener.has_heard_of("w/declared");
+    }));
+    put_and_wait("w/own", "provided", "w/own");
+    EXPECT_TRUE(wait_until([&] { return listener.has_heard_of("w/own"); }));
+
+    EXPECT_EQ(listener.empty_notices(), 0);
+    EXPECT_EQ(value_of("w/declared"), "instant");
+}
 
 TEST_F(Writing, MovesItsOwnTagBesideOneThatComesBelowItsName)
 {

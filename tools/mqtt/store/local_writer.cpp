@@ -143,16 +143,16 @@ void LocalWriter::run()
 
 void LocalWriter::carry_out(const Requests &requests)
 {
-    bool announce = false;
+    must_notify_ = false;
     for (const auto &[name, request] : requests) {
         if (request.write)
-            announce |= write(name, *request.write);
+            write(name, *request.write);
         else if (request.quality)
-            announce |= set_quality_now(name, *request.quality);
+            set_quality_now(name, *request.quality);
         else
             drop_now(name, request.left_over);
     }
-    if (announce)
+    if (must_notify_)
         (void)kp_tag_notify(handle_);
 }
 
@@ -176,19 +176,19 @@ void LocalWriter::drop_now(const std::string &name, bool left_over)
     dropping_.erase(name);
 }
 
-bool LocalWriter::set_quality_now(const std::string &name, uint8_t quality)
+void LocalWriter::set_quality_now(const std::string &name, uint8_t quality)
 {
     const std::string tag = reader_.standing_for(name);
     WriteRequest request;
     if (reader_.read(tag, request.sample) != ReadOutcome::read)
-        return false;
+        return;
     const auto key = key_of(tag, request.sample);
     if (!key || request.sample.quality == quality)
-        return false;
+        return;
     request.sample.quality = quality;
     request.is_declared = true;
     request.key = *key;
-    return write_tag(tag, request);
+    (void)write_tag(tag, request);
 }
 
 // A new provider's tag has no value. That of others who provide it stays.
@@ -204,7 +204,7 @@ void LocalWriter::take_value_out(const std::string &tag, bool left_over)
         (void)kp_tag_destroy(handle_, emptied);
 }
 
-bool LocalWriter::write(const std::string &name, const WriteRequest &request)
+void LocalWriter::write(const std::string &name, const WriteRequest &request)
 {
     const auto moving = make_room(name);
     const bool done = write_in_place(name, request);
@@ -217,7 +217,6 @@ bool LocalWriter::write(const std::string &name, const WriteRequest &request)
         counters_.in += request.messages;
     else
         ++counters_.refused;
-    return done || moved;
 }
 
 // Takes a tag with a value out of the way of one below its name: only a tag that the bridge alone
@@ -291,8 +290,11 @@ bool LocalWriter::write_value(const std::string &tag, const WriteRequest &reques
         return kp_tag_instant_write(handle_, tag.c_str(), sample.value.data(), sample.type, size,
                                     sample.quality, sample.source_ts, sample.extra_info) == 0;
     kp_tag_t *provided = provider(tag, request);
-    return provided && kp_tag_write_with_source_params(handle_, provided, sample.value.data(), size,
-                                                       sample.quality, sample.source_ts) >= 0;
+    if (!provided || kp_tag_write_with_source_params(handle_, provided, sample.value.data(), size,
+                                                     sample.quality, sample.source_ts) < 0)
+        return false;
+    must_notify_ = true; // an instant write sends its notice itself
+    return true;
 }
 
 kp_tag_t *LocalWriter::provider(const std::string &tag, const WriteRequest &request)

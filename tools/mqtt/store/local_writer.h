@@ -105,12 +105,12 @@ class LocalWriter {
     void run();
     void carry_out(const Requests &requests);
     void drop_now(const std::string &name, bool left_over);
-    bool set_quality_now(const std::string &name, uint8_t quality);
+    void set_quality_now(const std::string &name, uint8_t quality);
     void take_value_out(const std::string &tag, bool left_over);
     void close_own(const std::string &tag);
     bool may_write(const std::string &tag, const WriteRequest &request) const;
     bool write_value(const std::string &tag, const WriteRequest &request);
-    bool write(const std::string &name, const WriteRequest &request);
+    void write(const std::string &name, const WriteRequest &request);
     bool write_in_place(const std::string &name, const WriteRequest &request);
     bool write_tag(const std::string &tag, const WriteRequest &request);
     struct Moving {
@@ -127,6 +127,7 @@ class LocalWriter {
     kp_t *handle_ = nullptr;
     std::unordered_map<std::string, Own> own_; // the thread's
     MadeDirectories made_;                     // the thread's
+    bool must_notify_ = false;                 // the thread's: a provider's tag was written
 
     mutable std::mutex mutex_;
     std::condition_variable wake_;
