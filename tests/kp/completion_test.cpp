@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <sstream>
 
 using namespace kptest;
@@ -25,6 +26,11 @@ struct Completion {
     Place types;
     Place formats;
     Place colors;
+
+    friend std::ostream &operator<<(std::ostream &out, const Completion &completion)
+    {
+        return out << completion.shell;
+    }
 };
 
 std::string text_at(const std::string &text, const Place &place)
