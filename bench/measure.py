@@ -12,7 +12,8 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 RESULTS = ROOT / "bench" / "results"
 VALUES = ("kp", "boost", "iceoryx", "redis", "lmdb")
-NOTICES = ("limit", "kp", "zeromq", "nng", "iceoryx", "cyclonedds", "lcm", "mosquitto", "redis")
+NOTICES = ("limit", "kp", "zeromq", "nng", "iceoryx", "cyclonedds", "lcm", "mosquitto", "redis",
+           "sdbus")
 LONGEST_S = 400
 
 
