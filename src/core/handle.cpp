@@ -25,7 +25,7 @@ void set_level_from_environment()
         kp_xlog_set_user_level(kp_xlog_get_level_by_str(name));
 }
 
-// Gives a notice to whoever it is for: to the descriptor once there is one, else to the callback.
+// Gives a notice to the application: through the descriptor if there is one, else to the callback.
 void take_up_notice(kp_t &handle, const uint8_t *notice)
 {
     if (has_notice_fd(handle)) {
@@ -51,8 +51,8 @@ void follow_new_tag(kp_t &handle, const uint8_t *notice)
     (void)kp_sub_plain_topic(&handle, topic.data());
 }
 
-// The first flagged bucket at or behind this one, KP_BUCKET_COUNT when there is none. Looks at 64
-// buckets at a time: a notice has 1024 and seldom more than a few flags.
+// Finds the first flagged bucket, from this one on; KP_BUCKET_COUNT when there is none. Looks at 64
+// buckets at a time: a notice has 1024 buckets and seldom more than a few flags.
 uint32_t find_flagged(const kp_write_info &notice, uint32_t bucket)
 {
     constexpr uint32_t kBitsPerWord = 64;
@@ -79,8 +79,8 @@ void leave_to_parent(void *record)
     handle.notice_fd = 0;
 }
 
-// Gives the handle all but its endpoint and its callback. The lists are there before a notice can
-// arrive.
+// Makes all parts of the handle except its endpoint and its callback. So the lists are there before
+// a notice can arrive.
 bool fill(kp_t &handle)
 {
     if (pthread_mutex_init(&handle.mutex, nullptr) != 0)

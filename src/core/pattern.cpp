@@ -12,7 +12,7 @@ namespace {
 // Hands out the levels of a text between its slashes; an empty level stands for the end.
 class Levels {
   public:
-    // What does not fit a path is cut, as it is when a path is made of it.
+    // A text that is too long for a path is cut, as a path is that is made from it.
     explicit Levels(const char *text) : rest_(text, strnlen(text, kPathSize - 1))
     {
     }

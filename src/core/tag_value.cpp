@@ -25,8 +25,8 @@ void mark_written(kp_t &handle, uint32_t hash)
     return value_type < kValueTypeCount ? size_of_known_type(value_type, size) : 0;
 }
 
-// Says why size_to_write() gave 0. Finds it out again, so that a write that succeeds need not know
-// the site.
+// Logs why size_to_write() gave 0. It finds out the reason again, so that a write that succeeds
+// does not have to pass on its site.
 [[gnu::cold, gnu::noinline]] int32_t refuse_write(const kp_tag_t &tag, LogSite site)
 {
     uint32_t value_type = 0;

@@ -1,11 +1,11 @@
 // Change notices for the application's own thread: the receive thread merges their bits and makes a
-// descriptor readable, the application takes the bits whenever it likes. Nothing is queued, so a
-// thread that stands still costs 1024 bits and one event.
+// descriptor readable, the application takes the bits whenever it likes. Nothing is queued: while
+// the application does not take them, only 1024 bits and one event are kept.
 //
 // Nothing is lost because each side has its order. The receive thread adds bits, then sets
 // `notice_waits`, and writes the descriptor if it was clear. The taker empties the descriptor, then
-// clears `notice_waits`, then takes the bits: a bit that it misses was added by somebody who finds
-// the flag clear and makes the descriptor readable again.
+// clears `notice_waits`, then takes the bits. If it misses a bit, the receive thread adds that bit
+// later, then finds the flag clear, and so makes the descriptor readable again.
 #include "core/waiting_notice.h"
 
 #include "layout/keep_errno.h"
@@ -76,7 +76,7 @@ int32_t kp_get_fd(kp_t *handle)
         KP_ERROR("eventfd: %s\n", std::strerror(errno));
         return -1;
     }
-    // What was written so far is found by a walk of all buckets.
+    // All buckets are marked, so that the application also finds what was written until now.
     for (uint64_t &word : handle->waiting_bits)
         store_relaxed(word, ~uint64_t{0});
     store_relaxed(handle->notice_waits, 1);

@@ -18,8 +18,8 @@ namespace kp {
 
 namespace {
 
-// A peer that is made anew again and again must not hold up an opening for ever. Its later sockets
-// are the directory watch's business.
+// A peer that is made anew again and again must not delay an opening for ever. The directory watch
+// connects to its later sockets.
 constexpr int kMostTries = 4 * kTries;
 
 // A connect waits while the peer's backlog is full, which is for ever when the peer is stopped.
@@ -36,8 +36,8 @@ void pause_before_next_try(const kp_notify_t &endpoint)
         (void)poll(&cancel, 1, static_cast<int>(left));
 }
 
-// Gives the owner of a file that was just made its moment. Tried too early, it costs the scan a whole
-// pause; the directory watch has waited already.
+// Waits a moment for the owner of a file that was just made. If the scan tried the file too early,
+// it would have to wait for a whole pause. The directory watch has waited already.
 void let_it_listen(const Entry &entry)
 {
     timespec now{};
@@ -60,8 +60,8 @@ bool connect_at(const OwnFd &fd, const Attempt &attempt, const Entry &entry)
                    sizeof(attempt.address)) == 0;
 }
 
-// Counts a failed try. It counts for a file only when that stood there before and after it, and
-// another file than the one tried before begins anew.
+// Counts a failed try. It counts only if the same file was there before and after it. With another
+// file than the one that was tried before, the count begins again.
 void note_failure(Attempt &attempt, const Entry &before)
 {
     const Entry after = look_at(attempt.address.sun_path);

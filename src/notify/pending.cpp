@@ -14,16 +14,17 @@ namespace kp {
 
 namespace {
 
-// The dead files that had no place in the list have gone through their tries by then.
+// By this time the dead files in the list have gone through their tries, and others get their
+// places.
 constexpr int64_t kScanPauseMs = kTries * kPauseMs;
 
-// These lines are the same whoever makes the tries.
+// The scan and the directory watch log the same lines.
 LogSite connect_site(int line = __builtin_LINE())
 {
     return {"connect_to", line};
 }
 
-// Counts a look that could not connect to a file in good order.
+// Counts a look that could not connect although nothing is wrong with the file.
 bool has_waited_long(Attempt &attempt)
 {
     return ++attempt.waits == kTries;

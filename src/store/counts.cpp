@@ -11,8 +11,8 @@ namespace kp {
 
 namespace {
 
-// Short, so that a wait ends soon after another open has initialised the semaphore again, which
-// wakes nobody.
+// The steps are short: another open may initialise the semaphore again, which wakes nobody, and the
+// wait has to end soon after that.
 constexpr int64_t kSemaphoreStepNs = 10'000'000;
 
 // After this time the holder counts as killed. The counts are atomic without the semaphore, so
@@ -34,7 +34,7 @@ class SemaphoreLock {
     }
 
   private:
-    // The clock ends the wait and not the number of steps, of which signals can cut any short.
+    // The clock ends the wait and not the number of steps, since a signal can cut a step short.
     bool wait()
     {
         const int64_t start = monotonic_ns();

@@ -45,8 +45,8 @@ uint64_t fingerprint(const ValueHeader &header, const uint8_t *bytes)
     return mix(mix(mix(mix(first, last), second), third), fourth);
 }
 
-// A handle whose last read was in doubt is marked with the timestamp before, so that reads and
-// writes that are in none leave the mark by storing their own.
+// A handle whose last read was in doubt keeps the timestamp before the doubted one as seen. A later
+// read or write without a doubt stores its own timestamp there, which ends the doubt.
 bool is_in_doubt(const kp_shm_t &shm, uint64_t last_write_ts)
 {
     return load_acquire(shm.doubted_ts) == last_write_ts &&

@@ -125,7 +125,8 @@ std::optional<MappedSegment> open_declared(const char *topic, LogSite site = Log
     return segment;
 }
 
-// Whether the writer has to make the directories: also with no descriptor free, when nothing tells.
+// Says whether the writer has to make the directories. It also tries when no descriptor is free and
+// so nothing says whether they are there.
 bool may_be_missing(int error)
 {
     return error == ENOENT || error == ENOTDIR || error == EMFILE || error == ENFILE;
@@ -193,7 +194,7 @@ void begin_write(Segment &segment)
     order_stores();
 }
 
-// What a write without a value leaves in a file that it created.
+// Stores what a write without a value leaves in a file that it created.
 void declare_empty(Segment &segment, uint32_t value_type)
 {
     store_relaxed(segment.max_value_size, KP_MAX_VALUE_SIZE);

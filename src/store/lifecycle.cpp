@@ -154,7 +154,8 @@ int32_t kp_shm_set_provider_info(kp_shm_t *shm, uint32_t value_type, uint32_t ma
     store_relaxed(segment.max_value_size, max_value_size);
     store_relaxed(segment.extra_info, extra_info);
     const uint8_t flags = load_relaxed(segment.state.flags);
-    // After what it vouches for, and before the clearing: without the flag a value is all zeros.
+    // This comes after the stores that it announces, and before the value is cleared: without the
+    // flag a value is all zeros.
     store_release(segment.state.flags, static_cast<uint8_t>((flags & ~kHasValue) | kValid));
     order_stores();
     store_relaxed(segment.written_value_size, kp_get_value_size(value_type, 0));

@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::size_t kHelperStack = std::size_t{128} * 1024;
 
-// The numbers that the helper below frees in its own table: more than a walk needs at once.
+// The helper below closes so many descriptors in its own table: more than a walk needs at once.
 constexpr int kFirstFreed = 3;
 constexpr int kLastFreed = 7;
 
@@ -40,7 +40,7 @@ bool is_out_of_descriptors()
     return errno == EMFILE;
 }
 
-// False when it wants for a descriptor.
+// False when no descriptor is free.
 bool try_remove_unused(const char *path, const kp_shm_t &shm)
 {
     const auto place = find_place(path);

@@ -14,8 +14,8 @@ pthread_mutex_t fork_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-// Linux gives out no higher number unless an administrator raises the limit; a descriptor beyond it
-// is merely not closed in a child.
+// Linux gives out no higher number unless an administrator raises the limit. A descriptor with a
+// higher one is not closed in a child, and that is all.
 constexpr std::size_t kMostFds = std::size_t{1} << 20;
 constexpr std::size_t kBitsPerWord = 64;
 
@@ -55,7 +55,7 @@ void in_child()
     (void)pthread_mutex_unlock(&fork_mutex);
 }
 
-// Without memory for it a later call tries again. The caller holds the lock.
+// If there is no memory for it a later call tries again. The caller holds the lock.
 void watch_forks()
 {
     if (!is_watching)

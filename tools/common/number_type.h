@@ -1,4 +1,5 @@
-// The C++ types behind the value types of fixed size, for code that is written once for all of them.
+// The C++ types behind the value types of fixed size, for code that is written once for all of
+// them.
 #pragma once
 
 #include "layout/value_type.h"
@@ -10,9 +11,9 @@
 
 namespace kp::tool {
 
-// Calls `use` with a zero of the C++ type that the bytes of such a value have; for a type of variable
-// size, or a code that is no type, with a zero byte. The switch names every type, so that the
-// compiler warns when a new one is missing.
+// Calls `use` with a zero of the C++ type that the bytes of such a value have; for a type of
+// variable size, or a code that is no type, with a zero byte. The switch names every type, so that
+// the compiler warns when a new one is missing.
 template <typename Use> auto with_number(uint32_t type, const Use &use)
 {
     if (type >= kValueTypeCount)

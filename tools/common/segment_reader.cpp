@@ -52,10 +52,10 @@ struct Copy {
 
 // Compares what belongs to a write.
 //
-// Deliberate: here and in MappedSource::take() memcmp() and memcpy() touch fields that a writer may be
-// storing, not the accesses of field.h. A copy may come out torn, which is expected: further looks
-// and the mark, which does go through field.h, tell it. One access for each byte would make a look so
-// much longer that a busy writer would leave no gap for it.
+// Deliberate: here and in MappedSource::take() memcmp() and memcpy() touch fields that a writer may
+// be storing, not the accesses of field.h. A copy may come out torn, which is expected: further
+// looks and the mark, which does go through field.h, tell it. One access for each byte would make a
+// look so much longer that a busy writer would leave no gap for it.
 bool same_bytes(const uint8_t *source, const Copy &copy, std::size_t end)
 {
     const uint8_t *known = copy.bytes.data();
@@ -75,8 +75,8 @@ Look good_if(bool is_good)
     return is_good ? Look::good : Look::disturbed;
 }
 
-// Looks at a mapped segment. The mark of a write in progress is visible before any store of the write
-// and is cleared after all of them, so it is loaded before and after what it guards.
+// Looks at a mapped segment. The mark of a write in progress is visible before any store of the
+// write and is cleared after all of them, so it is loaded before and after what it guards.
 class MappedSource {
   public:
     explicit MappedSource(const Segment &segment) : segment_(segment)

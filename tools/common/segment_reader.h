@@ -1,14 +1,14 @@
-// The one look at a segment that all tools share. It only reads: it takes no count and no lock, shows
-// no value that is half written, and survives a file that is cut short meanwhile.
+// The one look at a segment that all tools share. It only reads: it takes no count and no lock,
+// shows no value that is half written, and survives a file that is cut short meanwhile.
 //
-// The rule for what belongs together. The library's own consistent read (docs/reliability.md) relies
-// on the timestamp of a write where bytes alone tell nothing. A tool cannot: it shows what any program
-// wrote, also one that gives all its writes the same timestamp. So an attempt is five looks: the
-// first copies the segment, and four more compare it with the copy. The copy counts only if each
-// look finds that no write is going on, and if all four find the same bytes in all fields and in the
-// value. Only the counts may change, which are no part of a write. Two looks match on the same torn
-// value about once in 50 when a writer flips between two values under one timestamp; five practically
-// never. docs/reliability.md has what was measured.
+// The rule for what belongs together. The library's own consistent read (docs/reliability.md)
+// relies on the timestamp of a write where bytes alone tell nothing. A tool cannot: it shows what
+// any program wrote, also one that gives all its writes the same timestamp. So an attempt is five
+// looks: the first copies the segment, and four more compare it with the copy. The copy counts only
+// if each look finds that no write is going on, and if all four find the same bytes in all fields
+// and in the value. Only the counts may change, which are no part of a write. Two looks match on
+// the same torn value about once in 50 when a writer flips between two values under one timestamp;
+// five practically never. docs/reliability.md has what was measured.
 //
 // A look through a mapping loads the mark of a write before the bytes and again after them. A look
 // through a file fetches mark and bytes with one pread(), so it knows the mark of one moment only.
@@ -83,9 +83,9 @@ struct WriteStamp {
 // The stamp of the write that a snapshot shows.
 WriteStamp stamp_of(const Snapshot &snapshot);
 
-// How a segment is looked at that is looked at often. A mapping is fastest, but a process has 65,530 of
-// them on most systems; a descriptor is the next best, of which it has as many as its limit says; the
-// name alone takes neither, and is opened for each look.
+// How a segment is looked at that is looked at often. A mapping is fastest, but a process has
+// 65,530 of them on most systems; a descriptor is the next best, of which it has as many as its
+// limit says; the name alone takes neither, and is opened for each look.
 enum class Means { mapping, descriptor, name };
 
 // A segment that stays open, to be looked at again and again. Any thread may look, one at a time.
@@ -98,8 +98,8 @@ class SegmentReader {
     SegmentReader &operator=(const SegmentReader &) = delete;
     ~SegmentReader();
 
-    // Nothing, with a problem, when there is no such segment. Takes a descriptor where no mapping is
-    // left. A reader by name keeps the opener, which must outlive it.
+    // Nothing, with a problem, when there is no such segment. Takes a descriptor where no mapping
+    // is left. A reader by name keeps the opener, which must outlive it.
     static std::optional<SegmentReader> open(TopicOpener &opener, const std::string &topic,
                                              Problem &problem, Means means = Means::mapping);
 

@@ -20,7 +20,7 @@ namespace {
 constexpr int kWriteFlags = O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr mode_t kFileMode = 0666; // less the umask, as the library makes them
 
-// How often a file is opened anew that was made, or removed, by others in the same moment.
+// How often the file is opened again if others have made or removed it in the same moment.
 constexpr int kAttempts = 10;
 
 struct OpenFile {
@@ -48,7 +48,7 @@ bool is_still_linked(const UniqueFd &fd)
     return fstat(fd.get(), &status) != 0 || status.st_nlink > 0;
 }
 
-// Nobody counts itself in while the lock is held, and a file that is too short counts nobody.
+// No handle is counted while the lock is held, and in a file that is too short none can be counted.
 bool is_unused(const UniqueFd &fd)
 {
     ReferenceCounts counts{};
@@ -56,7 +56,7 @@ bool is_unused(const UniqueFd &fd)
     return counts.sum() == 0;
 }
 
-// Takes the file away again that this call made, unless somebody uses it by now.
+// Removes the file that this call made, unless somebody uses it by now.
 void take_away(const TopicPlace &place, const UniqueFd &fd)
 {
     const KeepErrno keep;

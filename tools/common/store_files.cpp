@@ -15,7 +15,7 @@ constexpr int kFileFlags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 constexpr mode_t kDirectoryMode = 0777; // less the umask, as the library makes them
 
-// A walk keeps this many directories open, one in the other, and reaches deeper ones from the root.
+// A walk keeps at most this many nested directories open. It reaches deeper ones from the root.
 constexpr int kMostOpenDirectories = 64;
 
 bool is_store_no_directory()

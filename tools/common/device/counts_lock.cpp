@@ -17,8 +17,9 @@ constexpr long kPauseAtLockNs = 10'000'000;
 
 } // namespace
 
-// The C library keeps the value in the first 32 bits, the number of those who wait in the next, and
-// behind them a mark that processes share it, by which one that was made is never all zeros.
+// The C library keeps the value in the first 32 bits, the number of waiting threads in the next 32,
+// and behind them a mark that processes share the semaphore. So a semaphore that was made is never
+// all zeros.
 std::optional<CountsLock> look_at_counts_lock(TopicOpener &opener, const std::string &topic)
 {
     Problem problem;

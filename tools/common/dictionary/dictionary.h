@@ -2,9 +2,9 @@
 // library neither reads nor enforces it. kp-tags(5) describes the files.
 //
 // For each fact of a topic the most exact pattern wins that says anything about it. Of two patterns
-// that cover a topic the more exact one is found by comparing them level by level from the left: where
-// they differ first, a name tells more than "+", and "+" more than "#". Of equal patterns in two files
-// the file whose name sorts later wins.
+// that cover a topic the more exact one is found by comparing them level by level from the left:
+// where they differ first, a name tells more than "+", and "+" more than "#". Of equal patterns in
+// two files the file whose name sorts later wins.
 #pragma once
 
 #include "common/dictionary/entry.h"

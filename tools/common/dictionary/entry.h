@@ -22,7 +22,8 @@ struct DictionaryEntry {
     std::optional<Fact<ValueNames>> names;
 };
 
-// What is wrong at one place of a file. The entry, or the one fact in it, is left out; the rest holds.
+// What is wrong at one place of a file. The entry, or the one fact in it, is left out; the rest
+// holds.
 struct DictionaryProblem {
     FilePlace place;
     std::string text; // whole words, safe to show

@@ -1,4 +1,5 @@
-// The facts of the dictionary about one topic, each as a line that says what it is and where it stands.
+// The facts of the dictionary about one topic, each as a line that says what it is and where it
+// stands.
 #pragma once
 
 #include "common/dictionary/facts.h"

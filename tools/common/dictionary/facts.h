@@ -1,5 +1,5 @@
-// What the dictionary knows of a topic. Each fact comes from one entry of one file and remembers where
-// it stands there, so that a user can be shown who says so.
+// What the dictionary knows of a topic. Each fact comes from one entry of one file and remembers
+// where it stands there, so that a user can be shown who says so.
 #pragma once
 
 #include <cstdint>

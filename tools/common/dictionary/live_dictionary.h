@@ -23,8 +23,8 @@ class LiveDictionary {
   public:
     explicit LiveDictionary(DictionaryPlace place);
 
-    // Reads the files "*.toml" that are new or have changed. A file that has mistakes now and was read
-    // before stays as it was. Says whether the dictionary is another one than before.
+    // Reads the files "*.toml" that are new or have changed. A file that has mistakes now and was
+    // read before stays as it was. Says whether the dictionary is another one than before.
     bool refresh();
 
     // Never null. What was looked up in it is valid as long as the pointer is held.

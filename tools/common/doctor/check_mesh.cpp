@@ -55,8 +55,8 @@ void check_endpoint(const Endpoint &endpoint, Findings &findings)
     check_owner(endpoint, name, findings);
 }
 
-// Connecting to a socket takes the right to write to its file. Where the groups of a user's process
-// cannot be seen, they are thought to be the right ones.
+// Whoever connects to a socket needs the right to write to its file. If the groups of a user's
+// process cannot be seen, this assumes that they are the right ones.
 bool lets_connect(const EndpointFile &file, uid_t user,
                   const std::optional<std::set<gid_t>> &groups)
 {
@@ -109,7 +109,7 @@ void check_socket_mode(const Endpoint &endpoint, const std::vector<Member> &memb
                             "systemctl edit UNIT (UMask=0002 and one Group= for all)"});
 }
 
-// A directory that is missing, or is none, is told with the other directories.
+// check_system() reports a directory that is missing or that is no directory.
 void check_sight(const Mesh &mesh, Findings &findings)
 {
     if (mesh.error != 0 && mesh.error != ENOENT && mesh.error != ENOTDIR)

@@ -23,7 +23,7 @@ constexpr std::size_t kListedLevels = 3; // the library lists no deeper
 constexpr unsigned kManyHandles = 200;   // the counts have 8 bits
 constexpr std::size_t kManyMappingsPercent = 90;
 
-// Findings of which every topic would give the same: told once, with an example.
+// Findings that are the same for every topic. They are reported once, with one topic as an example.
 struct Repeated {
     std::size_t count = 0;
     std::string example;
@@ -40,7 +40,7 @@ struct Repeated {
     }
 };
 
-// A topic on a command line of kp's, which takes a leading minus sign for an option's.
+// A topic as an argument of kp, which takes a leading minus sign for the start of an option.
 std::string argument(const std::string &topic)
 {
     return (topic.starts_with('-') ? "-- " : "") + shell_word(topic);
@@ -190,8 +190,8 @@ class StoreCheck {
             "kp gc");
     }
 
-    // A part of the store may be closed on purpose; of one that is closed as a whole nothing is
-    // known.
+    // A part of the store may be closed on purpose. But if the whole store is closed, nothing can
+    // be said about it.
     void report_closed(const StoreListing &listing)
     {
         for (std::size_t index = 0; index < listing.closed.size(); ++index) {

@@ -48,8 +48,8 @@ const SharedDirectory &providers_directory()
     return providers;
 }
 
-// Its status, or nothing with a finding. One that cannot be looked at is told by what is missed
-// then.
+// Gives the directory's status, or nothing with a finding. If it cannot be looked at, the finding
+// says what stays unknown because of that.
 std::optional<struct stat> status_of(const SharedDirectory &directory, Finding missing,
                                      Findings &findings)
 {
@@ -67,8 +67,8 @@ std::optional<struct stat> status_of(const SharedDirectory &directory, Finding m
     return std::nullopt;
 }
 
-// Its entries are found by those of a class who may read it, and reached by those who may search
-// it.
+// Users of a class can list the directory if they may read it, and reach its entries if they may
+// search it.
 void check_access(const SharedDirectory &directory, const struct stat &status, Findings &findings)
 {
     const mode_t mode = status.st_mode;
@@ -135,8 +135,7 @@ void check_providers_directory(Findings &findings)
     check_access(providers_directory(), status, findings);
 }
 
-// Less than a tenth left, in the words of the thing that is short. No limit where there is none at
-// all.
+// Reports that less than a tenth is left, and of what. A total of 0 means that there is no limit.
 void check_share(Findings &findings, const char *check, const std::string &directory,
                  unsigned long free, unsigned long all, const std::string &what,
                  const std::string &fix)

@@ -20,7 +20,8 @@ namespace kp::tool {
 
 namespace {
 
-// Regions beyond that are no heap of an application on a device, but room that is reserved.
+// Larger regions are not the heap of an application on a device, but address space that is
+// reserved.
 constexpr uint64_t kMostRegion = uint64_t{256} << 20;
 constexpr std::size_t kChunk = std::size_t{1} << 20;
 constexpr std::size_t kMostTopic = 4096;
@@ -75,7 +76,7 @@ AddressSpace address_space_of(pid_t pid, dev_t store)
     return space;
 }
 
-// As much as could be read from there.
+// Gives as much as could be read from there.
 std::size_t read_memory(pid_t pid, uint64_t address, void *buffer, std::size_t size)
 {
     const iovec own{buffer, size};

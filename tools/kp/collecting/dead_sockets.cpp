@@ -46,8 +46,9 @@ void wait_until_grown(const std::vector<EndpointFile> &files)
         (void)usleep(static_cast<useconds_t>(kYouthUs - (now - youngest)));
 }
 
-// Takes one file away after it was moved to a name where nobody puts another in its place: between
-// a look and the removal of a name its process could start again, and lose its new socket.
+// Removes a file after moving it to another name, where nobody puts a new file in its place.
+// Without that, its process could start again between the last look and the removal, and would lose
+// its new socket.
 class Remover {
   public:
     Remover() : directory_(open(kProvidersRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC))

@@ -55,7 +55,7 @@ std::optional<DeadTopic> suspect(TopicOpener &opener, const std::string &topic,
     return dead;
 }
 
-// Only a count of one role alone tells whose handles are gone.
+// If handles of both roles are counted, nothing tells whose handles are gone.
 ReferenceCounts right_counts(const DeadTopic &dead)
 {
     ReferenceCounts right{};
@@ -71,7 +71,7 @@ bool is_dead(const DeadTopic &suspected)
                                  : suspected.open < suspected.counted.sum();
 }
 
-// A topic with its lock, between the second proof and the deed.
+// A topic whose lock is held from the second proof until it is removed or corrected.
 struct Held {
     const DeadTopic *dead = nullptr;
     UniqueFd fd;

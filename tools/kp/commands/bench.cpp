@@ -47,7 +47,7 @@ int wake(kp_t *handle, const kp_write_info *, void *)
     return 0;
 }
 
-// A handle that is left in order whatever happens.
+// A handle that is closed properly however the command ends.
 class Handle {
   public:
     Handle(const std::string &name, kp_callback_t callback)

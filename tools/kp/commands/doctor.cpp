@@ -1,4 +1,4 @@
-// kp doctor: looks for the causes of trouble and says what mends them.
+// kp doctor: finds what is wrong and says what mends it.
 #include "commands/commands.h"
 #include "common/doctor/finding.h"
 #include "output/meaning.h"
@@ -21,7 +21,7 @@ void print_finding(const Finding &finding)
                   (finding.fix.empty() ? "" : "  [" + finding.fix + "]"));
 }
 
-// Trouble that was found counts more than what could not be looked at.
+// A finding counts more than something that could not be looked at.
 int code_of(const Findings &findings)
 {
     int code = kDone;

@@ -27,7 +27,7 @@ struct CollectOptions {
     double older_than = 60;
 };
 
-// What was found, and the deed that it calls for.
+// What was found, and what has to be done about it.
 struct Dead {
     bool is_topic;
     std::string name; // a topic, or a path
@@ -91,8 +91,8 @@ class Collector {
     }
 
   private:
-    // Only after the deed, so that a slow reader of this output holds up none and what it reads is
-    // so.
+    // Printed only after the work is done: so a slow reader of this output delays nothing, and what
+    // it reads is true.
     void tell(const Dead &dead, const Result &result)
     {
         if (options_.json)

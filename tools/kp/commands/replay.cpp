@@ -23,8 +23,8 @@ struct ReplayOptions {
     bool force = false;
 };
 
-// Readers take a value of an old time for seen, so the times move: written now, and read from its
-// source as long before that as it was.
+// Readers take a value with an old timestamp for seen. So the times are moved: the timestamp is
+// now, and the source time lies as long before it as it did in the record.
 void move_to_now(Write &write)
 {
     const auto written = std::exchange(write.timestamp, now_us());

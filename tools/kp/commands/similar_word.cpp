@@ -41,7 +41,7 @@ std::optional<std::string> similar_word(const std::string &word,
         return std::nullopt;
     const auto nearest = std::ranges::min_element(
         known, {}, [&word](const std::string &other) { return slips(word, other); });
-    // Of a short word two slips leave nothing.
+    // In a short word two mistakes change everything, so only one is allowed.
     const std::size_t most = std::min(kMostSlips, word.size() / 2);
     if (nearest == known.end() || slips(word, *nearest) > most)
         return std::nullopt;

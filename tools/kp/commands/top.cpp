@@ -60,7 +60,7 @@ class Top {
                 sample_at = now + kSampleUs;
             }
             if (now >= draw_at || is_touched_) {
-                // Else the terminal was stopped by ^S.
+                // If there is no room the user has stopped the terminal with ^S.
                 if (wait_writable(STDOUT_FILENO, now) == Readiness::ready)
                     draw();
                 is_touched_ = false;
@@ -76,7 +76,7 @@ class Top {
     }
 
   private:
-    // Values get what names of usual length leave.
+    // Values get the room that is left beside names of usual length.
     Widths widths_for(std::size_t first, std::size_t end) const
     {
         const auto all = static_cast<std::size_t>(screen_.columns());

@@ -118,9 +118,9 @@ std::optional<long double> number_of(const std::string &text)
     return number;
 }
 
-// How a value stands to an operand: in its own type, or as numbers where the operand is one that
-// the type does not have, as 4.5 beside integers. Nothing, with a problem, when the operand is
-// neither.
+// Compares a value with an operand: in the value's type, or as numbers if the operand is a number
+// that the type does not have, such as 4.5 for integers. Gives nothing, with a problem, if the
+// operand is neither.
 struct Comparison {
     std::optional<int> order; // nothing for what is not a number
 };

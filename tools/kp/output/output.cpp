@@ -72,7 +72,7 @@ bool is_set(const char *variable)
     return text && *text;
 }
 
-// By the variable's custom, 0 is as good as none.
+// It is usual for such a variable that 0 means the same as no variable.
 bool is_forced()
 {
     return is_set("CLICOLOR_FORCE") && std::string_view(std::getenv("CLICOLOR_FORCE")) != "0";

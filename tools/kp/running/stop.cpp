@@ -18,10 +18,11 @@ namespace {
 volatile std::sig_atomic_t caught = 0; // written by the handler, which nothing else can be
 std::array<int, 2> wake_pipe = {-1, -1};
 
-// Asked for by people and by the system; whatever the caller wanted of them, they end the program.
+// Signals by which people and the system end a program. They end this one, even if its caller has
+// set them to be ignored.
 constexpr std::array kRequests = {SIGINT, SIGTERM, SIGQUIT};
-// What else ends a program without being its own fault, unless whoever started it says otherwise,
-// as nohup does.
+// Other signals that end a program and are not its own fault. Its caller may have set them to be
+// ignored, as nohup does, and then they are.
 constexpr std::array kOthers = {SIGHUP, SIGUSR1, SIGUSR2,   SIGALRM, SIGVTALRM, SIGPROF,
                                 SIGIO,  SIGPWR,  SIGSTKFLT, SIGXCPU, SIGXFSZ};
 

@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint32_t kPublishedExtra = 2; // what topics published by name carry
 
-// What stands where the topic's directories or its file should be and is neither.
+// Says what stands at the place of the topic's directories or its file without being one.
 std::optional<Problem> obstacle(const std::string &topic)
 {
     std::string path = kStoreRoot;
@@ -89,7 +89,7 @@ std::optional<Target> find_target(const Write &write, Problem &problem)
     }
     Target fresh;
     fresh.type = write.type ? *write.type : *write.meant_type;
-    // A topic that a instant write made has no maximum, and gets none when it is written back.
+    // A topic that an instant write made has no maximum, and gets none when it is written back.
     const uint32_t max = write.max ? *write.max : write.meant_max.value_or(KP_MAX_VALUE_SIZE);
     fresh.max = max == 0 ? 0 : kp_get_value_size(fresh.type, max);
     fresh.extra = write.extra.value_or(snapshot && target ? snapshot->extra : kPublishedExtra);

@@ -7,7 +7,8 @@ namespace kp::web {
 
 constexpr const char *kMetricsType = "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
-// The values of the topics that the patterns cover, the state of the store, and the program's counters.
+// The values of the topics that the patterns cover, the state of the store, and the program's
+// counters.
 std::string metrics_text(const std::vector<std::string> &patterns, const Board &board,
                          const Counters &counters);
 

@@ -10,8 +10,8 @@ namespace kp::web {
 
 class Pages {
   public:
-    // The page's own folder, and that of the library that draws the trends. What cannot be read is not
-    // served.
+    // The page's own folder, and that of the library that draws the trends. What cannot be read is
+    // not served.
     Pages(const std::string &folder, const std::string &drawing_folder);
 
     // Nothing for an address that is no file of the page.

@@ -17,8 +17,8 @@ namespace {
 
 constexpr int kBacklog = 64;
 constexpr int kFirstInherited = 3; // the service manager's rule
-// What waits in the kernel for a client that does not read. The newest value counts, so more would only
-// be stale; accepted connections inherit it.
+// What waits in the kernel for a client that does not read. The newest value counts, so more would
+// only be stale; accepted connections inherit it.
 constexpr int kSendBytes = 64 * 1024;
 
 union AnyAddress {

@@ -18,7 +18,8 @@ constexpr std::size_t kPieceBytes = 8192;  // of a body that is made while it is
 constexpr unsigned kSilentSeconds = 60;    // after which a client that takes nothing is dropped
 constexpr uint64_t kCheckUs = tool::kUsPerSecond / 4;
 
-// The page is our own files and nothing else, in nobody's frame; nothing is guessed and nothing kept.
+// The page is our own files and nothing else, in nobody's frame; nothing is guessed and nothing
+// kept.
 constexpr std::pair<const char *, const char *> kHeaders[] = {
     {"Content-Security-Policy", "default-src 'none'; script-src 'self'; style-src 'self'; "
                                 "img-src 'self'; connect-src 'self'; base-uri 'none'; "

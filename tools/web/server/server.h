@@ -1,5 +1,5 @@
-// The HTTP server: takes connections, checks who asks, and sends what the site answers. One thread does
-// it all, so nothing here is locked.
+// The HTTP server: takes connections, checks who asks, and sends what the site answers. One thread
+// does it all, so nothing here is locked.
 #pragma once
 
 #include "answers/site.h"
@@ -24,7 +24,8 @@ class Server {
     Server &operator=(const Server &) = delete;
     ~Server();
 
-    // Serves until a signal arrives at the descriptor: SIGHUP asks for a reload, others for the end.
+    // Serves until a signal arrives at the descriptor: SIGHUP asks for a reload, others for the
+    // end.
     Ending run(int signals, tool::ServiceManager &manager);
 
   private:

@@ -1,6 +1,6 @@
-// The topics that the page and the programs may see, each with the number of its last change. Whoever
-// follows them only has to remember one number, so a client costs next to nothing, however many topics
-// there are, and a slow one is given the newest value and nothing in between.
+// The topics that the page and the programs may see, each with the number of its last change.
+// Whoever follows them only has to remember one number, so a client costs next to nothing, however
+// many topics there are, and a slow one is given the newest value and nothing in between.
 #pragma once
 
 #include "common/clock.h"

@@ -6,15 +6,15 @@
 
 namespace kp::web {
 
-// The keys of tool::row_json(); then, where the dictionary knows the topic, unit, name (of the value)
-// and state (of tool::state_name()).
+// The keys of tool::row_json(); then, where the dictionary knows the topic, unit, name (of the
+// value) and state (of tool::state_name()).
 std::string row_line(const tool::Row &row, const tool::Dictionary &dictionary);
 
 // topic alone, with topic_b64 where it is not UTF-8.
 std::string topic_line(const std::string &topic);
 
-// topic, and what the dictionary knows of it, each where it does: unit, description, least and most,
-// lowlow, low, high and highhigh, stale (seconds), names.
+// topic, and what the dictionary knows of it, each where it does: unit, description, least and
+// most, lowlow, low, high and highhigh, stale (seconds), names.
 std::string facts_line(const std::string &topic, const tool::Dictionary &dictionary);
 
 } // namespace kp::web

@@ -8,8 +8,8 @@ namespace kp::web {
 
 namespace {
 
-// A proxy or a router forgets a connection that is silent for long, and a client that has vanished is
-// found out by what it does not take.
+// A proxy or a router forgets a connection that is silent for long, and a client that has vanished
+// is found out by what it does not take.
 constexpr uint64_t kSilenceUs = 15 * tool::kUsPerSecond;
 
 constexpr const char *kReset = "event: reset\ndata: {}\n\n";

@@ -1,5 +1,5 @@
-// Looks that take their time, as they go through all processes: done by a thread of their own, so that
-// nobody who follows values waits for them, and shared by all who ask within two seconds.
+// Looks that take their time, as they go through all processes: done by a thread of their own, so
+// that nobody who follows values waits for them, and shared by all who ask within two seconds.
 #pragma once
 
 #include "http/answer.h"
