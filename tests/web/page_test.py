@@ -25,9 +25,13 @@ def enter_namespace():
     if os.environ.get("KP_PAGE_TEST") == "inside":
         return
     environment = dict(os.environ, KP_PAGE_TEST="inside")
-    words = " ".join(f"'{word}'" for word in [sys.executable, os.path.abspath(__file__), *sys.argv[1:]])
-    script = ("mount -t tmpfs -o mode=0755 none /run && mount -t tmpfs -o mode=1777 none /dev/shm && "
-              "mkdir -m 0777 /run/providers && exec " + words)
+    words = " ".join(
+        f"'{word}'" for word in [sys.executable, os.path.abspath(__file__), *sys.argv[1:]]
+    )
+    script = (
+        "mount -t tmpfs -o mode=0755 none /run && mount -t tmpfs -o mode=1777 none /dev/shm && "
+        "mkdir -m 0777 /run/providers && exec " + words
+    )
     user = [] if os.getuid() == 0 else ["--user", "--map-root-user"]
     os.execvpe("unshare", ["unshare", "--mount", *user, "sh", "-c", script], environment)
 
@@ -40,7 +44,11 @@ try:
     from selenium.webdriver.chrome.service import Service
 except ImportError:
     webdriver = None
-if not webdriver or not os.path.exists("/usr/bin/chromedriver") or not os.path.exists("/usr/bin/chromium"):
+if (
+    not webdriver
+    or not os.path.exists("/usr/bin/chromedriver")
+    or not os.path.exists("/usr/bin/chromium")
+):
     print("page_test.py: Skipped\nchromium, chromium-driver or python3-selenium is not installed")
     sys.exit(SKIPPED)
 
@@ -66,8 +74,13 @@ stale = 2
 def put_all(records):
     """Writes tags as any program would, each a record with topic, value and type."""
     lines = "".join(json.dumps(record) + "\n" for record in records)
-    subprocess.run([KP, "set", "--batch"], input=lines.encode(), check=True, capture_output=True,
-                   timeout=DEADLINE)
+    subprocess.run(
+        [KP, "set", "--batch"],
+        input=lines.encode(),
+        check=True,
+        capture_output=True,
+        timeout=DEADLINE,
+    )
 
 
 def put(topic, value, kind):
@@ -97,7 +110,9 @@ class Device:
         (path / "tags.d").mkdir()
         (path / "tags.d/plant.toml").write_text(DICTIONARY, encoding="utf-8")
         (path / "kp-web.conf").write_text(
-            f'listen = ["127.0.0.1:0"]\npage = "{PAGE}"\ndictionary = "{path}/tags.d"\n', encoding="utf-8")
+            f'listen = ["127.0.0.1:0"]\npage = "{PAGE}"\ndictionary = "{path}/tags.d"\n',
+            encoding="utf-8",
+        )
         self.log = open(path / "log", "w+", encoding="utf-8")
         self.server = subprocess.Popen([KP_WEB, "-c", path / "kp-web.conf"], stderr=self.log)
         found = wait_for(lambda: re.search(r"listening on (\S+)", (path / "log").read_text()))
@@ -121,8 +136,14 @@ class Page(unittest.TestCase):
         cls.device = Device()
         options = webdriver.ChromeOptions()
         options.binary_location = "/usr/bin/chromium"
-        for word in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--disable-gpu",
-                     "--force-prefers-reduced-motion", "--window-size=1280,720"):
+        for word in (
+            "--headless=new",
+            "--no-sandbox",
+            "--disable-dev-shm-usage",
+            "--disable-gpu",
+            "--force-prefers-reduced-motion",
+            "--window-size=1280,720",
+        ):
             options.add_argument(word)
         options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
         cls.browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
@@ -186,14 +207,18 @@ class Page(unittest.TestCase):
 
     def test_a_change_shows_at_once(self):
         wait_for(lambda: self.row("other/count"))
-        watch = ("const done = arguments[0]; const at = performance.now();"
-                 "const wait = () => [...document.querySelectorAll('#rows tr.row')].some((line) =>"
-                 " line.children[1].textContent === '%s') ? done(performance.now() - at)"
-                 " : requestAnimationFrame(wait); wait();")
+        watch = (
+            "const done = arguments[0]; const at = performance.now();"
+            "const wait = () => [...document.querySelectorAll('#rows tr.row')].some((line) =>"
+            " line.children[1].textContent === '%s') ? done(performance.now() - at)"
+            " : requestAnimationFrame(wait); wait();"
+        )
         self.browser.set_script_timeout(DEADLINE)
         delays = []
         for value in range(100, 105):
-            with subprocess.Popen([KP, "set", "other/count", str(value)], stdout=subprocess.DEVNULL):
+            with subprocess.Popen(
+                [KP, "set", "other/count", str(value)], stdout=subprocess.DEVNULL
+            ):
                 delays.append(self.browser.execute_async_script(watch % value))
         # With the start of kp, which is the most of it; a page that polled would need seconds.
         self.assertLess(min(delays), 300, delays)
@@ -212,21 +237,30 @@ class Page(unittest.TestCase):
 
     def test_the_tree_leads_to_a_branch(self):
         wait_for(lambda: self.all("#tree summary a"))
-        self.browser.execute_script("document.querySelector('#tree a[data-filter=\"plant/#\"]').click()")
+        self.browser.execute_script(
+            "document.querySelector('#tree a[data-filter=\"plant/#\"]').click()"
+        )
         wait_for(lambda: len(self.all("#rows tr.row")) == 4)
 
     def test_a_row_shows_its_facts_and_draws_a_trend(self):
-        self.open("#view=tags&topic=plant/press/speed&trend=plant/press/speed&trend=plant/press/door")
+        self.open(
+            "#view=tags&topic=plant/press/speed&trend=plant/press/speed&trend=plant/press/door"
+        )
         wait_for(lambda: "Speed of the press" in self.find("#details").text)
         self.assertIn("low 1, high 30", self.find("#details").text)
-        for value in (14, 18, 11):
+        for value in (14.5, 18.5, 11.5, 16.5):
             put("plant/press/speed", value, "double")
+            wait_for(lambda text=f"{value} m/s": text in self.find("#details").text)
         put("plant/press/door", "open", "string")
-        drawn = ("return [...document.querySelectorAll('#plot canvas')].some((canvas) => canvas.getContext('2d')"
-                 ".getImageData(0, 0, canvas.width, canvas.height).data.some((byte) => byte > 0))")
+        drawn = (
+            "return [...document.querySelectorAll('#plot canvas')].some((canvas) => canvas.getContext('2d')"
+            ".getImageData(0, 0, canvas.width, canvas.height).data.some((byte) => byte > 0))"
+        )
         wait_for(lambda: self.browser.execute_script(drawn))
         wait_for(lambda: self.find("#bands").size["height"] >= 26)
         self.assertEqual(len(self.all("#legend li")), 2)
+        axis = "return [...document.querySelectorAll('.dygraph-axis-label-y')].map((l) => l.textContent).join()"
+        wait_for(lambda: "18" in self.browser.execute_script(axis))
         self.find("#pause").click()
         self.assertEqual(self.find("#pause").get_attribute("aria-pressed"), "true")
         self.picture("web-tags")
@@ -250,26 +284,40 @@ class Page(unittest.TestCase):
             peer.terminate()
 
     def test_hostile_names_and_values_stay_text(self):
-        hostile = ["<img src=x onerror=alert(1)>", "</script><script>alert(2)<", "\"'&amp;", "a\u202eb\x1b[31m"]
+        hostile = [
+            "<img src=x onerror=alert(1)>",
+            "</script><script>alert(2)<",
+            "\"'&amp;",
+            "a\u202eb\x1b[31m",
+        ]
         for name in hostile:
             put("hostile/" + name.replace("/", "|"), name, "string")
         try:
-            self.open("#view=tags&q=hostile/%23&topic=" + "hostile/%3Cimg%20src=x%20onerror=alert(1)%3E")
-            wait_for(lambda: len([line for line in self.all("#rows tr.row") if line.text.strip()]) == 4)
+            self.open(
+                "#view=tags&q=hostile/%23&topic=" + "hostile/%3Cimg%20src=x%20onerror=alert(1)%3E"
+            )
+            wait_for(
+                lambda: len([line for line in self.all("#rows tr.row") if line.text.strip()]) == 4
+            )
             wait_for(lambda: self.row("hostile/" + hostile[0])[1] == hostile[0])
             self.assertEqual(self.all("#rows img, #rows script, #details img"), [])
             self.assertIn(hostile[0], self.find("#details").text)
             self.assertTrue(self.row("hostile/a\\u202eb\\u001b[31m"))
         finally:
             for name in hostile:
-                subprocess.run([KP, "rm", "--force", "hostile/" + name.replace("/", "|")], check=False,
-                               capture_output=True)
+                subprocess.run(
+                    [KP, "rm", "--force", "hostile/" + name.replace("/", "|")],
+                    check=False,
+                    capture_output=True,
+                )
 
     def test_a_phone_has_the_table_and_the_facts(self):
         self.browser.set_window_size(390, 780)
         self.open("#view=tags&topic=plant/press/speed")
         wait_for(lambda: self.row("plant/press/speed"))
-        wide = self.browser.execute_script("return document.documentElement.scrollWidth - innerWidth")
+        wide = self.browser.execute_script(
+            "return document.documentElement.scrollWidth - innerWidth"
+        )
         self.assertLessEqual(wide, 0)
         self.assertTrue(self.find("#details").is_displayed())
         self.assertFalse(self.find("#tree").is_displayed())
@@ -291,7 +339,10 @@ class Page(unittest.TestCase):
         wait_for(lambda: not self.find("#details").is_displayed())
 
     def test_many_topics_have_only_those_in_view_in_the_page(self):
-        put_all({"topic": f"many/t{number:04}", "type": "int32", "value": number} for number in range(1500))
+        put_all(
+            {"topic": f"many/t{number:04}", "type": "int32", "value": number}
+            for number in range(1500)
+        )
         try:
             self.open("#view=tags&q=many/%23")
             wait_for(lambda: self.row("many/t0000")[1] == "0")
@@ -305,10 +356,15 @@ class Page(unittest.TestCase):
     def test_it_is_small_and_paints_at_once(self):
         size = sum(file.stat().st_size for file in pathlib.Path(PAGE).iterdir())
         drawing = pathlib.Path("/usr/share/javascript/dygraphs")
-        size += sum((drawing / name).stat().st_size for name in ("dygraph.min.js", "dygraph.min.css"))
+        size += sum(
+            (drawing / name).stat().st_size for name in ("dygraph.min.js", "dygraph.min.css")
+        )
         self.assertLess(size, 300 * 1024)
-        paint = wait_for(lambda: self.browser.execute_script(
-            "return performance.getEntriesByName('first-contentful-paint')[0].startTime"))
+        paint = wait_for(
+            lambda: self.browser.execute_script(
+                "return performance.getEntriesByName('first-contentful-paint')[0].startTime"
+            )
+        )
         self.assertLess(paint, 1000)
 
 

@@ -101,6 +101,14 @@ export class Trend {
       stepPlot: true, strokeWidth: 1.5, gridLineColor: "#8884", axisLineColor: "#888" });
   }
 
+  // Where a time stands in the bands: below the same time of the curves, where there are any.
+  timeAxis(bands, now, width) {
+    if (this.graph)
+      return { start: this.graph.xAxisRange()[0], place: (time) => this.graph.toDomXCoord(time) };
+    const start = Math.min(now - 10e3, ...bands.map((band) => band.points[0][0]));
+    return { start, place: (time) => ((time - start) / (now - start)) * width };
+  }
+
   drawBands(bands) {
     const height = bands.length * kBandHeight;
     const width = this.bands.clientWidth;
@@ -112,14 +120,15 @@ export class Trend {
     pen.scale(scale, scale);
     pen.font = "12px system-ui, sans-serif";
     const now = Date.now();
-    const start = Math.min(now - 10e3, ...bands.map((band) => band.points[0][0]));
-    const place = (time) => ((time - start) / (now - start)) * width;
+    const { start, place } = this.timeAxis(bands, now, width);
     bands.forEach((band, at) => {
       const texts = [...new Set(band.points.map((point) => point[2]))];
       band.points.forEach(([time, , text], index) => {
-        const left = place(time);
+        const left = place(Math.max(start, time));
         const right = place(band.points[index + 1]?.[0] ?? now);
         pen.fillStyle = kColours[texts.indexOf(text) % kColours.length];
+        if (right <= place(start))
+          return; // to the left of what a zoom shows
         pen.fillRect(left, at * kBandHeight + 2, Math.max(1, right - left), kBandHeight - 4);
         pen.fillStyle = "#fff";
         if (right - left > 40)
