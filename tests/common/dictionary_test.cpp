@@ -3,6 +3,7 @@
 #include "common/number_type.h"
 #include "common/text.h"
 
+#include <algorithm>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -187,6 +188,9 @@ TEST(DictionaryFile, EndsSoonOnHugePatternsNamesAndBrokenTables)
     EXPECT_THAT(problem_lines(parsed("[a]\nnames = { " + names + " }\n")),
                 ElementsAre(HasSubstr("names: has more than 1000 of them")));
     EXPECT_LE(problem_lines(parsed(broken)).size(), 10u);
+    std::replace(deep.begin(), deep.end(), '/', '.');
+    EXPECT_THAT(problem_lines(parsed("[" + deep + "a]\nunit = \"m\"\n")),
+                ElementsAre("t.toml:1:103: more than 50 dots outside quotation marks in a line"));
 }
 
 TEST(DictionaryFile, CutsAMessageThatAFileMakesLong)

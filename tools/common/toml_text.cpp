@@ -7,6 +7,10 @@ namespace kp::tool {
 
 namespace {
 
+// Each dot of a key may be a table within a table, and the parser's tables end in a recursion, for which
+// thousands of them have no room on the stack. It counts brackets alone, up to 256 of them.
+constexpr std::size_t kMostDots = 50; // of a line
+
 // Goes through a text as TOML does, as far as quotation marks and comments are concerned.
 class Scanner {
   public:
@@ -14,13 +18,18 @@ class Scanner {
     {
     }
 
-    // Moves to the first byte beyond ASCII outside quotation marks and comments; false without one.
-    bool find_bare_letter()
+    // Moves to the first byte outside quotation marks and comments that must not get to the parser,
+    // and says why; null without one.
+    const char *find_fault()
     {
+        std::size_t dots = 0; // of the line
         while (at_ < text_.size()) {
             const char byte = text_[at_];
             if (static_cast<unsigned char>(byte) >= 0x80)
-                return true;
+                return "a letter beyond ASCII must stand in quotation marks";
+            dots = byte == '\n' ? 0 : dots + (byte == '.' ? 1 : 0);
+            if (dots > kMostDots)
+                return "more than 50 dots outside quotation marks in a line";
             if (byte == '#')
                 at_ = std::min(text_.find('\n', at_), text_.size());
             else if (byte == '"' || byte == '\'')
@@ -28,7 +37,7 @@ class Scanner {
             else
                 ++at_;
         }
-        return false;
+        return nullptr;
     }
 
     toml::source_position position() const
@@ -78,11 +87,11 @@ toml::table parse_toml(std::string_view text)
 {
     constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
     Scanner scanner(text.substr(text.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0));
-    if (!scanner.find_bare_letter())
+    const char *fault = scanner.find_fault();
+    if (!fault)
         return toml::parse(text);
     const toml::source_position position = scanner.position();
-    throw toml::parse_error("a letter beyond ASCII must stand in quotation marks",
-                            toml::source_region{position, position, nullptr});
+    throw toml::parse_error(fault, toml::source_region{position, position, nullptr});
 }
 
 } // namespace kp::tool
