@@ -7,6 +7,7 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
@@ -186,6 +187,33 @@ TEST_P(Ended, BySignalSoThatItsCallerSeesTheSignal)
 }
 
 INSTANTIATE_TEST_SUITE_P(By, Ended, testing::Values(SIGINT, SIGTERM, SIGHUP, SIGUSR1));
+
+// Each at a time of its own: most of a restore is between making a file and ending its write.
+TEST(Ended, InARestoreLeavesNoTopicHalfMade)
+{
+    {
+        std::ofstream lines("/run/many.jsonl");
+        for (int index = 0; index < 50'000; ++index)
+            lines << R"({"topic":"k/)" << index << R"(","type":"double","value":1})" << '\n';
+    }
+    std::string broken;
+    long without_value = 0;
+
+    for (int round = 0; round < 40; ++round) {
+        std::filesystem::remove_all("/dev/shm/zu-kp");
+        UnreadKp restore({"restore", "/run/many.jsonl"});
+        const std::string last = "/dev/shm/zu-kp/k/" + std::to_string(10 + round * 7);
+        ASSERT_TRUE(kptest::wait_until([&last] { return std::filesystem::exists(last); }));
+        restore.signal(SIGTERM);
+        ASSERT_TRUE(died_of(restore.status(), SIGTERM));
+        const Ran get = kp({"get", "#"});
+        broken += get.err;
+        without_value += lines_of(kp({"list"}).out) - lines_of(get.out);
+    }
+
+    EXPECT_EQ(broken, "");
+    EXPECT_EQ(without_value, 0);
+}
 
 // bash goes on with the loop when a program handles SIGINT and then ends by itself.
 TEST(Ended, ByInterruptEndsTheShellsLoopToo)

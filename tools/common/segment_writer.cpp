@@ -3,6 +3,7 @@
 #include "common/clock.h"
 #include "common/fault_guard.h"
 #include "common/file_lock.h"
+#include "common/held_signals.h"
 #include "common/text.h"
 #include "kp.h"
 #include "layout/segment.h"
@@ -167,6 +168,8 @@ bool store_segment(TopicOpener &opener, const std::string &topic,
         const auto place = opener.make_place(topic, problem);
         if (!place)
             return false;
+        // Else a topic stays behind that is empty, or that nobody can read.
+        const HeldSignals held;
         const OpenFile file = open_or_make(*place);
         if (!file.fd) {
             problem = system_problem(escaped(topic), errno);

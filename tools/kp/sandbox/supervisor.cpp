@@ -1,6 +1,7 @@
 #include "sandbox/supervisor.h"
 
 #include "common/clock.h"
+#include "common/held_signals.h"
 #include "common/processes.h"
 #include "common/text.h"
 #include "running/problem.h"
@@ -24,14 +25,11 @@ namespace {
 constexpr uint64_t kGraceUs = 2 * kUsPerSecond;
 constexpr long kPauseNs = 20'000'000; // between two looks at what is left
 
-// All but those of crashes, which are this program's own, and of job control, which stop it
-// together with the command.
+// Those of job control stop it together with the command.
 sigset_t handed_on()
 {
-    sigset_t set;
-    (void)sigfillset(&set);
-    for (const int number :
-         {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS, SIGTSTP, SIGTTIN, SIGTTOU})
+    sigset_t set = all_but_crashes();
+    for (const int number : {SIGTSTP, SIGTTIN, SIGTTOU})
         (void)sigdelset(&set, number);
     return set;
 }
