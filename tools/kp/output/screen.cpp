@@ -1,6 +1,7 @@
 #include "output/screen.h"
 
 #include "common/text.h"
+#include "running/stop.h"
 
 #define NCURSES_NOMACROS
 #define NCURSES_WIDECHAR 1
@@ -38,7 +39,8 @@ attr_t attributes(Style style, bool colors)
 
 } // namespace
 
-Screen::Screen(bool colors) : screen_(newterm(nullptr, stdout, stdin))
+Screen::Screen(bool colors)
+    : screen_(output_.file() ? newterm(nullptr, output_.file(), stdin) : nullptr)
 {
     if (!screen_)
         return;
@@ -63,6 +65,8 @@ Screen::~Screen()
     (void)tcflow(STDOUT_FILENO, TCOON); // a terminal stopped by ^S would hold up the end
     (void)endwin();
     delscreen(static_cast<SCREEN *>(screen_));
+    if (stop_signal() != 0) // what endwin wrote did not arrive
+        rescue_.restore();
 }
 
 int Screen::rows() const

@@ -1,6 +1,7 @@
 // Uses the whole terminal through ncurses, and leaves it afterwards as it was.
 #pragma once
 
+#include "output/screen_output.h"
 #include "output/terminal_rescue.h"
 
 #include <string>
@@ -36,7 +37,8 @@ class Screen {
     explicit Screen(bool colors);
     Screen(const Screen &) = delete;
     Screen &operator=(const Screen &) = delete;
-    // Leaves the terminal as it was found; this also happens when the program crashes before.
+    // Leaves the terminal as it was found, also when the program crashes before, or a signal ends
+    // it.
     ~Screen();
 
     // False when the terminal cannot do it.
@@ -56,6 +58,7 @@ class Screen {
 
   private:
     TerminalRescue rescue_; // outlives the full-screen use
+    ScreenOutput output_;
     void *screen_;
     bool has_colors_ = false;
 };

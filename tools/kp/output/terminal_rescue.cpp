@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -56,12 +57,23 @@ void keep_farewell()
         (void)keep_string("clear");
 }
 
-// Calls nothing but what a handler may call.
+// Calls nothing but what a handler may call. What the terminal has not taken yet is thrown away, since
+// one that was stopped, or that nobody reads, would take the farewell never.
 void restore_terminal()
 {
-    (void)!write(STDOUT_FILENO, farewell.data(), farewell_size);
+    sigset_t stops;
+    sigset_t before;
+    (void)sigemptyset(&stops);
+    (void)sigaddset(&stops, SIGTTOU); // which would stop it in the background
+    (void)sigprocmask(SIG_BLOCK, &stops, &before);
+    (void)tcflow(STDOUT_FILENO, TCOON);
+    (void)tcflush(STDOUT_FILENO, TCOFLUSH);
+    pollfd room{STDOUT_FILENO, POLLOUT, 0};
+    if (poll(&room, 1, 0) == 1)
+        (void)!write(STDOUT_FILENO, farewell.data(), farewell_size);
     if (has_modes)
         (void)tcsetattr(STDOUT_FILENO, TCSANOW, &modes_before);
+    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 void die_restored(int number)
@@ -99,10 +111,15 @@ void TerminalRescue::arm()
     struct sigaction action {};
     action.sa_handler = die_restored;
     action.sa_flags = SA_ONSTACK;
-    (void)sigaddset(&action.sa_mask, SIGTTOU); // which would stop it in the background
     for (std::size_t index = 0; index < kCrashes.size(); ++index)
         (void)sigaction(kCrashes[index], &action, &actions_before[index]);
     is_armed_ = true;
+}
+
+void TerminalRescue::restore() const
+{
+    if (is_armed_)
+        restore_terminal();
 }
 
 TerminalRescue::~TerminalRescue()

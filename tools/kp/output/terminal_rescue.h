@@ -15,6 +15,8 @@ class TerminalRescue {
     // From now on a crash first restores the terminal, and then ends the program as always. To be
     // called once, when the terminal's kind is known.
     void arm();
+    // Restores the terminal now, whatever it has not taken yet.
+    void restore() const;
 
   private:
     bool is_armed_ = false;

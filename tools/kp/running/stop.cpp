@@ -17,6 +17,7 @@ namespace {
 
 volatile std::sig_atomic_t caught = 0; // written by the handler, which nothing else can be
 std::array<int, 2> wake_pipe = {-1, -1};
+void (*volatile at_stop)() = nullptr;
 
 // Signals by which people and the system end a program. They end this one, even if its caller has
 // set them to be ignored.
@@ -31,6 +32,8 @@ void remember(int number)
     const int keep = errno;
     caught = number;
     (void)!write(wake_pipe[1], "", 1);
+    if (at_stop)
+        at_stop();
     errno = keep;
 }
 
@@ -63,6 +66,13 @@ void catch_stop_signals()
         remember_unless_told_otherwise(number, action);
     for (int number = SIGRTMIN; number <= SIGRTMAX; ++number)
         remember_unless_told_otherwise(number, action);
+}
+
+void call_at_stop(void (*function)())
+{
+    at_stop = function;
+    if (function && stop_signal() != 0)
+        function();
 }
 
 int stop_signal()

@@ -9,6 +9,9 @@ namespace kp::tool {
 // it.
 void catch_stop_signals();
 
+// What the handler of these signals calls besides; null for nothing. Signals that came before count too.
+void call_at_stop(void (*function)());
+
 // The signal that asked for the end, or 0.
 int stop_signal();
 

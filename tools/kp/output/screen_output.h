@@ -1,0 +1,28 @@
+// Where ncurses writes to, so that a terminal that takes nothing cannot hold up the end.
+#pragma once
+
+#include <cstdio>
+
+namespace kp::tool {
+
+// A descriptor of its own for the terminal. ncurses goes on with a write that a signal interrupted, for
+// ever when nobody reads; so the signal that asks for the end makes the descriptor one that takes all
+// and shows nothing. One at a time.
+class ScreenOutput {
+  public:
+    ScreenOutput();
+    ScreenOutput(const ScreenOutput &) = delete;
+    ScreenOutput &operator=(const ScreenOutput &) = delete;
+    ~ScreenOutput();
+
+    // Null when there is no descriptor left.
+    std::FILE *file() const
+    {
+        return file_;
+    }
+
+  private:
+    std::FILE *file_ = nullptr;
+};
+
+} // namespace kp::tool
