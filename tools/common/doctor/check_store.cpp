@@ -40,6 +40,12 @@ struct Repeated {
     }
 };
 
+// A finding has its subject in front already.
+std::string text_behind(const std::string &name, const Problem &problem)
+{
+    return problem.text.substr(problem.text.starts_with(name + ": ") ? name.size() + 2 : 0);
+}
+
 // A topic as an argument of kp, which takes a leading minus sign for the start of an option.
 std::string argument(const std::string &topic)
 {
@@ -98,7 +104,7 @@ class StoreCheck {
             if (problem.code == kPermission)
                 unreadable_.add(name);
             if (problem.code == kInvalid)
-                add(Severity::error, "not-a-segment", name, problem.text,
+                add(Severity::error, "not-a-segment", name, text_behind(name, problem),
                     "kp rm " + argument(topic));
             return;
         }
@@ -149,7 +155,7 @@ class StoreCheck {
                     age_text(snapshot.last_write_ts, now_us()) + " ago); nobody can read it",
                 "kp set " + argument(topic) + " VALUE");
         if (snapshot.condition == Condition::corrupt)
-            add(Severity::error, "corrupt", name, value_problem(topic, snapshot).text,
+            add(Severity::error, "corrupt", name, text_behind(name, value_problem(topic, snapshot)),
                 "kp rm " + argument(topic));
         if (snapshot.reserved_in_use)
             add(Severity::warning, "foreign-layout", name,
