@@ -1,4 +1,4 @@
-// peers, gc and doctor: what the tool says of endpoints and topics in trouble.
+// peers, gc and doctor: what the tool says of endpoints and topics with a problem.
 #include "kp_run.h"
 
 #include "testing/child.h"

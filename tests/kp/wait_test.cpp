@@ -132,7 +132,7 @@ TEST(KpWait, SaysWhatKeepsItFromSeeingTheTopic)
     EXPECT_EQ(kp({"get", "stuck", "-t", "0.1"}).code, 4);
 }
 
-TEST(KpWait, TellsAtOnceOfTroubleWhenItWaitsForEver)
+TEST(KpWait, TellsAtOnceOfAProblemWhenItWaitsForEver)
 {
     put_double("a", 1);
     SegmentFile("a").put_u8(at::writing, 1);

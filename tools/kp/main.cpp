@@ -28,7 +28,7 @@ constexpr const char *kFooter =
     "Exit codes:\n"
     "  0  done                     3  no permission                 124    timeout\n"
     "  1  no match, or not true    4  invalid or corrupt segment    128+n  signal n\n"
-    "  2  usage                    5  a limit, or a peer in trouble\n"
+    "  2  usage                    5  a limit, or a peer does not answer\n"
     "\n"
     "See kp(1), or kp help COMMAND.";
 

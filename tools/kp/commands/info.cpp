@@ -116,7 +116,7 @@ void print_segment(const Row &row, const FormatOptions &format, const Users &use
     if (meaning.state)
         field("state", colored_by_state(state_text(meaning), meaning));
     if (snapshot.condition == Condition::busy || snapshot.condition == Condition::corrupt)
-        field("trouble", colored(value_problem(row.topic, snapshot).text, Color::red));
+        field("problem", colored(value_problem(row.topic, snapshot).text, Color::red));
     field("size", declared ? std::to_string(snapshot.size) + " of at most " +
                                  std::to_string(snapshot.max) + " bytes"
                            : "-");
