@@ -1,11 +1,11 @@
-// Finishing what must not be left half done, whatever signals come meanwhile.
+// Lets a piece of work end that must not be left half done, whatever signals come meanwhile.
 #pragma once
 
 #include <csignal>
 
 namespace kp::tool {
 
-// Every signal but those of crashes, which are this program's own.
+// Every signal but those of crashes, which concern the program itself.
 inline sigset_t all_but_crashes()
 {
     sigset_t set;
@@ -15,7 +15,8 @@ inline sigset_t all_but_crashes()
     return set;
 }
 
-// While it lives, signals to this thread wait. For moments only, since they have to be heard.
+// While it lives, signals to this thread wait. It lives for moments only, since they have to be
+// heard.
 class HeldSignals {
   public:
     HeldSignals()

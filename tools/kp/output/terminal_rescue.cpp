@@ -57,8 +57,8 @@ void keep_farewell()
         (void)keep_string("clear");
 }
 
-// Calls nothing but what a handler may call. What the terminal has not taken yet is thrown away, since
-// one that was stopped, or that nobody reads, would take the farewell never.
+// Calls nothing but what a handler may call. What the terminal has not taken yet is thrown away,
+// since one that was stopped, or that nobody reads, would never take the farewell.
 void restore_terminal()
 {
     sigset_t stops;

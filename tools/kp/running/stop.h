@@ -9,7 +9,8 @@ namespace kp::tool {
 // it.
 void catch_stop_signals();
 
-// What the handler of these signals calls besides; null for nothing. Signals that came before count too.
+// The handler of these signals calls the function too, or nothing when it is null. It is called now
+// when a signal came before.
 void call_at_stop(void (*function)());
 
 // The signal that asked for the end, or 0.
