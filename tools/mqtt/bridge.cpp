@@ -127,7 +127,7 @@ void Bridge::take_over(Configuration configuration, bool connects_anew, Clock::t
 {
     if (connects_anew)
         session_.leave();
-    // The parts point to rules until they have found those in their place.
+    // The parts still point to the old rules until they have found the new ones.
     const Configuration before = std::exchange(configuration_, std::move(configuration));
     topics_.reload(before, now);
     publications_.reload();
@@ -163,8 +163,8 @@ int Bridge::poll_timeout(Clock::time_point now) const
     return static_cast<int>(std::clamp<int64_t>(left, 0, kTick.count()));
 }
 
-// While nothing can be sent no mark wakes this thread, so that a writer shares its processor with
-// the receive thread alone; what is marked is looked at once a second then.
+// While nothing can be sent, marks do not wake this thread, so that a writer shares its processor
+// with the receive thread alone. The thread then looks at the marks once a second.
 bool Bridge::wait(int signal_fd)
 {
     const pollfd signals{signal_fd, POLLIN, 0};

@@ -47,7 +47,7 @@ void let_writers_go_first()
         log(Level::debug, std::string("writers are not let go first: ") + std::strerror(errno));
 }
 
-// Taking over the name of a live endpoint would cut it off unseen.
+// A bridge that takes the name of a live endpoint would cut that one off, and nobody would notice.
 bool is_endpoint_taken(const std::string &name)
 {
     sockaddr_un address{};
@@ -59,8 +59,8 @@ bool is_endpoint_taken(const std::string &name)
     return result == 0 || errno == EAGAIN;
 }
 
-// When an earlier run was last alive, in microseconds since the epoch: it left the state file
-// behind, or when it was killed its heartbeat.
+// When an earlier run was last alive, in microseconds since the epoch. The state file tells, or, if
+// that run was killed, its heartbeat.
 uint64_t last_alive(const Configuration &configuration, const StateFile &state)
 {
     Sample heartbeat;
@@ -69,7 +69,7 @@ uint64_t last_alive(const Configuration &configuration, const StateFile &state)
     return std::max(state.last_used(), was_left ? heartbeat.ts : 0);
 }
 
-// How a bridge has ended, and the configuration that wants another in its place.
+// How a bridge has ended, and the configuration for the next one, if another must take its place.
 struct Ended {
     int status;
     std::optional<Configuration> successor;
@@ -103,7 +103,7 @@ Ended run_one(const Configuration &configuration, const Signals &signals, const 
     return {0, std::move(successor)};
 }
 
-// A configuration with which no bridge starts gives way to the one before.
+// If no bridge can start with the new configuration the one before is used again.
 int run(Configuration configuration, const Load &load)
 {
     const Signals signals = Signals::take();

@@ -153,7 +153,8 @@ void BrokerLink::serve(short ready)
         close(end_text(result));
 }
 
-// A broker that takes only smaller packets than the first says nothing but goes.
+// A broker that takes only packets smaller than the first one closes the connection without a
+// reason.
 std::string BrokerLink::end_text(int error) const
 {
     const bool is_reset = error == MOSQ_ERR_ERRNO && (errno == ECONNRESET || errno == EPIPE);

@@ -182,8 +182,8 @@ std::string BrokerSession::address() const
     return configuration_.broker.host + ":" + std::to_string(configuration_.broker.port);
 }
 
-// A broker refuses a will that it cannot carry instead of taking it as it can. Says whether the
-// next attempt asks for less.
+// A broker refuses a will that asks for more than it can do. Says whether the next attempt asks for
+// less.
 bool BrokerSession::asked_too_much(int refusal)
 {
     if (refusal == kQosNotSupported && state_qos_ > 0) {
@@ -216,7 +216,7 @@ void BrokerSession::connected()
     phase_ends_ = Clock::now() + kAnswerTime;
 }
 
-// With the same quality of service as the tree is read, so that their order stays.
+// Uses the quality of service with which the tree is read, so that the messages stay in order.
 void BrokerSession::ask_for_state()
 {
     int id = 0;
@@ -244,8 +244,8 @@ void BrokerSession::ask_for_witness()
     subscribing_[id] = kept->topic;
 }
 
-// A shared tree is read at QoS 0, for which brokers have no limit of what may wait: one that keeps
-// back some of it would make tags go that are there.
+// A shared tree is read at QoS 0, for which brokers do not limit how much may wait. If a broker
+// kept back some of the tree the bridge would remove tags that still exist.
 void BrokerSession::subscribe_all()
 {
     reads_tree_ = false;
@@ -259,8 +259,8 @@ void BrokerSession::subscribe_all()
     }
 }
 
-// The states of senders, of which a filter may take the own one too: it is not to come before what
-// tells what the broker has kept.
+// Subscribes to the states of senders. Such a filter may take the bridge's own state, too, which
+// must not come before the messages that tell what the broker has kept.
 void BrokerSession::subscribe_at_last()
 {
     for (const Subscription &subscription : asked_for_)
@@ -406,7 +406,7 @@ void BrokerSession::closed(const std::string &why, int refusal)
     refusal_ = refusal;
 }
 
-// What waits is sent by the next start.
+// What still waits is sent after the next start.
 void BrokerSession::leave()
 {
     if (phase_ != Phase::online)

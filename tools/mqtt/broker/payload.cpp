@@ -82,7 +82,7 @@ void take_quality(Description &description, std::string_view text)
         description.problem = "its quality is no number from 0 to 254";
 }
 
-// Some JSON writers give every number a fraction. Beyond this bound a fraction tells no whole
+// Some JSON writers give every number a fraction. Beyond this bound a double cannot tell whole
 // numbers apart.
 std::string integer_text(const json &value)
 {

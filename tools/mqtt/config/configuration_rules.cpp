@@ -1,6 +1,6 @@
-// What can be wrong between rules that are each good. A loop needs an in rule that brings back what
-// an out rule sends, on the broker's side or through the tags; such a pair is refused, except where
-// the in rule says that the tree is shared, and then the guards at run time stop the loop.
+// What can be wrong between rules of which each is good by itself. In a loop, an in rule brings
+// back what an out rule sends, on the broker's side or through the tags. Such a pair is refused,
+// unless the in rule says that the tree is shared; then the checks at run time stop the loop.
 #include "common/pattern.h"
 #include "config/configuration.h"
 #include "names/topic_names.h"
@@ -41,8 +41,8 @@ std::string written_pattern(const std::string &prefix, const tool::Levels &level
 }
 
 // Every topic that a rule can send is covered by one of these filters. Wildcards stay; a prefix and
-// plain levels are escaped as the topics are. The tag a/_ is sent as a, so a/+ sends the topic a
-// too.
+// plain levels are escaped as the topics are. The tag `a/_` is sent as `a`, so `a/+` sends the
+// topic `a`, too.
 Names sent_filters(const OutRule &rule)
 {
     tool::Levels levels = tool::split_levels(rule.pattern);
@@ -57,8 +57,8 @@ Names sent_filters(const OutRule &rule)
     return filters;
 }
 
-// Every tag that a rule can write is covered by one of these patterns. The filter a/# takes the
-// topic a too, which the pattern does not, and any value can find its place at the level "_".
+// Every tag that a rule can write is covered by one of these patterns. The filter `a/#` takes the
+// topic `a`, too, which the pattern does not, and any value may be stored at the level "_".
 Names written_patterns(const InRule &rule)
 {
     tool::Levels levels = tool::split_levels(rule.filter, tool::Dialect::mqtt);
@@ -69,7 +69,7 @@ Names written_patterns(const InRule &rule)
     return levels.empty() ? Names{whole} : Names{whole, written_pattern(rule.tags, levels)};
 }
 
-// A topic that the first sends and the second receives, as a filter, or null.
+// Gives a filter of topics that the first rule sends and the second receives, or null.
 const std::string *meeting_at_the_broker(const Names &sent, const std::string &received)
 {
     const auto found = std::find_if(sent.begin(), sent.end(), [&received](const auto &filter) {
@@ -79,7 +79,7 @@ const std::string *meeting_at_the_broker(const Names &sent, const std::string &r
     return found == sent.end() ? nullptr : &*found;
 }
 
-// A pattern of what is written that the out rule takes, or null.
+// Gives a pattern of written tags that the out rule takes, or null.
 const std::string *meeting_in_the_tags(const OutRule &out, const Names &written)
 {
     const auto is_sent = [&out](const std::string &pattern) {

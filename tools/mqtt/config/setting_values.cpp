@@ -74,8 +74,9 @@ tool::Result<std::string> endpoint_name(const std::string &text)
     return name_part(text);
 }
 
-// Brokers take a filter that starts so for one that several clients share the messages of. Their
-// topics do not start so, and the bridge's own messages could not be kept from it.
+// To a broker a filter that starts like this means that several clients share its messages. The
+// topics of these messages do not start so, and the bridge could not tell its own messages from
+// others.
 tool::Result<std::string> in_prefix(const std::string &text)
 {
     if (text == "$share" || text.starts_with("$share/"))

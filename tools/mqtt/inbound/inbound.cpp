@@ -192,7 +192,7 @@ void Inbound::take_shared(Rule &rule, const std::string &name, const Message &me
     write(rule, name, message, outcome, current, std::move(request));
 }
 
-// A tag that others provide lives on without the bridge, and the broker is to have its value again.
+// A tag that others provide stays without the bridge, and the broker has to get its value again.
 void Inbound::lose(Rule &rule, const std::string &name, const std::string &tag,
                    const Sample &current)
 {
@@ -227,7 +227,7 @@ Inbound::Rule *Inbound::rule_for(const std::string &topic)
     return settings ? &rules_[static_cast<size_t>(settings - configuration_.in.data())] : nullptr;
 }
 
-// Whatever the boot: what the broker kept from before a restart is an echo too.
+// The boot does not count: what the broker has kept from before a restart is an echo, too.
 bool Inbound::is_own(const Message &message) const
 {
     const std::string origin = property_of(message.properties, property::kOrigin);

@@ -64,7 +64,7 @@ void Publications::remind(OutTopic &topic)
     reminders_.emplace(*topic.gate.sent_at() + interval, topic.mqtt);
 }
 
-// What was sent meanwhile gets a later one.
+// A message that is sent meanwhile gets a later number.
 void Publications::take_reminders(Clock::time_point now)
 {
     while (!reminders_.empty() && reminders_.begin()->first <= now) {
@@ -96,7 +96,7 @@ void Publications::connection_lost(Clock::time_point now)
     for (const auto &[id, publication] : std::exchange(unacknowledged_, {}))
         mark_again(publication.topic, publication.since);
     shared_.connection_lost();
-    // What went at QoS 0 since the broker was last surely alive may not have arrived.
+    // Messages at QoS 0 that were sent since the broker's last sign of life may not have arrived.
     const auto doubtful = now - std::chrono::seconds(2 * configuration_.broker.keep_alive_s);
     for (const auto &[tag, topic] : topics_.all())
         if (topic->rule->qos == 0 && topic->gate.sent_at() > doubtful)
@@ -156,7 +156,7 @@ void Publications::take_what_is_due(Clock::time_point now)
 std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock::time_point since,
                                                          Clock::time_point now)
 {
-    // The value follows once the broker has taken the clearing of what was retained.
+    // The value follows when the broker has acknowledged that the retained one is cleared.
     if (!topic.rule->retain && state_.has(topic.mqtt))
         return is_clearing(topic.mqtt) ? std::nullopt : clearing(topic.mqtt);
     Sample sample;
@@ -185,7 +185,7 @@ std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock:
     return publication_of(topic, sample);
 }
 
-// Whether the value came from the broker, and need not go there.
+// Says whether the value came from the broker, so that it need not be sent there.
 bool Publications::is_held(OutTopic &topic, const Sample &sample, Clock::time_point since,
                            Clock::time_point now)
 {

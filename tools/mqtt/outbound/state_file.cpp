@@ -109,7 +109,7 @@ bool StateFile::apply(char sign, const std::string &topic)
            was_taken != (sign == kTaken);
 }
 
-// Written beside and renamed, so that a crash leaves the old file or the new one.
+// The new file is written beside the old one and renamed, so that a crash leaves one of the two.
 std::string StateFile::rewrite()
 {
     std::string text;
@@ -159,7 +159,8 @@ void StateFile::append(char sign, const std::string &topic)
     if (path_.empty())
         return;
     ++lines_;
-    // After a failure the last line may be there in part, which a new one would join.
+    // After a failure only a part of the last line may be there, and a new line would be joined to
+    // it.
     const bool stale =
         failed_ || (lines_ > kFewLines && lines_ > 2 * (topics_.size() + taken_.size()));
     std::string problem = stale ? rewrite() : std::string();

@@ -11,9 +11,9 @@ namespace kp::mqtt {
 
 namespace {
 
-// Whether the value stands although its providers have left, which takes that there were some: a
-// topic that an instant write made looks the same, and its value is good. One that goes on getting
-// instant writes is alive.
+// Says whether the value is still there although its providers have left. There must have been
+// some: a topic that an instant write made looks the same, and its value is good. A topic that
+// still gets instant writes is alive.
 bool providers_have_left(const Sample &now, const Sample &before, bool had_left)
 {
     if (now.providers > 0 || now.file != before.file)
@@ -68,7 +68,8 @@ void TopicTable::look_at(const std::string &tag, Clock::time_point now)
     (void)refresh(*topic, now);
 }
 
-// Null when another tag stands for the same MQTT topic, as a for a/_ until a scan has seen one go.
+// Null when another tag has the same MQTT topic, as `a` and `a/_` have until a scan finds that one
+// of them is gone.
 OutTopic *TopicTable::add(const std::string &tag, const OutRule &rule)
 {
     std::string mqtt = to_mqtt_topic(rule.prefix, tag);

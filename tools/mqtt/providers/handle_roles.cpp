@@ -39,8 +39,8 @@ void HandleRoles::learn(ino_t file, const HandleCounts &counted, const std::vect
     conclude();
 }
 
-// Takes the holders over, with the roles of those who have as many handles as before. Returns the
-// handles of the others.
+// Remembers the holders, and keeps the roles of those that have as many handles as before. Returns
+// the handles of the others.
 HandleRoles::Tally HandleRoles::exchange_holders(const std::vector<Holder> &open)
 {
     std::vector<Known> before = std::exchange(open_, {});
@@ -56,7 +56,7 @@ HandleRoles::Tally HandleRoles::exchange_holders(const std::vector<Holder> &open
     return left;
 }
 
-// Where all handles of one role are accounted for, the rest has the other.
+// If all handles of one role are known, the others have the other role.
 void HandleRoles::conclude()
 {
     const Tally open = tally();
@@ -89,7 +89,7 @@ HandleRoles::Tally HandleRoles::tally() const
     return open;
 }
 
-// Handles that are counted and that nobody has.
+// The handles that are counted although no process has them.
 int64_t HandleRoles::missing() const
 {
     return int64_t{counted_.providers} + counted_.consumers - tally().sum();

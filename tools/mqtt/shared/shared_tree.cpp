@@ -8,8 +8,8 @@ namespace kp::mqtt {
 
 namespace {
 
-// An own message that has not come back for so long never will, since who may write a topic need
-// not be one who may read it.
+// An own message that has not come back after this time never will: the broker may let somebody
+// write a topic who may not read it.
 constexpr milliseconds kLost{30'000};
 
 } // namespace

@@ -33,7 +33,7 @@ LocalWriter::~LocalWriter()
     (void)kp_destroy(handle_);
 }
 
-// A notice that comes before the user data stands is caught up by the first scan.
+// If a notice comes before the user data is set, the first scan finds what it was about.
 int LocalWriter::changed(kp_t *, const kp_write_info *notice, void *self)
 {
     if (self)
@@ -88,7 +88,7 @@ bool LocalWriter::is_dropping(const std::string &tag) const
     return dropping_.contains(tag);
 }
 
-// The requests have the names that topics give, of which the tag may be the value's place.
+// Requests go by the name that a topic gives; the tag that has the value may be called `NAME/_`.
 bool LocalWriter::is_busy_with(const std::string &tag) const
 {
     std::string name = tag;
@@ -208,9 +208,10 @@ void LocalWriter::write(const std::string &name, const WriteRequest &request)
 {
     const auto moving = make_room(name);
     const bool done = write_in_place(name, request);
-    // Wherever it fits now: beside the new tag, or where it was when that could not be made.
+    // It goes where it fits now: beside the new tag, or to its old place if that one was not made.
     const bool moved = moving && write_in_place(moving->name, moving->request);
-    // In a shared tree the topic may be cleared with the tag that went, and needs its value again.
+    // In a shared tree the topic may have been cleared with the old tag, and must get its value
+    // again.
     if (moved)
         forget(reader_.standing_for(moving->name));
     if (done)
@@ -219,8 +220,8 @@ void LocalWriter::write(const std::string &name, const WriteRequest &request)
         ++counters_.refused;
 }
 
-// Takes a tag with a value out of the way of one below its name: only a tag that the bridge alone
-// has open, since others would go on with a file that is gone.
+// Removes a tag with a value whose name is the directory of another tag. It must be a tag that the
+// bridge alone has open, since others would go on with a file that is gone.
 std::optional<LocalWriter::Moving> LocalWriter::make_room(const std::string &name)
 {
     if (tool::place_of(name) != tool::Place::below_a_topic)

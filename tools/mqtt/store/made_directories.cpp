@@ -17,7 +17,7 @@ void MadeDirectories::note(const std::string &tag)
     }
 }
 
-// False when it stays, and so do those above it.
+// False when the directory stays, so that those above it stay, too.
 bool MadeDirectories::remove(const std::string &directory)
 {
     tool::TopicOpener opener;
@@ -37,7 +37,7 @@ void MadeDirectories::remove_of(const std::string &tag)
     }
 }
 
-// What lies deeper comes behind in the order of names.
+// In the order of names a deeper directory comes after those above it.
 void MadeDirectories::remove_all()
 {
     for (auto directory = made_.rbegin(); directory != made_.rend(); ++directory)

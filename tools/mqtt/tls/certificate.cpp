@@ -48,7 +48,7 @@ std::string holder_text(const GENERAL_NAME *name)
     return tool::escaped({text, static_cast<size_t>(ASN1_STRING_length(name->d.dNSName))});
 }
 
-// Nobody can be asked for a password, so the one of a file that wants one is empty.
+// Nobody can be asked for a password, so a file that wants one gets an empty one.
 int note_encryption(char *, int, int, void *is_encrypted)
 {
     *static_cast<bool *>(is_encrypted) = true;
