@@ -22,7 +22,7 @@ std::optional<std::string> topic_of(const DictionaryEntry &entry);
 class Dictionary {
   public:
     Dictionary();
-    // The files in the order in which later ones override.
+    // A later file of the list wins over an earlier one.
     explicit Dictionary(std::vector<std::shared_ptr<const DictionaryFile>> files);
     Dictionary(const Dictionary &) = delete;
     Dictionary &operator=(const Dictionary &) = delete;
@@ -31,7 +31,7 @@ class Dictionary {
     // Says whether there is no entry at all, which is how a device without a dictionary looks.
     bool is_empty() const;
 
-    // What is known of a topic. Valid as long as the dictionary.
+    // Gives what is known of a topic. The facts are valid as long as the dictionary.
     Facts facts_of(std::string_view topic) const;
 
     // Calls `visit` with each entry of each file, in the order of the files.

@@ -22,8 +22,8 @@ struct DictionaryEntry {
     std::optional<Fact<ValueNames>> names;
 };
 
-// What is wrong at one place of a file. The entry, or the one fact in it, is left out; the rest
-// holds.
+// What is wrong at one place of a file. The entry, or only the one fact in it, is left out; the
+// rest of the file counts.
 struct DictionaryProblem {
     FilePlace place;
     std::string text; // whole words, safe to show
@@ -35,7 +35,7 @@ struct DictionaryFile {
     std::vector<DictionaryProblem> problems; // in the order of the file
 };
 
-// Reads a file's text. `name` is what places in it are called.
+// Reads a file's text. Messages call the file `name`.
 DictionaryFile parse_dictionary_file(std::string_view text, const std::string &name);
 
 } // namespace kp::tool

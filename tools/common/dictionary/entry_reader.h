@@ -8,12 +8,12 @@
 
 namespace kp::tool {
 
-// What is told of a mistake, cut where a file would make it a page.
+// The text of a mistake, which is cut if the file would make it very long.
 std::string problem_text(const std::string &text);
 
 class EntryReader {
   public:
-    // `file` is what places are called; the list outlives the reader.
+    // Messages call the file `file`. The list must outlive the reader.
     EntryReader(std::shared_ptr<const std::string> file, std::vector<DictionaryProblem> &problems)
         : file_(std::move(file)), problems_(problems)
     {

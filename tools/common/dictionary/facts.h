@@ -30,7 +30,8 @@ struct ValueRange {
     double most = 0;
 };
 
-// Values at or beyond which somebody should look. Each is optional; in this order they do not fall.
+// If a value reaches one of these limits, somebody should look. Each limit is optional. In this
+// order, none is smaller than the one before.
 struct ValueLimits {
     std::optional<double> lowlow;
     std::optional<double> low;
@@ -73,13 +74,13 @@ const std::string *name_of(const Facts &facts, uint32_t type, std::string_view b
 // The value that a name stands for, as text that the type takes; nothing for another text.
 std::optional<std::string> named_value(const Facts &facts, std::string_view name);
 
-// How the value of a topic stands to what is known of it, the gravest first.
+// The state of a topic's value, judged by what is known of the topic. The worst state comes first.
 enum class ValueState { bad_quality, stale, lowlow, highhigh, low, high, ok };
 
 // "ok", "low", "highhigh", "stale", "bad quality", …
 const char *state_name(ValueState state);
 
-// What a state is found from. The times are microseconds of the wall clock since the Unix epoch.
+// What state_of() judges. The times are microseconds of the wall clock since the Unix epoch.
 struct StateInput {
     uint32_t type;
     std::string_view bytes; // of the value, empty when there is none

@@ -18,7 +18,7 @@ struct DictionaryPlace {
 
 DictionaryPlace dictionary_place(const std::string &option);
 
-// One thread uses an object of this class; the dictionary that it hands out is anybody's.
+// Only one thread may use an object of this class; any thread may use the dictionary that it gives.
 class LiveDictionary {
   public:
     explicit LiveDictionary(DictionaryPlace place);

@@ -8,7 +8,7 @@
 
 namespace kp::tool {
 
-// What is known of a topic, and how its value stands to it. Valid as long as the dictionary.
+// What is known of a topic, and its value's state by that. Valid as long as the dictionary.
 struct Meaning {
     Facts facts;
     std::optional<ValueState> state;   // of the value of a topic that the dictionary knows
