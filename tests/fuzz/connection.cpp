@@ -136,7 +136,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     std::fill_n(endpoint->server_fds, kp::kSlotCount, kp::kFreeSlot);
     endpoint->callback = take_message;
     endpoint->receive_thread = pthread_self();
-    check(kp::make_pipe(endpoint->cancel_fds) && kp::make_pipe(endpoint->new_server_fds), "pipes");
+    check(kp::own_pipe(endpoint->cancel_fds) && kp::own_pipe(endpoint->new_server_fds), "pipes");
     return 0;
 }
 
