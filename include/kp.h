@@ -205,13 +205,13 @@ typedef void (*kplist_print_t)(const void *element);
  * and rely on no tag being destroyed meanwhile.
  *
  * After fork() the handle stays the parent's, and the child's copy knows that: its descriptors are
- * closed, so that nobody takes the child for the parent. The child can read and write values through
- * the tags; kp_tag_notify() and announcements reach nobody and give 0; no notice arrives.
+ * closed, so that nobody takes the child for the parent. The child can read and write values
+ * through the tags; kp_tag_notify() and announcements reach nobody and give 0; no notice arrives.
  * kp_tags_destroy() and kp_destroy() free memory and leave the counts, the file and the socket to
  * the parent. For anything else, new tags of its own too, the child makes a handle of its own. So a
  * program that turns itself into a daemon makes its handle, and its tags, behind that. A child of
- * vfork(), posix_spawn() or a bare system call must not use the handle; what it executes inherits no
- * descriptor. When the callback forks and returns in the child, the child's thread ends.
+ * vfork(), posix_spawn() or a bare system call must not use the handle; what it executes inherits
+ * no descriptor. When the callback forks and returns in the child, the child's thread ends.
  * @{
  */
 
@@ -226,8 +226,8 @@ typedef void (*kplist_print_t)(const void *element);
  *
  * Reads `KP_XLOG_USER_LEVEL` and sets the process's log level when the variable is set. Waits 10 ms
  * for peers that start at the same moment, about 3 s for every dead socket file that it finds,
- * which it removes, as long for one that it may not connect to, which it leaves, and about 6 s for a
- * stopped peer that takes no more connections. Peers that appear later are connected in the
+ * which it removes, as long for one that it may not connect to, which it leaves, and about 6 s for
+ * a stopped peer that takes no more connections. Peers that appear later are connected in the
  * background, as soon as they answer.
  *
  * Others need a moment to connect to a new handle: what is announced or notified before that does
@@ -245,8 +245,8 @@ KP_API kp_t *kp_new(const char *name, kp_callback_t callback);
  *
  * The handle's tags stay open; call kp_tags_destroy() first. A handle with a pattern can still make
  * a tag of a topic that is announced between the two calls; its count then stays for ever, beyond
- * the process's end, and with it the topic's file. Unsubscribe from the patterns first. Must not be called from the change callback. Returns 0, or -1 for a null
- * handle.
+ * the process's end, and with it the topic's file. Unsubscribe from the patterns first. Must not be
+ * called from the change callback. Returns 0, or -1 for a null handle.
  */
 KP_API int32_t kp_destroy(kp_t *handle);
 
@@ -361,18 +361,18 @@ KP_API void kp_dump_dict(kp_t *handle);
  * another thread uses it; destroying it twice or through another handle is not detected. Provider
  * tags of one handle are created by one thread at a time.
  *
- * A topic is a relative path: levels of 1 to 255 bytes separated by "/". A level ".." is refused with
- * "topic is invalid", and so is a path through a link among the store's directories that is neither
- * root's nor the effective user's. A topic cannot be both a value and the beginning of another one: a
- * and a/b exclude each other.
+ * A topic is a relative path: levels of 1 to 255 bytes separated by "/". A level ".." is refused
+ * with "topic is invalid", and so is a path through a link among the store's directories that is
+ * neither root's nor the effective user's. A topic cannot be both a value and the beginning of
+ * another one: a and a/b exclude each other.
  *
  * Empty levels vanish from the file's path, and from a topic that is matched against a pattern, but
  * not from the name: a//b and a/b are one value with two names, whose hashes differ. A consumer of
  * one never hears of writes by a provider of the other. Spell a topic the same everywhere, without
  * empty levels.
  *
- * The two counts of open tags hold 255 of a role; the 256th makes a count 0. If then the last tag of
- * the other role is closed, the file is removed under all that are open, and who opens the topic
+ * The two counts of open tags hold 255 of a role; the 256th makes a count 0. If then the last tag
+ * of the other role is closed, the file is removed under all that are open, and who opens the topic
  * afterwards gets a new one: a split topic. Keep well below that number.
  * @{
  */
@@ -510,9 +510,9 @@ KP_API int32_t kp_tag_read_with_source_params(kp_tag_t *tag, void *buffer, uint3
  * fail"; the topic is not marked as seen then, and what `buffer` holds means nothing. Relies on one
  * writer at a time and on timestamps that don't fall; see docs/reliability.md for what remains.
  *
- * A writer that is stopped right after it has stored its timestamp leaves the value before beside it,
- * and a read then gives that value with the new timestamp. The write is not missed by it: as soon as
- * it goes on, kp_tag_has_read() says 0 again.
+ * A writer that is stopped right after it has stored its timestamp leaves the value before beside
+ * it, and a read then gives that value with the new timestamp. The write is not missed by it: as
+ * soon as it goes on, kp_tag_has_read() says 0 again.
  */
 KP_API int32_t kp_tag_read_consistent(kp_tag_t *tag, void *buffer, uint32_t buffer_size,
                                       uint32_t *quality, uint64_t *timestamp, uint64_t *source_ts);
@@ -559,9 +559,9 @@ KP_API int32_t kp_tag_get_reference_count(const char *topic, uint32_t *providers
 /**
  * Returns 1 when this tag has seen the last write, else 0; 1 for a null tag. A write counts as seen
  * when its timestamp is not later than that of the one last seen. So after the wall clock was set
- * back, or after a timestamp of the caller's own that lies ahead, new writes count as seen until the
- * clock has caught up, and the walk of a notice passes over them: kp_tag_has_changed() tells them, and
- * reading the tag once makes the next write count as new again.
+ * back, or after a timestamp of the caller's own that lies ahead, new writes count as seen until
+ * the clock has caught up, and the walk of a notice passes over them: kp_tag_has_changed() tells
+ * them, and reading the tag once makes the next write count as new again.
  */
 KP_API int32_t kp_tag_has_read(kp_tag_t *tag);
 
@@ -570,10 +570,10 @@ KP_API int32_t kp_tag_need_read(kp_tag_t *tag);
 
 /**
  * Returns 1 when the timestamp of the last write is another one than that of this tag's own last
- * read or write, earlier or later, else 0; 0 for a null tag. Whatever the clock did meanwhile, a new
- * write is told, unless it carries the very timestamp of the one before. A tag that has neither read
- * nor written tells 1 for any topic that was there before it, also when it was never written: read
- * it once.
+ * read or write, earlier or later, else 0; 0 for a null tag. Whatever the clock did meanwhile, a
+ * new write is told, unless it carries the very timestamp of the one before. A tag that has neither
+ * read nor written tells 1 for any topic that was there before it, also when it was never written:
+ * read it once.
  */
 KP_API int32_t kp_tag_has_changed(kp_tag_t *tag);
 

@@ -1,5 +1,6 @@
-// What the dictionary costs in processor time: reading a file of 10,000 entries, beside what the parser
-// of TOML alone takes for it, and looking up a topic. Both are taken in turn, the least of twenty.
+// What the dictionary costs in processor time: reading a file of 10,000 entries, beside what the
+// parser of TOML alone takes for it, and looking up a topic. Both are taken in turn, the least of
+// twenty.
 #include "common/dictionary/dictionary.h"
 #include "common/toml_text.h"
 

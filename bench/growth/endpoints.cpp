@@ -58,8 +58,8 @@ unsigned accepted_connections()
     return count;
 }
 
-// Nothing when they never are: two that find each other twice take two of the 31 places for peers, so
-// that others find none.
+// Nothing when they never are: two that find each other twice take two of the 31 places for peers,
+// so that others find none.
 std::optional<double> time_until_connected_ms(unsigned endpoints)
 {
     const auto board = make_shared_memory<Board>();

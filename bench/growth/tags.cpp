@@ -76,8 +76,8 @@ struct Tags {
     double memory_bytes;
 };
 
-// The tags of one size serve all its benchmarks, which follow one another. None are there before the
-// first and after the last, for the benchmarks of the store as a whole.
+// The tags of one size serve all its benchmarks, which follow one another. None are there before
+// the first and after the last, for the benchmarks of the store as a whole.
 std::unique_ptr<Tags> current_tags;
 
 Tags &tags_of(int64_t count)

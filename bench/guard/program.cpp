@@ -1,7 +1,7 @@
 // Repeats one operation so often as asked, for counting its instructions: `write`, `read`, `notify`
 // (with no peer), `deliver` (one notice from a peer to the callback), and the calls in C that
-// `typed_write` and `typed_read` make in C++. The difference of two runs with different counts holds
-// nothing but the operation.
+// `typed_write` and `typed_read` make in C++. The difference of two runs with different counts
+// holds nothing but the operation.
 #include "kp.hpp"
 
 #include <atomic>
@@ -32,7 +32,8 @@ void check(bool condition, const char *what)
 }
 
 // A peer that speaks the protocol and nothing else: it listens, tells its parent so, once the
-// parent is ready, sends a notice and waits until it was taken. Runs under no valgrind, since it is started anew.
+// parent is ready, sends a notice and waits until it was taken. Runs under no valgrind, since it is
+// started anew.
 int run_peer(int count)
 {
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -121,8 +122,8 @@ void repeat(const std::string &operation, int count)
     (void)kp_destroy(handle);
 }
 
-// A number through the functions of C and through the header for C++. Whoever calls them looks at the
-// result, so both do here.
+// A number through the functions of C and through the header for C++. Whoever calls them looks at
+// the result, so both do here.
 void repeat_number(const std::string &operation, int count)
 {
     kp::Node node{"guard"};

@@ -1,5 +1,5 @@
-// What a receiving process costs: the time to open and close it, alone and beside 30 others, and its
-// private memory and threads.
+// What a receiving process costs: the time to open and close it, alone and beside 30 others, and
+// its private memory and threads.
 #include "notices/measure.h"
 
 #include "support/clock.h"

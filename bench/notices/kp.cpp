@@ -1,5 +1,5 @@
-// The library: a write and a notice, and in the callback the walk and the read. Beside it the same in
-// a loop of the application's own, which waits for the handle's descriptor, in C and in C++.
+// The library: a write and a notice, and in the callback the walk and the read. Beside it the same
+// in a loop of the application's own, which waits for the handle's descriptor, in C and in C++.
 #include "notices/channel.h"
 
 #include "kp.hpp"

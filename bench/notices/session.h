@@ -1,5 +1,5 @@
-// One sender and a number of receivers, each a process, that hold the limit and a contestant side by
-// side. An exchange tells all receivers of one value and waits until each has taken it.
+// One sender and a number of receivers, each a process, that hold the limit and a contestant side
+// by side. An exchange tells all receivers of one value and waits until each has taken it.
 #pragma once
 
 #include "notices/channel.h"

@@ -1,6 +1,6 @@
 // The limit: a connected Unix stream socket to each receiver, a change notice of 129 bytes on it,
-// epoll_wait() and either one recv() on the other side, or two as the library's format asks for: the
-// type byte first, then what that type brings.
+// epoll_wait() and either one recv() on the other side, or two as the library's format asks for:
+// the type byte first, then what that type brings.
 #pragma once
 
 #include "notices/channel.h"

@@ -1,5 +1,5 @@
-// The clocks of the benchmarks. All processes of a run share one machine, so that a stamp taken in one
-// process can be subtracted from a stamp taken in another.
+// The clocks of the benchmarks. All processes of a run share one machine, so that a stamp taken in
+// one process can be subtracted from a stamp taken in another.
 #pragma once
 
 #include <cstdint>

@@ -15,8 +15,8 @@ inline constexpr std::array<Placement, 3> kPlacements{Placement::one_cpu, Placem
 
 std::string_view name_of(Placement placement);
 
-// Binds the calling thread, and what it starts later, to its side's processor. A broker, which stands
-// between the sides, is bound only where both share one processor.
+// Binds the calling thread, and what it starts later, to its side's processor. A broker, which
+// stands between the sides, is bound only where both share one processor.
 void take_place(Placement placement, Side side);
 
 } // namespace bench

@@ -1,6 +1,7 @@
 // Counts torn values, and looks that give no value, of the tools' reader of segments: one process
-// writes a topic in the steps of the library, with values of any size, and this one looks at it through
-// a mapping and through a descriptor. Measures also what a look costs at a topic that nobody writes.
+// writes a topic in the steps of the library, with values of any size, and this one looks at it
+// through a mapping and through a descriptor. Measures also what a look costs at a topic that
+// nobody writes.
 #include "common/fault_guard.h"
 #include "common/segment_reader.h"
 #include "kp.h"
@@ -94,7 +95,8 @@ Counts look_at_it(const SegmentReader &reader, int looks)
     return counts;
 }
 
-// The least time of a look over several rounds, so that what else runs on the machine does not count.
+// The least time of a look over several rounds, so that what else runs on the machine does not
+// count.
 double idle_cost(const SegmentReader &reader)
 {
     constexpr int looks = 2000;

@@ -1,8 +1,8 @@
-// Counts torn, failed and stale reads of one topic: one process writes it, others read it as fast as
-// they can, with the plain and the consistent read. Every write fills its value with its own number,
-// which is its source timestamp as well, so that a reader can tell whether all of it belongs
-// together. Measures first what a read costs on a topic that nobody writes. With --disturb the writer
-// is stopped and killed all the time, and started again after a kill.
+// Counts torn, failed and stale reads of one topic: one process writes it, others read it as fast
+// as they can, with the plain and the consistent read. Every write fills its value with its own
+// number, which is its source timestamp as well, so that a reader can tell whether all of it
+// belongs together. Measures first what a read costs on a topic that nobody writes. With --disturb
+// the writer is stopped and killed all the time, and started again after a kill.
 #include "kp.h"
 
 #include <CLI/CLI.hpp>
@@ -226,7 +226,8 @@ struct Disturbances {
 };
 
 // Stops or kills the writer every few milliseconds that it writes, for as long as the run lasts; a
-// killed one is replaced. Returns the writer that is left, which may have been killed in the middle of a write.
+// killed one is replaced. Returns the writer that is left, which may have been killed in the middle
+// of a write.
 pid_t disturb(pid_t writer, const Run &run, Shared &shared, Disturbances &done)
 {
     static std::mt19937 dice(3);
@@ -284,8 +285,8 @@ bool measure(const Run &run, Shared &shared, Counts &sum, Disturbances &disturba
     return done;
 }
 
-// The least time of a read in nanoseconds over several rounds, so that what else runs on the machine
-// does not count.
+// The least time of a read in nanoseconds over several rounds, so that what else runs on the
+// machine does not count.
 double idle_cost(Tag &tag, Read kind, uint32_t size)
 {
     std::vector<uint32_t> value(size / 4);

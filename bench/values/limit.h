@@ -6,8 +6,8 @@
 
 namespace bench {
 
-// A mapped file for each topic, and in it what the library's format needs at the least: the clock is
-// read, the ordered stores made, the bytes copied; nothing is checked. The fields stand where a
+// A mapped file for each topic, and in it what the library's format needs at the least: the clock
+// is read, the ordered stores made, the bytes copied; nothing is checked. The fields stand where a
 // segment has them, so that the same cache lines travel.
 OpenStore mapped_limit();
 

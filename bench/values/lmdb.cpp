@@ -1,5 +1,5 @@
-// LMDB on tmpfs: one key for each topic, written without synchronising the file, since nothing there
-// survives a restart.
+// LMDB on tmpfs: one key for each topic, written without synchronising the file, since nothing
+// there survives a restart.
 #include "values/limit.h"
 
 #include <array>

@@ -91,9 +91,10 @@ template <typename Operation> double time_ns(Operation operation)
     return static_cast<double>(now_ns() - start);
 }
 
-// Runs a measurement with the stack so many bytes deeper. Where the stack stands decides whether what
-// a function puts there agrees in the last twelve bits of its address with the bytes it copies, which
-// processors take for a dependency. Each process would draw one position; this way all count.
+// Runs a measurement with the stack so many bytes deeper. Where the stack stands decides whether
+// what a function puts there agrees in the last twelve bits of its address with the bytes it
+// copies, which processors take for a dependency. Each process would draw one position; this way
+// all count.
 template <typename Body> [[gnu::noinline]] void at_stack_depth(std::size_t bytes, Body body)
 {
     auto *room = static_cast<volatile char *>(alloca(bytes + 1));

@@ -1,6 +1,6 @@
-// The demo's provider: publishes figures of this machine, read from /proc, twice a second. After the
-// last round it writes every topic's last value to a file, announces that it is done and keeps its
-// tags until standard input ends.
+// The demo's provider: publishes figures of this machine, read from /proc, twice a second. After
+// the last round it writes every topic's last value to a file, announces that it is done and keeps
+// its tags until standard input ends.
 //
 // usage: demo-provider PREFIX ROUNDS LAST-VALUES-FILE
 // Its topics are PREFIX/load/one and so on, its endpoint is PREFIX-provider.

@@ -1,5 +1,5 @@
-// What every program of this folder does with the changes of its node: prints them, until there were
-// ten.
+// What every program of this folder does with the changes of its node: prints them, until there
+// were ten.
 #pragma once
 
 #include <kp.hpp>

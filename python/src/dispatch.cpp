@@ -11,8 +11,8 @@ namespace kp::python {
 
 namespace {
 
-// A notice of a topic that nobody announced has a bit without a tag. It is looked for in the store, but
-// not more often than this.
+// A notice of a topic that nobody announced has a bit without a tag. It is looked for in the store,
+// but not more often than this.
 constexpr uint64_t kSearchEveryUs = 200'000;
 // A notice that was sent while this node still joined the mesh does not arrive, nor does one of a
 // provider that sends none. What they wrote is found by looking at all tags now and then.
@@ -84,7 +84,8 @@ void search_store(NodeState &state)
         give(state, topic);
 }
 
-// What is to be walked through now: the notice that waits, or all buckets when it is time for a look.
+// What is to be walked through now: the notice that waits, or all buckets when it is time for a
+// look.
 bool take_notice(NodeState &state, kp_write_info &notice, uint64_t now)
 {
     const bool has_notice = kp_take_notice(state.handle, &notice) == 1;

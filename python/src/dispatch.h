@@ -5,8 +5,8 @@
 
 namespace kp::python {
 
-// Takes the notice that waits, if one does, and gives its topics to the watches that cover them. Never
-// waits for a change. The interpreter's lock is held before and after, not all the time.
+// Takes the notice that waits, if one does, and gives its topics to the watches that cover them.
+// Never waits for a change. The interpreter's lock is held before and after, not all the time.
 void dispatch(NodeState &state);
 
 // When dispatch() is due though no notice comes, of the monotonic clock.

@@ -1,4 +1,5 @@
-// The module zu_kp._native: what the package zu_kp stands on. The package holds what waits in asyncio.
+// The module zu_kp._native: what the package zu_kp stands on. The package holds what waits in
+// asyncio.
 #include "errors.h"
 #include "layout/value_type.h"
 #include "node.h"

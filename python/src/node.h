@@ -1,9 +1,9 @@
 // The node: one handle of the library, shared by the tags and watches that Python makes from it.
 //
 // Locks. What Python sees of a node changes only while its thread holds the interpreter's lock. The
-// library's calls that can wait run without it, so two mutexes keep them apart: `tags` for creating,
-// destroying and walking tags, `marks` for notices and the writes beside them. Neither is waited for
-// with the interpreter's lock held.
+// library's calls that can wait run without it, so two mutexes keep them apart: `tags` for
+// creating, destroying and walking tags, `marks` for notices and the writes beside them. Neither is
+// waited for with the interpreter's lock held.
 #pragma once
 
 #include "object.h"
@@ -78,8 +78,8 @@ inline bool is_usable(const NodeState &state)
     return (state.handle && state.process == current_process()) || refuse_use(state);
 }
 
-// Keeps writes and notices of one node apart. A write does not wait and so holds the interpreter's lock
-// all the time, which is enough as long as no thread sends; else it takes the mutex too.
+// Keeps writes and notices of one node apart. A write does not wait and so holds the interpreter's
+// lock all the time, which is enough as long as no thread sends; else it takes the mutex too.
 inline std::unique_lock<std::mutex> turn_to_write(NodeState &state)
 {
     return state.senders > 0 ? locked(state.marks) : std::unique_lock<std::mutex>();

@@ -1,4 +1,5 @@
-// A value as it was read: an object that keeps the bytes and makes Python objects of them on demand.
+// A value as it was read: an object that keeps the bytes and makes Python objects of them on
+// demand.
 #pragma once
 
 #include "object.h"

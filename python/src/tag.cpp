@@ -58,9 +58,9 @@ bool is_usable(const Tag &tag)
 
 // ---- reading
 
-// A read waits only while a write is going on. A glance tells, so that most reads need not let other
-// threads run Python, which costs more than the read. It is no less safe from a file that is cut short
-// than the library's own mapping of the same file.
+// A read waits only while a write is going on. A glance tells, so that most reads need not let
+// other threads run Python, which costs more than the read. It is no less safe from a file that is
+// cut short than the library's own mapping of the same file.
 bool may_wait(const Tag &tag)
 {
     return !tag.glance || load_relaxed(tag.glance->state.writing) == 1;

@@ -12,11 +12,12 @@
 
 namespace kp::python {
 
-// The code of a type's name; UINT32_MAX, with an exception, for anything else. A Python type is refused
-// with a word: it does not say how many bytes a number has.
+// The code of a type's name; UINT32_MAX, with an exception, for anything else. A Python type is
+// refused with a word: it does not say how many bytes a number has.
 uint32_t type_code(PyObject *name);
 
-// bool, int, float, str or bytes. A string that is not UTF-8 comes as bytes. Null with an exception.
+// bool, int, float, str or bytes. A string that is not UTF-8 comes as bytes. Null with an
+// exception.
 PyObject *to_python(uint32_t type, std::string_view bytes);
 
 // The bytes of a value on their way into a tag.
@@ -25,8 +26,8 @@ struct ValueBytes {
     uint32_t size = 0;
 };
 
-// Converts an object to a type; `most` is the declared size of a type of variable size. False, with an
-// exception that tells the limits, for an object that does not fit.
+// Converts an object to a type; `most` is the declared size of a type of variable size. False, with
+// an exception that tells the limits, for an object that does not fit.
 bool to_bytes(PyObject *object, uint32_t type, uint32_t most, ValueBytes &value);
 
 } // namespace kp::python

@@ -96,7 +96,8 @@ PyObject *take_now(Watch &watch)
     return take_waiting(watch);
 }
 
-// Waits until something happens or the time is over. False with an exception, from a signal's handler.
+// Waits until something happens or the time is over. False with an exception, from a signal's
+// handler.
 bool wait(Watch &watch)
 {
     NodeState &state = state_of(watch.node);

@@ -17,8 +17,9 @@ namespace kp::python {
 
 struct NodeState;
 
-// The topics of one watch that wait for their delivery. A topic waits once, whatever is written to it
-// meanwhile: what is delivered is its newest value then. Touched with the interpreter's lock held.
+// The topics of one watch that wait for their delivery. A topic waits once, whatever is written to
+// it meanwhile: what is delivered is its newest value then. Touched with the interpreter's lock
+// held.
 class WatchList {
   public:
     explicit WatchList(const std::string &pattern) : pattern_(pattern)

@@ -90,7 +90,7 @@ void log_unopened(const char *path, int error, LogSite site)
         KP_LOG_AT(KP_LEVEL_ERROR, site, "topic is invalid\n");
     else if (exists_in_store(path))
         KP_LOG_AT(KP_LEVEL_ERROR, site, "fd '%s' create fail\n", path);
-    else // Deliberate: on standard output and past every log level, where users have always found it.
+    else // Deliberate: on standard output whatever the log level, where users have always found it.
         (void)std::puts("access failed");
 }
 

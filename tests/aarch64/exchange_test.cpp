@@ -1,5 +1,5 @@
-// A process of x86-64 and one of AArch64 exchange values through the same segment files and the same
-// sockets. Each test runs with the roles both ways round.
+// A process of x86-64 and one of AArch64 exchange values through the same segment files and the
+// same sockets. Each test runs with the roles both ways round.
 #include "testing/child.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"

@@ -1,6 +1,6 @@
 // One side of the exchange: an application with one handle, which a test drives with lines on
-// standard input. Every command is answered with a line; a change notice gives a line of its own for
-// each topic with a new value.
+// standard input. Every command is answered with a line; a change notice gives a line of its own
+// for each topic with a new value.
 #include "kp.h"
 
 #include <cstdio>

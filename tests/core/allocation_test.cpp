@@ -1,5 +1,5 @@
-// Every allocation failing in turn, once and from then on: whatever is reported, nothing stays behind
-// and the handle goes on working.
+// Every allocation failing in turn, once and from then on: whatever is reported, nothing stays
+// behind and the handle goes on working.
 #include "core/mesh.h"
 
 #include <filesystem>

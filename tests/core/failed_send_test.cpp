@@ -1,5 +1,5 @@
-// What kp_tag_notify() does when the sending reports a failure, which kp_notify_send() never does by
-// itself. This binary is linked with a replacement of it.
+// What kp_tag_notify() does when the sending reports a failure, which kp_notify_send() never does
+// by itself. This binary is linked with a replacement of it.
 #include "core/handle.h"
 #include "testing/capture.h"
 

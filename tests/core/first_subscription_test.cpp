@@ -1,5 +1,5 @@
-// From when on a value counts as not yet read. The time is the process's first subscription, so this
-// is the only test of its binary.
+// From when on a value counts as not yet read. The time is the process's first subscription, so
+// this is the only test of its binary.
 #include "core/mesh.h"
 #include "store/segment_file.h"
 

@@ -1,4 +1,5 @@
-// Making handles: what a new one holds, what each failure leaves, and the level from the environment.
+// Making handles: what a new one holds, what each failure leaves, and the level from the
+// environment.
 #include "core/mesh.h"
 #include "notify/endpoint.h"
 #include "testing/faults.h"

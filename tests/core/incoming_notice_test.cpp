@@ -1,5 +1,5 @@
-// What a handle does with the notices of its peers: the change callback, the automatic subscription,
-// and whatever a peer may send instead.
+// What a handle does with the notices of its peers: the change callback, the automatic
+// subscription, and whatever a peer may send instead.
 #include "core/mesh.h"
 
 #include <cerrno>
@@ -11,8 +11,8 @@ using testing::IsEmpty;
 
 namespace {
 
-// Gives the receiver a notice in a block of its exact size, so that AddressSanitizer sees any access
-// beside it.
+// Gives the receiver a notice in a block of its exact size, so that AddressSanitizer sees any
+// access beside it.
 void deliver(kp_t *handle, const std::string &notice)
 {
     const auto block = std::make_unique<uint8_t[]>(notice.size());

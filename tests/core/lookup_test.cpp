@@ -1,4 +1,5 @@
-// Looking tags and topics up: buckets, tags by topic, the store's topics, and the option of a handle.
+// Looking tags and topics up: buckets, tags by topic, the store's topics, and the option of a
+// handle.
 #include "core/mesh.h"
 #include "testing/faults.h"
 

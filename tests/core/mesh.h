@@ -1,6 +1,6 @@
 // What the tests of handles, tags and topics stand on: handles that clean up after themselves, the
-// bytes of the two notices, sockets that the test itself holds at both ends of a handle's mesh, and a
-// writer that is none of the handle's tags.
+// bytes of the two notices, sockets that the test itself holds at both ends of a handle's mesh, and
+// a writer that is none of the handle's tags.
 #pragma once
 
 #include "core/handle.h"
@@ -123,8 +123,8 @@ std::vector<std::string> patterns_of(kp_t *handle);
 // The buckets marked in a handle's outgoing notice.
 std::vector<uint32_t> marks_of(kp_t *handle);
 
-// Another process's provider, as far as a segment can tell: declares a topic and writes it without a
-// tag. Every write is newer than the ones before and than any tag's opening.
+// Another process's provider, as far as a segment can tell: declares a topic and writes it without
+// a tag. Every write is newer than the ones before and than any tag's opening.
 class Writer {
   public:
     explicit Writer(std::string topic, uint32_t value_type = KP_TYPE_INT32,

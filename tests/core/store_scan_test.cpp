@@ -205,8 +205,8 @@ TEST_F(Scan, GivesThePathBackUnchanged)
     EXPECT_THAT(topics_of(handle_), ElementsAre("a/b/c"));
 }
 
-// Makes a file at the end of directories with names of `length` bytes, from within, since the path is
-// longer than the system takes.
+// Makes a file at the end of directories with names of `length` bytes, from within, since the path
+// is longer than the system takes.
 void make_deep_tree(int levels, std::size_t length)
 {
     const fs::path before = fs::current_path();

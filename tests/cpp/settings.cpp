@@ -1,5 +1,6 @@
 // The whole of kp.hpp without GoogleTest, to be compiled with the settings that an application may
-// have: standards, without exceptions, with std::expected. Prints "done" when all is as it should be.
+// have: standards, without exceptions, with std::expected. Prints "done" when all is as it should
+// be.
 #include <kp.hpp>
 
 #include <cstdio>

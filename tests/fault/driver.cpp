@@ -50,8 +50,8 @@ struct Kind {
 
 // With many errors of every call on the thread that runs the operation. Where the threads of the
 // handles take part, which makes a point slow, each call has its usual error, and those that a
-// thread waits and works with have others beside it. A connection that fails for ever is retried for
-// three seconds, a semaphore for one, and a wait for events that does so burns the processor.
+// thread waits and works with have others beside it. A connection that fails for ever is retried
+// for three seconds, a semaphore for one, and a wait for events that does so burns the processor.
 std::vector<Kind> kinds(bool has_threads)
 {
     if (has_threads)
@@ -98,8 +98,8 @@ struct State {
     }
 };
 
-// What a log line says when this call has made an operation fail; the empty text stands for no line at
-// all. An operation may fail with anything else only on a call that is not named here.
+// What a log line says when this call has made an operation fail; the empty text stands for no line
+// at all. An operation may fail with anything else only on a call that is not named here.
 struct Message {
     Call call;
     std::vector<std::string> texts;
@@ -171,8 +171,8 @@ std::set<std::string> files_below(const char *directory)
     return found;
 }
 
-// After an open that failed behind the sizing of its file, and after a close that could not reach it,
-// the file stays: the next open uses it.
+// After an open that failed behind the sizing of its file, and after a close that could not reach
+// it, the file stays: the next open uses it.
 bool may_leave_a_segment(Call call)
 {
     const CallSet opening{Call::mmap, Call::sem_init, Call::fstat};

@@ -1,5 +1,5 @@
-// Runs an operation again and again while each call that it makes fails in turn, first once and then
-// for ever, and looks after each point whether the process is as it was before.
+// Runs an operation again and again while each call that it makes fails in turn, first once and
+// then for ever, and looks after each point whether the process is as it was before.
 #pragma once
 
 #include <functional>

@@ -1,6 +1,6 @@
 // The bytes of a peer's connection in arbitrary pieces, one more for each wait of the receive
-// thread, whose body runs here on the fuzzer's own thread. What it delivers is compared with a model
-// of the protocol, and handed to a handle that follows every announced topic.
+// thread, whose body runs here on the fuzzer's own thread. What it delivers is compared with a
+// model of the protocol, and handed to a handle that follows every announced topic.
 #include "fuzz/fuzz.h"
 
 #include "core/handle.h"

@@ -1,5 +1,5 @@
-// Files of the dictionary: no bytes end the reader, every problem has its place, and every entry that
-// is read covers a topic that its own pattern covers by a second matcher.
+// Files of the dictionary: no bytes end the reader, every problem has its place, and every entry
+// that is read covers a topic that its own pattern covers by a second matcher.
 #include "fuzz/fuzz.h"
 
 #include "common/dictionary/dictionary.h"

@@ -1,6 +1,6 @@
-// Arbitrary entries in the store and in the endpoint directory: names, kinds and depth. The store is
-// listed and scanned, and compared with a walk of the file system; an endpoint is opened among the
-// others' entries. Time is made to pass at once, since each dead socket costs three seconds.
+// Arbitrary entries in the store and in the endpoint directory: names, kinds and depth. The store
+// is listed and scanned, and compared with a walk of the file system; an endpoint is opened among
+// the others' entries. Time is made to pass at once, since each dead socket costs three seconds.
 #include "fuzz/fuzz.h"
 
 #include "core/handle.h"

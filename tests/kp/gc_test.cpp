@@ -35,8 +35,8 @@ namespace fs = std::filesystem;
 constexpr const char *kStore = "/dev/shm/zu-kp/";
 constexpr const char *kSockets = "/run/providers/";
 
-// A directory outside the store with files that look like topics nobody has open, and a link to it that
-// takes the place of the store's directory `d` again and again.
+// A directory outside the store with files that look like topics nobody has open, and a link to it
+// that takes the place of the store's directory `d` again and again.
 class SwappedDirectory {
   public:
     SwappedDirectory()
@@ -70,7 +70,8 @@ class SwappedDirectory {
     }
 
   private:
-    // Many with dead counts, so that some are acted on while the link stands in the directory's place.
+    // Many with dead counts, so that some are acted on while the link stands in the directory's
+    // place.
     static constexpr int kCounted = 30;
     static std::vector<std::string> names()
     {
@@ -228,8 +229,8 @@ TEST(KpGcRace, SaysWhatItCouldNotRemove)
     EXPECT_EQ(ran.code, 3);
 }
 
-// Each round a hundred services start again under the names of their dead sockets, in no order and at
-// no set time, while gc runs.
+// Each round a hundred services start again under the names of their dead sockets, in no order and
+// at no set time, while gc runs.
 TEST(KpGcRace, NeverTakesTheSocketOfAServiceThatStartsAgain)
 {
     constexpr int services = 100;
@@ -266,7 +267,8 @@ TEST(KpGcRace, NeverTakesTheSocketOfAServiceThatStartsAgain)
     EXPECT_GT(removed, 0);
 }
 
-// The same with topics whose providers were killed and are started again: what one has open stays linked.
+// The same with topics whose providers were killed and are started again: what one has open stays
+// linked.
 TEST(KpGcRace, NeverTakesATopicThatAProviderHasJustOpened)
 {
     constexpr int topics = 50;

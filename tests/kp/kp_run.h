@@ -31,8 +31,9 @@ Ran run_program(const std::vector<std::string> &command, const RunOptions &optio
 // `kp` with these arguments.
 Ran kp(const std::vector<std::string> &arguments, const RunOptions &options = {});
 
-// What `doctor -j` found but for notes, a line each: `keys` are put into "\(.level) KEYS". It leaves out who is
-// short of inotify instances, since these are the whole machine's, of the tests that run beside too.
+// What `doctor -j` found but for notes, a line each: `keys` are put into "\(.level) KEYS". It
+// leaves out who is short of inotify instances, since these are the whole machine's, of the tests
+// that run beside too.
 std::string findings_of(const Ran &doctor, const std::string &keys);
 
 // What a program prints that reads `input`; its code and messages are checked to be clean.

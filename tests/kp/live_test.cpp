@@ -38,8 +38,8 @@ int write_steadily(Channel &parent)
 }
 
 // `kp top` in a terminal of 100 by 20, through a tmux of its own. Without the sanitizer's check for
-// leaks: a terminal that goes away sends SIGCONT too, which takes back the SIGSTOP that this check waits
-// for, and it would spin for ever.
+// leaks: a terminal that goes away sends SIGCONT too, which takes back the SIGSTOP that this check
+// waits for, and it would spin for ever.
 class TopInTerminal {
   public:
     explicit TopInTerminal(const std::string &arguments = "")

@@ -1,5 +1,5 @@
-// Looking changes nothing: not a byte, count or time of change of the store, and nothing of the mesh,
-// neither in the end nor for a moment.
+// Looking changes nothing: not a byte, count or time of change of the store, and nothing of the
+// mesh, neither in the end nor for a moment.
 #include "kp_run.h"
 
 #include "testing/segment_file.h"
@@ -15,9 +15,9 @@ using namespace kptest;
 
 namespace {
 
-// What happens to the entries of some directories from now on: one that is made, removed or changed,
-// and one that somebody had open for writing. A mapping through which bytes or counts could change
-// needs such a descriptor.
+// What happens to the entries of some directories from now on: one that is made, removed or
+// changed, and one that somebody had open for writing. A mapping through which bytes or counts
+// could change needs such a descriptor.
 class DirectoryWatch {
   public:
     explicit DirectoryWatch(const std::vector<std::string> &directories)
@@ -37,7 +37,8 @@ class DirectoryWatch {
         (void)close(fd_);
     }
 
-    // The names of the entries to which something has happened since the last call, each with a blank.
+    // The names of the entries to which something has happened since the last call, each with a
+    // blank.
     std::string take() const
     {
         alignas(inotify_event) std::array<char, 65536> events;

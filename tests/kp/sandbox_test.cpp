@@ -15,7 +15,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Its scripts leave what they have to tell in /run/scripts, which the sandbox and the test both see.
+// Its scripts leave what they have to tell in /run/scripts, which the sandbox and the test both
+// see.
 Ran sandboxed(const std::string &script, const RunOptions &options = {})
 {
     fs::create_directory("/run/scripts");
@@ -160,7 +161,8 @@ TEST(KpSandbox, LeavesTheEnvironmentToTheCommand)
 
 TEST(KpSandbox, HandsSignalsOn)
 {
-    // Its parent's parent is the kp that was started, to which it sends the signal that then comes back.
+    // Its parent's parent is the kp that was started, to which it sends the signal that then comes
+    // back.
     const Ran ran = sandboxed("trap 'echo heard; exit 3' USR1; "
                               "kill -USR1 $(cut -d' ' -f4 /proc/$PPID/stat); "
                               "while :; do sleep 0.01; done");
@@ -192,7 +194,8 @@ TEST(KpSandbox, KillsWhatDoesNotHear)
     EXPECT_NE(::kill(number_in("/run/scripts/left"), 0), 0);
 }
 
-// The command's parent keeps the command for `kp`; each of the two ends what runs when the other is gone.
+// The command's parent keeps the command for `kp`; each of the two ends what runs when the other is
+// gone.
 class KpSandboxKilled : public testing::TestWithParam<const char *> {};
 
 TEST_P(KpSandboxKilled, TakesAlongWhatRuns)

@@ -180,8 +180,8 @@ class BeforeEach : public Shim {
 
 using Step = std::function<void()>;
 
-// Runs a thread's body on this thread: step n before its n-th wait, and a stop before the wait after
-// the last one. A step that makes nothing ready must stop the endpoint itself.
+// Runs a thread's body on this thread: step n before its n-th wait, and a stop before the wait
+// after the last one. A step that makes nothing ready must stop the endpoint itself.
 void run_in_steps(void *(*body)(void *), const BareEndpoint &endpoint, std::vector<Step> steps);
 
 } // namespace kptest

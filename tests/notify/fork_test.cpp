@@ -17,8 +17,8 @@ std::atomic<bool> is_child_of_a_callback = false;
 
 } // namespace
 
-// Asked by LeakSanitizer where the tests are built with it. Such a child has one thread, which is not
-// the main one, and all that only the main thread's stack leads to looks lost there.
+// Asked by LeakSanitizer where the tests are built with it. Such a child has one thread, which is
+// not the main one, and all that only the main thread's stack leads to looks lost there.
 extern "C" int __lsan_is_turned_off();
 int __lsan_is_turned_off()
 {

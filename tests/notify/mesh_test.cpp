@@ -62,7 +62,8 @@ TEST_F(Mesh, OfFiveEndpointsIsFull)
     EXPECT_TRUE(all_have(endpoints, 4));
 }
 
-// Opens endpoints "e0", "e1" and so on, each on a thread of its own and so much after the one before.
+// Opens endpoints "e0", "e1" and so on, each on a thread of its own and so much after the one
+// before.
 void open_together(std::vector<std::unique_ptr<Endpoint>> &endpoints,
                    std::chrono::microseconds spacing)
 {

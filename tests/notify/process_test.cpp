@@ -30,8 +30,8 @@ int threads_open_to(int signal)
     return count;
 }
 
-// An endpoint of another process, which counts the messages that it gets. Each line that it hears is
-// answered with their number once there are so many as the line says.
+// An endpoint of another process, which counts the messages that it gets. Each line that it hears
+// is answered with their number once there are so many as the line says.
 int count_messages(Channel &parent, const char *name)
 {
     Endpoint endpoint(name);

@@ -17,8 +17,8 @@ struct Usage {
     std::string text() const;
 };
 
-// The memory that driver and members share, also over exec(); null when there is none. `fd` gets the
-// descriptor of it, which executed programs inherit.
+// The memory that driver and members share, also over exec(); null when there is none. `fd` gets
+// the descriptor of it, which executed programs inherit.
 Board *make_board(int &fd);
 
 // What a program does that Family has executed, with the library in directory `library`.

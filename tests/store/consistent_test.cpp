@@ -86,8 +86,8 @@ class PlayedWriter {
 // How far the writer has come at each of the places where a read can be overtaken.
 using Schedule = std::array<int, 9>;
 
-// Whether the writer stood between the first two stores of a write when the read first looked at the
-// mark.
+// Whether the writer stood between the first two stores of a write when the read first looked at
+// the mark.
 bool has_just_stored_a_timestamp(const Schedule &schedule)
 {
     return schedule[1] % PlayedWriter::kStepsPerWrite == 1;

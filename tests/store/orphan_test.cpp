@@ -1,5 +1,5 @@
-// A topic that is opened while its last user closes it: no handle is left with a deleted file, which
-// nobody else would find.
+// A topic that is opened while its last user closes it: no handle is left with a deleted file,
+// which nobody else would find.
 #include "store/opened_segment.h"
 #include "store/segment_file.h"
 #include "testing/capture.h"
@@ -54,9 +54,9 @@ std::string name_of_pause(const testing::TestParamInfo<Pause> &info)
 
 class AnOpenThatPauses : public testing::TestWithParam<Pause> {};
 
-// As far as an open of an existing file goes: it looks for the directory, opens the file, gives it its
-// size and page, maps and locks it, counts, looks whether the file is still linked, and gives lock
-// and descriptor back.
+// As far as an open of an existing file goes: it looks for the directory, opens the file, gives it
+// its size and page, maps and locks it, counts, looks whether the file is still linked, and gives
+// lock and descriptor back.
 INSTANTIATE_TEST_SUITE_P(Before, AnOpenThatPauses,
                          testing::Values(Pause{Call::syscall, 1}, Pause{Call::close, 1},
                                          Pause{Call::syscall, 2}, Pause{Call::ftruncate, 1},

@@ -1,5 +1,6 @@
-// One writer and one reader, interleaved instruction by instruction: one of them is a process that is
-// stepped through its work, and the other one does a whole piece of its own between two instructions.
+// One writer and one reader, interleaved instruction by instruction: one of them is a process that
+// is stepped through its work, and the other one does a whole piece of its own between two
+// instructions.
 #include "store/consistent.h"
 #include "store/opened_segment.h"
 
@@ -40,7 +41,8 @@ struct Given {
     {
         size = kp::read_consistent(shm, value.data(), kStepSize, nullptr, &quality, &source_ts);
     }
-    // The number whose value it is, whole with all that belongs to it; 0 for a torn one, -1 for none.
+    // The number whose value it is, whole with all that belongs to it; 0 for a torn one, -1 for
+    // none.
     int number() const
     {
         if (size == -1)
@@ -134,8 +136,8 @@ Interleaving read_between_the_instructions_of_a_write(kp_shm_t *provider, kp_shm
     return seen;
 }
 
-// What a stepped read gives when a whole write comes after so many of its instructions; no result when
-// the read was over before.
+// What a stepped read gives when a whole write comes after so many of its instructions; no result
+// when the read was over before.
 std::optional<int> read_with_a_write_after(int steps, kp_shm_t *provider, kp_shm_t *consumer)
 {
     write_number(provider, 1);

@@ -1,6 +1,6 @@
 // Several handles of one process at work at once, for ThreadSanitizer above all: each has a thread
-// that writes and announces, and follows what the others announce; their callbacks read, while other
-// endpoints come and go.
+// that writes and announces, and follows what the others announce; their callbacks read, while
+// other endpoints come and go.
 #include "testing/process.h"
 
 #include "kp.h"

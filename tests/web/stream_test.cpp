@@ -1,4 +1,5 @@
-// A client's stream without a socket: what it is given, in which order, and how much is left to give.
+// A client's stream without a socket: what it is given, in which order, and how much is left to
+// give.
 #include "store/stream.h"
 
 #include "common/fault_guard.h"

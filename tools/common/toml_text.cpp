@@ -7,8 +7,8 @@ namespace kp::tool {
 
 namespace {
 
-// Each dot of a key may be a table within a table, and the parser's tables end in a recursion, for which
-// thousands of them have no room on the stack. It counts brackets alone, up to 256 of them.
+// Each dot of a key may be a table within a table, and the parser's tables end in a recursion, for
+// which thousands of them have no room on the stack. It counts brackets alone, up to 256 of them.
 constexpr std::size_t kMostDots = 50; // of a line
 
 // Goes through a text as TOML does, as far as quotation marks and comments are concerned.

@@ -11,8 +11,8 @@ namespace kp::tool {
 
 namespace {
 
-// Control characters and what is not UTF-8 are escaped as everywhere, so that two topics never share
-// a label.
+// Control characters and what is not UTF-8 are escaped as everywhere, so that two topics never
+// share a label.
 std::string label(const char *name, const std::string &text)
 {
     std::string out = std::string(name) + "=\"";

@@ -1,5 +1,5 @@
-// One file of the dictionary. A mistake costs what it stands in and no more: of a table that TOML does
-// not accept, the lines are blanked, and the rest is read again.
+// One file of the dictionary. A mistake costs what it stands in and no more: of a table that TOML
+// does not accept, the lines are blanked, and the rest is read again.
 #include "common/dictionary/entry_reader.h"
 #include "common/pattern.h"
 #include "common/text.h"
@@ -12,8 +12,8 @@ namespace kp::tool {
 
 namespace {
 
-// So many tables of one file may be broken; a file with more is hardly one of the dictionary. Of a large
-// file it is fewer, since for each the whole file is read again.
+// So many tables of one file may be broken; a file with more is hardly one of the dictionary. Of a
+// large file it is fewer, since for each the whole file is read again.
 constexpr std::size_t kMostBrokenTables = 50;
 constexpr std::size_t kMostBytesReadAgain = 32 << 20;
 
@@ -28,8 +28,8 @@ class Lines {
         }
     }
 
-    // Blanks the table in which a line, counted from 1, stands: from the header at or above it to the
-    // next one. Says whether there was anything to blank.
+    // Blanks the table in which a line, counted from 1, stands: from the header at or above it to
+    // the next one. Says whether there was anything to blank.
     bool blank_table(std::size_t line)
     {
         if (lines_.empty())

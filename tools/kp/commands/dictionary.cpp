@@ -19,8 +19,8 @@ struct InitOptions {
     bool only_unknown = false;
 };
 
-// A text between the quotation marks of TOML, with nothing in it that would reach a terminal. Nothing
-// for what is not UTF-8, which TOML cannot hold.
+// A text between the quotation marks of TOML, with nothing in it that would reach a terminal.
+// Nothing for what is not UTF-8, which TOML cannot hold.
 std::optional<std::string> toml_text(std::string_view text)
 {
     std::string out = "\"";

@@ -1,5 +1,5 @@
-// What the dictionary has to do with a value that a user sets: it gives values their names and a new
-// topic its type, and it knows which values make no sense.
+// What the dictionary has to do with a value that a user sets: it gives values their names and a
+// new topic its type, and it knows which values make no sense.
 #pragma once
 
 #include "writing/record_line.h"
