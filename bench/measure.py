@@ -12,8 +12,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 RESULTS = ROOT / "bench" / "results"
 VALUES = ("kp", "boost", "iceoryx", "redis", "lmdb")
-NOTICES = ("limit", "kp", "zeromq", "nng", "iceoryx", "cyclonedds", "lcm", "mosquitto", "redis",
-           "sdbus")
+NOTICES = ("limit", "kp", "zeromq", "nng", "iceoryx", "cyclonedds", "lcm", "mosquitto", "redis", "sdbus")
 LONGEST_S = 400
 
 
@@ -32,10 +31,10 @@ def run(program, *arguments):
         return None
     start = time.monotonic()
     try:
-        done = subprocess.run([program, *arguments], stdout=subprocess.PIPE, check=True,
-                              timeout=LONGEST_S)
-        print(f"bench: {program.name} {' '.join(arguments)}: {time.monotonic() - start:.1f} s",
-              file=sys.stderr)
+        done = subprocess.run([program, *arguments], stdout=subprocess.PIPE, check=True, timeout=LONGEST_S)
+        print(
+            f"bench: {program.name} {' '.join(arguments)}: {time.monotonic() - start:.1f} s", file=sys.stderr
+        )
         return json.loads(done.stdout)
     except (subprocess.SubprocessError, json.JSONDecodeError) as error:
         print(f"bench: {program.name} {' '.join(arguments)} failed: {error}", file=sys.stderr)
@@ -76,10 +75,12 @@ def describe_machine(build):
         "memory": first_value("/proc/meminfo", "MemTotal"),
         "kernel": platform.release(),
         "c_library": " ".join(platform.libc_ver()),
-        "compiler": subprocess.run(["c++", "--version"], capture_output=True, text=True,
-                                   check=True).stdout.splitlines()[0],
+        "compiler": subprocess.run(
+            ["c++", "--version"], capture_output=True, text=True, check=True
+        ).stdout.splitlines()[0],
         "clock": pathlib.Path("/sys/devices/system/clocksource/clocksource0/current_clocksource")
-                 .read_text().strip(),
+        .read_text()
+        .strip(),
         "load_at_start": round(os.getloadavg()[0], 1),
         "date": time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime()),
         "library_bytes": library_size(build),
@@ -88,8 +89,16 @@ def describe_machine(build):
 
 def main():
     build = pathlib.Path(sys.argv[1]).resolve()
-    wanted = sys.argv[2:] or ["machine", "values", "latency", "fanout", "footprint", "growth",
-                              "tools", "mqtt"]
+    wanted = sys.argv[2:] or [
+        "machine",
+        "values",
+        "latency",
+        "fanout",
+        "footprint",
+        "growth",
+        "tools",
+        "mqtt",
+    ]
     programs = build / "bench"
     start = time.monotonic()
     enter_private_places()

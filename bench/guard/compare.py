@@ -10,8 +10,16 @@ import sys
 import tempfile
 
 KEPT = pathlib.Path(__file__).with_name("expected.json")
-OPERATIONS = ("write", "read", "notify", "deliver",
-              "number_write", "typed_write", "number_read", "typed_read")
+OPERATIONS = (
+    "write",
+    "read",
+    "notify",
+    "deliver",
+    "number_write",
+    "typed_write",
+    "number_read",
+    "typed_read",
+)
 # The header for C++ may cost so much more than the calls in C that it makes.
 TYPED = {"typed_write": "number_write", "typed_read": "number_read"}
 MOST_TYPED = 1.05
@@ -29,9 +37,18 @@ def count(program, operation, times, folder):
     """All instructions of one run."""
     output = pathlib.Path(folder) / f"{operation}-{times}"
     subprocess.run(
-        ["valgrind", "--tool=callgrind", "--quiet", f"--callgrind-out-file={output}",
-         program, operation, str(times)],
-        check=True, timeout=120, env={**os.environ, "GLIBC_TUNABLES": ONE_MEMCPY},
+        [
+            "valgrind",
+            "--tool=callgrind",
+            "--quiet",
+            f"--callgrind-out-file={output}",
+            program,
+            operation,
+            str(times),
+        ],
+        check=True,
+        timeout=120,
+        env={**os.environ, "GLIBC_TUNABLES": ONE_MEMCPY},
     )
     return int(re.search(r"^(?:totals|summary): (\d+)", output.read_text(), re.M).group(1))
 
@@ -58,8 +75,10 @@ def main():
     for operation in OPERATIONS:
         change = figures[operation] / kept[operation] - 1
         wrong += abs(change) > TOLERANCE
-        print(f"guard: {operation}: {figures[operation]} instructions, kept {kept[operation]}, "
-              f"{change:+.1%}{' (more than 3 %)' if abs(change) > TOLERANCE else ''}")
+        print(
+            f"guard: {operation}: {figures[operation]} instructions, kept {kept[operation]}, "
+            f"{change:+.1%}{' (more than 3 %)' if abs(change) > TOLERANCE else ''}"
+        )
     for typed, plain in TYPED.items():
         ratio = figures[typed] / figures[plain]
         wrong += ratio > MOST_TYPED

@@ -65,9 +65,7 @@ class Compiling(unittest.TestCase):
             for path in sorted((HERE / "misuse").glob("*.cpp")):
                 text = path.read_text("utf-8")
                 options = re.search(r"^// options: (.*)$", text, re.MULTILINE)
-                cases.append(
-                    (compiler, text, ["-std=c++17", *(options[1].split() if options else [])])
-                )
+                cases.append((compiler, text, ["-std=c++17", *(options[1].split() if options else [])]))
         self.assertGreaterEqual(len(cases), 14)
         for (compiler, text, _), (compiles, said) in in_parallel(compile_text, cases):
             expected = re.match(r"// expect: (.*)", text)[1]

@@ -29,11 +29,7 @@ def only(pattern: str, where: str) -> str:
 
 def documents() -> list[Path]:
     """Every document in Markdown that is the project's own."""
-    return sorted(
-        path
-        for path in ROOT.rglob("*.md")
-        if "build" not in path.relative_to(ROOT).parts[:1]
-    )
+    return sorted(path for path in ROOT.rglob("*.md") if "build" not in path.relative_to(ROOT).parts[:1])
 
 
 class Rights(unittest.TestCase):
@@ -45,9 +41,7 @@ class Rights(unittest.TestCase):
         declared = only(rf'"{name}-mode",\s+"(\d{{4}})"', doctor)
         advice = set(re.findall(r"chmod (3\d{3})|install -d -m (3\d{3})", doctor))
         if name == "providers":
-            self.assertTrue(
-                {mode for pair in advice for mode in pair if mode} <= {declared}
-            )
+            self.assertTrue({mode for pair in advice for mode in pair if mode} <= {declared})
         return {
             only(rf"^d {directory} (\d{{4}}) root zu-kp", text("packaging/zu-kp.tmpfiles")),
             only(rf"^\.I {directory}\n(\d{{4}}) root:zu-kp", text("packaging/man/zu-kp.7")),
@@ -100,15 +94,15 @@ class Commands(unittest.TestCase):
     def test_make_knows_every_target_that_is_named(self) -> None:
         targets = set(re.findall(r"^([a-z-]+):", text("Makefile"), re.MULTILINE))
         for document in documents():
-            for target in re.findall(r"`make ([a-z-]+)(?: [A-Z]+=[^`]*)?`", document.read_text(encoding="utf-8")):
+            for target in re.findall(
+                r"`make ([a-z-]+)(?: [A-Z]+=[^`]*)?`", document.read_text(encoding="utf-8")
+            ):
                 self.assertIn(target, targets, document)
 
     def test_presets_exist(self) -> None:
         presets = set(re.findall(r'"name": "([a-z0-9-]+)"', text("CMakePresets.json")))
         for document in documents():
-            named = re.findall(
-                r"(?:--workflow )?--preset ([a-z0-9-]+)", document.read_text(encoding="utf-8")
-            )
+            named = re.findall(r"(?:--workflow )?--preset ([a-z0-9-]+)", document.read_text(encoding="utf-8"))
             self.assertLessEqual(set(named), presets, document)
 
     def test_links_lead_to_files(self) -> None:

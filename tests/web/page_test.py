@@ -25,9 +25,7 @@ def enter_namespace():
     if os.environ.get("KP_PAGE_TEST") == "inside":
         return
     environment = dict(os.environ, KP_PAGE_TEST="inside")
-    words = " ".join(
-        f"'{word}'" for word in [sys.executable, os.path.abspath(__file__), *sys.argv[1:]]
-    )
+    words = " ".join(f"'{word}'" for word in [sys.executable, os.path.abspath(__file__), *sys.argv[1:]])
     script = (
         "mount -t tmpfs -o mode=0755 none /run && mount -t tmpfs -o mode=1777 none /dev/shm && "
         "mkdir -m 0777 /run/providers && exec " + words
@@ -44,11 +42,7 @@ try:
     from selenium.webdriver.chrome.service import Service
 except ImportError:
     webdriver = None
-if (
-    not webdriver
-    or not os.path.exists("/usr/bin/chromedriver")
-    or not os.path.exists("/usr/bin/chromium")
-):
+if not webdriver or not os.path.exists("/usr/bin/chromedriver") or not os.path.exists("/usr/bin/chromium"):
     print("page_test.py: Skipped\nchromium, chromium-driver or python3-selenium is not installed")
     sys.exit(SKIPPED)
 
@@ -216,9 +210,7 @@ class Page(unittest.TestCase):
         self.browser.set_script_timeout(DEADLINE)
         delays = []
         for value in range(100, 105):
-            with subprocess.Popen(
-                [KP, "set", "other/count", str(value)], stdout=subprocess.DEVNULL
-            ):
+            with subprocess.Popen([KP, "set", "other/count", str(value)], stdout=subprocess.DEVNULL):
                 delays.append(self.browser.execute_async_script(watch % value))
         # With the start of kp, which is the most of it; a page that polled would need seconds.
         self.assertLess(min(delays), 300, delays)
@@ -237,15 +229,11 @@ class Page(unittest.TestCase):
 
     def test_the_tree_leads_to_a_branch(self):
         wait_for(lambda: self.all("#tree summary a"))
-        self.browser.execute_script(
-            "document.querySelector('#tree a[data-filter=\"plant/#\"]').click()"
-        )
+        self.browser.execute_script("document.querySelector('#tree a[data-filter=\"plant/#\"]').click()")
         wait_for(lambda: len(self.all("#rows tr.row")) == 4)
 
     def test_a_row_shows_its_facts_and_draws_a_trend(self):
-        self.open(
-            "#view=tags&topic=plant/press/speed&trend=plant/press/speed&trend=plant/press/door"
-        )
+        self.open("#view=tags&topic=plant/press/speed&trend=plant/press/speed&trend=plant/press/door")
         wait_for(lambda: "Speed of the press" in self.find("#details").text)
         self.assertIn("low 1, high 30", self.find("#details").text)
         for value in (14.5, 18.5, 11.5, 16.5):
@@ -259,7 +247,9 @@ class Page(unittest.TestCase):
         wait_for(lambda: self.browser.execute_script(drawn))
         wait_for(lambda: self.find("#bands").size["height"] >= 26)
         self.assertEqual(len(self.all("#legend li")), 2)
-        axis = "return [...document.querySelectorAll('.dygraph-axis-label-y')].map((l) => l.textContent).join()"
+        axis = (
+            "return [...document.querySelectorAll('.dygraph-axis-label-y')].map((l) => l.textContent).join()"
+        )
         wait_for(lambda: "18" in self.browser.execute_script(axis))
         self.find("#pause").click()
         self.assertEqual(self.find("#pause").get_attribute("aria-pressed"), "true")
@@ -293,12 +283,8 @@ class Page(unittest.TestCase):
         for name in hostile:
             put("hostile/" + name.replace("/", "|"), name, "string")
         try:
-            self.open(
-                "#view=tags&q=hostile/%23&topic=" + "hostile/%3Cimg%20src=x%20onerror=alert(1)%3E"
-            )
-            wait_for(
-                lambda: len([line for line in self.all("#rows tr.row") if line.text.strip()]) == 4
-            )
+            self.open("#view=tags&q=hostile/%23&topic=" + "hostile/%3Cimg%20src=x%20onerror=alert(1)%3E")
+            wait_for(lambda: len([line for line in self.all("#rows tr.row") if line.text.strip()]) == 4)
             wait_for(lambda: self.row("hostile/" + hostile[0])[1] == hostile[0])
             self.assertEqual(self.all("#rows img, #rows script, #details img"), [])
             self.assertIn(hostile[0], self.find("#details").text)
@@ -315,9 +301,7 @@ class Page(unittest.TestCase):
         self.browser.set_window_size(390, 780)
         self.open("#view=tags&topic=plant/press/speed")
         wait_for(lambda: self.row("plant/press/speed"))
-        wide = self.browser.execute_script(
-            "return document.documentElement.scrollWidth - innerWidth"
-        )
+        wide = self.browser.execute_script("return document.documentElement.scrollWidth - innerWidth")
         self.assertLessEqual(wide, 0)
         self.assertTrue(self.find("#details").is_displayed())
         self.assertFalse(self.find("#tree").is_displayed())
@@ -339,10 +323,7 @@ class Page(unittest.TestCase):
         wait_for(lambda: not self.find("#details").is_displayed())
 
     def test_many_topics_have_only_those_in_view_in_the_page(self):
-        put_all(
-            {"topic": f"many/t{number:04}", "type": "int32", "value": number}
-            for number in range(1500)
-        )
+        put_all({"topic": f"many/t{number:04}", "type": "int32", "value": number} for number in range(1500))
         try:
             self.open("#view=tags&q=many/%23")
             wait_for(lambda: self.row("many/t0000")[1] == "0")
@@ -356,9 +337,7 @@ class Page(unittest.TestCase):
     def test_it_is_small_and_paints_at_once(self):
         size = sum(file.stat().st_size for file in pathlib.Path(PAGE).iterdir())
         drawing = pathlib.Path("/usr/share/javascript/dygraphs")
-        size += sum(
-            (drawing / name).stat().st_size for name in ("dygraph.min.js", "dygraph.min.css")
-        )
+        size += sum((drawing / name).stat().st_size for name in ("dygraph.min.js", "dygraph.min.css"))
         self.assertLess(size, 300 * 1024)
         paint = wait_for(
             lambda: self.browser.execute_script(
