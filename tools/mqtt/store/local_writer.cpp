@@ -287,14 +287,18 @@ bool LocalWriter::write_value(const std::string &tag, const WriteRequest &reques
 {
     const Sample &sample = request.sample;
     const auto size = static_cast<uint32_t>(sample.value.size());
-    if (request.is_declared && !own_.contains(tag))
-        return kp_tag_instant_write(handle_, tag.c_str(), sample.value.data(), sample.type, size,
-                                    sample.quality, sample.source_ts, sample.extra_info) == 0;
+    if (request.is_declared && !own_.contains(tag)) {
+        if (kp_tag_instant_write(handle_, tag.c_str(), sample.value.data(), sample.type, size,
+                                 sample.quality, sample.source_ts, sample.extra_info) != 0)
+            return false;
+        must_notify_ = false; // its notice has told of all that was written before
+        return true;
+    }
     kp_tag_t *provided = provider(tag, request);
     if (!provided || kp_tag_write_with_source_params(handle_, provided, sample.value.data(), size,
                                                      sample.quality, sample.source_ts) < 0)
         return false;
-    must_notify_ = true; // an instant write sends its notice itself
+    must_notify_ = true;
     return true;
 }
 
