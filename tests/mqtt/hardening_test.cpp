@@ -1,12 +1,15 @@
 // What others can do to the bridge from outside, and how it shows what became of it.
 #include "broker.h"
 #include "device.h"
+#include "testing/process.h"
 
 #include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace kptest;
@@ -28,6 +31,21 @@ size_t lines_with(const std::string &log, const std::string &text)
 bool exists(const std::string &path)
 {
     return access(path.c_str(), F_OK) == 0;
+}
+
+// How many connections to endpoints of others this process has, counted at its own end of each.
+int connections_to_endpoints()
+{
+    int count = 0;
+    for (const auto &[fd, target] : open_descriptors()) {
+        sockaddr_un peer{};
+        socklen_t size = sizeof peer;
+        count += target.starts_with("socket:") &&
+                 getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &size) == 0 &&
+                 peer.sun_family == AF_UNIX &&
+                 std::string(peer.sun_path).starts_with("/run/providers/");
+    }
+    return count;
 }
 
 } // namespace
@@ -144,6 +162,7 @@ TEST(Mesh, IsWatchedForEndpointsThatTellTheBridgeNothing)
     std::vector<kp_t *> handles;
     for (int number = 0; number < full; ++number)
         handles.push_back(kp_new(("crowd" + std::to_string(number)).c_str(), nullptr));
+    ASSERT_TRUE(wait_until([] { return connections_to_endpoints() == full * (full - 1); }));
 
     BridgeProgram bridge(broker.port(), kNumbers);
 
