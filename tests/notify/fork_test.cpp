@@ -6,6 +6,8 @@
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,11 +29,28 @@ int __lsan_is_turned_off()
 
 namespace {
 
+// Whether all threads of this process but the main one sleep. AddressSanitizer's allocator does not
+// survive a fork() at a moment at which another thread is in it.
+bool do_others_sleep()
+{
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (task.path().filename() == std::to_string(getpid()))
+            continue;
+        std::string stat;
+        (void)std::getline(std::ifstream(task.path() / "stat"), stat);
+        const size_t behind_name = stat.rfind(") ");
+        if (behind_name != stat.npos && stat[behind_name + 2] != 'S')
+            return false;
+    }
+    return true;
+}
+
 class Fork : public NotifyTest {
   protected:
     // The exit status of a child that runs `body` with what it took along.
     static int status_of_child(const std::function<bool()> &body)
     {
+        EXPECT_TRUE(wait_until(do_others_sleep));
         const pid_t child = fork();
         if (child == 0)
             _exit(body() ? 0 : 1);
@@ -68,7 +87,6 @@ TEST_F(Fork, LeavesTheChildNoDescriptorOfAnEndpoint)
 
 TEST_F(Fork, LetsPeersSeeTheDeathOfAParentWhoseChildLives)
 {
-    const Endpoint endpoint;
     ChildProcess parent([](Channel &test) {
         const Endpoint other("other");
         const pid_t child = fork();
@@ -80,6 +98,7 @@ TEST_F(Fork, LetsPeersSeeTheDeathOfAParentWhoseChildLives)
         test.tell(std::to_string(child));
         return test.hear(std::chrono::minutes(1)) ? 0 : 1;
     });
+    const Endpoint endpoint;
     const pid_t child = std::stoi(parent.hear().value());
     EXPECT_TRUE(endpoint.has_clients(1));
     EXPECT_TRUE(endpoint.has_servers(1));
