@@ -11,6 +11,6 @@ set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64-static)
 # reach that the GNU linker pads the file by up to 64 KiB, nearly the library's own size; LLVM's pads
 # the address space only.
 set(CMAKE_SHARED_LINKER_FLAGS_INIT
-    "-B/usr/lib/llvm-14/bin -fuse-ld=lld -Wl,-z,common-page-size=65536")
+    "-B/usr/lib/llvm-14/bin -fuse-ld=lld -Wl,-z,common-page-size=65536 -Wl,-O2")
 
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)

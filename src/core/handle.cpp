@@ -93,13 +93,27 @@ bool fill(kp_t &handle)
     return handle.dict && handle.sub_topics && handle.sub_patterns;
 }
 
+// Finds the next tag that needs a read, from the cursor on, which is a place in one bucket. Moves
+// the cursor behind that tag. Gives null at the end of the bucket.
+kp_tag_t *next_need_read_tag(kp_dict_entry *&cursor)
+{
+    while (cursor) {
+        kp_tag_t *tag = cursor->tag;
+        cursor = next_entry(*cursor);
+        if (tag && kp_tag_need_read(tag))
+            return tag;
+    }
+    return nullptr;
+}
+
 } // namespace
 
 } // namespace kp
 
 using namespace kp;
 
-kp_t *kp_new(const char *name, kp_callback_t callback)
+// Making a handle and destroying it are calls of the system above all: compiled for size.
+[[gnu::cold]] kp_t *kp_new(const char *name, kp_callback_t callback)
 {
     const NoCancellation scope;
     auto made = make_zeroed<kp_t>();
@@ -122,7 +136,7 @@ kp_t *kp_new(const char *name, kp_callback_t callback)
     return handle;
 }
 
-int32_t kp_destroy(kp_t *handle)
+[[gnu::cold]] int32_t kp_destroy(kp_t *handle)
 {
     if (is_null(handle, "kp is null\n"))
         return -1;

@@ -31,8 +31,4 @@ namespace kp {
 // before the tag enters the dictionary, where another thread can destroy it. Null on failure.
 kp_tag_t *make_consumer_tag(kp_t &handle, const char *topic, uint64_t seen_ts);
 
-// Finds the next tag that needs a read, from the cursor on, which is a place in one bucket. Moves
-// the cursor behind that tag. Gives null at the end of the bucket.
-kp_tag_t *next_need_read_tag(kp_dict_entry *&cursor);
-
 } // namespace kp

@@ -1,24 +1,8 @@
 // Questions about a tag or a topic that move no value.
-#include "core/dict.h"
 #include "core/tag.h"
 
 #include "store/doubt.h"
 #include "support/log.h"
-
-namespace kp {
-
-kp_tag_t *next_need_read_tag(kp_dict_entry *&cursor)
-{
-    while (cursor) {
-        kp_tag_t *tag = cursor->tag;
-        cursor = next_entry(*cursor);
-        if (tag && kp_tag_need_read(tag))
-            return tag;
-    }
-    return nullptr;
-}
-
-} // namespace kp
 
 using namespace kp;
 

@@ -110,9 +110,10 @@ int32_t kp_tag_write_with_source_params(kp_t *handle, kp_tag_t *tag, const void 
                          source_ts);
 }
 
-int32_t kp_tag_instant_write(kp_t *handle, const char *topic, const void *value,
-                             uint32_t value_type, uint32_t size, uint8_t quality,
-                             uint64_t source_ts, uint32_t extra_info)
+// Opens and closes the file, beside which its own instructions cost nothing: compiled for size.
+[[gnu::cold]] int32_t kp_tag_instant_write(kp_t *handle, const char *topic, const void *value,
+                                           uint32_t value_type, uint32_t size, uint8_t quality,
+                                           uint64_t source_ts, uint32_t extra_info)
 {
     if (is_null(handle, "kp is null\n"))
         return -1;
@@ -196,8 +197,9 @@ int32_t kp_tag_read_consistent(kp_tag_t *tag, void *buffer, uint32_t buffer_size
     return result;
 }
 
-int32_t kp_tag_instant_read(const char *topic, void **value, uint32_t *value_type, uint32_t *size,
-                            uint8_t *quality, uint64_t *source_ts, uint32_t *extra_info)
+[[gnu::cold]] int32_t kp_tag_instant_read(const char *topic, void **value, uint32_t *value_type,
+                                          uint32_t *size, uint8_t *quality, uint64_t *source_ts,
+                                          uint32_t *extra_info)
 {
     if (is_null(value, "value is null\n"))
         return -1;
