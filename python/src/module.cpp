@@ -1,5 +1,6 @@
 // The module zu_kp._native: what the package zu_kp stands on. The package holds what waits in
 // asyncio.
+#include "describe.h"
 #include "errors.h"
 #include "layout/value_type.h"
 #include "node.h"
@@ -22,6 +23,9 @@ PyMethodDef functions[] = {
      "list of str).\n\nIn a pattern the level + stands for any one level and # for one or more "
      "remaining ones.\nLooks only. Directories that may not be entered are left out with a "
      "RuntimeWarning."},
+    {"describe", describe, METH_VARARGS,
+     "describe($module, topic, dictionary='', /)\n--\n\n"
+     "What zu_kp.describe() makes a dict of (str): JSON, with the place of each fact."},
     {nullptr, nullptr, 0, nullptr}};
 
 PyModuleDef definition = {PyModuleDef_HEAD_INIT,

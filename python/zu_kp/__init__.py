@@ -5,6 +5,7 @@ Look at what is there, which joins nothing and needs permission to read only:
     import zu_kp as kp
     kp.get("plant/oven/temperature").value
     kp.list("plant/#")
+    kp.describe("plant/oven/temperature")["unit"]
 
 Take part, in asyncio or without it:
 
@@ -23,6 +24,7 @@ microseconds since the Unix epoch (int) and aware datetimes. Every failure is a 
 built-in exception that fits.
 """
 
+from ._dictionary import describe
 from ._errors import (
     AccessError,
     BusyError,
@@ -62,6 +64,7 @@ __all__ = [
     "TopicError",
     "TypeMismatchError",
     "Watch",
+    "describe",
     "get",
     "list",
 ]

@@ -1,4 +1,5 @@
 import datetime
+import os
 from types import TracebackType
 from typing import (
     Any,
@@ -43,6 +44,7 @@ TYPES: Final[tuple[str, ...]]
 
 def get(topic: str, /) -> Reading: ...
 def list(pattern: str = "#", /) -> List[str]: ...
+def describe(topic: str, dictionary: Union[str, os.PathLike[str]] = "", /) -> str: ...
 @final
 class Reading:
     @property
