@@ -1,7 +1,7 @@
 """Builds the extension module with the project's own CMake files, as everything else is built.
 
 The wheel holds one file for CPython 3.9 and later, with the library in it, so that nothing else has to
-be installed. It needs cmake, ninja, g++, nlohmann-json3-dev and Python's headers.
+be installed. It needs cmake, ninja, g++, nlohmann-json3-dev, libtomlplusplus-dev and Python's headers.
 """
 
 import subprocess

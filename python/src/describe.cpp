@@ -12,7 +12,8 @@ namespace kp::python {
 
 namespace {
 
-// The dictionary of a directory, read once and then followed. Only used with the interpreter's lock.
+// The dictionary of a directory, read once and then followed. Only used with the interpreter's
+// lock.
 tool::LiveDictionary &dictionary_in(const std::string &directory)
 {
     static std::map<std::string, tool::LiveDictionary> known;
