@@ -14,6 +14,12 @@ using testing::HasSubstr;
 
 namespace {
 
+// Whether a connection is taken: the socket's file is there before its owner listens.
+bool is_served(const std::string &path)
+{
+    return Client(path).ask("/healthz");
+}
+
 TEST(WebProgram, GoesOnAfterAReloadOfABrokenConfiguration)
 {
     const WebProgram web;
@@ -49,7 +55,7 @@ TEST(WebProgram, ServesAUnixSocketAndRemovesItAtItsEnd)
     {
         std::ofstream("/run/unix.conf") << "listen = [\"unix:" << path << "\"]\n";
         ChildProcess program({KP_WEB, "-c", "/run/unix.conf"});
-        ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(path); }));
+        ASSERT_TRUE(wait_until([&] { return is_served(path); }));
         Client client(path);
         ASSERT_TRUE(client.ask("/healthz"));
         EXPECT_TRUE(client.wait_for("ok\n"));
@@ -66,7 +72,7 @@ TEST(WebProgram, ReplacesTheSocketOfOneThatWasKilled)
     std::ofstream("/run/unix.conf") << "listen = [\"unix:" << path << "\"]\n";
     {
         ChildProcess killed({KP_WEB, "-c", "/run/unix.conf"});
-        ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(path); }));
+        ASSERT_TRUE(wait_until([&] { return is_served(path); }));
         Client client(path);
         ASSERT_TRUE(client.ask("/healthz"));
         ASSERT_TRUE(client.wait_for("ok\n"));
