@@ -23,14 +23,15 @@ struct LiveTopic {
     bool was_stuck = false;  // that write does not end, which has been reported
     bool is_due = false;     // the next look brings it again, even if it was not written
 
-    // Whoever reads the topic calls this with what was read. That may be a later write than the
-    // look saw, which must then not be brought again. What could not be read whole is brought
-    // again.
-    void note_read(const Snapshot &snapshot)
+    // Reads the topic for whoever was brought here. That may be a later write than the look saw,
+    // which is then not brought again. What could not be read whole is brought again.
+    std::optional<Snapshot> read()
     {
-        is_due = snapshot.condition == Condition::busy;
-        if (!is_due)
-            seen = stamp_of(snapshot);
+        auto snapshot = reader.read();
+        is_due = snapshot && snapshot->condition == Condition::busy;
+        if (snapshot && !is_due)
+            seen = stamp_of(*snapshot);
+        return snapshot;
     }
 };
 
@@ -56,8 +57,8 @@ class LiveStore {
     // that could not be read.
     void refresh();
 
-    // Calls `use(topic, is_new)` for each topic that was written since the last look. Whoever then
-    // reads the topic calls its note_read().
+    // Calls `use(topic, is_new)` for each topic that was written since the last look. Whoever shows
+    // the value takes it with the topic's read().
     template <typename Use> void for_each_change(const Use &use)
     {
         for (auto &[name, live] : topics_)

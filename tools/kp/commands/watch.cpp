@@ -116,9 +116,7 @@ class Watch {
     {
         if (is_complete() || (is_first_look_ && options_.no_initial))
             return;
-        auto snapshot = live.reader.read();
-        if (snapshot)
-            live.note_read(*snapshot);
+        auto snapshot = live.read();
         if (snapshot && snapshot->condition == Condition::corrupt)
             store_.report(value_problem(live.topic, *snapshot));
         if (!snapshot || snapshot->condition != Condition::value)
