@@ -17,9 +17,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <random>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -120,6 +122,54 @@ void leave_old_dead_socket(const std::string &path)
     make_old(path);
 }
 
+// As many lines of gc as do not fit into a pipe.
+constexpr int kMoreThanFits = 1500;
+
+// A `kp` whose output nobody reads until the test does.
+class UnreadRun {
+  public:
+    explicit UnreadRun(const std::vector<std::string> &arguments)
+    {
+        std::vector<std::string> words = {KP_PROGRAM};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        std::vector<char *> pointers;
+        for (std::string &word : words)
+            pointers.push_back(word.data());
+        pointers.push_back(nullptr);
+        std::array<int, 2> ends{};
+        EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+        pid_ = fork();
+        if (pid_ == 0) {
+            (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+            (void)dup2(ends[1], STDOUT_FILENO);
+            (void)execv(pointers[0], pointers.data());
+            _exit(127);
+        }
+        (void)close(ends[1]);
+        read_end_ = ends[0];
+    }
+    UnreadRun(const UnreadRun &) = delete;
+    UnreadRun &operator=(const UnreadRun &) = delete;
+    ~UnreadRun()
+    {
+        (void)close(read_end_); // ends it, should it still print
+        (void)waitpid(pid_, nullptr, 0);
+    }
+
+    std::string read_to_the_end() const
+    {
+        std::string text;
+        std::array<char, 4096> buffer;
+        for (ssize_t size = 1; size > 0; text.append(buffer.data(), static_cast<std::size_t>(size)))
+            size = std::max<ssize_t>(read(read_end_, buffer.data(), buffer.size()), 0);
+        return text;
+    }
+
+  private:
+    pid_t pid_ = -1;
+    int read_end_ = -1;
+};
+
 // The file under a name is the one that a socket or mapping was made on.
 bool is_reached(const std::string &path)
 {
@@ -187,30 +237,43 @@ TEST(KpGcRace, LeavesASocketThatIsBoundAndDoesNotListenYet)
 
 TEST(KpGcRace, ActsBeforeItPrintsHoweverSlowItsReaderIs)
 {
-    constexpr int count = 1500; // more lines than fit into a pipe
-    for (int index = 0; index < count; ++index)
+    for (int index = 0; index < kMoreThanFits; ++index)
         leave_old_dead_socket(kSockets + std::to_string(index));
-    std::array<int, 2> ends{};
-    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        (void)dup2(ends[1], STDOUT_FILENO);
-        (void)execl(KP_PROGRAM, "kp", "gc", nullptr);
-        _exit(127);
-    }
-    (void)close(ends[1]);
+    UnreadRun gc({"gc"});
 
     EXPECT_TRUE(wait_until([] { return fs::is_empty(kSockets); }));
     const auto restarted = UnixSocket::listening(std::string(kSockets) + "7");
-    std::string text;
-    std::array<char, 4096> buffer;
-    for (ssize_t size = 1; size > 0; text.append(buffer.data(), static_cast<std::size_t>(size)))
-        size = std::max<ssize_t>(read(ends[0], buffer.data(), buffer.size()), 0);
-    (void)waitpid(pid, nullptr, 0);
-    (void)close(ends[0]);
+    const std::string text = gc.read_to_the_end();
 
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), count);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), kMoreThanFits);
     EXPECT_TRUE(is_reached(std::string(kSockets) + "7"));
+}
+
+// The same of topics, dead counts and orphans: each is opened anew while gc waits for its reader.
+TEST(KpGcRace, LeavesTopicsThatOpenWhileItsOutputIsNotRead)
+{
+    for (int index = 0; index < kMoreThanFits; ++index) {
+        const std::string topic = "t/" + std::to_string(index);
+        put_double(topic, 1);
+        SegmentFile(topic).put_u64(at::last_write_ts, 1);
+        SegmentFile(topic).put_u8(at::provider_refs, index % 2 ? 1 : 0);
+        make_old(kStore + topic);
+    }
+    UnreadRun gc({"gc", "--orphans", "--trust-visible"});
+
+    EXPECT_TRUE(wait_until([] { return fs::is_empty("/dev/shm/zu-kp/t"); }));
+    kp_shm_t *counted = kp_shm_new("t/7", KP_ROLE_PROVIDER);
+    kp_shm_t *orphan = kp_shm_new("t/8", KP_ROLE_PROVIDER);
+    const std::string text = gc.read_to_the_end();
+
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), kMoreThanFits);
+    EXPECT_THAT(text, AllOf(HasSubstr("t/7: counts 1 providers and 0 consumers, 0 are open; "
+                                      "removed\n"),
+                            HasSubstr("t/8: an orphan")));
+    EXPECT_EQ(SegmentFile("t/7").u8(at::provider_refs), 1);
+    EXPECT_EQ(SegmentFile("t/8").u8(at::provider_refs), 1);
+    (void)kp_shm_destroy(counted, "t/7", KP_ROLE_PROVIDER);
+    (void)kp_shm_destroy(orphan, "t/8", KP_ROLE_PROVIDER);
 }
 
 TEST(KpGcRace, SaysWhatItCouldNotRemove)
