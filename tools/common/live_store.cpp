@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <fstream>
+#include <limits>
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace kp::tool {
 
@@ -25,6 +27,19 @@ bool same_time(const timespec &a, const timespec &b)
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
+// How many segments fit into half of the address space that a limit of it (ulimit -v) leaves. The
+// other half is for the program's own memory.
+std::size_t mappings_in_address_space()
+{
+    rlimit space{};
+    if (getrlimit(RLIMIT_AS, &space) != 0 || space.rlim_cur == RLIM_INFINITY)
+        return std::numeric_limits<std::size_t>::max();
+    std::size_t used = 0;
+    std::ifstream("/proc/self/statm") >> used; // in pages, and a segment takes one
+    const std::size_t all = space.rlim_cur / static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return all > used ? (all - used) / 2 : 0;
+}
+
 } // namespace
 
 LiveStore::Limits LiveStore::system_limits()
@@ -38,7 +53,8 @@ LiveStore::Limits LiveStore::system_limits()
         (void)getrlimit(RLIMIT_NOFILE, &descriptors);
     }
     const auto less = [](std::size_t all, std::size_t own) { return all > own ? all - own : 0; };
-    return {less(mappings, kOwnMappings), less(descriptors.rlim_cur, kOwnDescriptors)};
+    return {std::min(less(mappings, kOwnMappings), mappings_in_address_space()),
+            less(descriptors.rlim_cur, kOwnDescriptors)};
 }
 
 Means LiveStore::means_left() const
