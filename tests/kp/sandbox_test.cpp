@@ -1,11 +1,14 @@
 #include "kp_run.h"
 
+#include "testing/mounts.h"
 #include "testing/process.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -87,6 +90,57 @@ TEST(KpSandbox, DoesNotFollowALinkInPlaceOfTheStore)
 
     EXPECT_EQ(ran.out, "file\na/b\n");
     EXPECT_EQ(fs::exists("/run/victim/a"), false);
+}
+
+TEST(KpSandbox, LeadsTheCommandOutOfTheMachinesStoreInWhichItWasStarted)
+{
+    put_double("outside", 1);
+    fs::create_directory("/dev/shm/zu-kp/deep");
+    fs::create_directory("/run/providers");
+    const std::string before = store_picture();
+    const std::string kp_in = "'" KP_PROGRAM "' sandbox -- sh -c ";
+
+    const Ran store = run_program({"sh", "-c", "cd /dev/shm/zu-kp; " + kp_in + "'pwd; ls; >made'"});
+    const Ran sockets = run_program({"sh", "-c", "cd /run/providers; " + kp_in + "'>made'"});
+    const Ran deeper = run_program({"sh", "-c", "cd /dev/shm/zu-kp/deep; " + kp_in + "'>made'"});
+
+    EXPECT_EQ(store.out + store.err, "/dev/shm/zu-kp\n");
+    EXPECT_EQ(sockets.code, 0);
+    EXPECT_EQ(deeper.err, "kp: /dev/shm/zu-kp/deep: the working directory, in the sandbox: No such "
+                          "file or directory\n");
+    EXPECT_EQ(deeper.code, 125);
+    EXPECT_EQ(store_picture(), before);
+}
+
+TEST(KpSandbox, HandsOnNoDescriptorOfItsOwn)
+{
+    const std::string list = "ls -l /proc/self/fd | grep -v /proc/ | wc -l";
+
+    const Ran outside = run_program({"sh", "-c", list});
+    const Ran inside = kp({"sandbox", "--keep", "/run/copy", "--", "sh", "-c", list});
+
+    EXPECT_EQ(inside.out, outside.out);
+}
+
+// Each of these processes ends as soon as another has taken its place. They share the lock of a
+// file, which is free when none is left.
+TEST(KpSandbox, CatchesWhatForksAgainAndAgain)
+{
+    const Ran ran = sandboxed("python3 -c '\n"
+                              "import fcntl, os, signal\n"
+                              "signal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
+                              "file = open(\"/run/scripts/lock\", \"w\")\n"
+                              "fcntl.flock(file, fcntl.LOCK_EX)\n"
+                              "if os.fork(): os._exit(0)\n"
+                              "while True:\n"
+                              "    if os.fork(): os._exit(0)\n"
+                              "'");
+
+    EXPECT_EQ(ran.err.find("cannot be killed"), std::string::npos) << ran.err;
+    EXPECT_EQ(ran.code, 0);
+    const int lock = open("/run/scripts/lock", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);
+    (void)close(lock);
 }
 
 TEST(KpSandbox, ServesAnOrdinaryUserWhoKeepsHisNumber)
@@ -238,6 +292,23 @@ TEST(KpSandbox, KeepsNoLinkAndNothingThatIsNoSegment)
     EXPECT_TRUE(fs::is_empty("/run/copy"));
     EXPECT_NE(ran.err.find("link: not a segment (a symbolic link)"), std::string::npos);
     EXPECT_EQ(ran.code, 4);
+}
+
+TEST(KpSandbox, LeavesNoHalfSegmentInACopyThatDoesNotFit)
+{
+    const TinyTmpfs tiny("/run/tiny", 4);
+    const Ran ran = kp({"sandbox", "--keep", "/run/tiny", "--", "sh", "-c",
+                        "for name in 1 2 3 4 5 6 7 8; do '" KP_PROGRAM
+                        "' set $name 1 --type int8 >/dev/null --peer-wait 0; done"});
+
+    EXPECT_NE(ran.err.find("No space left on device"), std::string::npos) << ran.err;
+    EXPECT_EQ(ran.code, 5);
+    std::size_t files = 0;
+    for (const auto &file : fs::directory_iterator("/run/tiny")) {
+        EXPECT_EQ(file.file_size(), 4080U) << file.path();
+        ++files;
+    }
+    EXPECT_GT(files, 0U);
 }
 
 TEST(KpSandbox, MixesACopyWithNothing)

@@ -37,11 +37,32 @@ bool mark_sandbox()
            setenv(kMark, name.data(), 1) == 0;
 }
 
+// A working directory below the covered ones is still the machine's, in which the command would
+// work on the machine's store. So the process enters what the sandbox has by that name.
+bool enter_covered_directory(const std::string &name, Problem &problem)
+{
+    if (!name.starts_with("/dev/shm/") && !name.starts_with("/run/") && name != "/dev/shm" &&
+        name != "/run")
+        return true;
+    if (chdir(name.c_str()) == 0)
+        return true;
+    problem = system_problem(escaped(name) + ": the working directory, in the sandbox", errno);
+    return false;
+}
+
+std::string working_directory()
+{
+    std::array<char, PATH_MAX> name{};
+    return getcwd(name.data(), name.size()) ? name.data() : "";
+}
+
 bool make_sandbox(const SandboxOptions &options, Problem &problem)
 {
+    const std::string directory = working_directory();
     if (!enter_namespaces(options.no_network ? Network::none : Network::shared, problem) ||
         !give_own_directory("/dev/shm", "zu-kp", problem) ||
-        !give_own_directory("/run", "providers", problem))
+        !give_own_directory("/run", "providers", problem) ||
+        !enter_covered_directory(directory, problem))
         return false;
     if (!mark_sandbox()) {
         problem = system_problem("/proc/self/ns/mnt", errno);

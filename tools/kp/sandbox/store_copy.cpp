@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kp::tool {
 
@@ -43,9 +44,10 @@ bool StoreCopy::open(const std::string &directory, Problem &problem)
     return false;
 }
 
-UniqueFd StoreCopy::make_file(const std::string &topic) const
+UniqueFd StoreCopy::make_file(const std::string &topic, UniqueFd &parent) const
 {
-    UniqueFd here(openat(directory_.get(), ".", kDirectoryFlags));
+    UniqueFd &here = parent;
+    here.reset(openat(directory_.get(), ".", kDirectoryFlags));
     const auto levels = split_levels(topic);
     for (std::size_t index = 0; here && index + 1 < levels.size(); ++index) {
         const std::string level(levels[index]);
@@ -70,10 +72,14 @@ bool StoreCopy::copy_topic(const std::string &topic, Problem &problem) const
         problem = TopicOpener::not_a_segment(topic, from);
         return false;
     }
-    const UniqueFd to = make_file(topic);
+    UniqueFd parent;
+    const UniqueFd to = make_file(topic, parent);
+    errno = to ? ENOSPC : errno; // of a write that is only cut short
     if (to && write(to.get(), bytes.data(), bytes.size()) == kSegmentSize)
         return true;
     problem = system_problem(name_ + "/" + escaped(topic), errno);
+    if (to) // half a segment is none
+        (void)unlinkat(parent.get(), std::string(split_levels(topic).back()).c_str(), 0);
     return false;
 }
 

@@ -19,7 +19,8 @@ class StoreCopy {
 
   private:
     bool copy_topic(const std::string &topic, Problem &problem) const;
-    UniqueFd make_file(const std::string &topic) const;
+    // Makes the topic's file, and opens the directory that it lies in.
+    UniqueFd make_file(const std::string &topic, UniqueFd &parent) const;
 
     std::string name_;
     UniqueFd directory_;

@@ -11,6 +11,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -90,6 +92,17 @@ bool has_children()
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
 }
 
+// The kernel's own list takes microseconds where a look at all processes takes milliseconds, in
+// which a process that forks and ends at once is long another one. Not every kernel has it.
+std::vector<pid_t> own_children()
+{
+    const std::string self = std::to_string(getpid());
+    std::ifstream list("/proc/" + self + "/task/" + self + "/children");
+    if (!list)
+        return children_of(getpid());
+    return {std::istream_iterator<pid_t>(list), std::istream_iterator<pid_t>()};
+}
+
 // Orphans become children of this process one after another, so each look may find new ones.
 void end_the_rest()
 {
@@ -98,12 +111,17 @@ void end_the_rest()
     std::set<pid_t> killed;
     while (has_children() && monotonic_us() < start + 2 * kGraceUs) {
         const bool kills = monotonic_us() >= start + kGraceUs;
-        for (const pid_t pid : children_of(getpid())) {
-            if (kills && killed.insert(pid).second)
-                complain("killed what the command left behind: " + process_text(process_of(pid)));
-            if (kills || asked.insert(pid).second)
+        bool has_new = false;
+        for (const pid_t pid : own_children()) {
+            const bool is_new = (kills ? killed : asked).insert(pid).second;
+            if (is_new || kills)
                 (void)kill(pid, kills ? SIGKILL : SIGTERM);
+            if (is_new && kills) // dead, but not reaped: it still has its name
+                complain("killed what the command left behind: " + process_text(process_of(pid)));
+            has_new = has_new || is_new;
         }
+        if (kills && has_new)
+            continue; // one that forks and ends again and again is caught without a pause only
         const timespec pause{0, kPauseNs};
         (void)nanosleep(&pause, nullptr);
     }
