@@ -179,7 +179,43 @@ TEST(KpRestore, ReportsAnInputThatCannotBeRead)
     EXPECT_EQ(run_program({"bash", "-c", "'" KP_PROGRAM "' restore </run"}).err,
               "kp: standard input: Is a directory\n");
     EXPECT_EQ(run_program({"bash", "-c", "'" KP_PROGRAM "' set --batch </run"}).code, 4);
-    EXPECT_EQ(kp({"restore", "/dev/zero"}).err, "kp: /dev/zero: Message too long\n");
+}
+
+TEST(KpRestore, NamesALineThatIsTooLongAndLeavesOutTheRest)
+{
+    const std::string first = R"({"topic":"a","type":"int8","value":1})"
+                              "\n";
+    const std::string rest = "line 2 is longer than any record, so it and the rest are left out\n";
+
+    const Ran endless = kp({"restore", "/dev/zero"});
+    const Ran replay = kp({"replay", "--peer-wait", "0", "/dev/zero"});
+    const Ran second = kp({"restore"}, {.input = first + std::string(3 << 20, ' ') + "\n" + first});
+    const Ran batch =
+        kp({"set", "--batch", "--peer-wait", "0"}, {.input = first + std::string(3 << 20, ' ')});
+
+    EXPECT_EQ(endless.err, "kp: /dev/zero: line 1 is longer than any record, so it and the rest "
+                           "are left out\n");
+    EXPECT_EQ(endless.code, 2);
+    EXPECT_EQ(replay.err, endless.err);
+    EXPECT_EQ(replay.code, 2);
+    EXPECT_EQ(second.err, "kp: standard input: " + rest);
+    EXPECT_EQ(second.code, 2);
+    EXPECT_EQ(batch.err, "kp: standard input: " + rest);
+    EXPECT_EQ(kp({"get", "a"}).out, "1\n");
+}
+
+TEST(KpRestore, SaysWhatIsWrongWithANameWithAZeroByte)
+{
+    const std::string text = R"({"topic":"a\u0000b","type":"int8","value":1})";
+    const std::string bytes = R"({"topic_b64":"YQBi","type":"int8","value":1})";
+    const std::string message = "\"a\\0b\" is not a topic: a zero byte is in it\n";
+
+    const Ran ran = kp({"restore"}, {.input = text + "\n" + bytes + "\n" + R"({"value":1})"});
+
+    EXPECT_EQ(ran.err, "kp: line 1: " + message + "kp: line 2: " + message +
+                           "kp: line 3: \"topic\" is missing\n");
+    EXPECT_EQ(ran.code, 2);
+    EXPECT_EQ(kp({"list"}).out, "");
 }
 
 TEST(KpRestore, BringsBackTheMaximumOfATopicWhenForced)

@@ -467,6 +467,29 @@ TEST(KpBench, MeasuresAndLeavesNothingBehind)
     EXPECT_TRUE(std::filesystem::is_empty("/run/providers"));
 }
 
+TEST(KpBench, SaysWhatItMayNotMake)
+{
+    const uid_t user = other_user();
+    if (user == 0)
+        GTEST_SKIP() << "this test needs a second user";
+    std::filesystem::create_directories("/run/providers");
+    std::filesystem::create_directories("/dev/shm/zu-kp");
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 0777), 0);
+    ASSERT_EQ(chmod("/run/providers", 0755), 0);
+    const Ran no_endpoint = kp({"bench", "-t", "0.5"}, {.uid = user});
+    ASSERT_EQ(chmod("/run/providers", 0777), 0);
+    ASSERT_EQ(chmod("/dev/shm/zu-kp", 0755), 0);
+
+    const Ran no_topic = kp({"bench", "-t", "0.5"}, {.uid = user});
+
+    EXPECT_EQ(no_endpoint.err, "kp: /run/providers: no endpoint of its own: Permission denied\n");
+    EXPECT_EQ(no_endpoint.code, 3);
+    EXPECT_THAT(no_topic.err, testing::MatchesRegex("kp: kp-bench-.*/uint64: Permission denied\n"));
+    EXPECT_EQ(no_topic.code, 3);
+    EXPECT_TRUE(std::filesystem::is_empty("/run/providers"));
+    EXPECT_TRUE(std::filesystem::is_empty("/dev/shm/zu-kp"));
+}
+
 TEST(KpHelp, ExplainsEveryCommand)
 {
     const Ran all = kp({"help"});

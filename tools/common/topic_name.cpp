@@ -29,6 +29,10 @@ std::string join_levels(std::string_view first, std::string_view second)
 
 std::optional<std::string> normal_topic(std::string_view text, Problem &problem)
 {
+    if (text.find('\0') != std::string_view::npos) {
+        problem = {kUsage, "\"" + escaped(text) + "\" is not a topic: a zero byte is in it"};
+        return std::nullopt;
+    }
     std::string topic;
     for (const std::string_view level : split_levels(text)) {
         if (level == "." || level == ".." || level.size() > kMostLevelBytes) {

@@ -1,6 +1,8 @@
 // kp bench: what this device gives: writes, reads and notices, measured through the library on a
 // topic and two endpoints of its own.
 #include "commands/commands.h"
+#include "common/device/endpoints.h"
+#include "common/store_files.h"
 #include "common/text.h"
 #include "layout/segment.h"
 #include "layout/unique_fd.h"
@@ -11,6 +13,7 @@
 #include "running/stop.h"
 
 #include <array>
+#include <cerrno>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -51,7 +54,7 @@ int wake(kp_t *handle, const kp_write_info *, void *)
 class Handle {
   public:
     Handle(const std::string &name, kp_callback_t callback)
-        : handle_(kp_new(name.c_str(), callback))
+        : handle_(kp_new(name.c_str(), callback)), error_(handle_ ? 0 : errno)
     {
     }
     Handle(const Handle &) = delete;
@@ -67,9 +70,15 @@ class Handle {
     {
         return handle_;
     }
+    // Why there is none; 0 where there is one.
+    int error() const
+    {
+        return error_;
+    }
 
   private:
     kp_t *handle_;
+    int error_;
 };
 
 // Calls `act` in batches for so long and returns the calls in a second.
@@ -178,10 +187,15 @@ struct Bench {
         (void)rmdir((std::string(kStoreRoot) + "/" + directory).c_str());
     }
 
-    bool make_tags()
+    bool make_tags(Problem &problem)
     {
-        if (!provider.get() || !consumer.get())
+        if (const int error = provider.error() != 0 ? provider.error() : consumer.error()) {
+            problem =
+                system_problem(std::string(kProvidersRoot) + ": no endpoint of its own", error);
+            if (problem.code != kPermission)
+                problem.code = kLimit;
             return false;
+        }
         const std::string small_topic = directory + "/uint64";
         const std::string large_topic = directory + "/raw";
         small = kp_tag_provider_new(provider.get(), small_topic.c_str(), KP_TYPE_UINT64, 8, 0);
@@ -189,7 +203,14 @@ struct Bench {
                                     KP_MAX_VALUE_SIZE, 0);
         small_in = kp_tag_consumer_new(consumer.get(), small_topic.c_str());
         large_in = kp_tag_consumer_new(consumer.get(), large_topic.c_str());
-        return small && large && small_in && large_in;
+        if (small && large && small_in && large_in)
+            return true;
+        // The library made its handles, so its failure is of the topics alone: their reason shows
+        // when one is made without it.
+        TopicOpener opener;
+        if (opener.make_place(small_topic, problem))
+            problem = {kLimit, "no topic of its own could be made (kp doctor)"};
+        return false;
     }
 };
 
@@ -199,9 +220,9 @@ int run_bench(const BenchOptions &options)
     const UniqueFd event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     const int event_number = event.get();
     Bench bench(own_endpoint_name("bench"));
-    if (!bench.make_tags())
-        return complain(
-            Problem{kLimit, "no endpoint or topic of its own could be made (kp doctor)"});
+    Problem problem;
+    if (!bench.make_tags(problem))
+        return complain(problem);
 
     const auto part = static_cast<uint64_t>(options.seconds * 1e6 / kParts);
     kp_t *provider = bench.provider.get();

@@ -62,8 +62,8 @@ int restore_from(int fd, const RestoreOptions &options)
     while (const auto line = lines.next())
         if (!restore_line(*line, options, sender, problem))
             outcome.note(lines.at_line(problem));
-    if (lines.error() != 0)
-        outcome.note(system_problem(input_name(options.file), lines.error()));
+    if (const auto unread = lines.problem(input_name(options.file)))
+        outcome.note(*unread);
     if (!sender.send(static_cast<uint64_t>(options.peer_wait * 1e6), problem))
         outcome.note(problem);
     return outcome.code();

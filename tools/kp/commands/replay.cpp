@@ -55,8 +55,8 @@ class Replay {
             if (!play(*line, problem))
                 outcome_.note(lines_.at_line(problem));
         }
-        if (lines_.error() != 0)
-            outcome_.note(system_problem(input_name(options_.file), lines_.error()));
+        if (const auto problem = lines_.problem(input_name(options_.file)))
+            outcome_.note(*problem);
         notify();
         return outcome_.code();
     }

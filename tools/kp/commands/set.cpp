@@ -220,8 +220,8 @@ int set_batch(const SetOptions &options)
         print_change(options, record->write, *target);
         sender.mark(record->write.topic, record->write.spelling, target->is_new);
     }
-    if (lines.error() != 0)
-        outcome.note(system_problem(input_name("-"), lines.error()));
+    if (const auto unread = lines.problem(input_name("-")))
+        outcome.note(*unread);
     outcome.note(send_notice(sender, options));
     return outcome.code();
 }

@@ -29,6 +29,16 @@ Problem LineReader::at_line(Problem problem) const
     return problem;
 }
 
+std::optional<Problem> LineReader::problem(const std::string &name) const
+{
+    if (is_too_long_)
+        return Problem{kUsage, name + ": line " + std::to_string(number_ + 1) +
+                                   " is longer than any record, so it and the rest are left out"};
+    if (error_ != 0)
+        return system_problem(name, error_);
+    return std::nullopt;
+}
+
 std::optional<std::string> LineReader::next()
 {
     auto line = next_of_any();
@@ -62,7 +72,7 @@ bool LineReader::read_more()
         return false;
     }
     if (ready_.size() - start_ > kLongestLine) {
-        error_ = EMSGSIZE;
+        is_too_long_ = true;
         return false;
     }
     is_at_end_ = size == 0;

@@ -26,12 +26,9 @@ class LineReader {
     {
         return ready_.find('\n', start_) != std::string::npos;
     }
-    // The errno of the read that failed; EMSGSIZE after a line that is too long for a record; else
-    // 0.
-    int error() const
-    {
-        return error_;
-    }
+    // Why next() gave nothing before the end of the file, told about the file by its name: a read
+    // that failed, or a line that is too long for a record. Nothing at the end and after a signal.
+    std::optional<Problem> problem(const std::string &name) const;
 
   private:
     std::optional<std::string> next_of_any();
@@ -42,7 +39,8 @@ class LineReader {
     std::size_t start_ = 0;  // of what was not given out yet
     std::size_t number_ = 0; // of the line that was given out last
     bool is_at_end_ = false;
-    int error_ = 0;
+    bool is_too_long_ = false;
+    int error_ = 0; // the errno of the read that failed
 };
 
 // What to call a file in a message, where "-" stands for standard input.

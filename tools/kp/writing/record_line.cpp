@@ -69,7 +69,7 @@ bool take_topic(const json &object, Write &write, Problem &problem)
         return false;
     if (exact)
         topic = exact;
-    if (!topic || topic->find('\0') != std::string::npos) {
+    if (!topic) {
         problem = {kUsage, "\"topic\" is missing"};
         return false;
     }
