@@ -7,11 +7,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kp::mqtt {
@@ -199,13 +195,6 @@ ConfigurationResult finish(const toml::table &file, const std::string &path)
     return result;
 }
 
-ConfigurationResult unreadable(const toml::parse_error &error, const std::string &path)
-{
-    return {{},
-            {path + ":" + std::to_string(error.source().begin.line) + ": " +
-             std::string(error.description())}};
-}
-
 } // namespace
 
 bool OutRule::takes(std::string_view tag) const
@@ -263,22 +252,18 @@ std::string Configuration::summary() const
 
 ConfigurationResult load_configuration(const std::string &path)
 {
-    struct stat status {};
-    std::ifstream file(path);
-    if (!file || stat(path.c_str(), &status) != 0)
-        return {{}, {path + ": " + std::strerror(errno)}};
-    if (S_ISDIR(status.st_mode))
-        return {{}, {path + ": " + std::strerror(EISDIR)}};
-    return parse_configuration(std::string{std::istreambuf_iterator<char>(file), {}}, path);
+    const auto text = tool::read_configuration_text(path);
+    if (!text)
+        return {{}, {text.problem}};
+    return parse_configuration(*text.value, path);
 }
 
 ConfigurationResult parse_configuration(std::string_view text, const std::string &path)
 {
-    try {
-        return finish(tool::parse_toml(text), path);
-    } catch (const toml::parse_error &error) {
-        return unreadable(error, path);
-    }
+    const auto file = tool::parse_configuration_text(text, path);
+    if (!file)
+        return {{}, {file.problem}};
+    return finish(*file.value, path);
 }
 
 } // namespace kp::mqtt

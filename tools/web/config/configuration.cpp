@@ -6,13 +6,9 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <sys/stat.h>
 #include <sys/un.h>
 
 namespace kp::web {
@@ -155,27 +151,20 @@ tool::Selection Configuration::shown() const
 
 ConfigurationResult load_configuration(const std::string &path)
 {
-    struct stat status {};
-    std::ifstream file(path);
-    if (!file || stat(path.c_str(), &status) != 0)
-        return {{}, {path + ": " + std::strerror(errno)}};
-    if (S_ISDIR(status.st_mode))
-        return {{}, {path + ": " + std::strerror(EISDIR)}};
-    return parse_configuration(std::string{std::istreambuf_iterator<char>(file), {}}, path);
+    const auto text = tool::read_configuration_text(path);
+    if (!text)
+        return {{}, {text.problem}};
+    return parse_configuration(*text.value, path);
 }
 
 ConfigurationResult parse_configuration(std::string_view text, const std::string &path)
 {
-    try {
-        const toml::table file = tool::parse_toml(text);
-        ConfigurationResult result;
-        result.configuration = ConfigurationReader(path, result.problems).read(file);
-        return result;
-    } catch (const toml::parse_error &error) {
-        return {{},
-                {path + ":" + std::to_string(error.source().begin.line) + ": " +
-                 std::string(error.description())}};
-    }
+    const auto file = tool::parse_configuration_text(text, path);
+    if (!file)
+        return {{}, {file.problem}};
+    ConfigurationResult result;
+    result.configuration = ConfigurationReader(path, result.problems).read(*file.value);
+    return result;
 }
 
 } // namespace kp::web
