@@ -103,10 +103,7 @@ bool notify_server_init(kp_notify_t &endpoint)
     if (!fd)
         return false;
     store_release(endpoint.client_fds[kListeningSlot], fd.release());
-    if (!start_thread(endpoint.connecting_thread, subscriber_connecting_listener, endpoint))
-        return false;
-    wait_for(endpoint.stop_cleared); // cleared later, it could undo a close
-    return true;
+    return start_thread(endpoint.connecting_thread, subscriber_connecting_listener, endpoint);
 }
 
 bool notify_client_init(kp_notify_t &endpoint)
@@ -121,8 +118,8 @@ bool notify_client_init(kp_notify_t &endpoint)
             return false;
         if (!start_thread(endpoint.linkup_thread, publisher_linkup_listener, endpoint))
             return false;
-        wait_for(endpoint.watch_tried); // a socket made between scan and watch would stay unseen
         (void)usleep(kScanDelayUs);
+        wait_for(endpoint.watch_tried); // a socket made between scan and watch would stay unseen
         // Not every system shows a stream what was made after its opening.
         dir.rewind();
         while (const dirent *entry = dir.next()) {
@@ -192,8 +189,10 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
         KP_ERROR("init server failed\n");
         return nullptr;
     }
-    if (!notify_client_init(*started)) {
-        const KeepErrno keep;
+    const bool has_joined = notify_client_init(*started);
+    const KeepErrno keep;
+    wait_for(started->stop_cleared); // cleared later, it could undo a close
+    if (!has_joined) {
         KP_ERROR("client failed\n");
         (void)kp_notify_close(&started);
         return nullptr;
