@@ -114,7 +114,7 @@ def main():
         tags = run(programs / "growth-tags", "--benchmark_format=json", "--benchmark_min_time=0.05")
         write("growth", (tags or {}).get("benchmarks", []))
     if "tools" in wanted:
-        kp = str(build / "tools" / "kp")
+        kp = str(build / "tools" / "kp" / "kp")
         write("tools", run(ROOT / "bench" / "tools" / "run", kp, "--json") or [])
     if "mqtt" in wanted:
         subprocess.run([ROOT / "bench" / "mqtt" / "run", build], check=True)

@@ -23,8 +23,7 @@ constexpr unsigned kOthers = 30;
 struct Opening {
     double open_ms;
     double close_ms;
-    double private_kb_before;
-    double private_kb;
+    double private_kb; // more than before the opening
     double stack_kb;
     double threads;
 };
@@ -89,12 +88,12 @@ void settle()
 int open_once(Channel &channel, unsigned index, Report &report)
 {
     Opening &opening = report.openings[index];
-    opening.private_kb_before = private_kb();
+    const double private_kb_before = private_kb();
     const uint64_t start = now_ns();
     auto receiver = channel.open_receiver(index, [](const Message &) {});
     opening.open_ms = static_cast<double>(now_ns() - start) / 1e6;
     settle();
-    opening.private_kb = private_kb();
+    opening.private_kb = private_kb() - private_kb_before;
     opening.stack_kb = stack_kb();
     opening.threads = thread_count();
     report.ready.fetch_add(1);
@@ -155,7 +154,6 @@ void measure_footprint(const NoticeContestant &contestant, nlohmann::json &rows)
                     {"open_beside_30_ms", rounded(crowded.open_ms)},
                     {"close_beside_30_ms", rounded(crowded.close_ms)},
                     {"each_open_ms", each_open_ms},
-                    {"private_kb_before", median_of(alone, &Opening::private_kb_before)},
                     {"private_kb", median_of(alone, &Opening::private_kb)},
                     {"private_beside_30_kb", rounded(crowded.private_kb)},
                     {"threads", median_of(alone, &Opening::threads)},
