@@ -109,7 +109,7 @@ const std::vector<Message> &messages()
 {
     static const std::vector<Message> all{
         {Call::syscall,
-         {"open shm(increase 'ulimit -n'): ", "create fail", ""}}, // a list is silent
+         {"open shm(increase 'ulimit -n'): ", "create fail", ""}},               // a list is silent
         {Call::openat, {"open shm(increase 'ulimit -n'): ", "create fail", ""}}, // so is it here
         {Call::ftruncate, {"ftruncate: "}},
         {Call::fallocate, {"ftruncate: "}},
