@@ -1,5 +1,5 @@
-// Runs a command on a system that does not know openat2, as older kernels and containers do not, where
-// the library enters the levels of a path one by one.
+// Runs a command on a system that does not know openat2, as older kernels and containers do not,
+// where the library enters the levels of a path one by one.
 #include <array>
 #include <cerrno>
 #include <cstddef>
