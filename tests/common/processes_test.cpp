@@ -1,6 +1,7 @@
 #include "common/processes.h"
 
 #include "testing/child.h"
+#include "testing/process.h"
 #include "testing/segment_file.h"
 #include "testing/store_provider.h"
 
@@ -22,18 +23,26 @@ struct stat status_of(const std::string &path)
 
 } // namespace
 
+// A child, since an emulator makes up what a process reads of itself.
 TEST(ProcessOf, GivesNameUserAndStateOfAProcess)
 {
-    ASSERT_EQ(prctl(PR_SET_NAME, "a) b\n"), 0);
+    ChildProcess child([](Channel &parent) {
+        if (prctl(PR_SET_NAME, "a) b\n") != 0 || !parent.tell("named"))
+            return 1;
+        return parent.hear() ? 0 : 1;
+    });
+    ASSERT_EQ(child.hear(), "named");
 
-    const Process process = process_of(getpid());
+    EXPECT_TRUE(wait_until([&] { return process_of(child.pid()).state == 'S'; }));
+    const Process process = process_of(child.pid());
 
-    EXPECT_EQ(process.pid, getpid());
+    EXPECT_EQ(process.pid, child.pid());
     EXPECT_EQ(process.program, "a) b");
     EXPECT_EQ(process.user, user_name(geteuid()));
-    EXPECT_EQ(process.state, 'R');
     EXPECT_EQ(process_text(process),
-              std::to_string(getpid()) + " a) b (" + user_name(geteuid()) + ")");
+              std::to_string(child.pid()) + " a) b (" + user_name(geteuid()) + ")");
+    (void)child.tell("end");
+    EXPECT_EQ(child.wait(), 0);
 }
 
 TEST(StartOf, TellsProcessesApart)
