@@ -1,8 +1,10 @@
 #include "kp_run.h"
 
+#include "testing/child.h"
 #include "testing/mounts.h"
 #include "testing/process.h"
 
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -10,7 +12,10 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace kptest;
@@ -270,6 +275,28 @@ TEST_P(KpSandboxKilled, TakesAlongWhatRuns)
 
 INSTANTIATE_TEST_SUITE_P(Of, KpSandboxKilled,
                          testing::Values("$PPID", "$(cut -d' ' -f4 /proc/$PPID/stat)"));
+
+// Each round a little later: while the namespaces are made, before, between and behind the two
+// forks, and when the command runs. What outlived its sandbox would become this test's child.
+class KpSandboxMoment : public testing::TestWithParam<int> {};
+
+TEST_P(KpSandboxMoment, LeavesNothingWheneverASignalComes)
+{
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    for (int round = 0; round < 60; ++round) {
+        ChildProcess sandbox(
+            std::vector<std::string>{KP_PROGRAM, "sandbox", "--", "sleep", "1000"});
+        std::this_thread::sleep_for(std::chrono::microseconds(300) * round);
+        sandbox.signal(GetParam());
+
+        EXPECT_EQ(sandbox.wait(), 128 + GetParam()) << "round " << round;
+        EXPECT_TRUE(wait_until([] { return waitpid(-1, nullptr, WNOHANG) < 0; }))
+            << "round " << round;
+    }
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 0), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, KpSandboxMoment, testing::Values(SIGTERM, SIGINT, SIGHUP, SIGKILL));
 
 TEST(KpSandbox, KeepsACopyOfTheStore)
 {
