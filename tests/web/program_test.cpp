@@ -94,7 +94,7 @@ TEST(WebProgram, EndsWithAReasonWhereItCannotListen)
     const WebProgram first;
     std::ofstream("/run/taken.conf") << "listen = [\"127.0.0.1:" << first.port() << "\"]\n";
 
-    ChildProcess second({"/bin/sh", "-c", "exec " KP_WEB " -c /run/taken.conf 2>/run/said"});
+    ChildProcess second({"/bin/sh", "-c", "exec '" KP_WEB "' -c /run/taken.conf 2>/run/said"});
 
     EXPECT_EQ(second.wait(), 1);
     std::string said;

@@ -49,7 +49,8 @@ WebProgram::WebProgram(const std::string &more)
     std::filesystem::create_directory(folder_);
     configure(more);
     process_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-        "/bin/sh", "-c", "exec " KP_WEB " -c " + folder_ + "/kp-web.conf 2>>" + folder_ + "/log"});
+        "/bin/sh", "-c",
+        "exec '" KP_WEB "' -c " + folder_ + "/kp-web.conf 2>>" + folder_ + "/log"});
     const std::string said = "listening on 127.0.0.1:";
     if (!wait_for_log(said))
         ADD_FAILURE() << "kp-web does not start: " << log();
