@@ -16,10 +16,11 @@ def run(*command, cwd):
     return result.returncode, result.stdout + result.stderr
 
 
-@pytest.fixture
-def cache(tmp_path):
+# One for all tests, since mypy reads the standard library's own stubs into it first.
+@pytest.fixture(scope="module")
+def cache(tmp_path_factory):
     pytest.importorskip("mypy")
-    return tmp_path / "cache"
+    return tmp_path_factory.mktemp("mypy")
 
 
 def test_the_package_passes_strict_checks(cache):

@@ -1,6 +1,7 @@
 #include "outbound/lost_providers.h"
 
 #include "base/log.h"
+#include "common/clock.h"
 
 #include <algorithm>
 
@@ -10,7 +11,8 @@ namespace {
 
 // The least time between two looks.
 constexpr milliseconds kPause{1000};
-// A look waits so many times as long as the last one took.
+// A look waits for so many times the processor time that the last one took. By the clock on the wall
+// a machine that is busy with other things would hear of a killed provider minutes later.
 constexpr int kShare = 20;
 // After a process has ended, a second look follows, for who was opening or closing just then.
 constexpr milliseconds kSecondLook{5000};
@@ -42,11 +44,11 @@ void LostProviders::look(Clock::time_point now)
     if (is_second)
         second_look_.reset();
     wants_look_ = false;
-    const auto start = Clock::now();
+    const uint64_t start = tool::clock_us(CLOCK_THREAD_CPUTIME_ID);
     const unsigned handles = topics_.take_census(holders_.take(), now);
     log(Level::debug, "the topics have " + std::to_string(handles) + " open handles");
-    const auto cost = std::chrono::ceil<milliseconds>(Clock::now() - start);
-    next_look_ = now + std::max(kPause, kShare * cost);
+    const std::chrono::microseconds cost(tool::clock_us(CLOCK_THREAD_CPUTIME_ID) - start);
+    next_look_ = now + std::max(kPause, std::chrono::ceil<milliseconds>(kShare * cost));
 }
 
 std::optional<Clock::time_point> LostProviders::wants_scan_at() const
