@@ -11,8 +11,8 @@ namespace {
 
 // The least time between two looks.
 constexpr milliseconds kPause{1000};
-// A look waits for so many times the processor time that the last one took. By the clock on the wall
-// a machine that is busy with other things would hear of a killed provider minutes later.
+// A look waits for so many times the processor time that the last one took. By the clock on the
+// wall a machine that is busy with other things would hear of a killed provider minutes later.
 constexpr int kShare = 20;
 // After a process has ended, a second look follows, for who was opening or closing just then.
 constexpr milliseconds kSecondLook{5000};
