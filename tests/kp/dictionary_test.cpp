@@ -421,7 +421,7 @@ TEST_F(KpDictionary, IsNotReadByACommandThatNeedsNone)
     EXPECT_THAT(kp({"list", "-l"}, missing).err, HasSubstr("/nowhere: No such file"));
 }
 
-TEST_F(KpDictionary, WatchFollowsItsChangesAndKeepsTheOldOneWhileTheNewHasMistakes)
+TEST_F(KpDictionary, WatchFollowsItsChangesAndKeepsTheOldOneDespiteMistakes)
 {
     const auto replace = [this](const std::string &text) {
         write("new", text);

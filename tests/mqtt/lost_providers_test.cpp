@@ -36,7 +36,7 @@ TEST(Outbound, SaysWithTheQualityThatTheProvidersWereKilled)
     EXPECT_FALSE(outbound.topics().counts_changed());
 }
 
-TEST(Outbound, TakesAValueThatWasWrittenAfterTheProvidersWereKilledForALiveOne)
+TEST(Outbound, TakesAValueWrittenAfterTheProvidersWereKilledForALiveOne)
 {
     StoreProvider provider("a/1");
     provider.write("x", 1, 3);

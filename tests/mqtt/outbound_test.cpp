@@ -140,7 +140,7 @@ TEST(Outbound, KeepsTheQualityOfATopicThatAToolHasDeclared)
     (void)kp_shm_destroy(consumer, "a/2", KP_ROLE_CONSUMER);
 }
 
-TEST(Outbound, KeepsTheQualityOfATopicThatIsMadeByNameAfterItsProviderHasLeft)
+TEST(Outbound, KeepsTheQualityOfATopicMadeByNameAfterItsProviderHasLeft)
 {
     OutboundOf outbound("");
     StoreProvider provider("a/1");

@@ -134,7 +134,7 @@ TEST_F(Links, OfSomebodyElseMakeNoDirectories)
     expect_nothing_happened_outside();
 }
 
-TEST_F(Links, OfSomebodyElseInPlaceOfTheStoreMakeNoDirectoriesWithoutDescriptorsEither)
+TEST_F(Links, OfSomebodyElseForTheStoreLeadNowhereWithoutDescriptorsEither)
 {
     fs::remove(kStore);
     KP_NEEDS_FOREIGN_LINK(kOutside, kStore);
@@ -145,7 +145,7 @@ TEST_F(Links, OfSomebodyElseInPlaceOfTheStoreMakeNoDirectoriesWithoutDescriptors
     expect_nothing_happened_outside();
 }
 
-TEST_F(Links, OfSomebodyElseThatComeAfterTheOpeningAreNotFollowedByTheClosing)
+TEST_F(Links, OfSomebodyElseThatComeAfterTheOpeningMisleadNoClosing)
 {
     OpenedSegment shm("a/passwd");
     fs::rename(kStore / "a", kStore / "old");

@@ -190,7 +190,7 @@ class Page(unittest.TestCase):
         self.browser.switch_to.active_element.send_keys(Keys.CONTROL, "a")
         self.browser.switch_to.active_element.send_keys(text)
 
-    def test_the_table_fills_with_values_and_what_the_dictionary_knows(self):
+    def test_the_table_shows_values_and_what_the_dictionary_knows(self):
         put("plant/press/speed", 12.5, "double")
         put("plant/press/door", "closed", "string")
         wait_for(lambda: self.row("plant/press/speed")[1] == "12.5 m/s")
@@ -215,7 +215,7 @@ class Page(unittest.TestCase):
         # With the start of kp, which is the most of it; a page that polled would need seconds.
         self.assertLess(min(delays), 300, delays)
 
-    def test_a_filter_takes_text_and_patterns_and_stands_in_the_address(self):
+    def test_a_filter_takes_text_or_pattern_and_is_in_the_address(self):
         self.type_filter("press")
         wait_for(lambda: len(self.all("#rows tr.row")) == 3)
         self.type_filter("plant/+/temperature")
