@@ -1,4 +1,4 @@
-// Endpoints that start at one moment: the time until each is connected to each.
+// Measures how long it takes endpoints that start at one moment until each is connected to each.
 #include "support/clock.h"
 #include "support/collect.h"
 #include "support/futex.h"
@@ -45,8 +45,8 @@ int run_endpoint(Board &board, unsigned index)
     return kp_destroy(handle) == 0 ? 0 : 1;
 }
 
-// Accepted connections on sockets in /run/providers: the kernel lists them with the path of the
-// listening socket and the state 3.
+// Gives the accepted connections on sockets in /run/providers: the kernel lists them with the path
+// of the listening socket and the state 3.
 unsigned accepted_connections()
 {
     std::ifstream file("/proc/net/unix");
@@ -58,8 +58,8 @@ unsigned accepted_connections()
     return count;
 }
 
-// Nothing when they never are: two that find each other twice take two of the 31 places for peers,
-// so that others find none.
+// Gives nothing when they are never all connected: two that find each other twice take two of the
+// 31 places for peers, so that others find none.
 std::optional<double> time_until_connected_ms(unsigned endpoints)
 {
     const auto board = make_shared_memory<Board>();

@@ -47,7 +47,7 @@ void check(bool condition, const char *what)
     std::exit(1);
 }
 
-// A handle with so many provider tags, of which some were written by another, which nobody reads.
+// A handle with so many provider tags. Another process has written some of them, and nobody reads.
 struct Tags {
     explicit Tags(int64_t count) : handle(kp_new(nullptr, nullptr))
     {
@@ -134,7 +134,7 @@ void walk(benchmark::State &state)
     check(found >= changed, "the walk finds what changed");
 }
 
-// So many topics in the store, ten of them apart.
+// A store with so many topics; ten of them stand apart.
 void fill_store(int64_t count)
 {
     static int64_t filled = 0;
@@ -177,7 +177,7 @@ void subscribe_pattern(benchmark::State &state)
     (void)kp_destroy(handle);
 }
 
-// What an announced topic costs a handle with so many patterns, none of which covers it.
+// Measures what an announced topic costs a handle with so many patterns, none of which covers it.
 void match_new_tag(benchmark::State &state)
 {
     kp_t *handle = kp_new(nullptr, nullptr);

@@ -20,7 +20,7 @@ OPERATIONS = (
     "number_read",
     "typed_read",
 )
-# The header for C++ may cost so much more than the calls in C that it makes.
+# So much more may the header for C++ cost than the calls in C that it makes.
 TYPED = {"typed_write": "number_write", "typed_read": "number_read"}
 MOST_TYPED = 1.05
 TOLERANCE = 0.03

@@ -63,7 +63,7 @@ int run_peer(int count)
 
 int answer_fd = -1;
 
-// The walk that every application makes; nothing needs a read, so that each notice costs the same.
+// Walks the notice as every application does. Nothing needs a read, so each notice costs the same.
 int take_notice(kp_t *handle, const kp_write_info *notice, void *)
 {
     kp_tag_iter_t iter{};

@@ -1,6 +1,6 @@
-// Writes numbers to many tags at a steady rate, one notice a round, and says how many it wrote and
-// how long half and 99 of 100 rounds took at most, in ns. Or follows these tags, as the least that
-// any peer does.
+// Writes numbers to many tags at a steady rate, with one notice for each round. Says how many it
+// wrote, and how long half of the rounds and 99 of 100 took at most, in ns. Or follows these tags,
+// and does no more than any peer must.
 //
 //   mqtt-changes TOPICS ROUNDS_PER_SECOND SECONDS      0 rounds a second: as fast as they go
 //   mqtt-changes follow

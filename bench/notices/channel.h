@@ -1,5 +1,5 @@
-// What the notice benchmark asks of a contestant: to tell one or more other processes of a changed
-// value, so that each holds the value when its callback runs.
+// What the notice benchmark asks of a contestant. It tells one or more other processes of a changed
+// value, and each of them holds the value when its callback runs.
 #pragma once
 
 #include "support/process.h"
@@ -16,7 +16,7 @@ namespace bench {
 
 constexpr unsigned kMostReceivers = 31;
 
-// The value: its number, then padding to the size of a small record.
+// The value. Padding behind its number gives it the size of a small record.
 struct Message {
     uint64_t number = 0;
     std::array<std::byte, 56> padding{};
@@ -41,7 +41,7 @@ using Delivered = std::function<void(const Message &)>;
 class Channel {
   public:
     virtual ~Channel() = default;
-    // Before the processes part: for what they can only inherit.
+    // Is called before the processes part, for what they can only inherit.
     virtual void prepare(unsigned receivers)
     {
         (void)receivers;
@@ -64,7 +64,7 @@ template <typename T> std::function<std::unique_ptr<Channel>()> channel_of()
 // Each program of the benchmark defines its own.
 std::vector<NoticeContestant> notice_contestants();
 
-// A name that no other run of a channel has had in this run.
+// Makes a name that no other run of a channel has had in this run.
 std::string unique_name(const char *stem);
 
 void require(bool condition, const char *what);

@@ -32,7 +32,7 @@ struct Topic {
     Topic &operator=(const Topic &) = delete;
     ~Topic()
     {
-        (void)dds_delete(participant); // and all that belongs to it
+        (void)dds_delete(participant); // and with it all that belongs to it
         dds_delete_qos(qos);
     }
 

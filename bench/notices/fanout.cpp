@@ -10,13 +10,13 @@ namespace bench {
 namespace {
 
 constexpr unsigned kRounds = 10;
-constexpr unsigned kExchanges = 10; // of each, in a round
+constexpr unsigned kExchanges = 10; // with each side in a round
 constexpr uint64_t kMostNs = 400'000'000;
 
 struct Figures {
     std::vector<double> delay_us;
     std::vector<double> cost_us;
-    std::vector<double> cpu_us; // per exchange, one for each round
+    std::vector<double> cpu_us; // of one exchange, in each round
     std::vector<double> round_delay_us;
 };
 

@@ -34,7 +34,7 @@ struct Report {
     std::atomic<uint32_t> end{0};
 };
 
-// The sum of a figure over the lines of a file of /proc that begin so.
+// Gives the sum of a figure over the lines of a file of /proc that begin with one of these words.
 double sum_of(const char *path, std::initializer_list<const char *> keys)
 {
     std::ifstream file(path);
@@ -56,7 +56,8 @@ double thread_count()
     return sum_of("/proc/self/status", {"Threads:"});
 }
 
-// Address space of the threads' stacks: private writable mappings of several MB without a name.
+// Gives the address space of the threads' stacks: private writable mappings of several MB without a
+// name.
 double stack_kb()
 {
     std::ifstream file("/proc/self/maps");

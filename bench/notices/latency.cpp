@@ -1,5 +1,5 @@
-// From before the send to the callback that holds the value, with one receiver: as fast as the
-// receiver takes them, and paced at 1 kHz.
+// Measures the time from before the send to the callback that holds the value, with one receiver:
+// once with values sent as fast as the receiver takes them, and once with 1,000 a second.
 #include "notices/measure.h"
 
 #include "notices/session.h"
@@ -10,7 +10,7 @@ namespace bench {
 namespace {
 
 constexpr unsigned kRounds = 12;
-constexpr unsigned kExchanges = 150; // of each, in a round
+constexpr unsigned kExchanges = 150; // with each side in a round
 constexpr uint64_t kMostNs = 1'200'000'000;
 constexpr unsigned kPaced = 1000;
 constexpr uint64_t kPaceNs = 1'000'000;

@@ -1,4 +1,5 @@
-// The limit beside itself, with one receive call and with two, and what wakes without a payload.
+// The limit compared with itself, with one receive call and with two, and with what wakes without a
+// payload.
 #include "notices/socket_channel.h"
 #include "support/futex.h"
 #include "support/shared_memory.h"

@@ -1,4 +1,4 @@
-// The three measurements of a notice contestant. Each adds its rows.
+// The three measurements of a notice contestant. Each adds its rows to the results.
 #pragma once
 
 #include "notices/channel.h"

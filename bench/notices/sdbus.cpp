@@ -1,6 +1,6 @@
 // sdbus-c++: a signal on a session bus whose broker (dbus-daemon) the run starts, received on the
-// connection's own event loop. What an engineer on Linux would take for changes on a loop
-// otherwise.
+// connection's own event loop. An engineer on Linux would otherwise take this for changes on a
+// loop.
 #include "notices/channel.h"
 
 #include <fstream>

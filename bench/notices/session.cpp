@@ -18,9 +18,9 @@ void note_delivery(Board &board, unsigned index, const Message &message)
 {
     const uint64_t now = now_ns();
     if (message.number != board.number.load(std::memory_order_acquire))
-        return; // of an exchange that was given up
+        return; // it belongs to an exchange that was given up
     if (board.delivered_at[index].exchange(now) != 0)
-        return; // a second time: some connect twice while they find each other
+        return; // it comes again: some connect twice while they find each other
     if (board.missing.fetch_sub(1) == 1)
         futex_wake_all(board.missing);
 }

@@ -13,9 +13,9 @@ namespace bench {
 
 // What the processes share. The stamps and the way back are the same for every contestant.
 struct Board {
-    std::atomic<uint64_t> number{0}; // of the value under way
+    std::atomic<uint64_t> number{0}; // the number of the value under way
     std::atomic<uint32_t> missing{0};
-    std::atomic<uint32_t> ready{0}; // receivers that are open
+    std::atomic<uint32_t> ready{0}; // how many receivers are open
     std::atomic<uint32_t> end{0};
     std::array<std::atomic<uint64_t>, kMostReceivers> delivered_at{};
 };
@@ -35,7 +35,7 @@ class Session {
     Session &operator=(const Session &) = delete;
     ~Session();
 
-    // Nothing when a receiver did not get the value within a second.
+    // Gives nothing when a receiver did not get the value within a second.
     std::optional<Exchange> exchange_own()
     {
         return exchange(*own_);
@@ -44,7 +44,7 @@ class Session {
     {
         return exchange(*limit_);
     }
-    // Processor time of all processes of the session, with the broker's.
+    // Gives the processor time of all processes of the session and of the broker.
     uint64_t cpu_ns() const;
     unsigned lost() const
     {

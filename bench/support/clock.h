@@ -20,7 +20,7 @@ inline uint64_t now_ns()
     return read_clock_ns(CLOCK_MONOTONIC);
 }
 
-// The processor time that all threads of a process have used; 0 for a process that is gone.
+// Gives the processor time that all threads of a process have used; 0 for a process that is gone.
 inline uint64_t cpu_ns(pid_t process)
 {
     clockid_t clock{};

@@ -1,4 +1,4 @@
-// Measuring in a process of its own.
+// Measures in a process of its own.
 #pragma once
 
 #include <functional>

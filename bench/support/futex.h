@@ -1,4 +1,4 @@
-// Waiting on a word that several processes share.
+// Waits on a word that several processes share.
 #pragma once
 
 #include <atomic>

@@ -27,7 +27,7 @@ class Child {
     {
         return pid_;
     }
-    // Waits for the child to end by itself; says whether it did so with status 0.
+    // Waits for the child to end by itself. Says whether it did so with status 0.
     bool wait();
 
   private:
@@ -40,7 +40,7 @@ Child run_in_child(const std::function<int()> &body);
 // Starts a program with its output thrown away.
 Child run_program(const std::vector<std::string> &command);
 
-// Tries until `condition` holds; ends the whole program with a message after the time.
+// Waits until `condition` holds. Ends the whole program with a message after the time.
 void wait_until(const std::function<bool()> &condition, unsigned timeout_ms, const char *what);
 
 } // namespace bench

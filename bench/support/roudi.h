@@ -13,7 +13,7 @@ namespace bench {
 
 inline Child start_roudi()
 {
-    (void)unlink("/tmp/roudi"); // of an earlier daemon of this run
+    (void)unlink("/tmp/roudi"); // it is left of an earlier daemon of this run
     Child daemon = run_program({"iox-roudi", "--monitoring-mode", "off"});
     wait_until([] { return access("/tmp/roudi", F_OK) == 0; }, 10'000, "iox-roudi");
     return daemon;

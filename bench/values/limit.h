@@ -1,5 +1,5 @@
-// The limits of a latest value in shared memory. Nothing that stores a value with its time there,
-// so that a reader can tell a value under way, can do with less.
+// The limits of a latest value in shared memory. Whoever stores a value with its time there, so
+// that a reader can tell a value under way, needs at least this.
 #pragma once
 
 #include "values/store.h"
@@ -11,7 +11,7 @@ namespace bench {
 // segment has them, so that the same cache lines travel.
 OpenStore mapped_limit();
 
-// The same copy, but the file is looked for, opened, mapped, unmapped and closed each time.
+// Makes the same copy, but looks for the file, opens, maps, unmaps and closes it each time.
 OpenStore remapped_limit();
 
 } // namespace bench

@@ -30,7 +30,7 @@ namespace {
 constexpr std::array<uint32_t, 4> kSizes{4, 64, 1000, 4000};
 constexpr unsigned kPairs = 1500;
 constexpr unsigned kFreshPairs = 400;
-constexpr uint64_t kMostNs = 150'000'000; // of one comparison, for the peers that take long
+constexpr uint64_t kMostNs = 150'000'000; // of one comparison, for contestants that take long
 constexpr uint64_t kBatchNs =
     10'000; // long beside the clock's own cost, short beside a disturbance
 
@@ -108,7 +108,7 @@ std::size_t stack_depth(unsigned round)
     return round * kStep % 4096;
 }
 
-// The number of operations that fill a batch, found while warming up.
+// Gives the number of operations that fill a batch, found while warming up.
 template <typename Operation> unsigned batch_of(Operation many)
 {
     unsigned count = 1;
@@ -259,7 +259,7 @@ void run_match(const Match &match, nlohmann::json &rows)
     rows.push_back(row(match, "write", board->write));
     rows.push_back(row(match, "read", result->read));
     if (match.placement != Placement::two_cpus)
-        return; // on one processor nothing is fresh, and unbound nobody knows
+        return; // on one processor no value is fresh; if nothing is bound, nobody knows
     rows.push_back(row(match, "fresh write", board->fresh_write));
     rows.push_back(row(match, "fresh read", result->fresh_read));
 }

@@ -1,4 +1,4 @@
-// What the value benchmark asks of a contestant: to write and to read the latest values of a number
+// What the value benchmark asks of a contestant. It writes and reads the latest values of a number
 // of topics, each value with the time of its write. Every program of the benchmark holds the limit
 // and one contestant, and times both in turn.
 #pragma once
@@ -77,7 +77,7 @@ template <typename Contestant> OpenStore store_of()
 struct ValueContestant {
     const char *name;
     OpenStore open;
-    OpenStore open_limit; // what it is compared with
+    OpenStore open_limit; // the limit that it is compared with
     std::function<Child()> start_broker = {};
 };
 

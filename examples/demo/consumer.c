@@ -22,7 +22,7 @@ struct seen {
     char text[VALUE_TEXT_SIZE];
 };
 
-// Touched by the change callback alone until the endpoint is closed.
+// Only the change callback uses this until the endpoint is closed.
 struct consumer {
     const char *prefix;
     const char *name;
@@ -31,7 +31,7 @@ struct consumer {
     int count;
 };
 
-// What follows the demo's prefix in a topic, or null for a topic of somebody else.
+// Gives what follows the demo's prefix in a topic, or null for a topic of somebody else.
 static const char *below_prefix(const struct consumer *self, const char *topic)
 {
     const size_t length = strlen(self->prefix);

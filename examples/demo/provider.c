@@ -30,7 +30,7 @@ struct figures {
 struct topic {
     const char *below; // what follows the prefix
     uint32_t type;
-    size_t offset; // of its value in struct figures
+    size_t offset; // where its value stands in struct figures
     kp_tag_t *tag;
     char name[NAME_SIZE];
 };

@@ -1,4 +1,4 @@
-// Values as text, the same in provider and consumer, so that what one wrote can be compared with
+// Makes text of values. Provider and consumer share it, so that what one wrote can be compared with
 // what the other saw.
 #ifndef VALUE_TEXT_H
 #define VALUE_TEXT_H

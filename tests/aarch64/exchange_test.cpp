@@ -25,7 +25,7 @@ class Exchange : public testing::TestWithParam<Roles> {
         EXPECT_EQ(consumer_.hear(), "ready");
     }
 
-    // The answer to a command; changes that are told meanwhile are not it.
+    // Gives the answer to a command; changes that are told meanwhile are not it.
     static std::string ask(ChildProcess &peer, const std::string &command)
     {
         EXPECT_TRUE(peer.tell(command));

@@ -21,7 +21,7 @@ struct Followed {
     kp_tag_t *tag;
 };
 
-// What the walk gives from `iter` on.
+// Collects what the walk gives from `iter` on.
 kp_tag_t *next(kp_t *handle, const std::string &notice, kp_tag_iter_t &iter)
 {
     return kp_get_next_updated_tag(handle, as_write_info(notice), &iter);

@@ -31,7 +31,7 @@ std::vector<std::string> topics_in(kp::Changes &&changes)
     return topics;
 }
 
-// A provider's node and a follower's, which hear each other.
+// The nodes of a provider and of a follower. They hear each other.
 class CppNode : public testing::Test {
   protected:
     CppNode()
@@ -50,14 +50,14 @@ class CppNode : public testing::Test {
         (void)sink.unsubscribe("probe");
     }
 
-    // What the sink lists once it has heard what the source has written.
+    // Gives what the sink lists once it has heard what the source has written.
     std::vector<std::string> told()
     {
         (void)source.notify();
         EXPECT_TRUE(sink.wait(10s));
         return topics_in(sink.take());
     }
-    // Whether nothing comes.
+    // Says whether nothing comes.
     bool is_quiet()
     {
         (void)source.notify();

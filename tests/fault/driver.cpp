@@ -40,7 +40,7 @@ constexpr long kMostPoints = 2000; // no operation makes so many calls
 
 const Shim *armed = nullptr;
 
-// Which calls fail together, with which error.
+// The calls that fail together, and their error.
 struct Kind {
     const char *name;
     CallSet calls;
@@ -69,7 +69,8 @@ std::vector<Kind> kinds(bool has_threads)
     return all;
 }
 
-// What must be as it was. Descriptors by what they refer to, since numbers are given out anew.
+// What must be as it was. Descriptors are told by what they refer to, since numbers are given out
+// anew.
 struct State {
     std::multiset<std::string> descriptors;
     int threads = 0;
@@ -85,7 +86,7 @@ struct State {
             state.descriptors.insert(file.substr(0, file.find_last_of("[")));
         return state;
     }
-    // The state once the threads of the handles have come to their first wait.
+    // Gives the state once the threads of the handles have come to their first wait.
     static State settled()
     {
         State state;
@@ -161,7 +162,7 @@ bool is_explained_by_any(const std::string &log)
     });
 }
 
-// Everything below a directory.
+// Gives everything below a directory.
 std::set<std::string> files_below(const char *directory)
 {
     std::set<std::string> found;

@@ -9,10 +9,10 @@ namespace kpfault {
 
 struct Scenario {
     std::string name;
-    // Done before a fault is armed and undone after it is gone.
+    // What is done before a fault is armed, and undone when the fault is gone.
     std::function<void()> set_up = [] {};
     std::function<void()> tear_down = [] {};
-    // The operation, and what undoes it. Says whether all of it succeeded.
+    // Runs the operation and what undoes it. Says whether all of it succeeded.
     std::function<bool()> run;
     // The calls of all its threads fail, else those of the thread that runs it.
     bool has_threads = false;
@@ -22,8 +22,8 @@ struct Scenario {
 // never come, and else for as long as a loaded machine may take.
 bool wait_patiently(const std::function<bool()> &condition);
 
-// Fails the test for every point after which something is not as it should be; prints the number of
-// points.
+// Fails the test for every point after which something is not as it should be. Prints the number
+// of points.
 void fail_every_call(const Scenario &scenario);
 
 } // namespace kpfault

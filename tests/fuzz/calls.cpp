@@ -382,7 +382,7 @@ bool take_notice(Handle &handle, const std::string &topic)
     return has_bit(notice, topic);
 }
 
-// Whether a notice of the topic comes to a handle in time.
+// Says whether a notice of the topic comes to a handle in time.
 bool is_told(Handle &handle, const std::string &topic, int timeout_ms)
 {
     pollfd ready{kp_get_fd(handle.real), POLLIN, 0};

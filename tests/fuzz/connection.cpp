@@ -34,7 +34,8 @@ void take_message(const uint8_t *message, int32_t length, void *)
     kp_notify_callback(message, length, handle);
 }
 
-// The messages that the receiver must deliver when one piece arrives before each of its looks.
+// Gives the messages that the receiver must deliver when one piece arrives before each of its
+// looks.
 Messages expected_messages(const std::deque<std::string> &all)
 {
     Messages messages;

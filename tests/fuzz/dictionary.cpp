@@ -12,7 +12,7 @@ using namespace kp::tool;
 
 namespace {
 
-// A topic that the pattern covers.
+// Gives a topic that the pattern covers.
 std::string example_topic(std::string pattern)
 {
     for (char &character : pattern)

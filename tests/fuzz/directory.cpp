@@ -24,7 +24,7 @@ const fs::path kProviders = "/run/providers";
 
 std::atomic<int64_t> skipped_ms;
 
-// A name of a directory entry, or nothing when the input has none left.
+// Makes a name of a directory entry, or nothing when the input has none left.
 std::string make_name(FuzzedDataProvider &input)
 {
     std::string name = input.ConsumeBool() ? input.PickValueInArray({"a", "b", "c"})

@@ -20,14 +20,14 @@ void check(bool condition, const char *what);
 // Empties /dev/shm and /run/providers.
 void empty_folders();
 
-// Below /dev/shm stands nothing but the store's directory.
+// Ends the process with a message when something else than the store's directory is in /dev/shm.
 bool only_the_store_was_touched();
 
-// The matching of a topic with a pattern, written once more from its description and with nothing
-// of the library's.
+// Says whether a topic matches a pattern. This is written once more from the description of
+// patterns, and uses nothing of the library.
 bool naive_match(const std::string &pattern, const std::string &topic);
 
-// The topics that kp_list_all_topics() gives.
+// Gives the topics that kp_list_all_topics() gives.
 std::multiset<std::string> listed_topics();
 
 } // namespace kpfuzz

@@ -1,5 +1,5 @@
-// What a browser or a program may send to kp-web, and what any program may have put into the store:
-// no bytes end the parsers, and no bytes break the lines that are sent.
+// What a browser or a program may send to kp-web, and what any program may have put into the store.
+// No bytes may end the parsers, and none may break the lines that are sent.
 #include "fuzz/fuzz.h"
 
 #include "http/guard.h"

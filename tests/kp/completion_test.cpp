@@ -42,7 +42,7 @@ std::string text_at(const std::string &text, const Place &place)
     return text.substr(start, text.find(place.end, start) - start);
 }
 
-// The words of a list, whatever separates them, without the `or` before the last.
+// Gives the words of a list, whatever separates them, without the `or` before the last.
 Words words_at(const std::string &text, const Place &place)
 {
     std::string list = text_at(text, place);
@@ -63,7 +63,7 @@ std::string text_of(const Completion &completion)
     return text.str();
 }
 
-// The first name of each command, and `help`, which is no command to the parser.
+// Gives the first name of each command, and `help`, which is no command to the parser.
 Words kp_commands()
 {
     std::istringstream lines(text_at(kp({"help"}).out, {"Subcommands:\n", "\n\n"}));

@@ -37,8 +37,8 @@ class DirectoryWatch {
         (void)close(fd_);
     }
 
-    // The names of the entries to which something has happened since the last call, each with a
-    // blank.
+    // Gives the names of the entries to which something has happened since the last call, each with
+    // a blank.
     std::string take() const
     {
         alignas(inotify_event) std::array<char, 65536> events;

@@ -11,7 +11,7 @@ using namespace kptest;
 
 namespace {
 
-// That nothing is left behind is checked after every test of the fixture.
+// The fixture checks after every test that nothing is left behind.
 class NotifyClose : public NotifyTest {};
 
 kp_notify_t *opened()

@@ -1,4 +1,5 @@
-// Connecting to a peer: the tries, the slot, the announcement, and files that do not answer.
+// How an endpoint connects to a peer: its tries, the slot, the announcement, and files that do not
+// answer.
 #include "notify/endpoints.h"
 #include "testing/capture.h"
 

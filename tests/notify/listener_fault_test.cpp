@@ -1,4 +1,4 @@
-// What the three threads have in common: each runs here on the test's own thread, step by step.
+// What the three threads have in common. Each runs here on the test's own thread, step by step.
 #include "notify/endpoints.h"
 #include "testing/capture.h"
 

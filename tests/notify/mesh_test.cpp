@@ -175,7 +175,7 @@ class Traffic {
     std::thread threads_[2];
 };
 
-// Peers that connect, read a little or nothing, and go.
+// Makes peers that connect, read a little or nothing, and go.
 void come_and_go(int times)
 {
     for (int time = 0; time < times; ++time) {

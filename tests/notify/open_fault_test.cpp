@@ -1,4 +1,5 @@
-// Opening an endpoint while the system refuses something: which line, which result, nothing left.
+// An endpoint is opened while the system refuses something. It logs a line, gives a result and
+// leaves nothing behind.
 #include "notify/endpoints.h"
 #include "testing/capture.h"
 
@@ -14,7 +15,7 @@ __attribute__((weak)) void __lsan_enable();
 
 namespace {
 
-// A block that stays allocated on purpose is no finding while this lives.
+// While this object lives, a block that stays allocated on purpose is no finding.
 class LeaksAllowed {
   public:
     LeaksAllowed()

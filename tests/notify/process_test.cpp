@@ -17,7 +17,7 @@ namespace {
 
 class EndpointInProcess : public NotifyTest {};
 
-// Threads of this process that would take a signal sent to the process.
+// Counts the threads of this process that would take a signal sent to the process.
 int threads_open_to(int signal)
 {
     int count = 0;
@@ -30,8 +30,8 @@ int threads_open_to(int signal)
     return count;
 }
 
-// An endpoint of another process, which counts the messages that it gets. Each line that it hears
-// is answered with their number once there are so many as the line says.
+// The endpoint of another process. It counts the messages that it gets, and answers each line that
+// it hears with their number once there are as many as the line says.
 int count_messages(Channel &parent, const char *name)
 {
     Endpoint endpoint(name);

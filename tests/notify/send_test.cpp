@@ -20,7 +20,7 @@ int32_t send(const BareEndpoint &endpoint, const std::string &message)
     return kp_notify_send(&*endpoint, message.data(), static_cast<uint32_t>(message.size()));
 }
 
-// Sends one notice so often from a thread of its own.
+// Sends one notice a number of times, from a thread of its own.
 class Sender {
   public:
     Sender(const Endpoint &endpoint, int count)
@@ -41,7 +41,7 @@ class Sender {
     {
         return sent_;
     }
-    // Whether it is through within the deadline.
+    // Says whether it has sent all within the deadline.
     bool has_sent(int count) const
     {
         return wait_until([this, count] { return sent_ == count; });

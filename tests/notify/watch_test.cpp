@@ -14,7 +14,7 @@ using kp::handle_read_event;
 
 namespace {
 
-// The bytes of one event as the system writes them.
+// Gives the bytes of one event as the system writes them.
 std::string event(const std::string &name, uint32_t mask = IN_CREATE, uint32_t name_room = 16)
 {
     inotify_event head{};

@@ -27,7 +27,7 @@ struct Version {
     uint8_t quality;
 };
 
-// A writer that stores two versions over a first one, one store a step.
+// A writer that stores two versions over a first one. Each step is one store.
 class PlayedWriter {
   public:
     static constexpr int kStepsPerWrite = 7;
@@ -83,17 +83,17 @@ class PlayedWriter {
     int done_ = 0;
 };
 
-// How far the writer has come at each of the places where a read can be overtaken.
+// Says how far the writer has come at each of the places where a read can be overtaken.
 using Schedule = std::array<int, 9>;
 
-// Whether the writer stood between the first two stores of a write when the read first looked at
-// the mark.
+// Says whether the writer stood between the first two stores of a write when the read first looked
+// at the mark.
 bool has_just_stored_a_timestamp(const Schedule &schedule)
 {
     return schedule[1] % PlayedWriter::kStepsPerWrite == 1;
 }
 
-// The next schedule, none of whose numbers falls; false after the last one.
+// Goes on to the next schedule, none of whose numbers falls. False after the last one.
 bool advance(Schedule &schedule)
 {
     for (std::size_t place = schedule.size(); place-- > 0;) {
@@ -155,7 +155,7 @@ bool is_version(const Version &version, const kp::ValueHeader &header, const uin
            header.quality == version.quality && header.source_ts == version.quality;
 }
 
-// What one read gives whose writer comes as far as the schedule says.
+// Gives the outcome of a read whose writer comes as far as the schedule says.
 void read_once(const std::array<Version, 3> &versions, const Schedule &schedule, Outcomes &outcomes)
 {
     kp::Segment segment{};
@@ -182,7 +182,7 @@ void read_once(const std::array<Version, 3> &versions, const Schedule &schedule,
         ++outcomes.torn;
 }
 
-// All outcomes of a read that two writes overtake in every possible way.
+// Gives all outcomes of a read that two writes overtake in every possible way.
 Outcomes read_in_every_order(const std::array<Version, 3> &versions)
 {
     Outcomes outcomes;
@@ -245,7 +245,7 @@ class ConsistentRead : public testing::Test {
     SegmentFile file_{"a/b"};
 };
 
-// Whether the value is one that write_filled() has written, whole and with what belongs to it.
+// Says whether the value is one that write_filled() has written, whole and with what belongs to it.
 bool is_filled(const std::vector<uint8_t> &value, uint8_t quality, uint64_t source_ts)
 {
     return std::ranges::count(value, value[0]) == std::ssize(value) && quality == value[0] % 200 &&

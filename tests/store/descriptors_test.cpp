@@ -15,7 +15,7 @@ using namespace kptest;
 
 namespace {
 
-// Whether a descriptor below 3 refers to something in the store.
+// Says whether a descriptor below 3 refers to something in the store.
 bool uses_a_standard_stream()
 {
     bool used = false;
@@ -24,8 +24,8 @@ bool uses_a_standard_stream()
     return used;
 }
 
-// Runs an operation in a child without standard streams; says whether the hook before the call
-// found the library on their numbers.
+// Runs an operation in a child without standard streams. Says whether the hook before the call
+// found descriptors of the library on their numbers.
 template <typename Operation> std::optional<int> without_streams(Call call, Operation operation)
 {
     ChildProcess child([call, operation](Channel &) {

@@ -1,4 +1,4 @@
-// Who takes a lease on a topic's file holds an open of it up for a moment and no longer.
+// Who takes a lease on a topic's file delays an open of it for a moment and no longer.
 #include "store/opened_segment.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
@@ -17,7 +17,7 @@ using namespace kptest;
 
 namespace {
 
-// A lease on a topic's file, which its holder gives up when told and not when asked by the system.
+// A lease on a topic's file. Its holder gives it up when told to, and not when the system asks.
 class Lease {
   public:
     explicit Lease(const std::string &topic)

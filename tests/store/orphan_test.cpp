@@ -24,8 +24,8 @@ using namespace kptest;
 
 namespace {
 
-// Whether the topic's file is the one that the handle has mapped: what is stored through the one is
-// seen through the other.
+// Says whether the topic's file is the one that the handle has mapped: what is stored through the
+// one is seen through the other.
 bool is_found_by_others(kp_shm_t *shm, const std::string &topic)
 {
     kp_shm_set_last_update_ts(shm, 0);

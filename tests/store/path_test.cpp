@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A topic whose path is longer than 4096 bytes, of levels that a file system takes.
+// Gives a topic whose path is longer than 4096 bytes, of levels that a file system takes.
 std::string long_topic()
 {
     std::string topic(200, 'x');

@@ -41,8 +41,8 @@ struct Given {
     {
         size = kp::read_consistent(shm, value.data(), kStepSize, nullptr, &quality, &source_ts);
     }
-    // The number whose value it is, whole with all that belongs to it; 0 for a torn one, -1 for
-    // none.
+    // Gives the number whose value it is, whole with all that belongs to it; 0 for a torn one, -1
+    // for none.
     int number() const
     {
         if (size == -1)

@@ -42,7 +42,7 @@ void create(const Topics &topics)
         SegmentFile(topic).create();
 }
 
-// The names of a directory in the order in which it gives them.
+// Gives the names of a directory in the order in which it gives them.
 Topics names_in(const std::string &directory)
 {
     Topics names;

@@ -10,8 +10,8 @@ using namespace kptest;
 
 namespace {
 
-// The exit status of a child that runs `body` with descriptor 2 closed, so that it is given out
-// next.
+// Gives the exit status of a child that runs `body` with descriptor 2 closed, so that it is given
+// out next.
 std::optional<int> without_standard_error(const std::function<int()> &body)
 {
     ChildProcess child([&](Channel &) {

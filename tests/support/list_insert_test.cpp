@@ -15,13 +15,13 @@ using namespace kptest;
 
 namespace {
 
-// The value of an element made by one of the _int functions.
+// Gives the value of an element made by one of the _int functions.
 uint32_t number_in(const void *element)
 {
     return *static_cast<const uint32_t *>(element);
 }
 
-// Whether a thread waits for the list's lock, which the caller holds.
+// Says whether a thread waits for the list's lock, which the caller holds.
 bool is_waited_for(const kplist &list)
 {
     return __atomic_load_n(&list.mutex.__data.__lock, __ATOMIC_RELAXED) == 2;

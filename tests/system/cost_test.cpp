@@ -17,7 +17,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds kStatedWait{10}; // for peers that start at the same moment
 constexpr milliseconds kMost = kStatedWait + milliseconds(5);
 
-// The memory of this process that no other one shares.
+// Gives the memory of this process that no other one shares.
 long private_kib()
 {
     long sum = 0;

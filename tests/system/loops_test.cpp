@@ -10,7 +10,7 @@ using namespace kptest;
 
 namespace {
 
-// The sockets of a process: its own, and with each peer one from and one to it.
+// Gives the sockets of a process: its own, and with each peer one from and one to it.
 std::ptrdiff_t sockets_of(pid_t pid)
 {
     const fs::directory_iterator descriptors("/proc/" + std::to_string(pid) + "/fd");

@@ -86,7 +86,7 @@ class Member {
     {
         return kp_get_tag(handle_, topic.c_str()) != nullptr;
     }
-    // Whether this handle's tag for the topic holds the value.
+    // Says whether this handle's tag for the topic holds the value.
     bool holds(const std::string &topic, uint32_t expected) const
     {
         uint32_t value = 0;

@@ -60,7 +60,7 @@ constexpr CallSet every_fallible_call()
     return calls;
 }
 
-// The error that the call is to fail with, 0 for none. Leaves errno as it is.
+// Gives the error that the call is to fail with, 0 for none. Leaves errno as it is.
 int error_for(Call call)
 {
     if (armed_count.load(std::memory_order_relaxed) == 0)
