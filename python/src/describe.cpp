@@ -1,10 +1,10 @@
 #include "describe.h"
 
+#include "base/errors.h"
+#include "base/store.h"
 #include "common/dictionary/fact_lines.h"
 #include "common/dictionary/live_dictionary.h"
 #include "common/topic_name.h"
-#include "errors.h"
-#include "store.h"
 
 #include <map>
 
@@ -12,8 +12,8 @@ namespace kp::python {
 
 namespace {
 
-// The dictionary of a directory, read once and then followed. Only used with the interpreter's
-// lock.
+// Gives the dictionary of a directory, which is read once and then followed. The interpreter's lock
+// is held.
 tool::LiveDictionary &dictionary_in(const std::string &directory)
 {
     static std::map<std::string, tool::LiveDictionary> known;

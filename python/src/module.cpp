@@ -1,13 +1,13 @@
 // The module zu_kp._native: what the package zu_kp stands on. The package holds what waits in
 // asyncio.
+#include "base/errors.h"
+#include "base/reading.h"
+#include "base/store.h"
 #include "describe.h"
-#include "errors.h"
 #include "layout/value_type.h"
 #include "node.h"
-#include "reading.h"
-#include "store.h"
-#include "tag.h"
-#include "watch.h"
+#include "tag/tag.h"
+#include "watch/watch.h"
 
 namespace kp::python {
 

@@ -1,10 +1,10 @@
 #include "node.h"
 
-#include "dispatch.h"
-#include "errors.h"
-#include "store.h"
-#include "tag.h"
-#include "watch.h"
+#include "base/errors.h"
+#include "base/store.h"
+#include "tag/tag.h"
+#include "watch/dispatch.h"
+#include "watch/watch.h"
 
 #include <cerrno>
 #include <pthread.h>
@@ -92,7 +92,7 @@ void send_users_away(NodeState &state)
 PyObject *close(PyObject *self, PyObject *)
 {
     NodeState &state = state_of(self);
-    state.was_opened = true; // closed for good, also when it never was open
+    state.was_opened = true; // it stays closed, also when it never was open
     kp_t *handle = std::exchange(state.handle, nullptr);
     if (!handle || state.process != current_process())
         Py_RETURN_NONE; // the threads and the socket are the parent's
@@ -186,38 +186,6 @@ PyType_Spec spec = {"zu_kp._native.NodeBase", sizeof(Node), 0,
                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots};
 
 } // namespace
-
-unsigned process_number = 0;
-
-bool refuse_use(const NodeState &state)
-{
-    if (state.was_opened && state.process != current_process())
-        raise(Kind::ForkedError, "the node belongs to the process that this one was forked from; "
-                                 "open one of your own");
-    else
-        raise(Kind::ClosedError, state.was_opened
-                                     ? "the node is closed"
-                                     : "the node is not open; use with, async with or open()");
-    return false;
-}
-
-bool send_notice(NodeState &state)
-{
-    const Counted use(state.users);
-    const Counted sends(state.senders);
-    kp_t *handle = state.handle;
-    state.is_marked = false;
-    int32_t result = 0;
-    {
-        const WithoutInterpreter sending;
-        const std::lock_guard<std::mutex> lock(state.marks);
-        result = kp_tag_notify(handle);
-    }
-    if (result == 0)
-        return true;
-    raise(Kind::Error, "the notice was not sent");
-    return false;
-}
 
 bool add_node_type(PyObject *module)
 {

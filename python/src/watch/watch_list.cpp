@@ -1,4 +1,4 @@
-#include "watch.h"
+#include "watch/watch.h"
 
 #include <sys/eventfd.h>
 

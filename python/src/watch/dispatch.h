@@ -1,7 +1,8 @@
-// From a change notice to the watches: which tags it speaks of, and whom they concern.
+// The way from a change notice to the watches: it finds the tags that the notice speaks of, and the
+// watches that cover them.
 #pragma once
 
-#include "node.h"
+#include "base/node_state.h"
 
 namespace kp::python {
 
@@ -9,7 +10,7 @@ namespace kp::python {
 // Never waits for a change. The interpreter's lock is held before and after, not all the time.
 void dispatch(NodeState &state);
 
-// When dispatch() is due though no notice comes, of the monotonic clock.
+// Gives the time, of the monotonic clock, at which dispatch() is due although no notice comes.
 inline uint64_t next_look(const NodeState &state)
 {
     return state.has_unknown ? state.search_after_us : state.look_after_us;
@@ -19,7 +20,7 @@ inline uint64_t next_look(const NodeState &state)
 // library could not; errno tells why.
 bool follow(NodeState &state, const std::string &pattern);
 
-// The topics of the store that a pattern covers.
+// Gives the topics of the store that a pattern covers.
 std::vector<std::string> topics_of_store(const std::string &pattern);
 
 } // namespace kp::python

@@ -1,7 +1,7 @@
 // Following the topics of a pattern: which of them have changed and not been delivered yet.
 #pragma once
 
-#include "object.h"
+#include "base/object.h"
 
 #include "common/pattern.h"
 #include "kp.h"
@@ -36,21 +36,21 @@ class WatchList {
     {
         return !waiting_.empty();
     }
-    // Promises those that wait now, whatever the time of the watch.
+    // Promises to deliver those that wait now, even after the timeout of the watch.
     void owe_what_waits()
     {
         owed_ = waiting_.size();
     }
-    // Some of the promised ones were not taken yet.
+    // Says whether some of the promised ones were not taken yet.
     bool owes() const
     {
         return owed_ > 0;
     }
-    // The topic that has waited longest, or nothing.
+    // Takes the topic that has waited longest, if there is one.
     std::optional<std::string> take();
     // Says whether this write of the topic was not delivered before, and remembers it.
     bool is_news(const std::string &topic, uint64_t time_us, uint64_t source_time_us);
-    // A descriptor that add() and wake() make readable; -1 when there is none left.
+    // Gives a descriptor that add() and wake() make readable; -1 when there is none left.
     int wake_fd();
     void wake() const;
 
@@ -67,7 +67,7 @@ class WatchList {
     tool::Pattern pattern_;
     std::unordered_map<std::string, Delivered> topics_;
     std::deque<std::string> waiting_;
-    std::size_t owed_ = 0; // of the first in waiting_
+    std::size_t owed_ = 0; // so many, from the front of waiting_, are promised
     UniqueFd wake_fd_;
 };
 

@@ -1,9 +1,9 @@
-#include "store.h"
+#include "base/store.h"
 
+#include "base/errors.h"
+#include "base/reading.h"
 #include "common/segment_reader.h"
 #include "common/store_files.h"
-#include "errors.h"
-#include "reading.h"
 
 namespace kp::python {
 
@@ -22,7 +22,7 @@ PyObject *raise_no_value(const std::string &topic, const tool::Snapshot &snapsho
     }
 }
 
-// The topics that a listing found, and a warning for each directory that it could not enter.
+// Gives the topics that a listing found, and warns of each directory that it could not enter.
 PyObject *names_of(const tool::StoreListing &listing)
 {
     for (const tool::Problem &problem : listing.problems)

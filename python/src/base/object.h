@@ -71,7 +71,7 @@ class WithoutInterpreter {
     PyThreadState *state_;
 };
 
-// Takes a mutex; lets others run Python while it waits, so that its holder can come to an end.
+// Takes a mutex. Lets others run Python while it waits, so that the holder can come to an end.
 inline std::unique_lock<std::mutex> locked(std::mutex &mutex)
 {
     std::unique_lock<std::mutex> lock(mutex, std::try_to_lock);
@@ -91,7 +91,7 @@ inline void free_object(PyObject *self)
     Py_DECREF(reinterpret_cast<PyObject *>(type));
 }
 
-// Makes the type and gives it to the module; null with an exception.
+// Makes the type and adds it to the module. Null with an exception.
 inline PyTypeObject *add_type(PyObject *module, const char *name, PyType_Spec &spec)
 {
     Ref type(PyType_FromSpec(&spec));

@@ -1,7 +1,7 @@
 // The exceptions of the package, and how the library's and the reader's failures become one.
 #pragma once
 
-#include "object.h"
+#include "base/object.h"
 
 #include "common/problem.h"
 
@@ -26,16 +26,16 @@ enum class Kind {
     ForkedError,
 };
 
-// Loads the classes; false with an exception set.
+// Loads the classes. False with an exception set.
 bool load_errors();
 
-// The class, borrowed.
+// Gives the class as a borrowed reference.
 PyObject *error_class(Kind kind);
 
-// Sets the exception; those that are an OSError too carry `number` as errno. Always returns null.
+// Sets the exception. One that is also an OSError carries `number` as errno. Always returns null.
 PyObject *raise(Kind kind, const std::string &text, int number = 0);
 
-// The exception that a look's problem stands for.
+// Sets the exception that stands for a problem of the tools' readers. Always returns null.
 PyObject *raise(const tool::Problem &problem);
 
 // Sets the exception for a failed call of the library, with the line that it reported. When it

@@ -1,13 +1,13 @@
-#include "watch.h"
+#include "watch/watch.h"
 
+#include "base/errors.h"
+#include "base/node_state.h"
+#include "base/reading.h"
+#include "base/store.h"
+#include "base/tag_reading.h"
 #include "common/clock.h"
 #include "common/selection.h"
-#include "dispatch.h"
-#include "errors.h"
-#include "node.h"
-#include "reading.h"
-#include "store.h"
-#include "tag_reading.h"
+#include "watch/dispatch.h"
 
 #include <algorithm>
 #include <array>
@@ -49,7 +49,7 @@ void close_watch(Watch &watch)
     delete closed;
 }
 
-// The newest value of a topic; null without an exception when there is nothing new.
+// Gives the newest value of a topic. Null without an exception when there is nothing new.
 PyObject *deliver(Watch &watch, const std::string &topic)
 {
     NodeState &state = state_of(watch.node);
@@ -58,7 +58,7 @@ PyObject *deliver(Watch &watch, const std::string &topic)
         kp_tag_t *tag = kp_get_tag(handle, topic.c_str());
         return tag ? read_tag(tag, value) : Outcome::no_value;
     });
-    // One that is being written comes again with its notice.
+    // A topic that is being written comes again with its notice.
     if (outcome != Outcome::value || !watch.list ||
         !watch.list->is_news(topic, value.info.time_us, value.info.source_time_us))
         return nullptr;
@@ -66,7 +66,7 @@ PyObject *deliver(Watch &watch, const std::string &topic)
     return name ? make_reading(name.get(), value.info, {value.bytes.data(), value.size}) : nullptr;
 }
 
-// The next change that waits for its delivery; null, without an exception, when none does.
+// Gives the next change that waits for its delivery. Null, without an exception, when none does.
 PyObject *take_waiting(Watch &watch)
 {
     while (watch.list && is_usable(state_of(watch.node))) {
@@ -195,7 +195,7 @@ bool take_timeout(PyObject *object, uint64_t &deadline_us)
     return true;
 }
 
-// WatchBase(node, pattern, timeout, initial)
+// The arguments are those of WatchBase(node, pattern, timeout, initial).
 PyObject *new_watch(PyTypeObject *type, PyObject *arguments, PyObject *)
 {
     PyObject *node = nullptr;

@@ -1,8 +1,8 @@
-#include "values.h"
+#include "base/values.h"
 
+#include "base/errors.h"
 #include "common/number_type.h"
 #include "common/text.h"
-#include "errors.h"
 #include "layout/value_type.h"
 
 #include <cmath>
@@ -46,7 +46,7 @@ template <typename T> void put(T number, ValueBytes &value)
     value.size = sizeof(number);
 }
 
-// A float stands for an integer when it is one.
+// A float is taken for an integer when it is a whole number.
 Ref whole_number(PyObject *object, uint32_t type)
 {
     if (!PyFloat_Check(object)) {
@@ -128,7 +128,7 @@ bool put_float(PyObject *object, ValueBytes &value)
     return true;
 }
 
-// True and False, also those of numpy.
+// Says whether it is True or False, or one of numpy's.
 bool put_boolean(PyObject *object, ValueBytes &value)
 {
     if (object != Py_True && object != Py_False && class_name(object) != "bool_" &&
@@ -161,7 +161,7 @@ bool put_bytes(PyObject *object, uint32_t type, uint32_t most, ValueBytes &value
 
 bool put_string(PyObject *object, uint32_t most, ValueBytes &value)
 {
-    if (!PyUnicode_Check(object)) // a string that is not UTF-8 came as bytes and goes back as such
+    if (!PyUnicode_Check(object)) // a string that is not UTF-8 came as bytes and goes back as bytes
         return put_bytes(object, KP_TYPE_STRING, most, value);
     const Ref text(PyUnicode_AsUTF8String(object));
     if (text)

@@ -1,7 +1,7 @@
 // Values of the fourteen types as Python objects and back.
 #pragma once
 
-#include "object.h"
+#include "base/object.h"
 
 #include "kp.h"
 
@@ -12,11 +12,11 @@
 
 namespace kp::python {
 
-// The code of a type's name; UINT32_MAX, with an exception, for anything else. A Python type is
-// refused with a word: it does not say how many bytes a number has.
+// Gives the code of a type's name. UINT32_MAX, with an exception, for anything else. The exception
+// explains why a Python type is refused: it does not say how many bytes a number has.
 uint32_t type_code(PyObject *name);
 
-// bool, int, float, str or bytes. A string that is not UTF-8 comes as bytes. Null with an
+// Makes a bool, int, float, str or bytes. A string that is not UTF-8 becomes bytes. Null with an
 // exception.
 PyObject *to_python(uint32_t type, std::string_view bytes);
 
@@ -26,7 +26,7 @@ struct ValueBytes {
     uint32_t size = 0;
 };
 
-// Converts an object to a type; `most` is the declared size of a type of variable size. False, with
+// Converts an object to a type. `most` is the declared size of a type of variable size. False, with
 // an exception that tells the limits, for an object that does not fit.
 bool to_bytes(PyObject *object, uint32_t type, uint32_t most, ValueBytes &value);
 

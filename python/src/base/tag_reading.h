@@ -1,10 +1,10 @@
-// Reading a tag of the library, whole or not at all.
+// Reads a tag of the library, as a whole or not at all.
 #pragma once
 
-#include "object.h"
+#include "base/object.h"
 
+#include "base/reading.h"
 #include "kp.h"
-#include "reading.h"
 
 #include <array>
 #include <string>
@@ -19,7 +19,7 @@ struct TagValue {
     std::array<char, KP_MAX_VALUE_SIZE> bytes;
 };
 
-// Waits up to about a millisecond while writes get in the way.
+// Waits up to about a millisecond while writes get in the way. `busy` means that they never ended.
 inline Outcome read_tag(kp_tag_t *tag, TagValue &value)
 {
     if (!kp_tag_has_value(tag)) // asked first, since the library reports such a read as an error

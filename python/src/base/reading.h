@@ -2,7 +2,7 @@
 // demand.
 #pragma once
 
-#include "object.h"
+#include "base/object.h"
 
 #include <cstdint>
 #include <string_view>
@@ -19,10 +19,10 @@ struct ReadingInfo {
 
 bool add_reading_type(PyObject *module);
 
-// A new reading; null with an exception. `topic` is a str.
+// Makes a reading. Null with an exception. `topic` is a str.
 PyObject *make_reading(PyObject *topic, const ReadingInfo &info, std::string_view bytes);
 
-// A numpy array of these bytes; `dtype` as numpy takes it.
+// Makes a numpy array of these bytes. `dtype` is what numpy takes for one. Null with an exception.
 PyObject *make_array(std::string_view bytes, PyObject *dtype);
 
 } // namespace kp::python

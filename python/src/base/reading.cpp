@@ -1,7 +1,7 @@
-#include "reading.h"
+#include "base/reading.h"
 
+#include "base/values.h"
 #include "layout/value_type.h"
-#include "values.h"
 
 #include <array>
 #include <cstring>
@@ -16,7 +16,7 @@ PyObject *as_array = nullptr;    // zu_kp._objects.as_array
 
 struct Reading {
     PyObject_HEAD PyObject *topic;
-    PyObject *long_bytes; // of a value that has no room in `short_bytes`, else null
+    PyObject *long_bytes; // a value that has no room in `short_bytes`; else null
     ReadingInfo info;
     uint32_t size;
     std::array<char, kLargestFixedSize> short_bytes;

@@ -1,9 +1,9 @@
-#include "dispatch.h"
+#include "watch/dispatch.h"
 
 #include "common/clock.h"
 #include "common/store_files.h"
 #include "layout/notice.h"
-#include "watch.h"
+#include "watch/watch.h"
 
 #include <cstring>
 
@@ -28,7 +28,7 @@ bool is_set(const kp_write_info &notice, uint32_t bucket)
     return (notice.bitmap[bitmap_byte(bucket)] & bitmap_bit(bucket)) != 0;
 }
 
-// The topics of the tags that a notice speaks of and that were written since they were last read.
+// Gives the topics of tags that a notice speaks of and that were written since they were last read.
 Walk walk(kp_t *handle, const kp_write_info &notice)
 {
     Walk found;
@@ -84,8 +84,8 @@ void search_store(NodeState &state)
         give(state, topic);
 }
 
-// What is to be walked through now: the notice that waits, or all buckets when it is time for a
-// look.
+// Gives what is to be walked through now: the notice that waits, or all buckets when it is time for
+// a look at all tags.
 bool take_notice(NodeState &state, kp_write_info &notice, uint64_t now)
 {
     const bool has_notice = kp_take_notice(state.handle, &notice) == 1;

@@ -1,4 +1,4 @@
-#include "errors.h"
+#include "base/errors.h"
 
 #include <array>
 #include <cerrno>
@@ -10,7 +10,7 @@ namespace {
 
 struct ErrorClass {
     const char *name;
-    int number; // errno of those that are an OSError; 0 for the others
+    int number; // the errno of a class that is also an OSError; 0 for the others
     PyObject *type = nullptr;
 };
 
