@@ -23,7 +23,7 @@ namespace kptest {
 namespace {
 
 constexpr uid_t kNobody = 65534;
-constexpr int kDeadlineMs = 60'000;
+constexpr int kDeadlineMs = 300'000;
 
 struct Pipe {
     int read_end = -1;

@@ -9,7 +9,7 @@
 namespace kptest {
 
 // Long enough for a loaded machine under a sanitizer; nobody waits so long unless a test fails.
-constexpr std::chrono::seconds kDeadline{20};
+constexpr std::chrono::seconds kDeadline{60};
 
 // Waits until the condition holds; false when it does not within the deadline.
 bool wait_until(const std::function<bool()> &condition,
