@@ -30,7 +30,7 @@ void *map_board(int fd)
     return mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
 }
 
-// Whether the functions that this process calls are those of the library there.
+// Says whether the functions that this process calls are those of the library there.
 bool is_loaded_from(const std::string &directory)
 {
     Dl_info info{};

@@ -1,4 +1,4 @@
-// The processes of the soak: starting, disturbing and ending them, and what they use.
+// The processes of the soak. They are started, disturbed and ended here, and measured.
 #pragma once
 
 #include "soak/member.h"
@@ -17,11 +17,11 @@ struct Usage {
     std::string text() const;
 };
 
-// The memory that driver and members share, also over exec(); null when there is none. `fd` gets
-// the descriptor of it, which executed programs inherit.
+// Makes the memory that driver and members share, also over exec(); null when there is none. `fd`
+// gets the descriptor of it, which executed programs inherit.
 Board *make_board(int &fd);
 
-// What a program does that Family has executed, with the library in directory `library`.
+// Runs the part of a program that Family has executed, with the library in directory `library`.
 int run_executed_member(int number, int board_fd, const std::string &library);
 
 class Family {
@@ -30,12 +30,13 @@ class Family {
     Family(Board &board, int board_fd, std::string other);
 
     void start(int number);
-    // Ends a process and says what was wrong with that; nothing in most cases. No process is fine.
+    // Ends a process and says what was wrong with that; mostly nothing. It need not be running.
     std::string end(int number, int signal);
     void signal(int number, int signal) const;
     bool is_alive(int number);
     Usage usage(int number) const;
-    // What it used when it was asked for the first time: once it was connected to all others.
+    // Gives what the process used when this was asked for the first time, which is when it was
+    // connected to all others.
     Usage first_usage(int number);
 
   private:

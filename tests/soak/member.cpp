@@ -17,7 +17,7 @@ constexpr useconds_t kExhaustionUs = 100'000;
 
 volatile std::sig_atomic_t asked_to_end = 0;
 
-// The member that a topic belongs to, or -1 for junk.
+// Gives the member that a topic belongs to, or -1 for junk.
 int number_of(const char *topic)
 {
     const std::string text(topic);

@@ -1,5 +1,5 @@
-// One process of the soak: provides a topic, follows others, and tells the driver through shared
-// memory what it holds.
+// One process of the soak. It provides a topic, follows the others' topics, and tells the driver
+// through shared memory what it holds.
 #pragma once
 
 #include <array>
@@ -9,8 +9,8 @@
 
 namespace soak {
 
-constexpr int kMembers = 10;  // connected to each other all the time
-constexpr int kVisitors = 26; // come and go; with them an endpoint has more peers than it has room
+constexpr int kMembers = 10;  // they are connected to each other all the time
+constexpr int kVisitors = 26; // they come and go; an endpoint has no room for all of them
 constexpr int kProcesses = kMembers + kVisitors;
 
 struct Report {
@@ -23,16 +23,16 @@ struct Report {
 };
 
 struct Board {
-    std::atomic<bool> writing; // cleared: the members pause, so that last values can be compared
-    // Set before the members start.
-    unsigned pause_us = 30'000;         // of a member between two writes
-    unsigned connection_us = 1'000'000; // an announcement reaches those that are connected by then
+    std::atomic<bool> writing; // while false, the members pause: last values can be compared
+    // These are set before the members start.
+    unsigned pause_us = 30'000;         // that a member makes between two writes
+    unsigned connection_us = 1'000'000; // time to connect before a topic is announced
     std::array<Report, kProcesses> reports;
 };
 
 std::string topic_of(int number);
 
-// The life of member `number`; ends with SIGTERM. Returns its exit status.
+// Runs as member `number` until SIGTERM comes. Returns the exit status.
 int run_member(int number, Board &board);
 
 } // namespace soak
