@@ -1,7 +1,7 @@
-// Counts torn values, and looks that give no value, of the tools' reader of segments: one process
-// writes a topic in the steps of the library, with values of any size, and this one looks at it
-// through a mapping and through a descriptor. Measures also what a look costs at a topic that
-// nobody writes.
+// Counts the torn values that the tools' reader of segments gives, and the looks without a value.
+// One process writes a topic in the steps of the library, with values of any size, and this one
+// looks at it through a mapping and through a descriptor. Measures also what a look costs at a
+// topic that nobody writes.
 #include "common/fault_guard.h"
 #include "common/segment_reader.h"
 #include "kp.h"
@@ -31,7 +31,7 @@ enum class Pace { full_speed, every_2_us, one_timestamp };
 constexpr std::array<const char *, 3> kPaceNames{"full speed", "every 2 us",
                                                  "two values, one timestamp"};
 
-// A segment of our own, since the library writes no more than 4000 bytes.
+// Makes a segment of our own, since the library writes no more than 4000 bytes.
 Segment *make_segment(uint32_t size)
 {
     Problem problem;
@@ -52,7 +52,7 @@ Segment *make_segment(uint32_t size)
     return segment;
 }
 
-// The steps of a write of the library.
+// Writes in the steps of the library.
 void write(Segment &segment, char byte, uint32_t size, uint64_t timestamp)
 {
     store_relaxed(segment.last_write_ts, timestamp);
@@ -95,8 +95,8 @@ Counts look_at_it(const SegmentReader &reader, int looks)
     return counts;
 }
 
-// The least time of a look over several rounds, so that what else runs on the machine does not
-// count.
+// Gives the least time of a look over several rounds, so that what else runs on the machine does
+// not count.
 double idle_cost(const SegmentReader &reader)
 {
     constexpr int looks = 2000;
