@@ -3,13 +3,13 @@
 #pragma once
 
 #include "common/result.h"
+#include "common/toml.h"
 
 #include <chrono>
 #include <functional>
 #include <set>
 #include <string>
 #include <string_view>
-#include <toml++/toml.h>
 #include <vector>
 
 namespace kp::tool {

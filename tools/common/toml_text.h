@@ -2,10 +2,10 @@
 #pragma once
 
 #include "common/result.h"
+#include "common/toml.h"
 
 #include <string>
 #include <string_view>
-#include <toml++/toml.h>
 
 namespace kp::tool {
 

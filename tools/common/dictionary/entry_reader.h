@@ -3,8 +3,7 @@
 
 #include "common/dictionary/entry.h"
 #include "common/result.h"
-
-#include <toml++/toml.h>
+#include "common/toml.h"
 
 namespace kp::tool {
 
