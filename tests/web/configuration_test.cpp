@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <regex>
 
 using kp::web::parse_configuration;
 using Problems = std::vector<std::string>;
@@ -66,6 +68,37 @@ TEST(WebConfiguration, NamesEachMistakeWithItsLine)
     EXPECT_EQ(problems[1], "f:1: rate: must be a number from 0.1 to 100");
     EXPECT_EQ(problems[2], "f:5: clients: must be a whole number from 1 to 1000");
     EXPECT_EQ(problems[3], "f:3: colour: unknown setting");
+}
+
+// The text with its settings, which are comments in the file, as settings.
+std::string with_settings_of(const std::string &path)
+{
+    std::ifstream file(path);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    return std::regex_replace(text, std::regex("(^|\n)# (\\[|[a-z-]+ = )"), "$1$2");
+}
+
+TEST(WebConfiguration, HasAFileThatStatesTheDefaults)
+{
+    const auto shipped = kp::web::load_configuration(KP_WEB_CONFIGURATION);
+    const auto [stated, problems] =
+        parse_configuration(with_settings_of(KP_WEB_CONFIGURATION), "f");
+    const auto usual = parse_configuration("", "f").configuration;
+
+    EXPECT_EQ(shipped.problems, Problems{});
+    EXPECT_EQ(shipped.configuration.limits.clients, usual.limits.clients);
+    EXPECT_EQ(problems, Problems{});
+    ASSERT_EQ(stated.listen.size(), 1U);
+    EXPECT_EQ(stated.listen[0].text(), usual.listen[0].text());
+    EXPECT_EQ(stated.hosts, usual.hosts);
+    EXPECT_EQ(stated.show, usual.show);
+    EXPECT_EQ(stated.hide, usual.hide);
+    EXPECT_EQ(stated.metrics, usual.metrics);
+    EXPECT_EQ(stated.rate, usual.rate);
+    EXPECT_EQ(stated.limits.clients, usual.limits.clients);
+    EXPECT_EQ(stated.limits.topics, usual.limits.topics);
+    EXPECT_EQ(stated.limits.url_bytes, usual.limits.url_bytes);
+    EXPECT_EQ(stated.limits.request_time, usual.limits.request_time);
 }
 
 TEST(WebConfiguration, TellsWhereItCannotBeRead)
