@@ -12,7 +12,7 @@ CANDIDATES = [
     for minor in range(9, 20)
 ]
 PYTHONS = sorted(
-    {path.resolve() for path in CANDIDATES if path.is_file() and ".pyenv/shims" not in str(path)}
+    {path.resolve() for path in CANDIDATES if os.access(path, os.X_OK) and ".pyenv/shims" not in str(path)}
 )
 
 
