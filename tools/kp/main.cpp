@@ -1,10 +1,10 @@
 // kp: the tags of this device, seen, set and looked after from a shell.
 #include "commands/commands.h"
-#include "commands/similar_word.h"
 #include "common/fault_guard.h"
 #include "common/text.h"
 #include "kp.h"
 #include "options/option_checks.h"
+#include "options/similar_word.h"
 #include "output/meaning.h"
 #include "output/output.h"
 #include "running/stop.h"

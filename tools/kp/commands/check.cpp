@@ -168,12 +168,8 @@ class Check {
     std::size_t found_ = 0;
 };
 
-int run_check(const CheckOptions &options)
+int run_check(const CheckOptions &options, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
     return Check(options, selection).run();
 }
 
@@ -183,7 +179,7 @@ void add_check(Commands &commands)
 {
     const auto options = std::make_shared<CheckOptions>();
     CLI::App &command = commands.add("check", "hold the store against the dictionary",
-                                     [options] { return run_check(*options); });
+                                     on_selection(options, run_check));
     add_selection(command, options->selection);
     command.add_flag("--limits", options->limits, "tell also of values at or beyond their limits");
     command.add_flag("-j,--json", options->json, "one JSON object a finding");

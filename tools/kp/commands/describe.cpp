@@ -50,12 +50,8 @@ std::set<std::string> asked_topics(const Selection &selection, Outcome &outcome)
     return topics;
 }
 
-int run_describe(const DescribeOptions &options)
+int run_describe(const DescribeOptions &options, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
     Outcome outcome;
     bool is_known = false;
     for (const std::string &topic : asked_topics(selection, outcome)) {
@@ -77,7 +73,7 @@ void add_describe(Commands &commands)
 {
     const auto options = std::make_shared<DescribeOptions>();
     CLI::App &command = commands.add("describe", "what the dictionary says of topics, and where",
-                                     [options] { return run_describe(*options); });
+                                     on_selection(options, run_describe));
     add_selection(command, options->selection);
     command.add_flag("-j,--json", options->json, "one JSON object a topic");
 }

@@ -1,8 +1,8 @@
 // kp dictionary init: a dictionary to begin with, from the topics that exist.
 #include "commands/commands.h"
-#include "commands/store_walk.h"
 #include "common/text.h"
 #include "layout/value_type.h"
+#include "looking/store_walk.h"
 #include "options/selection_options.h"
 #include "output/meaning.h"
 #include "output/output.h"
@@ -51,12 +51,8 @@ void print_entry(const std::string &name, const Snapshot &snapshot)
     output().line("description = \"\"");
 }
 
-int run_init(const InitOptions &options)
+int run_init(const InitOptions &options, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
     Outcome outcome;
     bool is_first = true;
     for_each_declared(selection, outcome, [&](const std::string &topic, const Snapshot &snapshot) {
@@ -83,7 +79,7 @@ void add_dictionary(Commands &commands)
 {
     const auto options = std::make_shared<InitOptions>();
     CLI::App &command =
-        commands.add("dictionary", "begin a dictionary", [options] { return run_init(*options); });
+        commands.add("dictionary", "begin a dictionary", on_selection(options, run_init));
     command.require_subcommand(1);
     CLI::App *init = command.add_subcommand(
         "init", "print a dictionary to begin with, from the topics that exist");

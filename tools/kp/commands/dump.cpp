@@ -1,7 +1,7 @@
 // kp dump and kp restore: the store as JSON lines and back, exact to the bit.
 #include "commands/commands.h"
-#include "commands/store_walk.h"
 #include "common/text.h"
+#include "looking/store_walk.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"
@@ -16,6 +16,10 @@ namespace kp::tool {
 
 namespace {
 
+struct DumpOptions {
+    SelectionOptions selection;
+};
+
 struct RestoreOptions {
     std::string file = "-";
     double peer_wait = 0.3;
@@ -23,12 +27,8 @@ struct RestoreOptions {
     bool now = false;
 };
 
-int run_dump(const SelectionOptions &options)
+int run_dump(const DumpOptions & /*options*/, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.wanted, options.excluded, problem))
-        return complain(problem);
     Outcome outcome;
     std::size_t printed = 0;
     for_each_declared(selection, outcome,
@@ -83,10 +83,10 @@ int run_restore(const RestoreOptions &options)
 
 void add_dump(Commands &commands)
 {
-    const auto options = std::make_shared<SelectionOptions>();
+    const auto options = std::make_shared<DumpOptions>();
     CLI::App &command = commands.add("dump", "print topics as JSON lines that restore takes back",
-                                     [options] { return run_dump(*options); });
-    add_selection(command, *options);
+                                     on_selection(options, run_dump));
+    add_selection(command, options->selection);
 }
 
 void add_restore(Commands &commands)

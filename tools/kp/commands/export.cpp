@@ -1,7 +1,7 @@
 // kp export: the topics in the format of another system.
 #include "commands/commands.h"
-#include "commands/store_walk.h"
 #include "common/topic_metrics.h"
+#include "looking/store_walk.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 
@@ -14,12 +14,8 @@ struct ExportOptions {
     bool prometheus = false;
 };
 
-int run_export(const ExportOptions &options)
+int run_export(const ExportOptions & /*options*/, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
     Outcome outcome;
     TopicMetrics metrics;
     for_each_declared(selection, outcome,
@@ -38,7 +34,7 @@ void add_export(Commands &commands)
 {
     const auto options = std::make_shared<ExportOptions>();
     CLI::App &command = commands.add("export", "print topics in the format of another system",
-                                     [options] { return run_export(*options); });
+                                     on_selection(options, run_export));
     add_selection(command, options->selection);
     command.add_flag("--prometheus", options->prometheus, "as metrics of Prometheus")->required();
 }

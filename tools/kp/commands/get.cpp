@@ -72,12 +72,8 @@ bool is_incomplete(const Found &found)
                        [](const Problem &problem) { return problem.code == kNothing; });
 }
 
-int run_get(GetOptions &options)
+int run_get(GetOptions &options, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
     if (selection.single_topic() && !options.format.verbose)
         options.format.terse = true;
 
@@ -112,7 +108,7 @@ void add_get(Commands &commands)
     const auto options = std::make_shared<GetOptions>();
     CLI::App &command =
         commands.add("get", "print values: alone for one topic, topic<TAB>value for several",
-                     [options] { return run_get(*options); });
+                     on_selection(options, run_get));
     add_selection(command, options->selection)->required();
     command.add_flag("-v,--verbose", options->format.verbose, "with type, quality, times and age");
     command.add_flag("-T,--terse", options->format.terse, "values without their topics");

@@ -1,8 +1,8 @@
 // kp hz: how often topics are written, and how evenly.
 #include "commands/commands.h"
-#include "commands/statistics.h"
 #include "common/live_store.h"
 #include "common/text.h"
+#include "looking/intervals.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"
@@ -191,12 +191,8 @@ class Meter {
     bool has_reported_ = false;
 };
 
-int run_hz(const HzOptions &options)
+int run_hz(const HzOptions &options, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
     catch_stop_signals();
     return Meter(options, selection).run();
 }
@@ -207,7 +203,7 @@ void add_hz(Commands &commands)
 {
     const auto options = std::make_shared<HzOptions>();
     CLI::App &command = commands.add("hz", "how often topics are written, and how evenly",
-                                     [options] { return run_hz(*options); });
+                                     on_selection(options, run_hz));
     add_selection(command, options->selection)->required();
     command.add_option("-w,--window", options->window, "seconds in one report; 1 unless given")
         ->type_name("SEC")

@@ -188,13 +188,8 @@ std::vector<Row> read_rows(const StoreListing &listing, Outcome &outcome)
     return rows;
 }
 
-int run_list(const ListOptions &options)
+int run_list(const ListOptions &options, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
-
     Outcome outcome;
     StoreListing listing = list_store(selection);
     for (const Problem &unread : listing.problems)
@@ -227,8 +222,8 @@ int run_list(const ListOptions &options)
 void add_list(Commands &commands)
 {
     const auto options = std::make_shared<ListOptions>();
-    CLI::App &command = commands.add("list", "list topics, at any depth, sorted",
-                                     [options] { return run_list(*options); });
+    CLI::App &command =
+        commands.add("list", "list topics, at any depth, sorted", on_selection(options, run_list));
     command.alias("ls");
     CLI::Option *long_form =
         command.add_flag("-l,--long", options->long_form,

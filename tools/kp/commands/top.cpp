@@ -272,12 +272,8 @@ class Top {
     bool is_touched_ = false;
 };
 
-int run_top(const TopOptions &options)
+int run_top(const TopOptions &options, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
     if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO))
         return complain(Problem{kUsage, "top needs a terminal; watch serves pipes"});
     catch_stop_signals();
@@ -292,8 +288,7 @@ int run_top(const TopOptions &options)
 void add_top(Commands &commands)
 {
     const auto options = std::make_shared<TopOptions>();
-    CLI::App &command =
-        commands.add("top", "the live view", [options] { return run_top(*options); });
+    CLI::App &command = commands.add("top", "the live view", on_selection(options, run_top));
     add_selection(command, options->selection);
     command.add_option("--delay", options->delay, "seconds between drawings; 0.5 unless given")
         ->type_name("SEC")

@@ -144,13 +144,10 @@ class Watch {
     bool is_first_look_ = true;
 };
 
-int run_watch(const WatchOptions &options)
+int run_watch(const WatchOptions &options, const Selection &selection)
 {
-    Problem problem;
-    Selection selection;
-    if (!selection.set(options.selection.wanted, options.selection.excluded, problem))
-        return complain(problem);
     catch_stop_signals();
+    Problem problem;
     std::unique_ptr<NoticeQueue> queue;
     if (options.mesh && !(queue = NoticeQueue::join(problem)))
         return complain(problem);
@@ -192,7 +189,7 @@ void add_record(Commands &commands)
     options->rate = 100;
     CLI::App &command =
         commands.add("record", "print each change as a JSON line that replay takes, until stopped",
-                     [options] { return run_watch(*options); });
+                     on_selection(options, run_watch));
     add_selection(command, options->selection)->required();
     add_following(command, *options);
 }
@@ -203,7 +200,7 @@ void add_watch(Commands &commands)
     CLI::App &command =
         commands.add("watch", "print a line for each change, until stopped", [options] {
             options->format.with_meaning = !options->format.terse;
-            return run_watch(*options);
+            return on_selection(options, run_watch)();
         });
     command.alias("mon");
     add_selection(command, options->selection)->required();

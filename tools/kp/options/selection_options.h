@@ -1,9 +1,13 @@
 // The arguments with which the user of a command chooses topics.
 #pragma once
 
-#include "common/pattern.h"
+#include "common/selection.h"
+#include "running/problem.h"
 
 #include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <utility>
 
 namespace kp::tool {
 
@@ -20,6 +24,22 @@ inline CLI::Option *add_selection(CLI::App &command, SelectionOptions &options)
         ->allow_extra_args(false);
     return command.add_option("topics", options.wanted, "topics and patterns")
         ->type_name("TOPIC|PATTERN");
+}
+
+// Gives the function that runs a command on the topics that its user chose. It calls `run` with
+// `*options` and the selection. If one of the topics cannot exist, it complains instead, and gives
+// the exit code.
+template <typename Options, typename Run>
+std::function<int()> on_selection(std::shared_ptr<Options> options, Run run)
+{
+    return [options = std::move(options), run] {
+        Problem problem;
+        Selection selection;
+        const SelectionOptions &chosen = options->selection;
+        if (!selection.set(chosen.wanted, chosen.excluded, problem))
+            return complain(problem);
+        return run(*options, selection);
+    };
 }
 
 } // namespace kp::tool

@@ -1,4 +1,4 @@
-#include "commands/similar_word.h"
+#include "options/similar_word.h"
 
 #include <algorithm>
 

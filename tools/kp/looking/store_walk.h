@@ -2,6 +2,8 @@
 #pragma once
 
 #include "common/segment_reader.h"
+#include "common/selection.h"
+#include "running/problem.h"
 
 namespace kp::tool {
 
