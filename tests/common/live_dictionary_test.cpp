@@ -104,6 +104,23 @@ TEST_F(LiveDictionaryTest, TakesWhatIsSoundOfAFileThatItReadsFirst)
     EXPECT_EQ(live.take_problems().size(), 1u);
 }
 
+TEST_F(LiveDictionaryTest, KnowsWhetherItIsWhole)
+{
+    LiveDictionary missing({folder_ + "/none", true});
+    LiveDictionary live({folder_, true});
+
+    EXPECT_FALSE(missing.is_whole());
+    EXPECT_TRUE(live.is_whole());
+    put("1.toml", "[a]\nunits = 3\n");
+    (void)live.refresh();
+    EXPECT_FALSE(live.is_whole());
+    (void)live.refresh();
+    EXPECT_FALSE(live.is_whole());
+    put("1.toml", "[a]\nunit = \"m\"\n");
+    (void)live.refresh();
+    EXPECT_TRUE(live.is_whole());
+}
+
 TEST_F(LiveDictionaryTest, HandsOutADictionaryThatOutlivesAChange)
 {
     put("1.toml", "[a]\nunit = \"m\"\n");

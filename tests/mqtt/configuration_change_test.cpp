@@ -30,6 +30,7 @@ TEST(Reach, OfRulesAndPacesIsTheRules)
     const std::string before = kTop + kBroker + kRules;
 
     EXPECT_EQ(reach(before, before), Reach::rules);
+    EXPECT_EQ(reach(before, "discovery = \"h\"\n" + before), Reach::rules);
     EXPECT_EQ(reach(before, before + "retain = false\n[[in]]\nfilter = \"c/#\"\n"), Reach::rules);
     EXPECT_EQ(
         reach(before, "prefix = \"other\"\nstate-topic = \"kp/press/$bridge/state\"\n" + before),
@@ -64,5 +65,6 @@ TEST(Reach, OfWhatTheProcessIsIsEverything)
     const std::string before = kTop + kBroker + kRules;
 
     EXPECT_EQ(reach(before, "endpoint = \"e\"\n" + before), Reach::everything);
+    EXPECT_EQ(reach(before, "dictionary = \"/run/t\"\n" + before), Reach::everything);
     EXPECT_EQ(reach(before, "device = \"other\"\n" + kBroker + kRules), Reach::everything);
 }

@@ -51,6 +51,8 @@ state-file = "/var/lib/x"
 scan-interval = 0.5
 quality-when-gone = 64
 trust-visible = true
+dictionary = "/etc/tags"
+discovery = "homeassistant"
 [broker]
 host = "broker"
 client-id = "id"
@@ -73,6 +75,7 @@ payload = "json"
 min-interval = 1.5
 deadband = 0.5
 deadband-relative = 0.01
+deadband-of-range = 0.02
 only-changes = true
 expiry = 60
 [[in]]
@@ -90,12 +93,15 @@ retained = true
     EXPECT_EQ(result.scan_interval, milliseconds(500));
     EXPECT_EQ(result.quality_when_gone, 64);
     EXPECT_TRUE(result.trust_visible);
+    EXPECT_EQ(result.dictionary, "/etc/tags");
+    EXPECT_EQ(result.discovery, "homeassistant");
     EXPECT_EQ(result.broker.port, 8883);
     EXPECT_EQ(result.broker.reconnect_min, milliseconds(200));
     EXPECT_EQ(result.broker.tls->key_file, "k.pem");
     EXPECT_EQ(result.out[0].payload, PayloadMode::json);
     EXPECT_EQ(result.out[0].quiet.min_interval, milliseconds(1500));
     EXPECT_EQ(result.out[0].quiet.relative_deadband, 0.01);
+    EXPECT_EQ(result.out[0].quiet.deadband_of_range, 0.02);
     EXPECT_THAT(result.out[0].exclude, ElementsAre("a/x", "a/y/#"));
     EXPECT_EQ(result.in[0].full_filter(), "orders/#");
     EXPECT_EQ(result.in[0].type, KP_TYPE_DOUBLE);
@@ -278,6 +284,29 @@ TEST(Overlap, OfWhatIsSentWithTheStateTopicIsRefused)
                 ElementsAre(testing::HasSubstr("the bridge's own state topic p/a")));
     EXPECT_THAT(problems_of("prefix = \"p\"\nstate-topic = \"p/b\"\n" + std::string(kOut)),
                 IsEmpty());
+}
+
+TEST(Overlap, WithWhatIsAnnouncedIsRefused)
+{
+    const auto problems = [](const std::string &rule) {
+        return problems_of("discovery = \"h/a\"\nprefix = \"p\"\n" + rule);
+    };
+    constexpr const char *kSends =
+        "f: [[out]] 1 (line 3) can send a tag to a topic below h/a, where tags are announced";
+    constexpr const char *kReceives = "f: [[in]] 1 (line 3) receives what is announced below h/a";
+
+    EXPECT_THAT(problems("[[out]]\npattern = \"x\"\nprefix = \"h/a\"\n"), ElementsAre(kSends));
+    EXPECT_THAT(problems("[[out]]\npattern = \"x\"\nprefix = \"h/a/b\"\n"), ElementsAre(kSends));
+    EXPECT_THAT(problems("[[out]]\npattern = \"+/x\"\nprefix = \"h\"\n"), ElementsAre(kSends));
+    EXPECT_THAT(problems("[[out]]\npattern = \"+/a/#\"\nprefix = \"\"\n"), ElementsAre(kSends));
+    EXPECT_THAT(problems("[[in]]\nfilter = \"#\"\nprefix = \"h\"\n"), ElementsAre(kReceives));
+    EXPECT_THAT(problems("[[in]]\nfilter = \"#\"\nprefix = \"h\"\nshared = true\n"),
+                ElementsAre(kReceives));
+    EXPECT_THAT(problems("[[out]]\npattern = \"b/#\"\nprefix = \"h\"\n"), IsEmpty());
+    EXPECT_THAT(problems("[[out]]\npattern = \"x\"\nprefix = \"h/ab\"\n"), IsEmpty());
+    EXPECT_THAT(problems("[[out]]\npattern = \"+/a/#\"\nprefix = \"\"\nexclude = [\"h/#\"]\n"),
+                IsEmpty());
+    EXPECT_THAT(problems("[[in]]\nfilter = \"status\"\nprefix = \"h/a\"\n"), IsEmpty());
 }
 
 TEST(InRules, WithTheSameFilterAreRefused)

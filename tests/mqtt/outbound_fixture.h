@@ -13,8 +13,8 @@ using namespace kp::mqtt;
 class OutboundOf {
   public:
     explicit OutboundOf(const std::string &rule, const std::string &broker = "burst-rate = 0\n",
-                        const std::string &state_file = "")
-        : configuration_(parse_configuration("device = \"d\"\n[broker]\n" + broker +
+                        const std::string &state_file = "", const std::string &top = "")
+        : configuration_(parse_configuration("device = \"d\"\n" + top + "[broker]\n" + broker +
                                                  "[[out]]\npattern = \"a/#\"\nprefix = \"p\"\n" +
                                                  rule,
                                              "f")
@@ -45,6 +45,16 @@ class OutboundOf {
     {
         topics_.scan(now_);
         return messages();
+    }
+    // What the tags mean from now on, as in a file of the dictionary.
+    void use_dictionary(const std::string &text, bool is_whole = true)
+    {
+        const auto file =
+            std::make_shared<kp::tool::DictionaryFile>(kp::tool::parse_dictionary_file(text, "f"));
+        topics_.use(std::make_shared<kp::tool::Dictionary>(
+                        std::vector{std::shared_ptr<const kp::tool::DictionaryFile>(file)}),
+                    now_);
+        publications_.dictionary_changed(is_whole, now_);
     }
     void retained_before(const std::string &mqtt, bool provided = false)
     {

@@ -16,6 +16,7 @@ namespace {
 constexpr milliseconds kTick{1000};
 constexpr milliseconds kScanSoon{100}; // after a notice of a topic that is not known
 constexpr milliseconds kStuck{10'000}; // for a round of local writes
+constexpr std::size_t kMostLogged = 5; // mistakes of one reading of the dictionary
 constexpr int kMostAtOnce = 200;       // publications between two looks at everything else
 
 } // namespace
@@ -32,6 +33,7 @@ Bridge::Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks 
                LocalWriter &writer, Counters &counters, uint64_t last_alive)
     : configuration_(std::move(configuration)), state_(state), marks_(marks), writer_(writer),
       counters_(counters), origin_(make_origin(configuration_.device)),
+      dictionary_(tool::dictionary_place(configuration_.dictionary)),
       topics_(configuration_, reader_, state, pending_),
       shared_(configuration_, reader_, &writer, state, pending_, topics_, last_alive),
       publications_(configuration_, reader_, &writer, state, origin_, pending_, topics_, shared_,
@@ -41,6 +43,9 @@ Bridge::Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks 
       session_(configuration_, origin_, session_events(), counters),
       unheard_(configuration_.endpoint), status_(configuration_.status_prefix, writer)
 {
+    topics_.use(dictionary_.current(), Clock::now());
+    publications_.dictionary_changed(dictionary_.is_whole(), Clock::now());
+    log_mistakes_of_dictionary();
 }
 
 InboundEvents Bridge::inbound_events()
@@ -110,6 +115,7 @@ std::optional<Configuration> Bridge::run(const Signals &signals,
 void Bridge::reload(ConfigurationResult loaded, Clock::time_point now)
 {
     manager_.reloading();
+    look_at_dictionary(now);
     for (const std::string &problem : loaded.problems)
         log(Level::error, problem);
     const Reach reach = reach_of(configuration_, loaded.configuration);
@@ -130,7 +136,7 @@ void Bridge::take_over(Configuration configuration, bool connects_anew, Clock::t
     // The parts still point to the old rules until they have found the new ones.
     const Configuration before = std::exchange(configuration_, std::move(configuration));
     topics_.reload(before, now);
-    publications_.reload();
+    publications_.reload(now);
     inbound_.reload();
     if (connects_anew)
         session_.connect_anew(now);
@@ -243,11 +249,34 @@ void Bridge::tick(Clock::time_point now)
     manager_.keep_watchdog_quiet(now);
     log_what_was_left_out(now);
     unheard_.look(now);
+    look_at_dictionary(now);
     show_status(now, session_.is_online());
     const bool stuck = writer_.busy_for(now) > kStuck;
     if (stuck && !reported_stuck_)
         log(Level::warning, "a local peer does not read its notices; values from the broker wait");
     reported_stuck_ = stuck;
+}
+
+void Bridge::look_at_dictionary(Clock::time_point now)
+{
+    if (dictionary_.refresh()) {
+        topics_.use(dictionary_.current(), now);
+        publications_.dictionary_changed(dictionary_.is_whole(), now);
+        log(Level::info, "the dictionary of tags has been read again");
+    }
+    log_mistakes_of_dictionary();
+}
+
+// Each once, and of many only the first few.
+void Bridge::log_mistakes_of_dictionary()
+{
+    const auto mistakes = dictionary_.take_problems();
+    for (std::size_t index = 0; index < std::min(mistakes.size(), kMostLogged); ++index)
+        log(Level::warning, tool::place_text(mistakes[index].place) + ": " + mistakes[index].text);
+    if (mistakes.size() > kMostLogged)
+        log(Level::warning, "the dictionary of tags has " +
+                                std::to_string(mistakes.size() - kMostLogged) +
+                                " mistakes more (kp doctor shows them)");
 }
 
 void Bridge::show_status(Clock::time_point now, bool is_connected)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "broker/broker_session.h"
+#include "common/dictionary/live_dictionary.h"
 #include "common/notice_marks.h"
 #include "common/service_manager.h"
 #include "config/configuration.h"
@@ -55,6 +56,9 @@ class Bridge {
     void look_for_changes(Clock::time_point now);
     void send_values(Clock::time_point now);
     void tick(Clock::time_point now);
+    // Reads the dictionary again where it has changed.
+    void look_at_dictionary(Clock::time_point now);
+    void log_mistakes_of_dictionary();
     void show_status(Clock::time_point now, bool is_connected);
 
     Configuration configuration_; // the parts refer to it, and are told when it changes
@@ -65,6 +69,7 @@ class Bridge {
     const std::string origin_;
     StoreReader reader_;
     PendingNames pending_;
+    tool::LiveDictionary dictionary_;
     TopicTable topics_;
     SharedTags shared_;
     Publications publications_;

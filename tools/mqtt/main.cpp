@@ -155,9 +155,12 @@ int act(const Options &options)
     if (logs_to_journal())
         log_for_journal();
     auto [configuration, problems] = load(options.file, options.check);
-    if (options.check)
+    if (options.check) {
         for (std::string &problem : date_problems(configuration.broker))
             problems.push_back(std::move(problem));
+        for (const std::string &mistake : dictionary_mistakes(configuration.dictionary))
+            std::cerr << "kp-mqtt: " << mistake << '\n';
+    }
     for (const std::string &line : problems)
         std::cerr << "kp-mqtt: " << line << '\n';
     if (!problems.empty())

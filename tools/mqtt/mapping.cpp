@@ -1,8 +1,10 @@
 #include "mapping.h"
 
+#include "common/dictionary/live_dictionary.h"
 #include "common/text.h"
 #include "common/topic_name.h"
 #include "names/topic_names.h"
+#include "outbound/discovery.h"
 #include "store/store_reader.h"
 
 #include <nlohmann/json.hpp>
@@ -27,19 +29,34 @@ const char *mode_name(PayloadMode mode)
     return "raw";
 }
 
-Json out_line(const std::string &tag, const OutRule &rule, const StoreReader &reader)
+// What the dictionary adds to a tag's messages.
+void add_meaning(Json &line, const Configuration &configuration, const OutTopic &topic,
+                 const Sample &sample)
 {
+    if (const std::string_view unit = unit_of(topic.facts); !unit.empty())
+        line["unit"] = unit;
+    const auto message =
+        sample.has_value ? discovery_message(configuration, topic, sample.type) : std::nullopt;
+    if (message)
+        line["discovery"] = message->mqtt;
+}
+
+Json out_line(const Configuration &configuration, const OutTopic &topic, const StoreReader &reader)
+{
+    const OutRule &rule = *topic.rule;
     Json line{{"direction", "out"},
-              {"tag", tool::escaped(tag)},
-              {"topic", to_mqtt_topic(rule.prefix, tag)},
+              {"tag", tool::escaped(topic.tag)},
+              {"topic", topic.mqtt},
               {"rule", rule.name},
               {"qos", rule.qos},
               {"retain", rule.retain},
               {"payload", mode_name(rule.payload)}};
     Sample sample;
-    const bool readable = reader.read(tag, sample) == ReadOutcome::read;
+    const bool readable = reader.read(topic.tag, sample) == ReadOutcome::read;
     line["type"] = readable ? Json(kp_type2str(sample.type)) : Json();
     line["has_value"] = readable && sample.has_value;
+    if (readable)
+        add_meaning(line, configuration, topic, sample);
     return line;
 }
 
@@ -62,9 +79,17 @@ Json in_line(const InRule &rule)
 void print_mapping(const Configuration &configuration, std::ostream &out)
 {
     const StoreReader reader;
+    const tool::LiveDictionary dictionary(tool::dictionary_place(configuration.dictionary));
     (void)reader.for_each_topic([&](const std::string &tag) {
-        if (const OutRule *rule = configuration.rule_for(tag))
-            out << out_line(tag, *rule, reader).dump() << '\n';
+        const OutRule *rule = configuration.rule_for(tag);
+        if (!rule)
+            return;
+        OutTopic topic;
+        topic.tag = tag;
+        topic.mqtt = to_mqtt_topic(rule->prefix, tag);
+        topic.rule = rule;
+        topic.facts = dictionary.current()->facts_of(tag);
+        out << out_line(configuration, topic, reader).dump() << '\n';
     });
     for (const InRule &rule : configuration.in)
         out << in_line(rule).dump() << '\n';

@@ -1,5 +1,6 @@
 #include "common/dictionary/entry_reader.h"
 
+#include "common/pattern.h"
 #include "common/text.h"
 #include "common/value_text.h"
 
@@ -264,6 +265,7 @@ DictionaryEntry EntryReader::read(const toml::key &pattern, const toml::table &t
 {
     DictionaryEntry entry;
     entry.pattern = pattern.str();
+    is_pattern_ = is_pattern(entry.pattern);
     entry.place = place(pattern.source());
     for (const auto &[key, node] : table)
         read_key(entry, key, node);

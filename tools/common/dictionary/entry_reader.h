@@ -31,7 +31,7 @@ class EntryReader {
     {
         Result<T> parsed = parse(node);
         if (parsed)
-            fact = Fact<T>{std::move(*parsed.value), place(key.source())};
+            fact = Fact<T>{std::move(*parsed.value), place(key.source()), is_pattern_};
         else
             problem(node.source(), std::string(key.str()) + ": " + parsed.problem);
     }
@@ -40,6 +40,7 @@ class EntryReader {
 
     const std::shared_ptr<const std::string> file_;
     std::vector<DictionaryProblem> &problems_;
+    bool is_pattern_ = false; // the entry that is read
 };
 
 } // namespace kp::tool

@@ -51,6 +51,7 @@ using ValueNames = std::map<int64_t, std::string>; // of booleans (0 and 1) and 
 template <typename T> struct Fact {
     T value;
     FilePlace place;
+    bool is_of_pattern = false; // it may speak of several topics
 };
 
 // The facts about one topic, or one entry of a file. Pointers are null where nothing is known; they

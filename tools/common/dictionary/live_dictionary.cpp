@@ -3,6 +3,7 @@
 #include "common/text.h"
 #include "layout/unique_fd.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -89,6 +90,7 @@ bool LiveDictionary::take_file(const std::string &path, Known &known)
     if (known.stamp == stamp)
         return false;
     known.stamp = stamp;
+    known.is_sound = false;
     if (error != 0) {
         report(path, std::strerror(error));
         return false;
@@ -104,7 +106,8 @@ bool LiveDictionary::take_file(const std::string &path, Known &known)
     }
     auto file = std::make_shared<DictionaryFile>(parse_dictionary_file(*text, path));
     problems_.insert(problems_.end(), file->problems.begin(), file->problems.end());
-    if (known.file && !file->problems.empty())
+    known.is_sound = file->problems.empty();
+    if (known.file && !known.is_sound)
         return false; // the one before holds until the mistakes are mended
     known.file = std::move(file);
     return true;
@@ -138,6 +141,12 @@ bool LiveDictionary::refresh()
             files.push_back(known.file);
     current_ = std::make_shared<const Dictionary>(std::move(files));
     return true;
+}
+
+bool LiveDictionary::is_whole() const
+{
+    return !told_of_directory_ &&
+           std::ranges::all_of(files_, [](const auto &known) { return known.second.is_sound; });
 }
 
 std::vector<DictionaryProblem> LiveDictionary::take_problems()

@@ -33,6 +33,10 @@ class LiveDictionary {
         return current_;
     }
 
+    // Whether all that the files say is understood, so that what is not in the dictionary is not
+    // meant to be.
+    bool is_whole() const;
+
     // What was wrong in the files that were read since the last call.
     std::vector<DictionaryProblem> take_problems();
 
@@ -48,6 +52,7 @@ class LiveDictionary {
     struct Known {
         std::optional<Stamp> stamp; // of the last look
         std::shared_ptr<const DictionaryFile> file;
+        bool is_sound = false; // at the last look
     };
 
     bool take_file(const std::string &path, Known &known);

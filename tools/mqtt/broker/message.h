@@ -20,6 +20,7 @@ constexpr const char *kSourceTime = "sts";
 constexpr const char *kWriteTime = "ts";
 constexpr const char *kType = "type";
 constexpr const char *kExtraInfo = "xi";
+constexpr const char *kUnit = "unit"; // of the value, as the dictionary says; outbound alone
 constexpr const char *kOrigin = "origin";
 constexpr const char *kNumber =
     "n"; // the number by which an origin knows its own messages in a shared tree

@@ -17,7 +17,6 @@ using nlohmann::json;
 
 constexpr uint8_t kKeptQuality = 255;
 constexpr const char *kText = "text/plain";
-constexpr const char *kJson = "application/json";
 constexpr const char *kBytes = "application/octet-stream";
 
 std::string dump(const json &document)
@@ -36,7 +35,8 @@ std::string json_value(const Sample &sample)
     return bare ? text : dump(text);
 }
 
-std::string json_object(std::string_view topic, const Sample &sample, uint8_t quality)
+std::string json_object(std::string_view topic, const Sample &sample, uint8_t quality,
+                        std::string_view unit)
 {
     std::string object = "{\"topic\":" + dump(percent_escaped(topic));
     const char *type = kp_type2str(sample.type);
@@ -51,8 +51,10 @@ std::string json_object(std::string_view topic, const Sample &sample, uint8_t qu
     object += ",\"ts\":" + std::to_string(sample.ts);
     object += ",\"source_ts\":" + std::to_string(sample.source_ts);
     object += ",\"size\":" + std::to_string(sample.value.size());
-    object += ",\"extra\":" + std::to_string(sample.extra_info) + '}';
-    return object;
+    object += ",\"extra\":" + std::to_string(sample.extra_info);
+    if (!unit.empty())
+        object += ",\"unit\":" + dump(unit);
+    return object + '}';
 }
 
 template <typename T> std::optional<T> number(std::string_view text)
@@ -137,11 +139,11 @@ tool::Result<Content> from_json(std::string_view payload, Description &descripti
 } // namespace
 
 Payload make_payload(PayloadMode mode, std::string_view topic, const Sample &sample,
-                     uint8_t quality)
+                     uint8_t quality, std::string_view unit)
 {
     switch (mode) {
     case PayloadMode::json:
-        return {json_object(topic, sample, quality), kJson, true};
+        return {json_object(topic, sample, quality, unit), kJson, true};
     case PayloadMode::raw:
         return {sample.value, kBytes, false};
     case PayloadMode::plain:

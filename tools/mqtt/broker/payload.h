@@ -17,6 +17,8 @@ namespace kp::mqtt {
 // would take many times their size.
 constexpr size_t kMostPayloadBytes = 40 * 1024;
 
+constexpr const char *kJson = "application/json"; // as content type
+
 struct Payload {
     std::string bytes;
     const char *content_type;
@@ -24,9 +26,9 @@ struct Payload {
 };
 
 // The payload of a sample with a value. `quality` is what the message says, which can differ from
-// the sample's own when the providers are gone.
+// the sample's own when the providers are gone; an empty unit is not said.
 Payload make_payload(PayloadMode mode, std::string_view topic, const Sample &sample,
-                     uint8_t quality);
+                     uint8_t quality, std::string_view unit = {});
 
 // Gives all properties of a message but its origin.
 UserProperties describing_properties(const Sample &sample, uint8_t quality);

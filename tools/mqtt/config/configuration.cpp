@@ -42,6 +42,8 @@ class ConfigurationReader {
         table.read("scan-interval", result.scan_interval, 0.1, 3600);
         table.read_integer("quality-when-gone", result.quality_when_gone, 0, 254);
         table.read("trust-visible", result.trust_visible);
+        table.read("dictionary", result.dictionary);
+        table.read<std::string>("discovery", result.discovery, setting::prefix);
         const toml::table none;
         const toml::table *broker = table.table("broker");
         result.broker = read_broker(broker ? *broker : none, result.device);
@@ -146,6 +148,7 @@ class ConfigurationReader {
             table.problem("max-interval", "must not be less than min-interval");
         table.read("deadband", rule.quiet.deadband, 0, 1e300);
         table.read("deadband-relative", rule.quiet.relative_deadband, 0, 1e6);
+        table.read("deadband-of-range", rule.quiet.deadband_of_range, 0, 1);
         table.read("only-changes", rule.quiet.only_changes);
         table.read_integer("expiry", rule.expiry_s, 0, UINT32_MAX - 1);
     }

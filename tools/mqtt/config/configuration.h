@@ -70,6 +70,8 @@ struct Configuration {
     std::string state_topic;   // says online or offline
     std::string state_file;
     milliseconds scan_interval{2'000};
+    std::string dictionary; // the directory that says what tags mean; empty: the usual one
+    std::string discovery;  // where Home Assistant looks for devices; empty: it is told nothing
     int quality_when_gone = 0;
     bool trust_visible = false; // assume that processes which cannot be seen have no topic open
     BrokerSettings broker;

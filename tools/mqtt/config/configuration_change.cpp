@@ -10,7 +10,7 @@ namespace {
 auto of_the_process(const Configuration &settings)
 {
     return std::tie(settings.device, settings.endpoint, settings.status_prefix, settings.state_file,
-                    settings.trust_visible);
+                    settings.trust_visible, settings.dictionary);
 }
 
 auto of_the_connection(const Configuration &settings)

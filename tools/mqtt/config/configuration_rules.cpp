@@ -182,6 +182,39 @@ void find_state_topic(const Configuration &configuration, Names &problems)
     }
 }
 
+bool lies_below(std::string_view topic, std::string_view prefix)
+{
+    return prefix.empty() || topic == prefix ||
+           (topic.starts_with(prefix) && topic[prefix.size()] == '/');
+}
+
+bool can_send_below(const OutRule &rule, const std::string &topic)
+{
+    if (lies_below(rule.prefix, topic))
+        return true;
+    if (!lies_below(topic, rule.prefix))
+        return false;
+    const std::string tag =
+        without_escapes(topic.substr(rule.prefix.empty() ? 0 : rule.prefix.size() + 1));
+    return meeting_in_the_tags(rule, {tag, tag + "/#"}) != nullptr;
+}
+
+// What is announced to Home Assistant is no tag on its way back, and no tag takes its place.
+void find_discovery(const Configuration &configuration, Names &problems)
+{
+    const std::string &discovery = configuration.discovery;
+    if (discovery.empty())
+        return;
+    const tool::Pattern announced(discovery + "/+/+/+/config", tool::Dialect::mqtt);
+    for (const InRule &in : configuration.in)
+        if (tool::Pattern(in.full_filter(), tool::Dialect::mqtt).meets(announced))
+            problems.push_back(in.name + " receives what is announced below " + discovery);
+    for (const OutRule &out : configuration.out)
+        if (can_send_below(out, discovery))
+            problems.push_back(out.name + " can send a tag to a topic below " + discovery +
+                               ", where tags are announced");
+}
+
 } // namespace
 
 std::vector<std::string> rule_problems(const Configuration &configuration)
@@ -193,6 +226,7 @@ std::vector<std::string> rule_problems(const Configuration &configuration)
     find_collisions(configuration, problems);
     find_in_rules_that_lose(configuration, problems);
     find_state_topic(configuration, problems);
+    find_discovery(configuration, problems);
     return problems;
 }
 

@@ -1,5 +1,6 @@
 #include "config/file_problems.h"
 
+#include "common/dictionary/live_dictionary.h"
 #include "common/secret_file.h"
 #include "config/credentials.h"
 #include "tls/certificate.h"
@@ -99,6 +100,15 @@ std::vector<std::string> date_problems(const BrokerSettings &broker)
         if (std::string problem = path.empty() ? "" : file_date_problem(path); !problem.empty())
             problems.push_back(std::move(problem));
     return problems;
+}
+
+std::vector<std::string> dictionary_mistakes(const std::string &directory)
+{
+    std::vector<std::string> lines;
+    for (const auto &mistake :
+         tool::LiveDictionary(tool::dictionary_place(directory)).take_problems())
+        lines.push_back(tool::place_text(mistake.place) + ": " + mistake.text);
+    return lines;
 }
 
 } // namespace kp::mqtt

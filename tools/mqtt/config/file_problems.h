@@ -15,6 +15,10 @@ std::vector<std::string> file_problems(const BrokerSettings &broker);
 // them all the same.
 std::vector<std::string> date_problems(const BrokerSettings &broker);
 
+// Mistakes in the dictionary of tags, which are none of the configuration's own: the bridge leaves
+// out what they stand in.
+std::vector<std::string> dictionary_mistakes(const std::string &directory);
+
 // The same for the state file, or an empty text. It takes no lock, which a running bridge has, and
 // makes nothing. A start does not ask: what it finds then may mend itself.
 std::string state_file_problem(const std::string &path);

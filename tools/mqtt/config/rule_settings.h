@@ -17,6 +17,7 @@ struct Quiet {
     milliseconds max_interval{0}; // after which a value is sent again; 0: never
     double deadband = 0;          // absolute; 0: none
     double relative_deadband = 0; // of the last value sent; 0: none
+    double deadband_of_range = 0; // of the range that the dictionary gives; 0: none
     bool only_changes = false;    // a write of the same value is no change
 };
 

@@ -6,6 +6,15 @@
 
 namespace kp::mqtt {
 
+Quiet with_range(Quiet quiet, const tool::Facts &facts)
+{
+    const double part = quiet.deadband_of_range;
+    if (facts.range && part > 0)
+        quiet.deadband = std::max(quiet.deadband,
+                                  part * facts.range->value.most - part * facts.range->value.least);
+    return quiet;
+}
+
 Gate::Verdict Gate::judge(const Quiet &quiet, const Sample &sample, Clock::time_point now) const
 {
     if (!sent_at_)

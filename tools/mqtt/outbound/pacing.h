@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/clock.h"
+#include "common/dictionary/facts.h"
 #include "config/rule_settings.h"
 #include "store/sample.h"
 
@@ -9,6 +10,9 @@
 #include <optional>
 
 namespace kp::mqtt {
+
+// What a rule says, with the part of the tag's range as a deadband.
+Quiet with_range(Quiet quiet, const tool::Facts &facts);
 
 // Remembers what of one topic was sent last and decides about the next sample.
 class Gate {

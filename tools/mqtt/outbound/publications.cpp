@@ -23,7 +23,8 @@ Publications::Publications(const Configuration &configuration, const StoreReader
                            Counters &counters)
     : configuration_(configuration), reader_(reader), writer_(writer), state_(state),
       origin_(std::move(origin)), pending_(pending), topics_(topics), shared_(shared),
-      counters_(counters), burst_(configuration.broker.burst_rate), number_(kp_get_timestamp_us())
+      counters_(counters), announcements_(configuration, topics, state, pending),
+      burst_(configuration.broker.burst_rate), number_(kp_get_timestamp_us())
 {
 }
 
@@ -39,6 +40,7 @@ void Publications::connected(bool kept, Clock::time_point now)
         if (topic->is_shared)
             continue;
         topic->must_send = true;
+        topic->announced_type = UINT32_MAX;
         if (topic->seen && topic->seen->has_value)
             pending_.mark_burst(topic->mqtt, now);
     }
@@ -47,12 +49,19 @@ void Publications::connected(bool kept, Clock::time_point now)
             pending_.mark_burst(mqtt, now);
 }
 
-void Publications::reload()
+void Publications::reload(Clock::time_point now)
 {
     burst_ = TokenBucket(configuration_.broker.burst_rate);
     take_what_is_due(Clock::time_point::max());
     for (const auto &[tag, topic] : topics_.all())
         remind(*topic);
+    announcements_.review(now);
+}
+
+void Publications::dictionary_changed(bool is_whole, Clock::time_point now)
+{
+    announcements_.set_whole(is_whole);
+    announcements_.review(now);
 }
 
 void Publications::remind(OutTopic &topic)
@@ -125,8 +134,8 @@ std::optional<Publication> Publications::next(Clock::time_point now)
         if (!waiting)
             return {};
         OutTopic *topic = topics_.of_mqtt(waiting->name);
-        auto publication =
-            topic ? publication_for(*topic, waiting->since, now) : clearing(waiting->name);
+        auto publication = topic ? publication_for(*topic, waiting->since, now)
+                                 : publication_beside_tags(waiting->name);
         if (!publication)
             continue;
         if (waiting->in_burst)
@@ -182,6 +191,7 @@ std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock:
     topic.gate.sent(sample, now);
     topic.must_send = false;
     remind(topic);
+    announcements_.value_goes(topic, sample.type, now);
     return publication_of(topic, sample);
 }
 
@@ -210,7 +220,7 @@ bool Publications::passes_gate(OutTopic &topic, const Sample &sample, Clock::tim
 {
     if (topic.must_send)
         return true;
-    const Quiet &quiet = topic.rule->quiet;
+    const Quiet quiet = with_range(topic.rule->quiet, topic.facts);
     const auto verdict = topic.gate.judge(quiet, sample, now);
     if (verdict == Gate::Verdict::later)
         defer(topic, topic.gate.due(quiet), topic.gate.due(quiet));
@@ -221,6 +231,12 @@ void Publications::defer(OutTopic &topic, Clock::time_point until, Clock::time_p
 {
     if (!std::exchange(topic.is_deferred, true))
         later_.emplace(until, PendingNames::Waiting{topic.mqtt, since});
+}
+
+bool Publications::is_on_its_way(const std::string &mqtt) const
+{
+    return std::ranges::any_of(unacknowledged_,
+                               [&mqtt](const auto &item) { return item.second.topic == mqtt; });
 }
 
 bool Publications::is_clearing(const std::string &mqtt) const
@@ -243,10 +259,29 @@ std::optional<Publication> Publications::clearing(const std::string &mqtt)
     return publication;
 }
 
+std::optional<Publication> Publications::publication_beside_tags(const std::string &mqtt)
+{
+    auto announcement = announcements_.take_due(mqtt);
+    if (announcement.what == Announcements::What::stays)
+        return {};
+    if (announcement.what == Announcements::What::ends)
+        return clearing(mqtt);
+    state_.add(mqtt);
+    Publication publication;
+    publication.topic = mqtt;
+    publication.payload = std::move(announcement.text);
+    publication.retain = true;
+    publication.content_type = kJson;
+    publication.is_utf8 = true;
+    publication.properties = {{property::kOrigin, origin_}};
+    return publication;
+}
+
 Publication Publications::publication_of(const OutTopic &topic, const Sample &sample) const
 {
     const OutRule &rule = *topic.rule;
-    Payload payload = make_payload(rule.payload, topic.tag, sample, sample.quality);
+    const std::string_view unit = unit_of(topic.facts);
+    Payload payload = make_payload(rule.payload, topic.tag, sample, sample.quality, unit);
     Publication publication;
     publication.topic = topic.mqtt;
     publication.payload = std::move(payload.bytes);
@@ -256,6 +291,8 @@ Publication Publications::publication_of(const OutTopic &topic, const Sample &sa
     publication.is_utf8 = payload.is_utf8;
     publication.expiry_s = rule.expiry_s;
     publication.properties = describing_properties(sample, sample.quality);
+    if (!unit.empty())
+        publication.properties.emplace_back(property::kUnit, unit);
     publication.properties.emplace_back(property::kOrigin, origin_);
     return publication;
 }
@@ -305,9 +342,10 @@ void Publications::forget_cleared(const Publication &publication)
     if (last_kept_ && last_kept_->topic == publication.topic)
         last_kept_.reset();
     const OutTopic *topic = topics_.of_mqtt(publication.topic);
-    if (!topic)
-        return state_.remove(publication.topic);
-    if (!topic->rule->retain) {
+    // An announcement may be on its way again; then it stands.
+    if (!topic && !is_on_its_way(publication.topic))
+        state_.remove(publication.topic);
+    if (topic && !topic->rule->retain) {
         state_.remove(publication.topic);
         pending_.mark_change(publication.topic, publication.since);
     }

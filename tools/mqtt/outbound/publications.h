@@ -4,6 +4,7 @@
 
 #include "base/counters.h"
 #include "broker/message.h"
+#include "outbound/announcements.h"
 #include "outbound/shared_tags.h"
 #include "outbound/topic_table.h"
 #include "store/local_writer.h"
@@ -32,7 +33,11 @@ class Publications {
     void connection_lost(Clock::time_point now);
 
     // To be called when the rules have changed: what they hold back is decided again.
-    void reload();
+    void reload(Clock::time_point now);
+
+    // The topics have what the dictionary says from another one, which is whole or lacks what was
+    // not understood.
+    void dictionary_changed(bool is_whole, Clock::time_point now);
 
     // The next message, or nothing when none is due now.
     std::optional<Publication> next(Clock::time_point now);
@@ -71,9 +76,13 @@ class Publications {
     bool is_held(OutTopic &topic, const Sample &sample, Clock::time_point since,
                  Clock::time_point now);
     bool passes_gate(OutTopic &topic, const Sample &sample, Clock::time_point now);
+    // Says whether a message of the topic waits for its acknowledgement.
+    bool is_on_its_way(const std::string &mqtt) const;
     // Says whether a message that clears the topic waits for its acknowledgement.
     bool is_clearing(const std::string &mqtt) const;
     std::optional<Publication> clearing(const std::string &mqtt);
+    // For a topic that is no tag's: what Home Assistant is told there, else the clearing.
+    std::optional<Publication> publication_beside_tags(const std::string &mqtt);
     Publication publication_of(const OutTopic &topic, const Sample &sample) const;
     void forget_cleared(const Publication &publication);
     void send_again_later(const Publication &publication, Clock::time_point now);
@@ -93,6 +102,7 @@ class Publications {
     TopicTable &topics_;
     SharedTags &shared_;
     Counters &counters_;
+    Announcements announcements_;
 
     std::multimap<Clock::time_point, PendingNames::Waiting> later_; // by when they may go
     std::multimap<Clock::time_point, std::string> reminders_;       // topics to be sent again

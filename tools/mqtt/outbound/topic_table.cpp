@@ -23,6 +23,11 @@ bool providers_have_left(const Sample &now, const Sample &before, bool had_left)
 
 } // namespace
 
+std::string_view unit_of(const tool::Facts &facts)
+{
+    return facts.unit ? std::string_view(facts.unit->value) : std::string_view();
+}
+
 bool TopicTable::refresh(const tool::Buckets &buckets, Clock::time_point now)
 {
     bool explained = true;
@@ -79,6 +84,7 @@ OutTopic *TopicTable::add(const std::string &tag, const OutRule &rule)
     topic->tag = tag;
     topic->mqtt = std::move(mqtt);
     topic->rule = &rule;
+    topic->facts = facts_of(tag);
     topic->is_shared = is_shared(rule, topic->mqtt);
     by_mqtt_[topic->mqtt] = topic.get();
     by_bucket_[kp_hash(tag.c_str())].push_back(topic.get());
@@ -110,6 +116,21 @@ void TopicTable::reload(const Configuration &before, Clock::time_point now)
     }
     for (OutTopic *topic : gone)
         remove(*topic, now);
+}
+
+void TopicTable::use(std::shared_ptr<const tool::Dictionary> dictionary, Clock::time_point now)
+{
+    // The topics still point to the facts of the one before until they have found the new ones.
+    const auto before = std::exchange(dictionary_, std::move(dictionary));
+    for (const auto &[tag, topic] : by_tag_) {
+        const tool::Facts facts = facts_of(tag);
+        const bool is_same = unit_of(facts) == unit_of(topic->facts);
+        topic->facts = facts;
+        if (is_same)
+            continue;
+        topic->must_send = true;
+        pending_.mark_burst(topic->mqtt, now);
+    }
 }
 
 void TopicTable::remove(OutTopic &topic, Clock::time_point now)

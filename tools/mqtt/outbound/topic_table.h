@@ -3,6 +3,7 @@
 // Publications then makes the message.
 #pragma once
 
+#include "common/dictionary/dictionary.h"
 #include "common/notice_marks.h"
 #include "config/configuration.h"
 #include "outbound/pacing.h"
@@ -26,6 +27,7 @@ struct OutTopic {
     std::string tag;
     std::string mqtt;
     const OutRule *rule = nullptr;
+    tool::Facts facts; // what the dictionary says of the tag
 
     std::optional<Sample> seen; // at the last look, without the value, of which the hash is kept
     size_t value_hash = 0;
@@ -42,7 +44,14 @@ struct OutTopic {
     Gate gate;
     bool is_shared = false; // it belongs to a tree that several devices write
     ValueMark settled;      // the last value that was sent, or that the rule did not send
+
+    // The fields below are used by Announcements.
+    uint32_t announced_type = UINT32_MAX; // of the value when it was last looked at
+    std::size_t announced_text = 0;       // the hash of what was told last; 0: nothing
 };
+
+// The unit of a tag's values, empty without one.
+std::string_view unit_of(const tool::Facts &facts);
 
 class TopicTable {
   public:
@@ -65,6 +74,15 @@ class TopicTable {
     // topics that no rule takes any more and marks what must be sent again; the next scan finds new
     // topics.
     void reload(const Configuration &before, Clock::time_point now);
+
+    // What the tags mean from now on. Marks those whose unit is another one.
+    void use(std::shared_ptr<const tool::Dictionary> dictionary, Clock::time_point now);
+
+    // What the dictionary says of a tag, be it there or not. Valid until another one is used.
+    tool::Facts facts_of(std::string_view tag) const
+    {
+        return dictionary_->facts_of(tag);
+    }
 
     // Says whether a look has found other counts of handles since this was asked last.
     bool counts_changed()
@@ -105,6 +123,7 @@ class TopicTable {
     StateFile &state_;
     PendingNames &pending_;
 
+    std::shared_ptr<const tool::Dictionary> dictionary_ = std::make_shared<tool::Dictionary>();
     Topics by_tag_;
     std::unordered_map<std::string, OutTopic *> by_mqtt_;
     std::array<std::vector<OutTopic *>, KP_BUCKET_COUNT> by_bucket_;
