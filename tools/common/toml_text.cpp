@@ -1,6 +1,7 @@
 #include "common/toml_text.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -16,6 +17,14 @@ namespace {
 // which thousands of them have no room on the stack. It counts brackets alone, up to 256 of them.
 constexpr std::size_t kMostDots = 50; // of a line
 
+constexpr std::array<bool, 256> kIsLookedAt = [] {
+    std::array<bool, 256> is_looked_at{};
+    for (std::size_t byte = 0; byte < is_looked_at.size(); ++byte)
+        is_looked_at[byte] = byte >= 0x80 || byte == '\n' || byte == '.' || byte == '#' ||
+                             byte == '"' || byte == '\'';
+    return is_looked_at;
+}();
+
 // Goes through a text as TOML does, as far as quotation marks and comments are concerned.
 class Scanner {
   public:
@@ -28,7 +37,7 @@ class Scanner {
     const char *find_fault()
     {
         std::size_t dots = 0; // of the line
-        while (at_ < text_.size()) {
+        while (skip_plain()) {
             const char byte = text_[at_];
             if (static_cast<unsigned char>(byte) >= 0x80)
                 return "a letter beyond ASCII must stand in quotation marks";
@@ -57,19 +66,34 @@ class Scanner {
     }
 
   private:
+    // Moves to the next byte that find_fault() has to look at. False at the end.
+    bool skip_plain()
+    {
+        while (at_ < text_.size() && !kIsLookedAt[static_cast<unsigned char>(text_[at_])])
+            ++at_;
+        return at_ < text_.size();
+    }
+
     // One that does not end in its line stops there, as it does in the parser, which refuses it.
     void skip_string(char mark)
     {
-        const std::string three(3, mark);
-        const bool is_long = text_.substr(at_, 3) == three;
-        if (!is_long)
+        if (marks_at(mark) < 3)
             return skip_line_string(mark);
         at_ += 3;
-        while (at_ < text_.size() && text_.substr(at_, 3) != three)
+        while (at_ < text_.size() && marks_at(mark) < 3)
             at_ += mark == '"' && text_[at_] == '\\' ? 2 : 1;
         at_ = std::min(at_ + 3, text_.size());
-        for (int more = 0; more < 2 && text_.substr(at_, 1) == three.substr(0, 1); ++more)
+        for (int more = 0; more < 2 && marks_at(mark) > 0; ++more)
             ++at_; // a long string may end in quotation marks of its own
+    }
+
+    // How many of these marks, of at most three, come next.
+    std::size_t marks_at(char mark) const
+    {
+        std::size_t count = 0;
+        while (count < 3 && at_ + count < text_.size() && text_[at_ + count] == mark)
+            ++count;
+        return count;
     }
 
     void skip_line_string(char mark)

@@ -34,6 +34,7 @@ std::optional<std::string> normal_topic(std::string_view text, Problem &problem)
         return std::nullopt;
     }
     std::string topic;
+    topic.reserve(text.size());
     for (const std::string_view level : split_levels(text)) {
         if (level == "." || level == ".." || level.size() > kMostLevelBytes) {
             problem = {kUsage,
@@ -42,7 +43,8 @@ std::optional<std::string> normal_topic(std::string_view text, Problem &problem)
                                                            : "\"" + std::string(level) + "\"")};
             return std::nullopt;
         }
-        topic = join_levels(topic, level);
+        topic += topic.empty() ? "" : "/";
+        topic += level;
     }
     if (topic.empty() || topic.size() > kMostTopicBytes) {
         problem = {kUsage, topic.empty() ? "a topic needs at least one level"

@@ -47,21 +47,21 @@ std::optional<int64_t> whole_number(std::string_view text)
 
 Result<std::string> parse_text(const toml::node &node, std::size_t most)
 {
-    const auto text = node.value_exact<std::string>();
+    const auto *text = node.as_string();
     if (!text)
         return Result<std::string>::failed("must be a text in quotation marks");
-    if (text->size() > most)
+    if (text->get().size() > most)
         return Result<std::string>::failed("is longer than " + std::to_string(most) + " bytes");
-    if (!can_be_shown(*text))
+    if (!can_be_shown(text->get()))
         return Result<std::string>::failed("holds characters that cannot be shown");
-    return Result<std::string>::of(*text);
+    return Result<std::string>::of(text->get());
 }
 
 Result<uint32_t> parse_type(const toml::node &node)
 {
-    const auto name = node.value_exact<std::string>();
+    const auto *name = node.as_string();
     for (const ValueType &type : kValueTypes)
-        if (name && *name == type.name)
+        if (name && name->get() == type.name)
             return Result<uint32_t>::of(type.code);
     std::string names;
     for (const ValueType &type : kValueTypes)
