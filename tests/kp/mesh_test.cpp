@@ -34,7 +34,7 @@ int run_application(Channel &parent)
     kp_t *handle = kp_new("application", ignore_notice);
     (void)kp_tag_provider_new(handle, "plant/speed", KP_TYPE_DOUBLE, 8, 0);
     (void)parent.tell("running");
-    (void)parent.hear();
+    (void)parent.hear(std::chrono::minutes(10));
     (void)kp_tags_destroy(handle);
     (void)kp_destroy(handle);
     return 0;
@@ -157,7 +157,7 @@ TEST(KpGc, RemovesATopicWhoseCountsHaveNoProcess)
         ChildProcess killed([](Channel &parent) {
             (void)kp_shm_new("a", KP_ROLE_PROVIDER);
             (void)parent.tell("open");
-            (void)parent.hear();
+            (void)parent.hear(std::chrono::minutes(10));
             return 0;
         });
         ASSERT_EQ(killed.hear(), "open");
@@ -387,7 +387,7 @@ TEST(KpDoctor, FindsAUserWhoHasNearlyAllInotifyInstances)
         for (std::size_t count = 0; count < limit * 95 / 100; ++count)
             (void)inotify_init1(IN_CLOEXEC);
         (void)parent.tell("has them");
-        (void)parent.hear();
+        (void)parent.hear(std::chrono::minutes(10));
         return 0;
     });
     ASSERT_EQ(owner.hear(), "has them");

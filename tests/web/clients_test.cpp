@@ -66,7 +66,10 @@ TEST(WebClients, ThatNeverReadCostLittleAndDelayNobody)
         reader.forget();
     }
 
+    // A sanitizer keeps for a while what was freed.
+#ifndef __SANITIZE_ADDRESS__
     EXPECT_LE(web.memory() - before, static_cast<long>((kStalled + 1) * 64));
+#endif
 }
 
 TEST(WebClients, ThatVanishAreForgotten)

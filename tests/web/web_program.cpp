@@ -73,7 +73,7 @@ void WebProgram::configure(const std::string &more) const
 
 Got WebProgram::get(const std::string &path, const std::vector<std::string> &options) const
 {
-    std::string command = KP_CURL " --silent --include --max-time 20 --path-as-is";
+    std::string command = KP_CURL " --silent --include --max-time 120 --path-as-is";
     for (const std::string &option : options)
         command += " " + in_quotes(option);
     const std::string text =
