@@ -1,12 +1,12 @@
 // kp dump and kp restore: the store as JSON lines and back, exact to the bit.
 #include "commands/commands.h"
 #include "common/text.h"
+#include "common/writing/record_line.h"
 #include "looking/store_walk.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "running/line_reader.h"
-#include "writing/record_line.h"
 #include "writing/record_store.h"
 
 #include <fcntl.h>

@@ -1,8 +1,8 @@
 // kp info: every field of a segment and of its file, and who has it open.
 #include "commands/commands.h"
 #include "common/device/counts_lock.h"
+#include "common/device/mapper_json.h"
 #include "common/dictionary/fact_lines.h"
-#include "common/processes.h"
 #include "common/text.h"
 #include "output/meaning.h"
 #include "output/output.h"
@@ -182,16 +182,7 @@ nlohmann::ordered_json info_json(const Row &row, const FormatOptions &format,
     object["mode"] = mode_text(status.st_mode);
     object["owner"] = user_name(status.st_uid);
     object["group"] = group_name(status.st_gid);
-    object["mappers"] = nlohmann::ordered_json::array();
-    for (const Mapper &mapper : users.mappers) {
-        const Process process = process_of(mapper.pid);
-        object["mappers"].push_back({{"pid", process.pid},
-                                     {"program", process.program},
-                                     {"user", process.user},
-                                     {"open", mapper.writable},
-                                     {"read_only", mapper.read_only}});
-    }
-    object["hidden_processes"] = users.hidden;
+    add_mappers(object, users.mappers, users.hidden);
     if (const Facts facts = dictionary().facts_of(row.topic); facts.is_known)
         object["dictionary"] = facts_json(facts);
     return object;

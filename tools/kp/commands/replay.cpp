@@ -1,5 +1,6 @@
 // kp replay: writes what record printed, at the pace at which it was seen.
 #include "commands/commands.h"
+#include "common/clock.h"
 #include "common/text.h"
 #include "options/option_checks.h"
 #include "running/line_reader.h"

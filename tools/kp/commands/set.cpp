@@ -1,15 +1,15 @@
 // kp set: one value, or many from JSON lines, checked against what the topic is.
 #include "commands/commands.h"
 #include "common/text.h"
+#include "common/writing/meant_write.h"
+#include "common/writing/notice_sender.h"
 #include "layout/value_type.h"
-#include "notices/notice_sender.h"
 #include "options/option_checks.h"
 #include "output/meaning.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/line_reader.h"
-#include "writing/meant_write.h"
-#include "writing/writer.h"
+#include "writing/remedies.h"
 
 #include <algorithm>
 #include <iostream>
@@ -49,14 +49,14 @@ std::optional<std::string> read_input(Problem &problem)
 
 // The value's bytes. From standard input a binary value is taken as it is, a text without the line
 // break that ends it.
-std::optional<std::string> value_bytes(const SetOptions &options, const std::string &topic,
-                                       uint32_t type, Problem &problem)
+std::optional<std::string> value_bytes(const SetOptions &options, const Facts &facts, uint32_t type,
+                                       Problem &problem)
 {
     const bool literal = is_binary_type(type) && options.text;
     if (options.value != "-") {
         const uint32_t as = literal ? static_cast<uint32_t>(KP_TYPE_STRING) : type;
         const bool has_names = !has_variable_size(type);
-        return parse_value(as, has_names ? value_behind_name(topic, options.value) : options.value,
+        return parse_value(as, has_names ? value_behind_name(facts, options.value) : options.value,
                            options.bytes, problem);
     }
     auto input = read_input(problem);
@@ -83,7 +83,8 @@ std::optional<Write> requested_write(const SetOptions &options, Problem &problem
     write.topic = std::move(*topic);
     write.spelling = options.topic;
     write.change_type = options.force;
-    take_declaration(write);
+    write.remedies = kRemedies;
+    take_declaration(write, dictionary().facts_of(write.topic));
     if (!options.type.empty())
         write.type = kp_str2type(options.type.c_str());
     if (options.quality >= 0)
@@ -136,9 +137,9 @@ bool store_one(const SetOptions &options, NoticeSender &sender, Problem &problem
 {
     const auto write = requested_write(options, problem);
     const auto target = write ? find_target(*write, problem) : std::nullopt;
-    const auto bytes =
-        target ? value_bytes(options, write->topic, target->type, problem) : std::nullopt;
-    if (!bytes || (!options.force && !check_range(write->topic, target->type, *bytes, problem)) ||
+    const Facts facts = write ? dictionary().facts_of(write->topic) : Facts();
+    const auto bytes = target ? value_bytes(options, facts, target->type, problem) : std::nullopt;
+    if (!bytes || (!options.force && !check_range(*write, facts, target->type, *bytes, problem)) ||
         !store_value(*write, *target, bytes, problem))
         return false;
     print_change(options, *write, *target);
@@ -189,18 +190,8 @@ bool are_assignments(const std::vector<std::string> &words)
 std::optional<Target> store_record(const SetOptions &options, Record &record, Problem &problem)
 {
     record.write.change_type = options.force;
-    take_declaration(record.write);
-    auto target = find_target(record.write, problem);
-    if (!target)
-        return std::nullopt;
-    if (!has_variable_size(target->type))
-        take_value_behind_name(record, target->type);
-    const auto bytes = record_bytes(record, target->type, problem);
-    if (!bytes ||
-        (!options.force && !check_range(record.write.topic, target->type, *bytes, problem)) ||
-        !store_value(record.write, *target, bytes, problem))
-        return std::nullopt;
-    return target;
+    record.write.remedies = kRemedies;
+    return store_meant_record(record, dictionary().facts_of(record.write.topic), problem);
 }
 
 // Every line is tried; a bad one is told with its number and the others are stored all the same.

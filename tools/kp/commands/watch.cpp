@@ -2,13 +2,14 @@
 // mesh.
 #include "commands/commands.h"
 #include "common/live_store.h"
+#include "common/writing/record_line.h"
 #include "notices/notice_queue.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/meaning.h"
 #include "output/output.h"
+#include "output/row_format.h"
 #include "running/stop.h"
-#include "writing/record_line.h"
 
 #include <limits>
 

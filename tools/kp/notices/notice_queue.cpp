@@ -1,7 +1,7 @@
 #include "notices/notice_queue.h"
 
 #include "common/device/unix_sockets.h"
-#include "notices/notice_sender.h"
+#include "common/writing/notice_sender.h"
 
 #include <cerrno>
 

@@ -1,10 +1,14 @@
 #include "writing/record_store.h"
 
+#include "writing/remedies.h"
+
 namespace kp::tool {
 
 bool store_record(const Record &record, NoticeSender &sender, Problem &problem)
 {
-    const auto target = find_target(record.write, problem);
+    Write write = record.write;
+    write.remedies = kRemedies;
+    const auto target = find_target(write, problem);
     if (!target)
         return false;
     std::optional<std::string> bytes;
@@ -13,10 +17,10 @@ bool store_record(const Record &record, NoticeSender &sender, Problem &problem)
         if (!bytes)
             return false;
     }
-    if (!store_value(record.write, *target, bytes, problem))
+    if (!store_value(write, *target, bytes, problem))
         return false;
     if (bytes || target->is_new)
-        sender.mark(record.write.topic, record.write.spelling, target->is_new);
+        sender.mark(write.topic, write.spelling, target->is_new);
     return true;
 }
 

@@ -1,8 +1,8 @@
 // Stores what a record line says.
 #pragma once
 
-#include "notices/notice_sender.h"
-#include "writing/record_line.h"
+#include "common/writing/notice_sender.h"
+#include "common/writing/record_line.h"
 
 namespace kp::tool {
 

@@ -1,4 +1,4 @@
-#include "writing/writer.h"
+#include "common/writing/writer.h"
 
 #include "common/clock.h"
 #include "common/device/room.h"
@@ -59,7 +59,7 @@ std::optional<Target> declared_target(const Write &write, const Snapshot &snapsh
         return target;
     if (!write.change_type) {
         problem = {kUsage, escaped(write.topic) + ": its type is " + kp_type2str(snapshot.type) +
-                               ", not " + kp_type2str(*write.type) + " (--force changes it)"};
+                               ", not " + kp_type2str(*write.type) + write.remedies.other_type};
         return std::nullopt;
     }
     target.is_new = true;
@@ -84,7 +84,7 @@ std::optional<Target> find_target(const Write &write, Problem &problem)
         if (!target || !target->is_new)
             return target;
     } else if (!write.type && !write.meant_type) {
-        problem = {kUsage, escaped(write.topic) + ": a new topic; say its type with --type"};
+        problem = {kUsage, escaped(write.topic) + ": a new topic; " + write.remedies.new_topic};
         return std::nullopt;
     }
     Target fresh;

@@ -6,6 +6,13 @@
 
 namespace kp::tool {
 
+// What a user can do about a refusal, in the words of the program at hand.
+struct Remedies {
+    const char *new_topic = "say its type";
+    const char *other_type = "";
+    const char *out_of_range = "";
+};
+
 struct Write {
     std::string topic;
     std::string spelling;         // the topic as it was given, with all its slashes
@@ -18,6 +25,7 @@ struct Write {
     std::optional<uint64_t> timestamp;
     std::optional<uint64_t> source_ts; // the timestamp unless given
     bool change_type = false;          // declares the topic anew if its type or `max` differs
+    Remedies remedies = {};
 };
 
 // What a topic is before it is written.

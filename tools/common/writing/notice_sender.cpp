@@ -1,8 +1,7 @@
-#include "notices/notice_sender.h"
+#include "common/writing/notice_sender.h"
 
 #include "common/clock.h"
 #include "common/device/unix_sockets.h"
-#include "running/stop.h"
 
 #include <algorithm>
 #include <array>
@@ -104,12 +103,19 @@ bool NoticeSender::wait_for_peers(uint64_t wait_us, Problem &problem) const
 
 bool NoticeSender::join(Problem &problem)
 {
-    name_ = own_endpoint_name("set");
+    return open("the mesh cannot be joined", problem);
+}
+
+// `what` says what it means when that fails.
+bool NoticeSender::open(const char *what, Problem &problem)
+{
+    if (endpoint_)
+        return true;
+    name_ = own_endpoint_name(verb_.c_str());
     endpoint_ = kp_notify_init(name_.c_str(), sizeof(kp_write_info), ignore_message, nullptr);
     if (endpoint_)
         return true;
-    problem =
-        system_problem(std::string(kProvidersRoot) + ": stored, but nobody could be told", errno);
+    problem = system_problem(std::string(kProvidersRoot) + ": " + what, errno);
     if (problem.code != kPermission)
         problem.code = kLimit;
     return false;
@@ -132,10 +138,9 @@ bool NoticeSender::send(uint64_t wait_us, Problem &problem)
 {
     if (!has_marks_)
         return true;
-    const bool is_first = endpoint_ == nullptr;
-    if (is_first && !join(problem))
+    if (!open("stored, but nobody could be told", problem))
         return false;
-    const bool all_connected = !is_first || wait_for_peers(wait_us, problem);
+    const bool all_connected = std::exchange(has_waited_, true) || wait_for_peers(wait_us, problem);
     send_marks();
     return all_connected;
 }

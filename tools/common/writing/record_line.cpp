@@ -1,4 +1,4 @@
-#include "writing/record_line.h"
+#include "common/writing/record_line.h"
 
 #include "common/encoding.h"
 #include "common/text.h"
@@ -155,6 +155,19 @@ std::optional<Record> parse_record(const std::string &line, ByteStyle style, Pro
         return record;
     problem = {kUsage,
                "\"" + escaped(record->write.topic) + "\" is a pattern; a value has one topic"};
+    return std::nullopt;
+}
+
+std::optional<Record> parse_record_of(const std::string &topic, const std::string &text,
+                                      ByteStyle style, Problem &problem)
+{
+    json object = json::parse(text, nullptr, false);
+    if (object.is_object() && !object.contains("topic") && !object.contains("topic_b64"))
+        object["topic_b64"] = to_base64(topic);
+    auto record = parse_object(object, style, problem);
+    if (!record || record->write.topic == topic)
+        return record;
+    problem = {kUsage, "\"topic\" is " + escaped(record->write.topic) + ", not " + escaped(topic)};
     return std::nullopt;
 }
 

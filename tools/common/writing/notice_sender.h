@@ -2,17 +2,21 @@
 // endpoint that is opened, sends and is closed at once reaches nobody.
 #pragma once
 
+#include "common/problem.h"
 #include "kp.h"
-#include "running/problem.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kp::tool {
 
 class NoticeSender {
   public:
-    NoticeSender() = default;
+    // The verb stands in the name of its endpoint.
+    explicit NoticeSender(std::string verb = "set") : verb_(std::move(verb))
+    {
+    }
     NoticeSender(const NoticeSender &) = delete;
     NoticeSender &operator=(const NoticeSender &) = delete;
     ~NoticeSender();
@@ -20,21 +24,27 @@ class NoticeSender {
     // Marks a topic as written in three spellings: its name, its name with a leading "/", and the
     // name as it was given. A new topic is announced, too.
     void mark(const std::string &topic, const std::string &spelling, bool is_new);
-    // Sends what was marked since the last time. The first time it joins the device's endpoints and
-    // waits for them up to `wait_us`. False with a problem when no endpoint can be made, or when
-    // peers did not come in time.
+    // Joins the device's endpoints, if that has not been done. Whoever knows early that there will
+    // be something to send gives the peers the time to connect. False with a problem when no
+    // endpoint can be made.
+    bool join(Problem &problem);
+    // Sends what was marked since the last time. The first time it joins, and waits for the peers
+    // up to `wait_us`. False with a problem when no endpoint can be made, or when peers did not
+    // come in time. A peer that does not read its notices holds it up.
     bool send(uint64_t wait_us, Problem &problem);
 
   private:
-    bool join(Problem &problem);
+    bool open(const char *what, Problem &problem);
     void send_marks();
     bool wait_for_peers(uint64_t wait_us, Problem &problem) const;
 
+    const std::string verb_;
     std::string name_;
     kp_notify_t *endpoint_ = nullptr;
     kp_write_info marks_{KP_MSG_WRITE_INFO, {}};
     std::vector<std::string> new_topics_;
     bool has_marks_ = false;
+    bool has_waited_ = false;
 };
 
 // The name of the endpoint with which the tool joins. No other process has the same, not even one

@@ -2,9 +2,9 @@
 // take.
 #pragma once
 
+#include "common/row_json.h"
 #include "common/value_json.h"
-#include "output/row_format.h"
-#include "writing/writer.h"
+#include "common/writing/writer.h"
 
 namespace kp::tool {
 
@@ -22,7 +22,12 @@ std::string stored_record(const Row &row, std::optional<uint64_t> seen = {});
 
 std::optional<Record> parse_record(const std::string &line, ByteStyle style, Problem &problem);
 
-// Does the same and also reads what else such a line holds: times, maximum and extra information.
+// Does the same for a text that need not name the topic, but may name no other.
+std::optional<Record> parse_record_of(const std::string &topic, const std::string &text,
+                                      ByteStyle style, Problem &problem);
+
+// Does the same as parse_record() and also reads what else such a line holds: times, maximum and
+// extra information.
 std::optional<Record> parse_stored_record(const std::string &line, Problem &problem);
 
 // Gives the value's bytes for a topic of this type.
