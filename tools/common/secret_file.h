@@ -1,5 +1,7 @@
-// The rights of a file that holds a password or a token.
+// A file that holds a password or a token, and its rights.
 #pragma once
+
+#include "common/result.h"
 
 #include <string>
 
@@ -9,5 +11,9 @@ namespace kp::tool {
 // may read the file, only the owner may write it, and the owner must be root or this process's
 // user.
 std::string secret_file_problem(const std::string &path);
+
+// What stands in the file, when its rights are good; a line that names the file otherwise. No more
+// than 4096 bytes are read.
+Result<std::string> read_secret_file(const std::string &path);
 
 } // namespace kp::tool

@@ -11,19 +11,6 @@ namespace kp::tool {
 
 namespace {
 
-// Control characters and what is not UTF-8 are escaped as everywhere, so that two topics never
-// share a label.
-std::string label(const char *name, const std::string &text)
-{
-    std::string out = std::string(name) + "=\"";
-    for (const char byte : escaped(text)) {
-        if (byte == '\\' || byte == '"')
-            out += '\\';
-        out += byte;
-    }
-    return out + '"';
-}
-
 std::string seconds_text(uint64_t us)
 {
     std::array<char, 32> out{};
@@ -49,6 +36,26 @@ std::optional<std::string> sample_text(const Snapshot &snapshot)
 
 } // namespace
 
+// Control characters and what is not UTF-8 are escaped as everywhere, so that two topics never
+// share a label.
+std::string metric_label(const char *name, const std::string &text)
+{
+    std::string out = std::string(name) + "=\"";
+    for (const char byte : escaped(text)) {
+        if (byte == '\\' || byte == '"')
+            out += '\\';
+        out += byte;
+    }
+    return out + '"';
+}
+
+std::string gauge_family(const std::string &name, const char *help, const std::string &samples)
+{
+    if (samples.empty())
+        return {};
+    return "# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n" + samples;
+}
+
 void TopicMetrics::Metric::add(const std::string &labels, const std::string &value)
 {
     samples += std::string(name) + "{" + labels + "} " + value + "\n";
@@ -56,7 +63,7 @@ void TopicMetrics::Metric::add(const std::string &labels, const std::string &val
 
 void TopicMetrics::take(const std::string &topic, const Snapshot &snapshot, const std::string &unit)
 {
-    const std::string labels = label("topic", topic);
+    const std::string labels = metric_label("topic", topic);
     providers_.add(labels, std::to_string(snapshot.providers));
     consumers_.add(labels, std::to_string(snapshot.consumers));
     if (snapshot.condition != Condition::value)
@@ -64,19 +71,14 @@ void TopicMetrics::take(const std::string &topic, const Snapshot &snapshot, cons
     quality_.add(labels, std::to_string(snapshot.quality));
     written_.add(labels, seconds_text(snapshot.last_write_ts));
     if (const auto sample = sample_text(snapshot))
-        value_.add(unit.empty() ? labels : labels + "," + label("unit", unit), *sample);
+        value_.add(unit.empty() ? labels : labels + "," + metric_label("unit", unit), *sample);
 }
 
 std::string TopicMetrics::text() const
 {
     std::string text;
-    for (const Metric *metric : {&value_, &quality_, &written_, &providers_, &consumers_}) {
-        if (metric->samples.empty())
-            continue;
-        const std::string name = metric->name;
-        text += "# HELP " + name + " " + metric->help + "\n# TYPE " + name + " gauge\n";
-        text += metric->samples;
-    }
+    for (const Metric *metric : {&value_, &quality_, &written_, &providers_, &consumers_})
+        text += gauge_family(metric->name, metric->help, metric->samples);
     return text;
 }
 

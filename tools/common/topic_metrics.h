@@ -8,6 +8,12 @@
 
 namespace kp::tool {
 
+// A label of a sample, name="text".
+std::string metric_label(const char *name, const std::string &text);
+
+// A family of gauges with its help and type; nothing for one without samples.
+std::string gauge_family(const std::string &name, const char *help, const std::string &samples);
+
 class TopicMetrics {
   public:
     // Adds a topic. A unit that is not empty is a label of its value.

@@ -2,7 +2,7 @@
 
 #include "common/secret_file.h"
 
-#include <fstream>
+#include <sstream>
 
 namespace kp::mqtt {
 
@@ -19,9 +19,10 @@ std::string without_line_end(std::string line)
 
 tool::Result<Credentials> read_credentials(const std::string &path)
 {
-    if (std::string problem = tool::secret_file_problem(path); !problem.empty())
-        return tool::Result<Credentials>::failed(std::move(problem));
-    std::ifstream file(path);
+    auto text = tool::read_secret_file(path);
+    if (!text)
+        return tool::Result<Credentials>::failed(std::move(text.problem));
+    std::istringstream file(std::move(*text.value));
     Credentials credentials;
     if (!std::getline(file, credentials.user) || without_line_end(credentials.user).empty())
         return tool::Result<Credentials>::failed(path + ": the first line must be the user's name");
