@@ -101,6 +101,24 @@ TEST(WebConfiguration, HasAFileThatStatesTheDefaults)
     EXPECT_EQ(stated.limits.request_time, usual.limits.request_time);
 }
 
+TEST(WebConfiguration, LetsNobodyWriteWithoutAWholeRule)
+{
+    const auto [configuration, problems] = parse_configuration("[[write]]\n"
+                                                               "topics = []\n"
+                                                               "token-file = \"token\"\n"
+                                                               "[[write]]\n"
+                                                               "topics = [\"a/#\"]\n"
+                                                               "token-file = \"/run/none\"\n"
+                                                               "token = \"t\"\n",
+                                                               "f");
+
+    EXPECT_EQ(problems,
+              (Problems{"f:2: topics: patterns are needed, as [\"a/#\"]",
+                        "f:3: token-file: a whole path is needed", "f:7: token: unknown setting",
+                        "f:6: token-file: /run/none: No such file or directory"}));
+    EXPECT_TRUE(configuration.write.empty());
+}
+
 TEST(WebConfiguration, TellsWhereItCannotBeRead)
 {
     EXPECT_EQ(parse_configuration("a = ", "f").problems.size(), 1U);

@@ -4,35 +4,16 @@
 Runs in a mount namespace of its own, with a store of its own. With --pictures it keeps the pictures
 that the documents show.
 """
-import contextlib
 import json
 import os
 import pathlib
-import re
 import subprocess
 import sys
-import tempfile
-import time
 import unittest
 
+from web_device import DEADLINE, KP, PAGE, Device, enter_namespace, put, put_all, wait_for
+
 SKIPPED = 77
-DEADLINE = 30  # seconds; nobody waits so long unless a test fails
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-
-
-def enter_namespace():
-    """Starts this program anew with an empty /dev/shm and /run."""
-    if os.environ.get("KP_PAGE_TEST") == "inside":
-        return
-    environment = dict(os.environ, KP_PAGE_TEST="inside")
-    words = " ".join(f"'{word}'" for word in [sys.executable, os.path.abspath(__file__), *sys.argv[1:]])
-    script = (
-        "mount -t tmpfs -o mode=0755 none /run && mount -t tmpfs -o mode=1777 none /dev/shm && "
-        "mkdir -m 0777 /run/providers && exec " + words
-    )
-    user = [] if os.getuid() == 0 else ["--user", "--map-root-user"]
-    os.execvpe("unshare", ["unshare", "--mount", *user, "sh", "-c", script], environment)
-
 
 enter_namespace()
 try:
@@ -46,7 +27,6 @@ if not webdriver or not os.path.exists("/usr/bin/chromedriver") or not os.path.e
     print("page_test.py: Skipped\nchromium, chromium-driver or python3-selenium is not installed")
     sys.exit(SKIPPED)
 
-KP_WEB, KP, PAGE = sys.argv[1:4]
 PICTURES = pathlib.Path(sys.argv[5]) if len(sys.argv) > 5 else None
 
 DICTIONARY = """
@@ -65,58 +45,6 @@ stale = 2
 """
 
 
-def put_all(records):
-    """Writes tags as any program would, each a record with topic, value and type."""
-    lines = "".join(json.dumps(record) + "\n" for record in records)
-    subprocess.run(
-        [KP, "set", "--batch"],
-        input=lines.encode(),
-        check=True,
-        capture_output=True,
-        timeout=DEADLINE,
-    )
-
-
-def put(topic, value, kind):
-    """Writes one tag."""
-    put_all([{"topic": topic, "type": kind, "value": value}])
-
-
-def wait_for(condition):
-    """Waits until the condition holds, and gives what it gave."""
-    end = time.monotonic() + DEADLINE
-    while True:
-        with contextlib.suppress(Exception):
-            result = condition()
-            if result:
-                return result
-        if time.monotonic() > end:
-            raise AssertionError("it did not come true: " + repr(condition))
-        time.sleep(0.05)
-
-
-class Device:
-    """The store's tags and the server."""
-
-    def __init__(self):
-        self.folder = tempfile.mkdtemp(prefix="kp-page-")
-        path = pathlib.Path(self.folder)
-        (path / "tags.d").mkdir()
-        (path / "tags.d/plant.toml").write_text(DICTIONARY, encoding="utf-8")
-        (path / "kp-web.conf").write_text(
-            f'listen = ["127.0.0.1:0"]\npage = "{PAGE}"\ndictionary = "{path}/tags.d"\n',
-            encoding="utf-8",
-        )
-        self.log = open(path / "log", "w+", encoding="utf-8")
-        self.server = subprocess.Popen([KP_WEB, "-c", path / "kp-web.conf"], stderr=self.log)
-        found = wait_for(lambda: re.search(r"listening on (\S+)", (path / "log").read_text()))
-        self.address = "http://" + found[1] + "/"
-
-    def end(self):
-        self.server.terminate()
-        assert self.server.wait(DEADLINE) == 0
-
-
 class Page(unittest.TestCase):
     """Each test opens the page anew; the tags of all tests stay."""
 
@@ -127,7 +55,7 @@ class Page(unittest.TestCase):
         put("plant/press/door", "closed", "string")
         put("plant/oven/temperature", 260.5, "double")
         put("other/count", 7, "uint32")
-        cls.device = Device()
+        cls.device = Device(DICTIONARY)
         options = webdriver.ChromeOptions()
         options.binary_location = "/usr/bin/chromium"
         for word in (
@@ -236,6 +164,8 @@ class Page(unittest.TestCase):
         self.open("#view=tags&topic=plant/press/speed&trend=plant/press/speed&trend=plant/press/door")
         wait_for(lambda: "Speed of the press" in self.find("#details").text)
         self.assertIn("low 1, high 30", self.find("#details").text)
+        wait_for(lambda: "kp-web (" in self.find("#details").text)
+        self.assertIn("reading only", self.find("#details").text)
         for value in (14.5, 18.5, 11.5, 16.5):
             put("plant/press/speed", value, "double")
             wait_for(lambda text=f"{value} m/s": text in self.find("#details").text)

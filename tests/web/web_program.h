@@ -24,6 +24,10 @@ class WebProgram {
     WebProgram &operator=(const WebProgram &) = delete;
     ~WebProgram();
 
+    pid_t pid() const
+    {
+        return process_->pid();
+    }
     uint16_t port() const
     {
         return port_;

@@ -43,7 +43,7 @@ std::string values_text(const std::vector<std::string> &patterns, const Board &b
 } // namespace
 
 std::string metrics_text(const std::vector<std::string> &patterns, const Board &board,
-                         const Counters &counters)
+                         const Counters &counters, uint64_t writes)
 {
     std::string text = values_text(patterns, board);
     const Own all[] = {
@@ -55,12 +55,13 @@ std::string metrics_text(const std::vector<std::string> &patterns, const Board &
         {"kp_web_requests", "counter", "Requests since the start.", counters.requests},
         {"kp_web_refused_requests", "counter", "Requests that were answered with an error.",
          counters.refused},
+        {"kp_web_writes", "counter", "Values that clients have written.", writes},
         {"kp_web_turned_away", "counter", "Connections that were one too many.",
          counters.turned_away},
     };
     for (const Own &own : all)
         text += own_text(own);
-    return text + "# EOF\n";
+    return text;
 }
 
 } // namespace kp::web

@@ -10,14 +10,15 @@ namespace kp::web {
 
 namespace {
 
-constexpr std::array kFiles = {"index.html", "style.css", "icon.svg",  "main.js",
-                               "details.js", "device.js", "filter.js", "live.js",
-                               "table.js",   "text.js",   "tree.js",   "trend.js"};
+constexpr std::array kFiles = {"index.html", "style.css", "icon.svg", "main.js",    "details.js",
+                               "device.js",  "filter.js", "live.js",  "mappers.js", "openapi.json",
+                               "table.js",   "text.js",   "tree.js",  "trend.js"};
 
-constexpr std::array<std::pair<std::string_view, const char *>, 4> kTypes = {{
+constexpr std::array<std::pair<std::string_view, const char *>, 5> kTypes = {{
     {".html", "text/html; charset=utf-8"},
     {".css", "text/css; charset=utf-8"},
     {".js", "text/javascript; charset=utf-8"},
+    {".json", "application/json"},
     {".svg", "image/svg+xml"},
 }};
 

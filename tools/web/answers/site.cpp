@@ -1,8 +1,10 @@
 #include "answers/site.h"
 
+#include "answers/failures.h"
 #include "answers/metrics.h"
 #include "common/text.h"
 #include "store/listing.h"
+#include "store/mappers_line.h"
 #include "store/row_line.h"
 #include "store/stream.h"
 
@@ -16,19 +18,11 @@ namespace {
 constexpr const char *kJsonLines = "application/x-ndjson";
 constexpr double kUsualRate = 10;
 
-Answer not_allowed(const char *methods)
+Answer not_allowed(const char *methods, const char *why = "this address takes other methods")
 {
-    Answer answer = failure(405, "this address takes other methods");
+    Answer answer = failure(405, why);
     answer.headers.emplace_back("Allow", methods);
     return answer;
-}
-
-unsigned status_of(const tool::Problem &problem)
-{
-    return problem.code == tool::kNothing      ? 404
-           : problem.code == tool::kUsage      ? 400
-           : problem.code == tool::kPermission ? 403
-                                               : 500;
 }
 
 // The updates a second that a client wants, within what is allowed; nothing for what is no number.
@@ -48,28 +42,42 @@ std::optional<double> rate_of(const Target &target, double most)
 
 Site::Site(const Configuration &configuration, Board &board, const Counters &counters)
     : configuration_(configuration), board_(board), counters_(counters),
-      pages_(configuration.page, configuration.drawing)
+      pages_(configuration.page, configuration.drawing), writes_(configuration, board)
 {
+}
+
+std::optional<Answer> Site::refusal(const Request &request) const
+{
+    const bool is_tag = request.target.path.starts_with(kTagsPath);
+    if (request.method == "PUT" && is_tag && writes_.are_allowed())
+        return writes_.refusal(request);
+    if (request.method == "PUT" && is_tag)
+        return not_allowed("GET, HEAD", "kp-web only reads here: its configuration has no rule "
+                                        "[[write]], see kp-web.conf(5)");
+    if (request.method != "GET" && request.method != "HEAD")
+        return not_allowed(is_tag && writes_.are_allowed() ? "GET, HEAD, PUT" : "GET, HEAD");
+    return std::nullopt;
 }
 
 Answer Site::answer(const Request &request)
 {
     const std::string &path = request.target.path;
-    if (request.method != "GET" && request.method != "HEAD")
-        return not_allowed("GET, HEAD");
+    if (request.method == "PUT")
+        return writes_.put(request);
     if (path == "/healthz")
         return {200, "text/plain; charset=utf-8", "ok\n"};
     if (path == "/tags")
         return list(request, true);
     if (path == "/topics")
         return list(request, false);
+    if (path == "/mappers")
+        return mappers(request);
     if (path == "/watch")
         return watch(request);
     if (path == "/metrics")
         return metrics();
-    constexpr std::string_view kTags = "/tags/";
-    if (path.starts_with(kTags))
-        return one(path.substr(kTags.size()));
+    if (path.starts_with(kTagsPath))
+        return one(path.substr(kTagsPath.size()));
     if (path == "/peers")
         return survey(Look::peers);
     if (path == "/doctor")
@@ -128,6 +136,22 @@ Answer Site::one(const std::string &text)
     return {200, "application/json", row_line({*topic, std::move(*snapshot)}, board_.dictionary())};
 }
 
+Answer Site::mappers(const Request &request)
+{
+    auto selection = selection_of(request.target);
+    if (!selection)
+        return failure(400, selection.problem);
+    board_.refresh();
+    auto survey = surveyor_.ask(Look::mappers);
+    const auto line = [survey](const tool::LiveTopic &live) {
+        return mappers_line(live.topic, live.reader.inode(), *survey);
+    };
+    Answer answer{200, kJsonLines};
+    answer.source = std::make_unique<AfterSurvey>(
+        survey, std::make_unique<Listing>(board_, std::move(*selection.value), line));
+    return answer;
+}
+
 Answer Site::watch(const Request &request)
 {
     auto selection = selection_of(request.target);
@@ -148,13 +172,21 @@ Answer Site::watch(const Request &request)
 Answer Site::metrics()
 {
     board_.refresh();
-    return {200, kMetricsType, metrics_text(configuration_.metrics, board_, counters_)};
+    Answer answer{200, kMetricsType};
+    const std::string head =
+        metrics_text(configuration_.metrics, board_, counters_, writes_.count());
+    answer.source =
+        std::make_unique<SurveySource>(surveyor_.ask(Look::mesh), [head](const Survey &survey) {
+            return head + survey.text + "# EOF\n";
+        });
+    return answer;
 }
 
 Answer Site::survey(Look look)
 {
     Answer answer{200, kJsonLines};
-    answer.source = std::make_unique<SurveySource>(surveyor_.ask(look));
+    answer.source = std::make_unique<SurveySource>(
+        surveyor_.ask(look), [](const Survey &survey) { return survey.text; });
     return answer;
 }
 
@@ -171,8 +203,9 @@ Answer Site::page(const std::string &path) const
 
 void Site::tell_problems()
 {
-    for (const std::string &line : board_.take_problems())
-        (void)std::fprintf(stderr, "kp-web: warning: %s\n", line.c_str());
+    for (const auto &lines : {board_.take_problems(), writes_.take_problems()})
+        for (const std::string &line : lines)
+            (void)std::fprintf(stderr, "kp-web: warning: %s\n", line.c_str());
 }
 
 } // namespace kp::web

@@ -2,21 +2,16 @@
 #pragma once
 
 #include "answers/pages.h"
+#include "answers/writes.h"
 #include "config/configuration.h"
 #include "http/answer.h"
-#include "http/target.h"
+#include "http/request.h"
 #include "store/board.h"
 #include "store/surveyor.h"
 
 #include <map>
 
 namespace kp::web {
-
-struct Request {
-    std::string method;
-    Target target;
-    std::string last_event_id;
-};
 
 // What the program tells of itself.
 struct Counters {
@@ -31,6 +26,8 @@ class Site {
     // What is given must outlive the site.
     Site(const Configuration &configuration, Board &board, const Counters &counters);
 
+    // What stands in the way of a request that has a body, told before the body is sent.
+    std::optional<Answer> refusal(const Request &request) const;
     Answer answer(const Request &request);
 
     // Logs what could not be read, each once.
@@ -39,6 +36,7 @@ class Site {
   private:
     Answer list(const Request &request, bool with_values);
     Answer one(const std::string &topic);
+    Answer mappers(const Request &request);
     Answer watch(const Request &request);
     Answer metrics();
     Answer survey(Look look);
@@ -50,6 +48,7 @@ class Site {
     Board &board_;
     const Counters &counters_;
     const Pages pages_;
+    Writes writes_;
     Surveyor surveyor_;
 };
 

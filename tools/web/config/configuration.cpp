@@ -87,6 +87,7 @@ class ConfigurationReader {
         table.read("page", result.page);
         table.read("drawing", result.drawing);
         table.read("dictionary", result.dictionary);
+        read_write_rules(table, result);
         if (const toml::table *limits = table.table("limits"))
             result.limits = read_limits(*limits);
         table.refuse_the_rest();
@@ -113,6 +114,26 @@ class ConfigurationReader {
             if (const std::string problem = tool::pattern_problem(pattern, tool::Dialect::tags);
                 !problem.empty())
                 table.problem(key, "\"" + pattern + "\" is no pattern of tags: " + problem);
+    }
+
+    void read_write_rules(TableReader &file, Configuration &result)
+    {
+        for (const toml::table *source : file.tables("write")) {
+            TableReader table(*source, path_, problems_);
+            std::vector<std::string> topics;
+            read_patterns(table, "topics", topics);
+            if (topics.empty())
+                table.problem("topics", "patterns are needed, as [\"a/#\"]");
+            std::string token_file;
+            table.read("token-file", token_file);
+            table.refuse_the_rest();
+            if (!token_file.starts_with('/'))
+                table.problem("token-file", "a whole path is needed");
+            else if (auto token = Token::read(token_file))
+                result.write.push_back({std::move(topics), std::move(*token.value)});
+            else
+                table.problem("token-file", token.problem);
+        }
     }
 
     Limits read_limits(const toml::table &source)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "common/selection.h"
+#include "writing/gate.h"
 
 #include <chrono>
 #include <string>
@@ -31,6 +32,7 @@ struct Configuration {
     std::vector<std::string> show = {"#"};
     std::vector<std::string> hide;
     std::vector<std::string> metrics; // patterns of the topics whose values are metrics
+    std::vector<WriteRule> write;     // who may write what; none: nobody writes
     double rate = 20;                 // most updates of a topic in a second
     std::string page;                 // the folder of the page's files
     std::string drawing = "/usr/share/javascript/dygraphs"; // the library that draws trends

@@ -8,7 +8,7 @@ function limitsText(topic) {
     .map((name) => name + " " + topic[name]).join(", ");
 }
 
-export function showDetails(place, topic, row) {
+export function showDetails(place, topic, row, processes) {
   place.querySelector("#details-topic").textContent = shown(topic.topic);
   place.querySelector("#details-text").textContent = topic.description ? shown(topic.description) : "";
   const facts = row ? [
@@ -25,10 +25,13 @@ export function showDetails(place, topic, row) {
     facts.push(["Stale after", topic.stale + " s"]);
   if (topic.names)
     facts.push(["Names", Object.entries(topic.names).map((pair) => pair.join(" = ")).join(", ")]);
+  facts.push(["Open in", ...processes]);
   const list = place.querySelector("#facts");
   list.replaceChildren();
-  for (const [name, text] of facts)
-    if (text !== undefined && text !== "")
-      list.append(element("dt", name), element("dd", shown(text)));
+  for (const [name, ...all] of facts) {
+    const texts = all.filter((text) => text !== undefined && text !== "");
+    if (texts.length > 0)
+      list.append(element("dt", name), ...texts.map((text) => element("dd", shown(text))));
+  }
   list.dataset.key = keyOf(topic);
 }

@@ -3,6 +3,7 @@ import { showFindings, showPeers } from "./device.js";
 import { showDetails } from "./details.js";
 import { filterOf } from "./filter.js";
 import { lines, Live } from "./live.js";
+import { Mappers } from "./mappers.js";
 import { Table } from "./table.js";
 import { addressOf, keyOf, mark } from "./text.js";
 import { markTree, showTree } from "./tree.js";
@@ -46,6 +47,8 @@ const table = new Table(find("table"), {
 const trend = new Trend(find("trend"), (key) =>
   go({ trend: view.trend.filter((other) => other !== key) }));
 
+const mappers = new Mappers(() => facts());
+
 // One stream serves the table, the facts and the trend. The trend's topics stay in it while their rows
 // are out of view.
 const live = new Live(10, {
@@ -71,9 +74,10 @@ function follow() {
 function facts() {
   const topic = byKey.get(view.topic);
   find("details").hidden = !topic;
+  mappers.choose(topic);
   if (!topic)
     return;
-  showDetails(find("details"), topic, table.values.get(view.topic)?.row);
+  showDetails(find("details"), topic, table.values.get(view.topic)?.row, mappers.texts());
   find("trend-add").setAttribute("aria-pressed", view.trend.includes(view.topic));
 }
 

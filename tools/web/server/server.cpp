@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <poll.h>
@@ -50,6 +51,18 @@ struct Server::Exchange {
     Request request = {};
     bool is_seen = false;
     bool is_answered = false;
+    std::optional<Answer> refusal = {};
+
+    // Only a PUT has a body that counts; what others send, and what is refused, is left alone.
+    void take_body(std::string_view piece)
+    {
+        if (request.method != "PUT" || refusal)
+            return;
+        if (request.body.size() + piece.size() > kMostBodyBytes)
+            refusal = failure(413, "the body is too long");
+        else
+            request.body += piece;
+    }
 };
 
 // A source on its way out.
@@ -186,24 +199,32 @@ void *Server::take_target(void *, const char *target, MHD_Connection *)
     return new Exchange{target};
 }
 
+// Called with the headers, with each piece of a body, and at the end. Who sends a body unasked gets
+// the answer behind it: a connection that is closed before it is read may lose the answer. The time
+// for a request bounds that, too.
 MHD_Result Server::take_request(void *self, MHD_Connection *connection, const char *,
-                                const char *method, const char *, const char *,
+                                const char *method, const char *, const char *upload,
                                 std::size_t *upload_size, void **context)
 {
     auto &server = *static_cast<Server *>(self);
     auto &exchange = *static_cast<Exchange *>(*context);
     if (!std::exchange(exchange.is_seen, true)) {
         ++server.counters_.requests;
-        auto refusal = server.refusal(connection, exchange, method);
-        if (!refusal)
+        exchange.refusal = server.refusal(connection, exchange, method);
+        if (!exchange.refusal)
+            exchange.refusal = server.site_.refusal(exchange.request);
+        const bool waits = !header(connection, MHD_HTTP_HEADER_EXPECT).empty();
+        if (!exchange.refusal || !waits)
             return MHD_YES;
-        exchange.is_answered = true;
-        return server.send(connection, std::move(*refusal));
     }
-    if (std::exchange(*upload_size, 0) > 0)
-        return MHD_YES; // no address takes a body, and what is sent all the same is left alone
+    if (*upload_size > 0) {
+        exchange.take_body({upload, std::exchange(*upload_size, 0)});
+        return MHD_YES;
+    }
     if (std::exchange(exchange.is_answered, true))
         return MHD_YES;
+    if (exchange.refusal)
+        return server.send(connection, std::move(*exchange.refusal));
     return server.send(connection, server.site_.answer(exchange.request));
 }
 
@@ -223,7 +244,14 @@ std::optional<Answer> Server::refusal(MHD_Connection *connection, Exchange &exch
     auto target = parse_target(exchange.target);
     if (!target)
         return failure(400, target.problem);
-    exchange.request = {method, std::move(*target.value), header(connection, "Last-Event-ID")};
+    const std::string length = header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    exchange.request = {method,
+                        std::move(*target.value),
+                        header(connection, "Last-Event-ID"),
+                        header(connection, MHD_HTTP_HEADER_AUTHORIZATION),
+                        header(connection, MHD_HTTP_HEADER_CONTENT_TYPE),
+                        header(connection, MHD_HTTP_HEADER_CONTENT_ENCODING),
+                        std::strtoull(length.c_str(), nullptr, 10)};
     return std::nullopt;
 }
 

@@ -10,15 +10,6 @@ namespace {
 
 using nlohmann::ordered_json;
 
-ordered_json topic_json(const std::string &topic)
-{
-    ordered_json object;
-    object["topic"] = topic;
-    if (!tool::is_utf8(topic))
-        object["topic_b64"] = tool::to_base64(topic);
-    return object;
-}
-
 void add_limits(ordered_json &object, const tool::ValueLimits &limits)
 {
     const auto add = [&object](const char *key, const std::optional<double> &limit) {
@@ -32,6 +23,15 @@ void add_limits(ordered_json &object, const tool::ValueLimits &limits)
 }
 
 } // namespace
+
+ordered_json topic_json(const std::string &topic)
+{
+    ordered_json object;
+    object["topic"] = topic;
+    if (!tool::is_utf8(topic))
+        object["topic_b64"] = tool::to_base64(topic);
+    return object;
+}
 
 std::string row_line(const tool::Row &row, const tool::Dictionary &dictionary)
 {

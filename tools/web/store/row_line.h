@@ -10,7 +10,8 @@ namespace kp::web {
 // value) and state (of tool::state_name()).
 std::string row_line(const tool::Row &row, const tool::Dictionary &dictionary);
 
-// topic alone, with topic_b64 where it is not UTF-8.
+// topic alone, as an object and as a line, with topic_b64 where it is not UTF-8.
+nlohmann::ordered_json topic_json(const std::string &topic);
 std::string topic_line(const std::string &topic);
 
 // topic, and what the dictionary knows of it, each where it does: unit, description, least and

@@ -5,13 +5,23 @@
 #include "common/doctor/finding.h"
 #include "common/row_json.h"
 
+#include "layout/segment.h"
+#include "store/mesh_metrics.h"
+
 #include <algorithm>
+#include <sys/stat.h>
 
 namespace kp::web {
 
 namespace {
 
 constexpr uint64_t kYoungUs = 2 * tool::kUsPerSecond;
+constexpr uint64_t kTimesItTook = 20;
+
+uint64_t young_for_us(const Survey &survey)
+{
+    return std::max(kYoungUs, kTimesItTook * survey.took_us);
+}
 
 std::string look_for_peers()
 {
@@ -37,6 +47,37 @@ std::string look_as_doctor()
     return text;
 }
 
+void look_for_mappers(Survey &survey)
+{
+    struct stat status {};
+    if (stat(kStoreRoot, &status) != 0)
+        return;
+    survey.device = status.st_dev;
+    survey.mappers = tool::find_mappers(status.st_dev);
+    for (const auto &[file, mappers] : survey.mappers.of_file)
+        for (const tool::Mapper &mapper : mappers)
+            if (!survey.processes.contains(mapper.pid))
+                survey.processes.emplace(mapper.pid, tool::process_of(mapper.pid));
+}
+
+void carry_out(Look look, Survey &survey)
+{
+    switch (look) {
+    case Look::peers:
+        survey.text = look_for_peers();
+        return;
+    case Look::doctor:
+        survey.text = look_as_doctor();
+        return;
+    case Look::mesh:
+        survey.text = mesh_metrics(tool::look_at_mesh());
+        return;
+    case Look::mappers:
+        look_for_mappers(survey);
+        return;
+    }
+}
+
 } // namespace
 
 Surveyor::Surveyor() : thread_([this](const std::stop_token &stop) { work(stop); })
@@ -53,7 +94,7 @@ std::shared_ptr<const Survey> Surveyor::ask(Look look)
 {
     const uint64_t now = tool::monotonic_us();
     std::shared_ptr<Survey> &newest = newest_[look];
-    if (newest && (!newest->is_done || now < newest->asked_us + kYoungUs))
+    if (newest && (!newest->is_done || now < newest->asked_us + young_for_us(*newest)))
         return newest;
     newest = std::make_shared<Survey>();
     newest->asked_us = now;
@@ -70,7 +111,9 @@ void Surveyor::work(const std::stop_token &stop)
         const auto [look, survey] = waiting_.back();
         waiting_.pop_back();
         lock.unlock();
-        survey->text = look == Look::peers ? look_for_peers() : look_as_doctor();
+        const uint64_t begin = tool::monotonic_us();
+        carry_out(look, *survey);
+        survey->took_us = tool::monotonic_us() - begin;
         survey->is_done = true;
         lock.lock();
     }
@@ -80,8 +123,9 @@ std::size_t SurveySource::read(std::span<char> room)
 {
     if (!survey_->is_done)
         return 0;
-    if (!std::exchange(is_taken_, true) && !survey_->text.empty())
-        out_.put(std::shared_ptr<const std::string>(survey_, &survey_->text));
+    if (!std::exchange(is_taken_, true))
+        if (std::string text = text_(*survey_); !text.empty())
+            out_.put(std::move(text));
     return room.size() - out_.move_to(room).size();
 }
 

@@ -1,7 +1,10 @@
 // Looks that take their time, as they go through all processes: done by a thread of their own, so
-// that nobody who follows values waits for them, and shared by all who ask within two seconds.
+// that nobody who follows values waits for them, and shared by all who ask within two seconds, or
+// within twenty times what the look has taken. So no client can keep more than a twentieth of a
+// processor busy with each.
 #pragma once
 
+#include "common/processes.h"
 #include "http/answer.h"
 
 #include <atomic>
@@ -14,13 +17,22 @@
 
 namespace kp::web {
 
-enum class Look { peers, doctor };
+enum class Look {
+    peers,   // as lines of JSON
+    doctor,  // the same
+    mesh,    // as metrics
+    mappers, // who has which file of the store open
+};
 
-// What a look found, as lines of JSON.
+// What a look found. Not to be read before it is done, but for the first two.
 struct Survey {
-    uint64_t asked_us = 0;
     std::atomic<bool> is_done = false;
-    std::string text; // not to be read before it is done
+    uint64_t asked_us = 0;
+    uint64_t took_us = 0;
+    std::string text;
+    dev_t device = 0; // of the store
+    tool::Mappers mappers;
+    std::map<pid_t, tool::Process> processes; // that map a file of the store
 };
 
 class Surveyor {
@@ -47,7 +59,11 @@ class Surveyor {
 // Gives what a look found, once it is done.
 class SurveySource : public Source {
   public:
-    explicit SurveySource(std::shared_ptr<const Survey> survey) : survey_(std::move(survey))
+    // What is said of it.
+    using Text = std::function<std::string(const Survey &)>;
+
+    SurveySource(std::shared_ptr<const Survey> survey, Text text)
+        : survey_(std::move(survey)), text_(std::move(text))
     {
     }
 
@@ -63,8 +79,35 @@ class SurveySource : public Source {
 
   private:
     const std::shared_ptr<const Survey> survey_;
+    const Text text_;
     Outflow out_;
     bool is_taken_ = false;
+};
+
+// Gives what another source gives, once a look is done that the other needs.
+class AfterSurvey : public Source {
+  public:
+    AfterSurvey(std::shared_ptr<const Survey> survey, std::unique_ptr<Source> source)
+        : survey_(std::move(survey)), source_(std::move(source))
+    {
+    }
+
+    std::size_t read(std::span<char> room) override
+    {
+        return survey_->is_done ? source_->read(room) : 0;
+    }
+    bool is_at_end() const override
+    {
+        return survey_->is_done && source_->is_at_end();
+    }
+    bool has_more() override
+    {
+        return survey_->is_done && source_->has_more();
+    }
+
+  private:
+    const std::shared_ptr<const Survey> survey_;
+    const std::unique_ptr<Source> source_;
 };
 
 } // namespace kp::web

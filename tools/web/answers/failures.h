@@ -1,0 +1,22 @@
+// How problems with topics become answers.
+#pragma once
+
+#include "common/problem.h"
+
+#include <string_view>
+
+namespace kp::web {
+
+// What stands in front of a topic in an address.
+constexpr std::string_view kTagsPath = "/tags/";
+
+// The status that tells of a problem with the store.
+inline unsigned status_of(const tool::Problem &problem)
+{
+    return problem.code == tool::kNothing      ? 404
+           : problem.code == tool::kUsage      ? 400
+           : problem.code == tool::kPermission ? 403
+                                               : 500;
+}
+
+} // namespace kp::web

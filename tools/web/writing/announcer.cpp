@@ -1,0 +1,122 @@
+#include "writing/announcer.h"
+
+#include "common/clock.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <pthread.h>
+#include <utility>
+
+namespace kp::web {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint64_t kPeerWaitUs = 300'000; // for peers that have not connected yet
+constexpr uint64_t kStuckUs = 5 * tool::kUsPerSecond;
+constexpr std::size_t kMostWaiting = 1000;
+constexpr auto kJoinAgain = 1s;
+constexpr auto kPatience = 2s; // with a peer, at the end
+constexpr int kWake = SIGUSR1;
+
+// The handler does nothing: that there is one, without SA_RESTART, is what ends a call that waits.
+void let_signal_end_waiting()
+{
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    (void)sigaction(kWake, &action, nullptr);
+}
+
+} // namespace
+
+Announcer::Announcer()
+{
+    let_signal_end_waiting();
+    thread_ = std::jthread([this](const std::stop_token &stop) { work(stop); });
+}
+
+// The thread may be about to wait again when a signal comes, so it gets another one until it ends.
+Announcer::~Announcer()
+{
+    thread_.request_stop();
+    std::unique_lock lock(mutex_);
+    const auto has_ended = [this] { return has_ended_; };
+    if (changed_.wait_for(lock, kPatience, has_ended))
+        return;
+    (void)std::fputs("kp-web: warning: a peer does not read its notices; leaving without it\n",
+                     stderr);
+    while (!changed_.wait_for(lock, 10ms, has_ended))
+        (void)pthread_kill(thread_.native_handle(), kWake);
+}
+
+std::string Announcer::obstacle()
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return has_tried_; });
+    if (!join_problem_.empty())
+        return join_problem_;
+    const bool is_stuck = busy_since_us_ != 0 && tool::monotonic_us() > busy_since_us_ + kStuckUs;
+    if (is_stuck || waiting_.size() >= kMostWaiting)
+        return "a process does not read its notices, so nobody would hear of the write; /peers "
+               "shows which";
+    return {};
+}
+
+void Announcer::tell(Written written)
+{
+    const std::lock_guard lock(mutex_);
+    waiting_.push_back(std::move(written));
+    changed_.notify_all();
+}
+
+std::vector<std::string> Announcer::take_problems()
+{
+    const std::lock_guard lock(mutex_);
+    return std::exchange(problems_, {});
+}
+
+void Announcer::work(const std::stop_token &stop)
+{
+    std::unique_lock lock(mutex_);
+    while (!join(lock))
+        if (changed_.wait_for(lock, stop, kJoinAgain, [] { return false; }), stop.stop_requested())
+            break;
+    const auto has_more = [this] { return !waiting_.empty(); };
+    while (changed_.wait(lock, stop, has_more))
+        tell_all(lock);
+    has_ended_ = true;
+    changed_.notify_all();
+}
+
+bool Announcer::join(std::unique_lock<std::mutex> &lock)
+{
+    lock.unlock();
+    tool::Problem problem;
+    const bool has_joined = sender_.join(problem);
+    lock.lock();
+    if (!has_joined && problem.text != join_problem_)
+        problems_.push_back(problem.text);
+    join_problem_ = problem.text;
+    has_tried_ = true;
+    changed_.notify_all();
+    return has_joined;
+}
+
+void Announcer::tell_all(std::unique_lock<std::mutex> &lock)
+{
+    const std::vector<Written> all = std::exchange(waiting_, {});
+    busy_since_us_ = tool::monotonic_us();
+    lock.unlock();
+    tool::Problem problem;
+    for (const Written &written : all)
+        sender_.mark(written.topic, written.spelling, written.is_new);
+    const bool is_told = sender_.send(kPeerWaitUs, problem);
+    lock.lock();
+    busy_since_us_ = 0;
+    if (!is_told)
+        problems_.push_back(problem.text);
+}
+
+} // namespace kp::web

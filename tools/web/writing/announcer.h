@@ -1,0 +1,56 @@
+// Tells the device's other processes of what was written here, from a thread of its own: sending
+// waits for a peer that does not read its notices, and nobody who asks shall wait with it.
+#pragma once
+
+#include "common/writing/notice_sender.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kp::web {
+
+struct Written {
+    std::string topic;
+    std::string spelling; // the topic as it was given
+    bool is_new = false;  // it was declared by the write
+};
+
+// Its functions are for one thread, not its own.
+class Announcer {
+  public:
+    // Joins the device's endpoints.
+    Announcer();
+    Announcer(const Announcer &) = delete;
+    Announcer &operator=(const Announcer &) = delete;
+    // Tells what it has still to tell, and leaves a peer behind that does not let it go on.
+    ~Announcer();
+
+    // Why nobody would hear of a write now; empty when nothing stands in the way.
+    std::string obstacle();
+    void tell(Written written);
+    // What went wrong since the last call, for the log.
+    std::vector<std::string> take_problems();
+
+  private:
+    void work(const std::stop_token &stop);
+    bool join(std::unique_lock<std::mutex> &lock);
+    void tell_all(std::unique_lock<std::mutex> &lock);
+
+    tool::NoticeSender sender_{"web"}; // the thread's
+
+    std::mutex mutex_; // of what follows
+    std::condition_variable_any changed_;
+    std::vector<Written> waiting_;
+    std::vector<std::string> problems_;
+    std::string join_problem_;
+    uint64_t busy_since_us_ = 0; // 0 while it does not send
+    bool has_tried_ = false;     // to join
+    bool has_ended_ = false;
+
+    std::jthread thread_;
+};
+
+} // namespace kp::web
