@@ -11,9 +11,9 @@ namespace {
 constexpr CallSet kAllocations{Call::malloc, Call::calloc, Call::strdup};
 
 // What a scenario must not leave behind, nor the store.
-void expect_clean(const Footprint &before, long n)
+void expect_clean(const Holdings &before, long n)
 {
-    EXPECT_TRUE(before.is_restored()) << "allocation " << n;
+    EXPECT_EQ(Holdings::now(), before) << "allocation " << n;
     EXPECT_EQ(kp_list_all_topics(), nullptr) << "allocation " << n;
 }
 
@@ -24,7 +24,7 @@ template <typename Fault> long fail_each(const std::function<void()> &scenario)
     const StderrCapture log;
     scenario(); // lets the C library allocate what it keeps
     for (long n = 1;; ++n) {
-        const Footprint before;
+        const Holdings before = Holdings::now();
         Fault fault(kAllocations, n);
         scenario();
         fault.disarm();

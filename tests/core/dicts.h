@@ -25,7 +25,7 @@ inline Dict new_dict()
     return Dict(kp_dict_new());
 }
 
-// A tag as far as the dictionary looks at one.
+// The part of a tag that the dictionary looks at.
 class Tag {
   public:
     explicit Tag(std::string topic) : topic_(std::move(topic))
@@ -45,7 +45,7 @@ class Tag {
     kp_tag_t tag_{};
 };
 
-// The tags of a bucket from its head.
+// Gives the tags of a bucket from its head.
 inline std::vector<kp_tag_t *> tags_in(const Dict &dict, uint32_t hash)
 {
     std::vector<kp_tag_t *> tags;

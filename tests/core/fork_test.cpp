@@ -12,16 +12,6 @@ using namespace kptest;
 
 namespace {
 
-int exit_of_child(const std::function<bool()> &body)
-{
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(body() ? 0 : 1);
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return status;
-}
-
 TEST(ForkedHandle, ReadsAndWritesValuesAndIsDestroyedInTheChild)
 {
     kp_t *handle = kp_new("parent", nullptr);
@@ -29,7 +19,7 @@ TEST(ForkedHandle, ReadsAndWritesValuesAndIsDestroyedInTheChild)
     int32_t value = 1;
     ASSERT_EQ(kp_tag_write(handle, tag, &value, 4), 4);
 
-    const int status = exit_of_child([&] {
+    const int status = status_of_child([&] {
         int32_t read = 0;
         const int32_t written = 2;
         return kp_tag_read(tag, &read, 4) == 4 && read == 1 &&
@@ -54,7 +44,7 @@ TEST(ForkedHandle, IsDestroyedInAChildThatWasForkedWhileItsLocksWereHeld)
     ASSERT_EQ(pthread_mutex_lock(&handle->mutex), 0);
     ASSERT_EQ(pthread_mutex_lock(&handle->sub_topics->mutex), 0);
 
-    const int status = exit_of_child([&] {
+    const int status = status_of_child([&] {
         (void)alarm(10);
         return kp_tags_destroy(handle) == 0 && kp_destroy(handle) == 0;
     });
@@ -73,7 +63,7 @@ TEST(ForkedHandle, CountsATagThatTheChildOpensItself)
 #endif
     kp_t *handle = kp_new("parent", nullptr);
 
-    const int status = exit_of_child([] {
+    const int status = status_of_child([] {
         kp_t *own = kp_new("child", nullptr);
         kp_tag_t *tag = own ? kp_tag_consumer_new(own, "mine") : nullptr;
         return tag && kp_tags_destroy(own) == 0 && kp_destroy(own) == 0;

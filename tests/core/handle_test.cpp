@@ -68,56 +68,56 @@ TEST(NewHandle, MakesUpANumberForANullOrEmptyName)
 TEST(NewHandle, ReportsThatItsRecordFindsNoMemory)
 {
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNext allocation(Call::calloc);
 
     EXPECT_EQ(kp_new("self", nullptr), nullptr);
     EXPECT_EQ(log.text_without_line_numbers(),
               "\033[91mERROR: kp_new: kp init: malloc kp_t: Cannot allocate memory\n\033[0m");
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NewHandle, FailsSilentlyWithoutADictionary)
 {
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNth allocation(Call::calloc, 2);
 
     errno = 0;
     EXPECT_EQ(kp_new("self", nullptr), nullptr);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(log.text(), "");
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NewHandle, FailsSilentlyWithoutAMutex)
 {
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNext mutex(Call::pthread_mutex_init);
 
     EXPECT_EQ(kp_new("self", nullptr), nullptr);
     EXPECT_EQ(log.text(), "");
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NewHandle, FailsSilentlyWithoutItsDirectoryAndLeavesTheCauseInErrno)
 {
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNext directory(Call::mkdir, EROFS);
 
     errno = 0;
     EXPECT_EQ(kp_new("self", nullptr), nullptr);
     EXPECT_EQ(errno, EROFS);
     EXPECT_EQ(log.text(), "");
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NewHandle, AddsNoMessageToThatOfAFailedEndpoint)
 {
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNext socket(Call::socket);
 
     errno = 0;
@@ -125,18 +125,18 @@ TEST(NewHandle, AddsNoMessageToThatOfAFailedEndpoint)
     EXPECT_EQ(errno, EMFILE);
     EXPECT_EQ(log.lines(), (Lines{"ERROR: notify_server_init: opening socket: Too many open files",
                                   "ERROR: kp_notify_init: init server failed"}));
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NewHandle, LeavesNothingBehindWhenItsLastThreadCannotStart)
 {
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNth thread(Call::pthread_create, 3);
 
     EXPECT_EQ(kp_new("self", nullptr), nullptr);
     EXPECT_EQ(log.lines(), Lines{"ERROR: kp_notify_init: client failed"});
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
     EXPECT_FALSE(exists("/run/providers/self"));
 }
 

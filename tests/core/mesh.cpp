@@ -55,22 +55,6 @@ std::string repeated(char character, std::size_t count)
     return std::string(count, character);
 }
 
-std::string write_notice(std::initializer_list<uint32_t> buckets)
-{
-    std::string notice(129, '\0');
-    notice[0] = 1;
-    for (const uint32_t bucket : buckets)
-        notice[1 + bucket / 8] = static_cast<char>(notice[1 + bucket / 8] | 1 << bucket % 8);
-    return notice;
-}
-
-std::string new_tag_notice(const std::string &topic)
-{
-    std::string notice = '\2' + topic.substr(0, 386);
-    notice.resize(387);
-    return notice;
-}
-
 const uint8_t *bytes_of(const std::string &notice)
 {
     return reinterpret_cast<const uint8_t *>(notice.data());
@@ -219,19 +203,6 @@ void Writer::write(int32_t value, uint8_t quality)
 {
     const uint64_t now = next_timestamp();
     EXPECT_EQ(kp_shm_write(shm_, &value, sizeof(value), now, quality, now), 4);
-}
-
-testing::AssertionResult Footprint::is_restored() const
-{
-    const Footprint now;
-    if (now.descriptors_ == descriptors_ && now.threads_ == threads_ && now.blocks_ == blocks_ &&
-        now.mappings_ == mappings_)
-        return testing::AssertionSuccess();
-    return testing::AssertionFailure()
-           << testing::PrintToString(descriptors_) << " became "
-           << testing::PrintToString(now.descriptors_) << ", threads " << threads_ << " -> "
-           << now.threads_ << ", blocks " << blocks_ << " -> " << now.blocks_ << ", mappings "
-           << mappings_ << " -> " << now.mappings_;
 }
 
 int32_t stored_int(const std::string &topic)

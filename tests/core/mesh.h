@@ -7,6 +7,8 @@
 #include "core/tag.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
+#include "testing/leaks.h"
+#include "testing/notices.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 #include "testing/unix_socket.h"
@@ -14,24 +16,16 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <initializer_list>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
 namespace kptest {
 
-// The same character `count` times.
+// Gives the same character `count` times.
 std::string repeated(char character, std::size_t count);
 
-// A change notice of 129 bytes with these buckets' bits.
-std::string write_notice(std::initializer_list<uint32_t> buckets);
-
-// An announcement of 387 bytes, of which the topic fills at most 386; the rest is zero.
-std::string new_tag_notice(const std::string &topic);
-
-// The same as the library receives it.
+// Gives a notice as the library receives it.
 const uint8_t *bytes_of(const std::string &notice);
 const kp_write_info *as_write_info(const std::string &notice);
 
@@ -49,7 +43,7 @@ class CallbackRecorder {
     CallbackRecorder &operator=(const CallbackRecorder &) = delete;
     ~CallbackRecorder();
 
-    // Give this one to kp_new().
+    // The callback to give to kp_new().
     static int callback(kp_t *handle, const kp_write_info *notice, void *user_data);
 
     // Runs in each callback, after it was recorded.
@@ -64,7 +58,7 @@ class CallbackRecorder {
     std::function<void(kp_t *, const kp_write_info *)> action_;
 };
 
-// A handle whose threads have all started, and that destroys its tags and itself.
+// A handle whose threads have all started. At its end it destroys its tags and itself.
 class Handle {
   public:
     explicit Handle(const char *name = "self", kp_callback_t callback = CallbackRecorder::callback);
@@ -80,7 +74,7 @@ class Handle {
     {
         return handle_;
     }
-    // Destroys it early, and leaves its tags alone.
+    // Destroys the handle early, and leaves its tags alone.
     int32_t destroy();
 
   private:
@@ -96,7 +90,7 @@ class Peer {
     Peer &operator=(const Peer &) = delete;
     ~Peer();
 
-    // The connection on which the next handle receives.
+    // Gives the connection on which the next handle receives.
     UnixSocket accept() const
     {
         return listener_.accept();
@@ -107,20 +101,20 @@ class Peer {
     UnixSocket listener_;
 };
 
-// A connection on which the test receives what a handle sends; the handle has accepted it.
+// Gives a connection on which the test receives what a handle sends; the handle has accepted it.
 UnixSocket listen_to(kp_t *handle);
 
 // Subscribes to a pattern, which takes effect whether there is a store to scan or not.
 void follow(kp_t *handle, const char *pattern);
 
-// Every tag of a handle by its topic, newest first within a bucket.
+// Gives every tag of a handle by its topic, newest first within a bucket.
 std::vector<std::string> topics_of(kp_t *handle);
 
-// The subscriptions of a handle, from the head of each list.
+// Gives the subscriptions of a handle, from the head of each list.
 std::vector<std::string> plain_subscriptions_of(kp_t *handle);
 std::vector<std::string> patterns_of(kp_t *handle);
 
-// The buckets marked in a handle's outgoing notice.
+// Gives the buckets marked in a handle's outgoing notice.
 std::vector<uint32_t> marks_of(kp_t *handle);
 
 // Another process's provider, as far as a segment can tell: declares a topic and writes it without
@@ -140,20 +134,7 @@ class Writer {
     kp_shm_t *shm_;
 };
 
-// What the process holds: descriptors, threads, the library's heap blocks and mapped segments.
-class Footprint {
-  public:
-    // Whether it holds just that again.
-    testing::AssertionResult is_restored() const;
-
-  private:
-    std::map<int, std::string> descriptors_ = open_descriptors();
-    int threads_ = thread_count();
-    long blocks_ = live_blocks();
-    int mappings_ = mapping_count();
-};
-
-// The first bytes of a segment's value as a number.
+// Gives the first bytes of a segment's value as a number.
 int32_t stored_int(const std::string &topic);
 
 } // namespace kptest

@@ -153,13 +153,13 @@ TEST(Subscription, OwnsACopyOfTheText)
 TEST(Subscription, FailsWhenItCannotBeRecorded)
 {
     const Handle handle;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNext copy(Call::strdup);
 
     EXPECT_EQ(kp_sub_topic(handle, "a"), -1);
 
     EXPECT_THAT(plain_subscriptions_of(handle), IsEmpty());
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(AutomaticSubscription, MakesATagForATopicThatAPatternCovers)

@@ -102,55 +102,55 @@ TEST(NewTag, ReportsThatItsRecordFindsNoMemory)
 {
     const Handle handle;
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNext allocation(Call::calloc);
 
     EXPECT_EQ(kp_tag_consumer_new(handle, "a"), nullptr);
     EXPECT_EQ(log.text_without_line_numbers(),
               "\033[91mERROR: kp_tag_new: kp_tag_provider_new: malloc kp_tag_t: Cannot allocate "
               "memory\n\033[0m");
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NewTag, ReportsThatItsTopicFindsNoMemory)
 {
     const Handle handle;
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailNext allocation(Call::strdup);
 
     EXPECT_EQ(new_int32(handle, "a"), nullptr);
     EXPECT_EQ(log.text_without_line_numbers(),
               "\033[91mERROR: kp_tag_new: kp_tag_provider_new: malloc topic: Cannot allocate "
               "memory\n\033[0m");
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NewTag, AddsNoMessageToThatOfASegmentThatCannotBeOpened)
 {
     const Handle handle;
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     const FailFrom opening(Call::syscall, 1);
 
     EXPECT_EQ(kp_tag_consumer_new(handle, "a"), nullptr);
     EXPECT_EQ(log.lines(),
               Lines{"ERROR: kp_new_shm: open shm(increase 'ulimit -n'): Too many open files"});
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NewTag, IsRefusedForATopicThatLeavesTheStore)
 {
     const Handle handle;
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
 
     EXPECT_EQ(new_int32(handle, "a/../../b"), nullptr);
     EXPECT_EQ(kp_tag_consumer_new(handle, ".."), nullptr);
 
     EXPECT_EQ(log.lines(), (Lines{"ERROR: kp_shm_new: topic is invalid",
                                   "ERROR: kp_shm_new: topic is invalid"}));
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
     EXPECT_FALSE(exists("/dev/shm/b"));
 }
 
@@ -169,14 +169,14 @@ TEST(NewProvider, ThatCannotEnterTheDictionaryIsGoneAndBlocksNobody)
 {
     const Handle handle;
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     FailNth entry(Call::calloc, 3);
 
     EXPECT_EQ(new_int32(handle, "a"), nullptr);
     EXPECT_TRUE(entry.fired());
     EXPECT_EQ(log.text_without_line_numbers(),
               "\033[91mERROR: kp_dict_new_entry: malloc: Cannot allocate memory\n\033[0m");
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
     EXPECT_FALSE(SegmentFile("a").exists());
     EXPECT_THAT(topics_of(handle), IsEmpty());
     EXPECT_NE(new_int32(handle, "a"), nullptr);
@@ -186,14 +186,14 @@ TEST(NewConsumer, ThatCannotEnterTheDictionaryIsGoneAndBlocksNobody)
 {
     const Handle handle;
     StderrCapture log;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     FailNth entry(Call::calloc, 3);
 
     EXPECT_EQ(kp_tag_consumer_new(handle, "a"), nullptr);
     EXPECT_TRUE(entry.fired());
     EXPECT_EQ(log.text_without_line_numbers(),
               "\033[91mERROR: kp_dict_new_entry: malloc: Cannot allocate memory\n\033[0m");
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
     EXPECT_FALSE(SegmentFile("a").exists());
     EXPECT_NE(kp_tag_consumer_new(handle, "a"), nullptr);
 }

@@ -130,14 +130,14 @@ TEST(Announcement, IsFollowedByTheHandleOfAPeer)
 TEST(DestroyedTag, LeavesDictionaryAndStore)
 {
     const Handle handle;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     kp_tag_t *tag = new_int32(handle, "a/b");
 
     EXPECT_EQ(kp_tag_destroy(handle, tag), 0);
 
     EXPECT_THAT(topics_of(handle), IsEmpty());
     EXPECT_FALSE(SegmentFile("a/b").exists());
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(DestroyedTag, LeavesTheFileToTheOtherTagsOfItsTopic)
@@ -171,7 +171,7 @@ TEST(DestroyedTag, NeedsAHandleAndThenATag)
 TEST(DestroyedTags, AreAllThoseOfTheHandle)
 {
     const Handle handle;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     ASSERT_NE(new_int32(handle, "Aa"), nullptr);
     ASSERT_NE(kp_tag_consumer_new(handle, "BB"), nullptr); // in the bucket of "Aa"
     ASSERT_NE(kp_tag_consumer_new(handle, "Aa"), nullptr);
@@ -182,7 +182,7 @@ TEST(DestroyedTags, AreAllThoseOfTheHandle)
 
     EXPECT_THAT(topics_of(handle), IsEmpty());
     EXPECT_EQ(kp_list_all_topics(), nullptr);
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(DestroyedTags, DoNotIncludeThoseOfAnotherHandle)

@@ -11,7 +11,7 @@ namespace {
 TEST(PlainUnsubscription, DestroysTheTag)
 {
     const Handle handle;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     ASSERT_EQ(kp_sub_topic(handle, "a/b"), 0);
 
     EXPECT_EQ(kp_unsub_topic(handle, "a/b"), 0);
@@ -19,7 +19,7 @@ TEST(PlainUnsubscription, DestroysTheTag)
     EXPECT_THAT(plain_subscriptions_of(handle), IsEmpty());
     EXPECT_THAT(topics_of(handle), IsEmpty());
     EXPECT_FALSE(SegmentFile("a/b").exists());
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(PlainUnsubscription, RemovesTheNewestOfEqualSubscriptions)
@@ -197,13 +197,13 @@ TEST(PatternUnsubscription, MakesValuesUnreadAgain)
 TEST(PatternUnsubscription, OfTheLastPatternLeavesNothingBehind)
 {
     const Handle handle;
-    const Footprint before;
+    const Holdings before = Holdings::now();
     follow(handle, "a/+");
     ASSERT_EQ(kp_sub_plain_topic(handle, "a/b"), 0);
 
     EXPECT_EQ(kp_unsub_topic(handle, "a/+"), 0);
 
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
     EXPECT_EQ(kp_sub_plain_topic(handle, "a/b"), -1);
 }
 

@@ -60,7 +60,7 @@ class Follower : public Handle {
     int fd_;
 };
 
-// The topics that a walk of a notice gives; each is read.
+// Gives the topics that a walk of a notice gives; each is read.
 std::vector<std::string> read_topics(kp_t *handle, const std::string &notice)
 {
     std::vector<std::string> topics;
@@ -114,12 +114,12 @@ TEST(NoticeDescriptor, DoesNotBlockAndIsClosedOnExec)
 
 TEST(NoticeDescriptor, IsClosedWithItsHandle)
 {
-    const Footprint before;
+    const Holdings before = Holdings::now();
     {
         const Handle handle;
         ASSERT_GE(kp_get_fd(handle), 0);
     }
-    EXPECT_TRUE(before.is_restored());
+    EXPECT_EQ(Holdings::now(), before);
 }
 
 TEST(NoticeDescriptor, OfANullHandleIsRefused)

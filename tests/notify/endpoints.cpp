@@ -47,45 +47,10 @@ void make_file(const std::string &path)
     std::ofstream(path) << "content";
 }
 
-std::string write_notice(std::initializer_list<unsigned> buckets)
-{
-    std::string message(129, '\0');
-    message[0] = 1;
-    for (const unsigned bucket : buckets)
-        message[1 + bucket / 8] = static_cast<char>(message[1 + bucket / 8] | 1 << bucket % 8);
-    return message;
-}
-
-std::string new_tag_notice(const std::string &topic)
-{
-    std::string message = '\2' + topic;
-    message.resize(387);
-    return message;
-}
-
-Holdings Holdings::now()
-{
-    return {open_descriptors(), thread_count(), live_blocks()};
-}
-
-std::ostream &operator<<(std::ostream &out, const Holdings &holdings)
-{
-    out << holdings.threads << " threads, " << holdings.blocks << " blocks";
-    for (const auto &[fd, target] : holdings.descriptors)
-        out << ", " << fd << " " << target;
-    return out;
-}
-
 NotifyTest::NotifyTest()
 {
     fs::remove_all(kp::kEndpointDirectory);
     kp_xlog_set_user_level(KP_LEVEL_WARN);
-    before_ = Holdings::now();
-}
-
-NotifyTest::~NotifyTest()
-{
-    EXPECT_EQ(Holdings::now(), before_);
 }
 
 void Inbox::receive(const uint8_t *message, int32_t length, void *inbox)

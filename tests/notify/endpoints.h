@@ -1,15 +1,15 @@
-// Endpoints for tests: whole ones, bare records without threads, and what came out of them.
+// Endpoints for tests: whole ones, and bare records without threads. And what they have received.
 #pragma once
 
 #include "notify/endpoint.h"
 #include "testing/faults.h"
+#include "testing/leaks.h"
+#include "testing/notices.h"
 #include "testing/process.h"
 #include "testing/unix_socket.h"
 
 #include <condition_variable>
 #include <gtest/gtest.h>
-#include <initializer_list>
-#include <iosfwd>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -17,44 +17,18 @@
 
 namespace kptest {
 
-// The path of an endpoint's socket.
+// Gives the path of an endpoint's socket.
 std::string socket_path(const std::string &name);
-// Whether anything stands at a path.
+// Says whether anything stands at a path.
 bool file_exists(const std::string &path);
 void make_file(const std::string &path);
-// Connections that wait at a listening socket until it takes no more.
+// Makes connections that wait at a listening socket, until it takes no more.
 std::vector<UnixSocket> fill_backlog(const std::string &path);
 
-// The messages, byte for byte.
-std::string write_notice(std::initializer_list<unsigned> buckets);
-std::string new_tag_notice(const std::string &topic);
-
-// What the process holds.
-struct Holdings {
-    std::map<int, std::string> descriptors;
-    int threads;
-    long blocks;
-
-    static Holdings now();
-    bool operator==(const Holdings &) const = default;
-};
-std::ostream &operator<<(std::ostream &out, const Holdings &holdings);
-
-// Every test of this fixture fails when it leaves a descriptor, a thread or memory behind. It looks
-// when all members of the fixtures derived from it are gone.
-class NotifyTest : public testing::Test {
+// Every test of this fixture begins without endpoints and leaves nothing behind.
+class NotifyTest : public LeavesNothingBehind {
   protected:
     NotifyTest();
-    ~NotifyTest() override;
-
-    // For a block that is kept on purpose.
-    void expect_a_kept_block()
-    {
-        ++before_.blocks;
-    }
-
-  private:
-    Holdings before_;
 };
 
 // Receives an endpoint's messages.
@@ -66,7 +40,7 @@ class Inbox {
     std::vector<std::string> messages() const;
     std::size_t count() const;
     std::thread::id receiving_thread() const;
-    // Whether so many messages, or more, arrive within the deadline.
+    // Says whether so many messages, or more, arrive within the deadline.
     bool has_received(std::size_t count) const;
 
     // Keeps the receive thread in the callback of its next message until resume().
@@ -109,10 +83,10 @@ class Endpoint {
 
     int client(std::size_t slot) const;
     int server(std::size_t slot) const;
-    // Occupied slots, without the listening socket.
+    // These count the occupied slots, but not the listening socket.
     int client_count() const;
     int server_count() const;
-    // Whether so many peers, no more and no fewer, are there within the deadline.
+    // Says whether so many peers, no more and no fewer, are there within the deadline.
     bool has_clients(int count) const;
     bool has_servers(int count) const;
 
@@ -161,7 +135,7 @@ class BareEndpoint {
     void announce() const;
     // Sets the stop flag and wakes the threads.
     void stop() const;
-    // Bytes that wait in the pipe of announcements.
+    // Counts the bytes that wait in the pipe of announcements.
     int announced() const;
 
   private:
@@ -169,7 +143,7 @@ class BareEndpoint {
     kp_notify_t *endpoint_;
 };
 
-// Bytes that wait to be read from a descriptor.
+// Counts the bytes that wait to be read from a descriptor.
 int readable_bytes(int fd);
 
 // Runs a hook before every call of the set.
@@ -180,8 +154,9 @@ class BeforeEach : public Shim {
 
 using Step = std::function<void()>;
 
-// Runs a thread's body on this thread: step n before its n-th wait, and a stop before the wait
-// after the last one. A step that makes nothing ready must stop the endpoint itself.
+// Runs a thread's body on this thread. Runs step n before its n-th wait, and stops the endpoint
+// before the wait after the last step. A step that makes nothing ready must stop the endpoint
+// itself.
 void run_in_steps(void *(*body)(void *), const BareEndpoint &endpoint, std::vector<Step> steps);
 
 } // namespace kptest

@@ -29,8 +29,8 @@ int __lsan_is_turned_off()
 
 namespace {
 
-// Whether all threads of this process but the main one sleep. AddressSanitizer's allocator does not
-// survive a fork() at a moment at which another thread is in it.
+// Says whether all threads of this process but the main one sleep. AddressSanitizer's allocator
+// does not survive a fork() at a moment at which another thread is in it.
 bool do_others_sleep()
 {
     for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -47,20 +47,16 @@ bool do_others_sleep()
 
 class Fork : public NotifyTest {
   protected:
-    // The exit status of a child that runs `body` with what it took along.
+    // Gives the status of a child that is forked once all other threads sleep.
     static int status_of_child(const std::function<bool()> &body)
     {
         EXPECT_TRUE(wait_until(do_others_sleep));
-        const pid_t child = fork();
-        if (child == 0)
-            _exit(body() ? 0 : 1);
-        int status = -1;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        return status;
+        return kptest::status_of_child(body);
     }
 };
 
-// The descriptors of the process that the library makes: sockets, pipes, and what it waits with.
+// Gives the descriptors of the process that the library makes: sockets, pipes, and what it waits
+// with.
 int library_descriptors()
 {
     int count = 0;

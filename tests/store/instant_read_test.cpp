@@ -316,7 +316,7 @@ TEST_F(InstantReadFault, OfTheUnmappingIsReportedAndTheResultKept)
     FailNext fault{Call::munmap, EINVAL};
 
     EXPECT_EQ(value.read("a"), 0);
-    expect_block_handed_over();
+    expect_a_kept_block();
     EXPECT_EQ(value.text(), "hello");
     EXPECT_EQ(log.text_without_line_numbers(),
               "\033[91mERROR: kp_shm_instant_read: munmap: Invalid argument\n\033[0m");

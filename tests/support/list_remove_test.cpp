@@ -16,21 +16,6 @@ int is_same(const void *key, const void *element)
     return key == element;
 }
 
-std::vector<void *> freed;
-
-void note_freed(void *element)
-{
-    freed.push_back(element);
-}
-
-kplist *watched_list = nullptr;
-int lock_result_in_callback = -1;
-
-void try_the_lock(void *)
-{
-    lock_result_in_callback = pthread_mutex_trylock(&watched_list->mutex);
-}
-
 TEST(Finding, ReturnsTheFirstMatchFromTheHead)
 {
     const List list = appended({one, two, another_two});

@@ -14,25 +14,10 @@ using namespace kptest;
 
 namespace {
 
-// The value of an element made by one of the _int functions.
+// Gives the value of an element made by one of the _int functions.
 uint32_t number_in(const void *element)
 {
     return *static_cast<const uint32_t *>(element);
-}
-
-std::vector<void *> freed;
-
-void note_freed(void *element)
-{
-    freed.push_back(element);
-}
-
-kplist *watched_list = nullptr;
-int lock_result_in_callback = -1;
-
-void try_the_lock(void *)
-{
-    lock_result_in_callback = pthread_mutex_trylock(&watched_list->mutex);
 }
 
 void print_line(const void *element)

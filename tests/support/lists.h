@@ -1,4 +1,4 @@
-// Lists that free themselves, and their elements.
+// Lists that free themselves, elements for them, and callbacks.
 #pragma once
 
 #include "kp.h"
@@ -40,7 +40,7 @@ inline List appended(const std::vector<char *> &elements)
     return list;
 }
 
-// The elements from the head along the forward links.
+// Gives the elements from the head along the forward links.
 inline std::vector<void *> elements_of(const List &list)
 {
     std::vector<void *> elements;
@@ -50,6 +50,26 @@ inline std::vector<void *> elements_of(const List &list)
 }
 
 using Elements = std::vector<void *>;
+
+// What note_freed() was given, in this order.
+inline Elements freed;
+
+// A kplist_free_t that frees nothing.
+inline void note_freed(void *element)
+{
+    freed.push_back(element);
+}
+
+inline kplist *watched_list = nullptr;
+inline int lock_result_in_callback = -1;
+
+// A kplist_free_t that notes whether the watched list is locked while it runs.
+inline void try_the_lock(void *)
+{
+    lock_result_in_callback = pthread_mutex_trylock(&watched_list->mutex);
+}
+
+// A kplist_compare_t.
 inline int is_text(const void *key, const void *element)
 {
     return std::string_view(static_cast<const char *>(key)) == static_cast<const char *>(element);

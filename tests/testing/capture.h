@@ -10,8 +10,8 @@ namespace kptest {
 
 using Lines = std::vector<std::string>;
 
-// Catches from its construction to its end. What was caught is shown after all when the test
-// failed.
+// Catches from its construction to its end. When the test failed, what was caught is shown after
+// all.
 class Capture {
   public:
     explicit Capture(FILE *stream);
@@ -19,19 +19,18 @@ class Capture {
     Capture &operator=(const Capture &) = delete;
     ~Capture();
 
-    // Everything caught so far, byte for byte.
+    // Gives every thing caught so far, byte for byte.
     std::string text() const;
 
-    // Byte for byte but for the "(123)" behind the function name of each log line, which is left
-    // out.
+    // Gives the same without the "(123)" behind the function name of each log line.
     std::string text_without_line_numbers() const;
 
-    // The lines, without colours and line numbers: "ERROR: kp_shm_new: mmap: Cannot allocate
+    // Gives the lines, without colours and line numbers: "ERROR: kp_shm_new: mmap: Cannot allocate
     // memory".
     Lines lines() const;
 
-    // Whether so many log lines of the library are there, each to its end: a line is written in
-    // pieces.
+    // Says whether so many log lines of the library are there, each to its end: a line is written
+    // in pieces.
     bool has_log_lines(std::size_t count) const;
 
     // Forgets what was caught so far.

@@ -165,4 +165,14 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds deadline)
     return status_;
 }
 
+int status_of_child(const std::function<bool()> &body)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(body() ? 0 : 1);
+    int status = -1;
+    (void)waitpid(child, &status, 0);
+    return status;
+}
+
 } // namespace kptest

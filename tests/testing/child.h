@@ -22,9 +22,9 @@ class Channel {
     Channel &operator=(const Channel &) = delete;
     ~Channel();
 
-    // Sends a line; false when the other side is gone.
+    // Sends a line. False when the other side is gone.
     bool tell(const std::string &line) const;
-    // The next line, or nothing when the other side is gone or silent for so long.
+    // Gives the next line, or nothing when the other side is gone or silent for so long.
     std::optional<std::string> hear(std::chrono::milliseconds deadline = kDeadline);
 
   private:
@@ -36,9 +36,9 @@ class Channel {
 class ChildProcess {
   public:
     // Forks and runs `body` in the child, whose exit status is the result; 99 when it throws. Fork
-    // before the test starts threads, and don't assert in the child: its failures are not seen.
+    // before the test starts threads. Don't assert in the child, since nobody sees its failures.
     explicit ChildProcess(const std::function<int(Channel &parent)> &body);
-    // Executes a program, whose standard input and output are the channel.
+    // Executes a program. The channel is its standard input and output.
     explicit ChildProcess(const std::vector<std::string> &command);
     ChildProcess(const ChildProcess &) = delete;
     ChildProcess &operator=(const ChildProcess &) = delete;
@@ -62,8 +62,8 @@ class ChildProcess {
     }
 
     void signal(int number) const;
-    // The exit status, 128 plus the signal's number when one killed it, or nothing when it still
-    // runs after the deadline.
+    // Gives the exit status, 128 plus the signal's number when one killed it, or nothing when it
+    // still runs after the deadline.
     std::optional<int> wait(std::chrono::milliseconds deadline = kDeadline);
 
   private:
@@ -73,5 +73,8 @@ class ChildProcess {
     std::optional<int> status_;
     std::optional<Channel> channel_;
 };
+
+// Forks a child that runs `body`, and waits for it without a deadline: 0 when `body` gave true.
+int status_of_child(const std::function<bool()> &body);
 
 } // namespace kptest

@@ -64,9 +64,9 @@ constexpr int kUsualError = -1;
 
 enum class Threads { all, this_one };
 
-// What the shims below have in common. Armed from its construction to disarm() or its end; several
-// may be armed at once. A failing munmap or close has done its work all the same, so that a test
-// can see what is really left behind; any other call fails without an effect.
+// What the shims below have in common. A shim is armed from its construction to disarm() or its
+// end; several may be armed at once. A failing munmap or close has done its work all the same, so
+// that a test can see what is really left behind. Any other call fails without an effect.
 class Shim {
   public:
     Shim(const Shim &) = delete;
@@ -74,14 +74,14 @@ class Shim {
     ~Shim();
 
     void disarm();
-    // How many of its calls were made since it was armed.
+    // Says how many of its calls were made since it was armed.
     long count() const;
-    // Whether it failed a call, or ran its hook.
+    // Says whether it failed a call, or ran its hook.
     bool fired() const;
-    // The call on which it fired last; only when it fired.
+    // Gives the call on which it fired last. May be called only when it fired.
     Call fired_on() const;
 
-    // For the shims' own use: counts the call and says with which error it fails, 0 for none.
+    // Is for the shims alone: counts the call and says with which error it fails, 0 for none.
     int meet(Call call);
 
   protected:
@@ -103,7 +103,7 @@ class Shim {
     bool armed_ = true;
 };
 
-// Fails the n-th call of the set from now on; 1 is the next one. Need not fire, so a driver can
+// Fails the n-th call of the set from now on; 1 is the next one. It need not fire, so a driver can
 // count n up until a scenario passes without a failure.
 class FailNth : public Shim {
   public:
@@ -137,7 +137,7 @@ class Before : public Shim {
     ~Before();
 };
 
-// The heap blocks that the library has allocated and not freed itself.
+// Counts the heap blocks that the library has allocated and not freed itself.
 long live_blocks();
 
 } // namespace kptest

@@ -1,4 +1,5 @@
-// The library's user level for as long as an object lives; afterwards what it is at load time.
+// Sets the library's user level for as long as an object lives. Afterwards the level is again what
+// it is at load time.
 #pragma once
 
 #include "kp.h"

@@ -5,13 +5,13 @@
 
 namespace kptest {
 
-// Gives this process, which must have one thread only, a mount namespace of its own with an empty
-// /dev/shm and /run; ends it with a message when the system does not allow that. An ordinary user
-// becomes root of a user namespace for it.
+// Gives this process a mount namespace of its own with an empty /dev/shm and /run. The process must
+// have one thread only. Ends it with a message when the system does not allow that. An ordinary
+// user becomes root of a user namespace for it.
 void enter_private_mounts();
 
-// An empty tmpfs of `pages` pages at a directory, which is made when missing, for as long as the
-// object lives.
+// An empty tmpfs of `pages` pages, which is mounted at a directory for as long as the object lives.
+// The directory is made when it is missing.
 class TinyTmpfs {
   public:
     TinyTmpfs(std::string directory, unsigned pages);

@@ -11,17 +11,17 @@ namespace kptest {
 // Long enough for a loaded machine under a sanitizer; nobody waits so long unless a test fails.
 constexpr std::chrono::seconds kDeadline{60};
 
-// Waits until the condition holds; false when it does not within the deadline.
+// Waits until the condition holds. False when it does not hold within the deadline.
 bool wait_until(const std::function<bool()> &condition,
                 std::chrono::milliseconds deadline = kDeadline);
 
-// The open descriptors and what each refers to. Compare the results of two calls.
+// Gives the open descriptors and what each refers to. Compare the results of two calls.
 std::map<int, std::string> open_descriptors();
 
-// The threads of this process that have not ended.
+// Counts the threads of this process that have not ended.
 int thread_count();
 
-// The mappings of files below a directory, by default of segments.
+// Counts the mappings of files below a directory, by default those of segments.
 int mapping_count(const std::string &directory = "/dev/shm/zu-kp/");
 
 } // namespace kptest

@@ -30,10 +30,10 @@ constexpr off_t end = 4080;
 constexpr uint8_t kValidFlag = 1;
 constexpr uint8_t kHasValueFlag = 2;
 
-// The path of a topic's file.
+// Gives the path of a topic's file.
 std::string segment_file_path(const std::string &topic);
 
-// Whether a path, or a topic's file, exists.
+// Says whether a path, or a topic's file, exists.
 bool exists(const std::string &path);
 
 // A topic's file. It is opened and closed in each call, and need not exist before.

@@ -44,8 +44,8 @@ class StoreProvider {
     kp_shm_t *shm_;
 };
 
-// Declares a topic as the tool does before it writes one: a process that opens it in no role, so
-// that nothing counts it, and leaves without closing, which would remove the topic.
+// Declares a topic as the tool does before it writes one: it opens it in no role, so that nothing
+// counts it, and does not close it, which would remove the topic.
 inline void declare_by_name(const std::string &topic)
 {
     ChildProcess tool([&topic](Channel &) {

@@ -17,11 +17,11 @@ class UnixSocket {
     UnixSocket &operator=(UnixSocket &&other) noexcept;
     ~UnixSocket();
 
-    // A listening socket at a path, whose directories are made when missing.
+    // Gives a listening socket at a path, whose directories are made when missing.
     static UnixSocket listening(const std::string &path, int backlog = 32);
-    // A connection to the socket at a path; not open when refused.
+    // Gives a connection to the socket at a path; not open when refused.
     static UnixSocket connected(const std::string &path);
-    // The socket file of an endpoint that is gone: bound, then closed.
+    // Leaves the socket file of an endpoint that is gone: one that was bound and then closed.
     static void leave_dead_file(const std::string &path);
 
     bool is_open() const
@@ -33,15 +33,15 @@ class UnixSocket {
         return fd_;
     }
 
-    // The next connection; not open when none arrives within the deadline.
+    // Gives the next connection; not open when none arrives within the deadline.
     UnixSocket accept(std::chrono::milliseconds deadline = kDeadline) const;
-    // Sends all the bytes without waiting; false when they do not go out whole.
+    // Sends all the bytes without waiting. False when they do not go out whole.
     bool send(const std::string &bytes) const;
-    // The next `count` bytes; fewer when the other side closes or the deadline passes first.
+    // Gives the next `count` bytes; fewer when the other side closes or the deadline passes first.
     std::string recv(std::size_t count, std::chrono::milliseconds deadline = kDeadline) const;
-    // Whether the other side closes, with nothing left to read, within the deadline.
+    // Says whether the other side closes, with nothing left to read, within the deadline.
     bool is_closed_by_peer(std::chrono::milliseconds deadline = kDeadline) const;
-    // Whether something can be read, or the other side closes, within the deadline.
+    // Says whether something can be read, or the other side closes, within the deadline.
     bool is_readable(std::chrono::milliseconds deadline = kDeadline) const;
     void close();
 
