@@ -23,7 +23,7 @@ constexpr int kTopics = 3000;
 constexpr int kMuch = 30'000; // bytes, of the 64 KiB that fit into a pipe
 
 // `kp` with its standard output in a pipe, or in a socket, that is read only when a test says so.
-class UnreadKp {
+class UnreadKp : public OwnProcess {
   public:
     enum class Through { pipe, nonblocking_pipe, socket };
 
@@ -37,48 +37,28 @@ class UnreadKp {
         if (through == Through::nonblocking_pipe)
             (void)fcntl(ends[1], F_SETFL, O_NONBLOCK);
         read_end_ = ends[0];
-        pid_ = fork();
-        if (pid_ == 0)
-            become_kp(std::move(arguments), ends[1]);
+        start([&] { become_kp(std::move(arguments), ends[1]); });
         (void)close(ends[1]);
     }
-    UnreadKp(const UnreadKp &) = delete;
-    UnreadKp &operator=(const UnreadKp &) = delete;
     ~UnreadKp()
     {
         (void)close(read_end_);
-        if (status_)
-            return;
-        (void)::kill(pid_, SIGKILL);
-        (void)waitpid(pid_, nullptr, 0);
     }
 
-    void signal(int number) const
-    {
-        (void)::kill(pid_, number);
-    }
     bool has_printed() const
     {
         return kptest::wait_until([this] { return waiting_bytes() > 0; });
     }
-    // Whether it sleeps with output that nobody takes.
+    // Says whether it sleeps with output that nobody takes.
     bool is_stuck() const
     {
         return kptest::wait_until([this] {
             std::string name;
             std::string state;
-            std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
+            std::ifstream file("/proc/" + std::to_string(pid()) + "/stat");
             file >> name >> name >> state;
             return waiting_bytes() > kMuch && state == "S";
         });
-    }
-    // As wait(2) gives it, or nothing when it does not end.
-    std::optional<int> status()
-    {
-        int status = 0;
-        if (kptest::wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }))
-            status_ = status;
-        return status_;
     }
     std::string read_all() const
     {
@@ -98,7 +78,7 @@ class UnreadKp {
         (void)ioctl(read_end_, FIONREAD, &waiting);
         return waiting;
     }
-    [[noreturn]] static void become_kp(std::vector<std::string> arguments, int output)
+    static void become_kp(std::vector<std::string> arguments, int output)
     {
         std::vector<char *> words = {const_cast<char *>(KP_PROGRAM)};
         for (std::string &argument : arguments)
@@ -106,23 +86,15 @@ class UnreadKp {
         words.push_back(nullptr);
         (void)dup2(output, STDOUT_FILENO);
         (void)execv(KP_PROGRAM, words.data());
-        _exit(127);
     }
 
-    pid_t pid_ = -1;
     int read_end_ = -1;
-    std::optional<int> status_;
 };
 
 void put_many()
 {
     for (int index = 0; index < kTopics; ++index)
         put_text("many/" + std::to_string(index), "a text of some length to fill a pipe");
-}
-
-bool died_of(const std::optional<int> &status, int number)
-{
-    return status && WIFSIGNALED(*status) && WTERMSIG(*status) == number;
 }
 
 long lines_of(const std::string &text)
@@ -142,7 +114,7 @@ TEST_P(StuckWatch, IsEndedByASignal)
 
     watch.signal(SIGTERM);
 
-    EXPECT_TRUE(died_of(watch.status(), SIGTERM));
+    EXPECT_TRUE(watch.dies_of(SIGTERM));
 }
 
 TEST_P(StuckWatch, EndsWhenItsTimeIsOver)
@@ -183,7 +155,7 @@ TEST_P(Ended, BySignalSoThatItsCallerSeesTheSignal)
 
     watch.signal(GetParam());
 
-    EXPECT_TRUE(died_of(watch.status(), GetParam()));
+    EXPECT_TRUE(watch.dies_of(GetParam()));
 }
 
 INSTANTIATE_TEST_SUITE_P(By, Ended, testing::Values(SIGINT, SIGTERM, SIGHUP, SIGUSR1));
@@ -205,7 +177,7 @@ TEST(Ended, InARestoreLeavesNoTopicHalfMade)
         const std::string last = "/dev/shm/zu-kp/k/" + std::to_string(10 + round * 7);
         ASSERT_TRUE(kptest::wait_until([&last] { return std::filesystem::exists(last); }));
         restore.signal(SIGTERM);
-        ASSERT_TRUE(died_of(restore.status(), SIGTERM));
+        ASSERT_TRUE(restore.dies_of(SIGTERM));
         const Ran get = kp({"get", "#"});
         broken += get.err;
         without_value += lines_of(kp({"list"}).out) - lines_of(get.out);

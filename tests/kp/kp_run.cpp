@@ -1,5 +1,6 @@
 #include "kp_run.h"
 
+#include "testing/child.h"
 #include "testing/process.h"
 
 #include <algorithm>
@@ -222,14 +223,46 @@ int ignore_notice(kp_t *, const kp_write_info *, void *)
     return 0;
 }
 
+OwnProcess::~OwnProcess()
+{
+    if (status_)
+        return;
+    (void)kill(pid_, SIGKILL);
+    (void)waitpid(pid_, nullptr, 0);
+}
+
+void OwnProcess::start(const std::function<void()> &become)
+{
+    pid_ = fork();
+    if (pid_ == 0) {
+        become();
+        _exit(127);
+    }
+}
+
+void OwnProcess::signal(int number) const
+{
+    (void)kill(pid_, number);
+}
+
+std::optional<int> OwnProcess::status()
+{
+    int status = 0;
+    if (!status_ && wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }))
+        status_ = status;
+    return status_;
+}
+
+bool OwnProcess::dies_of(int number)
+{
+    const auto ended = status();
+    return ended && WIFSIGNALED(*ended) && WTERMSIG(*ended) == number;
+}
+
 uid_t other_user()
 {
-    const pid_t pid = fork();
-    if (pid == 0)
-        _exit(setgid(kNobody) == 0 && setuid(kNobody) == 0 ? 0 : 1);
-    int status = 1;
-    (void)waitpid(pid, &status, 0);
-    return status == 0 ? kNobody : 0;
+    const auto become_nobody = [] { return setgid(kNobody) == 0 && setuid(kNobody) == 0; };
+    return status_of_child(become_nobody) == 0 ? kNobody : 0;
 }
 
 } // namespace kptest

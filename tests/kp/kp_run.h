@@ -1,10 +1,11 @@
-// Running `kp` as a process, and the topics that its tests look at.
+// Runs `kp` as a process, and writes the topics that its tests look at.
 #pragma once
 
 #include "kp.h"
 #include "testing/bytes.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -21,28 +22,29 @@ struct Ran {
 struct RunOptions {
     std::string input = {};
     std::vector<std::string> environment = {}; // "NAME=value", beside a plain locale
-    uid_t uid = 0;                             // 0: as the test itself
+    uid_t uid = 0;                             // 0 stands for the user of the test
     std::string output_file = {};              // instead of the pipe
-    std::size_t close_output_after = 0;        // bytes after which the reader goes away; 0: never
+    std::size_t close_output_after = 0;        // bytes after which the reader goes; 0: never
 };
 
 Ran run_program(const std::vector<std::string> &command, const RunOptions &options = {});
 
-// `kp` with these arguments.
+// Runs `kp` with these arguments.
 Ran kp(const std::vector<std::string> &arguments, const RunOptions &options = {});
 
-// What `doctor -j` found but for notes, a line each: `keys` are put into "\(.level) KEYS". It
-// leaves out who is short of inotify instances, since these are the whole machine's, of the tests
-// that run beside too.
+// Gives what `doctor -j` found, in one line for each finding: `keys` are put into "\(.level) KEYS".
+// It leaves out notes, and processes that are short of inotify instances, since the whole machine
+// shares these and tests run beside.
 std::string findings_of(const Ran &doctor, const std::string &keys);
 
-// What a program prints that reads `input`; its code and messages are checked to be clean.
+// Gives what a program prints that reads `input`. Fails when the program fails or complains.
 std::string filtered(const std::string &input, const std::vector<std::string> &command);
 
 // A time that never passes while a test runs, so that what is printed of it stays the same.
 constexpr uint64_t kFutureUs = 4'102'444'800'123'456; // 2100-01-01T00:00:00.123456Z
 
-// A process as the tool shows it, by number and program. An emulated one has the emulator's name.
+// Gives a process as the tool shows it, by number and program. One that is emulated has the name of
+// the emulator.
 std::string shown(pid_t pid);
 
 // Writes a topic by an instant write, with quality 1 and kFutureUs as both of its times.
@@ -50,14 +52,41 @@ void put(const std::string &topic, uint32_t type, const std::string &bytes);
 void put_double(const std::string &topic, double value);
 void put_text(const std::string &topic, const std::string &text);
 
-// Every file and directory of the store with its bytes, mode, size and times of change, and what
-// lies in /run/providers.
+// Gives every file and directory of the store with its bytes, mode, size and times of change, and
+// what lies in /run/providers.
 std::string store_picture();
 
 // A change callback for handles whose notices do not matter.
 int ignore_notice(kp_t *handle, const kp_write_info *notice, void *user_data);
 
-// A user without rights; 0 when this test cannot become one.
+// A process of the test's own. If it still runs when the object ends, it is killed.
+class OwnProcess {
+  public:
+    OwnProcess(const OwnProcess &) = delete;
+    OwnProcess &operator=(const OwnProcess &) = delete;
+
+    void signal(int number) const;
+    // Gives the status as wait(2) does, or nothing when the process does not end.
+    std::optional<int> status();
+    bool dies_of(int number);
+
+  protected:
+    OwnProcess() = default;
+    ~OwnProcess();
+
+    // Forks. In the child `become` executes a program.
+    void start(const std::function<void()> &become);
+    pid_t pid() const
+    {
+        return pid_;
+    }
+
+  private:
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+};
+
+// Gives a user without rights; 0 when this test cannot become one.
 uid_t other_user();
 
 } // namespace kptest

@@ -23,53 +23,33 @@ using namespace kptest;
 namespace {
 
 // `kp top` in a terminal of this size, of which nothing is read unless a test does it.
-class HeldTop {
+class HeldTop : public OwnProcess {
   public:
     explicit HeldTop(unsigned short rows, unsigned short columns)
     {
         const winsize size{rows, columns, 0, 0};
         (void)openpty(&master_, &terminal_, nullptr, nullptr, &size);
         (void)tcgetattr(terminal_, &before_);
-        pid_ = fork();
-        if (pid_ == 0)
-            become_top();
+        start([this] { become_top(); });
     }
-    HeldTop(const HeldTop &) = delete;
-    HeldTop &operator=(const HeldTop &) = delete;
     ~HeldTop()
     {
         (void)close(master_);
         (void)close(terminal_);
-        if (status_)
-            return;
-        (void)::kill(pid_, SIGKILL);
-        (void)waitpid(pid_, nullptr, 0);
     }
 
-    void signal(int number) const
-    {
-        (void)::kill(pid_, number);
-    }
     void type(const std::string &keys) const
     {
         EXPECT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     }
-    // Whether it sleeps in a write that the terminal does not take.
+    // Says whether it sleeps in a write that the terminal does not take.
     bool is_stuck() const
     {
         return wait_until([this] {
             int number = -1;
-            std::ifstream("/proc/" + std::to_string(pid_) + "/syscall") >> number;
+            std::ifstream("/proc/" + std::to_string(pid()) + "/syscall") >> number;
             return number == SYS_write;
         });
-    }
-    // As wait(2) gives it, or nothing when it does not end.
-    std::optional<int> status()
-    {
-        int status = 0;
-        if (wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }))
-            status_ = status;
-        return status_;
     }
     // Takes what there is, until `text` was among it.
     bool prints(const std::string &text)
@@ -91,28 +71,20 @@ class HeldTop {
     }
 
   private:
-    [[noreturn]] void become_top() const
+    void become_top() const
     {
         (void)setenv("TERM", "xterm", 1);
         (void)setenv("LC_ALL", "C.UTF-8", 1);
         (void)close(master_);
         (void)login_tty(terminal_);
         (void)execl(KP_PROGRAM, KP_PROGRAM, "top", "--delay", "0.05", nullptr);
-        _exit(127);
     }
 
     int master_ = -1;
     int terminal_ = -1;
     termios before_{};
-    pid_t pid_ = -1;
-    std::optional<int> status_;
     std::string taken_;
 };
-
-bool died_of(const std::optional<int> &status, int number)
-{
-    return status && WIFSIGNALED(*status) && WTERMSIG(*status) == number;
-}
 
 // More than the 64 KiB or so that a terminal keeps for a reader that does not come.
 void put_a_screenful()
@@ -136,7 +108,7 @@ TEST_P(KpTopUnread, EndsByASignalAllTheSame)
 
     top.signal(GetParam());
 
-    EXPECT_TRUE(died_of(top.status(), GetParam()));
+    EXPECT_TRUE(top.dies_of(GetParam()));
     EXPECT_TRUE(top.has_its_modes_back());
     EXPECT_TRUE(top.prints(kLeavesFullScreen));
 }
@@ -151,7 +123,7 @@ TEST(KpTopInItsTerminal, EndsByTheKeyForIt)
 
     top.type("\x03");
 
-    EXPECT_TRUE(died_of(top.status(), SIGINT));
+    EXPECT_TRUE(top.dies_of(SIGINT));
     EXPECT_TRUE(top.has_its_modes_back());
 }
 
