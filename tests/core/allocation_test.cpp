@@ -1,5 +1,5 @@
-// Every allocation failing in turn, once and from then on: whatever is reported, nothing stays
-// behind and the handle goes on working.
+// Every allocation fails in turn, once and from then on. Whatever is reported, nothing stays behind
+// and the handle goes on working.
 #include "core/mesh.h"
 
 #include <filesystem>
@@ -10,7 +10,7 @@ namespace {
 
 constexpr CallSet kAllocations{Call::malloc, Call::calloc, Call::strdup};
 
-// What a scenario must not leave behind, nor the store.
+// Neither the process nor the store may keep anything of a scenario.
 void expect_clean(const Holdings &before, long n)
 {
     EXPECT_EQ(Holdings::now(), before) << "allocation " << n;
@@ -74,7 +74,7 @@ class FailingAllocationOfAHandle : public testing::Test {
   protected:
     ~FailingAllocationOfAHandle() override
     {
-        // What failed left the handle usable.
+        // The handle is still usable.
         EXPECT_NE(kp_tag_provider_new(handle_, "p", KP_TYPE_INT8, 0, 0), nullptr);
         EXPECT_EQ(kp_sub_topic(handle_, "c"), 0);
     }

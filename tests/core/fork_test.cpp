@@ -79,7 +79,7 @@ TEST(CancelledThread, LeavesTheHandlesLockFree)
     kp_t *handle = kp_new("cancelled", nullptr);
     kp_tag_t *tag = kp_tag_consumer_new(handle, "a");
     auto *segment = static_cast<sem_t *>(static_cast<void *>(tag->shm->mem));
-    (void)sem_wait(segment); // as a killed process leaves it
+    (void)sem_wait(segment); // a killed process leaves it like this
     std::atomic<bool> destroying = false;
     std::thread destroyer([&] {
         destroying = true;

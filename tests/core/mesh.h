@@ -101,7 +101,7 @@ class Peer {
     UnixSocket listener_;
 };
 
-// Gives a connection on which the test receives what a handle sends; the handle has accepted it.
+// Makes a connection on which the test receives what a handle sends; the handle has accepted it.
 UnixSocket listen_to(kp_t *handle);
 
 // Subscribes to a pattern, which takes effect whether there is a store to scan or not.

@@ -124,7 +124,7 @@ void destroy_under_a_flood()
     const Flood flood(sender, some_notice);
     EXPECT_TRUE(recorder.wait_for(3));
 
-    // The topic announced last can still become a tag until the next notice is on its way.
+    // Until the next notice is on its way, the topic announced last can still become a tag.
     EXPECT_EQ(kp_unsub_topic(handle, "s/+"), 0);
     EXPECT_TRUE(recorder.wait_for(recorder.calls().size() + 1));
     EXPECT_EQ(kp_tags_destroy(handle), 0);
@@ -144,7 +144,7 @@ TEST(BusyHandle, IsDestroyedWhileNoticesArrive)
     EXPECT_EQ(Holdings::now(), before);
 }
 
-// How many bytes the other side has not taken yet.
+// Counts the bytes that the other side has not taken yet.
 int unread_bytes(int fd)
 {
     int count = -1;

@@ -60,7 +60,7 @@ class Follower : public Handle {
     int fd_;
 };
 
-// Gives the topics that a walk of a notice gives; each is read.
+// Gives the topics that a walk of a notice finds, and reads each.
 std::vector<std::string> read_topics(kp_t *handle, const std::string &notice)
 {
     std::vector<std::string> topics;
@@ -398,7 +398,7 @@ TEST(FollowedChanges, OfALoopThatStandsStillBlockNoProvider)
     const Handle provider("provider");
     kp_tag_t *source = kp_tag_provider_new(provider, "a", KP_TYPE_INT32, 4, 0);
     kp_tag_t *tag = kp_tag_consumer_new(consumer, "a");
-    constexpr int32_t kNotices = 2000; // what a connection holds unread is about 278
+    constexpr int32_t kNotices = 2000; // a connection holds about 278 that are unread
 
     // What is sent before the two have met reaches nobody.
     ASSERT_TRUE(wait_until([&] {

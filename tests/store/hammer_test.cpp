@@ -49,7 +49,7 @@ void go_on_at_once()
 {
 }
 
-// What one process has seen; told in a line.
+// What one process has seen. It tells this in a line.
 struct Tally {
     long orphans = 0;
     long failures = 0;

@@ -19,7 +19,7 @@ using namespace kptest;
 
 namespace {
 
-// All that an instant read gives, preset to what no test writes. Frees the value.
+// All that an instant read gives. It is preset to what no test writes, and frees the value.
 struct ReadValue {
     ReadValue() = default;
     ReadValue(const ReadValue &) = delete;

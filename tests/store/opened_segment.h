@@ -10,7 +10,7 @@
 
 namespace kptest {
 
-// What each operation says that needs what only a provider can declare.
+// What each operation logs that needs a declaration of a provider.
 inline const std::string kUndeclared =
     "shm is invalid. tag size and tag type should be set by provider.";
 
@@ -57,7 +57,7 @@ class DeclaredSegment : public OpenedSegment {
     }
 };
 
-// No descriptor is left from the construction on to the end.
+// While the object lives, the process gets no new descriptor.
 class NoDescriptorLeft {
   public:
     NoDescriptorLeft()

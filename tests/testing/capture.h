@@ -19,7 +19,7 @@ class Capture {
     Capture &operator=(const Capture &) = delete;
     ~Capture();
 
-    // Gives every thing caught so far, byte for byte.
+    // Gives everything caught so far, byte for byte.
     std::string text() const;
 
     // Gives the same without the "(123)" behind the function name of each log line.

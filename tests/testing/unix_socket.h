@@ -17,9 +17,9 @@ class UnixSocket {
     UnixSocket &operator=(UnixSocket &&other) noexcept;
     ~UnixSocket();
 
-    // Gives a listening socket at a path, whose directories are made when missing.
+    // Makes a listening socket at a path, whose directories are made when missing.
     static UnixSocket listening(const std::string &path, int backlog = 32);
-    // Gives a connection to the socket at a path; not open when refused.
+    // Makes a connection to the socket at a path; it is not open when that is refused.
     static UnixSocket connected(const std::string &path);
     // Leaves the socket file of an endpoint that is gone: one that was bound and then closed.
     static void leave_dead_file(const std::string &path);
