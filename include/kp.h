@@ -16,12 +16,11 @@
  *    that a function hands over is released with free().
  *  - A function may be called from any thread, but calls that use one handle, one tag or one
  *    segment are serialised by the application, unless the family's description allows more.
- *  - pthread_cancel() ends a thread in no call that creates, destroys, subscribes, lists, sends or
- *    works on a topic by its name: the request is obeyed behind it. Cancellation points are the
- *    reads through a tag while they wait for a writer, and all calls that write a log line on
- *    behalf of a wrong argument; they leave nothing behind. A send that waits for a peer that does
- *    not read cannot be cancelled, only ended by the peer. Asynchronous cancellation is not
- *    supported.
+ *  - pthread_cancel() ends no thread inside a call that creates, destroys, subscribes, lists, sends
+ *    or works on a topic by its name: the thread obeys the request after that call. Two kinds of
+ *    calls can be cancelled, and leave nothing behind: a read through a tag while it waits for a
+ *    writer, and a call that writes a log line about a wrong argument. Only the peer ends a send
+ *    that waits for a peer that does not read. Asynchronous cancellation is not supported.
  */
 #ifndef KP_H
 #define KP_H
@@ -61,7 +60,7 @@ enum {
     KP_TYPE_RAW = 13        /**< "raw", 1 to 4000 bytes */
 };
 
-/** What a tag is to its topic. Segments count the open handles of each role separately. */
+/** What a tag is for its topic. Segments count the open handles of each role separately. */
 enum {
     KP_ROLE_PROVIDER = 1, /**< declares type and size, writes */
     KP_ROLE_CONSUMER = 2  /**< reads */
@@ -74,7 +73,7 @@ enum {
     KP_QUALITY_KEEP = 255 /**< passed to a write: leave the stored quality as it is */
 };
 
-/** Limits. */
+/** Sizes and counts that have a limit. */
 enum {
     KP_MAX_VALUE_SIZE = 4000,    /**< bytes of the largest value */
     KP_BUCKET_COUNT = 1024,      /**< topic hashes run from 0 to 1023 */
@@ -83,7 +82,7 @@ enum {
     KP_ENDPOINT_NAME_SIZE = 128  /**< bytes of an endpoint's name, with its terminator */
 };
 
-/** First byte of every message between endpoints. */
+/** The first byte of every message between endpoints. */
 enum {
     KP_MSG_WRITE_INFO = 1, /**< a kp_write_info */
     KP_MSG_NEW_TAG = 2     /**< a kp_new_tag_info */
@@ -119,7 +118,7 @@ typedef struct kp_dict kp_dict;
 /** The change notice, as it travels: 129 bytes. */
 typedef struct kp_write_info {
     uint8_t type; /**< always #KP_MSG_WRITE_INFO */
-    /** Bucket h is bit (h & 7), counted from the least significant, of byte h >> 3. A set bit says
+    /** Bucket `h` is bit `h & 7` of byte `h >> 3`; bit 0 is the least significant. A set bit says
         that a topic of that bucket was written since the sender's last notice. */
     uint8_t bitmap[128];
 } kp_write_info;
@@ -130,7 +129,7 @@ typedef struct kp_new_tag_info {
     char topic[386]; /**< the announced topic, NUL-terminated, at most 385 characters */
 } kp_new_tag_info;
 
-/** One entry of a dictionary bucket, newest first. */
+/** One entry of a dictionary bucket. The newest entry comes first. */
 typedef struct kp_dict_entry {
     kp_tag_t *tag;              /**< not owned by the dictionary */
     struct kp_dict_entry *next; /**< null at the end of the bucket */
@@ -172,8 +171,8 @@ typedef struct kplist {
  * unsubscribe or destroy the handle, all of which would wait for itself for ever. A handle with a
  * descriptor to wait on (see kp_get_fd()) calls it no more.
  *
- * The thread blocks all signals, and a program that is executed from here inherits that: give it an
- * empty mask first, by sigprocmask() behind fork() or by posix_spawnattr_setsigmask().
+ * The thread blocks all signals, and a program that is executed from here inherits that. Give the
+ * program an empty mask first, by sigprocmask() after fork() or by posix_spawnattr_setsigmask().
  */
 typedef int (*kp_callback_t)(kp_t *handle, const kp_write_info *notice, void *user_data);
 
@@ -209,7 +208,7 @@ typedef void (*kplist_print_t)(const void *element);
  * through the tags; kp_tag_notify() and announcements reach nobody and give 0; no notice arrives.
  * kp_tags_destroy() and kp_destroy() free memory and leave the counts, the file and the socket to
  * the parent. For anything else, new tags of its own too, the child makes a handle of its own. So a
- * program that turns itself into a daemon makes its handle, and its tags, behind that. A child of
+ * program that turns itself into a daemon makes its handle and its tags after that. A child of
  * vfork(), posix_spawn() or a bare system call must not use the handle; what it executes inherits
  * no descriptor. When the callback forks and returns in the child, the child's thread ends.
  * @{
@@ -224,10 +223,11 @@ typedef void (*kplist_print_t)(const void *element);
  * "/" fails. Use a name once per device. `callback` may be null: change notices are then dropped,
  * announced topics still followed.
  *
- * Reads `KP_XLOG_USER_LEVEL` and sets the process's log level when the variable is set. Waits 10 ms
- * for peers that start at the same moment, about 3 s for every dead socket file that it finds,
- * which it removes, as long for one that it may not connect to, which it leaves, and about 6 s for
- * a stopped peer that takes no more connections. Peers that appear later are connected in the
+ * Reads `KP_XLOG_USER_LEVEL` and sets the process's log level when the variable is set.
+ *
+ * Waits 10 ms for peers that start at the same moment. A dead socket file costs about 3 s more and
+ * is removed. A socket that it may not connect to costs as much and stays. A stopped peer that
+ * takes no more connections costs about 6 s. Peers that appear later are connected in the
  * background, as soon as they answer.
  *
  * Others need a moment to connect to a new handle: what is announced or notified before that does
@@ -262,7 +262,8 @@ KP_API void *kp_get_user_data(kp_t *handle);
  */
 KP_API kp_dict_entry *kp_lookup_head(kp_t *handle, uint32_t bucket);
 
-/** Returns the handle's newest tag with exactly this topic, or null. */
+/** Returns the handle's newest tag with exactly this topic; null when there is none, or for a null
+    argument. */
 KP_API kp_tag_t *kp_get_tag(kp_t *handle, const char *topic);
 
 /**
@@ -330,14 +331,14 @@ KP_API int32_t kp_get_fd(kp_t *handle);
 KP_API int32_t kp_take_notice(kp_t *handle, kp_write_info *notice);
 
 /**
- * Switches on (nonzero) or off the announcement of new provider tags to all peers, whose handles
- * then follow the topic when one of their patterns covers it. Initially off. Returns 0. An
- * announcement reaches only those that are connected already: see kp_new() for the pause before the
- * first tag.
+ * Switches the announcement of new provider tags on (nonzero) or off; it is off in a new handle.
+ * The handle of a peer follows an announced topic when one of its patterns covers it. An
+ * announcement reaches only the peers that are connected already: see kp_new() for the pause before
+ * the first tag. Returns 0, or -1 for a null handle.
  */
 KP_API int32_t kp_set_new_tag_notify(kp_t *handle, uint8_t enable);
 
-/** Returns 1 when new provider tags are announced, else 0. */
+/** Returns 1 when new provider tags are announced, else 0; 0 for a null handle. */
 KP_API int32_t kp_is_new_tag_notify_enabled(kp_t *handle);
 
 /**
@@ -364,16 +365,16 @@ KP_API void kp_dump_dict(kp_t *handle);
  * A topic is a relative path: levels of 1 to 255 bytes separated by "/". A level ".." is refused
  * with "topic is invalid", and so is a path through a link among the store's directories that is
  * neither root's nor the effective user's. A topic cannot be both a value and the beginning of
- * another one: a and a/b exclude each other.
+ * another one: `a` and `a/b` exclude each other.
  *
  * Empty levels vanish from the file's path, and from a topic that is matched against a pattern, but
- * not from the name: a//b and a/b are one value with two names, whose hashes differ. A consumer of
- * one never hears of writes by a provider of the other. Spell a topic the same everywhere, without
- * empty levels.
+ * not from the name: `a//b` and `a/b` are one value with two names, whose hashes differ. A consumer
+ * of one never hears of writes by a provider of the other. Spell a topic the same everywhere,
+ * without empty levels.
  *
- * The two counts of open tags hold 255 of a role; the 256th makes a count 0. If then the last tag
- * of the other role is closed, the file is removed under all that are open, and who opens the topic
- * afterwards gets a new one: a split topic. Keep well below that number.
+ * Each of the two counts of open tags goes up to 255; the 256th tag of a role makes its count 0. If
+ * the last tag of the other role is closed then, the file is removed although tags are open, and
+ * who opens the topic afterwards gets a new file: the topic is split. Keep well below that number.
  * @{
  */
 
@@ -407,7 +408,7 @@ KP_API int32_t kp_tag_destroy(kp_t *handle, kp_tag_t *tag);
 /** Destroys every tag of the handle. Returns 0, or -1 for a null handle. */
 KP_API int32_t kp_tags_destroy(kp_t *handle);
 
-/** Not supported on Linux: logs so at level FATAL and returns -1, always. */
+/** Is not supported on Linux: logs this at level FATAL and always returns -1. */
 KP_API int32_t kp_tag_set_read_callback(kp_tag_t *tag, kp_read_callback_t callback);
 
 /** Stores a pointer for the application. Returns 0, or -1 (with no message) for a null tag. */
@@ -448,7 +449,7 @@ KP_API int32_t kp_tag_write(kp_t *handle, kp_tag_t *tag, const void *value, uint
 /**
  * Writes a value with the caller's time, which must not be 0, as timestamp and source timestamp,
  * and quality 1. `size` must equal the size of a fixed-size type and is not capped. Returns the
- * bytes written, or -1; a time of 0 fails without a message.
+ * bytes written, or -1. A time of 0 fails without a message.
  */
 KP_API int32_t kp_tag_write_with_timestamp(kp_t *handle, kp_tag_t *tag, const void *value,
                                            uint32_t size, uint64_t timestamp);
@@ -529,7 +530,8 @@ KP_API int32_t kp_tag_instant_read(const char *topic, void **value, uint32_t *va
                                    uint32_t *size, uint8_t *quality, uint64_t *source_ts,
                                    uint32_t *extra_info);
 
-/** Gives the timestamp of the last write (optional), declared or not. Returns 0, or -1. */
+/** Gives the timestamp of the last write (optional), whether a provider has declared the topic or
+    not. Returns 0, or -1 for a null tag. */
 KP_API int32_t kp_tag_get_last_write_timestamp(kp_tag_t *tag, uint64_t *timestamp);
 
 /** Gives the type, the bytes of the current value and the extra information, each optional.
@@ -537,15 +539,16 @@ KP_API int32_t kp_tag_get_last_write_timestamp(kp_tag_t *tag, uint64_t *timestam
 KP_API int32_t kp_tag_get_value_info(kp_tag_t *tag, uint32_t *value_type, uint32_t *size,
                                      uint32_t *extra_info);
 
-/** Does the same by topic; prints "access failed" on standard output for a missing topic. */
+/** Works like kp_tag_get_value_info() with the topic's name instead of a tag. Prints "access
+    failed" on standard output for a missing topic. */
 KP_API int32_t kp_tag_instant_get_value_info(const char *topic, uint32_t *value_type,
                                              uint32_t *size, uint32_t *extra_info);
 
 /** Gives the declared maximum size. Returns 0, or -1 for a null argument or an undeclared topic. */
 KP_API int32_t kp_tag_get_max_value_size(kp_tag_t *tag, uint32_t *max_value_size);
 
-/** Does the same by topic (the output is optional here); prints "access failed" on standard output
-    for a missing topic. */
+/** Works like kp_tag_get_max_value_size() with the topic's name instead of a tag; the output is
+    optional here. Prints "access failed" on standard output for a missing topic. */
 KP_API int32_t kp_tag_instant_get_max_value_size(const char *topic, uint32_t *max_value_size);
 
 /**
@@ -560,7 +563,7 @@ KP_API int32_t kp_tag_get_reference_count(const char *topic, uint32_t *providers
  * Returns 1 when this tag has seen the last write, else 0; 1 for a null tag. A write counts as seen
  * when its timestamp is not later than that of the one last seen. So after the wall clock was set
  * back, or after a timestamp of the caller's own that lies ahead, new writes count as seen until
- * the clock has caught up, and the walk of a notice passes over them: kp_tag_has_changed() tells
+ * the clock has caught up, and the walk of a notice passes over them. kp_tag_has_changed() notices
  * them, and reading the tag once makes the next write count as new again.
  */
 KP_API int32_t kp_tag_has_read(kp_tag_t *tag);
@@ -570,14 +573,14 @@ KP_API int32_t kp_tag_need_read(kp_tag_t *tag);
 
 /**
  * Returns 1 when the timestamp of the last write is another one than that of this tag's own last
- * read or write, earlier or later, else 0; 0 for a null tag. Whatever the clock did meanwhile, a
- * new write is told, unless it carries the very timestamp of the one before. A tag that has neither
- * read nor written tells 1 for any topic that was there before it, also when it was never written:
- * read it once.
+ * read or write, earlier or later, else 0; 0 for a null tag. So it notices a new write whatever the
+ * clock did meanwhile, unless the write carries the very timestamp of the one before. A tag that
+ * has neither read nor written gives 1 for any topic that was there before it, even one that was
+ * never written: read it once.
  */
 KP_API int32_t kp_tag_has_changed(kp_tag_t *tag);
 
-/** Returns 1 when a value was written since the topic was declared, else 0. */
+/** Returns 1 when a value was written since the topic was declared, else 0; 0 for a null tag. */
 KP_API int32_t kp_tag_has_value(kp_tag_t *tag);
 
 /** Returns the wall clock in microseconds since the Unix epoch. */
@@ -587,9 +590,9 @@ KP_API uint64_t kp_get_timestamp_us(void);
 
 /**
  * @defgroup kp_topic Topics
- * Subscribing to topics and patterns, and publishing by name. In a pattern the level "+" stands for
- * any one level and "#" for one or more remaining levels: a/+/c covers a/b/c, a/# covers a/b and
- * a/b/c but not a. Only the first character of a level is looked at, so +x is a "+".
+ * Subscribing to topics and patterns, and publishing by name. In a pattern the level `+` stands for
+ * any one level, and `#` for one or more remaining levels: `a/+/c` covers `a/b/c`, and `a/#` covers
+ * `a/b` and `a/b/c` but not `a`. Only the first character of a level counts, so `+x` means `+`.
  *
  * None of these functions may be called from the change callback.
  * @{
@@ -600,10 +603,10 @@ KP_API uint64_t kp_get_timestamp_us(void);
  * every covered topic that a provider announces later. What was written since the process's first
  * subscription counts as not yet read.
  *
- * What an earlier pattern covers already is not recorded again; a "+" covers a "#" in its place, so
- * subscribe a/# before a/+. Returns 0 (also for a null handle),
- * or -1 for a null topic, a tag that cannot be made, or a store that cannot be listed; a pattern
- * stays subscribed all the same.
+ * What an earlier pattern covers already is not recorded again. A `+` of an earlier pattern covers
+ * a `#` in its place, so subscribe to `a/#` before `a/+`. Returns 0 (also for a null handle), or -1
+ * for a null topic, a tag that cannot be made, or a store that cannot be listed. A pattern stays
+ * subscribed even then.
  */
 KP_API int32_t kp_sub_topic(kp_t *handle, const char *topic);
 
@@ -638,7 +641,7 @@ KP_API int32_t kp_unsub_topic(kp_t *handle, const char *topic);
 KP_API int32_t kp_pub_topic(kp_t *handle, const char *topic, const void *value, uint32_t value_size,
                             uint32_t value_type, uint64_t source_ts);
 
-/** Does the same and then sends the handle's change notice. */
+/** Works like kp_pub_topic() and, when that succeeds, sends the handle's change notice. */
 KP_API int32_t kp_pub_topic_instant(kp_t *handle, const char *topic, const void *value,
                                     uint32_t value_size, uint32_t value_type, uint64_t source_ts);
 
@@ -701,14 +704,16 @@ KP_API int32_t kp_shm_write(kp_shm_t *shm, const void *value, uint32_t size, uin
 KP_API int32_t kp_shm_read(kp_shm_t *shm, void *buffer, uint32_t buffer_size, uint64_t *timestamp,
                            uint8_t *quality, uint64_t *source_ts);
 
-/** Gives type, bytes of the value and extra information, each optional. Returns 0, or -1. */
+/** Gives the type, the bytes of the current value and the extra information, each optional.
+    Returns 0, or -1 for a null segment or an undeclared topic. */
 KP_API int32_t kp_shm_get_read_info(kp_shm_t *shm, uint32_t *value_type, uint32_t *size,
                                     uint32_t *extra_info);
 
-/** Gives the declared maximum size. Returns 0, or -1. */
+/** Gives the declared maximum size. Returns 0, or -1 for a null argument or an undeclared topic. */
 KP_API int32_t kp_shm_get_max_value_size(kp_shm_t *shm, uint32_t *max_value_size);
 
-/** Gives the timestamp of the last write (optional), declared or not. Returns 0, or -1. */
+/** Gives the timestamp of the last write (optional), whether a provider has declared the topic or
+    not. Returns 0, or -1 for a null segment. */
 KP_API int32_t kp_shm_get_last_write_timestamp(kp_shm_t *shm, uint64_t *timestamp);
 
 /** Returns 1 when this segment handle has seen the last write, else 0; 1 for null. */
@@ -731,14 +736,17 @@ KP_API int32_t kp_shm_instant_write(const char *topic, const void *value, uint32
                                     uint32_t size, uint64_t timestamp, uint8_t quality,
                                     uint64_t source_ts, uint32_t extra_info);
 
-/** Gives type, bytes of the value and extra information, each optional. Returns 0, or -1. */
+/** Gives the type, the bytes of the current value and the extra information, each optional.
+    Returns 0, or -1 for a null, missing or undeclared topic. */
 KP_API int32_t kp_shm_instant_get_value_info(const char *topic, uint32_t *value_type,
                                              uint32_t *size, uint32_t *extra_info);
 
-/** Gives the declared maximum size (optional). Returns 0, or -1. */
+/** Gives the declared maximum size (optional). Returns 0, or -1 for a null, missing or undeclared
+    topic. */
 KP_API int32_t kp_shm_instant_get_max_value_size(const char *topic, uint32_t *max_value_size);
 
-/** Gives the counts of open providers and consumers, each optional. Returns 0, or -1. */
+/** Gives the counts of open providers and consumers, each optional. Returns 0, or -1 for a null,
+    missing or undeclared topic. */
 KP_API int32_t kp_shm_get_reference_count(const char *topic, uint32_t *providers,
                                           uint32_t *consumers);
 
@@ -789,8 +797,8 @@ KP_API void kp_notify_set_callback(kp_notify_t *endpoint, kp_notify_cb_t callbac
  * owns its elements; the caller says how to free them. Only kplist_add(), kplist_append(), their
  * `_int` variants, kplist_remove_free() and kplist_free() take the lock themselves. Around the
  * others a caller that shares the list uses kplist_lock() and kplist_unlock(), and while it holds
- * the lock must not call one that takes it. All but kplist_remove_free()'s callbacks may be null
- * where it says so; a null list is empty.
+ * the lock must not call one that takes it. A callback may be null only where its function says so.
+ * A null list counts as an empty one.
  * @{
  */
 
@@ -807,10 +815,12 @@ KP_API int32_t kplist_add(kplist *list, void *element);
     nothing. */
 KP_API int32_t kplist_append(kplist *list, void *element);
 
-/** Inserts a new heap block that holds `value` at the head; the caller frees it as an element. */
+/** Inserts a new heap block that holds `value` at the head; the caller frees it as an element.
+    Returns 0, always; out of memory inserts nothing. */
 KP_API int32_t kplist_add_int(kplist *list, uint32_t value);
 
-/** Inserts a new heap block that holds `value` at the tail; the caller frees it as an element. */
+/** Inserts a new heap block that holds `value` at the tail; the caller frees it as an element.
+    Returns 0, always; out of memory inserts nothing. */
 KP_API int32_t kplist_append_int(kplist *list, uint32_t value);
 
 /** Returns the first element that matches `key`, or null. */
@@ -827,7 +837,8 @@ KP_API void *kplist_remove(kplist *list, kplist_compare_t compare, const void *k
 KP_API void kplist_remove_free(kplist *list, kplist_compare_t compare, const void *key,
                                kplist_free_t free_element);
 
-/** Frees the list and, with a non-null `free_element`, its elements. */
+/** Frees the list, and its elements unless `free_element` is null. No thread may use the list any
+    more. */
 KP_API void kplist_free(kplist *list, kplist_free_t free_element);
 
 /** Prints the elements on standard error between a START and an END line with `name`. */

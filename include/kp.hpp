@@ -3,18 +3,21 @@
  * Tags in C++: typed providers and consumers, changes on the application's own thread.
  *
  * One header over kp.h, C++17 and later, with or without exceptions and RTTI. Nothing more is to be
- * linked. docs/cpp.md shows it in use.
+ * linked. docs/cpp.md shows it in use. It stays one file although it is long: users include it and
+ * copy it as one, and its templates all need what stands above them. A line of dashes begins each
+ * of its sections.
  *
  * Conventions:
- *  - Constructors throw kp::Failure; their static `open` gives a kp::Result instead, with and
- *    without exceptions. Everything else gives a Result, or cannot fail.
+ *  - Constructors throw kp::Failure. The static function `open` beside each of them gives a
+ *    kp::Result instead, with and without exceptions. Everything else gives a Result, or cannot
+ *    fail.
  *  - Owners (Node, Provider, Consumer, Change) are moved, not copied. They may be destroyed in any
  *    order: an owner that outlives its node answers every call with the error Reason::closed. So
  *    does one that was moved from.
  *  - A node, its providers and its consumers are used by one thread at a time. No code of the
  *    application runs on the library's threads.
  *  - Times are std::chrono time points of the system clock, in microseconds.
- *  - Reading and writing of types of fixed size, of structures and of views allocate nothing.
+ *  - Reading and writing allocate nothing for types of fixed size, structures and views.
  */
 #ifndef KP_HPP
 #define KP_HPP
@@ -124,7 +127,7 @@ enum class Type : std::uint32_t {
     raw = KP_TYPE_RAW
 };
 
-/** The type's name, such as "int32"; "?" for a code that is none. */
+/** Gives the type's name, such as "int32"; "?" for a code that no type has. */
 inline const char *name(Type type) noexcept
 {
     const char *text = kp_type2str(static_cast<std::uint32_t>(type));
@@ -134,7 +137,7 @@ inline const char *name(Type type) noexcept
 /** The value of a "bytearray". */
 using Bytes = std::vector<std::byte>;
 
-/** The value of a "raw", whose bytes are a structure as a rule. */
+/** The value of a "raw". Its bytes are usually those of a structure. */
 struct Raw {
     Bytes bytes;
 
@@ -162,7 +165,7 @@ template <class T> struct Sample {
     {
     }
 
-    /** Whether the quality is 1, which a plain write stores. */
+    /** Says whether the quality is 1, which a plain write stores. */
     bool good() const noexcept
     {
         return quality == KP_QUALITY_GOOD;
@@ -187,12 +190,12 @@ enum class Reason : std::uint8_t {
 /** What the library reported, and what is known about it. A plain record that allocates nothing. */
 struct Error {
     Reason reason = Reason::system;
-    Type expected = Type::raw;
-    Type found = Type::raw;
+    Type expected = Type::raw;          /**< what was asked for, of wrong_type */
+    Type found = Type::raw;             /**< what the topic has, of wrong_type */
     int system_error = 0;               /**< errno, or 0 */
     const char *function = "";          /**< the function of kp.h that failed, if one was called */
-    std::uint32_t size = 0;             /**< bytes */
-    std::uint32_t most = 0;             /**< bytes */
+    std::uint32_t size = 0;             /**< bytes that there are */
+    std::uint32_t most = 0;             /**< bytes that there may be */
     std::array<char, 104> subject_text; /**< see subject() */
 
     Error(Reason why, std::string_view about) noexcept : reason(why)
@@ -207,13 +210,14 @@ struct Error {
         subject_text[mark.size() + kept.size()] = '\0';
     }
 
-    /** The topic, or the name of the node; the end of one that is longer than 103 bytes. */
+    /** Gives the topic, or the name of the node. Of one longer than 103 bytes it gives the end,
+        behind "...". The pointer lives as long as the error. */
     const char *subject() const noexcept
     {
         return subject_text.data();
     }
 
-    /** A line for people, such as "plant/valve is int32, not double". */
+    /** Gives a line for people, such as "plant/valve is int32, not double". */
     std::string message() const
     {
         const std::string about = subject();
@@ -244,7 +248,7 @@ struct Error {
 };
 
 #if KP_HPP_HAS_EXCEPTIONS
-/** What constructors throw. */
+/** What constructors throw; what() gives the error's message. */
 class Failure : public std::runtime_error {
   public:
     explicit Failure(const Error &error) : std::runtime_error(error.message()), error_(error)
@@ -266,7 +270,7 @@ class Failure : public std::runtime_error {
 template <class T> using Result = std::expected<T, Error>;
 /** An Error on its way into a Result. */
 using Unexpected = std::unexpected<Error>;
-/** What value() throws when there is none. */
+/** What value() throws when there is no value. */
 using BadResultAccess = std::bad_expected_access<Error>;
 
 #else
@@ -287,7 +291,8 @@ class Unexpected {
 };
 
 #if KP_HPP_HAS_EXCEPTIONS
-/** What value() throws when there is none. */
+/** What value() throws when there is no value. Without exceptions value() prints the error on
+    standard error instead and aborts. */
 class BadResultAccess : public std::exception {
   public:
     explicit BadResultAccess(const Error &error) : text_(error.message()), error_(error)
@@ -372,7 +377,7 @@ template <class Self, class F> auto or_else(Self &&result, F &&function)
         return Next(*std::forward<Self>(result));
 }
 
-// What all results have, whether they hold a value or not.
+// The part of a result that does not depend on the type of its value.
 template <class Stored> class ResultBase {
   public:
     using error_type = Error;
@@ -386,7 +391,7 @@ template <class Stored> class ResultBase {
     {
         return has_value();
     }
-    /** Only when there is no value. */
+    /** Gives the error. May be called only when there is no value. */
     const Error &error() const noexcept
     {
         return *std::get_if<1>(&state_);
@@ -406,7 +411,8 @@ template <class Stored> class ResultBase {
 
 } // namespace detail
 
-/** A value or an Error, with the interface of std::expected<T, Error>. */
+/** A value or an Error, with the interface of std::expected<T, Error>. As there, `*` and `->` may
+    be used only when there is a value, and value() checks that there is one. */
 template <class T> class Result : public detail::ResultBase<T> {
     using Base = detail::ResultBase<T>;
 
@@ -555,7 +561,7 @@ template <class T> inline constexpr bool always_false = false;
 
 // How a C++ type is stored.
 enum class Form {
-    none,  // not at all
+    none,  // it cannot be stored
     fixed, // a number or a boolean
     text,  // characters, owned or as a view
     bytes, // bytes, owned or as a view
@@ -635,7 +641,7 @@ template <class T> constexpr Type type_of()
                                 : Type::uint64;
 }
 
-// The one place that says what a T may be.
+// Says why a T cannot be stored. This is the one place with these messages.
 template <class T> constexpr void require_type()
 {
     static_assert(!std::is_pointer_v<T> ||
@@ -673,7 +679,7 @@ inline std::uint64_t microseconds(TimePoint time) noexcept
     return static_cast<std::uint64_t>(time.time_since_epoch().count());
 }
 
-// A value of a type of fixed size, from its bytes.
+// Makes a value of a type of fixed size from its bytes.
 template <class T> T from_bytes(const void *bytes) noexcept
 {
     if constexpr (std::is_same_v<typename Plain<T>::type, bool>) {
@@ -691,8 +697,8 @@ template <class T> T from_bytes(const void *bytes) noexcept
 } // namespace detail
 
 /**
- * A value of any of the fourteen types, for patterns and generic tools. A std::variant whose index
- * is the type's code.
+ * A value of any of the fourteen types, for patterns and generic tools. It is a std::variant whose
+ * index is the type's code.
  */
 class Value : public std::variant<bool, std::int8_t, std::int16_t, std::int32_t, std::int64_t,
                                   std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t, float,
@@ -708,13 +714,14 @@ class Value : public std::variant<bool, std::int8_t, std::int16_t, std::int32_t,
         return static_cast<Type>(index());
     }
 
-    /** The same as a plain std::variant. */
+    /** Gives the same value as a plain std::variant. */
     const Variant &variant() const noexcept
     {
         return *this;
     }
 
-    /** The value as a T, when it is of the type that a Consumer<T> reads. */
+    /** Gives the value as a T when it has the type that a Consumer<T> reads. The errors are
+        wrong_type, and wrong_size for a structure; `topic` is what they name. */
     template <class T> Result<T> as(std::string_view topic = "the value") const;
 };
 
@@ -744,7 +751,7 @@ template <class Stream, class T> void print(Stream &stream, const T &value)
         stream << value;
 }
 
-// The value of a type from its bytes, of which there are as many as the type has.
+// Makes a value of a type from its bytes. There must be as many as the type has.
 inline Value value_of(Type type, const std::byte *bytes, std::size_t size)
 {
     switch (type) {
@@ -828,7 +835,7 @@ class OwnedTag;
 // What a node knows about one of its tags. The tag's user data leads here.
 struct Link {
     kp_tag_t *tag = nullptr;
-    OwnedTag *owner = nullptr; // of a provider or consumer; none of a tag that is only subscribed
+    OwnedTag *owner = nullptr; // a provider's or consumer's; null when it is only subscribed
     Link *next = nullptr;
     Link *previous = nullptr;
     std::uint64_t listed = 0;  // the timestamp that take() last listed
@@ -837,8 +844,8 @@ struct Link {
     bool is_provider = false;
 };
 
-// A provider's or consumer's hold on its tag, with what reading and writing need at hand. All of it
-// is null once the node is destroyed or the owner was moved from.
+// A provider's or consumer's hold on its tag, and what reading and writing need. All of it is null
+// once the node is destroyed or the owner was moved from.
 class OwnedTag {
   public:
     kp_t *handle = nullptr;
@@ -902,7 +909,7 @@ class OwnedTag {
     Link *link_ = nullptr;
 };
 
-// Hands out the levels of a topic or pattern; an empty one stands for the end.
+// Takes the next level from the front of a topic or pattern; an empty one stands for the end.
 inline std::string_view next_level(std::string_view &rest) noexcept
 {
     while (!rest.empty() && rest.front() == '/')
@@ -912,7 +919,7 @@ inline std::string_view next_level(std::string_view &rest) noexcept
     return level;
 }
 
-// Whether a subscription covers a topic, by the rules of kp_sub_topic().
+// Says whether a subscription covers a topic, by the rules of kp_sub_topic().
 inline bool covers(std::string_view pattern, std::string_view topic) noexcept
 {
     for (;;) {
@@ -959,7 +966,8 @@ inline bool is_pattern(std::string_view text) noexcept
     return error;
 }
 
-// Why a read gave `got` bytes, or -1, where `wanted` bytes of a type were expected (0: any number).
+// Says why a read gave `got` bytes, or -1, although `wanted` bytes of a type were expected. If
+// `wanted` is 0, any number was.
 [[gnu::cold, gnu::noinline]] inline Error read_failure(kp_tag_t *tag, Type expected,
                                                        std::int32_t got, std::size_t wanted)
 {
@@ -999,7 +1007,7 @@ inline bool is_pattern(std::string_view text) noexcept
     return system_failure(topic, function, 0);
 }
 
-// Whether the topic has this type now; remembers with which write it was looked at.
+// Says whether the topic has this type now, and remembers which write it has looked at.
 inline bool verify_type(OwnedTag &owned, Type expected, std::uint64_t timestamp) noexcept
 {
     std::uint32_t found = 0;
@@ -1019,7 +1027,7 @@ inline std::uint64_t *microseconds_of(TimePoint &time) noexcept
     return reinterpret_cast<std::uint64_t *>(&time);
 }
 
-// Reads into a buffer, and what belongs to the value into the sample.
+// Reads the value into a buffer, and what belongs to it into the sample.
 template <class T>
 std::int32_t read_consistent(kp_tag_t *tag, void *buffer, std::uint32_t room,
                              Sample<T> &sample) noexcept
@@ -1038,15 +1046,15 @@ std::int32_t read_plain(kp_tag_t *tag, void *buffer, std::uint32_t room, Sample<
                                           microseconds_of(sample.source_time));
 }
 
-// What is behind a node, shared with the ranges over its changes. Everything in it is the node's
-// thread's.
+// What stands behind a node. The ranges over its changes share it. Only the node's thread uses it.
 struct State {
     kp_t *handle = nullptr;
     int fd = -1;
     Link *links = nullptr;
-    std::vector<std::string> subscriptions;      // in force
-    std::vector<std::string> library_patterns;   // that the handle follows; only a handle's end or
-                                                 // the end of all its tags takes one back
+    std::vector<std::string> subscriptions; // those in force
+    // The patterns that the handle follows. It can be freed of one only by its own end, or with all
+    // of its tags.
+    std::vector<std::string> library_patterns;
     std::array<std::uint64_t, kWords> pending{}; // buckets to visit
     std::uint64_t visit = 1;                     // the number of the visit of a bucket
 
@@ -1104,7 +1112,7 @@ struct State {
         forget(link);
     }
 
-    // What is known about a tag; a tag that the handle made itself is entered on first sight.
+    // Gives what is known about a tag. A tag that the handle has made by itself is entered here.
     Link *link_of(kp_tag_t *tag) noexcept
     {
         if (void *known = kp_tag_get_user_data(tag))
@@ -1126,7 +1134,7 @@ struct State {
         return std::find(subscriptions.begin(), subscriptions.end(), text) != subscriptions.end();
     }
 
-    // Whether the handle follows a pattern that was unsubscribed.
+    // Says whether the handle still follows a pattern that was unsubscribed.
     bool has_leftovers() const noexcept
     {
         return std::any_of(library_patterns.begin(), library_patterns.end(),
@@ -1139,7 +1147,7 @@ struct State {
                            [topic](const std::string &text) { return covers(text, topic); });
     }
 
-    // Another tag of the node for the same topic, of the role asked for.
+    // Finds another tag of the node for the same topic, in the role asked for.
     Link *sibling(const Link &link, bool is_provider) noexcept
     {
         const char *topic = kp_tag_get_topic(link.tag);
@@ -1153,7 +1161,7 @@ struct State {
         return nullptr;
     }
 
-    // An owner lets go of its tag. A consumer's stays when a subscription needs it.
+    // Takes a tag back from its owner. A consumer's tag stays when a subscription needs it.
     void release(Link *link) noexcept
     {
         link->owner = nullptr;
@@ -1181,7 +1189,7 @@ struct State {
         wake();
     }
 
-    // Makes the descriptor readable, since there are buckets to visit that no notice tells of.
+    // Makes the descriptor readable when there are buckets to visit that no notice tells of.
     void wake() const noexcept
     {
         (void)eventfd_write(fd, 1);
@@ -1193,7 +1201,7 @@ struct State {
                            [](std::uint64_t word) { return word != 0; });
     }
 
-    // Adds what the library has received.
+    // Adds the buckets of the notices that the library has received.
     void take_notice() noexcept
     {
         kp_write_info notice;
@@ -1205,8 +1213,8 @@ struct State {
             pending[index] |= words[index];
     }
 
-    // The next topic whose subscribed file exists already, below a directory of the store. Gives
-    // each to the handle, which follows what one of its patterns covers.
+    // Gives the handle each topic below the directory `topic` of the store that the pattern covers.
+    // The handle follows those that one of its own patterns covers.
     void follow_existing(std::string &topic, std::string_view pattern)
     {
         DIR *directory = opendir(("/dev/shm/zu-kp/" + topic).c_str());
@@ -1232,7 +1240,8 @@ struct State {
         const bool is_followed = follows(pattern);
         errno = 0;
         if (kp_sub_topic(handle, pattern.c_str()) != 0 && errno != ENOENT) {
-            // A missing store is none: providers make it. Any other failure may have recorded it.
+            // A missing store is no failure, since providers make it. After any other one the
+            // library may have recorded the pattern all the same.
             const Error error = system_failure(pattern, "kp_sub_topic", errno);
             if (!is_followed)
                 library_patterns.push_back(pattern);
@@ -1240,14 +1249,14 @@ struct State {
         }
         if (!is_followed)
             library_patterns.push_back(pattern);
-        if (is_followed) { // the library saw nothing new in it and looked for no files
+        if (is_followed) { // then the library has looked for no files
             std::string topic;
             follow_existing(topic, pattern);
         }
         return {};
     }
 
-    // When the process first subscribed; the library is told on the same occasion.
+    // Gives the time at which the process first subscribed, and tells the library at that time.
     static std::uint64_t first_subscription() noexcept
     {
         static const std::uint64_t first = [] {
@@ -1286,7 +1295,7 @@ struct State {
         if (is_active(text))
             return {};
         (void)first_subscription();
-        subscriptions.push_back(text); // first, so that nothing after it can fail for memory
+        subscriptions.push_back(text); // comes first, since it can throw
         const Result<void> done =
             is_pattern(text) ? subscribe_pattern(text) : subscribe_topic(text);
         if (!done)
@@ -1325,7 +1334,7 @@ inline void OwnedTag::release() noexcept
     lose();
 }
 
-// A tag's current value, of whatever type, read as a whole. False when it cannot be read now.
+// Reads a tag's current value, of whatever type, as a whole. False when it cannot be read now.
 inline bool read_any(kp_tag_t *tag, Sample<Value> &sample)
 {
     std::byte bytes[KP_MAX_VALUE_SIZE];
@@ -1347,7 +1356,7 @@ inline bool read_any(kp_tag_t *tag, Sample<Value> &sample)
 
 // --- Changes ----------------------------------------------------------------------------------
 
-/** A topic that was written, with the value it had when the walk came to it. */
+/** A topic that was written, with the value that it had when the walk came to it. */
 class Change {
   public:
     Change(Change &&) = default;
@@ -1363,7 +1372,7 @@ class Change {
     {
         return sample_.value;
     }
-    /** The value as a T, or an error that names both types. */
+    /** Gives the value as a T, or an error that names both types. */
     template <class T> Result<T> as() const
     {
         return sample_.value.as<T>(topic_);
@@ -1397,11 +1406,12 @@ class Change {
 };
 
 /**
- * The changes that wait, each topic once with its latest value: a range to be walked once.
+ * The changes that wait: a range that is walked once and has each topic once, with its latest
+ * value.
  *
  * Everything is allowed while it is walked: subscribing, creating and destroying providers and
- * consumers, leaving it early or by an exception, even destroying the node, which ends it. What an
- * early leaving has not reached stays, and keeps the node's descriptor readable.
+ * consumers, leaving it early or by an exception, even destroying the node, which ends it. Changes
+ * that the walk has not reached stay, and keep the node's descriptor readable.
  */
 class Changes {
   public:
@@ -1418,7 +1428,7 @@ class Changes {
         {
             step();
         }
-        /** Hands the change over; once for each position. */
+        /** Hands the change over. May be called once for each position. */
         Change operator*() const
         {
             return std::move(changes_->change_);
@@ -1523,7 +1533,7 @@ class Changes {
             if (!link || link->skipped == state.visit || !is_unlisted(state, *link))
                 continue;
             if (!detail::read_any(entry->tag, change_.sample_)) {
-                link->skipped = state.visit; // a write that ends is told of again
+                link->skipped = state.visit; // another notice comes when the write ends
                 continue;
             }
             change_.topic_ = kp_tag_get_topic(entry->tag);
@@ -1546,7 +1556,7 @@ class Changes {
             return false;
         if (!state.sibling(link, true))
             return true;
-        link.listed = last; // its provider is here, and tells what others write
+        link.listed = last; // the node's provider of this topic tells what others write
         return false;
     }
 
@@ -1570,10 +1580,10 @@ class Changes {
 
 // --- Node, providers and consumers ------------------------------------------------------------
 
-/** What a node does. */
+/** How a node behaves. */
 struct NodeOptions {
-    bool announce =
-        true; /**< tells the device of each new provider, for those who follow patterns */
+    /** It announces each new provider to the device, for those who follow patterns. */
+    bool announce = true;
 };
 
 /** What a provider declares beside its type. */
@@ -1585,12 +1595,12 @@ struct Declaration {
 template <class T> class Provider;
 template <class T> class Consumer;
 
-/** A place in the mesh of the device: what providers, consumers and subscriptions belong to. */
+/** A place in the mesh of the device. Providers, consumers and subscriptions belong to a node. */
 class Node {
   public:
     /**
-     * Joins the device. The name is the one of kp_new(): at most 92 characters, used once, or empty
-     * for a number that is made up.
+     * Joins the mesh. The name is that of kp_new(): at most 92 characters, and used once. An empty
+     * name makes up a number. The error is Reason::system. Takes as long as kp_new() does.
      */
     static Result<Node> open(const std::string &name, NodeOptions options = {})
     {
@@ -1637,23 +1647,24 @@ class Node {
     }
 
     /**
-     * A descriptor that is readable while changes wait: for poll, epoll or any loop. The node keeps
-     * and closes it. -1 after the node was moved from.
+     * Gives a descriptor that is readable while changes wait, for poll, epoll or any loop. The node
+     * keeps and closes it. -1 after the node was moved from.
      */
     int fd() const noexcept
     {
         return state_ ? state_->fd : -1;
     }
 
-    /** Declares a topic and gives its provider; throws what Provider<T>::open() gives. */
+    /** Declares a topic and gives its provider. Throws the errors of Provider<T>::open(). */
     template <class T> Provider<T> provide(const std::string &topic, Declaration declaration = {});
 
-    /** Opens a topic to be read; throws what Consumer<T>::open() gives. */
+    /** Opens a topic to be read. Throws the errors of Consumer<T>::open(). */
     template <class T> Consumer<T> consume(const std::string &topic);
 
     /**
-     * Follows a topic or a pattern ("+" one level, "#" all that remain): take() lists what is
-     * written from the process's first subscription on. Topics need not exist yet.
+     * Follows a topic or a pattern, in which `+` stands for one level and `#` for all that remain:
+     * take() lists what was written since the process's first subscription. Topics need not exist
+     * yet. The errors are closed and system.
      */
     Result<void> subscribe(const std::string &topic_or_pattern)
     {
@@ -1663,8 +1674,8 @@ class Node {
     }
 
     /**
-     * Follows it no more. The node's providers and consumers stay as they are, and so do topics
-     * that another subscription covers. What was not subscribed changes nothing.
+     * Ends a subscription. The node's providers and consumers stay as they are, and so do topics
+     * that another subscription covers. A text that was not subscribed changes nothing.
      */
     Result<void> unsubscribe(const std::string &topic_or_pattern)
     {
@@ -1674,9 +1685,9 @@ class Node {
     }
 
     /**
-     * What changed since it was last listed: topics that the node subscribes or consumes, and those
-     * that it provides and somebody else wrote. Does not wait. Reading a consumer takes nothing
-     * away here. Quality 0 is no change.
+     * Gives what changed since it was last listed: topics that the node subscribes or consumes, and
+     * those that it provides and somebody else wrote. Does not wait. A change is listed even when a
+     * consumer has read it already. A value of quality 0 is no change.
      */
     Changes take()
     {
@@ -1688,25 +1699,26 @@ class Node {
         return Changes(state_, 0, false);
     }
 
-    /** Waits until changes wait; false when the time is over before, or a signal came. */
+    /** Waits for changes. False when the time is over before one comes, or when a signal comes. */
     template <class Number, class Period>
     bool wait(std::chrono::duration<Number, Period> timeout) const
     {
         return wait_ms(milliseconds(timeout));
     }
-    /** The same without an end. */
+    /** Waits for changes without an end. False when a signal comes. */
     bool wait() const
     {
         return wait_ms(-1);
     }
 
-    /** Changes as they come, for a program without a loop; ends when none came for so long. */
+    /** Gives changes as they come, for a program without a loop. The range ends when none comes for
+        so long, or when a signal comes. */
     template <class Number, class Period>
     Changes changes(std::chrono::duration<Number, Period> timeout)
     {
         return Changes(state_, milliseconds(timeout), true);
     }
-    /** The same without an end, but a signal's. */
+    /** Gives changes as they come. The range ends when a signal comes. */
     Changes changes()
     {
         return Changes(state_, -1, true);
@@ -1714,9 +1726,9 @@ class Node {
 
 #if KP_HPP_HAS_COROUTINES
     /**
-     * The next changes for a coroutine: `for (kp::Change change : co_await node.next(executor))`.
-     * `when_readable(int fd, std::coroutine_handle<> waiting)` is the executor's: it resumes
-     * `waiting` once, when the descriptor is readable.
+     * Gives the next changes to a coroutine: `for (kp::Change change : co_await
+     * node.next(executor))`. The executor provides `when_readable(int fd, std::coroutine_handle<>
+     * waiting)`, which resumes `waiting` once, when the descriptor is readable.
      */
     template <class WhenReadable> auto next(WhenReadable when_readable)
     {
@@ -1741,7 +1753,8 @@ class Node {
     }
 #endif
 
-    /** Tells the device of all writes since the last call. */
+    /** Tells all peers which topics were written since the last call. Waits as kp_tag_notify() does
+        while a peer does not read. The error is closed. */
     Result<void> notify()
     {
         if (!state_ || !state_->handle)
@@ -1752,8 +1765,9 @@ class Node {
     }
 
     /**
-     * The handle, for the functions of kp.h. It belongs to the node, with all its tags: destroy
-     * none of them, and don't call kp_unsub_topic() on it. Null after the node was moved from.
+     * Gives the handle, for the functions of kp.h. It belongs to the node with all its tags, so
+     * destroy none of them, and don't call kp_unsub_topic() on it. Null after the node was moved
+     * from.
      */
     kp_t *native() const noexcept
     {
@@ -1783,7 +1797,8 @@ class Node {
             state_->close();
     }
 
-    // Rounded up, so that a wait is not shorter than asked for. Below 0 there is no end.
+    // Rounds up, so that a wait is not shorter than asked for. Below 0 there is no wait, and above
+    // what fits there is no end.
     template <class Number, class Period>
     static int milliseconds(std::chrono::duration<Number, Period> timeout)
     {
@@ -1838,8 +1853,8 @@ inline Result<void> open_tag(OwnedTag &owned, State *state, const std::string &t
     return {};
 }
 
-// The bytes that a write hands to the library, which reads as many as the topic's type has: at
-// least 8, even if another process has declared the topic anew.
+// The bytes that a write hands to the library. The library reads as many as the topic's type has,
+// which can be 8 when another process has declared the topic anew; so there are at least 8.
 template <std::size_t Size> struct Padded {
     alignas(8) unsigned char bytes[Size < 8 ? 8 : Size];
 
@@ -1851,7 +1866,7 @@ template <std::size_t Size> struct Padded {
     }
 };
 
-// What an owner can write: by value for small types, as a view for texts and bytes.
+// What a provider takes: a view for texts and bytes, a reference for all else.
 #if defined(__cpp_lib_span)
 using ByteView = std::span<const std::byte>;
 #else
@@ -1865,13 +1880,15 @@ using Argument =
 } // namespace detail
 
 /**
- * Declares a topic with the type of T and writes it. What the topic had before is discarded. Its
- * value stays readable as long as anybody, in any process, has the topic open.
+ * Declares a topic with the type of T and writes it. A value that the topic had before is
+ * discarded. The value stays readable as long as anybody, in any process, has the topic open.
  */
 template <class T> class Provider {
   public:
     using value_type = T;
 
+    /** Declares the topic, and announces it when the node does so. `max_size` of the declaration
+        matters only for texts and bytes. The errors are closed and system. */
     static Result<Provider> open(Node &node, const std::string &topic, Declaration declaration = {})
     {
         detail::require_type<T>();
@@ -1889,6 +1906,7 @@ template <class T> class Provider {
     }
 
 #if KP_HPP_HAS_EXCEPTIONS
+    /** Does what open() does, and throws its errors. */
     Provider(Node &node, const std::string &topic, Declaration declaration = {})
     {
         auto made = open(node, topic, declaration);
@@ -1898,13 +1916,17 @@ template <class T> class Provider {
     }
 #endif
 
-    /** The topic; empty when the node is destroyed. */
+    /** Gives the topic; empty when the node is destroyed. */
     std::string_view topic() const noexcept
     {
         return owned_.topic();
     }
 
-    /** Writes with quality 1 and the current time. Others are told by Node::notify(). */
+    /**
+     * Writes with quality 1 and the current time. Node::notify() tells others. The errors are
+     * closed, empty_value and too_large; wrong_type and undeclared when another process has
+     * declared the topic anew; and system.
+     */
     Result<void> write(detail::Argument<T> value)
     {
         return store(value, "kp_tag_write", [this](const void *bytes, std::uint32_t size) {
@@ -1912,13 +1934,13 @@ template <class T> class Provider {
         });
     }
 
-    /** Writes with a quality (255 keeps the stored one) and the current time. */
+    /** Writes with a quality and the current time. Quality 255 keeps the stored one. */
     Result<void> write(detail::Argument<T> value, std::uint8_t quality)
     {
         return write_with(value, quality, kp_get_timestamp_us());
     }
 
-    /** Writes with a quality (255 keeps the stored one) and the time of the source. */
+    /** Writes with a quality and the time of the source. Quality 255 keeps the stored one. */
     template <class Duration>
     Result<void> write(detail::Argument<T> value, std::uint8_t quality,
                        std::chrono::time_point<std::chrono::system_clock, Duration> source_time)
@@ -1926,7 +1948,8 @@ template <class T> class Provider {
         return write_with(value, quality, detail::microseconds(source_time));
     }
 
-    /** The tag, for the functions of kp.h; null when the node is destroyed. Never destroy it. */
+    /** Gives the tag, for the functions of kp.h, which must not destroy it. Null when the node is
+        destroyed. */
     kp_tag_t *native() const noexcept
     {
         return owned_.tag;
@@ -2040,6 +2063,7 @@ class Consumer
   public:
     using value_type = T;
 
+    /** Opens the topic, which need not exist yet. The errors are closed and system. */
     static Result<Consumer> open(Node &node, const std::string &topic)
     {
         detail::require_type<T>();
@@ -2054,6 +2078,7 @@ class Consumer
     }
 
 #if KP_HPP_HAS_EXCEPTIONS
+    /** Does what open() does, and throws its errors. */
     Consumer(Node &node, const std::string &topic)
     {
         auto made = open(node, topic);
@@ -2063,34 +2088,37 @@ class Consumer
     }
 #endif
 
-    /** The topic; empty when the node is destroyed. */
+    /** Gives the topic; empty when the node is destroyed. */
     std::string_view topic() const noexcept
     {
         return owned_.topic();
     }
 
     /**
-     * The latest value, whole, with what belongs to it. Tries for about a millisecond while writes
-     * get in the way. A number that was declared but not written yet is 0 with quality 0.
+     * Gives the latest value, whole, with what belongs to it. Tries for about a millisecond while
+     * writes get in the way. A number that was declared but not written yet is 0 with quality 0.
+     * The errors are closed, undeclared, wrong_type, wrong_size, no_value and busy.
      */
     [[gnu::always_inline]] Result<Sample<T>> read()
     {
         return read_by<Care::whole>();
     }
 
-    /** The same without the care: a write that begins meanwhile can tear what is read. */
+    /** Reads like read() but without the care: a write that begins meanwhile can tear the value. */
     [[gnu::always_inline]] Result<Sample<T>> read_plain()
     {
         return read_by<Care::none>();
     }
 
-    /** Whether it was written since this consumer last read it. */
+    /** Says whether the topic was written since this consumer last read it, with a quality that is
+        not 0. */
     bool changed() const noexcept
     {
         return owned_.tag && kp_tag_need_read(owned_.tag) == 1;
     }
 
-    /** The tag, for the functions of kp.h; null when the node is destroyed. Never destroy it. */
+    /** Gives the tag, for the functions of kp.h, which must not destroy it. Null when the node is
+        destroyed. */
     kp_tag_t *native() const noexcept
     {
         return owned_.tag;
@@ -2126,8 +2154,9 @@ class Consumer
             return read_variable<Kind>();
     }
 
-    // Whether a read can be tried: the first one, and every one after the type was found wrong. A
-    // type of variable size has no value at first, and the library warns of each read.
+    // Says whether a read can be tried. It is asked before the first read, and before each read
+    // after the type was found wrong. A type of variable size has no value at first, and the
+    // library would warn of each read.
     [[gnu::cold, gnu::noinline]] bool prepare(Result<Sample<T>> &result) noexcept
     {
         const bool is_ready = owned_.tag && detail::verify_type(owned_, detail::type_of<T>(), 0) &&
@@ -2137,7 +2166,7 @@ class Consumer
         return is_ready;
     }
 
-    // Whether what was read is a value of the type, which is looked at once for each write.
+    // Says whether what was read is a value of the type. This is looked at once for each write.
     [[gnu::noinline]] bool settle(Result<Sample<T>> &result, std::int32_t got,
                                   std::uint64_t timestamp) noexcept
     {
@@ -2151,8 +2180,8 @@ class Consumer
         return false;
     }
 
-    // One result from end to end, and all that is rare in functions of its own: this is as fast as
-    // the call of the library.
+    // The whole function fills one result, and what is rare stands in functions of its own. So it
+    // is as fast as the call of the library.
     template <Care Kind> [[gnu::always_inline]] Result<Sample<T>> read_fixed()
     {
         Result<Sample<T>> result;
