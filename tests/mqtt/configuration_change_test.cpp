@@ -46,6 +46,9 @@ TEST(Reach, OfWhatTheBrokerKnowsIsTheConnection)
     EXPECT_EQ(reach(before, kTop + "[broker]\nclient-id = \"j\"\n" + kRules), Reach::connection);
     EXPECT_EQ(reach(before, kTop + kBroker + "host = \"b\"\n" + kRules), Reach::connection);
     EXPECT_EQ(reach(before, kTop + kBroker + "[broker.tls]\n" + kRules), Reach::connection);
+    EXPECT_EQ(reach(before, kTop + kBroker + "session-expiry = 9\n" + kRules), Reach::connection);
+    EXPECT_EQ(reach(before, kTop + kBroker + "[[broker.fallback]]\nhost = \"b\"\n" + kRules),
+              Reach::connection);
     EXPECT_EQ(reach(before, kTop + "state-topic = \"s\"\n" + kBroker + kRules), Reach::connection);
 }
 

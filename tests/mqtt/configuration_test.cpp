@@ -366,14 +366,20 @@ TEST(BrokerHost, IsANameOrAnAddressAlone)
     const auto problems_of = [](const std::string &host) {
         return parse_configuration("[broker]\nhost = \"" + host + "\"\n[[out]]\npattern = \"a\"\n",
                                    "f")
-            .problems.size();
+            .problems;
     };
 
-    EXPECT_EQ(problems_of("mqtts://x"), 1u);
-    EXPECT_EQ(problems_of("x:1884"), 1u);
-    EXPECT_EQ(problems_of(""), 1u);
-    EXPECT_EQ(problems_of("broker.example"), 0u);
-    EXPECT_EQ(problems_of("fe80::1"), 0u);
+    EXPECT_THAT(problems_of("mqtts://x"),
+                ElementsAre("f:2: host: must be a name or an address alone, without \"mqtts://\"; "
+                            "port is a setting of its own, and TLS is what a section [broker.tls] "
+                            "asks for"));
+    EXPECT_THAT(problems_of("mqtts://x:8883/"), testing::SizeIs(1));
+    EXPECT_THAT(problems_of("x:1884"), ElementsAre("f:2: host: must be a name or an address alone; "
+                                                   "say port = 1884 in a line of its own"));
+    EXPECT_THAT(problems_of("x/y"), testing::SizeIs(1));
+    EXPECT_THAT(problems_of(""), testing::SizeIs(1));
+    EXPECT_THAT(problems_of("broker.example"), IsEmpty());
+    EXPECT_THAT(problems_of("fe80::1"), IsEmpty());
 }
 
 TEST(ClientId, MayHaveASlash)
@@ -389,4 +395,120 @@ TEST(Configuration, WithALetterThatTomlHasNoPlaceForIsRefused)
 {
     EXPECT_THAT(problems_of("device = \"d\"\nger\xc3\xa4t = 1\n"),
                 ElementsAre(testing::StartsWith("f:2: a letter beyond ASCII must stand in")));
+}
+
+TEST(OutRules, ThatCanNeverWinAreRefused)
+{
+    const std::string first = "[[out]]\npattern = \"a/#\"\n";
+
+    EXPECT_THAT(problems_of(first + "[[out]]\npattern = \"a/b/+\"\n"),
+                ElementsAre("f: [[out]] 2 (line 3) can never win: [[out]] 1 (line 1) comes before "
+                            "it and takes all of its tags"));
+    EXPECT_THAT(problems_of(first + first), testing::SizeIs(1));
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"a/b/+\"\n" + first), IsEmpty());
+    EXPECT_THAT(problems_of(first + "exclude = [\"a/b/c\"]\n[[out]]\npattern = \"a/b/+\"\n"),
+                IsEmpty());
+}
+
+TEST(OutRules, MayTakeTheBeginningOfTheTagsOffTheirTopics)
+{
+    const Configuration result = good("[[out]]\npattern = \"plant/line/#\"\n"
+                                      "tags = \"plant/line\"\nprefix = \"p/other\"\n"
+                                      "[[out]]\npattern = \"own/+\"\ntags = \"own\"\n"
+                                      "prefix = \"\"\n");
+
+    EXPECT_EQ(result.out[0].topic_of("plant/line/oven/heat"), "p/other/oven/heat");
+    EXPECT_EQ(result.out[0].topic_of("plant/line/oven/_"), "p/other/oven");
+    EXPECT_EQ(result.out[1].topic_of("own/$x"), "%24x");
+}
+
+TEST(OutRules, TakeOffNoMoreThanAllOfTheirTagsHave)
+{
+    constexpr const char *problem =
+        "f:3: tags: the pattern must begin with it, and go on behind it";
+
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"a/+\"\ntags = \"b\"\n"), ElementsAre(problem));
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"+/b\"\ntags = \"a\"\n"), ElementsAre(problem));
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"a\"\ntags = \"a\"\n"), ElementsAre(problem));
+}
+
+TEST(Overlap, IsFoundWhereTheBeginningOfTheTagsIsTakenOff)
+{
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"a/x/#\"\ntags = \"a\"\nprefix = \"p\"\n"
+                            "[[in]]\nfilter = \"x/+\"\nprefix = \"p\"\ntags = \"t\"\n"),
+                ElementsAre(testing::HasSubstr("the first sends p/x/#")));
+    EXPECT_THAT(problems_of("[[out]]\npattern = \"a/#\"\ntags = \"a\"\nprefix = \"p\"\n"
+                            "[[out]]\npattern = \"b/#\"\ntags = \"b\"\nprefix = \"p\"\n"),
+                ElementsAre(testing::HasSubstr("can send different tags to one topic")));
+    EXPECT_THAT(problems_of("prefix = \"p\"\nstate-topic = \"p/s/x\"\n"
+                            "[[out]]\npattern = \"a/#\"\ntags = \"a\"\n"),
+                ElementsAre(testing::HasSubstr("the bridge's own state topic p/s/x")));
+}
+
+TEST(Brokers, OfAListHaveWhatTheyDoNotSayFromTheFirst)
+{
+    const Configuration result = good(R"(
+[broker]
+host = "one"
+port = 1999
+credentials-file = "secret"
+keep-alive = 10
+[[broker.fallback]]
+host = "two"
+[[broker.fallback]]
+host = "three"
+credentials-file = "other"
+[broker.fallback.tls]
+ca-file = "ca.pem"
+[[broker.fallback]]
+host = "four"
+tls = false
+port = 5
+[[out]]
+pattern = "a"
+)");
+
+    std::vector<std::string> addresses;
+    for (const BrokerSettings *broker : result.brokers())
+        addresses.push_back(broker->address() + " " + broker->credentials_file +
+                            (broker->tls ? " tls" : ""));
+    EXPECT_THAT(addresses, ElementsAre("one:1999 secret", "two:1999 secret", "three:8883 other tls",
+                                       "four:5 secret"));
+    EXPECT_EQ(result.fallbacks[0].keep_alive_s, 10);
+}
+
+TEST(Brokers, OfAListNameTheirProblems)
+{
+    EXPECT_THAT(problems_of("[[broker.fallback]]\nport = 5\nkeep-alive = 7\ntls = true\n"
+                            "[[out]]\npattern = \"a\"\n"),
+                testing::UnorderedElementsAre(
+                    "f:1: host: is missing", "f:3: keep-alive: unknown setting",
+                    "f:4: tls: must be false, or a table, [broker.fallback.tls]"));
+}
+
+TEST(SessionExpiry, DoesNotGoWithQosTwoNorWithASharedTree)
+{
+    const std::string top = "[broker]\nsession-expiry = 60\n";
+
+    EXPECT_THAT(problems_of(top + "[[in]]\nfilter = \"a\"\nqos = 2\n"),
+                ElementsAre(testing::HasSubstr("[[in]] 1 (line 3): qos = 2 cannot go with")));
+    EXPECT_THAT(problems_of(top + "[[out]]\npattern = \"a\"\nqos = 2\n"), testing::SizeIs(1));
+    EXPECT_THAT(problems_of(top + "[[in]]\nfilter = \"a\"\nshared = true\n"),
+                ElementsAre(testing::HasSubstr("shared = true cannot go with session-expiry")));
+    EXPECT_THAT(problems_of(top + "[[in]]\nfilter = \"a\"\n"), IsEmpty());
+}
+
+TEST(AnswersOfARule, MustNotGoWhereTheBridgeSendsOrReceives)
+{
+    const std::string top = "prefix = \"p\"\n[[out]]\npattern = \"a/#\"\n"
+                            "[[in]]\nfilter = \"c/#\"\nprefix = \"s\"\nanswers = ";
+
+    EXPECT_THAT(problems_of(top + "\"r/#\"\n"), IsEmpty());
+    EXPECT_THAT(problems_of(top + "\"p/+/b\"\n"),
+                ElementsAre("f: [[in]] 1 (line 4): answers = \"p/+/b\" takes topics where [[out]] "
+                            "1 (line 2) sends values; answers need topics of their own"));
+    EXPECT_THAT(problems_of(top + "\"s/c/d\"\n"),
+                ElementsAre(testing::HasSubstr("[[in]] 1 (line 4) receives messages")));
+    EXPECT_THAT(problems_of(top + "\"p/$bridge/#\"\n"),
+                ElementsAre(testing::HasSubstr("the bridge says its state")));
 }

@@ -181,6 +181,11 @@ long BridgeProgram::memory() const
     return status("VmRSS:");
 }
 
+long BridgeProgram::memory_at_most() const
+{
+    return status("VmHWM:");
+}
+
 long BridgeProgram::times_woken() const
 {
     return status("voluntary_ctxt_switches:");

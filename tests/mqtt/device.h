@@ -78,6 +78,8 @@ class BridgeProgram {
     std::vector<std::string> output();
     // Memory in use, in KiB.
     long memory() const;
+    // The most that it has had in use, in KiB.
+    long memory_at_most() const;
     // How often its main thread has waited for something.
     long times_woken() const;
 

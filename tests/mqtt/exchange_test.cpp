@@ -4,6 +4,7 @@
 #include "testing/process.h"
 #include "testing/store_provider.h"
 
+#include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -35,6 +36,21 @@ std::string all_bytes(size_t size)
     for (size_t at = 0; at < size; ++at)
         bytes[at] = static_cast<char>(at);
     return bytes;
+}
+
+// All messages until one topic has come so many times.
+std::vector<SeenMessage> until_seen(Subscriber &subscriber, const std::string &topic, int times)
+{
+    std::vector<SeenMessage> messages;
+    while (times > 0) {
+        const auto message = subscriber.next();
+        if (!message)
+            break;
+        times -= message->topic == topic;
+        messages.push_back(*message);
+    }
+    EXPECT_EQ(times, 0) << topic;
+    return messages;
 }
 
 // A value that is small itself, beside a long list.
@@ -344,4 +360,71 @@ TEST(Topic, ThatGoesIsClearedAndWhileItsProvidersAreGoneSaysSo)
     EXPECT_EQ(gone->payload, "");
     EXPECT_EQ(retained(broker.port(), "p/a/#").size(), 1u);
     (void)kp_shm_destroy(consumer, "a/held", KP_ROLE_CONSUMER);
+}
+
+TEST(MaxInterval, SendsAValueAgainThatDoesNotChange)
+{
+    const Broker broker;
+    Tags tags;
+    tags.declare("a/quiet");
+    tags.declare("b/silent");
+    tags.write("a/quiet", "x");
+    tags.write("b/silent", "y");
+    BridgeProgram bridge(broker.port(), "prefix = \"p\"\n[[out]]\npattern = \"a/#\"\n"
+                                        "max-interval = 0.2\n[[out]]\npattern = \"b/#\"\n");
+    Subscriber subscriber(broker.port(), "p/a/+");
+
+    const auto messages = until_seen(subscriber, "p/a/quiet", 4);
+
+    const std::string written = std::to_string(read_tag("a/quiet")->ts);
+    EXPECT_EQ(std::ranges::count_if(
+                  messages, [&](const auto &seen) { return seen.user.at("ts") == written; }),
+              4); // sent again, not written again
+    EXPECT_GE(status_number("out"), 4u);
+}
+
+TEST(MaxInterval, DoesNotSendBackWhatCameFromTheBroker)
+{
+    const Broker broker;
+    BridgeProgram bridge(broker.port(),
+                         "[[out]]\npattern = \"a/#\"\nprefix = \"tree\"\nmax-interval = 0.2\n"
+                         "[[in]]\nfilter = \"a/#\"\nprefix = \"tree\"\nshared = true\n");
+    ASSERT_TRUE(wait_for_connection());
+    publish(broker.port(), "tree/a/theirs", "x", {"-r"});
+    ASSERT_TRUE(wait_for_tag("a/theirs", "x"));
+    Tags tags;
+    tags.declare("a/ours");
+    tags.write("a/ours", "y");
+    Subscriber subscriber(broker.port(), "tree/#");
+
+    const auto messages = until_seen(subscriber, "tree/a/ours", 3);
+
+    EXPECT_EQ(std::ranges::count_if(messages,
+                                    [](const auto &seen) {
+                                        return seen.topic == "tree/a/theirs" &&
+                                               seen.user.contains("origin");
+                                    }),
+              0);
+}
+
+TEST(Renaming, TakesTheBeginningOfTagsOffInBothDirections)
+{
+    const Broker broker;
+    Tags tags;
+    tags.declare("plant/line/heat");
+    tags.write("plant/line/heat", "x");
+    BridgeProgram bridge(broker.port(),
+                         "[[out]]\npattern = \"plant/line/#\"\ntags = \"plant/line\"\n"
+                         "prefix = \"hall\"\n"
+                         "[[in]]\nfilter = \"#\"\ntags = \"plant/line\"\nprefix = \"hall\"\n"
+                         "shared = true\n");
+    ASSERT_TRUE(wait_for_connection());
+
+    EXPECT_TRUE(
+        wait_until([&] { return retained(broker.port(), "hall/#").contains("hall/heat"); }));
+    publish(broker.port(), "hall/other", "y", {"-r"});
+    EXPECT_TRUE(wait_for_tag("plant/line/other", "y"));
+    tags.write("plant/line/heat", "z");
+    EXPECT_TRUE(
+        wait_until([&] { return retained(broker.port(), "hall/#")["hall/heat"].payload == "z"; }));
 }

@@ -1,5 +1,7 @@
 #include "inbound/inbound.h"
 
+#include "answers/answers.h"
+
 #include "testing/capture.h"
 #include "testing/segment_file.h"
 #include "testing/store_provider.h"
@@ -37,7 +39,9 @@ class InboundOf {
                         [this](const auto &tag, uint8_t quality) {
                             written_.push_back(tag + " q=" + std::to_string(quality));
                         },
-                    .is_dropping = [this](const auto &tag) { return tag == dropping_; }},
+                    .is_dropping = [this](const auto &tag) { return tag == dropping_; },
+                    .ask = [this](const Message &message,
+                                  const InRule &by) { return answers_->ask(message, by); }},
                    counters_)
     {
         inbound_.set_connected(true);
@@ -66,6 +70,12 @@ class InboundOf {
     void came_for(std::vector<uint32_t> subscriptions)
     {
         came_for_ = std::move(subscriptions);
+    }
+    uint32_t number_of(const std::string &filter) const
+    {
+        const auto all = inbound_.subscriptions();
+        const auto found = std::ranges::find(all, filter, &Subscription::filter);
+        return found == all.end() ? 0 : found->number;
     }
     void is_dropping(const std::string &tag)
     {
@@ -107,6 +117,7 @@ class InboundOf {
     std::vector<std::string> written_;
     std::string dropping_;
     std::vector<uint32_t> came_for_;
+    const std::shared_ptr<Answers> answers_ = Answers::make("me/boot", counters_);
     WriteRequest last_;
     Inbound inbound_;
 };
@@ -452,9 +463,9 @@ TEST(Subscriptions, CountOnlyTheCopyForTheMostExactRule)
 {
     InboundOf inbound("[[in]]\nfilter = \"c/speed\"\nprefix = \"s\"\ntags = \"exact\"\n");
 
-    inbound.came_for({1});
+    inbound.came_for({inbound.number_of("s/#")});
     inbound.receive("s/c/speed", "1");
-    inbound.came_for({2});
+    inbound.came_for({inbound.number_of("s/c/speed")});
     inbound.receive("s/c/speed", "1");
 
     EXPECT_THAT(inbound.written(), ElementsAre("exact/c/speed=1"));
@@ -471,17 +482,27 @@ TEST(Subscriptions, AskForRetainedMessagesOnlyWhereTheRuleDoes)
     EXPECT_EQ((*states).subscriptions()[0].qos, 2);
 }
 
+TEST(Subscriptions, HaveTheSameNumbersInEveryRunWhateverOtherRulesThereAre)
+{
+    const InboundOf one("");
+    const InboundOf other("[[in]]\nfilter = \"c/speed\"\nprefix = \"s\"\ntags = \"exact\"\n");
+
+    EXPECT_EQ(one.number_of("s/#"), other.number_of("s/#"));
+    EXPECT_NE(other.number_of("s/#"), other.number_of("s/c/speed"));
+    EXPECT_EQ(one.number_of("s/#"), 111123125u); // as in every version
+}
+
 TEST(InboundReload, LosesNoCommandUntilTheBrokerKnowsTheNewRule)
 {
     InboundOf inbound("");
     inbound.reload("[[in]]\nfilter = \"#\"\nprefix = \"s\"\n"
                    "[[in]]\nfilter = \"a\"\nprefix = \"s\"\n");
 
-    inbound.came_for({1});
+    inbound.came_for({inbound.number_of("s/#")});
     inbound.receive("s/a", "early");
     inbound.subscribed("s/a");
     inbound.receive("s/a", "copy for the less exact rule");
-    inbound.came_for({2});
+    inbound.came_for({inbound.number_of("s/a")});
     inbound.receive("s/a", "late");
 
     EXPECT_THAT(inbound.written(), ElementsAre("a=early", "a=late"));

@@ -1,6 +1,7 @@
 // A broker that can do less than others, or that hangs for a while.
 #include "broker.h"
 #include "device.h"
+#include "small_broker.h"
 
 #include <csignal>
 #include <gmock/gmock.h>
@@ -130,4 +131,36 @@ TEST(BrokerLimits, OfPacketSizeBelowThatOfTheStateAreSaid)
     BridgeProgram bridge(broker.port(), kBothWays);
 
     EXPECT_TRUE(has_said(bridge, "maximum packet size is too small for the state message"));
+}
+
+TEST(BrokerThatIgnoresThePacketLimit, LosesAMessageButNotTheConnection)
+{
+    SmallBroker broker;
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+
+    EXPECT_EQ(broker.send_message("s/c/large", 1'000'000), 1'000'000u);
+    EXPECT_EQ(broker.send_message("s/c/small", 1), 1u);
+
+    EXPECT_TRUE(wait_for_tag("c/small", "x"));
+    EXPECT_THAT(bridge.log(),
+                HasSubstr("the message on s/c/large is refused: it has 1000000 bytes"));
+    EXPECT_EQ(broker.clients(), 1);
+}
+
+TEST(BrokerThatIgnoresThePacketLimit, CostsAFewMebibytesHoweverLargeThePacketIs)
+{
+    constexpr size_t most = 200'000'000;
+    SmallBroker broker;
+    BridgeProgram bridge(broker.port(), kBothWays);
+    ASSERT_TRUE(wait_for_connection());
+    const long before = bridge.memory_at_most();
+
+    EXPECT_LT(broker.send_message("s/c/large", most), most);
+
+    EXPECT_TRUE(has_said(bridge, "the broker sends a packet of more than 4 MiB"));
+    const long grown = bridge.memory_at_most() - before;
+    RecordProperty("grown_kib", static_cast<int>(grown));
+    EXPECT_LT(grown, 64 * 1024);
+    EXPECT_TRUE(wait_until([&] { return broker.clients() == 2; }));
 }

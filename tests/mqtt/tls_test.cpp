@@ -2,6 +2,7 @@
 #include "broker.h"
 #include "certificates.h"
 #include "device.h"
+#include "small_broker.h"
 
 #include <fstream>
 #include <gmock/gmock.h>
@@ -212,4 +213,35 @@ TEST(CheckOfTheConnection, SaysWhichStepFails)
                 HasSubstr("port " + std::to_string(nobody) + ": FAILED: Connection refused"));
     EXPECT_EQ(unknown.wait(), 1);
     EXPECT_THAT(joined(unknown.output()), HasSubstr("\nresolve no-such-host.invalid: FAILED: "));
+}
+
+TEST(CheckOfTheConnection, SaysWhichSubscriptionIsRefused)
+{
+    constexpr uint8_t not_authorized = 0x87;
+    SmallBroker broker(
+        [](const std::string &filter) { return filter == "s/c/#" ? not_authorized : uint8_t{1}; });
+    BridgeProgram check(broker.port(), kBothWays, {"--check", "--connect"});
+
+    const std::string printed = joined(check.output());
+
+    EXPECT_EQ(check.wait(), 1);
+    EXPECT_THAT(printed, HasSubstr("\nsubscribe s/c/#: FAILED: Not authorized\n"));
+    EXPECT_THAT(printed, HasSubstr("\nsubscribe p/$bridge/state: granted\n"));
+}
+
+TEST(CheckOfTheConnection, TriesEachBrokerOfTheList)
+{
+    const Broker broker;
+    const int nobody = free_port();
+    BridgeProgram check(nobody,
+                        configuration(nobody, kBothWays,
+                                      "[[broker.fallback]]\nhost = \"localhost\"\nport = " +
+                                          std::to_string(broker.port()) + "\n"),
+                        {"--check", "--connect"});
+
+    const std::string printed = joined(check.output());
+
+    EXPECT_EQ(check.wait(), 1);
+    EXPECT_THAT(printed, HasSubstr("port " + std::to_string(nobody) + ": FAILED: "));
+    EXPECT_THAT(printed, HasSubstr("\nMQTT as kp-mqtt-dev-check: accepted\n"));
 }

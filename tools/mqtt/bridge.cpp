@@ -38,6 +38,7 @@ Bridge::Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks 
       shared_(configuration_, reader_, &writer, state, pending_, topics_, last_alive),
       publications_(configuration_, reader_, &writer, state, origin_, pending_, topics_, shared_,
                     counters),
+      answers_(Answers::make(origin_, counters)),
       inbound_(configuration_, reader_, shared_, inbound_events(), counters),
       lost_providers_(topics_, configuration_.trust_visible),
       session_(configuration_, origin_, session_events(), counters),
@@ -62,6 +63,8 @@ InboundEvents Bridge::inbound_events()
         .set_quality = [this](const std::string &tag,
                               uint8_t quality) { writer_.set_quality(tag, quality); },
         .is_dropping = [this](const std::string &tag) { return writer_.is_dropping(tag); },
+        .ask = [this](const Message &message,
+                      const InRule &rule) { return answers_->ask(message, rule); },
     };
 }
 
@@ -79,11 +82,13 @@ SessionEvents Bridge::session_events()
         .lost =
             [this] {
                 publications_.connection_lost(Clock::now());
+                answers_->connection_lost();
                 inbound_.set_connected(false);
             },
         .acknowledged =
             [this](int id, const Answer &answer) {
-                publications_.acknowledged(id, answer, Clock::now());
+                if (!answers_->acknowledged(id, answer))
+                    publications_.acknowledged(id, answer, Clock::now());
             },
         .received = [this](const Message &message) { inbound_.receive(message); },
         .subscribed = [this](const std::string &filter) { inbound_.subscribed(filter); },
@@ -177,7 +182,8 @@ bool Bridge::wait(int signal_fd)
     const pollfd marks{session_.may_send() ? marks_.fd() : -1, POLLIN, 0};
     const pollfd ends{lost_providers_.fd(), POLLIN, 0};
     const pollfd broker{session_.fd(), session_.poll_events(), 0};
-    std::array<pollfd, 4> room = {signals, marks, ends, broker};
+    const pollfd answers{session_.may_send() ? answers_->fd() : -1, POLLIN, 0};
+    std::array<pollfd, 5> room = {signals, marks, ends, broker, answers};
     const int ready = poll(room.data(), room.size(), poll_timeout(Clock::now()));
     const auto events = [&room, ready](size_t at) {
         return ready > 0 ? room[at].revents : short{0};
@@ -192,6 +198,7 @@ void Bridge::turn(Clock::time_point now)
 {
     session_.turn(now);
     look_for_changes(now);
+    send_answers();
     send_values(now);
     if (now >= next_tick_)
         tick(now);
@@ -215,6 +222,27 @@ void Bridge::look_for_changes(Clock::time_point now)
     last_scan_ = now;
     next_scan_ = now + configuration_.scan_interval;
     lost_providers_.look(now);
+}
+
+void Bridge::send_answers()
+{
+    while (session_.may_send()) {
+        auto answer = answers_->next();
+        if (!answer)
+            return;
+        int id = 0;
+        std::string refusal;
+        switch (session_.publish(*answer, id, refusal)) {
+        case SendOutcome::sent:
+            answers_->sent(std::move(*answer), id);
+            break;
+        case SendOutcome::refused:
+            answers_->refused(*answer, refusal);
+            break;
+        case SendOutcome::lost:
+            return answers_->put_back(std::move(*answer));
+        }
+    }
 }
 
 void Bridge::send_values(Clock::time_point now)

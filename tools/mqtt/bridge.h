@@ -1,6 +1,7 @@
 // Joins the parts: one loop that waits for changes of tags, for the broker and for signals.
 #pragma once
 
+#include "answers/answers.h"
 #include "broker/broker_session.h"
 #include "common/dictionary/live_dictionary.h"
 #include "common/notice_marks.h"
@@ -18,6 +19,7 @@
 #include "store/store_reader.h"
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -54,6 +56,7 @@ class Bridge {
     void turn(Clock::time_point now);
     void look_at_marks(Clock::time_point now);
     void look_for_changes(Clock::time_point now);
+    void send_answers();
     void send_values(Clock::time_point now);
     void tick(Clock::time_point now);
     // Reads the dictionary again where it has changed.
@@ -73,6 +76,7 @@ class Bridge {
     TopicTable topics_;
     SharedTags shared_;
     Publications publications_;
+    const std::shared_ptr<Answers> answers_;
     Inbound inbound_;
     LostProviders lost_providers_;
     BrokerSession session_;

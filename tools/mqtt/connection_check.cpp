@@ -54,10 +54,12 @@ std::string connect_problem(const addrinfo &address, milliseconds patience)
 
 } // namespace
 
-ConnectionCheck::ConnectionCheck(const Configuration &configuration, std::ostream &out)
-    : configuration_(configuration), settings_(configuration.broker), out_(out)
+ConnectionCheck::ConnectionCheck(const Configuration &configuration, const BrokerSettings &broker,
+                                 std::ostream &out)
+    : configuration_(configuration), settings_(broker), out_(out)
 {
     settings_.client_id += "-check";
+    settings_.session_expiry_s = 0;
 }
 
 bool ConnectionCheck::run()

@@ -16,8 +16,9 @@ namespace kp::mqtt {
 
 class ConnectionCheck {
   public:
-    // `out` must outlive it.
-    ConnectionCheck(const Configuration &configuration, std::ostream &out);
+    // For one of the brokers. All must outlive it.
+    ConnectionCheck(const Configuration &configuration, const BrokerSettings &broker,
+                    std::ostream &out);
 
     // Returns whether all steps went well; one that fails ends it, but for subscriptions.
     bool run();

@@ -140,12 +140,21 @@ ConfigurationResult load(const std::string &file, bool state_file_too)
 {
     ConfigurationResult result = load_configuration(file);
     if (result.problems.empty())
-        result.problems = file_problems(result.configuration.broker);
+        result.problems = file_problems(result.configuration);
     const std::string problem =
         state_file_too ? state_file_problem(result.configuration.state_file) : "";
     if (!problem.empty())
         result.problems.push_back(problem);
     return result;
+}
+
+bool try_brokers(const Configuration &configuration)
+{
+    (void)mosquitto_lib_init();
+    bool all_went_well = true;
+    for (const BrokerSettings *broker : configuration.brokers())
+        all_went_well = ConnectionCheck(configuration, *broker, std::cout).run() && all_went_well;
+    return all_went_well;
 }
 
 int act(const Options &options)
@@ -156,7 +165,7 @@ int act(const Options &options)
         log_for_journal();
     auto [configuration, problems] = load(options.file, options.check);
     if (options.check) {
-        for (std::string &problem : date_problems(configuration.broker))
+        for (std::string &problem : date_problems(configuration))
             problems.push_back(std::move(problem));
         for (const std::string &mistake : dictionary_mistakes(configuration.dictionary))
             std::cerr << "kp-mqtt: " << mistake << '\n';
@@ -167,8 +176,7 @@ int act(const Options &options)
         return kWrong;
     if (options.check) {
         std::cout << options.file << ": good, " << configuration.summary() << std::endl;
-        (void)mosquitto_lib_init();
-        return options.connect && !ConnectionCheck(configuration, std::cout).run() ? kFailed : 0;
+        return options.connect && !try_brokers(configuration) ? kFailed : 0;
     }
     if (options.dry_run) {
         print_mapping(configuration, std::cout);

@@ -3,7 +3,6 @@
 #include "common/dictionary/live_dictionary.h"
 #include "common/text.h"
 #include "common/topic_name.h"
-#include "names/topic_names.h"
 #include "outbound/discovery.h"
 #include "store/store_reader.h"
 
@@ -71,6 +70,7 @@ Json in_line(const InRule &rule)
               {"retained", rule.retained},
               {"shared", rule.shared}};
     line["type"] = rule.type ? Json(kp_type2str(*rule.type)) : Json();
+    line["answers"] = rule.answers.empty() ? Json() : Json(rule.answers);
     return line;
 }
 
@@ -86,7 +86,7 @@ void print_mapping(const Configuration &configuration, std::ostream &out)
             return;
         OutTopic topic;
         topic.tag = tag;
-        topic.mqtt = to_mqtt_topic(rule->prefix, tag);
+        topic.mqtt = rule->topic_of(tag);
         topic.rule = rule;
         topic.facts = dictionary.current()->facts_of(tag);
         out << out_line(configuration, topic, reader).dump() << '\n';

@@ -15,6 +15,8 @@ void connect_to_broker(const std::shared_ptr<Attempt> &attempt, const Destinatio
 {
     PropertyList limits;
     limits.add_number(MQTT_PROP_MAXIMUM_PACKET_SIZE, destination.most_packet_bytes);
+    if (destination.session_expiry_s)
+        limits.add_number(MQTT_PROP_SESSION_EXPIRY_INTERVAL, destination.session_expiry_s);
     attempt->result =
         mosquitto_connect_bind_v5(attempt->client, destination.host.c_str(), destination.port,
                                   destination.keep_alive_s, nullptr, limits.get());

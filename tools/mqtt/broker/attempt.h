@@ -34,6 +34,7 @@ struct Destination {
     int port;
     int keep_alive_s;
     uint32_t most_packet_bytes; // the broker keeps back what is larger
+    uint32_t session_expiry_s;  // how long the broker keeps what waits for the client
 };
 
 // Starts the thread, which keeps the attempt alive until it ends.

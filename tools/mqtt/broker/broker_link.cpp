@@ -13,6 +13,7 @@ namespace kp::mqtt {
 namespace {
 
 constexpr size_t kMostUnacknowledged = 1000;
+constexpr int kSessionPresent = 1; // a flag of the broker's answer
 
 // Beside the payload there is room for the longest topic and for properties.
 constexpr uint32_t kMostPacketBytes = kMostPayloadBytes + 88 * 1024;
@@ -21,6 +22,14 @@ constexpr uint32_t kMostPacketBytes = kMostPayloadBytes + 88 * 1024;
 std::string error_text(int error)
 {
     return error == MOSQ_ERR_KEEPALIVE ? "the broker did not answer" : mosquitto_strerror(error);
+}
+
+std::string too_large_text()
+{
+    return "the broker sends a packet of more than " +
+           std::to_string(kMostToleratedBytes / 1024 / 1024) +
+           " MiB, and was told not to send any of more than " +
+           std::to_string(kMostPacketBytes / 1024) + " KiB";
 }
 
 BrokerLink &self(void *object)
@@ -36,24 +45,26 @@ tool::Result<std::unique_ptr<BrokerLink>> BrokerLink::start(const BrokerSettings
                                                             BrokerEvents events)
 {
     using Started = tool::Result<std::unique_ptr<BrokerLink>>;
-    std::unique_ptr<BrokerLink> link(new BrokerLink(std::move(events)));
+    std::unique_ptr<BrokerLink> link(new BrokerLink(settings, std::move(events)));
     if (std::string problem = link->prepare(settings, credentials, will); !problem.empty())
         return Started::failed(std::move(problem));
-    start_connecting(link->attempt_,
-                     {settings.host, settings.port, settings.keep_alive_s, kMostPacketBytes});
+    start_connecting(link->attempt_, {settings.host, settings.port, settings.keep_alive_s,
+                                      kMostPacketBytes, settings.session_expiry_s});
     return Started::of(std::move(link));
 }
 
-BrokerLink::BrokerLink(BrokerEvents events)
+BrokerLink::BrokerLink(const BrokerSettings &settings, BrokerEvents events)
     : events_(std::move(events)), attempt_(std::make_shared<Attempt>()),
-      most_unacknowledged_(kMostUnacknowledged)
+      most_unacknowledged_(kMostUnacknowledged), watch_(settings.keep_alive_s),
+      session_expiry_s_(settings.session_expiry_s)
 {
 }
 
 std::string BrokerLink::prepare(const BrokerSettings &settings, const Credentials &credentials,
                                 const Publication *will)
 {
-    client_ = attempt_->client = mosquitto_new(settings.client_id.c_str(), true, this);
+    client_ = attempt_->client =
+        mosquitto_new(settings.client_id.c_str(), settings.session_expiry_s == 0, this);
     if (!client_)
         return std::strerror(errno);
     (void)mosquitto_int_option(client_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
@@ -100,10 +111,10 @@ std::string BrokerLink::set_tls(const TlsSettings &tls, const std::string &host)
 
 void BrokerLink::set_callbacks()
 {
-    mosquitto_connect_v5_callback_set(
-        client_, [](mosquitto *, void *object, int reason, int, const mosquitto_property *list) {
-            self(object).on_connect(reason, list);
-        });
+    mosquitto_connect_v5_callback_set(client_, [](mosquitto *, void *object, int reason, int flags,
+                                                  const mosquitto_property *list) {
+        self(object).on_connect(reason, flags, list);
+    });
     mosquitto_disconnect_v5_callback_set(
         client_, [](mosquitto *, void *object, int reason, const mosquitto_property *list) {
             const Answer answer = answer_of(reason, list);
@@ -111,14 +122,18 @@ void BrokerLink::set_callbacks()
         });
     mosquitto_publish_v5_callback_set(
         client_, [](mosquitto *, void *object, int id, int reason, const mosquitto_property *list) {
+            self(object).has_heard_ = true;
             self(object).on_publish(id, answer_of(reason, list));
         });
     mosquitto_subscribe_v5_callback_set(client_, [](mosquitto *, void *object, int id, int count,
                                                     const int *granted,
                                                     const mosquitto_property *list) {
         constexpr int unspecified = MQTT_RC_UNSPECIFIED;
+        self(object).has_heard_ = true;
         self(object).events_.subscribed(id, answer_of(count < 1 ? unspecified : granted[0], list));
     });
+    mosquitto_unsubscribe_callback_set(
+        client_, [](mosquitto *, void *object, int) { self(object).has_heard_ = true; });
     mosquitto_message_v5_callback_set(
         client_, [](mosquitto *, void *object, const mosquitto_message *message,
                     const mosquitto_property *list) { self(object).on_message(*message, list); });
@@ -144,13 +159,24 @@ void BrokerLink::serve(short ready)
         return close(end_text(attempt_->result));
     int result = MOSQ_ERR_SUCCESS;
     if (ready & (POLLIN | POLLHUP | POLLERR))
-        result = mosquitto_loop_read(client_, 1);
+        result = read();
     if (result == MOSQ_ERR_SUCCESS && !is_closed_ && mosquitto_want_write(client_))
         result = mosquitto_loop_write(client_, 1);
     if (result == MOSQ_ERR_SUCCESS && !is_closed_)
         result = mosquitto_loop_misc(client_);
     if (result != MOSQ_ERR_SUCCESS)
         close(end_text(result));
+}
+
+// One packet, or what has arrived of it.
+int BrokerLink::read()
+{
+    has_heard_ = false;
+    const int result = mosquitto_loop_read(client_, 1);
+    if (result == MOSQ_ERR_SUCCESS && !is_closed_ &&
+        watch_.is_too_large(mosquitto_socket(client_), has_heard_, Clock::now()))
+        close(too_large_text());
+    return result;
 }
 
 // A broker that takes only packets smaller than the first one closes the connection without a
@@ -180,10 +206,19 @@ std::string BrokerLink::protection() const
     return connection ? mqtt::protection(connection) : "";
 }
 
-void BrokerLink::on_connect(int reason, const mosquitto_property *list)
+void BrokerLink::on_connect(int reason, int flags, const mosquitto_property *list)
 {
+    has_heard_ = true;
     if (reason != MQTT_RC_SUCCESS)
         return close("the broker refuses the connection: " + answer_of(reason, list).text, reason);
+    learn_limits(list);
+    has_session_ = (flags & kSessionPresent) != 0;
+    is_online_ = was_online_ = true;
+    events_.connected();
+}
+
+void BrokerLink::learn_limits(const mosquitto_property *list)
+{
     uint16_t receive_maximum = 0;
     if (mosquitto_property_read_int16(list, MQTT_PROP_RECEIVE_MAXIMUM, &receive_maximum, false))
         most_unacknowledged_ = std::min<size_t>(receive_maximum, kMostUnacknowledged);
@@ -194,8 +229,8 @@ void BrokerLink::on_connect(int reason, const mosquitto_property *list)
         broker_retains_ = limit != 0;
     if (mosquitto_property_read_byte(list, MQTT_PROP_SUBSCRIPTION_ID_AVAILABLE, &limit, false))
         broker_numbers_ = limit != 0;
-    is_online_ = was_online_ = true;
-    events_.connected();
+    (void)mosquitto_property_read_int32(list, MQTT_PROP_SESSION_EXPIRY_INTERVAL, &session_expiry_s_,
+                                        false);
 }
 
 void BrokerLink::on_publish(int id, const Answer &answer)
@@ -206,10 +241,16 @@ void BrokerLink::on_publish(int id, const Answer &answer)
 
 void BrokerLink::on_message(const mosquitto_message &message, const mosquitto_property *list)
 {
-    events_.received({message.topic,
-                      std::string(static_cast<const char *>(message.payload),
-                                  static_cast<size_t>(message.payloadlen)),
-                      message.retain, user_properties(list), subscriptions(list)});
+    has_heard_ = true;
+    const auto size = static_cast<size_t>(message.payloadlen);
+    if (size > kMostToleratedBytes)
+        return close(too_large_text()); // it came so fast that there was no pause to notice it in
+    const bool is_too_large = size > kMostPayloadBytes;
+    events_.received(
+        {message.topic,
+         std::string(static_cast<const char *>(message.payload), is_too_large ? 0 : size),
+         message.retain, user_properties(list), subscriptions(list), response_topic(list),
+         correlation(list), is_too_large ? size : 0});
 }
 
 void BrokerLink::close(const std::string &why, int refusal)

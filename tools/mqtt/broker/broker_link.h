@@ -6,6 +6,7 @@
 
 #include "broker/attempt.h"
 #include "broker/message.h"
+#include "broker/packet_watch.h"
 #include "config/configuration.h"
 #include "config/credentials.h"
 
@@ -59,6 +60,17 @@ class BrokerLink {
     bool subscribe(const Subscription &subscription, int &id);
     void unsubscribe(const std::string &filter);
 
+    // Whether the broker had kept what waited for this client, and how long it will, in seconds; 0
+    // where nothing was asked for.
+    bool has_session() const
+    {
+        return has_session_;
+    }
+    uint32_t session_expiry_s() const
+    {
+        return session_expiry_s_;
+    }
+
     // How the connection is encrypted, in words; empty where it is not.
     std::string protection() const;
 
@@ -66,14 +78,16 @@ class BrokerLink {
     void disconnect();
 
   private:
-    explicit BrokerLink(BrokerEvents events);
+    BrokerLink(const BrokerSettings &settings, BrokerEvents events);
     std::string prepare(const BrokerSettings &settings, const Credentials &credentials,
                         const Publication *will);
     std::string set_will(const Publication &will);
     std::string set_tls(const TlsSettings &tls, const std::string &host);
     void set_callbacks();
+    int read();
     std::string end_text(int error) const;
-    void on_connect(int reason, const mosquitto_property *list);
+    void on_connect(int reason, int flags, const mosquitto_property *list);
+    void learn_limits(const mosquitto_property *list);
     void on_publish(int id, const Answer &answer);
     void on_message(const mosquitto_message &message, const mosquitto_property *list);
     void close(const std::string &why, int refusal = 0);
@@ -89,6 +103,10 @@ class BrokerLink {
     int most_qos_ = 2;
     bool broker_retains_ = true;
     bool broker_numbers_ = true; // subscriptions, where they have a number
+    PacketWatch watch_;
+    bool has_heard_ = false; // a whole packet, since it was set to false
+    bool has_session_ = false;
+    uint32_t session_expiry_s_;
 };
 
 } // namespace kp::mqtt

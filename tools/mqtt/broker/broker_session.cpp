@@ -17,6 +17,7 @@ constexpr milliseconds kRetainedTime{300}; // for the retained state after that
 constexpr milliseconds kStable{10'000};    // a connection that lasted this long was a good one
 constexpr milliseconds kLeaving{1500};     // for the last message
 constexpr const char *kConnection = "connection";
+constexpr const char *kBroker = "broker"; // in use
 constexpr const char *kOnline = "online";
 
 std::string random_name()
@@ -31,7 +32,8 @@ BrokerSession::BrokerSession(const Configuration &configuration, std::string ori
                              SessionEvents events, Counters &counters)
     : configuration_(configuration), origin_(std::move(origin)), events_(std::move(events)),
       counters_(counters),
-      backoff_(configuration.broker.reconnect_min, configuration.broker.reconnect_max)
+      backoff_(configuration.broker.reconnect_min, configuration.broker.reconnect_max),
+      choice_(configuration)
 {
 }
 
@@ -100,13 +102,13 @@ void BrokerSession::connect(Clock::time_point now)
     phase_ = Phase::connecting;
     phase_ends_ = now + configuration_.broker.connect_timeout;
     // Read anew at each attempt, since a password may have been changed meanwhile.
-    const std::string &file = configuration_.broker.credentials_file;
+    const BrokerSettings &broker = choice_.now();
+    const std::string &file = broker.credentials_file;
     auto credentials = file.empty() ? tool::Result<Credentials>::of({}) : read_credentials(file);
     close_reason_ = credentials.problem;
     if (credentials) {
         const Publication will = state_message("offline");
-        auto started =
-            BrokerLink::start(configuration_.broker, *credentials.value, &will, link_events());
+        auto started = BrokerLink::start(broker, *credentials.value, &will, link_events());
         close_reason_ = started.problem;
         if (started) {
             link_ = std::move(*started.value);
@@ -118,7 +120,8 @@ void BrokerSession::connect(Clock::time_point now)
 
 void BrokerSession::drop_connection(Clock::time_point now)
 {
-    if (phase_ == Phase::online && now - online_since_ >= kStable)
+    const bool was_good = phase_ == Phase::online && now - online_since_ >= kStable;
+    if (was_good)
         backoff_.reset();
     end_link(now);
     if (asked_too_much(std::exchange(refusal_, 0)))
@@ -126,12 +129,29 @@ void BrokerSession::drop_connection(Clock::time_point now)
     const milliseconds delay = backoff_.next();
     phase_ends_ = now + delay;
     report_failure(delay);
+    choose_broker(was_good);
+}
+
+// Another broker may be able to do more.
+void BrokerSession::choose_broker(bool was_good)
+{
+    const BrokerSettings &before = choice_.now();
+    if (was_good)
+        choice_.start_over();
+    else
+        choice_.go_on();
+    if (&choice_.now() == &before)
+        return;
+    state_qos_ = 1;
+    state_retained_ = true;
 }
 
 void BrokerSession::end_link(Clock::time_point now)
 {
     events_.lost();
     subscribing_.clear();
+    if (std::string topic = witness_.forget(); !topic.empty())
+        left_behind_.push_back(std::move(topic));
     link_.reset();
     phase_ = Phase::waiting;
     phase_ends_ = now;
@@ -140,7 +160,7 @@ void BrokerSession::end_link(Clock::time_point now)
 void BrokerSession::renew(Clock::time_point now)
 {
     backoff_ = Backoff(configuration_.broker.reconnect_min, configuration_.broker.reconnect_max);
-    reported_.clear();
+    choice_.forget_reasons();
     if (phase_ == Phase::waiting)
         phase_ends_ = now;
     if (phase_ == Phase::waiting || phase_ == Phase::connecting)
@@ -163,6 +183,7 @@ void BrokerSession::connect_anew(Clock::time_point now)
     state_retained_ = true;
     is_closed_ = false;
     refusal_ = 0;
+    choice_.start_over();
     end_link(now);
     renew(now);
 }
@@ -170,16 +191,10 @@ void BrokerSession::connect_anew(Clock::time_point now)
 // The same reason is said once, however many attempts fail for it.
 void BrokerSession::report_failure(milliseconds delay)
 {
-    const std::string text = "no connection to " + address() + ": " + close_reason_;
-    log(text == reported_ ? Level::debug : Level::warning,
+    const std::string text = "no connection to " + choice_.now().address() + ": " + close_reason_;
+    log(choice_.is_news(close_reason_) ? Level::warning : Level::debug,
         text + "; trying again, next in " + std::to_string(delay.count()) + " ms");
-    reported_ = text;
     events_.status(text);
-}
-
-std::string BrokerSession::address() const
-{
-    return configuration_.broker.host + ":" + std::to_string(configuration_.broker.port);
 }
 
 // A broker refuses a will that asks for more than it can do. Says whether the next attempt asks for
@@ -202,6 +217,8 @@ bool BrokerSession::asked_too_much(int refusal)
 
 void BrokerSession::connected()
 {
+    if (choice_.now().session_expiry_s)
+        take_up_the_session();
     events_.reading();
     subscribe_all();
     const bool is_first = last_connection_.empty();
@@ -214,6 +231,31 @@ void BrokerSession::connected()
         return announce(false);
     phase_ = Phase::asking;
     phase_ends_ = Clock::now() + kAnswerTime;
+}
+
+// What an earlier connection has asked for a short time only still stands in its session.
+void BrokerSession::take_up_the_session()
+{
+    left_behind_.push_back(configuration_.state_topic);
+    for (const std::string &topic : std::exchange(left_behind_, {}))
+        if (link_->has_session())
+            link_->unsubscribe(topic);
+    tell_of_the_session();
+}
+
+void BrokerSession::tell_of_the_session() const
+{
+    if (link_->session_expiry_s() < choice_.now().session_expiry_s)
+        log(Level::warning, "the broker keeps commands for " +
+                                std::to_string(link_->session_expiry_s()) +
+                                " s only while this bridge is away");
+    if (link_->has_session())
+        log(Level::info, "the broker has kept the session; commands that waited come now");
+    else if (last_connection_.empty())
+        log(Level::info, "the broker has no session of this bridge; it keeps commands from now on");
+    else
+        log(Level::warning, "the broker has not kept the session; commands that were sent while "
+                            "there was no connection are lost");
 }
 
 // Uses the quality of service with which the tree is read, so that the messages stay in order.
@@ -338,7 +380,7 @@ void BrokerSession::hear_state(const Message &state)
 // is a later attempt's, also the last acknowledged value must be there.
 bool BrokerSession::tells_that_all_is_kept(const Message &state) const
 {
-    if (state.payload != "offline")
+    if (state.payload != "offline" || choice_.now().address() != last_address_)
         return false;
     const std::string connection = property_of(state.properties, kConnection);
     return connection == last_connection_ || (connection == connection_ && witness_.is_there());
@@ -367,10 +409,11 @@ void BrokerSession::go_online(bool has_read)
     phase_ = Phase::online;
     online_since_ = Clock::now();
     last_connection_ = connection_;
-    reported_.clear();
+    last_address_ = choice_.now().address();
+    choice_.forget_reasons();
     events_.online(kept_, has_read);
     subscribe_at_last();
-    const std::string text = "connected to " + address();
+    const std::string text = "connected to " + last_address_;
     log(Level::info, text + (kept_ ? "; the broker has kept what it had" : "; sending everything"));
     events_.status(text);
 }
@@ -384,7 +427,9 @@ Publication BrokerSession::state_message(const char *text) const
     state.retain = state_retained_;
     state.content_type = "text/plain";
     state.is_utf8 = true;
-    state.properties = {{property::kOrigin, origin_}, {kConnection, connection_}};
+    state.properties = {{property::kOrigin, origin_},
+                        {kConnection, connection_},
+                        {kBroker, choice_.now().address()}};
     return state;
 }
 

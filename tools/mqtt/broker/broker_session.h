@@ -11,6 +11,7 @@
 
 #include "base/counters.h"
 #include "broker/backoff.h"
+#include "broker/broker_choice.h"
 #include "broker/broker_link.h"
 #include "broker/witness.h"
 #include "config/configuration.h"
@@ -103,7 +104,9 @@ class BrokerSession {
     void subscribe_at_last();
     void send_state(const char *text);
     Publication state_message(const char *text) const;
-    std::string address() const;
+    void choose_broker(bool was_good);
+    void take_up_the_session();
+    void tell_of_the_session() const;
 
     const Configuration &configuration_;
     const std::string origin_;
@@ -115,6 +118,8 @@ class BrokerSession {
     Clock::time_point phase_ends_{}; // when to connect, or to stop waiting for an answer
     Clock::time_point online_since_{};
     Backoff backoff_;
+    BrokerChoice choice_;
+    std::string last_address_;    // of the broker that was online last
     std::string connection_;      // names this one in the state topic, and the attempts before it
     std::string last_connection_; // the last one that was online
     Witness witness_;
@@ -122,11 +127,11 @@ class BrokerSession {
     bool kept_ = false;
     std::vector<Subscription> asked_for_;              // on this connection, as the rules want them
     std::unordered_map<int, std::string> subscribing_; // filters by the id of the request
+    std::vector<std::string> left_behind_;             // asked for on a connection that was lost
 
     bool is_closed_ = false;
     std::string close_reason_;
     int refusal_ = 0;
-    std::string reported_; // the last reason that was logged
 
     // What the broker takes: both are lowered when it refuses them.
     int state_qos_ = 1;

@@ -39,6 +39,7 @@ struct Publication {
     bool is_utf8 = false;
     uint32_t expiry_s = 0;
     UserProperties properties;
+    std::string correlation{}; // of an answer: what the question has said of itself
     uint64_t number = 0;       // the number in the properties; 0: none
     Clock::time_point since{}; // when the oldest change that it stands for was seen
 };
@@ -50,6 +51,9 @@ struct Message {
     bool retain = false; // the broker has kept it from before the subscription, or keeps it now
     UserProperties properties;
     std::vector<uint32_t> subscriptions; // the numbers of those that it came for; none: not known
+    std::string response_topic{};        // where its sender wants an answer, or an empty text
+    std::string correlation{};           // what is to be sent with the answer
+    size_t left_out = 0;                 // bytes of a payload that is too large to be looked at
 };
 
 struct Subscription {

@@ -12,14 +12,20 @@ namespace {
 // What a broker says is cut here for the log.
 constexpr size_t kMostReasonBytes = 200;
 
-std::string reason_string(const mosquitto_property *list)
+std::string text_of(const mosquitto_property *list, int identifier)
 {
     char *text = nullptr;
-    if (!mosquitto_property_read_string(list, MQTT_PROP_REASON_STRING, &text, false) || !text)
+    if (!mosquitto_property_read_string(list, identifier, &text, false) || !text)
         return {};
-    const std::string said = tool::escaped(std::string_view(text).substr(0, kMostReasonBytes));
+    std::string copy(text);
     std::free(text);
-    return said;
+    return copy;
+}
+
+std::string reason_string(const mosquitto_property *list)
+{
+    const std::string text = text_of(list, MQTT_PROP_REASON_STRING);
+    return tool::escaped(std::string_view(text).substr(0, kMostReasonBytes));
 }
 
 } // namespace
@@ -41,6 +47,10 @@ void PropertyList::describe(const Publication &publication)
         note(mosquitto_property_add_byte(&list_, MQTT_PROP_PAYLOAD_FORMAT_INDICATOR, 1));
     if (publication.expiry_s)
         add_number(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, publication.expiry_s);
+    if (!publication.correlation.empty())
+        note(mosquitto_property_add_binary(&list_, MQTT_PROP_CORRELATION_DATA,
+                                           publication.correlation.data(),
+                                           static_cast<uint16_t>(publication.correlation.size())));
     for (const auto &[name, value] : publication.properties)
         note(mosquitto_property_add_string_pair(&list_, MQTT_PROP_USER_PROPERTY, name.c_str(),
                                                 value.c_str()));
@@ -64,6 +74,22 @@ std::vector<uint32_t> subscriptions(const mosquitto_property *list)
                                                   !found.empty())))
         found.push_back(number);
     return found;
+}
+
+std::string response_topic(const mosquitto_property *list)
+{
+    return text_of(list, MQTT_PROP_RESPONSE_TOPIC);
+}
+
+std::string correlation(const mosquitto_property *list)
+{
+    void *bytes = nullptr;
+    uint16_t size = 0;
+    if (!mosquitto_property_read_binary(list, MQTT_PROP_CORRELATION_DATA, &bytes, &size, false))
+        return {};
+    std::string copy(static_cast<const char *>(bytes), bytes ? size : 0);
+    std::free(bytes);
+    return copy;
 }
 
 UserProperties user_properties(const mosquitto_property *list)

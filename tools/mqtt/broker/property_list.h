@@ -48,6 +48,11 @@ class PropertyList {
     bool is_complete_ = true;
 };
 
+// Where an answer to the message is to go, and what is to be sent with it; empty where there is
+// none.
+std::string response_topic(const mosquitto_property *list);
+std::string correlation(const mosquitto_property *list);
+
 UserProperties user_properties(const mosquitto_property *list);
 std::vector<uint32_t> subscriptions(const mosquitto_property *list);
 

@@ -3,7 +3,9 @@
 #include "common/pattern.h"
 #include "common/table_reader.h"
 #include "common/toml_text.h"
+#include "config/broker_reader.h"
 #include "config/setting_values.h"
+#include "names/topic_names.h"
 
 #include <algorithm>
 #include <array>
@@ -46,7 +48,9 @@ class ConfigurationReader {
         table.read<std::string>("discovery", result.discovery, setting::prefix);
         const toml::table none;
         const toml::table *broker = table.table("broker");
-        result.broker = read_broker(broker ? *broker : none, result.device);
+        auto brokers = read_brokers(broker ? *broker : none, path_, result.device, problems_);
+        result.broker = brokers.front();
+        result.fallbacks.assign(brokers.begin() + 1, brokers.end());
         result.out = read_rules<OutRule>(table, "out", result.prefix);
         result.in = read_rules<InRule>(table, "in", result.prefix);
         table.refuse_the_rest();
@@ -70,45 +74,6 @@ class ConfigurationReader {
         table.read<std::string>("state-topic", result.state_topic, setting::prefix);
         if (result.state_topic.empty())
             table.problem("state-topic", "must not be empty");
-    }
-
-    BrokerSettings read_broker(const toml::table &source, const std::string &device)
-    {
-        TableReader table(source, path_, problems_);
-        BrokerSettings broker;
-        table.read<std::string>("host", broker.host, setting::host_alone);
-        broker.client_id = "kp-mqtt-" + device;
-        table.read<std::string>("client-id", broker.client_id, setting::client_id);
-        table.read("credentials-file", broker.credentials_file);
-        table.read_integer("keep-alive", broker.keep_alive_s, 5, 3600);
-        table.read("connect-timeout", broker.connect_timeout, 1, 300);
-        table.read("reconnect-min", broker.reconnect_min, 0.1, 3600);
-        table.read("reconnect-max", broker.reconnect_max, 0.1, 3600);
-        if (broker.reconnect_max < broker.reconnect_min)
-            table.problem("reconnect-max", "must not be less than reconnect-min");
-        table.read("burst-rate", broker.burst_rate, 0, 1e6);
-        if (const toml::table *tls = table.table("tls"))
-            broker.tls = read_tls(*tls);
-        broker.port = broker.tls ? 8883 : 1883;
-        table.read_integer("port", broker.port, 1, 65535);
-        table.refuse_the_rest();
-        return broker;
-    }
-
-    TlsSettings read_tls(const toml::table &source)
-    {
-        TableReader table(source, path_, problems_);
-        TlsSettings tls;
-        table.read("ca-file", tls.ca_file);
-        table.read("ca-path", tls.ca_path);
-        table.read("cert-file", tls.cert_file);
-        table.read("key-file", tls.key_file);
-        if (tls.ca_file.empty() && tls.ca_path.empty())
-            tls.ca_path = "/etc/ssl/certs";
-        if (tls.cert_file.empty() != tls.key_file.empty())
-            table.problem("cert-file", "cert-file and key-file need each other");
-        table.refuse_the_rest();
-        return tls;
     }
 
     template <typename Rule>
@@ -140,6 +105,10 @@ class ConfigurationReader {
                 table.problem("exclude", "\"" + pattern + "\" is no pattern of tags: " + problem);
         rule.prefix = default_prefix;
         table.read<std::string>("prefix", rule.prefix, setting::prefix);
+        table.read<std::string>("tags", rule.tags, setting::tag_prefix);
+        if (!rule.tags.empty() &&
+            !tool::Pattern(rule.tags + "/#").contains(tool::Pattern(rule.pattern)))
+            table.problem("tags", "the pattern must begin with it, and go on behind it");
         table.read("retain", rule.retain);
         table.read("min-interval", rule.quiet.min_interval, 0, kDay);
         table.read("max-interval", rule.quiet.max_interval, 0, kDay);
@@ -171,6 +140,7 @@ class ConfigurationReader {
         if (table.has("quality-when-stale"))
             rule.quality_when_stale = quality;
         table.read<std::string>("sender-state", rule.sender_state, setting::plain_filter);
+        table.read<std::string>("answers", rule.answers, setting::plain_filter);
         if (!rule.sender_state.empty() && !rule.quality_when_stale)
             table.problem("sender-state", "needs quality-when-stale");
     }
@@ -208,15 +178,28 @@ bool OutRule::takes(std::string_view tag) const
            });
 }
 
+std::string OutRule::topic_of(std::string_view tag) const
+{
+    return to_mqtt_topic(prefix, tags.empty() ? tag : tag.substr(tags.size() + 1));
+}
+
 bool OutRule::sends_like(const OutRule &other) const
 {
-    return prefix == other.prefix && qos == other.qos && payload == other.payload &&
-           retain == other.retain && expiry_s == other.expiry_s;
+    return prefix == other.prefix && tags == other.tags && qos == other.qos &&
+           payload == other.payload && retain == other.retain && expiry_s == other.expiry_s;
 }
 
 std::string InRule::full_filter() const
 {
     return prefix.empty() ? filter : prefix + '/' + filter;
+}
+
+std::vector<const BrokerSettings *> Configuration::brokers() const
+{
+    std::vector<const BrokerSettings *> all{&broker};
+    for (const BrokerSettings &fallback : fallbacks)
+        all.push_back(&fallback);
+    return all;
 }
 
 const OutRule *Configuration::rule_for(std::string_view tag) const

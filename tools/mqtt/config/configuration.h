@@ -1,9 +1,9 @@
 // What the configuration file says, with every default filled in.
 #pragma once
 
+#include "config/broker_settings.h"
 #include "config/rule_settings.h"
 #include "kp.h"
-#include "tls/tls_settings.h"
 
 #include <cstdint>
 #include <optional>
@@ -23,12 +23,16 @@ struct RuleSettings {
 // Tags to the broker.
 struct OutRule : RuleSettings {
     std::string pattern;
+    std::string tags; // what the pattern begins with and the topics leave out
     std::vector<std::string> exclude;
     bool retain = true;
     Quiet quiet;
     uint32_t expiry_s = 0; // 0: the broker keeps the value for ever
 
     bool takes(std::string_view tag) const;
+
+    // The topic of a tag that the rule takes.
+    std::string topic_of(std::string_view tag) const;
 
     // Says whether both rules make the same messages.
     bool sends_like(const OutRule &other) const;
@@ -45,21 +49,9 @@ struct InRule : RuleSettings {
     uint32_t max_tags = 1000;
     std::optional<uint8_t> quality_when_stale; // of values whose sender or the broker is away
     std::string sender_state; // a filter of topics: senders say there whether they are online
+    std::string answers;      // a filter of the topics that answers may go to; empty: to none
 
     std::string full_filter() const;
-};
-
-struct BrokerSettings {
-    std::string host = "localhost";
-    int port = 0; // 0 until read, then 1883 or with TLS 8883
-    std::string client_id;
-    std::string credentials_file; // user in the first line, password in the second
-    int keep_alive_s = 30;
-    milliseconds connect_timeout{10'000};
-    milliseconds reconnect_min{1'000};
-    milliseconds reconnect_max{60'000};
-    double burst_rate = 500; // messages a second after a connection; 0: as fast as they go
-    std::optional<TlsSettings> tls;
 };
 
 struct Configuration {
@@ -75,8 +67,12 @@ struct Configuration {
     int quality_when_gone = 0;
     bool trust_visible = false; // assume that processes which cannot be seen have no topic open
     BrokerSettings broker;
+    std::vector<BrokerSettings> fallbacks; // tried in this order after it
     std::vector<OutRule> out;
     std::vector<InRule> in;
+
+    // All of them, in the order in which they are tried.
+    std::vector<const BrokerSettings *> brokers() const;
 
     // The first rule that takes a tag, or null. The bridge's own tags are never sent.
     const OutRule *rule_for(std::string_view tag) const;

@@ -13,11 +13,13 @@ auto of_the_process(const Configuration &settings)
                     settings.trust_visible, settings.dictionary);
 }
 
-auto of_the_connection(const Configuration &settings)
+bool connect_alike(const Configuration &before, const Configuration &after)
 {
-    const BrokerSettings &broker = settings.broker;
-    return std::tie(settings.state_topic, broker.host, broker.port, broker.client_id,
-                    broker.credentials_file, broker.keep_alive_s, broker.tls);
+    const auto same = [](const BrokerSettings *one, const BrokerSettings *other) {
+        return one->connects_like(*other);
+    };
+    return before.state_topic == after.state_topic &&
+           std::ranges::equal(before.brokers(), after.brokers(), same);
 }
 
 // All that decides which tags and topics belong to a shared tree.
@@ -46,7 +48,7 @@ Reach reach_of(const Configuration &before, const Configuration &after)
 {
     if (of_the_process(before) != of_the_process(after))
         return Reach::everything;
-    if (of_the_connection(before) != of_the_connection(after) || !has_same_tree(before, after))
+    if (!connect_alike(before, after) || !has_same_tree(before, after))
         return Reach::connection;
     return Reach::rules;
 }

@@ -40,12 +40,18 @@ std::string written_pattern(const std::string &prefix, const tool::Levels &level
     return pattern;
 }
 
+std::ptrdiff_t levels_of(const std::string &tags)
+{
+    return tags.empty() ? 0 : std::ranges::count(tags, '/') + 1;
+}
+
 // Every topic that a rule can send is covered by one of these filters. Wildcards stay; a prefix and
 // plain levels are escaped as the topics are. The tag `a/_` is sent as `a`, so `a/+` sends the
 // topic `a`, too.
 Names sent_filters(const OutRule &rule)
 {
     tool::Levels levels = tool::split_levels(rule.pattern);
+    levels.erase(levels.begin(), levels.begin() + levels_of(rule.tags));
     Names filters;
     const bool stands_for_parent = levels.size() > 1 && levels.back() == "_";
     if (!stands_for_parent)
@@ -125,16 +131,41 @@ bool can_send_one_topic(const OutRule &first, const OutRule &second)
     });
 }
 
+// Whether both rules send a tag that both take to the same topic.
+bool name_alike(const OutRule &first, const OutRule &second)
+{
+    return first.prefix == second.prefix && first.tags == second.tags;
+}
+
 // Two tags must not become one topic, which different prefixes make possible.
 void find_collisions(const Configuration &configuration, Names &problems)
 {
     const auto &rules = configuration.out;
     for (size_t first = 0; first < rules.size(); ++first)
         for (size_t second = first + 1; second < rules.size(); ++second)
-            if (rules[first].prefix != rules[second].prefix &&
+            if (!name_alike(rules[first], rules[second]) &&
                 can_send_one_topic(rules[first], rules[second]))
                 problems.push_back(rules[first].name + " and " + rules[second].name +
                                    " can send different tags to one topic");
+}
+
+// The first out rule that takes a tag decides.
+void find_out_rules_that_lose(const Configuration &configuration, Names &problems)
+{
+    const auto &rules = configuration.out;
+    for (size_t second = 1; second < rules.size(); ++second) {
+        const tool::Pattern pattern(rules[second].pattern);
+        const auto takes_all = [&pattern](const OutRule &first) {
+            return tool::Pattern(first.pattern).contains(pattern) &&
+                   std::ranges::none_of(first.exclude, [&pattern](const std::string &excluded) {
+                       return tool::Pattern(excluded).meets(pattern);
+                   });
+        };
+        const auto end = rules.begin() + static_cast<std::ptrdiff_t>(second);
+        if (const auto first = std::find_if(rules.begin(), end, takes_all); first != end)
+            problems.push_back(rules[second].name + " can never win: " + first->name +
+                               " comes before it and takes all of its tags");
+    }
 }
 
 // The most specific in rule wins, also for retained messages that another rule asked for.
@@ -162,7 +193,7 @@ bool sends_tag(const Configuration &configuration, const OutRule &rule, const st
                const std::string &topic)
 {
     return rule.takes(tag) && !tool::Pattern(configuration.status_prefix + "/#").covers(tag) &&
-           to_mqtt_topic(rule.prefix, tag) == topic;
+           rule.topic_of(tag) == topic;
 }
 
 // The value of a tag in place of "online" would make the device look gone, or the other way round.
@@ -174,7 +205,8 @@ void find_state_topic(const Configuration &configuration, Names &problems)
             problems.push_back(in.name + " receives the bridge's own state topic " + topic);
     for (const OutRule &out : configuration.out) {
         const size_t below = out.prefix.empty() ? 0 : out.prefix.size() + 1;
-        const std::string tag = without_escapes(topic.substr(std::min(below, topic.size())));
+        const std::string tag = tool::join_levels(
+            out.tags, without_escapes(topic.substr(std::min(below, topic.size()))));
         if (sends_tag(configuration, out, tag, topic) ||
             sends_tag(configuration, out, tool::join_levels(tag, "_"), topic))
             problems.push_back(out.name + " can send a tag to the bridge's own state topic " +
@@ -194,8 +226,8 @@ bool can_send_below(const OutRule &rule, const std::string &topic)
         return true;
     if (!lies_below(topic, rule.prefix))
         return false;
-    const std::string tag =
-        without_escapes(topic.substr(rule.prefix.empty() ? 0 : rule.prefix.size() + 1));
+    const std::string tag = tool::join_levels(
+        rule.tags, without_escapes(topic.substr(rule.prefix.empty() ? 0 : rule.prefix.size() + 1)));
     return meeting_in_the_tags(rule, {tag, tag + "/#"}) != nullptr;
 }
 
@@ -215,6 +247,52 @@ void find_discovery(const Configuration &configuration, Names &problems)
                                ", where tags are announced");
 }
 
+// What a broker keeps for the bridge comes in the order of its queue. The bridge's own state of a
+// delivery at QoS 2 does not outlive a connection, and a shared tree is read anew at each.
+void find_what_no_session_can_keep(const Configuration &configuration, Names &problems)
+{
+    if (configuration.broker.session_expiry_s == 0)
+        return;
+    const std::string text = " cannot go with session-expiry: ";
+    const auto check = [&](const RuleSettings &rule) {
+        if (rule.qos == 2)
+            problems.push_back(rule.name + ": qos = 2" + text +
+                               "each connection begins without what was half done; say qos = 1");
+    };
+    std::ranges::for_each(configuration.out, check);
+    std::ranges::for_each(configuration.in, check);
+    for (const InRule &in : configuration.in)
+        if (in.shared)
+            problems.push_back(in.name + ": shared = true" + text +
+                               "older messages that waited would come after what the tree holds");
+}
+
+// Where an answer could go that this bridge sends or receives itself, or an empty text.
+std::string meeting_of_answers(const Configuration &configuration, const std::string &answers)
+{
+    const tool::Pattern filter(answers, tool::Dialect::mqtt);
+    if (filter.covers(configuration.state_topic))
+        return "the bridge says its state";
+    for (const OutRule &out : configuration.out)
+        if (meeting_at_the_broker(sent_filters(out), answers))
+            return out.name + " sends values";
+    for (const InRule &in : configuration.in)
+        for (const std::string &received : {in.full_filter(), in.sender_state})
+            if (!received.empty() && filter.meets(tool::Pattern(received, tool::Dialect::mqtt)))
+                return in.name + " receives messages";
+    return {};
+}
+
+void find_loops_of_answers(const Configuration &configuration, Names &problems)
+{
+    for (const InRule &in : configuration.in)
+        if (const std::string meeting =
+                in.answers.empty() ? "" : meeting_of_answers(configuration, in.answers);
+            !meeting.empty())
+            problems.push_back(in.name + ": answers = \"" + in.answers + "\" takes topics where " +
+                               meeting + "; answers need topics of their own");
+}
+
 } // namespace
 
 std::vector<std::string> rule_problems(const Configuration &configuration)
@@ -224,9 +302,12 @@ std::vector<std::string> rule_problems(const Configuration &configuration)
         problems.push_back("there is no [[out]] and no [[in]] rule: nothing to do");
     find_overlaps(configuration, problems);
     find_collisions(configuration, problems);
+    find_out_rules_that_lose(configuration, problems);
     find_in_rules_that_lose(configuration, problems);
     find_state_topic(configuration, problems);
     find_discovery(configuration, problems);
+    find_what_no_session_can_keep(configuration, problems);
+    find_loops_of_answers(configuration, problems);
     return problems;
 }
 

@@ -43,7 +43,30 @@ std::string plain_file_problem(const std::string &path, int rights)
     return access(path.c_str(), rights) == 0 ? "" : system_problem(path);
 }
 
+using Lines = std::vector<std::string>;
+
+// What brokers have in common is said once.
+Lines of_all(const Configuration &configuration, Lines (*problems_of)(const BrokerSettings &))
+{
+    Lines all;
+    for (const BrokerSettings *broker : configuration.brokers())
+        for (std::string &problem : problems_of(*broker))
+            if (std::ranges::find(all, problem) == all.end())
+                all.push_back(std::move(problem));
+    return all;
+}
+
 } // namespace
+
+std::vector<std::string> file_problems(const Configuration &configuration)
+{
+    return of_all(configuration, file_problems);
+}
+
+std::vector<std::string> date_problems(const Configuration &configuration)
+{
+    return of_all(configuration, date_problems);
+}
 
 std::string state_file_problem(const std::string &path)
 {

@@ -8,6 +8,10 @@
 
 namespace kp::mqtt {
 
+// Of all brokers, each line once.
+std::vector<std::string> file_problems(const Configuration &configuration);
+std::vector<std::string> date_problems(const Configuration &configuration);
+
 // Of the credentials, keys and certificates; one line each, as the user who asks sees the files.
 std::vector<std::string> file_problems(const BrokerSettings &broker);
 

@@ -48,11 +48,18 @@ tool::Result<std::string> host_alone(const std::string &text)
 {
     const size_t colon = text.find(':');
     const bool has_port = colon != text.npos && text.rfind(':') == colon;
+    const std::string_view alone = "must be a name or an address alone";
     if (text.empty())
         return tool::Result<std::string>::failed("must not be empty");
-    if (text.find('/') != text.npos || has_port)
+    if (const size_t scheme = text.find("://"); scheme != text.npos)
         return tool::Result<std::string>::failed(
-            "must be a name or an address alone; port and [broker.tls] are settings of their own");
+            std::string(alone) + ", without \"" + text.substr(0, scheme + 3) +
+            "\"; port is a setting of its own, and TLS is what a section [broker.tls] asks for");
+    if (has_port && text.find('/') == text.npos)
+        return tool::Result<std::string>::failed(std::string(alone) + "; say port = " +
+                                                 text.substr(colon + 1) + " in a line of its own");
+    if (text.find('/') != text.npos)
+        return tool::Result<std::string>::failed(std::string(alone) + ", without \"/\"");
     return tool::Result<std::string>::of(text);
 }
 

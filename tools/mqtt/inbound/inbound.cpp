@@ -11,13 +11,23 @@
 
 namespace kp::mqtt {
 
+namespace {
+
+// What makes it the same rule for a reload, and for a broker that has kept messages for it.
+std::string identity_of(const InRule &rule)
+{
+    return rule.prefix + '\n' + rule.filter + '\n' + rule.tags;
+}
+
+} // namespace
+
 Inbound::Inbound(const Configuration &configuration, const StoreReader &reader, SharedTags &shared,
                  InboundEvents events, Counters &counters)
     : configuration_(configuration), reader_(reader), shared_(shared), events_(std::move(events)),
       counters_(counters)
 {
     for (const InRule &rule : configuration.in)
-        rules_.push_back({&rule, ++last_number_});
+        rules_.push_back({&rule, number_for(identity_of(rule))});
     find_state_filters();
 }
 
@@ -27,11 +37,10 @@ void Inbound::reload()
     std::vector<Rule> before = std::exchange(rules_, {});
     for (const InRule &settings : configuration_.in) {
         const auto same = std::ranges::find_if(before, [&settings](const Rule &rule) {
-            return rule.settings->prefix == settings.prefix &&
-                   rule.settings->filter == settings.filter && rule.settings->tags == settings.tags;
+            return identity_of(*rule.settings) == identity_of(settings);
         });
         if (same == before.end())
-            rules_.push_back({&settings, ++last_number_, {}, {}, true});
+            rules_.push_back({&settings, number_for(identity_of(settings)), {}, {}, true});
         else
             rules_.push_back({&settings, same->number, std::exchange(same->tags, {}), same->away});
     }
@@ -45,6 +54,28 @@ void Inbound::reload()
     review();
 }
 
+// The same text has the same number in every run, since a broker can keep messages that came for a
+// subscription until the next one. It is a hash (FNV-1a) in the range of such numbers.
+uint32_t Inbound::number_for(const std::string &text) const
+{
+    constexpr uint32_t most = 268'435'455;
+    uint64_t hash = 14'695'981'039'346'656'037u;
+    for (const char c : text)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1'099'511'628'211u;
+    auto number = static_cast<uint32_t>(hash % most);
+    const auto is_taken = [this, &number] {
+        return std::ranges::any_of(rules_,
+                                   [&number](const Rule &rule) { return rule.number == number; }) ||
+               std::ranges::any_of(state_filters_, [&number](const auto &filter) {
+                   return filter.second == number;
+               });
+    };
+    do
+        number = number % most + 1;
+    while (is_taken());
+    return number;
+}
+
 void Inbound::find_state_filters()
 {
     const auto before = std::exchange(state_filters_, {});
@@ -52,7 +83,8 @@ void Inbound::find_state_filters()
         const std::string &filter = rule.settings->sender_state;
         const auto same = before.find(filter);
         if (!filter.empty() && !state_filters_.contains(filter))
-            state_filters_[filter] = same == before.end() ? ++last_number_ : same->second;
+            state_filters_[filter] =
+                same == before.end() ? number_for("state of senders\n" + filter) : same->second;
     }
 }
 
@@ -140,28 +172,34 @@ void Inbound::receive(const Message &message)
     const bool is_one_tree =
         rule->settings->shared && name.problem.empty() &&
         shared_.is_one_tree(*rule->settings, reader_.standing_for(name.text), message.topic);
-    if (is_own(message) && !is_one_tree) {
-        ++counters_.echoes;
-        if (!rule->settings->shared)
-            log_bounded(About::incoming, "the message on " + tool::escaped(message.topic) +
-                                             " has the origin of this device and is not "
-                                             "written; has another device the same name?");
-        return;
-    }
+    WhenDone when_done = events_.ask(message, *rule->settings);
+    if (is_own(message) && !is_one_tree)
+        return ignore_own(message, *rule->settings, when_done);
     if (!name.problem.empty() && is_state)
         return;
     if (!name.problem.empty())
-        return refuse(message.topic, "cannot be a tag: " + name.problem);
-    if (message.payload.size() > kMostPayloadBytes)
-        return refuse(message.topic, "it has " + std::to_string(message.payload.size()) +
-                                         " bytes, more than any value can need");
+        return refuse(message.topic, "cannot be a tag: " + name.problem, when_done);
+    if (const size_t size = std::max(message.payload.size(), message.left_out);
+        size > kMostPayloadBytes)
+        return refuse(message.topic,
+                      "it has " + std::to_string(size) + " bytes, more than any value can need",
+                      when_done);
     if (is_one_tree)
         return take_shared(*rule, name.text, message);
-    if (message.payload.empty()) {
-        ++counters_.empty;
-        return;
-    }
-    take(*rule, name.text, message);
+    if (!message.payload.empty())
+        return take(*rule, name.text, message, std::move(when_done));
+    ++counters_.empty;
+    tell(when_done, "it has no payload");
+}
+
+void Inbound::ignore_own(const Message &message, const InRule &rule, const WhenDone &when_done)
+{
+    ++counters_.echoes;
+    tell(when_done, "it has the origin of this device");
+    if (!rule.shared)
+        log_bounded(About::incoming, "the message on " + tool::escaped(message.topic) +
+                                         " has the origin of this device and is not "
+                                         "written; has another device the same name?");
 }
 
 ReadOutcome Inbound::look(const std::string &name, const std::string &tag, Sample &current) const
@@ -179,8 +217,8 @@ void Inbound::take_shared(Rule &rule, const std::string &name, const Message &me
         ++counters_.echoes;
         return;
     case Effect::drop:
-        shared_.dropped(message.topic);
-        return lose(rule, name, tag, current);
+        lose(rule, name, tag, message.topic, current);
+        return shared_.dropped(message.topic);
     case Effect::repeat:
         return events_.cleared(tag);
     case Effect::write:
@@ -193,9 +231,13 @@ void Inbound::take_shared(Rule &rule, const std::string &name, const Message &me
 }
 
 // A tag that others provide stays without the bridge, and the broker has to get its value again.
+// Of what an earlier run has left behind nobody knows whether the provider that is counted lives,
+// or is the bridge of that run, which was killed.
 void Inbound::lose(Rule &rule, const std::string &name, const std::string &tag,
-                   const Sample &current)
+                   const std::string &topic, const Sample &current)
 {
+    if (shared_.is_left_over(topic, current))
+        return drop(rule, name, true);
     const auto written = rule.tags.find(name);
     const bool is_own = written != rule.tags.end() && written->second.is_own;
     const bool lives = current.providers > (is_own ? 1u : 0u);
@@ -257,11 +299,13 @@ bool Inbound::is_below_a_written_tag(const std::string &name) const
     return false;
 }
 
-void Inbound::take(Rule &rule, const std::string &name, const Message &message)
+void Inbound::take(Rule &rule, const std::string &name, const Message &message, WhenDone when_done)
 {
     Sample current;
     const ReadOutcome outcome = look(name, reader_.standing_for(name), current);
-    write(rule, name, message, outcome, current, {});
+    WriteRequest request;
+    request.when_done = std::move(when_done);
+    write(rule, name, message, outcome, current, std::move(request));
 }
 
 void Inbound::write(Rule &rule, const std::string &name, const Message &message,
@@ -269,13 +313,14 @@ void Inbound::write(Rule &rule, const std::string &name, const Message &message,
 {
     const bool is_new = !rule.tags.contains(name);
     if (is_new && rule.tags.size() >= rule.settings->max_tags)
-        return refuse(message.topic, "the rule has written max-tags tags already");
+        return refuse(message.topic, "the rule has written max-tags tags already",
+                      request.when_done);
     // A tag that is the bridge's alone takes another type from its message.
     const bool declares = request.key && is_ours_alone(rule, name, current);
     const ReadOutcome found = declares ? ReadOutcome::missing : outcome;
     if (const std::string problem = convert(*rule.settings, message, found, current, request);
         !problem.empty())
-        return refuse(message.topic, problem);
+        return refuse(message.topic, problem, request.when_done);
     Taken taken;
     taken.is_own = is_new ? !request.is_declared : rule.tags[name].is_own;
     taken.sender = origin_device(property_of(message.properties, property::kOrigin));
@@ -319,9 +364,10 @@ bool Inbound::is_superfluous(const std::string &tag, const Message &message, con
     return theirs != ours ? theirs < ours : origin_device(origin) < configuration_.device;
 }
 
-void Inbound::refuse(const std::string &topic, const std::string &why)
+void Inbound::refuse(const std::string &topic, const std::string &why, const WhenDone &when_done)
 {
     ++counters_.refused;
+    tell(when_done, why);
     const std::string text = "the message on " + tool::escaped(topic) + " is refused: " + why;
     log_bounded(About::incoming, text);
 }

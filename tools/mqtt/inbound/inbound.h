@@ -3,6 +3,7 @@
 #pragma once
 
 #include "base/counters.h"
+#include "base/when_done.h"
 #include "broker/message.h"
 #include "config/configuration.h"
 #include "names/topic_names.h"
@@ -31,6 +32,8 @@ struct InboundEvents {
     std::function<void(const std::string &tag, uint8_t quality)> set_quality;
     // Whether a tag that can still be read is about to go.
     std::function<bool(const std::string &tag)> is_dropping;
+    // Who is to hear what becomes of a message.
+    std::function<WhenDone(const Message &message, const InRule &rule)> ask;
 };
 
 class Inbound {
@@ -81,17 +84,20 @@ class Inbound {
     bool is_own(const Message &message) const;
     Name name_for(const Rule &rule, const std::string &topic) const;
     bool is_below_a_written_tag(const std::string &name) const;
-    void take(Rule &rule, const std::string &name, const Message &message);
+    void take(Rule &rule, const std::string &name, const Message &message, WhenDone when_done);
+    void ignore_own(const Message &message, const InRule &rule, const WhenDone &when_done);
     void take_shared(Rule &rule, const std::string &name, const Message &message);
     void write(Rule &rule, const std::string &name, const Message &message, ReadOutcome outcome,
                const Sample &current, WriteRequest request);
-    void lose(Rule &rule, const std::string &name, const std::string &tag, const Sample &current);
+    void lose(Rule &rule, const std::string &name, const std::string &tag, const std::string &topic,
+              const Sample &current);
     void drop(Rule &rule, const std::string &name, bool left_over);
     ReadOutcome look(const std::string &name, const std::string &tag, Sample &current) const;
     bool is_ours_alone(const Rule &rule, const std::string &name, const Sample &current) const;
     bool is_superfluous(const std::string &tag, const Message &message, const Sample &current,
                         const WriteRequest &request) const;
-    void refuse(const std::string &topic, const std::string &why);
+    void refuse(const std::string &topic, const std::string &why, const WhenDone &when_done);
+    uint32_t number_for(const std::string &text) const;
 
     const Configuration &configuration_;
     const StoreReader &reader_;
@@ -100,7 +106,6 @@ class Inbound {
     Counters &counters_;
     std::vector<Rule> rules_;
     std::map<std::string, uint32_t> state_filters_; // with the numbers of their subscriptions
-    uint32_t last_number_ = 0;
     bool is_connected_ = false;
 };
 

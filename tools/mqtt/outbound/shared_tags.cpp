@@ -49,10 +49,10 @@ bool SharedTags::is_one_tree(const InRule &rule, const std::string &tag,
     if (!rule.shared || !rule.retained)
         return false;
     const OutRule *out = configuration_.rule_for(tag);
-    return !out || (out->retain && to_mqtt_topic(out->prefix, tag) == topic);
+    return !out || (out->retain && out->topic_of(tag) == topic);
 }
 
-// What an earlier run has taken from the broker and left behind, which nobody has written since.
+// Nobody has written it since.
 bool SharedTags::is_left_over(const std::string &topic, const Sample &sample) const
 {
     return state_.is_taken(topic) && sample.ts <= last_alive_;

@@ -55,6 +55,8 @@ class SharedTags {
     {
         return !is_from_broker(tag, sample) || writer_->key_of(tag, sample) == key;
     }
+    // Says whether the value is one that an earlier run has taken from the broker and left behind.
+    bool is_left_over(const std::string &topic, const Sample &sample) const;
     Hold hold(const OutTopic &topic, const Sample &sample) const;
     // Says whether the broker keeps a value of another device whose tag has been removed here.
     bool is_removed(const std::string &topic) const;
@@ -78,7 +80,6 @@ class SharedTags {
   private:
     Standing standing(const std::string &topic, const std::string &tag, ReadOutcome outcome,
                       const Sample &sample) const;
-    bool is_left_over(const std::string &topic, const Sample &sample) const;
     std::vector<std::string> find_lost();
     void mark_live(bool is_complete, Clock::time_point now);
     void mark_gone(bool is_complete, Clock::time_point now);

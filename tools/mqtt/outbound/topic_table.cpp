@@ -77,7 +77,7 @@ void TopicTable::look_at(const std::string &tag, Clock::time_point now)
 // of them is gone.
 OutTopic *TopicTable::add(const std::string &tag, const OutRule &rule)
 {
-    std::string mqtt = to_mqtt_topic(rule.prefix, tag);
+    std::string mqtt = rule.topic_of(tag);
     if (by_mqtt_.contains(mqtt))
         return nullptr;
     auto topic = std::make_unique<OutTopic>();
@@ -102,7 +102,7 @@ void TopicTable::reload(const Configuration &before, Clock::time_point now)
     std::vector<OutTopic *> gone;
     for (const auto &[tag, topic] : by_tag_) {
         const OutRule *rule = configuration_.rule_for(tag);
-        if (!rule || to_mqtt_topic(rule->prefix, tag) != topic->mqtt) {
+        if (!rule || rule->topic_of(tag) != topic->mqtt) {
             gone.push_back(topic.get());
             continue;
         }

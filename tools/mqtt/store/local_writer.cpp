@@ -4,6 +4,9 @@
 #include "common/text.h"
 #include "names/topic_names.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace kp::mqtt {
 
 std::unique_ptr<LocalWriter> LocalWriter::start(const std::string &endpoint,
@@ -47,9 +50,10 @@ void LocalWriter::put(const std::string &tag, WriteRequest request)
     const std::lock_guard lock(mutex_);
     const auto [entry, is_first] = waiting_.try_emplace(tag);
     auto &waiting = entry->second;
-    if (waiting.write)
+    if (waiting.write) {
         request.messages += waiting.write->messages;
-    else if (!is_first)
+        std::ranges::copy(waiting.write->when_done, std::back_inserter(request.when_done));
+    } else if (!is_first)
         dropping_.erase(tag); // it stays
     waiting.write = std::move(request);
     waiting.quality.reset();
@@ -218,6 +222,8 @@ void LocalWriter::write(const std::string &name, const WriteRequest &request)
         counters_.in += request.messages;
     else
         ++counters_.refused;
+    tell(request.when_done,
+         done ? "" : "the tag cannot be written; the log of the bridge says more");
 }
 
 // Removes a tag with a value whose name is the directory of another tag. It must be a tag that the

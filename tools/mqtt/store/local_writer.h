@@ -13,6 +13,7 @@
 
 #include "base/clock.h"
 #include "base/counters.h"
+#include "base/when_done.h"
 #include "common/notice_marks.h"
 #include "shared/shared_tree.h"
 #include "store/brought_values.h"
@@ -39,6 +40,7 @@ struct WriteRequest {
     // If it is set, the value replaces only this one, or one from the broker. Any other value was
     // written here meanwhile: it is newer, stays and goes to the broker.
     std::optional<ValueMark> only_over;
+    WhenDone when_done{}; // for this value, or a later one in its place
 };
 
 class LocalWriter {

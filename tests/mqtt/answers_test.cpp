@@ -1,0 +1,137 @@
+#include "answers/answers.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+using namespace kp::mqtt;
+using testing::IsEmpty;
+
+namespace {
+
+InRule rule_with(const std::string &answers)
+{
+    InRule rule;
+    rule.answers = answers;
+    return rule;
+}
+
+Message asking(const std::string &response_topic, const std::string &correlation = "")
+{
+    Message message;
+    message.topic = "s/speed";
+    message.response_topic = response_topic;
+    message.correlation = correlation;
+    return message;
+}
+
+bool is_readable(int fd)
+{
+    pollfd waiting{fd, POLLIN, 0};
+    return poll(&waiting, 1, 0) == 1;
+}
+
+} // namespace
+
+TEST(Answers, GoWhereTheCommandAsksForThemWithWhatItWantsBack)
+{
+    Counters counters;
+    const auto answers = Answers::make("me/boot", counters);
+    const WhenDone questions = answers->ask(asking("r/one", "number 1"), rule_with("r/+"));
+    ASSERT_EQ(questions.size(), 1u);
+
+    questions[0]("");
+
+    EXPECT_TRUE(is_readable(answers->fd()));
+    const auto answer = answers->next();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->topic, "r/one");
+    EXPECT_EQ(answer->correlation, "number 1");
+    EXPECT_EQ(answer->payload, R"({"accepted":true,"topic":"s/speed"})");
+    EXPECT_FALSE(answer->retain);
+    EXPECT_FALSE(answers->next());
+    EXPECT_FALSE(is_readable(answers->fd()));
+}
+
+TEST(Answers, SayWhyACommandWasRefusedOnceOnly)
+{
+    Counters counters;
+    const auto answers = Answers::make("me/boot", counters);
+    WhenDone questions = answers->ask(asking("r/one"), rule_with("r/#"));
+
+    questions[0]("it is \"wrong\"");
+    questions.clear();
+
+    EXPECT_EQ(answers->next()->payload,
+              R"({"accepted":false,"topic":"s/speed","reason":"it is \"wrong\""})");
+    EXPECT_FALSE(answers->next());
+}
+
+TEST(Answers, SayThatACommandWasDropped)
+{
+    Counters counters;
+    const auto answers = Answers::make("me/boot", counters);
+
+    answers->ask(asking("r/one"), rule_with("r/#")).clear();
+
+    EXPECT_THAT(answers->next()->payload, testing::HasSubstr("it was dropped before"));
+}
+
+TEST(Answers, GoNowhereElseThanTheRuleAllows)
+{
+    Counters counters;
+    const auto answers = Answers::make("me/boot", counters);
+
+    EXPECT_THAT(answers->ask(asking("r/one"), rule_with("")), IsEmpty());
+    EXPECT_THAT(answers->ask(asking(""), rule_with("r/#")), IsEmpty());
+    EXPECT_THAT(answers->ask(asking("other"), rule_with("r/#")), IsEmpty());
+    EXPECT_THAT(answers->ask(asking("r/+"), rule_with("r/#")), IsEmpty());
+    EXPECT_THAT(answers->ask(asking("$SYS/x"), rule_with("#")), IsEmpty());
+    EXPECT_THAT(answers->ask(asking("r/one", std::string(1025, 'x')), rule_with("r/#")), IsEmpty());
+    EXPECT_FALSE(answers->next());
+}
+
+TEST(Answers, AreBoundedUntilTheBrokerHasThem)
+{
+    Counters counters;
+    const auto answers = Answers::make("me/boot", counters);
+    const InRule rule = rule_with("r/#");
+    WhenDone questions;
+    for (size_t count = 0; count < Answers::kMostOpen; ++count)
+        questions.push_back(answers->ask(asking("r/x"), rule).at(0));
+    EXPECT_THAT(answers->ask(asking("r/x"), rule), IsEmpty());
+    questions.clear();
+    EXPECT_THAT(answers->ask(asking("r/x"), rule), IsEmpty());
+
+    answers->sent(*answers->next(), 7);
+    EXPECT_THAT(answers->ask(asking("r/x"), rule), IsEmpty());
+    EXPECT_TRUE(answers->acknowledged(7, {}));
+
+    EXPECT_EQ(answers->ask(asking("r/x"), rule).size(), 1u);
+}
+
+TEST(Answers, ThatTheBrokerHasNotAcknowledgedGoAgainOnTheNextConnection)
+{
+    Counters counters;
+    const auto answers = Answers::make("me/boot", counters);
+    answers->ask(asking("r/one"), rule_with("r/#"))[0]("");
+    answers->sent(*answers->next(), 7);
+
+    answers->connection_lost();
+
+    EXPECT_FALSE(answers->acknowledged(7, {}));
+    EXPECT_EQ(answers->next()->topic, "r/one");
+}
+
+TEST(Answers, ThatTheBrokerRefusesAreCounted)
+{
+    Counters counters;
+    const auto answers = Answers::make("me/boot", counters);
+    answers->ask(asking("r/one"), rule_with("r/#"))[0]("");
+    answers->sent(*answers->next(), 7);
+
+    EXPECT_TRUE(answers->acknowledged(7, {0x87, "Not authorized"}));
+
+    EXPECT_EQ(counters.refused, 1u);
+    EXPECT_FALSE(answers->next());
+}
