@@ -214,6 +214,16 @@ TEST(DictionaryFile, EndsWithProblemsOnWhatIsNoToml)
     EXPECT_LE(read.problems.size(), 50u);
 }
 
+// Behind a number the parser takes quotation marks for a part of it, and looks at the letter.
+TEST(DictionaryFile, RefusesAStringInTheMiddleOfANumber)
+{
+    const DictionaryFile read = parsed("[\"a\"]\nunit = 0\"\xC2\xB0"
+                                       "C\"\n");
+
+    EXPECT_THAT(read.entries, IsEmpty());
+    EXPECT_EQ(read.problems.size(), 1u);
+}
+
 TEST(Dictionary, TakesEachFactFromTheMostExactPattern)
 {
     const Dictionary dictionary({file(R"(["#"]
