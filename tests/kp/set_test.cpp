@@ -374,6 +374,17 @@ TEST(KpSet, TakesSeveralTopicsWithTheirValues)
     EXPECT_EQ(kp({"set", "a", "1", "2"}).code, 2);
 }
 
+TEST(KpSet, RefusesAValueWithinValuesHoweverDeep)
+{
+    const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
+
+    const Ran ran = kp({"set", "--batch", "--peer-wait", "0"},
+                       {.input = R"({"topic":"a","type":"int8","value":)" + deep + "}\n"});
+
+    EXPECT_EQ(ran.code, 2);
+    EXPECT_EQ(ran.err, "kp: line 1: \"value\" is neither a number, a text, true, false nor null\n");
+}
+
 TEST(KpSet, LeavesNoTopicBehindThatItCouldNotWrite)
 {
     put_double("a", 1);

@@ -135,10 +135,16 @@ void SmallBroker::serve(int client)
         const auto first = read_bytes(client, 1);
         const auto size = first ? read_size(client) : std::nullopt;
         const auto body = size ? read_bytes(client, *size) : std::nullopt;
-        if (!body || !send_all(client, answer(static_cast<uint8_t>((*first)[0]), *body)))
+        if (!body || !send_whole(client, answer(static_cast<uint8_t>((*first)[0]), *body)))
             return;
         clients_ += static_cast<uint8_t>((*first)[0]) >> 4 == kConnect;
     }
+}
+
+bool SmallBroker::send_whole(int client, const std::string &packet)
+{
+    const std::lock_guard lock(sending_);
+    return send_all(client, packet);
 }
 
 // To a packet of which nobody needs an answer it is empty. Subscriptions have one filter each, and
@@ -168,6 +174,7 @@ std::string SmallBroker::answer(uint8_t first, const std::string &body) const
 size_t SmallBroker::send_message(const std::string &topic, size_t payload_bytes)
 {
     const auto client = held();
+    const std::lock_guard lock(sending_);
     const std::string head = number_bytes(topic.size()) + topic + '\0'; // no properties
     if (!client ||
         !send_all(client->get(), "\x30" + size_bytes(head.size() + payload_bytes) + head))

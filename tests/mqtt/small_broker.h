@@ -42,6 +42,7 @@ class SmallBroker {
   private:
     void run();
     void serve(int client);
+    bool send_whole(int client, const std::string &packet);
     std::string answer(uint8_t first, const std::string &body) const;
     void hold(std::shared_ptr<kp::UniqueFd> client);
     std::shared_ptr<kp::UniqueFd> held() const;
@@ -50,6 +51,7 @@ class SmallBroker {
     kp::UniqueFd listener_;
     int port_ = 0;
     std::atomic<int> clients_ = 0;
+    std::mutex sending_; // a whole packet
     mutable std::mutex mutex_;
     std::shared_ptr<kp::UniqueFd> client_; // the one that came last; it is kept open by who uses it
     std::atomic<bool> stop_ = false;

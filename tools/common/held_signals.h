@@ -2,6 +2,7 @@
 #pragma once
 
 #include <csignal>
+#include <initializer_list>
 
 namespace kp::tool {
 

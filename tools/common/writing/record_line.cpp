@@ -131,7 +131,14 @@ std::optional<Record> parse_object(const json &object, ByteStyle style, Problem 
                       take_base64(object, "value_b64", record.bytes, problem);
     if (!good)
         return std::nullopt;
-    record.value = object.value("value", json());
+    const auto value = object.find("value");
+    if (value == object.end())
+        return record;
+    if (value->is_structured()) { // copied or printed, a deep one would need a deep stack
+        problem = {kUsage, "\"value\" is neither a number, a text, true, false nor null"};
+        return std::nullopt;
+    }
+    record.value = *value;
     return record;
 }
 

@@ -79,6 +79,8 @@ std::string Answers::refusal_of(const Message &command, const InRule &rule) cons
     if (topic.starts_with('$') || !mqtt_topic_problem(topic).empty() ||
         !tool::Pattern(rule.answers, tool::Dialect::mqtt).covers(topic))
         return "which its rule does not allow";
+    if (command.topic.size() + topic.size() > kMostTopicBytes)
+        return "and the topics have more than " + std::to_string(kMostTopicBytes) + " bytes";
     if (command.correlation.size() > kMostCorrelationBytes)
         return "with correlation data of more than " + std::to_string(kMostCorrelationBytes) +
                " bytes";
@@ -94,9 +96,10 @@ WhenDone Answers::ask(const Message &command, const InRule &rule)
     if (refusal.empty() && open_ >= kMostOpen)
         refusal = "while " + std::to_string(kMostOpen) + " others wait";
     if (!refusal.empty()) {
-        log_bounded(About::incoming, "the message on " + tool::escaped(command.topic) +
-                                         " gets no answer: it asks for one on " +
-                                         tool::escaped(command.response_topic) + ", " + refusal);
+        log_bounded(About::incoming,
+                    "the message on " + tool::escaped(command.topic.substr(0, 200)) +
+                        " gets no answer: it asks for one on " +
+                        tool::escaped(command.response_topic.substr(0, 200)) + ", " + refusal);
         return {};
     }
     ++open_;

@@ -23,6 +23,7 @@ class Answers : public std::enable_shared_from_this<Answers> {
     // Whoever asks more at once gets no answer.
     static constexpr size_t kMostOpen = 1000;
     static constexpr size_t kMostCorrelationBytes = 1024;
+    static constexpr size_t kMostTopicBytes = 2000; // of the command and the answer together
 
     // `counters` must outlive every question.
     static std::shared_ptr<Answers> make(std::string origin, Counters &counters);

@@ -150,8 +150,8 @@ void BrokerSession::end_link(Clock::time_point now)
 {
     events_.lost();
     subscribing_.clear();
-    if (std::string topic = witness_.forget(); !topic.empty())
-        left_behind_.push_back(std::move(topic));
+    if (const std::string topic = witness_.forget(); !topic.empty())
+        leave_behind(topic);
     link_.reset();
     phase_ = Phase::waiting;
     phase_ends_ = now;
@@ -161,10 +161,12 @@ void BrokerSession::renew(Clock::time_point now)
 {
     backoff_ = Backoff(configuration_.broker.reconnect_min, configuration_.broker.reconnect_max);
     choice_.forget_reasons();
-    if (phase_ == Phase::waiting)
+    if (phase_ == Phase::waiting) {
         phase_ends_ = now;
+        start_over();
+    }
     if (phase_ == Phase::waiting || phase_ == Phase::connecting)
-        return;
+        return leave_behind_what_is_unwanted();
     const auto before = std::exchange(asked_for_, events_.subscriptions());
     const auto filter = &Subscription::filter;
     for (const Subscription &old : before)
@@ -176,14 +178,35 @@ void BrokerSession::renew(Clock::time_point now)
             subscribe(subscription);
 }
 
-// The other broker may be able to do more.
-void BrokerSession::connect_anew(Clock::time_point now)
+// What the last connection has asked for still stands in its session.
+void BrokerSession::leave_behind_what_is_unwanted()
+{
+    const auto wanted = events_.subscriptions();
+    for (const Subscription &old : asked_for_)
+        if (std::ranges::find(wanted, old.filter, &Subscription::filter) == wanted.end())
+            leave_behind(old.filter);
+}
+
+void BrokerSession::leave_behind(const std::string &filter)
+{
+    if (choice_.now().session_expiry_s &&
+        std::ranges::find(left_behind_, filter) == left_behind_.end())
+        left_behind_.push_back(filter);
+}
+
+// The first broker may be able to do more.
+void BrokerSession::start_over()
 {
     state_qos_ = 1;
     state_retained_ = true;
+    choice_.start_over();
+}
+
+void BrokerSession::connect_anew(Clock::time_point now)
+{
     is_closed_ = false;
     refusal_ = 0;
-    choice_.start_over();
+    start_over();
     end_link(now);
     renew(now);
 }

@@ -105,6 +105,9 @@ class BrokerSession {
     void send_state(const char *text);
     Publication state_message(const char *text) const;
     void choose_broker(bool was_good);
+    void start_over();
+    void leave_behind(const std::string &filter);
+    void leave_behind_what_is_unwanted();
     void take_up_the_session();
     void tell_of_the_session() const;
 

@@ -25,7 +25,7 @@ class PacketWatch {
   private:
     const std::chrono::seconds keep_alive_;
     uint64_t begin_ = 0; // how many bytes had been read when the last packet ended
-    Clock::time_point since_{};
+    Clock::time_point since_ = Clock::now();
 };
 
 } // namespace kp::mqtt

@@ -232,12 +232,17 @@ bool can_send_below(const OutRule &rule, const std::string &topic)
 }
 
 // What is announced to Home Assistant is no tag on its way back, and no tag takes its place.
+tool::Pattern announcements(const Configuration &configuration)
+{
+    return tool::Pattern(configuration.discovery + "/+/+/+/config", tool::Dialect::mqtt);
+}
+
 void find_discovery(const Configuration &configuration, Names &problems)
 {
     const std::string &discovery = configuration.discovery;
     if (discovery.empty())
         return;
-    const tool::Pattern announced(discovery + "/+/+/+/config", tool::Dialect::mqtt);
+    const tool::Pattern announced = announcements(configuration);
     for (const InRule &in : configuration.in)
         if (tool::Pattern(in.full_filter(), tool::Dialect::mqtt).meets(announced))
             problems.push_back(in.name + " receives what is announced below " + discovery);
@@ -273,6 +278,8 @@ std::string meeting_of_answers(const Configuration &configuration, const std::st
     const tool::Pattern filter(answers, tool::Dialect::mqtt);
     if (filter.covers(configuration.state_topic))
         return "the bridge says its state";
+    if (!configuration.discovery.empty() && filter.meets(announcements(configuration)))
+        return "tags are announced";
     for (const OutRule &out : configuration.out)
         if (meeting_at_the_broker(sent_filters(out), answers))
             return out.name + " sends values";

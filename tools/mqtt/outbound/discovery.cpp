@@ -113,10 +113,14 @@ std::string entity_name(const OutTopic &topic)
                                       : description->value;
 }
 
+// Of a boolean only the names of 0 and 1 count.
 bool has_names(const tool::Facts &facts, uint32_t type)
 {
-    return facts.names && (type == KP_TYPE_BOOLEAN ||
-                           (tool::is_number_type(type) && !tool::is_floating_type(type)));
+    if (!facts.names)
+        return false;
+    if (type == KP_TYPE_BOOLEAN)
+        return facts.names->value.contains(0) || facts.names->value.contains(1);
+    return tool::is_number_type(type) && !tool::is_floating_type(type);
 }
 
 // The names become the states of an enumeration; a value without a name is none of them.

@@ -2,6 +2,7 @@
 
 #include "common/clock.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -17,7 +18,8 @@ using namespace std::chrono_literals;
 constexpr uint64_t kPeerWaitUs = 300'000; // for peers that have not connected yet
 constexpr uint64_t kStuckUs = 5 * tool::kUsPerSecond;
 constexpr std::size_t kMostWaiting = 1000;
-constexpr auto kJoinAgain = 1s;
+constexpr std::chrono::seconds kJoinAgain = 1s; // at first; twice as late each time
+constexpr std::chrono::seconds kJoinAgainMost = 60s;
 constexpr auto kPatience = 2s; // with a peer, at the end
 constexpr int kWake = SIGUSR1;
 
@@ -45,7 +47,11 @@ Announcer::~Announcer()
     const auto has_ended = [this] { return has_ended_; };
     if (changed_.wait_for(lock, kPatience, has_ended))
         return;
-    (void)std::fputs("kp-web: warning: a peer does not read its notices; leaving without it\n",
+    gives_up_ = true;
+    (void)std::fputs(has_tried_ ? "kp-web: warning: a peer does not read its notices; leaving "
+                                  "without it\n"
+                                : "kp-web: warning: leaving as soon as the device's endpoints are "
+                                  "joined; each dead socket among them takes three seconds\n",
                      stderr);
     while (!changed_.wait_for(lock, 10ms, has_ended))
         (void)pthread_kill(thread_.native_handle(), kWake);
@@ -54,7 +60,11 @@ Announcer::~Announcer()
 std::string Announcer::obstacle()
 {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return has_tried_; });
+    // Only the first who ask wait a moment: joining takes three seconds for each dead socket.
+    const auto patience = std::exchange(join_patience_, 0ms);
+    if (!changed_.wait_for(lock, patience, [this] { return has_tried_; }))
+        return "the device's endpoints are still being joined; try again in a moment";
+    join_patience_ = patience;
     if (!join_problem_.empty())
         return join_problem_;
     const bool is_stuck = busy_since_us_ != 0 && tool::monotonic_us() > busy_since_us_ + kStuckUs;
@@ -80,11 +90,15 @@ std::vector<std::string> Announcer::take_problems()
 void Announcer::work(const std::stop_token &stop)
 {
     std::unique_lock lock(mutex_);
-    while (!join(lock))
-        if (changed_.wait_for(lock, stop, kJoinAgain, [] { return false; }), stop.stop_requested())
+    auto pause = kJoinAgain;
+    while (!join(lock)) {
+        (void)changed_.wait_for(lock, stop, pause, [] { return false; });
+        if (stop.stop_requested())
             break;
+        pause = std::min(2 * pause, kJoinAgainMost);
+    }
     const auto has_more = [this] { return !waiting_.empty(); };
-    while (changed_.wait(lock, stop, has_more))
+    while (changed_.wait(lock, stop, has_more) && !gives_up_)
         tell_all(lock);
     has_ended_ = true;
     changed_.notify_all();

@@ -4,6 +4,7 @@
 
 #include "common/writing/notice_sender.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -46,8 +47,10 @@ class Announcer {
     std::vector<Written> waiting_;
     std::vector<std::string> problems_;
     std::string join_problem_;
-    uint64_t busy_since_us_ = 0; // 0 while it does not send
-    bool has_tried_ = false;     // to join
+    uint64_t busy_since_us_ = 0;                    // 0 while it does not send
+    std::chrono::milliseconds join_patience_{2000}; // of the next who asks
+    bool has_tried_ = false;                        // to join
+    bool gives_up_ = false;                         // what is still to tell
     bool has_ended_ = false;
 
     std::jthread thread_;
