@@ -338,6 +338,14 @@ TEST(KpSandbox, LeavesNoHalfSegmentInACopyThatDoesNotFit)
     EXPECT_GT(files, 0U);
 }
 
+TEST(KpSandbox, RefusesToKeepACopyNowhere)
+{
+    const Ran ran = kp({"sandbox", "--keep", "", "--", "true"});
+
+    EXPECT_EQ(ran.err, "kp: sandbox: --keep needs the name of a directory\n");
+    EXPECT_EQ(ran.code, 2);
+}
+
 TEST(KpSandbox, MixesACopyWithNothing)
 {
     fs::create_directory("/run/copy");

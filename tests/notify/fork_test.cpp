@@ -29,31 +29,7 @@ int __lsan_is_turned_off()
 
 namespace {
 
-// Says whether all threads of this process but the main one sleep. AddressSanitizer's allocator
-// does not survive a fork() at a moment at which another thread is in it.
-bool do_others_sleep()
-{
-    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
-        if (task.path().filename() == std::to_string(getpid()))
-            continue;
-        std::string stat;
-        (void)std::getline(std::ifstream(task.path() / "stat"), stat);
-        const size_t behind_name = stat.rfind(") ");
-        if (behind_name != stat.npos && stat[behind_name + 2] != 'S')
-            return false;
-    }
-    return true;
-}
-
-class Fork : public NotifyTest {
-  protected:
-    // Gives the status of a child that is forked once all other threads sleep.
-    static int status_of_child(const std::function<bool()> &body)
-    {
-        EXPECT_TRUE(wait_until(do_others_sleep));
-        return kptest::status_of_child(body);
-    }
-};
+class Fork : public NotifyTest {};
 
 // Gives the descriptors of the process that the library makes: sockets, pipes, and what it waits
 // with.

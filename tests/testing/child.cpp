@@ -1,5 +1,7 @@
 #include "testing/child.h"
 
+#include "testing/process.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -7,7 +9,10 @@
 #include <cstring>
 #include <elf.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <poll.h>
+#include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -165,8 +170,29 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds deadline)
     return status_;
 }
 
+namespace {
+
+// Says whether all threads of this process but the main one sleep. AddressSanitizer's allocator
+// does not survive a fork() at a moment at which another thread is in it.
+bool do_others_sleep()
+{
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (task.path().filename() == std::to_string(getpid()))
+            continue;
+        std::string stat;
+        (void)std::getline(std::ifstream(task.path() / "stat"), stat);
+        const size_t behind_name = stat.rfind(") ");
+        if (behind_name != stat.npos && stat[behind_name + 2] != 'S')
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
 int status_of_child(const std::function<bool()> &body)
 {
+    (void)wait_until(do_others_sleep);
     const pid_t child = fork();
     if (child == 0)
         _exit(body() ? 0 : 1);

@@ -74,7 +74,8 @@ class ChildProcess {
     std::optional<Channel> channel_;
 };
 
-// Forks a child that runs `body`, and waits for it without a deadline: 0 when `body` gave true.
+// Forks a child that runs `body` once all other threads sleep, and waits for it without a deadline:
+// 0 when `body` gave true.
 int status_of_child(const std::function<bool()> &body);
 
 } // namespace kptest

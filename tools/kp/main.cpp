@@ -212,6 +212,7 @@ int main(int argc, char **argv)
     (void)std::setlocale(LC_CTYPE, "");
     escape_for_8_bits(!locale_is_utf8() && (isatty(STDOUT_FILENO) || isatty(STDERR_FILENO)));
     (void)std::signal(SIGPIPE, SIG_IGN); // a closed output shows as an error, and ends quietly
+    (void)std::signal(SIGXFSZ, SIG_IGN); // so does a file that may not grow
     catch_bus_errors();
 
     CLI::App app("Shows, sets and looks after the tags of this device.", "kp");

@@ -26,7 +26,7 @@ constexpr const char *kMark = "KP_SANDBOX";
 
 struct SandboxOptions {
     bool no_network = false;
-    std::string keep;
+    std::optional<std::string> keep;
     std::optional<std::string> log_level; // the command's, which `kp` takes away from itself
 };
 
@@ -77,9 +77,11 @@ int run_sandbox(const SandboxOptions &options, const std::vector<std::string> &w
 {
     if (words.empty() || words[0].empty())
         return complain(Problem{kUsage, "sandbox: no command to run; put it behind --"});
+    if (options.keep && options.keep->empty())
+        return complain(Problem{kUsage, "sandbox: --keep needs the name of a directory"});
     Problem problem;
     StoreCopy copy;
-    if (!options.keep.empty() && !copy.open(options.keep, problem))
+    if (options.keep && !copy.open(*options.keep, problem))
         return complain(problem);
     if (!make_sandbox(options, problem)) {
         complain(problem);
@@ -87,7 +89,7 @@ int run_sandbox(const SandboxOptions &options, const std::vector<std::string> &w
     }
     const int status = run_to_the_end(words);
     Outcome outcome;
-    if (!options.keep.empty())
+    if (options.keep)
         copy.take(outcome);
     if (status == 0 && outcome.code() != kDone)
         return outcome.code();

@@ -42,6 +42,7 @@ sigset_t handed_on()
     if (getppid() != parent) // which ended before it could be heard of
         _exit(kNotRunnable);
     (void)std::signal(SIGPIPE, SIG_DFL);
+    (void)std::signal(SIGXFSZ, SIG_DFL);
     (void)sigprocmask(SIG_SETMASK, &mask, nullptr);
     std::vector<char *> arguments;
     for (std::string &word : words)
