@@ -21,6 +21,5 @@ int main(void)
     kp_t *handle = kp_new("display", on_change);
     kp_sub_topic(handle, "plant/boiler/temperature");
     sleep(10);
-    kp_tags_destroy(handle);
-    return kp_destroy(handle);
+    return kp_close(handle);
 }

@@ -37,6 +37,5 @@ int main(void)
     while (epoll_wait(loop, &change, 1, 10000) > 0) /* until it is quiet for 10 s */
         print_changes(handle);
     close(loop);
-    kp_tags_destroy(handle);
-    return kp_destroy(handle);
+    return kp_close(handle);
 }

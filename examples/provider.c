@@ -11,6 +11,5 @@ int main(void)
         kp_tag_notify(handle);
         sleep(1);
     }
-    kp_tags_destroy(handle);
-    return kp_destroy(handle);
+    return kp_close(handle);
 }

@@ -198,7 +198,7 @@ typedef void (*kplist_print_t)(const void *element);
  * A handle is what an application creates first and passes to the other calls. It owns a dictionary
  * of tags, the lists of subscriptions and one notification endpoint with three threads, on one of
  * which the change callback runs, unless the application takes the notices itself, from a
- * descriptor (see kp_get_fd()). It does not own its tags: kp_tags_destroy() destroys them.
+ * descriptor (see kp_get_fd()). kp_close() ends it with all its tags.
  *
  * Tags may be created on any thread. The lookups and the walk read the dictionary without a lock
  * and rely on no tag being destroyed meanwhile.
@@ -206,11 +206,12 @@ typedef void (*kplist_print_t)(const void *element);
  * After fork() the handle stays the parent's, and the child's copy knows that: its descriptors are
  * closed, so that nobody takes the child for the parent. The child can read and write values
  * through the tags; kp_tag_notify() and announcements reach nobody and give 0; no notice arrives.
- * kp_tags_destroy() and kp_destroy() free memory and leave the counts, the file and the socket to
- * the parent. For anything else, new tags of its own too, the child makes a handle of its own. So a
- * program that turns itself into a daemon makes its handle and its tags after that. A child of
- * vfork(), posix_spawn() or a bare system call must not use the handle; what it executes inherits
- * no descriptor. When the callback forks and returns in the child, the child's thread ends.
+ * kp_tags_destroy(), kp_destroy() and kp_close() free memory and leave the counts, the file and the
+ * socket to the parent. For anything else, new tags of its own too, the child makes a handle of its
+ * own. So a program that turns itself into a daemon makes its handle and its tags after that. A
+ * child of vfork(), posix_spawn() or a bare system call must not use the handle; what it executes
+ * inherits no descriptor. When the callback forks and returns in the child, the child's thread
+ * ends.
  * @{
  */
 
@@ -243,12 +244,21 @@ KP_API kp_t *kp_new(const char *name, kp_callback_t callback);
 /**
  * Stops and joins the endpoint's threads, removes its socket file and frees the handle.
  *
- * The handle's tags stay open; call kp_tags_destroy() first. A handle with a pattern can still make
- * a tag of a topic that is announced between the two calls; its count then stays for ever, beyond
- * the process's end, and with it the topic's file. Unsubscribe from the patterns first. Must not be
- * called from the change callback. Returns 0, or -1 for a null handle.
+ * The handle's tags stay open; kp_close() closes them too. After kp_tags_destroy() a handle with a
+ * pattern can still make a tag of a topic that is announced before this call; its count then stays
+ * for ever, beyond the process's end, and with it the topic's file. Unsubscribe from the patterns
+ * first, or call kp_close(). Must not be called from the change callback. Returns 0, or -1 for a
+ * null handle.
  */
 KP_API int32_t kp_destroy(kp_t *handle);
+
+/**
+ * Ends the use of a handle: stops its endpoint, destroys all its tags and frees it. Leaves nothing
+ * open, whatever is announced meanwhile. Neither the handle nor any of its tags can be used
+ * afterwards. Must not be called from the change callback, nor beside another call on the handle.
+ * Returns 0, or -1 for a null handle.
+ */
+KP_API int32_t kp_close(kp_t *handle);
 
 /** Stores a pointer for the change callback. Returns 0, or -1 for a null handle. */
 KP_API int32_t kp_set_user_data(kp_t *handle, void *data);

@@ -1075,10 +1075,7 @@ struct State {
                 link->owner->lose();
             forget(link);
         }
-        for (const std::string &pattern : library_patterns)
-            (void)kp_unsub_topic(handle, pattern.c_str()); // so that no announcement makes a tag
-        (void)kp_tags_destroy(handle);
-        (void)kp_destroy(handle);
+        (void)kp_close(handle);
         handle = nullptr;
         fd = -1;
     }

@@ -127,8 +127,7 @@ int main(int argc, char **argv)
     for (int i = 4; i < argc; ++i)
         kp_sub_topic(handle, argv[i]); // -1 while there is no store yet; the pattern stays
     int result = wait_until_done(&self);
-    kp_tags_destroy(handle);
-    kp_destroy(handle); // no callback runs from here on
+    kp_close(handle); // no callback runs from here on
     if (result != 0)
         fprintf(stderr, "demo-consumer %s: the provider was not done in time\n", self.name);
     else

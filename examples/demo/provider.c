@@ -168,7 +168,6 @@ int main(int argc, char **argv)
         return 1;
     }
     const int result = run(handle, atoi(argv[2]), argv[3]);
-    kp_tags_destroy(handle);
-    kp_destroy(handle);
+    kp_close(handle);
     return result == 0 ? 0 : 1;
 }

@@ -102,8 +102,7 @@ PyObject *close(PyObject *self, PyObject *)
         const WithoutInterpreter closing;
         if (is_marked)
             (void)kp_tag_notify(handle);
-        (void)kp_tags_destroy(handle);
-        (void)kp_destroy(handle);
+        (void)kp_close(handle);
     }
     Py_RETURN_NONE;
 }

@@ -48,6 +48,7 @@ void follow_new_tag(kp_t &handle, const uint8_t *notice)
     // A peer's text need not be terminated.
     std::array<char, KP_NEW_TAG_TOPIC_SIZE + 1> topic{};
     std::memcpy(topic.data(), notice + offsetof(kp_new_tag_info, topic), KP_NEW_TAG_TOPIC_SIZE);
+    const PlainLock lock(handle.follow_mutex); // the receive thread cannot be cancelled
     (void)kp_sub_plain_topic(&handle, topic.data());
 }
 
@@ -74,6 +75,7 @@ void leave_to_parent(void *record)
 {
     auto &handle = *static_cast<kp_t *>(record);
     handle.mutex = PTHREAD_MUTEX_INITIALIZER;
+    handle.follow_mutex = PTHREAD_MUTEX_INITIALIZER;
     handle.sub_topics->mutex = PTHREAD_MUTEX_INITIALIZER;
     handle.sub_patterns->mutex = PTHREAD_MUTEX_INITIALIZER;
     handle.notice_fd = 0;
@@ -83,7 +85,8 @@ void leave_to_parent(void *record)
 // a notice can arrive.
 bool fill(kp_t &handle)
 {
-    if (pthread_mutex_init(&handle.mutex, nullptr) != 0)
+    if (pthread_mutex_init(&handle.mutex, nullptr) != 0 ||
+        pthread_mutex_init(&handle.follow_mutex, nullptr) != 0)
         return false;
     handle.dict = kp_dict_new();
     handle.sub_topics = kplist_new();
@@ -148,10 +151,22 @@ using namespace kp;
     leave_fork_link(handle->fork_link);
     (void)kp_dict_destroy(handle->dict);
     (void)pthread_mutex_destroy(&handle->mutex);
+    (void)pthread_mutex_destroy(&handle->follow_mutex);
     kplist_free(handle->sub_topics, std::free);
     kplist_free(handle->sub_patterns, std::free);
     std::free(handle);
     return 0;
+}
+
+[[gnu::cold]] int32_t kp_close(kp_t *handle)
+{
+    if (is_null(handle, "kp is null\n"))
+        return -1;
+    const NoCancellation scope;
+    (void)kp_notify_close(&handle->notify); // so that no announcement makes a tag any more
+    handle->notify = nullptr;
+    (void)kp_tags_destroy(handle);
+    return kp_destroy(handle);
 }
 
 int32_t kp_set_user_data(kp_t *handle, void *data)

@@ -33,6 +33,7 @@ struct kp_t {
     int32_t notice_fd;     // an eventfd; 0 until kp_get_fd() has made it, and never 0 again
     uint32_t notice_waits; // 1 once `notice_fd` was made readable for what waits
     kp::NoticeWords waiting_bits;
+    pthread_mutex_t follow_mutex; // held while the receive thread takes up an announced topic
     kp::ForkLink fork_link;
 };
 

@@ -53,6 +53,13 @@ void subscribe_again(kp_t *handle, kplist &list)
     }
 }
 
+// Waits while the receive thread makes a tag of an announced topic that a pattern covered a moment
+// ago. Afterwards that tag is in the dictionary, where it can be destroyed.
+void await_announced_tag(kp_t &handle)
+{
+    const MutexLock lock(handle.follow_mutex);
+}
+
 bool is_subscribed(kplist *list, const char *topic)
 {
     const MutexLock lock(list->mutex);
@@ -132,6 +139,7 @@ int32_t kp_unsub_topic(kp_t *handle, const char *topic)
         if (!is_subscribed(handle->sub_patterns, topic))
             return 0;
         kplist_remove_free(handle->sub_patterns, str_equal, topic, std::free);
+        await_announced_tag(*handle);
         (void)kp_tags_destroy(handle);
         subscribe_again(handle, *handle->sub_patterns);
         subscribe_again(handle, *handle->sub_topics);

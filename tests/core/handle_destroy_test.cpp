@@ -4,6 +4,7 @@
 #include "testing/faults.h"
 
 #include <atomic>
+#include <chrono>
 
 using namespace kptest;
 
@@ -82,6 +83,56 @@ TEST(DestroyedHandle, LetsARunningCallbackFinishItsWalk)
 
     EXPECT_EQ(found, "a/b");
     free_orphan(tag);
+}
+
+TEST(ClosedHandle, GivesEverythingBackWithItsTags)
+{
+    const Writer writer("c/d");
+    const Holdings before = Holdings::now();
+    kp_t *handle = kp_new("self", nullptr);
+    (void)kp_sub_topic(handle, "a/b");
+    (void)kp_sub_topic(handle, "c/+");
+    ASSERT_NE(kp_tag_provider_new(handle, "e", KP_TYPE_INT32, 0, 0), nullptr);
+    ASSERT_NE(kp_get_tag(handle, "c/d"), nullptr);
+
+    EXPECT_EQ(kp_close(handle), 0);
+
+    EXPECT_EQ(SegmentFile("c/d").u8(at::consumer_refs), 0);
+    EXPECT_FALSE(SegmentFile("a/b").exists());
+    EXPECT_FALSE(SegmentFile("e").exists());
+    EXPECT_FALSE(exists("/run/providers/self"));
+    EXPECT_EQ(Holdings::now(), before);
+}
+
+TEST(ClosedHandle, TakesAlongTheTagThatIsJustBeingMade)
+{
+    const Peer peer;
+    kp_t *handle = kp_new("self", nullptr);
+    const UnixSocket sender = peer.accept();
+    follow(handle, "#");
+    std::atomic<bool> is_opening = false;
+    std::atomic<bool> is_closed = false;
+    const Before mapping{Call::mmap, [&is_opening, &is_closed] {
+                             is_opening = true;
+                             (void)wait_until([&is_closed] { return is_closed.load(); },
+                                              std::chrono::milliseconds(300));
+                         }};
+    ASSERT_TRUE(sender.send(new_tag_notice("a")));
+    ASSERT_TRUE(wait_until([&is_opening] { return is_opening.load(); }));
+
+    EXPECT_EQ(kp_close(handle), 0);
+    is_closed = true;
+
+    EXPECT_FALSE(SegmentFile("a").exists());
+}
+
+TEST(ClosedHandle, WasNotNull)
+{
+    StderrCapture log;
+
+    EXPECT_EQ(kp_close(nullptr), -1);
+
+    EXPECT_EQ(log.text_without_line_numbers(), "\033[91mERROR: kp_close: kp is null\n\033[0m");
 }
 
 TEST(UserData, IsWhatWasStoredLast)

@@ -242,8 +242,7 @@ bool exchange_a_notice_by_descriptor()
     for (kp_t *opened : {provider, consumer}) {
         if (!opened)
             continue;
-        (void)kp_tags_destroy(opened);
-        (void)kp_destroy(opened);
+        (void)kp_close(opened);
     }
     return received == 42;
 }
