@@ -534,8 +534,8 @@ TEST(KpCompletion, InsertsNamesSoThatTheShellTakesThemForNothingElse)
         return run_program(arguments).out;
     };
     tmux({"new-session", "-d", "-x", "100", "-y", "20",
-          "cd /run; PS1='> ' PATH=" + program.substr(0, program.rfind('/')) +
-              ":$PATH bash --norc --noprofile -i"});
+          "cd /run; PS1='> ' PATH='" + program.substr(0, program.rfind('/')) +
+              "':$PATH bash --norc --noprofile -i"});
 
     tmux({"send-keys", "source '" KP_COMPLETION "'; echo rea''dy", "Enter"});
     const auto screen_shows = [&tmux](const std::string &text) {
@@ -563,8 +563,8 @@ TEST(KpCompletion, KnowsCommandsAndLiveTopics)
     const std::string program = KP_PROGRAM;
     const auto completed = [&](const std::string &words, int index) {
         const std::string script =
-            "PATH=" + program.substr(0, program.rfind('/')) +
-            ":$PATH; source '" KP_COMPLETION "'; compopt() { :; }; COMP_WORDS=(" + words +
+            "PATH='" + program.substr(0, program.rfind('/')) +
+            "':$PATH; source '" KP_COMPLETION "'; compopt() { :; }; COMP_WORDS=(" + words +
             "); COMP_CWORD=" + std::to_string(index) + "; _kp; printf '%s ' \"${COMPREPLY[@]}\"";
         return run_program({"bash", "-c", script}).out;
     };

@@ -32,7 +32,7 @@ Ran sandboxed(const std::string &script, const RunOptions &options = {})
 }
 
 const std::string kWriteAndList =
-    KP_PROGRAM " set a/b 1.5 --type double >/dev/null && " KP_PROGRAM " list";
+    "'" KP_PROGRAM "' set a/b 1.5 --type double >/dev/null && '" KP_PROGRAM "' list";
 
 // The number that a script has left in a file; 0 as long as there is none.
 pid_t number_in(const std::string &path)
@@ -171,8 +171,8 @@ TEST(KpSandbox, SaysWhereTheSystemAllowsNone)
     // Only the last user namespace but one may set how many there may be below it.
     const Ran ran = run_program({"unshare", "--user", "--map-root-user", "sh", "-c",
                                  "echo 0 >/proc/sys/user/max_user_namespaces && "
-                                 "echo 0 >/proc/sys/user/max_mnt_namespaces && exec " KP_PROGRAM
-                                 " sandbox -- touch /run/scripts/was-run"});
+                                 "echo 0 >/proc/sys/user/max_mnt_namespaces && exec '" KP_PROGRAM
+                                 "' sandbox -- touch /run/scripts/was-run"});
 
     EXPECT_EQ(ran.err.substr(0, 55), "kp: the system allows no sandbox: unshare: No space lef");
     EXPECT_NE(ran.err.find("user.max_user_namespaces"), std::string::npos);
@@ -370,8 +370,8 @@ TEST(KpSandbox, TakesTheNetworkAway)
 
 TEST(KpSandbox, StandsInItself)
 {
-    const Ran ran = sandboxed(KP_PROGRAM " set a 1 --type int8 >/dev/null; " KP_PROGRAM
-                                         " sandbox -- " KP_PROGRAM " list; " KP_PROGRAM " list");
+    const Ran ran = sandboxed("'" KP_PROGRAM "' set a 1 --type int8 >/dev/null; '" KP_PROGRAM
+                              "' sandbox -- '" KP_PROGRAM "' list; '" KP_PROGRAM "' list");
 
     EXPECT_EQ(ran.out, "a\n");
     EXPECT_EQ(ran.err, "");

@@ -220,7 +220,7 @@ TEST(Reload, IsNotMeantByATerminalThatCloses)
     const Broker broker;
     std::ofstream("/run/terminal.conf") << configuration(broker.port(), kBothWays);
     ChildProcess terminal({"/usr/bin/script", "-qc",
-                           std::string("exec ") + bridge_path() + " -c /run/terminal.conf",
+                           "exec '" + std::string(bridge_path()) + "' -c /run/terminal.conf",
                            "/dev/null"});
     ASSERT_TRUE(wait_for_connection());
 

@@ -201,7 +201,7 @@ TEST_F(WebWrite, KeepsAProgramFromStartingWhoseTokenOthersCanRead)
     std::ofstream("/run/write.conf") << "listen = [\"127.0.0.1:0\"]\n" << kRule;
     write_token(kToken, 0644);
 
-    ChildProcess program({"/bin/sh", "-c", "exec " KP_WEB " -c /run/write.conf 2>/run/said"});
+    ChildProcess program({"/bin/sh", "-c", "exec '" KP_WEB "' -c /run/write.conf 2>/run/said"});
 
     EXPECT_EQ(program.wait(), 2);
     std::string said;
