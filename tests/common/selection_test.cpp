@@ -35,6 +35,15 @@ TEST(Selection, LeavesOutWhatIsExcluded)
     EXPECT_FALSE(selection.may_cover_below("c"));
 }
 
+TEST(Selection, CoversNothingBelowWhatIsTooLongForATopic)
+{
+    const std::string longest(kMostTopicBytes - 2, 'a');
+
+    EXPECT_TRUE(selected({}).may_cover_below(longest));
+    EXPECT_FALSE(selected({}).may_cover_below(longest + "a"));
+    EXPECT_FALSE(selected({"#"}).may_cover_below(longest + "a"));
+}
+
 TEST(Selection, KnowsItsPlainTopics)
 {
     EXPECT_EQ(selected({"/a//b"}).single_topic(), "a/b");

@@ -1,10 +1,12 @@
 #include "common/store_files.h"
 
+#include "common/store_walk.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -242,4 +244,70 @@ TEST(TopicOpener, HoldsOneDescriptorAtMost)
     }
 
     EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+namespace {
+
+// Notes where a walk comes by, and does something at one place.
+class Follower : public StoreVisitor {
+  public:
+    Follower(std::string place, std::function<void()> deed)
+        : place_(std::move(place)), deed_(std::move(deed))
+    {
+    }
+
+    std::vector<std::string> enter(const std::string &name, int fd, const struct stat &) override
+    {
+        visited.push_back(name);
+        if (name == place_)
+            deed_();
+        auto directories = read_directory(fd, name, everything_)->directories;
+        std::ranges::sort(directories);
+        return directories;
+    }
+    void miss(const std::string &name, const Problem &) override
+    {
+        missed.push_back(name);
+    }
+
+    std::vector<std::string> visited;
+    std::vector<std::string> missed;
+
+  private:
+    std::string place_;
+    std::function<void()> deed_;
+    Selection everything_;
+};
+
+} // namespace
+
+TEST(StoreWalk, ComesBackFromAnyDepthAndVisitsWhatLiesBeside)
+{
+    create(topic_of_levels(300));
+    create("deep/x/x/y/topic");
+    create("deep/z/topic");
+    Follower follower("", [] {});
+
+    walk_store(follower);
+
+    EXPECT_EQ(follower.visited.size(), 300 + 2);
+    EXPECT_THAT(follower.missed, IsEmpty());
+    EXPECT_EQ(follower.visited.back(), "deep/z");
+}
+
+TEST(StoreWalk, IsNotLedAwayByADirectoryThatIsMovedMeanwhile)
+{
+    const std::string deepest = topic_of_levels(300).substr(0, topic_of_levels(300).size() - 2);
+    create(topic_of_levels(300));
+    create("deep/x/y/topic");
+    create("deep/z/topic");
+    std::filesystem::create_directories("/dev/shm/elsewhere/z/not-there");
+    Follower follower(deepest,
+                      [] { std::filesystem::rename(kRoot + "deep/x/x", "/dev/shm/elsewhere/x"); });
+
+    walk_store(follower);
+
+    EXPECT_EQ(follower.visited.size(), 300 + 2);
+    EXPECT_EQ(follower.visited.back(), "deep/z");
+    std::filesystem::remove_all("/dev/shm/elsewhere");
 }

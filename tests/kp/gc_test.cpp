@@ -200,6 +200,40 @@ TEST(KpHostileStore, LeadsNoCommandOutOfTheStore)
     }
 }
 
+TEST(KpHostileStore, HasNoDepthInWhichAWalkIsLost)
+{
+    constexpr int levels = 20'000;
+    put_double("beside", 1);
+    ChildProcess digger([](Channel &parent) {
+        if (chdir("/dev/shm/zu-kp") != 0)
+            return 1;
+        for (int level = 0; level < levels; ++level)
+            if (mkdir("a", 0777) != 0 || chdir("a") != 0)
+                return 1;
+        (void)parent.tell("deep");
+        (void)parent.hear(std::chrono::minutes(10));
+        for (int level = 0; level < levels; ++level)
+            if (chdir("..") != 0 || rmdir("a") != 0)
+                return 1;
+        return 0;
+    });
+    ASSERT_EQ(digger.hear(), "deep");
+
+    EXPECT_EQ(kp({"list"}).out, "beside\n");
+    EXPECT_EQ(kp({"get", "#"}).out, "beside\t1\n");
+    EXPECT_EQ(kp({"gc", "-n"}).code, 0);
+    EXPECT_EQ(kp({"gc", "--orphans", "--older-than", "1e9", "-n"}).code, 0);
+    const Ran watch = kp({"watch", "#", "-n", "2", "-t", "1"});
+    EXPECT_EQ(watch.out, "beside\t1\n");
+    EXPECT_EQ(watch.code, 124);
+    const Ran record = kp({"record", "#", "-t", "1"});
+    EXPECT_EQ(std::ranges::count(record.out, '\n'), 1);
+    EXPECT_EQ(record.code, 0) << record.err;
+
+    (void)digger.tell("up");
+    EXPECT_EQ(digger.wait(), 0);
+}
+
 TEST(KpHostileStore, IsNotEnteredThroughALinkOfAnotherUser)
 {
     if (other_user() == 0)

@@ -1,8 +1,10 @@
 #include "common/live_store.h"
 
 #include "common/clock.h"
+#include "common/store_levels.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <limits>
 #include <sys/resource.h>
@@ -21,6 +23,7 @@ constexpr std::size_t kOwnDescriptors = 200;
 constexpr std::size_t kUsualMappings = 65'530;
 // Nothing in its directory tells that a file can be opened again.
 constexpr uint64_t kRetryUs = kUsPerSecond;
+constexpr char kBehindSlash = '/' + 1; // in the order of names
 
 bool same_time(const timespec &a, const timespec &b)
 {
@@ -68,7 +71,7 @@ Means LiveStore::means_left() const
 void LiveStore::refresh()
 {
     opener_.start_round();
-    refresh_directory("");
+    walk_store(*this);
     if (monotonic_us() >= retry_at_)
         retry_refused();
 }
@@ -80,63 +83,57 @@ void LiveStore::retry_refused()
         open(topic);
 }
 
-void LiveStore::refresh_directory(const std::string &directory)
+std::vector<std::string> LiveStore::enter(const std::string &directory, int fd,
+                                          const struct stat &status)
 {
-    Problem problem;
-    struct stat status;
-    const UniqueFd fd = open_store_directory(directory, problem);
-    if (!fd || fstat(fd.get(), &status) != 0) {
-        forget_directory(directory);
-        if (problem.code != kNothing)
-            report(problem);
-        return;
-    }
     DirectoryState &state = directories_[directory];
-    if (!state.settled || !same_time(status.st_mtim, state.changed)) {
-        state.changed = status.st_mtim;
-        state.settled = to_us(status.st_mtim) + kClockTickUs < now_us();
-        scan(directory, state);
+    if (state.settled && same_time(status.st_mtim, state.changed))
+        return state.children;
+    state.changed = status.st_mtim;
+    state.settled = to_us(status.st_mtim) + kClockTickUs < now_us();
+    if (auto entries = read_directory(fd, directory, selection_)) {
+        take(state, std::move(*entries));
+    } else {
+        state.settled = false;
+        report(topic_problem(directory, errno));
     }
-    const std::vector<std::string> children = state.children;
-    for (const std::string &child : children)
-        refresh_directory(child);
+    return state.children;
 }
 
-void LiveStore::scan(const std::string &directory, DirectoryState &state)
+void LiveStore::miss(const std::string &directory, const Problem &problem)
 {
-    Problem problem;
-    auto entries = list_directory(directory, problem);
-    if (!entries) {
-        if (problem.code != kNothing)
-            report(problem);
-        return;
-    }
-    std::erase_if(entries->files,
-                  [this](const StoreFile &file) { return !selection_.covers(file.topic); });
-    drop_files(state, entries->files);
+    forget_directory(directory);
+    if (problem.code != kNothing)
+        report(problem);
+}
+
+void LiveStore::take(DirectoryState &state, StoreDirectory now)
+{
+    drop_files(state, now.files);
     state.files.clear();
-    for (const StoreFile &file : entries->files) {
+    for (const StoreFile &file : now.files) {
         follow(file);
         state.files.push_back(file.topic);
     }
-    std::erase_if(entries->directories,
-                  [this](const std::string &child) { return !selection_.may_cover_below(child); });
+    std::ranges::sort(now.directories);
     for (const std::string &child : state.children)
-        if (std::find(entries->directories.begin(), entries->directories.end(), child) ==
-            entries->directories.end())
+        if (!std::ranges::binary_search(now.directories, child))
             forget_directory(child);
-    state.children = std::move(entries->directories);
+    state.children = std::move(now.directories);
 }
 
 void LiveStore::forget_directory(const std::string &directory)
 {
-    const auto is_below = [&directory](const std::string &name) {
-        return directory.empty() || name == directory || name.starts_with(directory + "/");
+    const auto forget_in = [&directory](auto &kept) {
+        if (directory.empty())
+            return kept.clear();
+        kept.erase(directory);
+        // Sorted, the names below it stand together.
+        kept.erase(kept.lower_bound(directory + '/'), kept.lower_bound(directory + kBehindSlash));
     };
-    const auto below = [&is_below](const auto &entry) { return is_below(entry.first); };
-    std::erase_if(topics_, below);
-    std::erase_if(directories_, below);
-    std::erase_if(refused_, is_below);
+    forget_in(topics_);
+    forget_in(directories_);
+    forget_in(refused_);
 }
 
 void LiveStore::follow(const StoreFile &file)

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "common/segment_reader.h"
+#include "common/store_walk.h"
 
 #include <map>
 #include <set>
@@ -35,7 +36,7 @@ struct LiveTopic {
     }
 };
 
-class LiveStore {
+class LiveStore : private StoreVisitor {
   public:
     // How many topics may be kept mapped, and how many open; the others are opened for each look.
     struct Limits {
@@ -104,9 +105,11 @@ class LiveStore {
     };
 
     void retry_refused();
-    void refresh_directory(const std::string &directory);
+    std::vector<std::string> enter(const std::string &directory, int fd,
+                                   const struct stat &status) override;
+    void miss(const std::string &directory, const Problem &problem) override;
     void forget_directory(const std::string &directory);
-    void scan(const std::string &directory, DirectoryState &state);
+    void take(DirectoryState &state, StoreDirectory now);
     void follow(const StoreFile &file);
     void open(const std::string &topic);
     Means means_left() const;

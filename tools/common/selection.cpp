@@ -32,9 +32,12 @@ bool Selection::covers(std::string_view topic) const
 
 bool Selection::may_cover_below(std::string_view directory) const
 {
-    return wanted_.empty() || std::ranges::any_of(wanted_, [directory](const Pattern &pattern) {
-               return pattern.may_cover_below(directory);
-           });
+    if (directory.size() + std::string_view("/x").size() > kMostTopicBytes)
+        return false;
+    const auto may_cover = [directory](const Pattern &pattern) {
+        return pattern.may_cover_below(directory);
+    };
+    return wanted_.empty() || std::ranges::any_of(wanted_, may_cover);
 }
 
 } // namespace kp::tool

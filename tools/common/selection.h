@@ -13,7 +13,8 @@ class Selection {
              Problem &problem);
 
     bool covers(std::string_view topic) const;
-    // Says whether a topic below this directory can be covered.
+    // Says whether a topic below this directory can be covered. None can where its name would be
+    // longer than any topic's, however deep somebody nests directories there.
     bool may_cover_below(std::string_view directory) const;
     // The topic, if exactly one topic was given and no pattern.
     const std::optional<std::string> &single_topic() const

@@ -1,47 +1,17 @@
-// The store as files: finds topics at any depth, opens and removes them. Somebody who may write in
-// the store must not get the rights of somebody who runs a tool. So everything below the store's
+// The topics' files: opens and removes them, and tells what they are. Everything below the store's
 // root is reached level by level through descriptors, and no link there is followed.
 #pragma once
 
 #include "common/file_id.h"
-#include "common/selection.h"
+#include "common/topic_name.h"
 #include "layout/unique_fd.h"
 
 #include <fcntl.h>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 
 namespace kp::tool {
-
-// An entry of the store, whatever it turns out to be.
-struct StoreFile {
-    std::string topic;
-    ino_t inode;
-    unsigned char type; // DT_REG for a segment
-};
-
-// One directory of the store. Names are relative to the store's root; "" is the root itself.
-struct StoreDirectory {
-    std::vector<StoreFile> files;
-    std::vector<std::string> directories;
-};
-
-// Opens the root or, level by level, a directory below it.
-UniqueFd open_store_directory(const std::string &directory, Problem &problem);
-
-// Lists one directory; nothing, with a problem, when that is not possible.
-std::optional<StoreDirectory> list_directory(const std::string &directory, Problem &problem);
-
-struct StoreListing {
-    std::vector<StoreFile> files; // sorted by topic
-    std::vector<std::string> directories;
-    std::vector<Problem> problems;   // of directories that cannot be read
-    std::vector<std::string> closed; // the names of those directories
-};
-
-// Lists what a selection covers. A store that does not exist has no topics.
-StoreListing list_store(const Selection &selection);
 
 // Says whether an entry is a regular file of a segment's size; else the problem names what it is.
 bool is_segment_file(const struct stat &status, const std::string &topic, Problem &problem);

@@ -4,6 +4,7 @@
 #include "base/reading.h"
 #include "common/segment_reader.h"
 #include "common/store_files.h"
+#include "common/store_walk.h"
 
 namespace kp::python {
 

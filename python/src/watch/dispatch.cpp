@@ -2,6 +2,7 @@
 
 #include "common/clock.h"
 #include "common/store_files.h"
+#include "common/store_walk.h"
 #include "layout/notice.h"
 #include "watch/watch.h"
 

@@ -3,6 +3,8 @@
 
 #include "common/store_files.h"
 
+#include <vector>
+
 namespace kp::tool {
 
 struct CountsLock {

@@ -5,6 +5,7 @@
 #include "common/doctor/spelled_tags.h"
 #include "common/processes.h"
 #include "common/segment_reader.h"
+#include "common/store_walk.h"
 #include "common/text.h"
 #include "common/time_text.h"
 #include "kp.h"

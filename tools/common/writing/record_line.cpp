@@ -1,6 +1,7 @@
 #include "common/writing/record_line.h"
 
 #include "common/encoding.h"
+#include "common/pattern.h"
 #include "common/text.h"
 #include "common/time_text.h"
 #include "layout/value_type.h"

@@ -5,6 +5,7 @@
 #include "collecting/deed.h"
 #include "common/processes.h"
 #include "common/segment_reader.h"
+#include "common/store_walk.h"
 #include "layout/segment.h"
 
 namespace kp::tool {

@@ -1,6 +1,8 @@
 #include "collecting/empty_directories.h"
 
 #include "common/clock.h"
+#include "common/store_files.h"
+#include "common/store_levels.h"
 #include "common/text.h"
 
 #include <cerrno>
@@ -8,6 +10,19 @@
 #include <unistd.h>
 
 namespace kp::tool {
+
+namespace {
+
+bool is_empty(UniqueFd directory)
+{
+    const UniqueDir stream(directory ? fdopendir(directory.get()) : nullptr);
+    if (!stream)
+        return false;
+    (void)directory.release(); // the stream's from now on
+    return stream.next() == nullptr;
+}
+
+} // namespace
 
 // A directory that somebody has given rights of its own is kept.
 bool is_empty_and_unused(const std::string &directory, uint64_t unchanged_since_us)
@@ -22,9 +37,8 @@ bool is_empty_and_unused(const std::string &directory, uint64_t unchanged_since_
         return false;
     const bool is_common =
         own.st_uid == above.st_uid && own.st_gid == above.st_gid && own.st_mode == above.st_mode;
-    const auto entries = list_directory(directory, problem);
-    return is_common && to_us(own.st_mtim) <= unchanged_since_us && entries &&
-           entries->files.empty() && entries->directories.empty();
+    return is_common && to_us(own.st_mtim) <= unchanged_since_us &&
+           is_empty(open_level(place->directory, place->name));
 }
 
 Deed remove_empty_directory(const std::string &directory, Problem &problem)

@@ -1,6 +1,7 @@
 // kp check: holds the store against the dictionary, for monitoring.
 #include "commands/commands.h"
 #include "common/clock.h"
+#include "common/store_walk.h"
 #include "common/text.h"
 #include "common/time_text.h"
 #include "common/value_text.h"

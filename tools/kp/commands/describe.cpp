@@ -2,6 +2,7 @@
 #include "commands/commands.h"
 #include "common/dictionary/fact_lines.h"
 #include "common/store_files.h"
+#include "common/store_walk.h"
 #include "common/text.h"
 #include "options/selection_options.h"
 #include "output/meaning.h"

@@ -6,6 +6,7 @@
 #include "common/device/endpoints.h"
 #include "common/encoding.h"
 #include "common/segment_reader.h"
+#include "common/store_walk.h"
 #include "common/text.h"
 #include "common/time_text.h"
 #include "options/option_checks.h"

@@ -3,6 +3,7 @@
 #include "common/file_lock.h"
 #include "common/processes.h"
 #include "common/segment_reader.h"
+#include "common/store_walk.h"
 #include "common/text.h"
 #include "output/output.h"
 

@@ -1,5 +1,6 @@
 // kp set: one value, or many from JSON lines, checked against what the topic is.
 #include "commands/commands.h"
+#include "common/pattern.h"
 #include "common/text.h"
 #include "common/writing/meant_write.h"
 #include "common/writing/notice_sender.h"

@@ -1,5 +1,6 @@
 // kp wait: ends when a condition on one topic holds.
 #include "commands/commands.h"
+#include "common/pattern.h"
 #include "common/text.h"
 #include "notices/notice_queue.h"
 #include "options/option_checks.h"

@@ -3,6 +3,7 @@
 
 #include "common/segment_reader.h"
 #include "common/selection.h"
+#include "common/store_walk.h"
 #include "running/problem.h"
 
 namespace kp::tool {

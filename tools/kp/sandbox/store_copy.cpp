@@ -2,6 +2,7 @@
 
 #include "common/selection.h"
 #include "common/store_files.h"
+#include "common/store_walk.h"
 #include "common/text.h"
 #include "layout/segment.h"
 

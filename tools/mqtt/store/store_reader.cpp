@@ -1,6 +1,7 @@
 #include "store/store_reader.h"
 
 #include "common/segment_reader.h"
+#include "common/store_walk.h"
 
 #include <dirent.h>
 #include <utility>
