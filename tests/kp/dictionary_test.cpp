@@ -328,6 +328,20 @@ TEST_F(KpDictionary, CheckFindsTheDictionarysOwnMistakes)
     EXPECT_EQ(ran.code, 1);
 }
 
+TEST_F(KpDictionary, CheckHoldsLimitsOfOneEntryAgainstTheRangeOfAnother)
+{
+    write("site.toml", "[\"plant/oven/9/temperature\"]\nrange = [0, 260]\n");
+    put_double("plant/oven/1/temperature", 100);
+    put_double("plant/oven/9/temperature", 100);
+
+    const Ran ran = meant({"check"});
+
+    EXPECT_EQ(ran.out,
+              "dictionary: plant/oven/9/temperature: limits: one lies outside 0..260 °C  [" +
+                  file() + ":6:1]\n");
+    EXPECT_EQ(ran.code, 1);
+}
+
 TEST_F(KpDictionary, InitWritesWhatItReadsBack)
 {
     put_double("plant/\"odd\"\\\x1b[2J/\u202e", 1);

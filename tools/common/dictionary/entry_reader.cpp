@@ -185,15 +185,6 @@ Result<ValueNames> parse_names(const toml::node &node)
     return Names::of(std::move(names));
 }
 
-bool lies_in(const ValueLimits &limits, const ValueRange &range)
-{
-    const auto is_inside = [&range](const std::optional<double> &limit) {
-        return !limit || (*limit >= range.least && *limit <= range.most);
-    };
-    return is_inside(limits.lowlow) && is_inside(limits.low) && is_inside(limits.high) &&
-           is_inside(limits.highhigh);
-}
-
 } // namespace
 
 std::string problem_text(const std::string &text)
@@ -245,7 +236,7 @@ void EntryReader::check(DictionaryEntry &entry)
         problems_.push_back({fact->place, text});
         fact.reset();
     };
-    if (entry.limits && entry.range && !lies_in(entry.limits->value, entry.range->value))
+    if (entry.limits && entry.range && !lie_in(entry.limits->value, entry.range->value))
         drop(entry.limits, "limits: one lies outside the range");
     if (!entry.type)
         return;

@@ -39,6 +39,15 @@ bool is_stale(const Facts &facts, const StateInput &input)
 
 } // namespace
 
+bool lie_in(const ValueLimits &limits, const ValueRange &range)
+{
+    const auto is_inside = [&range](const std::optional<double> &limit) {
+        return !limit || (*limit >= range.least && *limit <= range.most);
+    };
+    return is_inside(limits.lowlow) && is_inside(limits.low) && is_inside(limits.high) &&
+           is_inside(limits.highhigh);
+}
+
 std::string number_text(double number)
 {
     return plain_text(KP_TYPE_DOUBLE, to_bytes(number));

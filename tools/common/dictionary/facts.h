@@ -39,6 +39,9 @@ struct ValueLimits {
     std::optional<double> highhigh;
 };
 
+// Whether all limits are values that the range allows.
+bool lie_in(const ValueLimits &limits, const ValueRange &range);
+
 // How a history of the topic is kept.
 struct Recording {
     double deadband = 0;     // changes up to this are not recorded, in the topic's unit

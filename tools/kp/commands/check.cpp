@@ -89,6 +89,7 @@ class Check {
         const Meaning meaning = meaning_of(topic, snapshot);
         if (!meaning.facts.is_known)
             return tell({"unknown", topic, "is not in the dictionary"});
+        look_at_limits(topic, meaning.facts);
         if (has_broken_value(snapshot))
             return tell({"unreadable", topic, value_problem(topic, snapshot).text});
         if (snapshot.condition == Condition::undeclared)
@@ -98,6 +99,14 @@ class Check {
             look_at_value(topic, snapshot, meaning);
         else if (meaning.facts.stale_s)
             tell({"stale", topic, "has no value yet", &meaning.facts.stale_s->place});
+    }
+
+    // Limits and range may come from two entries, each right by itself.
+    void look_at_limits(const std::string &topic, const Facts &facts)
+    {
+        if (facts.limits && facts.range && !lie_in(facts.limits->value, facts.range->value))
+            tell({"dictionary", topic, "limits: one lies outside " + range_text(facts),
+                  &facts.limits->place});
     }
 
     // Somebody waits for it, and nobody provides it.
