@@ -3,7 +3,6 @@
 #include "device.h"
 #include "other_device.h"
 
-#include <cstdlib>
 #include <deque>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -219,11 +218,8 @@ INSTANTIATE_TEST_SUITE_P(Seeds, SharedDevicesAfter,
                                     std::to_string(chance.param.seed);
                          });
 
-// One run in some fifty ended with one device behind, and why is not known yet.
 TEST_P(SharedDevicesAfter, WhateverHappensComeToAgree)
 {
-    if (!std::getenv("KP_LET_ALL_HAPPEN"))
-        GTEST_SKIP() << "devices do not yet agree in every run after all that can happen";
     const Broker broker;
     Devices devices(broker.port(), GetParam().devices);
     std::mt19937 random(GetParam().seed);

@@ -310,6 +310,19 @@ TEST(SharedTreeRule, PassesOverWhatComesBeforeAnOwnMessage)
     EXPECT_EQ(tree.received("t", from("you", 4, 1), Standing::sent, 5, kNow), Effect::write);
 }
 
+TEST(SharedTreeRule, KnowsThatAnOwnMessageOnItsWayComesLast)
+{
+    SharedTree tree("me");
+    (void)tree.received("t", from("you", 3, 5), Standing::absent, 0, kNow);
+    EXPECT_TRUE(tree.is_last("t", 3));
+    EXPECT_FALSE(tree.has_own_last("t"));
+
+    tree.sent("t", 7, kNow);
+
+    EXPECT_FALSE(tree.is_last("t", 3));
+    EXPECT_TRUE(tree.has_own_last("t"));
+}
+
 TEST(SharedTreeRule, ComparesTimesOnlyWithWhatWaitsToBeSent)
 {
     SharedTree tree("me");

@@ -54,7 +54,12 @@ InboundEvents Bridge::inbound_events()
     return {
         .put = [this](const std::string &tag,
                       WriteRequest request) { writer_.put(tag, std::move(request)); },
-        .drop = [this](const std::string &tag, bool left_over) { writer_.drop(tag, left_over); },
+        .drop =
+            [this](const std::string &name, bool left_over) {
+                const std::string tag = reader_.standing_for(name);
+                writer_.drop(name, left_over);
+                publications_.repeat(tag, Clock::now()); // where it lives on the broker gets it
+            },
         .cleared =
             [this](const std::string &tag) {
                 writer_.forget(tag);
@@ -113,8 +118,15 @@ std::optional<Configuration> Bridge::run(const Signals &signals,
         manager_.stopping();
     session_.leave();
     show_status(Clock::now(), false); // for who has these tags open, and sees them longer
-    state_.touch();
     return std::move(successor_);
+}
+
+void Bridge::leave_behind()
+{
+    const uint64_t now = kp_get_timestamp_us();
+    topics_.scan(Clock::now());
+    shared_.claim_unsent();
+    state_.touch(now);
 }
 
 void Bridge::reload(ConfigurationResult loaded, Clock::time_point now)
@@ -197,6 +209,8 @@ bool Bridge::wait(int signal_fd)
 void Bridge::turn(Clock::time_point now)
 {
     session_.turn(now);
+    for (const std::string &tag : writer_.take_outrun())
+        publications_.look_at(tag, now);
     look_for_changes(now);
     send_answers();
     send_values(now);
@@ -278,6 +292,8 @@ void Bridge::tick(Clock::time_point now)
     log_what_was_left_out(now);
     unheard_.look(now);
     look_at_dictionary(now);
+    if (!session_.is_online())
+        shared_.claim_unsent();
     show_status(now, session_.is_online());
     const bool stuck = writer_.busy_for(now) > kStuck;
     if (stuck && !reported_stuck_)

@@ -44,6 +44,10 @@ class Bridge {
     std::optional<Configuration> run(const Signals &signals,
                                      const std::function<ConfigurationResult()> &load);
 
+    // To be called after run(), when nothing is written to the store any more: notes which values
+    // are this device's own and were not sent.
+    void leave_behind();
+
   private:
     SessionEvents session_events();
     InboundEvents inbound_events();

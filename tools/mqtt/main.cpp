@@ -66,7 +66,7 @@ uint64_t last_alive(const Configuration &configuration, const StateFile &state)
     Sample heartbeat;
     const std::string tag = configuration.status_prefix + '/' + kHeartbeat;
     const bool was_left = StoreReader{}.read(tag, heartbeat) == ReadOutcome::read;
-    return std::max(state.last_used(), was_left ? heartbeat.ts : 0);
+    return std::max(state.last_used(), was_left ? heartbeat.source_ts : 0);
 }
 
 // How a bridge has ended, and the configuration for the next one, if another must take its place.
@@ -93,13 +93,14 @@ Ended run_one(const Configuration &configuration, const Signals &signals, const 
     auto writer = LocalWriter::start(configuration.endpoint, marks, counters);
     if (!writer)
         return {kFailed, {}};
-    auto successor = Bridge(configuration, **state.value, marks, *writer, counters, alive_until)
-                         .run(signals, load);
+    Bridge bridge(configuration, **state.value, marks, *writer, counters, alive_until);
+    auto successor = bridge.run(signals, load);
     if (!writer->stop(std::chrono::seconds(2))) {
         log(Level::warning, "a local peer does not read its notices; leaving without it");
         (void)unlink(("/run/providers/" + configuration.endpoint).c_str());
         std::_Exit(successor ? kFailed : 0);
     }
+    bridge.leave_behind();
     return {0, std::move(successor)};
 }
 

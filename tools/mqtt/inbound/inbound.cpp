@@ -210,9 +210,13 @@ ReadOutcome Inbound::look(const std::string &name, const std::string &tag, Sampl
 void Inbound::take_shared(Rule &rule, const std::string &name, const Message &message)
 {
     const std::string tag = reader_.standing_for(name);
-    Sample current;
-    const ReadOutcome outcome = look(name, tag, current);
-    switch (shared_.received(message, tag, outcome, current, Clock::now())) {
+    TagLook look = shared_.look_at(tag);
+    const Sample &current = look.sample;
+    // Also where the tag is about to go: a message takes the place of a drop that waits.
+    const ValueMark stands = look.outcome == ReadOutcome::read ? mark_of(current) : ValueMark{};
+    if (events_.is_dropping(name))
+        look.outcome = ReadOutcome::missing;
+    switch (shared_.received(message, tag, look, Clock::now())) {
     case Effect::ignore:
         ++counters_.echoes;
         return;
@@ -226,8 +230,8 @@ void Inbound::take_shared(Rule &rule, const std::string &name, const Message &me
     }
     WriteRequest request;
     request.key = key_of(message);
-    request.only_over = outcome == ReadOutcome::read ? mark_of(current) : ValueMark{};
-    write(rule, name, message, outcome, current, std::move(request));
+    request.only_over = stands;
+    write(rule, name, message, look.outcome, current, std::move(request));
 }
 
 // A tag that others provide stays without the bridge, and the broker has to get its value again.

@@ -12,6 +12,7 @@ namespace kp::mqtt {
 namespace {
 
 constexpr milliseconds kBusyDelay{100}; // until a topic in the middle of a write is looked at again
+constexpr milliseconds kSettleDelay{10};  // the same, where the write is the bridge's own
 constexpr milliseconds kQuotaDelay{1000}; // after a broker has said that it has no room
 constexpr milliseconds kBurstDelay{10};
 
@@ -125,6 +126,13 @@ void Publications::repeat(const std::string &tag, Clock::time_point now)
         mark_again(topic->mqtt, now);
 }
 
+void Publications::look_at(const std::string &tag, Clock::time_point now)
+{
+    topics_.look_at(tag, now);
+    if (const OutTopic *topic = topics_.of_tag(tag))
+        pending_.mark_change(topic->mqtt, now);
+}
+
 std::optional<Publication> Publications::next(Clock::time_point now)
 {
     take_what_is_due(now);
@@ -168,6 +176,12 @@ std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock:
     // The value follows when the broker has acknowledged that the retained one is cleared.
     if (!topic.rule->retain && state_.has(topic.mqtt))
         return is_clearing(topic.mqtt) ? std::nullopt : clearing(topic.mqtt);
+    // What is about to be replaced must not go: it would come after its successor in the broker's
+    // order.
+    if (topic.is_shared && shared_.is_settling(topic.tag)) {
+        defer(topic, now + kSettleDelay, since);
+        return {};
+    }
     Sample sample;
     const ReadOutcome outcome = reader_.read(topic.tag, sample);
     if (outcome == ReadOutcome::busy)
@@ -176,7 +190,7 @@ std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock:
         return {};
     if (outcome != ReadOutcome::read || !sample.has_value)
         return clearing(topic.mqtt);
-    if (is_held(topic, sample, since, now))
+    if (is_held(topic, sample))
         return {};
     (void)topics_.take_up(topic, sample);
     if (topic.providers_gone)
@@ -196,20 +210,13 @@ std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock:
 }
 
 // Says whether the value came from the broker, so that it need not be sent there.
-bool Publications::is_held(OutTopic &topic, const Sample &sample, Clock::time_point since,
-                           Clock::time_point now)
+bool Publications::is_held(OutTopic &topic, const Sample &sample)
 {
     if (!topic.is_shared)
         return writer_ && writer_->key_of(topic.tag, sample);
-    switch (shared_.hold(topic, sample)) {
-    case SharedTags::Hold::is_known:
+    if (shared_.is_known(topic, sample)) {
         topic.must_send = false;
         return true;
-    case SharedTags::Hold::is_busy:
-        defer(topic, now + kBusyDelay, since);
-        return true;
-    case SharedTags::Hold::none:
-        break;
     }
     if (writer_)
         writer_->forget(topic.tag); // it is this device's from now on
@@ -221,7 +228,10 @@ bool Publications::passes_gate(OutTopic &topic, const Sample &sample, Clock::tim
     if (topic.must_send)
         return true;
     const Quiet quiet = with_range(topic.rule->quiet, topic.facts);
-    const auto verdict = topic.gate.judge(quiet, sample, now);
+    auto verdict = topic.gate.judge(quiet, sample, now);
+    // The gate knows what was sent last, and in a shared tree that need not be what stands there.
+    if (verdict == Gate::Verdict::skip && topic.is_shared && !shared_.has_own_last(topic.mqtt))
+        verdict = Gate::Verdict::send;
     if (verdict == Gate::Verdict::later)
         defer(topic, topic.gate.due(quiet), topic.gate.due(quiet));
     return verdict == Gate::Verdict::send;

@@ -53,6 +53,8 @@ class Publications {
 
     // Sends a topic again although nothing changed, since the broker has been given an older value.
     void repeat(const std::string &tag, Clock::time_point now);
+    // Looks at a tag that may be new, or gone before a scan has seen it.
+    void look_at(const std::string &tag, Clock::time_point now);
 
     // The last value that the broker has acknowledged and keeps. A broker that still has it has
     // everything that came before it. Null when there is none.
@@ -73,8 +75,7 @@ class Publications {
   private:
     std::optional<Publication> publication_for(OutTopic &topic, Clock::time_point since,
                                                Clock::time_point now);
-    bool is_held(OutTopic &topic, const Sample &sample, Clock::time_point since,
-                 Clock::time_point now);
+    bool is_held(OutTopic &topic, const Sample &sample);
     bool passes_gate(OutTopic &topic, const Sample &sample, Clock::time_point now);
     // Says whether a message of the topic waits for its acknowledgement.
     bool is_on_its_way(const std::string &mqtt) const;

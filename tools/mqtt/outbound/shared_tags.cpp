@@ -9,6 +9,8 @@ namespace kp::mqtt {
 
 namespace {
 
+constexpr int kMostTries = 20; // each of which waits for a while
+
 uint64_t number_of(const UserProperties &properties, std::string_view name)
 {
     return std::strtoull(property_of(properties, name).c_str(), nullptr, 10);
@@ -58,13 +60,30 @@ bool SharedTags::is_left_over(const std::string &topic, const Sample &sample) co
     return state_.is_taken(topic) && sample.ts <= last_alive_;
 }
 
-Standing SharedTags::standing(const std::string &topic, const std::string &tag, ReadOutcome outcome,
-                              const Sample &sample) const
+TagLook SharedTags::look_at(const std::string &tag) const
 {
-    if (outcome == ReadOutcome::busy)
+    TagLook look;
+    look.is_settling = is_settling(tag);
+    // In the middle of its own write there is nothing to read; that takes no longer than the
+    // scheduler lets it.
+    for (int tries = 0; tries < kMostTries; ++tries) {
+        look.outcome = reader_.read(tag, look.sample);
+        if (look.outcome != ReadOutcome::busy || !look.is_settling)
+            break;
+    }
+    return look;
+}
+
+Standing SharedTags::standing(const std::string &topic, const std::string &tag,
+                              const TagLook &look) const
+{
+    if (look.is_settling)
+        return Standing::from_broker;
+    if (look.outcome == ReadOutcome::busy)
         return Standing::unsent;
-    if (outcome != ReadOutcome::read || !sample.has_value)
-        return writer_ && writer_->is_busy_with(tag) ? Standing::from_broker : Standing::absent;
+    const Sample &sample = look.sample;
+    if (look.outcome != ReadOutcome::read || !sample.has_value)
+        return Standing::absent;
     if (is_from_broker(tag, sample) || is_left_over(topic, sample))
         return Standing::from_broker;
     const OutTopic *live = topics_.of_tag(tag);
@@ -74,8 +93,8 @@ Standing SharedTags::standing(const std::string &topic, const std::string &tag, 
     return waits ? Standing::unsent : Standing::sent;
 }
 
-Effect SharedTags::received(const Message &message, const std::string &tag, ReadOutcome outcome,
-                            const Sample &current, Clock::time_point now)
+Effect SharedTags::received(const Message &message, const std::string &tag, const TagLook &look,
+                            Clock::time_point now)
 {
     const std::string origin = property_of(message.properties, property::kOrigin);
     Arrival arrival;
@@ -86,19 +105,15 @@ Effect SharedTags::received(const Message &message, const std::string &tag, Read
     arrival.is_clearing = message.payload.empty();
     const uint64_t source_ts = number_of(message.properties, property::kSourceTime);
     arrival.source_ts = source_ts ? source_ts : kp_get_timestamp_us();
-    const uint64_t ours = outcome == ReadOutcome::busy ? kp_get_timestamp_us() : current.source_ts;
-    return tree_.received(message.topic, arrival, standing(message.topic, tag, outcome, current),
-                          ours, now);
+    const bool is_busy = look.outcome == ReadOutcome::busy;
+    const uint64_t ours = is_busy ? kp_get_timestamp_us() : look.sample.source_ts;
+    return tree_.received(message.topic, arrival, standing(message.topic, tag, look), ours, now);
 }
 
-SharedTags::Hold SharedTags::hold(const OutTopic &topic, const Sample &sample) const
+bool SharedTags::is_known(const OutTopic &topic, const Sample &sample) const
 {
     const auto key = writer_ ? writer_->key_of(topic.tag, sample) : std::nullopt;
-    if (!key)
-        return is_left_over(topic.mqtt, sample) ? Hold::is_known : Hold::none;
-    if (tree_.is_last(topic.mqtt, *key))
-        return Hold::is_known;
-    return writer_->is_busy_with(topic.tag) ? Hold::is_busy : Hold::none;
+    return key ? tree_.is_last(topic.mqtt, *key) : is_left_over(topic.mqtt, sample);
 }
 
 bool SharedTags::is_removed(const std::string &topic) const
@@ -109,12 +124,11 @@ bool SharedTags::is_removed(const std::string &topic) const
     const Name name = rule ? to_tag_topic(rule->prefix, rule->tags, topic) : Name{};
     if (name.text.empty())
         return false;
-    const std::string tag = reader_.standing_for(name.text);
-    Sample sample;
-    const ReadOutcome outcome = reader_.read(tag, sample);
-    const bool is_absent = outcome == ReadOutcome::missing || outcome == ReadOutcome::undeclared ||
-                           (outcome == ReadOutcome::read && !sample.has_value);
-    return is_absent && !(writer_ && writer_->is_busy_with(tag));
+    const TagLook look = look_at(reader_.standing_for(name.text));
+    const bool is_absent = look.outcome == ReadOutcome::missing ||
+                           look.outcome == ReadOutcome::undeclared ||
+                           (look.outcome == ReadOutcome::read && !look.sample.has_value);
+    return is_absent && !look.is_settling;
 }
 
 void SharedTags::sent(const Publication &publication, Clock::time_point now)
@@ -127,6 +141,14 @@ void SharedTags::refused(const Publication &publication)
 {
     if (publication.number)
         tree_.refused(publication.topic, publication.number);
+}
+
+void SharedTags::claim_unsent()
+{
+    for (const auto &[tag, topic] : topics_.all())
+        if (topic->is_shared && state_.is_taken(topic->mqtt) &&
+            standing(topic->mqtt, tag, look_at(tag)) == Standing::unsent)
+            state_.add(topic->mqtt);
 }
 
 std::vector<std::string> SharedTags::stop_reading(bool is_complete, Clock::time_point now)
@@ -158,9 +180,7 @@ void SharedTags::mark_live(bool is_complete, Clock::time_point now)
     for (const auto &[tag, topic] : topics_.all()) {
         if (!topic->is_shared)
             continue;
-        Sample sample;
-        const ReadOutcome outcome = reader_.read(tag, sample);
-        const Standing stands = standing(topic->mqtt, tag, outcome, sample);
+        const Standing stands = standing(topic->mqtt, tag, look_at(tag));
         const bool is_missing = is_complete && !tree_.is_there(topic->mqtt);
         if (stands == Standing::unsent || (stands == Standing::sent && is_missing)) {
             topic->must_send = true;

@@ -16,15 +16,16 @@
 
 namespace kp::mqtt {
 
+// A tag as it stands in the store.
+struct TagLook {
+    // Something waited to be written to it, or was being written, before it was read.
+    bool is_settling = false;
+    ReadOutcome outcome = ReadOutcome::missing;
+    Sample sample{};
+};
+
 class SharedTags {
   public:
-    // What keeps its value from going out.
-    enum class Hold {
-        none,
-        is_known, // the value came from the broker, which has it
-        is_busy,  // another one is about to be written
-    };
-
     // `writer` may be null if nothing comes from the broker. `last_alive` is a time in microseconds
     // since the epoch: an earlier run has seen all values that were written until then.
     SharedTags(const Configuration &configuration, const StoreReader &reader,
@@ -35,8 +36,17 @@ class SharedTags {
     // not, the rules connect two trees, and the order of their messages says nothing.
     bool is_one_tree(const InRule &rule, const std::string &tag, const std::string &topic) const;
 
-    Effect received(const Message &message, const std::string &tag, ReadOutcome outcome,
-                    const Sample &current, Clock::time_point now);
+    // Says whether something waits to be written to the tag, or is being written: what the store
+    // holds says nothing until then. Only the bridge's own thread asks for such writes. So it has
+    // to ask this before it reads the tag; afterwards the write may have been done in between.
+    bool is_settling(const std::string &tag) const
+    {
+        return writer_ && writer_->is_busy_with(tag);
+    }
+    TagLook look_at(const std::string &tag) const;
+
+    Effect received(const Message &message, const std::string &tag, const TagLook &look,
+                    Clock::time_point now);
     // The value of a message has been taken for the tag, or the tag goes.
     void taken(const std::string &topic)
     {
@@ -57,7 +67,13 @@ class SharedTags {
     }
     // Says whether the value is one that an earlier run has taken from the broker and left behind.
     bool is_left_over(const std::string &topic, const Sample &sample) const;
-    Hold hold(const OutTopic &topic, const Sample &sample) const;
+    // Says whether the value came from the broker, which still has it.
+    bool is_known(const OutTopic &topic, const Sample &sample) const;
+    // Says whether the broker's value is one that this device has sent.
+    bool has_own_last(const std::string &topic) const
+    {
+        return tree_.has_own_last(topic);
+    }
     // Says whether the broker keeps a value of another device whose tag has been removed here.
     bool is_removed(const std::string &topic) const;
 
@@ -67,6 +83,10 @@ class SharedTags {
     {
         tree_.connection_lost();
     }
+
+    // Values that were written here and are not sent yet are this device's own, also for the next
+    // run, which could take them for some that this one has got from the broker.
+    void claim_unsent();
 
     // What the broker has kept is about to arrive.
     void start_reading()
@@ -78,8 +98,7 @@ class SharedTags {
     std::vector<std::string> stop_reading(bool is_complete, Clock::time_point now);
 
   private:
-    Standing standing(const std::string &topic, const std::string &tag, ReadOutcome outcome,
-                      const Sample &sample) const;
+    Standing standing(const std::string &topic, const std::string &tag, const TagLook &look) const;
     std::vector<std::string> find_lost();
     void mark_live(bool is_complete, Clock::time_point now);
     void mark_gone(bool is_complete, Clock::time_point now);

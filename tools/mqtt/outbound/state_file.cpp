@@ -3,6 +3,7 @@
 #include "base/log.h"
 #include "names/topic_names.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -148,10 +149,13 @@ void StateFile::take(const std::string &topic)
         append(kTaken, topic);
 }
 
-void StateFile::touch() const
+// Not with the time that the kernel would set, which can be some milliseconds old.
+void StateFile::touch(uint64_t time) const
 {
+    constexpr uint64_t second = 1'000'000;
+    const timespec at{static_cast<time_t>(time / second), static_cast<long>(time % second * 1'000)};
     if (journal_)
-        (void)futimens(journal_.get(), nullptr);
+        (void)futimens(journal_.get(), std::array{at, at}.data());
 }
 
 void StateFile::append(char sign, const std::string &topic)

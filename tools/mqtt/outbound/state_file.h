@@ -38,8 +38,8 @@ class StateFile {
     {
         return last_used_;
     }
-    // Notes that this run was alive until now.
-    void touch() const;
+    // Notes that this run was alive until a time, in the same unit.
+    void touch(uint64_t time) const;
     bool has(const std::string &topic) const
     {
         return topics_.contains(topic);

@@ -155,7 +155,8 @@ bool TopicTable::refresh(OutTopic &topic, Clock::time_point now)
     if (outcome != ReadOutcome::read || !take_up(topic, std::move(sample)))
         return false;
     const bool was_sent = topic.gate.sent_at() || state_.has(topic.mqtt);
-    if (topic.seen->has_value || was_sent)
+    // A provider that comes makes the value of a shared tag go, whoever had written it.
+    if (topic.seen->has_value || was_sent || topic.is_shared)
         pending_.mark_change(topic.mqtt, now);
     return true;
 }

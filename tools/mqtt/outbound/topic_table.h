@@ -70,6 +70,9 @@ class TopicTable {
     // Looks at the whole store: new topics, those gone, and changes that nobody announced.
     void scan(Clock::time_point now);
 
+    // Looks at one tag, which may be new.
+    void look_at(const std::string &tag, Clock::time_point now);
+
     // To be called when the rules have changed, while those before are still in memory. Drops the
     // topics that no rule takes any more and marks what must be sent again; the next scan finds new
     // topics.
@@ -109,7 +112,6 @@ class TopicTable {
     }
 
   private:
-    void look_at(const std::string &tag, Clock::time_point now);
     OutTopic *add(const std::string &tag, const OutRule &rule);
     void remove(OutTopic &topic, Clock::time_point now);
     bool refresh(OutTopic &topic, Clock::time_point now);

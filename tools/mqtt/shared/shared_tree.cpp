@@ -55,6 +55,7 @@ void SharedTree::take_own(Topic &topic, const Arrival &arrival)
     topic.on_its_way = 0;
     topic.last = arrival.is_clearing ? 0 : arrival.key;
     topic.is_there = !arrival.is_clearing;
+    topic.is_own = true;
 }
 
 Effect SharedTree::received(const std::string &name, const Arrival &arrival, Standing standing,
@@ -73,6 +74,7 @@ Effect SharedTree::received(const std::string &name, const Arrival &arrival, Sta
     const bool is_news = arrival.is_clearing || arrival.key != topic.last;
     topic.last = arrival.is_clearing ? 0 : arrival.key;
     topic.is_there = !arrival.is_clearing;
+    topic.is_own = false;
     if (arrival.is_clearing) {
         forget_if_empty(found);
         return standing == Standing::absent        ? Effect::ignore
@@ -104,7 +106,13 @@ bool SharedTree::is_there(const std::string &topic) const
 bool SharedTree::is_last(const std::string &topic, MessageKey key) const
 {
     const auto found = topics_.find(topic);
-    return found != topics_.end() && found->second.last == key;
+    return found != topics_.end() && !found->second.on_its_way && found->second.last == key;
+}
+
+bool SharedTree::has_own_last(const std::string &topic) const
+{
+    const auto found = topics_.find(topic);
+    return found != topics_.end() && (found->second.on_its_way || found->second.is_own);
 }
 
 void SharedTree::forget_if_empty(Topics::iterator found)

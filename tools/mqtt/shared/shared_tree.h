@@ -67,8 +67,11 @@ class SharedTree {
 
     // Whether the broker keeps a value of the topic, as far as has been heard.
     bool is_there(const std::string &topic) const;
-    // Whether the message is the last one that was heard of the topic.
+    // Whether the message is the last one of the topic, as far as has been heard. An own one that
+    // is on its way comes after it.
     bool is_last(const std::string &topic, MessageKey key) const;
+    // Whether the last one is a value that this device has sent.
+    bool has_own_last(const std::string &topic) const;
     // The topics that are remembered: those that the broker keeps and those with a message on its
     // way.
     size_t size() const
@@ -80,6 +83,7 @@ class SharedTree {
     struct Topic {
         MessageKey last = 0; // 0: a clearing, or nothing heard yet
         bool is_there = false;
+        bool is_own = false;       // the last one
         MessageKey on_its_way = 0; // the last own message that has not come back; 0: none
         Clock::time_point sent_at{};
     };
