@@ -2,191 +2,23 @@
 
 #include "common/fault_guard.h"
 #include "common/text.h"
+#include "common/whole_copy.h"
 #include "layout/field.h"
 #include "layout/value_type.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
+#include <cstddef>
 #include <sys/mman.h>
-#include <time.h>
 #include <utility>
 
 namespace kp::tool {
 
 namespace {
 
-constexpr int kLooks = 5;
-constexpr int kAttemptsBeforePause = 16;
-constexpr int kPauses = 60;
-constexpr long kPauseNs = 50'000; // a write lasts less than a microsecond
-
-constexpr std::size_t kFieldsStart = offsetof(Segment, last_write_ts);
-constexpr std::size_t kFieldsEnd = offsetof(Segment, value);
-constexpr std::size_t kCountsStart = offsetof(Segment, refs);
-constexpr std::size_t kCountsEnd = kCountsStart + sizeof(ReferenceCounts);
-
-// The fields behind the semaphore, and as much of the value as they speak of.
-struct Copy {
-    std::array<uint8_t, kSegmentSize + 1> bytes; // one more, in which a file that is too long shows
-
-    Segment segment() const
-    {
-        Segment out;
-        std::memcpy(&out, bytes.data(), sizeof(out));
-        return out;
-    }
-    // Where the value ends that the fields speak of.
-    std::size_t end() const
-    {
-        uint32_t size = 0;
-        std::memcpy(&size, &bytes[offsetof(Segment, written_value_size)], sizeof(size));
-        return kFieldsEnd + std::min<std::size_t>(size, kValueAreaSize);
-    }
-    bool is_being_written() const
-    {
-        return bytes[offsetof(Segment, state) + offsetof(WriteState, writing)] == 1;
-    }
-};
-
-// Compares what belongs to a write.
-//
-// Deliberate: here and in MappedSource::take() memcmp() and memcpy() touch fields that a writer may
-// be storing, not the accesses of field.h. A copy may come out torn, which is expected: further
-// looks and the mark, which does go through field.h, tell it. One access for each byte would make a
-// look so much longer that a busy writer would leave no gap for it.
-bool same_bytes(const uint8_t *source, const Copy &copy, std::size_t end)
-{
-    const uint8_t *known = copy.bytes.data();
-    return std::memcmp(source + kFieldsStart, known + kFieldsStart, kCountsStart - kFieldsStart) ==
-               0 &&
-           std::memcmp(source + kCountsEnd, known + kCountsEnd, end - kCountsEnd) == 0;
-}
-
 // Of all readers. Plain numbers: readers are opened and destroyed by one thread.
 std::size_t mapped_readers = 0;
 std::size_t open_readers = 0;
-
-enum class Look { good, disturbed, no_segment };
-
-Look good_if(bool is_good)
-{
-    return is_good ? Look::good : Look::disturbed;
-}
-
-// Looks at a mapped segment. The mark of a write in progress is visible before any store of the
-// write and is cleared after all of them, so it is loaded before and after what it guards.
-class MappedSource {
-  public:
-    explicit MappedSource(const Segment &segment) : segment_(segment)
-    {
-    }
-    // Runs `access`; false when the memory was gone.
-    template <typename Access> bool run(const Access &access) const
-    {
-        return guarded(access);
-    }
-    Look take(Copy &copy) const
-    {
-        const bool is_quiet = !is_being_written();
-        const auto *source = reinterpret_cast<const uint8_t *>(&segment_);
-        std::memcpy(&copy.bytes[kFieldsStart], source + kFieldsStart, kFieldsEnd - kFieldsStart);
-        order_loads();
-        std::memcpy(&copy.bytes[kFieldsEnd], source + kFieldsEnd, copy.end() - kFieldsEnd);
-        order_loads();
-        return good_if(is_quiet && !is_being_written());
-    }
-    Look compare(const Copy &copy) const
-    {
-        const bool is_quiet = !is_being_written();
-        const bool same =
-            is_quiet && same_bytes(reinterpret_cast<const uint8_t *>(&segment_), copy, copy.end());
-        order_loads();
-        return good_if(same && !is_being_written());
-    }
-
-  private:
-    bool is_being_written() const
-    {
-        return load_acquire(segment_.state.writing) == 1;
-    }
-
-    const Segment &segment_;
-};
-
-// Looks at an open file. Each look is one system call, and no load moves from one to the next.
-class FileSource {
-  public:
-    explicit FileSource(const UniqueFd &fd) : fd_(fd)
-    {
-    }
-    template <typename Access> bool run(const Access &access) const
-    {
-        access();
-        return true;
-    }
-    Look take(Copy &copy) const
-    {
-        if (pread(fd_.get(), copy.bytes.data(), copy.bytes.size(), 0) != kSegmentSize)
-            return Look::no_segment;
-        return good_if(!copy.is_being_written());
-    }
-    Look compare(const Copy &copy) const
-    {
-        Copy again;
-        const std::size_t end = copy.end();
-        if (pread(fd_.get(), again.bytes.data(), end, 0) != static_cast<ssize_t>(end))
-            return Look::no_segment;
-        return good_if(!again.is_being_written() && same_bytes(again.bytes.data(), copy, end));
-    }
-
-  private:
-    const UniqueFd &fd_;
-};
-
-// One attempt. What is copied of a segment that is being written has fields to show.
-template <typename Source> Look attempt(const Source &source, Copy &copy)
-{
-    Look look = source.take(copy);
-    for (int count = 1; count < kLooks && look == Look::good; ++count)
-        look = source.compare(copy);
-    return look;
-}
-
-void pause_briefly()
-{
-    const timespec pause{0, kPauseNs};
-    (void)nanosleep(&pause, nullptr);
-}
-
-uint64_t timestamp_of(const Copy &copy)
-{
-    return copy.segment().last_write_ts;
-}
-
-// What came of all attempts, and whether the writer that disturbed them wrote on meanwhile.
-struct Looked {
-    Look look = Look::disturbed;
-    bool is_written_on = false;
-};
-
-template <typename Source> Looked look_patiently(const Source &source, Copy &copy)
-{
-    std::memset(copy.bytes.data(), 0, kFieldsEnd);
-    auto look = Look::disturbed;
-    std::optional<uint64_t> first;
-    for (int pauses = 0;; ++pauses) {
-        for (int count = 0; count < kAttemptsBeforePause && look == Look::disturbed; ++count)
-            if (!source.run([&] { look = attempt(source, copy); }))
-                return {Look::no_segment};
-        if (!first)
-            first = timestamp_of(copy);
-        if (look != Look::disturbed || pauses == kPauses)
-            return {look, timestamp_of(copy) != *first};
-        pause_briefly();
-    }
-}
 
 bool makes_sense(const Snapshot &snapshot)
 {
@@ -199,18 +31,18 @@ bool makes_sense(const Snapshot &snapshot)
     return snapshot.size <= kValueAreaSize;
 }
 
-Condition condition_of(const Snapshot &snapshot, Look look)
+Condition condition_of(const Snapshot &snapshot, CopyOutcome outcome)
 {
     if (!(snapshot.flags & kValid))
         return Condition::undeclared;
-    if (look != Look::good)
+    if (outcome != CopyOutcome::whole)
         return Condition::busy;
     if (!makes_sense(snapshot))
         return Condition::corrupt;
     return snapshot.flags & kHasValue ? Condition::value : Condition::empty;
 }
 
-Snapshot snapshot_of(const Copy &copy, Look look, ino_t inode)
+Snapshot snapshot_of(const SegmentCopy &copy, CopyOutcome outcome, ino_t inode)
 {
     const Segment segment = copy.segment();
     Snapshot snapshot;
@@ -227,21 +59,21 @@ Snapshot snapshot_of(const Copy &copy, Look look, ino_t inode)
     snapshot.consumers = segment.refs.consumers;
     snapshot.reserved_in_use = std::ranges::any_of(segment.reserved, [](auto b) { return b != 0; });
     snapshot.inode = inode;
-    snapshot.condition = condition_of(snapshot, look);
+    snapshot.condition = condition_of(snapshot, outcome);
     if (snapshot.condition == Condition::value)
-        snapshot.bytes.assign(reinterpret_cast<const char *>(&copy.bytes[kFieldsEnd]),
-                              snapshot.size);
+        snapshot.bytes = copy.value();
     return snapshot;
 }
 
+// Reads from a mapping or from an open file.
 template <typename Source> std::optional<Snapshot> read_from(const Source &source, ino_t inode)
 {
-    Copy copy;
-    const Looked looked = look_patiently(source, copy);
-    if (looked.look == Look::no_segment)
+    SegmentCopy copy;
+    const CopyTaken taken = take_whole_copy(source, copy);
+    if (taken.outcome == CopyOutcome::no_segment)
         return std::nullopt;
-    Snapshot snapshot = snapshot_of(copy, looked.look, inode);
-    snapshot.is_written_on = snapshot.condition == Condition::busy && looked.is_written_on;
+    Snapshot snapshot = snapshot_of(copy, taken.outcome, inode);
+    snapshot.is_written_on = snapshot.condition == Condition::busy && taken.is_written_on;
     return snapshot;
 }
 
@@ -348,11 +180,11 @@ UniqueFd SegmentReader::reopen() const
 std::optional<Snapshot> SegmentReader::read() const
 {
     if (segment_)
-        return read_from(MappedSource(*segment_), inode_);
+        return read_from(*segment_, inode_);
     if (fd_)
-        return read_from(FileSource(fd_), inode_);
+        return read_from(fd_, inode_);
     const UniqueFd fd = reopen();
-    return fd ? read_from(FileSource(fd), inode_) : std::nullopt;
+    return fd ? read_from(fd, inode_) : std::nullopt;
 }
 
 std::optional<WriteStamp> SegmentReader::stamp() const
@@ -366,6 +198,7 @@ std::optional<WriteStamp> SegmentReader::stamp() const
     Segment segment;
     const UniqueFd opened = fd_ ? UniqueFd() : reopen();
     const int fd = fd_ ? fd_.get() : opened.get();
+    constexpr std::size_t kFieldsEnd = offsetof(Segment, value);
     if (pread(fd, &segment, kFieldsEnd, 0) != static_cast<ssize_t>(kFieldsEnd))
         return std::nullopt;
     return stamp_of(segment);
@@ -377,8 +210,7 @@ std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic
     if (!fd)
         return std::nullopt;
     struct stat status;
-    auto snapshot =
-        fstat(fd.get(), &status) == 0 ? read_from(FileSource(fd), status.st_ino) : std::nullopt;
+    auto snapshot = fstat(fd.get(), &status) == 0 ? read_from(fd, status.st_ino) : std::nullopt;
     if (!snapshot)
         problem = TopicOpener::not_a_segment(topic, fd);
     return snapshot;

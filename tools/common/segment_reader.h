@@ -1,22 +1,6 @@
 // The one look at a segment that all tools share. It only reads: it takes no count and no lock,
-// shows no value that is half written, and survives a file that is cut short meanwhile.
-//
-// The rule for what belongs together. The library's own consistent read (docs/reliability.md)
-// relies on the timestamp of a write where bytes alone tell nothing. A tool cannot: it shows what
-// any program wrote, also one that gives all its writes the same timestamp. So an attempt is five
-// looks: the first copies the segment, and four more compare it with the copy. The copy counts only
-// if each look finds that no write is going on, and if all four find the same bytes in all fields
-// and in the value. Only the counts may change, which are no part of a write. Two looks match on
-// the same torn value about once in 50 when a writer flips between two values under one timestamp;
-// five practically never. docs/reliability.md has what was measured.
-//
-// A look through a mapping loads the mark of a write before the bytes and again after them. A look
-// through a file fetches mark and bytes with one pread(), so it knows the mark of one moment only.
-// That is enough: a write that begins or ends within the call either is still going on at the next
-// look, which then finds the mark, or has stored all its bytes, and the next look finds these.
-//
-// An attempt that a write disturbs is repeated: first at once, since the gap between two writes may
-// be as short as the attempt, and then after pauses, since the writer may have lost its processor.
+// shows no value that is half written (whole_copy.h), and survives a file that is cut short
+// meanwhile.
 #pragma once
 
 #include "common/store_files.h"
