@@ -1,10 +1,8 @@
 #include "describe.h"
 
-#include "base/errors.h"
 #include "base/store.h"
 #include "common/dictionary/fact_lines.h"
 #include "common/dictionary/live_dictionary.h"
-#include "common/topic_name.h"
 
 #include <map>
 
@@ -28,18 +26,14 @@ tool::LiveDictionary &dictionary_in(const std::string &directory)
 
 PyObject *describe(PyObject *, PyObject *arguments)
 {
-    PyObject *topic = nullptr;
+    PyObject *object = nullptr;
     PyObject *path = nullptr;
-    std::string text;
-    if (!PyArg_ParseTuple(arguments, "O|O&:describe", &topic, PyUnicode_FSConverter, &path))
+    std::string topic;
+    if (!PyArg_ParseTuple(arguments, "O|O&:describe", &object, PyUnicode_FSConverter, &path))
         return nullptr;
     const Ref directory(path);
-    if (!topic_text(topic, text))
+    if (!normal_topic(object, topic))
         return nullptr;
-    tool::Problem problem;
-    const auto name = tool::normal_topic(text, problem);
-    if (!name)
-        return raise(problem);
     tool::LiveDictionary &dictionary =
         dictionary_in(directory ? PyBytes_AsString(directory.get()) : "");
     for (const tool::DictionaryProblem &mistake : dictionary.take_problems()) {
@@ -47,7 +41,7 @@ PyObject *describe(PyObject *, PyObject *arguments)
         if (PyErr_WarnFormat(PyExc_RuntimeWarning, 2, "%s", line.c_str()) != 0)
             return nullptr;
     }
-    const std::string facts = tool::facts_json(dictionary.current()->facts_of(*name))
+    const std::string facts = tool::facts_json(dictionary.current()->facts_of(topic))
                                   .dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
     return PyUnicode_DecodeUTF8(facts.data(), static_cast<Py_ssize_t>(facts.size()), "strict");
 }

@@ -5,6 +5,7 @@
 #include "common/segment_reader.h"
 #include "common/store_files.h"
 #include "common/store_walk.h"
+#include "common/topic_name.h"
 
 namespace kp::python {
 
@@ -65,29 +66,41 @@ bool topic_text(PyObject *topic, std::string &text)
     return false;
 }
 
-PyObject *get(PyObject *, PyObject *topic)
+bool normal_topic(PyObject *object, std::string &topic)
 {
     std::string text;
-    if (!topic_text(topic, text))
+    if (!topic_text(object, text))
+        return false;
+    tool::Problem problem;
+    auto name = tool::normal_topic(text, problem);
+    if (!name) {
+        raise(problem);
+        return false;
+    }
+    topic = std::move(*name);
+    return true;
+}
+
+PyObject *get(PyObject *, PyObject *object)
+{
+    std::string topic;
+    if (!normal_topic(object, topic))
         return nullptr;
     tool::Problem problem;
-    const auto name = tool::normal_topic(text, problem);
-    if (!name)
-        return raise(problem);
     std::optional<tool::Snapshot> snapshot;
     {
         const WithoutInterpreter reading;
         tool::TopicOpener opener;
-        snapshot = tool::read_topic(opener, *name, problem);
+        snapshot = tool::read_topic(opener, topic, problem);
     }
     if (!snapshot)
         return raise(problem);
     if (snapshot->condition != tool::Condition::value)
-        return raise_no_value(*name, *snapshot);
-    const Ref object(topic_object(*name));
+        return raise_no_value(topic, *snapshot);
+    const Ref name(topic_object(topic));
     const ReadingInfo info{snapshot->last_write_ts, snapshot->source_ts, snapshot->type,
                            snapshot->quality};
-    return object ? make_reading(object.get(), info, snapshot->bytes) : nullptr;
+    return name ? make_reading(name.get(), info, snapshot->bytes) : nullptr;
 }
 
 PyObject *list(PyObject *, PyObject *arguments)

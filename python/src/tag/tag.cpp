@@ -115,22 +115,6 @@ const Segment *map_for_glances(const std::string &topic)
     return memory == MAP_FAILED ? nullptr : static_cast<const Segment *>(memory);
 }
 
-// Gives a topic as one path. False with an exception when it is none.
-bool plain_topic(PyObject *object, std::string &topic)
-{
-    std::string text;
-    if (!topic_text(object, text))
-        return false;
-    tool::Problem problem;
-    const auto name = tool::normal_topic(text, problem);
-    if (!name) {
-        raise(problem);
-        return false;
-    }
-    topic = *name;
-    return true;
-}
-
 // Makes the object around the tag that `open` opens. Null with an exception.
 template <typename Open>
 PyObject *make_tag(PyTypeObject *type, PyObject *node, const std::string &topic, const Open &open)
@@ -239,7 +223,7 @@ PyObject *make_provider(PyObject *node, PyObject *arguments)
     unsigned int extra = 0;
     std::string topic;
     if (!PyArg_ParseTuple(arguments, "OOII", &topic_argument, &type_argument, &most, &extra) ||
-        !is_usable(state_of(node)) || !plain_topic(topic_argument, topic))
+        !is_usable(state_of(node)) || !normal_topic(topic_argument, topic))
         return nullptr;
     const uint32_t type = type_code(type_argument);
     if (type == UINT32_MAX)
@@ -261,7 +245,7 @@ PyObject *make_consumer(PyObject *node, PyObject *arguments)
     PyObject *topic_argument = nullptr;
     std::string topic;
     if (!PyArg_ParseTuple(arguments, "O", &topic_argument) || !is_usable(state_of(node)) ||
-        !plain_topic(topic_argument, topic))
+        !normal_topic(topic_argument, topic))
         return nullptr;
     return make_tag(consumer_type, node, topic,
                     [&](kp_t *handle) { return kp_tag_consumer_new(handle, topic.c_str()); });
