@@ -1341,7 +1341,7 @@ inline bool read_any(kp_tag_t *tag, Sample<Value> &sample)
         return false;
     const std::int32_t size = read_consistent(tag, bytes, sizeof(bytes), sample);
     if (size <= 0 || kp_tag_get_value_info(tag, &after, nullptr, nullptr) != 0 || before != after ||
-        before > KP_TYPE_RAW ||
+        before >= std::variant_size_v<Value::Variant> ||
         kp_get_value_size(after, static_cast<std::uint32_t>(size)) !=
             static_cast<std::uint32_t>(size))
         return false;

@@ -94,7 +94,7 @@ bool is_binary_type(uint32_t type)
 
 bool is_number_type(uint32_t type)
 {
-    return type > KP_TYPE_BOOLEAN && type <= KP_TYPE_DOUBLE;
+    return type < kValueTypeCount && type != KP_TYPE_BOOLEAN && !has_variable_size(type);
 }
 
 bool is_floating_type(uint32_t type)

@@ -10,6 +10,7 @@ namespace kp::web {
 
 namespace {
 
+// A file of the folder that is not listed here is not served.
 constexpr std::array kFiles = {"index.html", "style.css", "icon.svg", "main.js",    "details.js",
                                "device.js",  "filter.js", "live.js",  "mappers.js", "openapi.json",
                                "table.js",   "text.js",   "tree.js",  "trend.js"};

@@ -1,4 +1,4 @@
-// The page: which view is shown, what it shows, and the address that leads there.
+// Joins the parts of the page: which view is shown, what it shows, and the address that leads there.
 import { showFindings, showPeers } from "./device.js";
 import { showDetails } from "./details.js";
 import { filterOf } from "./filter.js";
@@ -11,6 +11,13 @@ import { Trend } from "./trend.js";
 
 const kDeviceMs = 3000;
 const find = (id) => document.getElementById(id);
+
+// Says what fills each view anew. A live stream fills that of the tags.
+const kViews = new Map([
+  ["tags", () => {}],
+  ["peers", () => showPeers(find("peers"), find("no-peers"))],
+  ["doctor", () => showFindings(find("findings"), find("healthy"))],
+]);
 
 let topics = [];
 let byKey = new Map();
@@ -99,10 +106,7 @@ async function list() {
 
 async function showDevice() {
   try {
-    if (view.view === "peers")
-      await showPeers(find("peers"), find("no-peers"));
-    else if (view.view === "doctor")
-      await showFindings(find("findings"), find("healthy"));
+    await kViews.get(view.view)?.();
   } catch {
     find("state").textContent = "connection lost";
   }
@@ -111,7 +115,7 @@ async function showDevice() {
 function show() {
   const before = view;
   view = readAddress();
-  for (const name of ["tags", "peers", "doctor"]) {
+  for (const name of kViews.keys()) {
     find("view-" + name).hidden = name !== view.view;
     mark(find("go-" + name), "page", name === view.view);
     find("go-" + name).href = addressWith({ view: name });
