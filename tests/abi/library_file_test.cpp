@@ -1,13 +1,13 @@
 // What the built library file exports, needs and protects, read off the file itself.
+#include "testing/file_text.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 
 namespace {
@@ -27,13 +27,6 @@ std::string output_of(const std::string &command)
         text += piece;
     EXPECT_EQ(pclose(pipe), 0) << command;
     return text;
-}
-
-std::string contents(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
 }
 
 Names matches(const std::string &text, const std::string &expression)
@@ -62,7 +55,7 @@ std::string wanted_of_others()
 
 Names listed()
 {
-    return matches(contents(KP_SOURCE_DIR "/src/exports.map"), "\n    (\\w+);");
+    return matches(kptest::file_text(KP_SOURCE_DIR "/src/exports.map"), "\n    (\\w+);");
 }
 
 } // namespace
@@ -75,7 +68,7 @@ TEST(LibraryFile, ExportsExactlyTheNamesOfTheKeptList)
 TEST(LibraryFile, ExportsEveryFunctionThatTheHeaderDeclares)
 {
     const Names declared =
-        matches(contents(KP_SOURCE_DIR "/include/kp.h"), "\nKP_API [^;(]*?(kp\\w+)\\(");
+        matches(kptest::file_text(KP_SOURCE_DIR "/include/kp.h"), "\nKP_API [^;(]*?(kp\\w+)\\(");
 
     ASSERT_GT(declared.size(), 90U);
     EXPECT_THAT(exported(), testing::IsSupersetOf(declared));

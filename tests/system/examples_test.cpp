@@ -1,13 +1,12 @@
 // The programs of the README are the ones that are built here, and they do what it says.
 #include "testing/child.h"
+#include "testing/file_text.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 using namespace kptest;
@@ -15,29 +14,22 @@ using testing::HasSubstr;
 
 namespace {
 
-std::string contents(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 std::string code_block(const std::string &path)
 {
-    return "```c\n" + contents(path) + "```\n";
+    return "```c\n" + file_text(path) + "```\n";
 }
 
 } // namespace
 
 TEST(Readme, ShowsTheProviderThatIsBuilt)
 {
-    EXPECT_THAT(contents(KP_SOURCE_DIR "/README.md"),
+    EXPECT_THAT(file_text(KP_SOURCE_DIR "/README.md"),
                 HasSubstr(code_block(KP_SOURCE_DIR "/examples/provider.c")));
 }
 
 TEST(Readme, ShowsTheConsumerThatIsBuilt)
 {
-    EXPECT_THAT(contents(KP_SOURCE_DIR "/README.md"),
+    EXPECT_THAT(file_text(KP_SOURCE_DIR "/README.md"),
                 HasSubstr(code_block(KP_SOURCE_DIR "/examples/consumer.c")));
 }
 

@@ -1,9 +1,8 @@
 #include "config/configuration.h"
+#include "testing/file_text.h"
 
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <regex>
 
 using kp::web::parse_configuration;
@@ -70,12 +69,11 @@ TEST(WebConfiguration, NamesEachMistakeWithItsLine)
     EXPECT_EQ(problems[3], "f:3: colour: unknown setting");
 }
 
-// The text with its settings, which are comments in the file, as settings.
+// Gives the text of the file with its settings, which are comments there, as settings.
 std::string with_settings_of(const std::string &path)
 {
-    std::ifstream file(path);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    return std::regex_replace(text, std::regex("(^|\n)# (\\[|[a-z-]+ = )"), "$1$2");
+    return std::regex_replace(kptest::file_text(path), std::regex("(^|\n)# (\\[|[a-z-]+ = )"),
+                              "$1$2");
 }
 
 TEST(WebConfiguration, HasAFileThatStatesTheDefaults)

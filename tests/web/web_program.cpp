@@ -1,5 +1,7 @@
 #include "web/web_program.h"
 
+#include "testing/file_text.h"
+
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -13,12 +15,6 @@
 namespace kptest {
 
 namespace {
-
-std::string text_of(const std::string &path)
-{
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::string in_quotes(const std::string &word)
 {
@@ -86,7 +82,7 @@ Got WebProgram::get(const std::string &path, const std::vector<std::string> &opt
 
 std::string WebProgram::log() const
 {
-    return text_of(folder_ + "/log");
+    return file_text(folder_ + "/log");
 }
 
 bool WebProgram::wait_for_log(const std::string &text) const
