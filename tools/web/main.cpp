@@ -37,7 +37,7 @@ kp::UniqueFd take_signals()
     return kp::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-// Without a file of its own the program has the defaults, which show all to this machine alone.
+// Without a file the defaults hold, which show all topics to this machine alone.
 ConfigurationResult load(const Options &options)
 {
     if (!options.file.empty())

@@ -1,4 +1,4 @@
-// How problems with topics become answers.
+// Says how a problem with a topic is answered.
 #pragma once
 
 #include "common/problem.h"
@@ -7,10 +7,10 @@
 
 namespace kp::web {
 
-// What stands in front of a topic in an address.
+// This stands in front of a topic in an address.
 constexpr std::string_view kTagsPath = "/tags/";
 
-// The status that tells of a problem with the store.
+// Gives the status that tells of a problem with the store.
 inline unsigned status_of(const tool::Problem &problem)
 {
     return problem.code == tool::kNothing      ? 404

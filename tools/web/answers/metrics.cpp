@@ -13,7 +13,7 @@ struct Own {
     uint64_t value;
 };
 
-// A counter's sample ends in _total, its family does not.
+// The name of a counter's sample ends in `_total`, that of its family does not.
 std::string own_text(const Own &own)
 {
     const std::string name = own.name;

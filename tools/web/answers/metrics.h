@@ -1,4 +1,4 @@
-// The metrics of the device and of this program, as OpenMetrics text.
+// Makes the metrics of the device and of this program, as OpenMetrics text.
 #pragma once
 
 #include "answers/site.h"
@@ -7,8 +7,8 @@ namespace kp::web {
 
 constexpr const char *kMetricsType = "application/openmetrics-text; version=1.0.0; charset=utf-8";
 
-// The values of the topics that the patterns cover, the state of the store, and the program's
-// counters; the line that ends the text is not in it.
+// Gives the values of the topics that the patterns cover, the state of the store, and the program's
+// counters. The line that ends the text is not in it.
 std::string metrics_text(const std::vector<std::string> &patterns, const Board &board,
                          const Counters &counters, uint64_t writes);
 

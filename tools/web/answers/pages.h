@@ -1,4 +1,4 @@
-// The files of the page, read once at the start.
+// Keeps the files of the page, which are read once at the start.
 #pragma once
 
 #include "http/answer.h"
@@ -10,11 +10,11 @@ namespace kp::web {
 
 class Pages {
   public:
-    // The page's own folder, and that of the library that draws the trends. What cannot be read is
-    // not served.
+    // Reads the page's own folder, and that of the library that draws the trends. What cannot be
+    // read is not served.
     Pages(const std::string &folder, const std::string &drawing_folder);
 
-    // Nothing for an address that is no file of the page.
+    // Gives the file at an address, and its media type; null when the page has no such file.
     const std::string *find(const std::string &path, std::string &type) const;
 
   private:

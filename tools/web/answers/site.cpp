@@ -25,7 +25,8 @@ Answer not_allowed(const char *methods, const char *why = "this address takes ot
     return answer;
 }
 
-// The updates a second that a client wants, within what is allowed; nothing for what is no number.
+// Gives how many updates a second a client wants, within what is allowed; nothing when it is no
+// number.
 std::optional<double> rate_of(const Target &target, double most)
 {
     const std::string *text = target.last("rate");

@@ -1,4 +1,4 @@
-// What is answered to whom: the addresses of the interface, see kp-web(1).
+// Answers requests: one function for each address of the interface, see kp-web(1).
 #pragma once
 
 #include "answers/pages.h"
@@ -13,12 +13,12 @@
 
 namespace kp::web {
 
-// What the program tells of itself.
+// Counts what the program tells of itself.
 struct Counters {
     unsigned connections = 0; // that are open
-    uint64_t turned_away = 0; // for there were too many
+    uint64_t turned_away = 0; // connections, since there were too many
     uint64_t requests = 0;    // since the start
-    uint64_t refused = 0;     // of these, answered with an error
+    uint64_t refused = 0;     // requests that were answered with an error
 };
 
 class Site {
@@ -26,7 +26,7 @@ class Site {
     // What is given must outlive the site.
     Site(const Configuration &configuration, Board &board, const Counters &counters);
 
-    // What stands in the way of a request that has a body, told before the body is sent.
+    // Says why a request is refused, before its body is sent; nothing when it is not.
     std::optional<Answer> refusal(const Request &request) const;
     Answer answer(const Request &request);
 
@@ -41,7 +41,7 @@ class Site {
     Answer metrics();
     Answer survey(Look look);
     Answer page(const std::string &path) const;
-    // What a request asks for in q and x, or why not.
+    // Gives what a request selects with `q` and `x`, or what is wrong with it.
     tool::Result<tool::Selection> selection_of(const Target &target) const;
 
     const Configuration &configuration_;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view kJson = "application/json";
 
-// The topic as it stands in the address.
+// Gives the topic as it stands in the address.
 std::string spelling_of(const Request &request)
 {
     return request.target.path.substr(kTagsPath.size());
@@ -61,7 +61,7 @@ std::optional<Answer> body_refusal(const Request &request)
     return std::nullopt;
 }
 
-// The store's part of a refusal: what is asked for was understood.
+// Gives the status for a request that was understood, but that the store does not take.
 unsigned status_of_write(const tool::Problem &problem)
 {
     return problem.code == tool::kUsage     ? 422

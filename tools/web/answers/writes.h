@@ -1,4 +1,4 @@
-// What is answered to who writes: PUT /tags/TOPIC, see kp-web(1).
+// Answers clients that write: PUT /tags/TOPIC, see kp-web(1).
 #pragma once
 
 #include "config/configuration.h"
@@ -22,17 +22,17 @@ class Writes {
     {
         return announcer_ != nullptr;
     }
-    // What stands in the way of a PUT, told before its body is sent.
+    // Says why a PUT is refused, before its body is sent; nothing when it is not.
     std::optional<Answer> refusal(const Request &request) const;
     // Stores what the body says of the topic. The request has passed refusal().
     Answer put(const Request &request);
 
-    // Values that were stored since the start.
+    // Counts the values that were stored since the start.
     uint64_t count() const
     {
         return count_;
     }
-    // What went wrong since the last call, for the log.
+    // Gives what went wrong since the last call, for the log.
     std::vector<std::string> take_problems();
 
   private:

@@ -4,7 +4,6 @@
 #include "common/table_reader.h"
 #include "common/toml_text.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
 #include <cstring>
@@ -54,7 +53,8 @@ tool::Result<Address> parse_address(const std::string &text)
     return Parsed::of({host, port, ""});
 }
 
-// Beside the program, so that a tree that was installed elsewhere or moved has its page.
+// The page is looked for beside the program first, so that a tree that was installed elsewhere or
+// moved has its own.
 std::string usual_page()
 {
     std::error_code error;
@@ -76,9 +76,6 @@ class ConfigurationReader {
         Configuration result;
         read_addresses(table, result);
         table.read("hosts", result.hosts);
-        for (std::string &host : result.hosts)
-            std::transform(host.begin(), host.end(), host.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
         read_patterns(table, "show", result.show);
         read_patterns(table, "hide", result.hide);
         read_patterns(table, "metrics", result.metrics);

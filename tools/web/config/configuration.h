@@ -1,4 +1,4 @@
-// What the configuration file says, with every default filled in.
+// Holds what the configuration file says, with every default filled in.
 #pragma once
 
 #include "common/selection.h"
@@ -10,7 +10,7 @@
 
 namespace kp::web {
 
-// Where connections are taken: an address of the loopback with a port, or a Unix socket.
+// A place where connections are taken: an address of the loopback with a port, or a Unix socket.
 struct Address {
     std::string host; // numeric, without brackets; empty for a Unix socket
     uint16_t port = 0;
@@ -28,7 +28,7 @@ struct Limits {
 
 struct Configuration {
     std::vector<Address> listen;
-    std::vector<std::string> hosts; // further names that the device is called by, in small letters
+    std::vector<std::string> hosts; // further names that the device is called by
     std::vector<std::string> show = {"#"};
     std::vector<std::string> hide;
     std::vector<std::string> metrics; // patterns of the topics whose values are metrics
@@ -39,7 +39,7 @@ struct Configuration {
     std::string dictionary; // the folder of the dictionary, or empty for the usual one
     Limits limits;
 
-    // What `show` and `hide` leave.
+    // Gives the selection of what `show` covers and `hide` does not.
     tool::Selection shown() const;
 };
 
@@ -51,7 +51,7 @@ struct ConfigurationResult {
 // Reads and checks a file.
 ConfigurationResult load_configuration(const std::string &path);
 
-// The same from a text; `path` is for messages.
+// Does the same with a text; `path` is for messages.
 ConfigurationResult parse_configuration(std::string_view text, const std::string &path);
 
 } // namespace kp::web

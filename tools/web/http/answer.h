@@ -1,4 +1,4 @@
-// What is answered to a request, and a body that is made while it is sent.
+// The answer to a request, whose body is a text or is made while it is sent.
 #pragma once
 
 #include <memory>
@@ -18,9 +18,10 @@ class Source {
     Source &operator=(const Source &) = delete;
     virtual ~Source() = default;
 
-    // Writes what is next into the room; gives the bytes. 0 means that nothing is to be sent now.
+    // Writes what is next into the room and gives the number of bytes. 0 means that nothing is to
+    // be sent now.
     virtual std::size_t read(std::span<char> room) = 0;
-    // Says that all has been read.
+    // Says whether all has been read.
     virtual bool is_at_end() const = 0;
     // Says, after a read that gave nothing, whether the next one would give something.
     virtual bool has_more() = 0;
@@ -30,14 +31,14 @@ struct Answer {
     unsigned status = 200;
     std::string type = "text/plain; charset=utf-8";
     std::string body = {};
-    std::unique_ptr<Source> source = nullptr; // in place of the body, where not null
+    std::unique_ptr<Source> source = nullptr; // gives the body, if it is not null
     std::vector<std::pair<std::string, std::string>> headers = {};
 };
 
-// {"error": "..."} as the body.
+// Gives an answer with the body {"error": "..."}.
 Answer failure(unsigned status, const std::string &why);
 
-// A text on its way, of which a part has been sent.
+// A text of which a part may have been sent.
 class Outflow {
   public:
     bool is_empty() const
@@ -53,7 +54,7 @@ class Outflow {
     {
         put(std::make_shared<const std::string>(std::move(text)));
     }
-    // Moves as much as fits into the room; gives what is left of it.
+    // Moves as much as fits into the room, and gives the rest of the room.
     std::span<char> move_to(std::span<char> room);
 
   private:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
 
 namespace kp::web {
 
@@ -15,7 +16,7 @@ std::string in_small_letters(std::string_view text)
     return out;
 }
 
-// What stands in front of the port; empty for what is no name with a port.
+// Gives what stands in front of the port; empty when the text is no name with a port.
 std::string_view without_port(std::string_view host)
 {
     const bool is_bracketed = host.starts_with('[');
@@ -35,8 +36,9 @@ std::string_view without_port(std::string_view host)
 
 } // namespace
 
-Guard::Guard(std::vector<std::string> hosts) : hosts_(std::move(hosts))
+Guard::Guard(const std::vector<std::string> &hosts)
 {
+    std::ranges::transform(hosts, std::back_inserter(hosts_), in_small_letters);
     hosts_.insert(hosts_.end(), {"localhost", "127.0.0.1", "[::1]"});
 }
 

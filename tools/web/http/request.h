@@ -1,4 +1,4 @@
-// A request as far as it matters here.
+// The parts of a request that matter here.
 #pragma once
 
 #include "http/target.h"
@@ -15,11 +15,11 @@ struct Request {
     std::string authorization = {};
     std::string content_type = {};
     std::string content_encoding = {};
-    uint64_t body_bytes = 0; // as announced; 0 where it is not
+    uint64_t body_bytes = 0; // as the header announces them; 0 when it does not
     std::string body = {};   // of a PUT, up to kMostBodyBytes
 };
 
-// Enough for the longest value with each of its bytes escaped. A body that is longer is not taken.
+// This is enough for the longest value with each of its bytes escaped. A longer body is not taken.
 constexpr std::size_t kMostBodyBytes = 65'536;
 
 } // namespace kp::web

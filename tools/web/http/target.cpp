@@ -15,8 +15,8 @@ int digit_of(char c)
     return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-// Nothing for a broken escape and for a zero byte, which no topic has. A plus stays one, since it
-// is a wildcard of patterns.
+// Gives nothing for a broken escape, nor for a zero byte, which no topic has. A plus stays a plus,
+// since it is a wildcard of patterns.
 std::optional<std::string> decoded(std::string_view text)
 {
     std::string out;

@@ -1,4 +1,5 @@
-// What a request asks for: the path and the query of its target, with the percent signs taken out.
+// Reads what a request asks for: the path and the query of its target, with their percent escapes
+// decoded.
 #pragma once
 
 #include "common/result.h"
@@ -13,9 +14,9 @@ struct Target {
     std::string path; // decoded, with its leading slash; may hold any byte but zero
     std::vector<std::pair<std::string, std::string>> query;
 
-    // The values that a name has, in their order.
+    // Gives the values of a name, in their order.
     std::vector<std::string> all(std::string_view name) const;
-    // The last one, or null.
+    // Gives the last value of a name, or null.
     const std::string *last(std::string_view name) const;
 };
 

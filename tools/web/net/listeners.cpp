@@ -17,8 +17,8 @@ namespace {
 
 constexpr int kBacklog = 64;
 constexpr int kFirstInherited = 3; // the service manager's rule
-// What waits in the kernel for a client that does not read. The newest value counts, so more would
-// only be stale; accepted connections inherit it.
+// So much waits in the kernel for a client that does not read. More would only be stale, since the
+// newest value counts. Accepted connections inherit it.
 constexpr int kSendBytes = 64 * 1024;
 
 union AnyAddress {
@@ -58,7 +58,7 @@ void remove_dead_socket(const AnyAddress &place, socklen_t length)
         (void)unlink(place.local.sun_path);
 }
 
-// Owner and group may connect: the group is the reverse proxy's.
+// The owner and the group may connect; the group is that of the reverse proxy.
 int bind_socket(const UniqueFd &fd, const AnyAddress &place, socklen_t length)
 {
     const mode_t usual = umask(0117);

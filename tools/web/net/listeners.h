@@ -1,5 +1,5 @@
-// The sockets on which connections are taken: those of the configuration, or those that a service
-// manager has opened.
+// Owns the sockets on which connections are taken. The configuration names them, or a service
+// manager has opened them.
 #pragma once
 
 #include "common/result.h"
@@ -31,17 +31,17 @@ class Listeners {
 
     // Opens the addresses. A Unix socket that nobody listens on any more is replaced.
     static tool::Result<Listeners> open(const std::vector<Address> &addresses);
-    // Those that the service manager hands over in LISTEN_FDS; none without it.
+    // Takes those that the service manager hands over in LISTEN_FDS. There are none without it.
     static Listeners inherited();
 
-    // One descriptor for each, for poll().
+    // Gives one descriptor for each, for poll().
     const std::vector<UniqueFd> &fds() const
     {
         return fds_;
     }
-    // The next connection of a socket; empty when there is none.
+    // Gives the next connection of a socket; an empty one when none waits.
     static Connection accept(const UniqueFd &listener);
-    // What they listen on, as addresses of the configuration are written.
+    // Gives what they listen on, written as the addresses of the configuration are.
     std::vector<std::string> names() const;
 
   private:

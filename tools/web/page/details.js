@@ -1,4 +1,4 @@
-// The facts of one topic.
+// Shows the facts of one topic.
 import { element, keyOf, shown, stateText, valueText } from "./text.js";
 
 const timeText = (us) => (us ? new Date(us / 1000).toISOString() : "–");

@@ -1,4 +1,4 @@
-// The views of the device: its endpoints, and what kp doctor finds.
+// Fills the views of the device: its endpoints, and what kp doctor finds.
 import { lines } from "./live.js";
 import { element, shown } from "./text.js";
 

@@ -1,4 +1,4 @@
-// Which topics a filter lets through: a pattern where it has a wildcard, a part of the name elsewhere.
+// Says which topics a filter lets through. With a wildcard it is a pattern, else a part of the name.
 
 const isPattern = (text) => text.split("/").some((level) => level[0] === "+" || level[0] === "#");
 

@@ -1,4 +1,4 @@
-// A stream of the newest values of some topics, opened anew when the topics are others.
+// Streams the newest values of some topics. When the topics change, a new stream is opened.
 import { keyOf } from "./text.js";
 
 export class Live {
@@ -11,7 +11,7 @@ export class Live {
     this.source = null;
   }
 
-  // The topics as they stand in an address; none ends the stream.
+  // Takes the topics as they stand in an address. Without any the stream ends.
   follow(addresses) {
     const asked = addresses.map((address) => "q=" + address).join("&");
     if (asked === this.asked && this.source)
@@ -37,7 +37,7 @@ export class Live {
   }
 }
 
-// The lines of JSON at an address, and how far the device's clock is ahead of this one's, in ms.
+// Gives the lines of JSON at an address, and by how many ms the device's clock is ahead of this one.
 export async function lines(address) {
   const response = await fetch(address);
   if (!response.ok)

@@ -1,4 +1,4 @@
-// Who has the chosen topic open, looked at now and then.
+// Finds out who has the chosen topic open, again every few seconds.
 import { lines } from "./live.js";
 import { addressOf, keyOf, shown } from "./text.js";
 
@@ -43,7 +43,7 @@ export class Mappers {
     this.changed();
   }
 
-  // One text for each process; empty before the first look.
+  // Gives one text for each process; none before the first look.
   texts() {
     if (!this.found)
       return [];

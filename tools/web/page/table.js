@@ -2,7 +2,7 @@
 // thousand topics cost no more than forty.
 import { addressOf, ageText, element, keyOf, shown, stateClass, stateText, valueText } from "./text.js";
 
-const kBeyond = 4; // rows outside of the view, so that scrolling a little shows no gap
+const kBeyond = 4; // rows beyond the view, so that scrolling a little shows no gap
 const kRateMs = 5000;
 
 export class Table {

@@ -1,6 +1,6 @@
-// Values, ages and names as text for people.
+// Makes values, ages and names into text for people.
 
-// The name as an address has it. A name that is not UTF-8 comes as base64, byte for byte.
+// Gives the name as an address has it. A name that is not UTF-8 comes as base64, byte for byte.
 export function addressOf(row) {
   if (!row.topic_b64)
     return encodeURIComponent(row.topic);
@@ -8,10 +8,11 @@ export function addressOf(row) {
     "%" + byte.charCodeAt(0).toString(16).padStart(2, "0")).join("");
 }
 
-// What tells one topic from all others.
+// Gives what tells one topic from all others.
 export const keyOf = (row) => (row.topic_b64 ? "b64:" + row.topic_b64 : row.topic);
 
-// Control characters would be invisible, and marks of direction would turn the text around them.
+// Escapes control characters, which nobody would see, and marks of direction, which would turn the
+// text around them.
 export function shown(text) {
   return String(text).replace(/[\u0000-\u001f\u007f-\u009f\u200e\u200f\u2028-\u202e\u2066-\u2069]/g,
     (character) => "\\u" + character.codePointAt(0).toString(16).padStart(4, "0"));
@@ -37,7 +38,7 @@ export function ageText(ms) {
   return (ms / 86400e3).toFixed(1) + " d";
 }
 
-// A mark beside the word, for people who see no colours.
+// A mark stands beside the word, for people who see no colours.
 const kMarks = { low: "▼ low", high: "▲ high", lowlow: "▼▼ lowlow", highhigh: "▲▲ highhigh",
   stale: "◌ stale", "bad quality": "✕ bad quality", ok: "" };
 
@@ -60,7 +61,7 @@ export function element(name, text, className) {
   return made;
 }
 
-// Marks the link that leads to what is shown.
+// Marks the link that leads to what is shown now.
 export function mark(link, kind, isCurrent) {
   if (isCurrent)
     link.setAttribute("aria-current", kind);

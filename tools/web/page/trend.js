@@ -1,4 +1,4 @@
-// The last ten minutes of the chosen topics: numbers as curves, everything else as bands.
+// Draws the last ten minutes of the chosen topics: numbers as curves, everything else as bands.
 import { element, keyOf, shown, valueText } from "./text.js";
 
 const kKeptMs = 600e3;
@@ -19,7 +19,7 @@ export class Trend {
     setInterval(() => this.draw(), 500);
   }
 
-  // The topics that are to be shown; what is known of the others is forgotten.
+  // Takes the topics that are to be shown, and forgets what is known of the others.
   // `rowOf(key)` gives the newest row, where there is one.
   choose(topics, rowOf) {
     const keys = new Set(topics.map(keyOf));
@@ -94,14 +94,15 @@ export class Trend {
     }
     this.graph?.destroy();
     this.shownCurves = labels.length;
-    // Its legend measures text with a style in HTML, which the page's policy forbids; ours is a list.
+    // The library's legend measures text with a style in HTML, which the page's policy forbids. The
+    // page has a list instead.
     const { PLUGINS: plugins, Plugins: known } = globalThis.Dygraph;
     globalThis.Dygraph.PLUGINS = plugins.filter((plugin) => plugin !== known.Legend);
     this.graph = new globalThis.Dygraph(this.plot, rows, { ...looks, connectSeparatedPoints: true,
       stepPlot: true, strokeWidth: 1.5, gridLineColor: "#8884", axisLineColor: "#888" });
   }
 
-  // Where a time stands in the bands: below the same time of the curves, where there are any.
+  // Says where a time stands in the bands: below the same time of the curves, if there are any.
   timeAxis(bands, now, width) {
     if (this.graph)
       return { start: this.graph.xAxisRange()[0], place: (time) => this.graph.toDomXCoord(time) };

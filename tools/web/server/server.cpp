@@ -18,9 +18,10 @@ constexpr std::size_t kHeaderBytes = 8192; // of one request, besides its target
 constexpr std::size_t kPieceBytes = 8192;  // of a body that is made while it is sent
 constexpr unsigned kSilentSeconds = 60;    // after which a client that takes nothing is dropped
 constexpr uint64_t kCheckUs = tool::kUsPerSecond / 4;
+constexpr uint64_t kUsPerMs = 1000;
 
-// The page is our own files and nothing else, in nobody's frame; nothing is guessed and nothing
-// kept.
+// A browser takes nothing but our own files into the page, shows it in no other page, guesses no
+// types and keeps nothing.
 constexpr std::pair<const char *, const char *> kHeaders[] = {
     {"Content-Security-Policy", "default-src 'none'; script-src 'self'; style-src 'self'; "
                                 "img-src 'self'; connect-src 'self'; base-uri 'none'; "
@@ -37,7 +38,7 @@ std::string header(MHD_Connection *connection, const char *name)
     return value ? value : "";
 }
 
-// The target is decoded elsewhere, so that "%2F" and "%00" are not mistaken.
+// Leaves the target as it is. It is decoded elsewhere, so that "%2F" and "%00" are not mistaken.
 std::size_t keep_escapes(void *, MHD_Connection *, char *text)
 {
     return std::strlen(text);
@@ -45,7 +46,7 @@ std::size_t keep_escapes(void *, MHD_Connection *, char *text)
 
 } // namespace
 
-// A request on its way in.
+// A request that comes in.
 struct Server::Exchange {
     std::string target;
     Request request = {};
@@ -65,7 +66,7 @@ struct Server::Exchange {
     }
 };
 
-// A source on its way out.
+// A body that goes out while it is made.
 struct Server::Sending {
     Server &server;
     MHD_Connection *connection;
@@ -120,7 +121,6 @@ Ending Server::run(int signals, tool::ServiceManager &manager)
 
 int Server::time_left_ms() const
 {
-    constexpr uint64_t kUsPerMs = 1000;
     const uint64_t now = tool::monotonic_us();
     const uint64_t next = std::min(look_at_us_, check_at_us_);
     uint64_t left_ms = next > now ? (next - now + kUsPerMs - 1) / kUsPerMs : 0;
@@ -147,7 +147,7 @@ void Server::do_what_is_due()
     }
 }
 
-// A client too many is told so in a moment that costs nothing, instead of being left to wait.
+// A client too many is told so at once, which costs next to nothing, instead of being left to wait.
 void Server::accept_all(const UniqueFd &listener)
 {
     while (Connection connection = Listeners::accept(listener)) {
@@ -178,12 +178,11 @@ void Server::wake_sources()
 
 void Server::expect_request(MHD_Connection *connection)
 {
-    constexpr uint64_t kUsPerMs = 1000;
     const auto time_ms = static_cast<uint64_t>(configuration_.limits.request_time.count());
     deadlines_[connection] = tool::monotonic_us() + time_ms * kUsPerMs;
 }
 
-// The daemon sees the end of the connection and cleans up.
+// It only shuts them down: the daemon then sees the end of the connection and cleans up.
 void Server::close_overdue()
 {
     const uint64_t now = tool::monotonic_us();
@@ -199,9 +198,9 @@ void *Server::take_target(void *, const char *target, MHD_Connection *)
     return new Exchange{target};
 }
 
-// Called with the headers, with each piece of a body, and at the end. Who sends a body unasked gets
-// the answer behind it: a connection that is closed before it is read may lose the answer. The time
-// for a request bounds that, too.
+// The daemon calls it with the headers, with each piece of a body, and at the end. A client that
+// sends a body unasked gets the answer when the body is there, since a connection that is closed
+// before it was read may lose the answer. The time for a request bounds that, too.
 MHD_Result Server::take_request(void *self, MHD_Connection *connection, const char *,
                                 const char *method, const char *, const char *upload,
                                 std::size_t *upload_size, void **context)
@@ -228,7 +227,7 @@ MHD_Result Server::take_request(void *self, MHD_Connection *connection, const ch
     return server.send(connection, server.site_.answer(exchange.request));
 }
 
-// What stands in the way of a request.
+// Says why a request is refused; nothing when it is not.
 std::optional<Answer> Server::refusal(MHD_Connection *connection, Exchange &exchange,
                                       const char *method) const
 {

@@ -24,8 +24,8 @@ class Server {
     Server &operator=(const Server &) = delete;
     ~Server();
 
-    // Serves until a signal arrives at the descriptor: SIGHUP asks for a reload, others for the
-    // end.
+    // Serves until a signal arrives at the descriptor. SIGHUP asks for a reload, any other signal
+    // for the end.
     Ending run(int signals, tool::ServiceManager &manager);
 
   private:

@@ -8,7 +8,7 @@ namespace kp::web {
 
 namespace {
 
-// So many topics that went are remembered for clients that come back.
+// For clients that come back, so many of the topics that went are remembered.
 constexpr std::size_t kMostGone = 1000;
 constexpr std::size_t kLeastIds = 1024;
 

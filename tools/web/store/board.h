@@ -29,10 +29,11 @@ class Board {
 
     // Finds the topics that are new or gone, without a look at their values.
     void refresh();
-    // The same, and what was written since the last look.
+    // Does the same, and finds what was written since the last look.
     void look();
 
-    // Who follows changes says how often, and takes it back at its end.
+    // A client that follows changes says how often with follow(), and takes it back with
+    // unfollow().
     void follow(uint64_t interval_us)
     {
         intervals_.insert(interval_us);
@@ -45,32 +46,33 @@ class Board {
     {
         return intervals_.size();
     }
-    // After how long the next look, or the next refresh when nobody follows, is due.
+    // Says after how long the next look is due, or the next refresh when nobody follows.
     uint64_t interval_us() const
     {
         return intervals_.empty() ? kIdleUs : std::min(kIdleUs, *intervals_.begin());
     }
 
-    // Of the newest change.
+    // Gives the number of the newest change.
     uint64_t sequence() const
     {
         return sequence_;
     }
-    // Topics that went are told of for some time; up to this change they are not any more.
+    // Gives the number of the last change that is forgotten: a topic that went is remembered only
+    // for some time.
     uint64_t forgotten() const
     {
         return forgotten_;
     }
-    // The change that comes after one, or null.
+    // Gives the change that comes after one, or null.
     const Entry *next_after(uint64_t sequence) const;
-    // The change as a server-sent event.
+    // Gives the change as a server-sent event.
     std::shared_ptr<const std::string> event_of(const Entry &entry);
     // Goes up whenever a topic comes or goes.
     uint64_t generation() const
     {
         return generation_;
     }
-    // Changes when the entries get other ids, which they do seldom.
+    // Changes when the entries get other ids, which happens seldom.
     uint64_t numbering() const
     {
         return numbering_;
@@ -79,12 +81,12 @@ class Board {
     {
         return store_.refused_count();
     }
-    // Tells this run of the program from others.
+    // Gives a text that tells this run of the program from others.
     const std::string &instance() const
     {
         return instance_;
     }
-    // What is found, as of the last refresh.
+    // Gives the topics that the last refresh found.
     const std::map<std::string, tool::LiveTopic> &topics() const
     {
         return store_.topics();
@@ -97,7 +99,7 @@ class Board {
     {
         return *dictionary_.current();
     }
-    // What could not be read, or not understood in the dictionary, since the last call.
+    // Gives what could not be read, or not be understood in the dictionary, since the last call.
     std::vector<std::string> take_problems();
 
   private:

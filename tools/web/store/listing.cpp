@@ -10,7 +10,7 @@ std::size_t Listing::read(std::span<char> room)
     return room.size() - rest.size();
 }
 
-// Goes on behind the last topic by its name, since topics come and go between two pieces.
+// It goes on behind the name of the last topic, since topics come and go between two pieces.
 bool Listing::prepare_next()
 {
     const auto &topics = board_.topics();

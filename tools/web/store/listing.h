@@ -1,4 +1,4 @@
-// A line of JSON for each topic of a selection, made while it is sent.
+// Gives a line of JSON for each topic of a selection, made while it is sent.
 #pragma once
 
 #include "http/answer.h"
@@ -10,7 +10,7 @@ namespace kp::web {
 
 class Listing : public Source {
   public:
-    // What makes the line of a topic; an empty one is left out.
+    // Makes the line of a topic. An empty line is left out.
     using Line = std::function<std::string(const tool::LiveTopic &)>;
 
     Listing(const Board &board, tool::Selection selection, Line line)

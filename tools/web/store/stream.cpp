@@ -8,13 +8,14 @@ namespace kp::web {
 
 namespace {
 
-// A proxy or a router forgets a connection that is silent for long, and a client that has vanished
-// is found out by what it does not take.
+// After so long without an event something is sent all the same: a proxy or a router forgets a
+// connection that is silent for long, and a client that has vanished is found out by what it does
+// not take.
 constexpr uint64_t kSilenceUs = 15 * tool::kUsPerSecond;
 
 constexpr const char *kReset = "event: reset\ndata: {}\n\n";
 
-// The change that an id names, when it is one of this run and all that came after it is known.
+// Gives the change that an id names, if it is one of this run and all that came after it is known.
 std::optional<uint64_t> change_of(const std::string &id, const Board &board)
 {
     const std::string start = board.instance() + "-";
@@ -119,7 +120,8 @@ bool Stream::prepare_notice()
     return true;
 }
 
-// A tenth of the interval early, so that a look that comes a little too soon is not wasted.
+// A round may begin a tenth of the interval early, so that a look that comes a little too soon is
+// not wasted.
 bool Stream::begin_round()
 {
     const uint64_t now = tool::monotonic_us();

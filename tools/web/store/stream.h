@@ -1,5 +1,5 @@
-// One client that follows topics: first the values that there are, then the newest ones, at most so
-// many times a second, as server-sent events.
+// Serves one client that follows topics, with server-sent events: first the values that there are,
+// then the newest ones, at most so many times a second.
 //
 // What it remembers is the number of the last change that it was given, the selection, and two bits
 // for each topic.
@@ -12,7 +12,7 @@ namespace kp::web {
 
 class Stream : public Source {
   public:
-    // `last_id` is that of the last event that the client got before its connection broke, or
+    // `last_id` is the id of the last event that the client got before its connection broke, or
     // empty.
     Stream(Board &board, tool::Selection selection, uint64_t interval_us,
            const std::string &last_id);

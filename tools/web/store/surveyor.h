@@ -1,7 +1,7 @@
-// Looks that take their time, as they go through all processes: done by a thread of their own, so
-// that nobody who follows values waits for them, and shared by all who ask within two seconds, or
-// within twenty times what the look has taken. So no client can keep more than a twentieth of a
-// processor busy with each.
+// Takes the looks that go through all processes and so take their time. A thread of their own takes
+// them, so that nobody who follows values waits for them. All who ask within two seconds share a
+// look, or within twenty times what it has taken, so that no client can keep more than a twentieth
+// of a processor busy with each kind.
 #pragma once
 
 #include "common/processes.h"
@@ -24,7 +24,7 @@ enum class Look {
     mappers, // who has which file of the store open
 };
 
-// What a look found. Not to be read before it is done, but for the first two.
+// What a look found. Before it is done only `is_done` and `asked_us` may be read.
 struct Survey {
     std::atomic<bool> is_done = false;
     uint64_t asked_us = 0;
@@ -42,7 +42,7 @@ class Surveyor {
     Surveyor &operator=(const Surveyor &) = delete;
     ~Surveyor();
 
-    // A look that is young enough, be it done or not.
+    // Gives a look that is young enough, whether it is done or not.
     std::shared_ptr<const Survey> ask(Look look);
 
   private:
@@ -59,7 +59,7 @@ class Surveyor {
 // Gives what a look found, once it is done.
 class SurveySource : public Source {
   public:
-    // What is said of it.
+    // Makes the text that is sent of what the look found.
     using Text = std::function<std::string(const Survey &)>;
 
     SurveySource(std::shared_ptr<const Survey> survey, Text text)

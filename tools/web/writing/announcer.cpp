@@ -23,7 +23,8 @@ constexpr std::chrono::seconds kJoinAgainMost = 60s;
 constexpr auto kPatience = 2s; // with a peer, at the end
 constexpr int kWake = SIGUSR1;
 
-// The handler does nothing: that there is one, without SA_RESTART, is what ends a call that waits.
+// The handler does nothing. A call that waits ends already because there is a handler without
+// SA_RESTART.
 void let_signal_end_waiting()
 {
     struct sigaction action {};
@@ -60,7 +61,8 @@ Announcer::~Announcer()
 std::string Announcer::obstacle()
 {
     std::unique_lock lock(mutex_);
-    // Only the first who ask wait a moment: joining takes three seconds for each dead socket.
+    // Only the first client that asks waits a moment: joining takes three seconds for each dead
+    // socket.
     const auto patience = std::exchange(join_patience_, 0ms);
     if (!changed_.wait_for(lock, patience, [this] { return has_tried_; }))
         return "the device's endpoints are still being joined; try again in a moment";

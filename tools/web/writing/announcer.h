@@ -1,5 +1,5 @@
-// Tells the device's other processes of what was written here, from a thread of its own: sending
-// waits for a peer that does not read its notices, and nobody who asks shall wait with it.
+// Tells the device's other processes of what was written here. It has a thread of its own, since
+// sending waits for a peer that does not read its notices, and no client shall wait for that.
 #pragma once
 
 #include "common/writing/notice_sender.h"
@@ -19,20 +19,20 @@ struct Written {
     bool is_new = false;  // it was declared by the write
 };
 
-// Its functions are for one thread, not its own.
+// Its functions are to be called by one thread.
 class Announcer {
   public:
     // Joins the device's endpoints.
     Announcer();
     Announcer(const Announcer &) = delete;
     Announcer &operator=(const Announcer &) = delete;
-    // Tells what it has still to tell, and leaves a peer behind that does not let it go on.
+    // Tells what it has still to tell. A peer that does not let it go on is left behind.
     ~Announcer();
 
-    // Why nobody would hear of a write now; empty when nothing stands in the way.
+    // Says why nobody would hear of a write now; empty when nothing stands in the way.
     std::string obstacle();
     void tell(Written written);
-    // What went wrong since the last call, for the log.
+    // Gives what went wrong since the last call, for the log.
     std::vector<std::string> take_problems();
 
   private:
@@ -42,7 +42,7 @@ class Announcer {
 
     tool::NoticeSender sender_{"web"}; // the thread's
 
-    std::mutex mutex_; // of what follows
+    std::mutex mutex_; // guards what follows
     std::condition_variable_any changed_;
     std::vector<Written> waiting_;
     std::vector<std::string> problems_;

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view kScheme = "Bearer ";
 
-// What stands behind the scheme, whose letters may be of either size.
+// Gives what stands behind the scheme, whose letters may be small or large.
 std::string_view token_of(std::string_view authorization)
 {
     if (authorization.size() <= kScheme.size() ||
@@ -32,7 +32,7 @@ bool covers(const WriteRule &rule, std::string_view topic)
 
 } // namespace
 
-// Every rule is looked at, so that the time does not tell which of them has the token.
+// It looks at every rule, so that the time does not tell which of them has the token.
 Verdict verdict(const std::vector<WriteRule> &rules, std::string_view authorization,
                 std::string_view topic)
 {

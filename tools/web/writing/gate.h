@@ -1,4 +1,4 @@
-// Who may write which topics: the rules of the configuration, each with its token.
+// Says who may write which topics, by the rules of the configuration, of which each has its token.
 #pragma once
 
 #include "writing/token.h"
@@ -16,9 +16,9 @@ struct WriteRule {
 
 enum class Verdict {
     may_write,
-    no_token,      // the request shows none
+    no_token,      // the request has none
     unknown_token, // no rule has it
-    other_topics,  // its rules have other topics
+    other_topics,  // the rules that have it are for other topics
 };
 
 // `authorization` is the header of that name, or empty.

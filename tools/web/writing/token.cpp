@@ -36,7 +36,7 @@ Token::Token(std::string_view text) : size_(text.size())
     std::copy(text.begin(), text.end(), bytes_.begin());
 }
 
-// All bytes are looked at, also behind the end of both, and nothing is decided before the last.
+// It looks at all bytes, also behind the end of both, and decides nothing before the last one.
 bool Token::is(std::string_view text) const
 {
     std::array<char, kMostBytes> other{};

@@ -1,4 +1,4 @@
-// What a client shows to be allowed to write.
+// The secret that a client shows to be allowed to write.
 #pragma once
 
 #include "common/result.h"
@@ -14,17 +14,17 @@ class Token {
     static constexpr std::size_t kLeastBytes = 16; // fewer could be guessed
     static constexpr std::size_t kMostBytes = 256;
 
-    // The only line of a file that nobody else may read; or what is wrong with it.
+    // Reads the only line of a file that nobody else may read.
     static tool::Result<Token> read(const std::string &path);
 
-    // Takes the same time whatever the two have in common, so that nobody finds a token letter by
-    // letter.
+    // Says whether they are the same. It takes the same time whatever the two have in common, so
+    // that nobody finds a token letter by letter.
     bool is(std::string_view text) const;
 
   private:
     explicit Token(std::string_view text);
 
-    std::array<char, kMostBytes> bytes_{}; // behind the token zero
+    std::array<char, kMostBytes> bytes_{}; // zero behind the token
     std::size_t size_ = 0;
 };
 
