@@ -168,7 +168,7 @@ async def test_another_loop_may_wait_for_the_descriptor(kp_device):
     watch = kp_device.watcher.watch("a", initial=False)
     assert watch.take() is None
 
-    # The peers' connection may be a moment old, so what is written first may go untold.
+    # The peers may not be connected yet, so nobody may hear of the first write.
     for value in range(100):
         provider.write(value)
         if select.select([kp_device.watcher], [], [], 0.2)[0]:

@@ -53,7 +53,7 @@ async def follow() -> None:
 def main() -> None:
     """Types, errors, watches, threads and fork."""
     with kp.Node("provider") as node, kp.Node("watcher") as watcher:
-        # Kept, since a topic goes with its last user.
+        # It is kept, since a topic goes with its last user.
         providers = {name: node.provide("values/" + name, name) for name in VALUES}
         for name, value in VALUES.items():
             providers[name].write(value, quality=2, source_time=7)

@@ -16,7 +16,7 @@ def run(*command, cwd):
     return result.returncode, result.stdout + result.stderr
 
 
-# One for all tests, since mypy reads the standard library's own stubs into it first.
+# All tests share one cache, since mypy first reads the stubs of the standard library into it.
 @pytest.fixture(scope="module")
 def cache(tmp_path_factory):
     pytest.importorskip("mypy")

@@ -1,4 +1,4 @@
-// A client that does what curl does not: sends what it likes, reads slowly or never.
+// A client that does what curl does not: it sends what it likes, and reads slowly or never.
 #pragma once
 
 #include "testing/process.h"
@@ -12,18 +12,18 @@ class Client {
   public:
     // `receive_bytes` bounds what the kernel takes for a client that does not read; 0 leaves it.
     explicit Client(uint16_t port, int receive_bytes = 0);
-    // To a Unix socket.
+    // Connects to a Unix socket.
     explicit Client(const std::string &path);
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
     ~Client();
 
     bool send(const std::string &text) const;
-    // A GET request with a Host header of the loopback, and these lines besides.
+    // Sends a GET request with a Host header of the loopback, and with these lines.
     bool ask(const std::string &target, const std::string &headers = "") const;
-    // All that was received until it contains `text`; waits for it. Chunks are not taken apart.
+    // Waits until what was received contains `text`. Chunks are not taken apart.
     bool wait_for(const std::string &text);
-    // Says whether the server closes the connection.
+    // Waits until the server closes the connection. False when it does not.
     bool wait_for_end();
     const std::string &received() const
     {

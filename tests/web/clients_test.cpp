@@ -12,7 +12,7 @@ using testing::HasSubstr;
 
 namespace {
 
-// A value that changes, as long as the object lives.
+// Changes a value as long as the object lives.
 class Writer {
   public:
     Writer()
@@ -34,7 +34,7 @@ class Writer {
     std::jthread thread_;
 };
 
-// Each needs its time to be stuck: the sockets have to fill.
+// Each client gets stuck only after some time, since the sockets have to fill first.
 bool wait_until_stuck(const WebProgram &web, std::size_t streams)
 {
     return wait_until([&] {
@@ -44,7 +44,7 @@ bool wait_until_stuck(const WebProgram &web, std::size_t streams)
 }
 
 #ifdef __SANITIZE_ADDRESS__
-constexpr long kMostKibOfAClient = 4096; // it keeps for a while what was freed
+constexpr long kMostKibOfAClient = 4096; // the program keeps for a while what was freed
 #else
 constexpr long kMostKibOfAClient = 64;
 #endif

@@ -21,7 +21,7 @@ TEST(WebDevice, ShowsTheEndpointsWithTheKeysOfKp)
 
     EXPECT_EQ(got.status, 200);
     EXPECT_THAT(got.body, HasSubstr("{\"name\":\"press\",\"state\":\"live\",\"pid\":"));
-    EXPECT_THAT(lines_of(got.body), testing::SizeIs(1)); // the server itself is none
+    EXPECT_THAT(lines_of(got.body), testing::SizeIs(1)); // the server itself is no endpoint
     (void)kp_destroy(handle);
 }
 

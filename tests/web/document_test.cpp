@@ -47,7 +47,7 @@ TEST(WebDocument, ShowsCommandsThatWork)
         command.replace(command.find(":8420/"), 6, port);
         if (const std::size_t token = command.find("/etc/kp-web/token"); token != command.npos)
             command.replace(token, 17, "/run/token");
-        // Events go on until it is over.
+        // A stream of events does not end by itself.
         const bool goes_on = command.find("/watch") != command.npos;
         command += goes_on ? " --max-time 2" : " --max-time 60";
         EXPECT_EQ(output_of(command + " -o /dev/null -w '%{http_code}'"), "200") << command;

@@ -140,7 +140,7 @@ class Page(unittest.TestCase):
         for value in range(100, 105):
             with subprocess.Popen([KP, "set", "other/count", str(value)], stdout=subprocess.DEVNULL):
                 delays.append(self.browser.execute_async_script(watch % value))
-        # With the start of kp, which is the most of it; a page that polled would need seconds.
+        # Most of it is the start of kp. A page that polled would need seconds.
         self.assertLess(min(delays), 300, delays)
 
     def test_a_filter_takes_text_or_pattern_and_is_in_the_address(self):

@@ -14,7 +14,7 @@ using testing::HasSubstr;
 
 namespace {
 
-// Whether a connection is taken: the socket's file is there before its owner listens.
+// Says whether a connection is taken. The file of the socket is there before its owner listens.
 bool is_served(const std::string &path)
 {
     return Client(path).ask("/healthz");
@@ -118,7 +118,7 @@ TEST(WebProgram, ChecksAConfigurationAndLeaves)
     EXPECT_EQ(usage.wait(), 2);
 }
 
-// As a service manager does it: the socket is the descriptor 3, and two variables say so.
+// Hands over a socket as a service manager does: it is the descriptor 3, and two variables say so.
 TEST(WebProgram, TakesTheSocketOfAServiceManager)
 {
     const std::string script = "import os, socket, sys\n"

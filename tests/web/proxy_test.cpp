@@ -1,6 +1,6 @@
-// The reverse proxy of docs/web.md: its commands and files are taken from the document and done as
-// a reader does them, with Debian's nginx, on a loopback and in copies of /etc and /var of the
-// test's own.
+// The reverse proxy of docs/web.md. The test takes its commands and files from the document and
+// does what a reader does with them, with Debian's nginx, on a loopback of its own and in copies of
+// /etc and /var.
 #include "testing/child.h"
 #include "testing/store_provider.h"
 #include "web/web_program.h"
@@ -28,7 +28,8 @@ constexpr const char *kNginx = "/usr/sbin/nginx";
 constexpr const char *kSecret = "secret";
 constexpr const char *kSite = "https://press-7.example";
 
-// As a service manager does it for kp-web.socket: descriptor 3 is a socket with the unit's rights.
+// Does what a service manager does for kp-web.socket: descriptor 3 is a socket with the unit's
+// rights.
 constexpr const char *kActivate = R"(
 import configparser, grp, os, socket, sys
 unit = configparser.ConfigParser()
@@ -49,8 +50,8 @@ os.environ["LISTEN_FDS"] = "1"
 os.execv(sys.argv[2], sys.argv[2:])
 )";
 
-// What stands in front of the document's commands: a service manager that is not there, and the
-// password that a user would type. Everything that they write is thrown away.
+// Stands in front of the document's commands. It stands for a service manager, which is not there,
+// and for the user who types a password. Everything that the commands write is thrown away.
 constexpr const char *kPrelude = R"(
 set -e
 for folder in etc var; do
@@ -69,7 +70,7 @@ openssl() {
 }
 )";
 
-// Whether files can be given to nginx's group, which a user namespace may not have.
+// Says whether files can be given to nginx's group, which a user namespace may not have.
 bool has_group_of_nginx()
 {
     const group *group = getgrnam("www-data");
@@ -79,7 +80,8 @@ bool has_group_of_nginx()
     return has;
 }
 
-// Processes that are started from now on have a loopback of their own, where every port is free.
+// Gives the processes that are started from now on a loopback of their own, where every port is
+// free.
 bool enter_own_network()
 {
     ifreq loopback{};
@@ -94,7 +96,8 @@ bool enter_own_network()
     return is_up;
 }
 
-// Does what the document says; false, with the output of the commands in /run/said, when one fails.
+// Does what the document says. False when a command fails; /run/said then has what the commands
+// said.
 bool follow_the_document()
 {
     const std::string commands =
@@ -120,7 +123,7 @@ class WebProxy : public testing::Test {
         ASSERT_TRUE(enter_own_network());
         ASSERT_TRUE(follow_the_document()) << said();
         web_ = started({"/usr/bin/python3", "-c", kActivate, KP_WEB_SOCKET, KP_WEB});
-        // Its workers end with it, however it ends.
+        // The workers end with it, however it ends.
         nginx_ = started(
             {"/usr/bin/unshare", "--pid", "--fork", "--kill-child", kNginx, "-g", "daemon off;"});
         ASSERT_TRUE(wait_until([this] { return status("/healthz") == "200"; })) << said();
@@ -137,7 +140,7 @@ class WebProxy : public testing::Test {
         }
     }
 
-    // A command of curl's that asks through the proxy.
+    // Gives a command that asks through the proxy, with curl.
     static std::vector<std::string> curl(const std::string &path, const std::string &user)
     {
         return {KP_CURL,      "--silent",

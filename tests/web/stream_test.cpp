@@ -1,5 +1,5 @@
-// A client's stream without a socket: what it is given, in which order, and how much is left to
-// give.
+// The stream of a client, without a socket: what the client is given, in which order, and how much
+// is still to be given.
 #include "store/stream.h"
 
 #include "common/fault_guard.h"
@@ -31,7 +31,7 @@ class StreamTest : public testing::Test {
         return result;
     }
 
-    // All that a stream gives now.
+    // Gives all that a stream has to give now.
     static std::string all_of(Stream &stream)
     {
         std::string text;
@@ -171,7 +171,7 @@ TEST_F(StreamTest, IsTheSameForTopicsThatAreRemadeManyTimes)
     Stream stream(board_, selection("#"), kAtOnce, "");
     (void)all_of(stream);
 
-    for (uint64_t round = 1; round <= 1500; ++round) { // more than are remembered as gone
+    for (uint64_t round = 1; round <= 1500; ++round) { // more than are remembered when gone
         StoreProvider tag("plant/t" + std::to_string(round), KP_TYPE_INT32);
         tag.write(bytes_of<int32_t>(1), round);
         board_.look();

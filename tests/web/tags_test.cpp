@@ -1,4 +1,4 @@
-// What programs get: values, lists, metrics; and who may ask.
+// What programs get, which is values, lists and metrics; and who may ask.
 #include "testing/store_provider.h"
 #include "web/client.h"
 #include "web/web_program.h"

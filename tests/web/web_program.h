@@ -1,4 +1,4 @@
-// The program with a configuration, and what curl gets from it.
+// Runs kp-web with a configuration, and asks it with curl.
 #pragma once
 
 #include "testing/child.h"
@@ -18,7 +18,8 @@ struct Got {
 
 class WebProgram {
   public:
-    // Listens on a free port of the loopback, besides what `more` says.
+    // Starts the program, which listens on a free port of the loopback. `more` is further
+    // configuration.
     explicit WebProgram(const std::string &more = "");
     WebProgram(const WebProgram &) = delete;
     WebProgram &operator=(const WebProgram &) = delete;
@@ -36,7 +37,7 @@ class WebProgram {
     {
         return folder_;
     }
-    // What curl gets for a path, with further arguments of curl's.
+    // Gives what curl gets for a path; `options` are further arguments of curl.
     Got get(const std::string &path, const std::vector<std::string> &options = {}) const;
     // Writes the configuration anew; the program reads it at SIGHUP.
     void configure(const std::string &more) const;
@@ -48,10 +49,10 @@ class WebProgram {
     {
         return process_->wait();
     }
-    // What it has said on standard error.
+    // Gives what it has said on standard error.
     std::string log() const;
     bool wait_for_log(const std::string &text) const;
-    // Memory of its own in use, in KiB.
+    // Gives how much memory of its own it uses, in KiB.
     long memory() const;
     std::size_t descriptor_count() const;
 
@@ -61,10 +62,10 @@ class WebProgram {
     std::unique_ptr<ChildProcess> process_;
 };
 
-// What a command for the shell prints.
+// Gives what a command of the shell prints.
 std::string output_of(const std::string &command);
 
-// The lines of a text, without their ends.
+// Gives the lines of a text, without their ends.
 std::vector<std::string> lines_of(const std::string &text);
 
 } // namespace kptest

@@ -1,4 +1,4 @@
-// Writing over HTTP: who may, what is checked, and who is told.
+// Writing over HTTP: who may write, what is checked, and who is told.
 #include "testing/store_provider.h"
 #include "web/client.h"
 #include "web/web_program.h"
@@ -32,7 +32,7 @@ Got put(const WebProgram &web, const std::string &topic, const std::string &body
                                       "Authorization: Bearer " + token, "--data-binary", body});
 }
 
-// Hears the notices of the device, and whether one is of this topic.
+// Hears the notices of the device, and notes whether one is of this topic.
 class Follower {
   public:
     explicit Follower(const std::string &topic)
@@ -88,7 +88,7 @@ TEST_F(WebWrite, StoresTheValueAndAnswersWithTheTopic)
     EXPECT_THAT(web.get("/metrics").body, HasSubstr("\nkp_web_writes_total 1\n"));
 }
 
-// More than once, since a follower may not be connected when the first is written.
+// Writes more than once, since the follower may not be connected at the first write.
 TEST_F(WebWrite, IsToldToTheProcessesOfTheDevice)
 {
     const Follower follower("plant/speed");
@@ -245,7 +245,7 @@ int run_peer(Channel &parent)
     return kp_destroy(handle);
 }
 
-// The notices fill the peer's socket, and what waits for it is bounded.
+// The notices fill the socket of the peer, and only so many may wait for it.
 TEST_F(WebWrite, IsRefusedWhileAPeerDoesNotReadAndDelaysNobody)
 {
     ChildProcess peer(run_peer);
