@@ -2,13 +2,13 @@
 #include "commands/commands.h"
 #include "common/pattern.h"
 #include "common/text.h"
+#include "looking/topic_condition.h"
 #include "notices/notice_queue.h"
 #include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/stop.h"
 
-#include <charconv>
 #include <limits>
 
 namespace kp::tool {
@@ -18,8 +18,6 @@ namespace {
 constexpr uint64_t kPollUs = 10'000;
 constexpr uint64_t kMeshPollUs = kUsPerSecond; // a notice can be lost, and not all writes send one
 
-enum class Test { equal, unequal, less, at_most, more, at_least, changes, exists, fresh };
-
 struct WaitOptions {
     std::string topic;
     std::vector<std::string> condition;
@@ -27,119 +25,6 @@ struct WaitOptions {
     bool mesh = false;
     bool verbose = false;
 };
-
-struct Wanted {
-    Test test = Test::exists;
-    std::string operand;
-    uint64_t age_us = 0;
-};
-
-std::string trimmed(const std::string &text)
-{
-    const std::size_t first = text.find_first_not_of(' ');
-    return first == std::string::npos ? ""
-                                      : text.substr(first, text.find_last_not_of(' ') + 1 - first);
-}
-
-// "==5", "== 5" in one word and in two alike; longer signs come first. A word of its own is the
-// operand as it stands.
-std::optional<Wanted> comparison(const std::string &first, const std::vector<std::string> &rest)
-{
-    const std::array<std::pair<std::string_view, Test>, 7> signs = {{{"==", Test::equal},
-                                                                     {"!=", Test::unequal},
-                                                                     {"<=", Test::at_most},
-                                                                     {">=", Test::at_least},
-                                                                     {"<", Test::less},
-                                                                     {">", Test::more},
-                                                                     {"=", Test::equal}}};
-    for (const auto &[sign, test] : signs) {
-        if (!first.starts_with(sign))
-            continue;
-        const std::string glued = trimmed(first.substr(sign.size()));
-        if (glued.empty() ? rest.size() != 1 : !rest.empty())
-            return std::nullopt;
-        return Wanted{test, glued.empty() ? rest.front() : glued, 0};
-    }
-    return std::nullopt;
-}
-
-std::optional<Wanted> freshness(const std::vector<std::string> &rest)
-{
-    double seconds = 0;
-    if (rest.size() != 1)
-        return std::nullopt;
-    const char *end = rest[0].data() + rest[0].size();
-    const auto result = std::from_chars(rest[0].data(), end, seconds);
-    if (result.ec != std::errc() || result.ptr != end || !(seconds >= 0 && seconds < 1e9))
-        return std::nullopt;
-    return Wanted{Test::fresh, "", static_cast<uint64_t>(seconds * 1e6)};
-}
-
-std::optional<Wanted> parse_condition(const std::vector<std::string> &given)
-{
-    std::vector<std::string> words = given;
-    words[0] = trimmed(words[0]);
-    if (words.size() == 1 && words[0].starts_with("fresh "))
-        words = {"fresh", trimmed(words[0].substr(6))};
-    const std::vector<std::string> rest(words.begin() + 1, words.end());
-    if (words[0] == "fresh")
-        return freshness(rest);
-    if (words[0] == "changes" && rest.empty())
-        return Wanted{Test::changes, "", 0};
-    if (words[0] == "exists" && rest.empty())
-        return Wanted{Test::exists, "", 0};
-    return comparison(words[0], rest);
-}
-
-bool holds(Test test, std::optional<int> order)
-{
-    switch (test) {
-    case Test::equal:
-        return order == 0;
-    case Test::unequal:
-        return order != 0;
-    case Test::less:
-        return order && *order < 0;
-    case Test::at_most:
-        return order && *order <= 0;
-    case Test::more:
-        return order && *order > 0;
-    default:
-        return order && *order >= 0;
-    }
-}
-
-std::optional<long double> number_of(const std::string &text)
-{
-    long double number = 0;
-    const char *end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end)
-        return std::nullopt;
-    return number;
-}
-
-// Compares a value with an operand: in the value's type, or as numbers if the operand is a number
-// that the type does not have, such as 4.5 for integers. Gives nothing, with a problem, if the
-// operand is neither.
-struct Comparison {
-    std::optional<int> order; // nothing for what is not a number
-};
-std::optional<Comparison> compare(const Snapshot &snapshot, const std::string &operand,
-                                  Problem &problem)
-{
-    const bool is_number = is_number_type(snapshot.type);
-    const std::string text = is_number ? trimmed(operand) : operand;
-    if (const auto bytes = parse_value(snapshot.type, text, ByteStyle::hex, problem))
-        return Comparison{compare_values(snapshot.type, snapshot.bytes, *bytes)};
-    const auto right = is_number ? number_of(text) : std::nullopt;
-    const auto left = right ? number_of(value_text(snapshot.type, snapshot.bytes)) : std::nullopt;
-    if (!left || !right)
-        return std::nullopt;
-    if (*left == *right)
-        return Comparison{0};
-    return *left < *right || *left > *right ? Comparison{*left < *right ? -1 : 1} : Comparison{};
-}
 
 bool same_write(const Snapshot &a, const Snapshot &b)
 {
@@ -149,11 +34,12 @@ bool same_write(const Snapshot &a, const Snapshot &b)
 
 class Waiting {
   public:
-    Waiting(std::string topic, Wanted wanted) : topic_(std::move(topic)), wanted_(std::move(wanted))
+    Waiting(std::string topic, TopicCondition condition)
+        : topic_(std::move(topic)), condition_(std::move(condition))
     {
     }
 
-    // Whether the condition holds now; nothing with a problem when it never can.
+    // Says whether the condition holds now. Gives nothing, with a problem, when it never can.
     std::optional<bool> is_met(Problem &problem)
     {
         TopicOpener opener;
@@ -166,27 +52,24 @@ class Waiting {
         note_problem(snapshot, missing);
         if (snapshot)
             last_ = *snapshot;
-        if (wanted_.test == Test::exists)
+        if (condition_.test == Test::exists)
             return snapshot.has_value();
-        if (wanted_.test == Test::changes)
+        if (condition_.test == Test::changes)
             return has_changed(snapshot);
         if (!snapshot || snapshot->condition != Condition::value)
             return false;
-        if (wanted_.test == Test::fresh)
-            return snapshot->last_write_ts + wanted_.age_us >= now_us();
-        const auto comparison = compare(*snapshot, wanted_.operand, problem);
-        if (!comparison)
-            return std::nullopt;
-        return holds(wanted_.test, comparison->order);
+        if (condition_.test == Test::fresh)
+            return snapshot->last_write_ts + condition_.age_us >= now_us();
+        return is_met_by(condition_, *snapshot, problem);
     }
 
-    // What was read at the last look that could read the topic.
+    // Gives what the last look read that could read the topic.
     const Snapshot &last() const
     {
         return last_;
     }
-    // What keeps the topic from being read at present, and since when. It may pass: a file is short
-    // while it is made, and somebody may write what was left unfinished.
+    // Give what keeps the topic from being read at present, and since when. It may pass: a file is
+    // short while it is made, and somebody may write what was left unfinished.
     const Problem &problem() const
     {
         return problem_;
@@ -202,8 +85,7 @@ class Waiting {
         Problem found;
         if (!snapshot && missing.code != kNothing)
             found = missing;
-        if (snapshot &&
-            (snapshot->condition == Condition::busy || snapshot->condition == Condition::corrupt))
+        if (snapshot && has_broken_value(*snapshot))
             found = value_problem(topic_, *snapshot);
         if (problem_.code == kDone)
             problem_since_ = monotonic_us();
@@ -213,7 +95,7 @@ class Waiting {
     bool has_changed(const std::optional<Snapshot> &now)
     {
         if (now && now->condition != Condition::value && now->condition != Condition::empty)
-            return false; // in the middle of a write
+            return false; // it is being written
         if (!has_looked_) {
             has_looked_ = true;
             before_ = now;
@@ -225,7 +107,7 @@ class Waiting {
     }
 
     std::string topic_;
-    Wanted wanted_;
+    TopicCondition condition_;
     bool has_looked_ = false;
     std::optional<Snapshot> before_;
     Snapshot last_;
@@ -233,7 +115,7 @@ class Waiting {
     uint64_t problem_since_ = 0;
 };
 
-// The code when the condition did not come to hold.
+// Gives the code for a condition that did not come to hold.
 int give_up(const Waiting &waiting, int code)
 {
     return waiting.problem().code == kDone ? code : complain(waiting.problem());
@@ -245,8 +127,8 @@ int run_wait(const WaitOptions &options)
     const auto topic = normal_topic(options.topic, problem);
     if (!topic)
         return complain(problem);
-    const auto wanted = parse_condition(options.condition);
-    if (!wanted)
+    const auto condition = parse_condition(options.condition);
+    if (!condition)
         return complain(Problem{
             kUsage, "a condition is == != < <= > >= with a value, changes, exists or fresh SEC"});
 
@@ -261,7 +143,7 @@ int run_wait(const WaitOptions &options)
     std::unique_ptr<NoticeQueue> queue;
     if (options.mesh && options.timeout != 0 && !(queue = NoticeQueue::join(problem)))
         return complain(problem);
-    Waiting waiting(*topic, *wanted);
+    Waiting waiting(*topic, *condition);
     bool is_told = false;
     for (;;) {
         const auto met = waiting.is_met(problem);

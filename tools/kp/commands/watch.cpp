@@ -17,8 +17,7 @@ namespace kp::tool {
 
 namespace {
 
-constexpr uint64_t kMeshRefreshUs =
-    kUsPerSecond; // new topics whose provider does not announce them
+constexpr uint64_t kMeshRefreshUs = kUsPerSecond; // what notices did not tell is found as often
 
 struct WatchOptions {
     SelectionOptions selection;
@@ -154,10 +153,6 @@ int run_watch(const WatchOptions &options, const Selection &selection)
         return complain(problem);
     return Watch(options, selection).run(queue.get());
 }
-
-} // namespace
-
-namespace {
 
 void add_following(CLI::App &command, WatchOptions &options)
 {

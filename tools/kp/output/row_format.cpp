@@ -25,7 +25,8 @@ std::string csv_field(const std::string &text)
     return out + '"';
 }
 
-std::string table_line(const Row &row, const FormatOptions &options)
+// The record in csv or tsv.
+std::string separated_line(const Row &row, const FormatOptions &options)
 {
     const ordered_json object = row_json(row, options.bytes);
     std::string line;
@@ -224,7 +225,7 @@ std::string row_record(const Row &row, const FormatOptions &options)
         return json_line(described_json(row, options.bytes));
     case Format::csv:
     case Format::tsv:
-        return table_line(row, options);
+        return separated_line(row, options);
     case Format::raw:
         return row.snapshot.bytes;
     case Format::hex:
