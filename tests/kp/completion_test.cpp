@@ -14,7 +14,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// Where a list of words stands in a text: behind `before`, up to `end`.
+// Says where a list of words stands in a text: behind `before`, up to `end`.
 struct Place {
     std::string before;
     std::string end;

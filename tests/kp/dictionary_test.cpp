@@ -50,13 +50,13 @@ class KpDictionary : public testing::Test {
         std::ofstream(folder_ + "/" + name) << text;
     }
 
-    // `kp` with this dictionary.
+    // Runs `kp` with this dictionary.
     Ran meant(const std::vector<std::string> &arguments, const std::string &input = "") const
     {
         return kp(arguments, {.input = input, .environment = {"KP_DICTIONARY=" + folder_}});
     }
 
-    // A topic of one byte.
+    // Writes a topic of one byte.
     static void put_byte(const std::string &topic, char value)
     {
         put(topic, KP_TYPE_UINT8, std::string(1, value));
@@ -446,8 +446,8 @@ TEST_F(KpDictionary, WatchFollowsItsChangesAndKeepsTheOldOneDespiteMistakes)
         "sh", "-c", "exec '" KP_PROGRAM "' --dictionary " + folder_ + " watch --rate 20 '#' 2>&1"});
     ASSERT_EQ(watch.hear(), "a\t1");
 
-    // A line for each look, so that the first one by the new dictionary is among them. No value and
-    // no stamp comes twice, since kp would say nothing of the second.
+    // Each look prints a line, so that the first one by the new dictionary is among them. No value
+    // and no stamp comes twice, since kp would say nothing of the second.
     double value = 1;
     const auto hear_until = [&watch, &value](const std::string &wanted) {
         while (true) {

@@ -28,7 +28,7 @@ namespace {
 
 constexpr uid_t kSomebody = 54'322;
 
-// Level, check and subject of all but the notes.
+// Gives the level, check and subject of all findings but the notes.
 std::string findings()
 {
     return findings_of(kp({"doctor", "-j"}), "\\(.check) \\(.subject)");
@@ -74,7 +74,7 @@ int take_semaphore(Channel &parent)
     return 0;
 }
 
-// A store on a file system of its own that has so many inodes.
+// Puts the store on a file system of its own that has so many inodes.
 class FewInodes {
   public:
     explicit FewInodes(const std::string &count)
@@ -89,7 +89,8 @@ class FewInodes {
     }
 };
 
-// The directories as they should be before each test and, for the tests that come later, after it.
+// Makes the directories as they should be before each test and, for the tests that come later,
+// after it.
 class KpDoctorLooks : public testing::Test {
   protected:
     KpDoctorLooks()
@@ -380,7 +381,7 @@ TEST_F(KpDoctorLooks, SaysNothingOfASemaphoreThatIsTakenForAMoment)
 {
     kp_shm_t *shm = kp_shm_new("a", KP_ROLE_CONSUMER);
     SegmentFile("a").put_u32(at::sem, 0);
-    // The looks take 40 ms at least, so that the last ones come after this.
+    // The looks take at least 40 ms, so that the last ones come after this.
     std::thread holder([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(15));
         SegmentFile("a").put_u32(at::sem, 1);

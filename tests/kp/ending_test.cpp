@@ -1,4 +1,4 @@
-// How commands end whose reader sleeps, and what their caller sees of a signal.
+// How commands end when their reader sleeps, and what their caller sees of a signal.
 #include "kp_run.h"
 
 #include "testing/process.h"
@@ -160,7 +160,8 @@ TEST_P(Ended, BySignalSoThatItsCallerSeesTheSignal)
 
 INSTANTIATE_TEST_SUITE_P(By, Ended, testing::Values(SIGINT, SIGTERM, SIGHUP, SIGUSR1));
 
-// Each at a time of its own: most of a restore is between making a file and ending its write.
+// Each restore is stopped at a time of its own. Most of it lies between making a file and ending
+// its write.
 TEST(Ended, InARestoreLeavesNoTopicHalfMade)
 {
     {
@@ -187,7 +188,7 @@ TEST(Ended, InARestoreLeavesNoTopicHalfMade)
     EXPECT_EQ(without_value, 0);
 }
 
-// bash goes on with the loop when a program handles SIGINT and then ends by itself.
+// If a program handles SIGINT and then ends by itself, bash goes on with its loop.
 TEST(Ended, ByInterruptEndsTheShellsLoopToo)
 {
     put_double("a", 1);

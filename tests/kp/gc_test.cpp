@@ -1,4 +1,4 @@
-// gc, rm and set on a store and beside endpoints that others change in the same moment.
+// gc, rm and set while others change the store and the endpoints in the same moment.
 #include "kp_run.h"
 
 #include "testing/child.h"
@@ -122,7 +122,7 @@ void leave_old_dead_socket(const std::string &path)
     make_old(path);
 }
 
-// As many lines of gc as do not fit into a pipe.
+// So many lines of gc do not fit into a pipe.
 constexpr int kMoreThanFits = 1500;
 
 // A `kp` whose output nobody reads until the test does.
@@ -138,7 +138,7 @@ class UnreadRun {
         pointers.push_back(nullptr);
         std::array<int, 2> ends{};
         EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-        (void)fcntl(ends[1], F_SETPIPE_SZ, 4096); // soon full
+        (void)fcntl(ends[1], F_SETPIPE_SZ, 4096); // is full soon
         pid_ = fork();
         if (pid_ == 0) {
             (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -153,7 +153,7 @@ class UnreadRun {
     UnreadRun &operator=(const UnreadRun &) = delete;
     ~UnreadRun()
     {
-        (void)close(read_end_); // ends it, should it still print
+        (void)close(read_end_); // ends `kp` if it still prints
         (void)waitpid(pid_, nullptr, 0);
     }
 
@@ -171,7 +171,7 @@ class UnreadRun {
     int read_end_ = -1;
 };
 
-// The file under a name is the one that a socket or mapping was made on.
+// Says whether the file under a name is the one on which a socket or a mapping was made.
 bool is_reached(const std::string &path)
 {
     return UnixSocket::connected(path).is_open();
@@ -284,7 +284,8 @@ TEST(KpGcRace, ActsBeforeItPrintsHoweverSlowItsReaderIs)
     EXPECT_TRUE(is_reached(std::string(kSockets) + "7"));
 }
 
-// The same of topics, dead counts and orphans: each is opened anew while gc waits for its reader.
+// The same holds for topics, dead counts and orphans: each is opened anew while gc waits for its
+// reader.
 TEST(KpGcRace, LeavesTopicsThatOpenWhileItsOutputIsNotRead)
 {
     for (int index = 0; index < kMoreThanFits; ++index) {
@@ -328,8 +329,9 @@ TEST(KpGcRace, SaysWhatItCouldNotRemove)
     EXPECT_EQ(ran.code, 3);
 }
 
-// Each round a hundred services start again under the names of their dead sockets, in no order and
-// at no set time, while gc runs. Where it found none of them dead any more, they take longer.
+// In each round a hundred services start again under the names of their dead sockets, in no order
+// and at no set time, while gc runs. If gc found none of them dead any more, they take longer next
+// time.
 TEST(KpGcRace, NeverTakesTheSocketOfAServiceThatStartsAgain)
 {
     constexpr int services = 100;
@@ -370,8 +372,8 @@ TEST(KpGcRace, NeverTakesTheSocketOfAServiceThatStartsAgain)
     EXPECT_GT(removed, 0);
 }
 
-// The same with topics whose providers were killed and are started again: what one has open stays
-// linked.
+// The same with topics whose providers were killed and are started again: a file that a provider
+// has open stays linked.
 TEST(KpGcRace, NeverTakesATopicThatAProviderHasJustOpened)
 {
     constexpr int topics = 50;

@@ -273,8 +273,8 @@ TEST(KpGet, NeverShowsAValueThatIsHalfWritten)
         (void)kp_shm_set_provider_info(shm, KP_TYPE_STRING, 4000, 0);
         (void)kp_shm_write(shm, first.data(), 4000, 1, 1, 1);
         (void)parent.tell("ready");
-        // Always the same time, so that only the bytes tell the writes apart. The pauses let a
-        // reader find a whole value at all.
+        // The time is always the same, so that only the bytes tell the writes apart. The pauses let
+        // a reader find a whole value at all.
         for (; !parent.hear(std::chrono::milliseconds(0)); (void)usleep(1))
             for (int count = 0; count < 200; ++count)
                 (void)kp_shm_write(shm, (count % 2 ? first : second).data(), 4000, 1, 1, 1);

@@ -85,7 +85,7 @@ std::vector<char *> pointers_to(std::vector<std::string> &texts)
     _exit(127);
 }
 
-// Moves what there is to read to `text`; closes the end at its end.
+// Moves what there is to read to `text`. Closes the descriptor when nothing more can come.
 void take(Pipe &pipe, std::string &text)
 {
     std::array<char, 65536> buffer;

@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t kTopics = 3000;
 constexpr std::size_t kPageKib = 4;
 
-// Each round by a timestamp of its own.
+// Writes each topic once. Each round has a timestamp of its own.
 void write_all(uint64_t timestamp)
 {
     for (std::size_t index = 0; index < kTopics; ++index)
@@ -24,7 +24,7 @@ void write_all(uint64_t timestamp)
                                    timestamp, 1, timestamp, 0);
 }
 
-// The address space of a `kp` that follows one topic, in KiB.
+// Gives the address space of a `kp` that follows one topic, in KiB.
 std::size_t usual_size()
 {
     put_double("one", 1);
@@ -35,8 +35,8 @@ std::size_t usual_size()
     return pages * kPageKib;
 }
 
-// `kp` in an address space into which the mappings of half of the topics would fit, and nothing
-// else.
+// Runs `kp` in an address space into which the mappings of half of the topics would fit, and
+// nothing else.
 std::vector<std::string> cramped(const std::string &arguments)
 {
     const std::size_t room = usual_size() + kTopics * kPageKib / 2;

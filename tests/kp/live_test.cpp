@@ -39,9 +39,9 @@ int write_steadily(Channel &parent)
     return 0;
 }
 
-// `kp top` in a terminal of 100 by 20, through a tmux of its own. Without the sanitizer's check for
-// leaks: a terminal that goes away sends SIGCONT too, which takes back the SIGSTOP that this check
-// waits for, and it would spin for ever.
+// Runs `kp top` in a terminal of 100 by 20, through a tmux of its own. The sanitizer does not look
+// for leaks: a terminal that goes away sends SIGCONT too, which takes back the SIGSTOP for which
+// this look waits, and it would spin for ever.
 class TopInTerminal {
   public:
     explicit TopInTerminal(const std::string &arguments = "")
@@ -72,7 +72,7 @@ class TopInTerminal {
     {
         tmux({"resize-window", "-x", columns, "-y", rows});
     }
-    // To the program alone: the terminal's first process is the shell that started it.
+    // It goes to the program alone: the terminal's first process is the shell that started it.
     void signal(int number) const
     {
         const std::string shell = tmux({"display-message", "-p", "#{pane_pid}"});
@@ -80,7 +80,7 @@ class TopInTerminal {
             run_program({"ps", "-o", "pid=", "--ppid", std::to_string(std::stoi(shell))});
         (void)kill(std::stoi(child.out), number);
     }
-    // Whether full-screen use is over and the cursor is to be seen.
+    // Says whether the full screen is left and the cursor can be seen.
     std::string state() const
     {
         return tmux({"display-message", "-p", "alternate #{alternate_on} cursor #{cursor_flag}"});
@@ -89,7 +89,7 @@ class TopInTerminal {
     {
         return tmux({"capture-pane", "-p"});
     }
-    // Waits until the whole screen is as wanted: while it is drawn, only a part of it is.
+    // Waits until the whole screen is as wanted, since only a part is while it is drawn.
     testing::AssertionResult shows(const testing::Matcher<const std::string &> &wanted) const
     {
         std::string seen;
@@ -163,7 +163,7 @@ TEST(KpHz, SaysWhichDirectoryItMayNotRead)
     EXPECT_EQ(ran.code, 3);
 }
 
-// A writer far faster than any look, with the present time in each write.
+// The writer is far faster than any look, and each write has the present time.
 static int write_fast(Channel &parent)
 {
     kp_shm_t *shm = kp_shm_new("fast", KP_ROLE_PROVIDER);
@@ -206,8 +206,8 @@ TEST(KpTop, SeesNoTopicWrittenInTheFuture)
     (void)writer.tell("end");
 }
 
-// Many topics, each written about once between two looks: so again and again a write comes between
-// the look at a topic and the reading of its value, and none follows before the next look.
+// Each of many topics is written about once between two looks. So again and again a write comes
+// between the look at a topic and the reading of its value, and none follows before the next look.
 static int write_many(Channel &parent)
 {
     constexpr int count = 200;

@@ -15,8 +15,8 @@ using namespace kptest;
 
 namespace {
 
-// What happens to the entries of some directories from now on: one that is made, removed or
-// changed, and one that somebody had open for writing. A mapping through which bytes or counts
+// Watches what happens to the entries of some directories from now on: which one is made, removed
+// or changed, and which one somebody had open for writing. A mapping through which bytes or counts
 // could change needs such a descriptor.
 class DirectoryWatch {
   public:
@@ -145,7 +145,7 @@ TEST(LookingAtTheLiveView, ChangesNothing)
     EXPECT_EQ(store_picture(), before);
 }
 
-// That the test above could fail: the commands that do take part in the mesh are seen by it.
+// Shows that the test above can fail: it sees the commands that do take part in the mesh.
 TEST(TakingPart, IsSeenByTheEndpointsAndInTheStore)
 {
     const Device device;

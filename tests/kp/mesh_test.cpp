@@ -1,4 +1,4 @@
-// peers, gc and doctor: what the tool says of endpoints and topics with a problem.
+// What peers, gc and doctor say of endpoints and topics with a problem.
 #include "kp_run.h"
 
 #include "testing/child.h"
@@ -117,7 +117,7 @@ TEST(KpPeers, CountsWhatAStoppedPeerHasNotRead)
     ASSERT_TRUE(wait_until([&] { return unread() == "[0,false]\n"; })) << unread();
     application.signal(SIGSTOP);
 
-    // Ten notices of 129 bytes once the stopped process has connected.
+    // Ten notices of 129 bytes wait for the stopped process once it has connected.
     ASSERT_TRUE(wait_until([] {
         return filtered(kp({"peers", "-j"}).out,
                         {"jq", "-c", "select(.name==\"other\")|.connections"}) == "1\n";
@@ -134,7 +134,8 @@ TEST(KpPeers, CountsWhatAStoppedPeerHasNotRead)
 
 TEST(KpGc, RemovesSocketsThatRefuseAndLeavesLiveOnesAlone)
 {
-    // No endpoint of the library, which would remove the other one itself after three seconds.
+    // This is no endpoint of the library, which would remove the other one itself after three
+    // seconds.
     const UnixSocket live = UnixSocket::listening("/run/providers/live");
     UnixSocket::leave_dead_file("/run/providers/gone");
 
@@ -380,7 +381,7 @@ TEST(KpDoctor, FindsAUserWhoHasNearlyAllInotifyInstances)
         GTEST_SKIP() << "this system lets a user have " << limit << " instances";
     if (other_user() == 0)
         GTEST_SKIP() << "this test needs a second user";
-    // Of a user of its own, since those of this one are needed by what runs beside.
+    // It uses those of another user, since other tests need those of this one.
     ChildProcess owner([limit](Channel &parent) {
         if (setuid(kUserOfItsOwn) != 0)
             return 1;

@@ -1,4 +1,4 @@
-// What every command does whose output cannot be taken.
+// What every command does when nobody takes its output.
 #include "kp_run.h"
 
 #include <gtest/gtest.h>

@@ -21,7 +21,7 @@ namespace {
 
 constexpr const char *kRecord = "/run/record.jsonl";
 
-// A line as record prints it, seen so many milliseconds after the first.
+// Gives a line as record prints it, for a change so many milliseconds after the first.
 std::string recorded(const std::string &topic, int value, int seen_ms)
 {
     return R"({"topic":")" + topic + R"(","type":"int32","value":)" + std::to_string(value) +

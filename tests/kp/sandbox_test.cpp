@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Its scripts leave what they have to tell in /run/scripts, which the sandbox and the test both
+// The scripts leave what they have to tell in /run/scripts, which both the sandbox and the test
 // see.
 Ran sandboxed(const std::string &script, const RunOptions &options = {})
 {
@@ -34,7 +34,7 @@ Ran sandboxed(const std::string &script, const RunOptions &options = {})
 const std::string kWriteAndList =
     "'" KP_PROGRAM "' set a/b 1.5 --type double >/dev/null && '" KP_PROGRAM "' list";
 
-// The number that a script has left in a file; 0 as long as there is none.
+// Gives the number that a script has left in a file; 0 as long as there is none.
 pid_t number_in(const std::string &path)
 {
     pid_t number = 0;
@@ -276,8 +276,9 @@ TEST_P(KpSandboxKilled, TakesAlongWhatRuns)
 INSTANTIATE_TEST_SUITE_P(Of, KpSandboxKilled,
                          testing::Values("$PPID", "$(cut -d' ' -f4 /proc/$PPID/stat)"));
 
-// Each round a little later: while the namespaces are made, before, between and behind the two
-// forks, and when the command runs. What outlived its sandbox would become this test's child.
+// In each round the signal comes a little later: while the namespaces are made, before, between and
+// behind the two forks, and when the command runs. What outlives its sandbox would become a child
+// of this test.
 class KpSandboxMoment : public testing::TestWithParam<int> {};
 
 TEST_P(KpSandboxMoment, LeavesNothingWheneverASignalComes)

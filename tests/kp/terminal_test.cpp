@@ -22,7 +22,7 @@ using namespace kptest;
 
 namespace {
 
-// `kp top` in a terminal of this size, of which nothing is read unless a test does it.
+// Runs `kp top` in a terminal of this size, from which nothing is read unless a test does it.
 class HeldTop : public OwnProcess {
   public:
     explicit HeldTop(unsigned short rows, unsigned short columns)
@@ -51,7 +51,7 @@ class HeldTop : public OwnProcess {
             return number == SYS_write;
         });
     }
-    // Takes what there is, until `text` was among it.
+    // Takes what the terminal shows until `text` was among it.
     bool prints(const std::string &text)
     {
         return wait_until([&] {
@@ -86,7 +86,7 @@ class HeldTop : public OwnProcess {
     std::string taken_;
 };
 
-// More than the 64 KiB or so that a terminal keeps for a reader that does not come.
+// This is more than the about 64 KiB that a terminal keeps for a reader that does not come.
 void put_a_screenful()
 {
     for (int index = 100; index < 400; ++index)

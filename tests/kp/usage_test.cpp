@@ -80,7 +80,7 @@ TEST(KpColors, AreNotForcedByZero)
                 Not(HasSubstr("\x1b[")));
 }
 
-// To a terminal of 8 bits the second byte of U+00DB in UTF-8 begins a control sequence.
+// For a terminal of 8 bits the second byte of U+00DB in UTF-8 begins a control sequence.
 TEST(KpText, BringsNoControlByteToATerminalOf8Bits)
 {
     put_double("a\xC3\x9B"

@@ -75,7 +75,7 @@ TEST(KpWait, WaitsForAChange)
 {
     put_double("a", 1);
     EXPECT_EQ(kp({"wait", "a", "changes", "-t", "0.05"}).code, 124);
-    // Goes on changing it, since nobody knows when the command has had its first look.
+    // It goes on changing the value, since nobody knows when the command has had its first look.
     ChildProcess writer([](Channel &parent) {
         for (double value = 2; !parent.hear(std::chrono::milliseconds(100)); ++value)
             put_double("a", value);
