@@ -210,7 +210,7 @@ class Api(unittest.TestCase):
 
     @staticmethod
     def resize_store(size):
-        """Leaves out the options that the mount has, since a user namespace may not give all of them again."""
+        """Leaves out the options of the mount, since a user namespace may not give all of them again."""
         command = ["mount", "--options-mode", "ignore", "-o", f"remount,size={size}", "none", "/dev/shm"]
         subprocess.run(command, check=True)
 
