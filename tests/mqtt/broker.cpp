@@ -73,18 +73,19 @@ SeenMessage parsed(const std::string &line)
 
 } // namespace
 
-int free_port()
+ReservedPort::ReservedPort() : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int reuse = 1;
     sockaddr_in address = loopback(0);
     socklen_t size = sizeof address;
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), size), 0);
-    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size), 0);
-    (void)close(fd);
-    return ntohs(address.sin_port);
+    // Only after the port is chosen, so that none is that another holds in the same way.
+    EXPECT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr *>(&address), size), 0);
+    EXPECT_EQ(setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse), 0);
+    EXPECT_EQ(getsockname(socket_.get(), reinterpret_cast<sockaddr *>(&address), &size), 0);
+    number_ = ntohs(address.sin_port);
 }
 
-Broker::Broker(std::string settings) : settings_(std::move(settings)), port_(free_port())
+Broker::Broker(std::string settings) : settings_(std::move(settings))
 {
     start();
 }
@@ -96,8 +97,9 @@ Broker::~Broker()
 
 void Broker::start()
 {
-    const std::string path = "/run/mosquitto." + std::to_string(port_) + ".conf";
-    std::ofstream(path) << "listener " << port_ << " 127.0.0.1\nuser root\nlog_type error\n"
+    const std::string path = "/run/mosquitto." + std::to_string(port_.number()) + ".conf";
+    std::ofstream(path) << "listener " << port_.number()
+                        << " 127.0.0.1\nuser root\nlog_type error\n"
                         << settings_;
     process_ =
         std::make_unique<ChildProcess>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", path});
@@ -126,7 +128,7 @@ void Broker::end_with(int number)
 bool Broker::accepts() const
 {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port_);
+    const sockaddr_in address = loopback(port_.number());
     const bool connected =
         connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
     (void)close(fd);

@@ -2,6 +2,7 @@
 // look at it. Each is ended by its own process id.
 #pragma once
 
+#include "layout/unique_fd.h"
 #include "testing/child.h"
 
 #include <chrono>
@@ -14,9 +15,21 @@
 
 namespace kptest {
 
-// A port that was free a moment ago; the system hands out others first, so it stays free long
-// enough.
-int free_port();
+// A port of the loopback that nobody else is given as long as this object lives. It is bound and
+// does not listen: connections to it are refused, and a server may listen there that says that it
+// takes addresses in use (SO_REUSEADDR), as mosquitto does.
+class ReservedPort {
+  public:
+    ReservedPort();
+    int number() const
+    {
+        return number_;
+    }
+
+  private:
+    kp::UniqueFd socket_;
+    int number_ = 0;
+};
 
 class Broker {
   public:
@@ -28,7 +41,7 @@ class Broker {
 
     int port() const
     {
-        return port_;
+        return port_.number();
     }
     pid_t pid() const
     {
@@ -49,7 +62,7 @@ class Broker {
     void end_with(int number);
 
     std::string settings_;
-    int port_;
+    ReservedPort port_;
     std::unique_ptr<ChildProcess> process_;
 };
 

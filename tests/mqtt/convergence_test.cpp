@@ -296,6 +296,25 @@ TEST(SharedDevices, DoNotBringBackARemovedTagWhenTheirBridgeRestarts)
     EXPECT_EQ(devices.disagreement({"a/x"}), "");
 }
 
+TEST(SharedDevices, LoseARemovedTagAlsoWhereTheBridgeWasKilledBefore)
+{
+    const Broker broker;
+    Devices devices(broker.port(), 2);
+    ASSERT_TRUE(devices[0].does("declare a/x"));
+    ASSERT_TRUE(devices[0].does("write a/x one"));
+    ASSERT_TRUE(devices[1].does("await a/x one"));
+    ASSERT_TRUE(devices[0].does("write a/x two"));
+    ASSERT_TRUE(devices[1].does("await a/x two"));
+    ASSERT_TRUE(devices[1].does("kill"));
+    ASSERT_TRUE(devices[1].does("start"));
+    ASSERT_TRUE(devices[1].does("connected"));
+
+    ASSERT_TRUE(devices[0].does("drop a/x"));
+
+    EXPECT_TRUE(devices[1].does("await a/x"));
+    EXPECT_EQ(devices.disagreement({"a/x"}), "");
+}
+
 TEST(SharedDevices, HoldOneOfTwoValuesThatAreWrittenAtOnce)
 {
     const Broker broker;

@@ -77,13 +77,29 @@ class Life {
             bridge_.signal(SIGKILL);
             return bridge_.wait().has_value();
         }
-        if (verb == "start")
+        if (verb == "start") {
+            connections_before_ = connections();
             bridge_.start();
+        }
+        if (verb == "connected")
+            return wait_until([this] { return connections() > connections_before_; });
         return true;
+    }
+
+    // As often as the bridge has said so, in all its runs.
+    int connections() const
+    {
+        const std::string log = bridge_.log();
+        int count = 0;
+        for (size_t at = log.find("connected to "); at != log.npos;
+             at = log.find("connected to ", at + 1))
+            ++count;
+        return count;
     }
 
     Line line_;
     BridgeProgram bridge_;
+    int connections_before_ = 0; // when it was started last
     Tags tags_;
     std::set<std::string> declared_;
 };

@@ -15,7 +15,7 @@ class OtherDevice {
     // Carries out an order and says whether that went well:
     //   declare TOPIC [TYPE], write TOPIC TEXT [SOURCE_TIME_US], drop TOPIC,
     //   await TOPIC TEXT, await TOPIC (that it has no value),
-    //   cut and mend (the line), stop, start, kill (the bridge).
+    //   cut and mend (the line), stop, start, kill (the bridge), connected (since its start).
     bool does(const std::string &order);
 
     // What the tag holds, as "TYPE TEXT"; "none" where it has no value.

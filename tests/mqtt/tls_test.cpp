@@ -17,12 +17,12 @@ namespace {
 class TlsBroker {
   public:
     explicit TlsBroker(const std::string &certificate = "broker", const std::string &more = "")
-        : port_(free_port()), broker_(settings(port_, certificate) + more)
+        : broker_(settings(port_.number(), certificate) + more)
     {
     }
     int port() const
     {
-        return port_;
+        return port_.number();
     }
     int plain_port() const
     {
@@ -38,7 +38,7 @@ class TlsBroker {
                certificate + ".pem\nkeyfile /run/tls/" + certificate + ".key\n";
     }
 
-    int port_;
+    ReservedPort port_;
     Broker broker_;
 };
 
@@ -197,7 +197,8 @@ TEST(CheckOfTheConnection, PrintsEachStepAndLeavesTheBridgeConnected)
 TEST(CheckOfTheConnection, SaysWhichStepFails)
 {
     const Broker broker("allow_anonymous false\n");
-    const int nobody = free_port();
+    const ReservedPort port_of_nobody;
+    const int nobody = port_of_nobody.number();
     BridgeProgram refused(broker.port(), kBothWays, {"--check", "--connect"});
     BridgeProgram unreachable(nobody, kBothWays, {"--check", "--connect"});
     std::string settings = configuration(1, kBothWays);
@@ -232,7 +233,8 @@ TEST(CheckOfTheConnection, SaysWhichSubscriptionIsRefused)
 TEST(CheckOfTheConnection, TriesEachBrokerOfTheList)
 {
     const Broker broker;
-    const int nobody = free_port();
+    const ReservedPort port_of_nobody;
+    const int nobody = port_of_nobody.number();
     BridgeProgram check(nobody,
                         configuration(nobody, kBothWays,
                                       "[[broker.fallback]]\nhost = \"localhost\"\nport = " +

@@ -16,7 +16,6 @@ namespace {
 constexpr milliseconds kTick{1000};
 constexpr milliseconds kScanSoon{100}; // after a notice of a topic that is not known
 constexpr milliseconds kStuck{10'000}; // for a round of local writes
-constexpr std::size_t kMostLogged = 5; // mistakes of one reading of the dictionary
 constexpr int kMostAtOnce = 200;       // publications between two looks at everything else
 
 } // namespace
@@ -44,9 +43,7 @@ Bridge::Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks 
       session_(configuration_, origin_, session_events(), counters),
       unheard_(configuration_.endpoint), status_(configuration_.status_prefix, writer)
 {
-    topics_.use(dictionary_.current(), Clock::now());
-    publications_.dictionary_changed(dictionary_.is_whole(), Clock::now());
-    log_mistakes_of_dictionary();
+    use_dictionary(Clock::now());
 }
 
 InboundEvents Bridge::inbound_events()
@@ -123,6 +120,8 @@ std::optional<Configuration> Bridge::run(const Signals &signals,
 
 void Bridge::leave_behind()
 {
+    if (!has_been_online_)
+        return;
     const uint64_t now = kp_get_timestamp_us();
     topics_.scan(Clock::now());
     shared_.claim_unsent();
@@ -132,7 +131,8 @@ void Bridge::leave_behind()
 void Bridge::reload(ConfigurationResult loaded, Clock::time_point now)
 {
     manager_.reloading();
-    look_at_dictionary(now);
+    if (dictionary_.look_now())
+        take_over_dictionary(now);
     for (const std::string &problem : loaded.problems)
         log(Level::error, problem);
     const Reach reach = reach_of(configuration_, loaded.configuration);
@@ -168,6 +168,7 @@ void Bridge::take_over(Configuration configuration, bool connects_anew, Clock::t
 void Bridge::go_online(bool kept, bool has_read)
 {
     const auto now = Clock::now();
+    has_been_online_ = true;
     look_at_marks(now);
     publications_.connected(kept, now);
     inbound_.give_up(shared_.stop_reading(has_read, now));
@@ -291,8 +292,9 @@ void Bridge::tick(Clock::time_point now)
     manager_.keep_watchdog_quiet(now);
     log_what_was_left_out(now);
     unheard_.look(now);
-    look_at_dictionary(now);
-    if (!session_.is_online())
+    if (dictionary_.look())
+        take_over_dictionary(now);
+    if (has_been_online_ && !session_.is_online())
         shared_.claim_unsent();
     show_status(now, session_.is_online());
     const bool stuck = writer_.busy_for(now) > kStuck;
@@ -301,26 +303,16 @@ void Bridge::tick(Clock::time_point now)
     reported_stuck_ = stuck;
 }
 
-void Bridge::look_at_dictionary(Clock::time_point now)
+void Bridge::take_over_dictionary(Clock::time_point now)
 {
-    if (dictionary_.refresh()) {
-        topics_.use(dictionary_.current(), now);
-        publications_.dictionary_changed(dictionary_.is_whole(), now);
-        log(Level::info, "the dictionary of tags has been read again");
-    }
-    log_mistakes_of_dictionary();
+    use_dictionary(now);
+    log(Level::info, "the dictionary of tags has been read again");
 }
 
-// Each once, and of many only the first few.
-void Bridge::log_mistakes_of_dictionary()
+void Bridge::use_dictionary(Clock::time_point now)
 {
-    const auto mistakes = dictionary_.take_problems();
-    for (std::size_t index = 0; index < std::min(mistakes.size(), kMostLogged); ++index)
-        log(Level::warning, tool::place_text(mistakes[index].place) + ": " + mistakes[index].text);
-    if (mistakes.size() > kMostLogged)
-        log(Level::warning, "the dictionary of tags has " +
-                                std::to_string(mistakes.size() - kMostLogged) +
-                                " mistakes more (kp doctor shows them)");
+    topics_.use(dictionary_.current(), now);
+    publications_.dictionary_changed(dictionary_.is_whole(), now);
 }
 
 void Bridge::show_status(Clock::time_point now, bool is_connected)

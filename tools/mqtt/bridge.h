@@ -3,7 +3,6 @@
 
 #include "answers/answers.h"
 #include "broker/broker_session.h"
-#include "common/dictionary/live_dictionary.h"
 #include "common/notice_marks.h"
 #include "common/service_manager.h"
 #include "config/configuration.h"
@@ -11,6 +10,7 @@
 #include "mesh/unheard_endpoints.h"
 #include "outbound/lost_providers.h"
 #include "outbound/publications.h"
+#include "outbound/settled_dictionary.h"
 #include "outbound/shared_tags.h"
 #include "outbound/state_file.h"
 #include "outbound/topic_table.h"
@@ -63,9 +63,8 @@ class Bridge {
     void send_answers();
     void send_values(Clock::time_point now);
     void tick(Clock::time_point now);
-    // Reads the dictionary again where it has changed.
-    void look_at_dictionary(Clock::time_point now);
-    void log_mistakes_of_dictionary();
+    void take_over_dictionary(Clock::time_point now);
+    void use_dictionary(Clock::time_point now);
     void show_status(Clock::time_point now, bool is_connected);
 
     Configuration configuration_; // the parts refer to it, and are told when it changes
@@ -76,7 +75,7 @@ class Bridge {
     const std::string origin_;
     StoreReader reader_;
     PendingNames pending_;
-    tool::LiveDictionary dictionary_;
+    SettledDictionary dictionary_;
     TopicTable topics_;
     SharedTags shared_;
     Publications publications_;
@@ -92,6 +91,8 @@ class Bridge {
     Clock::time_point last_scan_{};
     Clock::time_point next_tick_{};
     std::optional<Configuration> successor_; // a configuration for which another bridge is needed
+    // Before, nobody knows which values an earlier run that was killed has got from the broker.
+    bool has_been_online_ = false;
     bool more_to_send_ = false;
     bool reported_stuck_ = false;
 };

@@ -11,6 +11,8 @@ namespace {
 
 // What a broker says is cut here for the log.
 constexpr size_t kMostReasonBytes = 200;
+// A message of a tag carries a dozen; of more the bridge reads nothing.
+constexpr size_t kMostProperties = 100;
 
 std::string text_of(const mosquitto_property *list, int identifier)
 {
@@ -70,7 +72,8 @@ std::vector<uint32_t> subscriptions(const mosquitto_property *list)
 {
     std::vector<uint32_t> found;
     uint32_t number = 0;
-    while ((list = mosquitto_property_read_varint(list, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &number,
+    while (found.size() < kMostProperties &&
+           (list = mosquitto_property_read_varint(list, MQTT_PROP_SUBSCRIPTION_IDENTIFIER, &number,
                                                   !found.empty())))
         found.push_back(number);
     return found;
@@ -98,7 +101,8 @@ UserProperties user_properties(const mosquitto_property *list)
     char *name = nullptr;
     char *value = nullptr;
     bool again = false;
-    while ((list = mosquitto_property_read_string_pair(list, MQTT_PROP_USER_PROPERTY, &name, &value,
+    while (found.size() < kMostProperties &&
+           (list = mosquitto_property_read_string_pair(list, MQTT_PROP_USER_PROPERTY, &name, &value,
                                                        again))) {
         found.emplace_back(name ? name : "", value ? value : "");
         std::free(name);

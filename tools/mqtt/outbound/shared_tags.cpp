@@ -57,7 +57,22 @@ bool SharedTags::is_one_tree(const InRule &rule, const std::string &tag,
 // Nobody has written it since.
 bool SharedTags::is_left_over(const std::string &topic, const Sample &sample) const
 {
-    return state_.is_taken(topic) && sample.ts <= last_alive_;
+    if (!state_.is_taken(topic))
+        return false;
+    const auto known = left_over_.find(topic);
+    return sample.ts <= last_alive_ ||
+           (known != left_over_.end() && known->second == mark_of(sample));
+}
+
+// A run that was killed may have written after its last sign of life. What has the source time of
+// the broker's value is that value.
+void SharedTags::recognise(const Message &message, const TagLook &look)
+{
+    const uint64_t source_ts = number_of(message.properties, property::kSourceTime);
+    if (is_first_reading_ && !look.is_settling && look.outcome == ReadOutcome::read &&
+        look.sample.has_value && source_ts && source_ts == look.sample.source_ts &&
+        state_.is_taken(message.topic))
+        left_over_[message.topic] = mark_of(look.sample);
 }
 
 TagLook SharedTags::look_at(const std::string &tag) const
@@ -103,6 +118,8 @@ Effect SharedTags::received(const Message &message, const std::string &tag, cons
     arrival.key =
         arrival.is_own ? number_of(message.properties, property::kNumber) : mqtt::key_of(message);
     arrival.is_clearing = message.payload.empty();
+    if (!arrival.is_own && !arrival.is_clearing)
+        recognise(message, look);
     const uint64_t source_ts = number_of(message.properties, property::kSourceTime);
     arrival.source_ts = source_ts ? source_ts : kp_get_timestamp_us();
     const bool is_busy = look.outcome == ReadOutcome::busy;
@@ -153,6 +170,7 @@ void SharedTags::claim_unsent()
 
 std::vector<std::string> SharedTags::stop_reading(bool is_complete, Clock::time_point now)
 {
+    is_first_reading_ = false;
     std::vector<std::string> lost;
     if (is_complete)
         lost = find_lost();

@@ -12,6 +12,7 @@
 #include "store/store_reader.h"
 
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace kp::mqtt {
@@ -54,6 +55,7 @@ class SharedTags {
     }
     void dropped(const std::string &topic)
     {
+        left_over_.erase(topic);
         state_.remove(topic);
     }
     bool is_from_broker(const std::string &tag, const Sample &sample) const
@@ -98,6 +100,7 @@ class SharedTags {
     std::vector<std::string> stop_reading(bool is_complete, Clock::time_point now);
 
   private:
+    void recognise(const Message &message, const TagLook &look);
     Standing standing(const std::string &topic, const std::string &tag, const TagLook &look) const;
     std::vector<std::string> find_lost();
     void mark_live(bool is_complete, Clock::time_point now);
@@ -111,6 +114,9 @@ class SharedTags {
     TopicTable &topics_;
     const uint64_t last_alive_;
     SharedTree tree_;
+    // Values of an earlier run that are younger than its last sign of life, by topic.
+    std::unordered_map<std::string, ValueMark> left_over_;
+    bool is_first_reading_ = true; // of what the broker keeps
 };
 
 // The device's part of an origin, which is DEVICE/BOOT.
