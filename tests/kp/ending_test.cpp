@@ -2,6 +2,7 @@
 #include "kp_run.h"
 
 #include "testing/process.h"
+#include "testing/segment_file.h"
 
 #include <algorithm>
 #include <array>
@@ -22,6 +23,16 @@ namespace {
 constexpr int kTopics = 3000;
 constexpr int kMuch = 30'000; // bytes, of the 64 KiB that fit into a pipe
 
+void become_kp(std::vector<std::string> arguments, int pipe, int stream)
+{
+    std::vector<char *> words = {const_cast<char *>(KP_PROGRAM)};
+    for (std::string &argument : arguments)
+        words.push_back(argument.data());
+    words.push_back(nullptr);
+    (void)dup2(pipe, stream);
+    (void)execv(KP_PROGRAM, words.data());
+}
+
 // `kp` with its standard output in a pipe, or in a socket, that is read only when a test says so.
 class UnreadKp : public OwnProcess {
   public:
@@ -37,7 +48,7 @@ class UnreadKp : public OwnProcess {
         if (through == Through::nonblocking_pipe)
             (void)fcntl(ends[1], F_SETFL, O_NONBLOCK);
         read_end_ = ends[0];
-        start([&] { become_kp(std::move(arguments), ends[1]); });
+        start([&] { become_kp(std::move(arguments), ends[1], STDOUT_FILENO); });
         (void)close(ends[1]);
     }
     ~UnreadKp()
@@ -78,16 +89,6 @@ class UnreadKp : public OwnProcess {
         (void)ioctl(read_end_, FIONREAD, &waiting);
         return waiting;
     }
-    static void become_kp(std::vector<std::string> arguments, int output)
-    {
-        std::vector<char *> words = {const_cast<char *>(KP_PROGRAM)};
-        for (std::string &argument : arguments)
-            words.push_back(argument.data());
-        words.push_back(nullptr);
-        (void)dup2(output, STDOUT_FILENO);
-        (void)execv(KP_PROGRAM, words.data());
-    }
-
     int read_end_ = -1;
 };
 
@@ -101,6 +102,27 @@ long lines_of(const std::string &text)
 {
     return std::count(text.begin(), text.end(), '\n');
 }
+
+// `kp` with its standard error in a pipe that is full and that nobody reads.
+class UnheardKp : public OwnProcess {
+  public:
+    explicit UnheardKp(std::vector<std::string> arguments)
+    {
+        EXPECT_EQ(pipe2(ends_.data(), O_CLOEXEC | O_NONBLOCK), 0);
+        const std::vector<char> much(1 << 20);
+        EXPECT_GT(write(ends_[1], much.data(), much.size()), kMuch);
+        (void)fcntl(ends_[1], F_SETFL, 0);
+        start([&] { become_kp(std::move(arguments), ends_[1], STDERR_FILENO); });
+    }
+    ~UnheardKp()
+    {
+        (void)close(ends_[0]);
+        (void)close(ends_[1]);
+    }
+
+  private:
+    std::array<int, 2> ends_{};
+};
 
 class StuckWatch : public testing::TestWithParam<UnreadKp::Through> {};
 
@@ -144,6 +166,27 @@ INSTANTIATE_TEST_SUITE_P(ByOutput, StuckWatch,
                          testing::Values(UnreadKp::Through::pipe,
                                          UnreadKp::Through::nonblocking_pipe,
                                          UnreadKp::Through::socket));
+
+class Unheard : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(Unheard, EndsWhenItsTimeIsOver)
+{
+    SegmentFile("broken").create(100);
+    put_double("sound", 1);
+    UnheardKp command(GetParam());
+
+    const auto status = command.status();
+
+    ASSERT_TRUE(status && WIFEXITED(*status));
+    EXPECT_NE(WEXITSTATUS(*status), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Command, Unheard,
+                         testing::Values(std::vector<std::string>{"watch", "#", "-t", "0.5"},
+                                         std::vector<std::string>{"record", "#", "-t", "0.5"},
+                                         std::vector<std::string>{"hz", "#", "-t", "0.5"},
+                                         std::vector<std::string>{"wait", "broken", "changes", "-t",
+                                                                  "0.5"}));
 
 class Ended : public testing::TestWithParam<int> {};
 

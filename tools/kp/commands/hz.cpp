@@ -7,6 +7,7 @@
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "output/row_format.h"
+#include "running/standard_stream.h"
 #include "running/stop.h"
 
 #include <array>
@@ -47,7 +48,7 @@ class Meter {
         const uint64_t end = options_.timeout > 0
                                  ? start + static_cast<uint64_t>(options_.timeout * 1e6)
                                  : std::numeric_limits<uint64_t>::max();
-        output().set_deadline(end);
+        StandardStream::set_deadline(end);
         look(); // what was written before is no interval
         rates_.clear();
         uint64_t reports = 0;

@@ -7,6 +7,7 @@
 #include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
+#include "running/standard_stream.h"
 #include "running/stop.h"
 
 #include <limits>
@@ -140,6 +141,8 @@ int run_wait(const WaitOptions &options)
     const uint64_t end = options.timeout < 0
                              ? std::numeric_limits<uint64_t>::max()
                              : monotonic_us() + static_cast<uint64_t>(options.timeout * 1e6);
+    if (options.timeout > 0)
+        StandardStream::set_deadline(end);
     std::unique_ptr<NoticeQueue> queue;
     if (options.mesh && options.timeout != 0 && !(queue = NoticeQueue::join(problem)))
         return complain(problem);

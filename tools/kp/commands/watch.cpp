@@ -9,6 +9,7 @@
 #include "output/meaning.h"
 #include "output/output.h"
 #include "output/row_format.h"
+#include "running/standard_stream.h"
 #include "running/stop.h"
 
 #include <limits>
@@ -43,7 +44,7 @@ class Watch {
         const uint64_t start = monotonic_us();
         end_ = options_.timeout > 0 ? start + static_cast<uint64_t>(options_.timeout * 1e6)
                                     : std::numeric_limits<uint64_t>::max();
-        output().set_deadline(end_);
+        StandardStream::set_deadline(end_);
         if (!options_.is_record)
             output().write(header_line(options_.format));
         look(nullptr);

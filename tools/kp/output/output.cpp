@@ -1,18 +1,14 @@
 #include "output/output.h"
 
-#include "layout/unique_fd.h"
 #include "running/problem.h"
+#include "running/standard_stream.h"
 #include "running/stop.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kp::tool {
 
@@ -21,50 +17,6 @@ namespace {
 constexpr std::size_t kEnough = 65536;
 
 bool use_colors = false;
-
-// How standard output is written without ever being stuck in a write: what can be waited for is
-// waited for with poll, which the signals end.
-class StandardOutput {
-  public:
-    StandardOutput() : fd_(STDOUT_FILENO)
-    {
-        struct stat status;
-        if (fstat(STDOUT_FILENO, &status) != 0)
-            return;
-        is_file_ = S_ISREG(status.st_mode);
-        is_socket_ = S_ISSOCK(status.st_mode);
-        if (!S_ISFIFO(status.st_mode) && isatty(STDOUT_FILENO) != 1)
-            return;
-        // A description of our own, since others share the mode of the one that was given.
-        own_.reset(open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-        if (own_)
-            fd_ = own_.get();
-    }
-    int fd() const
-    {
-        return fd_;
-    }
-    // After poll said that there is room: a pipe then takes so much at once.
-    ssize_t write(std::string_view text) const
-    {
-        const std::size_t size =
-            is_file_ ? text.size() : std::min<std::size_t>(text.size(), PIPE_BUF);
-        return is_socket_ ? send(fd_, text.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL)
-                          : ::write(fd_, text.data(), size);
-    }
-
-  private:
-    int fd_;
-    UniqueFd own_;
-    bool is_file_ = false;
-    bool is_socket_ = false;
-};
-
-const StandardOutput &standard_output()
-{
-    static const StandardOutput output;
-    return output;
-}
 
 bool is_set(const char *variable)
 {
@@ -94,19 +46,12 @@ void Output::line(std::string_view text)
         (void)flush();
 }
 
-// Says whether the reader takes more; else there is nothing to wait for any longer.
-bool Output::await_reader()
+void Output::fail(int error)
 {
-    switch (wait_writable(standard_output().fd(), deadline_)) {
-    case Readiness::ready:
-        return true;
-    case Readiness::late:
-        give_up(kTimeout);
-        return false;
-    default: // the signal tells why
-        give_up(code_);
-        return false;
-    }
+    if (error == EPIPE) // its reader is gone
+        return give_up(code_);
+    complain(std::string("standard output: ") + std::strerror(error));
+    give_up(kLimit);
 }
 
 void Output::give_up(int code)
@@ -117,23 +62,22 @@ void Output::give_up(int code)
 
 bool Output::flush()
 {
-    std::string_view rest = pending_;
-    while (open_ && !rest.empty()) {
-        if (!await_reader())
-            break;
-        const ssize_t written = standard_output().write(rest);
-        if (written >= 0) {
-            rest.remove_prefix(static_cast<std::size_t>(written));
-            continue;
-        }
-        if (errno == EINTR || errno == EAGAIN)
-            continue;
-        const bool is_reader_gone = errno == EPIPE;
-        if (!is_reader_gone)
-            complain(std::string("standard output: ") + std::strerror(errno));
-        give_up(is_reader_gone ? code_ : kLimit);
+    static const StandardStream stream(STDOUT_FILENO);
+    const std::string text = std::exchange(pending_, {});
+    if (!open_ || text.empty())
+        return open_;
+    switch (stream.write(text)) {
+    case StandardStream::Written::all:
+        break;
+    case StandardStream::Written::late:
+        give_up(kTimeout);
+        break;
+    case StandardStream::Written::stopped: // the signal tells why
+        give_up(code_);
+        break;
+    case StandardStream::Written::failed:
+        fail(errno);
     }
-    pending_.clear();
     return open_;
 }
 

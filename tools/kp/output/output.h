@@ -3,8 +3,6 @@
 // gone away it reports no error.
 #pragma once
 
-#include <cstdint>
-#include <limits>
 #include <string>
 #include <string_view>
 
@@ -18,11 +16,6 @@ class Output {
     // it did not take everything before the end, or there is no room. To be called once for each
     // batch.
     bool flush();
-    // From this monotonic time on the program does not wait for the reader any more.
-    void set_deadline(uint64_t monotonic_us)
-    {
-        deadline_ = monotonic_us;
-    }
     // The exit code: 5 after a failed write, 124 when the reader was too slow for the deadline,
     // else 0, also when the reader has closed its end.
     int code() const
@@ -35,11 +28,10 @@ class Output {
     }
 
   private:
-    bool await_reader();
+    void fail(int error);
     void give_up(int code);
 
     std::string pending_;
-    uint64_t deadline_ = std::numeric_limits<uint64_t>::max();
     bool open_ = true;
     int code_ = 0;
 };

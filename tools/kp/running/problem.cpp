@@ -1,12 +1,15 @@
 #include "running/problem.h"
 
-#include <cstdio>
+#include "running/standard_stream.h"
+
+#include <unistd.h>
 
 namespace kp::tool {
 
 void complain(const std::string &text)
 {
-    (void)std::fprintf(stderr, "kp: %s\n", text.c_str());
+    static const StandardStream stream(STDERR_FILENO);
+    (void)stream.write("kp: " + text + "\n");
 }
 
 int complain(const Problem &problem)

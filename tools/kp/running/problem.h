@@ -11,7 +11,7 @@ namespace kp::tool {
 constexpr int kTimeout = 124;
 constexpr int kSignalBase = 128; // plus the number of the signal that ended the program
 
-// Prints one line on standard error.
+// Prints one line on standard error, unless its reader does not take it in time.
 void complain(const std::string &text);
 
 // Prints the problem and returns its code.

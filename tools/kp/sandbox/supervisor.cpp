@@ -5,6 +5,7 @@
 #include "common/processes.h"
 #include "common/text.h"
 #include "running/problem.h"
+#include "running/standard_stream.h"
 #include "running/stop.h"
 
 #include <cerrno>
@@ -108,6 +109,7 @@ std::vector<pid_t> own_children()
 void end_the_rest()
 {
     const uint64_t start = monotonic_us();
+    StandardStream::set_deadline(start + 2 * kGraceUs);
     std::set<pid_t> asked;
     std::set<pid_t> killed;
     while (has_children() && monotonic_us() < start + 2 * kGraceUs) {
