@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <random>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -182,6 +183,33 @@ ino_t inode_of(const std::string &path)
     struct stat status;
     return lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
+
+// Topics in which nobody is counted, and whose files this process keeps locked.
+class LockedTopics {
+  public:
+    LockedTopics(const std::string &directory, int count)
+    {
+        std::vector<std::string> set = {"set", "--type", "int8", "--peer-wait", "0"};
+        for (int index = 0; index < count; ++index)
+            set.push_back(directory + "/" + std::to_string(index) + "=1");
+        EXPECT_EQ(kp(set).code, 0);
+        for (int index = 0; index < count; ++index) {
+            const std::string path = "/dev/shm/zu-kp/" + directory + "/" + std::to_string(index);
+            files_.push_back(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+            EXPECT_EQ(flock(files_.back(), LOCK_EX | LOCK_NB), 0);
+        }
+    }
+    LockedTopics(const LockedTopics &) = delete;
+    LockedTopics &operator=(const LockedTopics &) = delete;
+    ~LockedTopics()
+    {
+        for (const int file : files_)
+            (void)close(file);
+    }
+
+  private:
+    std::vector<int> files_;
+};
 
 } // namespace
 
@@ -433,6 +461,28 @@ TEST(KpGc, LooksAtAllProcessesTwiceForAnyNumberOfTopics)
     const Ran own = run_program({"grep", "-c", "/proc/1/maps", trace});
     EXPECT_LE(std::stoi(own.out), 2) << own.out;
     EXPECT_TRUE(fs::is_empty("/dev/shm/zu-kp/t"));
+}
+
+TEST(KpGc, WaitsOnceForAllFilesThatOthersHaveLocked)
+{
+    const LockedTopics locked("many", 20);
+    EXPECT_EQ(kp({"set", "free", "1", "--type", "int8", "--peer-wait", "0"}).code, 0);
+    const auto start = std::chrono::steady_clock::now();
+
+    const Ran collected = kp({"gc", "--orphans", "--older-than", "0", "--trust-visible"});
+    const Ran removed = kp({"rm", "many/+"});
+
+    const std::string text = ": its file is locked by somebody, so it was left alone\n";
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)); // not 40
+    EXPECT_EQ(collected.code, 5);
+    EXPECT_EQ(std::ranges::count(collected.err, '\n'), 20);
+    EXPECT_THAT(collected.err, testing::HasSubstr("kp: many/7" + text));
+    EXPECT_FALSE(exists("/dev/shm/zu-kp/free"));
+    EXPECT_EQ(removed.code, 5);
+    EXPECT_THAT(removed.err, testing::HasSubstr("kp: many/7" + text));
+    EXPECT_EQ(kp({"list", "many/+"}).out.size(),
+              std::string("many/0\n").size() * 10 + std::string("many/10\n").size() * 10);
+    EXPECT_EQ(kp({"rm", "--force", "many/+"}).code, 0);
 }
 
 TEST(KpRm, TakesPatternsAndShowsWhatItWouldRemove)

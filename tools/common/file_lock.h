@@ -3,13 +3,18 @@
 // Builds of the library that do not know this lock do not wait for it.
 #pragma once
 
+#include "common/problem.h"
 #include "layout/unique_fd.h"
+
+#include <string>
+#include <vector>
 
 namespace kp::tool {
 
 // Holds the lock over a scope. Any descriptor of the file will do, also one for reading.
 class FileLock {
   public:
+    FileLock() = default;
     // Waits as long as the library does, at most a second. The descriptor must stay open meanwhile.
     explicit FileLock(const UniqueFd &fd);
     FileLock(FileLock &&other) noexcept;
@@ -17,6 +22,10 @@ class FileLock {
     FileLock &operator=(const FileLock &) = delete;
     FileLock &operator=(FileLock &&) = delete;
     ~FileLock();
+
+    // Takes the lock if nobody has it, and says whether it is held then.
+    bool try_take(const UniqueFd &fd);
+    void give_back();
 
     // False when another process did not give the lock back in time.
     bool is_held() const
@@ -27,5 +36,18 @@ class FileLock {
   private:
     int fd_ = -1;
 };
+
+// A file that is to be locked.
+struct LockedFile {
+    UniqueFd fd; // empty: there is nothing to lock
+    FileLock lock = {};
+};
+
+// Takes the locks of many files. It waits as long as for a single one in all, since anybody who may
+// read the files can hold all of their locks. Those that are not held afterwards are somebody's.
+void lock_all(const std::vector<LockedFile *> &files);
+
+// Why nothing was done to a file whose lock was not given back.
+Problem locked_problem(const std::string &topic);
 
 } // namespace kp::tool

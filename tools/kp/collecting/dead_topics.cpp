@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <tuple>
@@ -74,30 +73,20 @@ bool is_dead(const DeadTopic &suspected)
 // A topic whose lock is held from the second proof until it is removed or corrected.
 struct Held {
     const DeadTopic *dead = nullptr;
-    UniqueFd fd;
-    std::unique_ptr<FileLock> lock; // given back before the descriptor
-    DeedResult result;
-
-    bool is_ready() const
-    {
-        return lock && lock->is_held();
-    }
+    LockedFile file = {};
+    DeedResult result = {};
 };
 
-Held hold(TopicOpener &opener, const DeadTopic &dead)
+Held open_again(TopicOpener &opener, const DeadTopic &dead)
 {
     Problem problem;
-    Held held{
-        &dead, opener.open(dead.topic, problem, dead.is_orphan() ? O_RDONLY : O_RDWR), {}, {}};
+    UniqueFd fd = opener.open(dead.topic, problem, dead.is_orphan() ? O_RDONLY : O_RDWR);
     struct stat status;
-    if (!held.fd) {
-        if (problem.code != kNothing)
-            held.result = {Deed::failed, problem};
-    } else if (!dead.is_ambiguous() && fstat(held.fd.get(), &status) == 0 &&
-               file_id(status) == dead.file) {
-        held.lock = std::make_unique<FileLock>(held.fd);
-    }
-    return held;
+    if (!fd && problem.code != kNothing)
+        return {&dead, {}, {Deed::failed, problem}};
+    if (!fd || dead.is_ambiguous() || fstat(fd.get(), &status) != 0 || file_id(status) != dead.file)
+        return {&dead};
+    return {&dead, {std::move(fd)}};
 }
 
 bool still_counts(const Held &held)
@@ -105,10 +94,10 @@ bool still_counts(const Held &held)
     ReferenceCounts counts{};
     uint64_t last_write_ts = 0;
     struct stat status;
-    return fstat(held.fd.get(), &status) == 0 &&
-           pread(held.fd.get(), &counts, sizeof(counts), offsetof(Segment, refs)) ==
+    return fstat(held.file.fd.get(), &status) == 0 &&
+           pread(held.file.fd.get(), &counts, sizeof(counts), offsetof(Segment, refs)) ==
                sizeof(counts) &&
-           pread(held.fd.get(), &last_write_ts, sizeof(last_write_ts),
+           pread(held.file.fd.get(), &last_write_ts, sizeof(last_write_ts),
                  offsetof(Segment, last_write_ts)) == sizeof(last_write_ts) &&
            counts.providers == held.dead->counted.providers &&
            counts.consumers == held.dead->counted.consumers &&
@@ -120,7 +109,7 @@ bool still_counts(const Held &held)
 DeedResult replace_counts(const Held &held)
 {
     void *memory =
-        mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, held.fd.get(), 0);
+        mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, held.file.fd.get(), 0);
     if (memory == MAP_FAILED)
         return {Deed::failed, system_problem(escaped(held.dead->topic), errno)};
     ReferenceCounts &counts = static_cast<Segment *>(memory)->refs;
@@ -140,7 +129,7 @@ DeedResult act_on(TopicOpener &opener, const Held &held)
     }
     Problem problem;
     struct stat status;
-    if (fstat(held.fd.get(), &status) != 0 || status.st_size != kSegmentSize)
+    if (fstat(held.file.fd.get(), &status) != 0 || status.st_size != kSegmentSize)
         return {};
     if (opener.remove_same(dead.topic, dead.file, problem))
         return {Deed::done, {}};
@@ -152,14 +141,20 @@ void bury_some(const DeadTopic *first, std::size_t count, std::vector<DeedResult
     TopicOpener opener;
     std::vector<Held> all;
     for (std::size_t index = 0; index < count; ++index)
-        all.push_back(hold(opener, first[index]));
+        all.push_back(open_again(opener, first[index]));
+    std::vector<LockedFile *> files;
+    for (Held &held : all)
+        files.push_back(&held.file);
+    lock_all(files);
     const Mappers mappers = find_mappers(first->file.device);
     opener.start_round();
     for (Held &held : all) {
-        if (held.is_ready() && still_counts(held) &&
-            are_same(mappers_of(mappers, held.dead->file), held.dead->mappers))
+        if (held.file.fd && !held.file.lock.is_held())
+            held.result = {Deed::failed, locked_problem(held.dead->topic)};
+        else if (held.file.fd && still_counts(held) &&
+                 are_same(mappers_of(mappers, held.dead->file), held.dead->mappers))
             held.result = act_on(opener, held);
-        held.lock.reset();
+        held.file.lock.give_back();
         deeds.push_back(std::move(held.result));
     }
 }

@@ -26,8 +26,7 @@ struct RemoveOptions {
 struct Victim {
     std::string topic;
     FileId file;
-    UniqueFd fd = {};
-    std::unique_ptr<FileLock> lock = {}; // given back before the descriptor
+    LockedFile held = {};
 };
 
 class Removal {
@@ -84,26 +83,28 @@ class Removal {
     {
         std::vector<Victim> victims;
         for (std::size_t index = first; index < end; ++index)
-            hold(topics_[index], victims);
+            open(topics_[index], victims);
         if (victims.empty())
             return;
+        std::vector<LockedFile *> files;
+        for (Victim &victim : victims)
+            files.push_back(&victim.held);
+        lock_all(files);
         const Mappers all = options_.force ? Mappers() : find_mappers(victims.front().file.device);
         opener_.start_round();
         for (Victim &victim : victims)
             remove(victim, all);
     }
 
-    void hold(const std::string &topic, std::vector<Victim> &victims)
+    void open(const std::string &topic, std::vector<Victim> &victims)
     {
         struct stat status;
         Problem problem;
         if (!opener_.status(topic, status, problem))
             return outcome_.note(problem);
         Victim victim{topic, file_id(status)};
-        if (S_ISREG(status.st_mode) && !options_.dry_run)
-            victim.fd.reset(opener_.open_any(topic, problem).release());
-        if (victim.fd)
-            victim.lock = std::make_unique<FileLock>(victim.fd);
+        if (S_ISREG(status.st_mode) && !options_.dry_run && !options_.force)
+            victim.held.fd.reset(opener_.open_any(topic, problem).release());
         victims.push_back(std::move(victim));
     }
 
@@ -121,6 +122,8 @@ class Removal {
     // Why the file must stay: somebody maps it, or may do so unseen.
     std::optional<Problem> reason_to_keep(const Victim &victim, const Mappers &all)
     {
+        if (victim.held.fd && !victim.held.lock.is_held())
+            return locked_problem(victim.topic);
         const std::string name = escaped(victim.topic);
         const auto found = all.of_file.find(victim.file);
         if (found != all.of_file.end())
