@@ -349,6 +349,26 @@ TEST(KpRm, RemovesATopicWhoseNameLooksLikeAPattern)
     EXPECT_EQ(kp({"rm", "n+"}).err, "kp: \"n+\": no topic matches\n");
 }
 
+TEST(KpRm, RemovesNothingByAWildcardThatIsNoLevelByItself)
+{
+    put_double("a", 1);
+    put_double("+y", 1);
+    put_double("d/b", 1);
+
+    const Ran mixed = kp({"rm", "a", "+x"});
+    const Ran early = kp({"rm", "#/x"});
+    const Ran within = kp({"rm", "d/+x", "--force"});
+
+    EXPECT_EQ(mixed.err, "kp: \"+x\": \"+x\" mixes a wildcard with other characters, and would "
+                         "remove more than it says; nothing was removed\n");
+    EXPECT_EQ(mixed.code, 2);
+    EXPECT_EQ(early.err, "kp: \"#/x\": \"#\" must be the last level, and would remove more than it "
+                         "says; nothing was removed\n");
+    EXPECT_EQ(within.code, 2);
+    EXPECT_EQ(kp({"rm", "+y"}).code, 0);
+    EXPECT_EQ(kp({"list"}).out, "a\nd/b\n");
+}
+
 TEST(KpSet, TakesSeveralTopicsWithTheirValues)
 {
     kp_t *peer = kp_new("listener", count_notice);

@@ -94,6 +94,13 @@ bool is_pattern(std::string_view text)
     return text.find_first_of("+#") != std::string_view::npos;
 }
 
+bool has_wildcard(std::string_view text)
+{
+    return std::ranges::any_of(split_levels(text), [](std::string_view level) {
+        return level.front() == '+' || level.front() == '#';
+    });
+}
+
 std::string pattern_problem(std::string_view text, Dialect dialect)
 {
     const Levels levels = split_levels(text, dialect);

@@ -60,6 +60,9 @@ class Pattern {
 // Says whether a pattern of tags has a wildcard, or might have.
 bool is_pattern(std::string_view text);
 
+// Says whether a level of these tags' pattern stands for several names.
+bool has_wildcard(std::string_view text);
+
 // A phrase that says what is wrong with a pattern in a configuration; empty when nothing is.
 // Stricter than the library: a wildcard must stand alone in its level, and "#" must be the last
 // level.

@@ -38,6 +38,9 @@ class Removal {
     int run()
     {
         for (const std::string &text : options_.topics)
+            if (const auto problem = ambiguity(text))
+                return complain(*problem);
+        for (const std::string &text : options_.topics)
             add(text);
         for (std::size_t first = 0; first < topics_.size(); first += kAtOnce)
             remove_some(first, std::min(first + kAtOnce, topics_.size()));
@@ -45,6 +48,22 @@ class Removal {
     }
 
   private:
+    // Of a level that begins with a wildcard, as in "+x", the library looks at nothing else. Who
+    // writes that means less than it covers, so it removes only a topic of exactly that name.
+    std::optional<Problem> ambiguity(const std::string &text)
+    {
+        Problem ignored;
+        struct stat status;
+        const auto topic = normal_topic(text, ignored);
+        if (!has_wildcard(text) || (topic && opener_.status(*topic, status, ignored)))
+            return std::nullopt;
+        const std::string fault = pattern_problem(text, Dialect::tags);
+        if (fault.empty())
+            return std::nullopt;
+        return Problem{kUsage, "\"" + escaped(text) + "\": " + escaped(fault) +
+                                   ", and would remove more than it says; nothing was removed"};
+    }
+
     // A pattern may be a topic's name all the same.
     void add(const std::string &text)
     {
