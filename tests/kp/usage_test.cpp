@@ -118,3 +118,32 @@ TEST(KpBench, GivesNullForWhatWasNotMeasured)
         filtered(ran.out, {"jq", "-c", "select(.name==\"read 8 bytes\") | [.p99_us, .max_us]"}),
         "[null,null]\n");
 }
+
+TEST(KpUsage, TakesWordsAsTheyAre)
+{
+    put_double("x", 1);
+    put_double("[x]", 2);
+    put_double("\x01y", 3);
+    put_double("a/b", 4);
+    put_text("text", "old");
+
+    EXPECT_EQ(kp({"list", "++"}).out, "\\x01y\n[x]\ntext\nx\n");
+    EXPECT_EQ(kp({"list", "++", "-x", "[x]"}).out, "\\x01y\ntext\nx\n");
+    EXPECT_EQ(kp({"get", "\x01y"}).out, "3\n");
+    EXPECT_EQ(kp({"set", "text", "++", "--peer-wait", "0"}).out, "text\told → ++\n");
+    EXPECT_EQ(kp({"rm", "[x]"}).code, 0);
+    EXPECT_EQ(kp({"list"}).out, "\\x01y\na/b\ntext\nx\n");
+    EXPECT_EQ(kp({"peers", "++"}).err,
+              "kp: The following argument was not expected: ++ (--help tells more)\n");
+}
+
+TEST(KpUsage, TakesNegativeNumbersBehindOptionsOfTheProgram)
+{
+    put_double("d", 1);
+
+    EXPECT_EQ(kp({"-d", "set", "d", "-inf", "--peer-wait", "0"}).code, 0);
+    EXPECT_EQ(kp({"get", "d"}).out, "-inf\n");
+    EXPECT_EQ(kp({"--color", "never", "set", "d", "-.5", "--peer-wait", "0"}).code, 0);
+    EXPECT_EQ(kp({"--color=never", "wait", "d", "==", "-.5", "-t", "20"}).code, 0);
+    EXPECT_EQ(kp({"wait", "d", ">", "-inf", "-t", "20"}).code, 0);
+}

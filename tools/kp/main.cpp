@@ -80,6 +80,20 @@ void add_commands(Commands &commands)
     add_sandbox(commands);
 }
 
+// The word in the place of the command, which is none if it stands behind `help`; nothing when
+// there is no such word.
+std::optional<std::string> command_word(const std::vector<std::string> &arguments)
+{
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        const std::string &word = arguments[index];
+        if (word == "--color" || word == "--dictionary")
+            ++index; // its value
+        else if (!word.empty() && word[0] != '-' && !(word == "help" && index == 0))
+            return word;
+    }
+    return std::nullopt;
+}
+
 // Negative numbers that the parser takes for options: -inf, -nan, -.5.
 bool is_odd_negative(const std::string &text)
 {
@@ -90,23 +104,39 @@ bool is_odd_negative(const std::string &text)
     return *end == '\0';
 }
 
-// Moves such a number to where the parser takes it for a value: behind "--" for set, glued to the
-// sign for wait.
-void protect_negative_value(std::vector<std::string> &arguments)
+// The parser reads more into some words than they say: a list in brackets is taken apart, "++"
+// ends the command, and numbers such as -inf look like options. They get this mark in front, which
+// each option takes off again.
+constexpr char kAsItIs = '\x01';
+
+bool is_misread(const std::string &word, bool may_be_number)
 {
-    const bool is_wait = arguments[0] == "wait";
-    if (!is_wait && arguments[0] != "set" && arguments[0] != "put")
-        return;
-    const auto odd = std::find_if(arguments.begin(), arguments.end(), is_odd_negative);
-    if (odd == arguments.end() ||
-        std::find(arguments.begin(), arguments.end(), "--") != arguments.end())
-        return;
-    const std::string value = *odd;
-    if (is_wait)
-        *std::prev(odd) += value;
-    arguments.erase(odd);
-    if (!is_wait)
-        arguments.insert(arguments.end(), {"--", value});
+    return word == "++" || word.starts_with(kAsItIs) ||
+           (word.starts_with('[') && word.ends_with(']')) ||
+           (may_be_number && is_odd_negative(word));
+}
+
+void mark_misread(std::vector<std::string> &arguments)
+{
+    const auto command = command_word(arguments);
+    const bool may_be_number =
+        command && (*command == "set" || *command == "put" || *command == "wait");
+    for (std::string &word : arguments)
+        if (is_misread(word, may_be_number))
+            word.insert(word.begin(), kAsItIs);
+}
+
+void take_marks_off(CLI::App &app)
+{
+    const auto unmarked = [](std::string &word) {
+        if (word.starts_with(kAsItIs))
+            word.erase(0, 1);
+        return std::string();
+    };
+    for (CLI::Option *option : app.get_options())
+        option->transform(CLI::Validator(unmarked, ""));
+    for (CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; }))
+        take_marks_off(*command);
 }
 
 // `kp help` and `kp help COMMAND` are `kp --help` and `kp COMMAND --help`.
@@ -116,8 +146,6 @@ std::vector<std::string> arguments_of(int argc, char **argv)
     if (!arguments.empty() && arguments[0] == "help") {
         arguments.erase(arguments.begin());
         arguments.emplace_back("--help");
-    } else if (!arguments.empty()) {
-        protect_negative_value(arguments);
     }
     return arguments;
 }
@@ -146,24 +174,11 @@ std::vector<std::string> cut_behind_mark(std::vector<std::string> &arguments)
     return words;
 }
 
-// The word in the place of the command, which is none if it stands behind `help`; nothing when
-// there is no such word.
-std::optional<std::string> command_word(int argc, char **argv)
-{
-    for (int index = 1; index < argc; ++index) {
-        const std::string_view word = argv[index];
-        if (word == "--color" || word == "--dictionary")
-            ++index; // its value
-        else if (!word.empty() && word[0] != '-' && !(word == "help" && index == 1))
-            return std::string(word);
-    }
-    return std::nullopt;
-}
-
 // The problem with a command that does not exist, with the one that was probably meant.
-std::optional<Problem> unknown_command(const CLI::App &app, int argc, char **argv)
+std::optional<Problem> unknown_command(const CLI::App &app,
+                                       const std::vector<std::string> &arguments)
 {
-    const auto word = command_word(argc, argv);
+    const auto word = command_word(arguments);
     std::vector<std::string> names;
     for (const CLI::App *command : app.get_subcommands([](const CLI::App *) { return true; })) {
         if (!word || command->check_name(*word))
@@ -179,8 +194,11 @@ std::optional<Problem> unknown_command(const CLI::App &app, int argc, char **arg
 
 int report_parse_end(const CLI::App &app, const CLI::ParseError &end)
 {
-    if (end.get_exit_code() != 0) // its text has what the user typed in it
-        return complain(Problem{kUsage, escaped(end.what()) + " (--help tells more)"});
+    if (end.get_exit_code() != 0) { // its text has what the user typed in it
+        std::string typed = end.what();
+        std::erase(typed, kAsItIs);
+        return complain(Problem{kUsage, escaped(typed) + " (--help tells more)"});
+    }
     std::ostringstream text;
     (void)app.exit(end, text, text);
     output().write(text.str());
@@ -220,12 +238,14 @@ int main(int argc, char **argv)
     add_global_options(app, options);
     Commands commands(app);
     add_commands(commands);
-    if (const auto problem = unknown_command(app, argc, argv))
+    take_marks_off(app);
+    if (const auto problem = unknown_command(app, {argv + 1, argv + argc}))
         return complain(*problem);
     try {
         auto arguments = arguments_of(argc, argv);
         if (is_for(app, arguments, "sandbox"))
             commands.set_words_behind_mark(cut_behind_mark(arguments));
+        mark_misread(arguments);
         std::reverse(arguments.begin(), arguments.end()); // the order that the parser wants
         app.parse(arguments);
     } catch (const CLI::ParseError &end) {
