@@ -117,6 +117,30 @@ TEST(KpSandbox, LeadsTheCommandOutOfTheMachinesStoreInWhichItWasStarted)
     EXPECT_EQ(store_picture(), before);
 }
 
+TEST(KpSandbox, KeepsACopyThatNobodyMayReadWhoMayNotReadTheOriginal)
+{
+    const Ran ran = kp({"sandbox", "--keep", "/run/copy", "--", "sh", "-c",
+                        "umask 0; '" KP_PROGRAM "' set a/b/c 1 --type int8 --peer-wait 0; "
+                        "cd /dev/shm/zu-kp; chmod 640 a/b/c; chmod 750 a/b; chmod 711 a"});
+
+    const Ran modes = run_program({"sh", "-c", "cd /run/copy; stat -c '%a' a a/b a/b/c"});
+
+    EXPECT_EQ(ran.code, 0) << ran.err;
+    EXPECT_EQ(modes.out, "711\n750\n640\n");
+    fs::remove_all("/run/copy");
+}
+
+TEST(KpSandbox, SaysByItsCodeThatTheSystemStartsNoProcess)
+{
+    if (other_user() == 0)
+        GTEST_SKIP() << "this test needs a user whose processes are counted";
+    const Ran ran =
+        run_program({"bash", "-c", "ulimit -u 0; exec '" KP_PROGRAM "' sandbox -- true"},
+                    {.uid = other_user()});
+
+    EXPECT_EQ(ran.code, 125) << ran.err;
+}
+
 TEST(KpSandbox, HandsOnNoDescriptorOfItsOwn)
 {
     const std::string list = "ls -l /proc/self/fd | grep -v /proc/ | wc -l";

@@ -18,7 +18,6 @@ namespace kp::tool {
 namespace {
 
 // What a sandbox ends with that could not be made, as with other programs that start a command.
-constexpr int kNoSandbox = 125;
 
 // By which a program knows that it runs in a sandbox: the name of the mount namespace. A variable
 // that somebody inherited from elsewhere has the name of another one.

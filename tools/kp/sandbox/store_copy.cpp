@@ -2,6 +2,7 @@
 
 #include "common/selection.h"
 #include "common/store_files.h"
+#include "common/store_levels.h"
 #include "common/store_walk.h"
 #include "common/text.h"
 #include "layout/segment.h"
@@ -17,12 +18,26 @@ namespace kp::tool {
 namespace {
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+constexpr mode_t kRights = S_IRWXU | S_IRWXG | S_IRWXO;
 
 bool is_empty(const UniqueFd &directory)
 {
     const int again = openat(directory.get(), ".", kDirectoryFlags);
     const UniqueDir entries(again < 0 ? nullptr : fdopendir(again));
     return entries && entries.next() == nullptr;
+}
+
+// Opens the copy of a directory, which is made with the rights of the original.
+UniqueFd make_copied_level(int parent, const std::string &level, const UniqueFd &original)
+{
+    const bool is_new = mkdirat(parent, level.c_str(), S_IRWXU) == 0;
+    if (!is_new && errno != EEXIST)
+        return UniqueFd();
+    UniqueFd copy = open_level(parent, level);
+    struct stat status;
+    if (is_new && copy && original && fstat(original.get(), &status) == 0)
+        (void)fchmod(copy.get(), (status.st_mode & kRights) | S_IRWXU);
+    return copy;
 }
 
 } // namespace
@@ -47,19 +62,19 @@ bool StoreCopy::open(const std::string &directory, Problem &problem)
 
 UniqueFd StoreCopy::make_file(const std::string &topic, UniqueFd &parent) const
 {
-    UniqueFd &here = parent;
-    here.reset(openat(directory_.get(), ".", kDirectoryFlags));
+    UniqueFd original = open_levels("");
+    parent.reset(openat(directory_.get(), ".", kDirectoryFlags));
     const auto levels = split_levels(topic);
-    for (std::size_t index = 0; here && index + 1 < levels.size(); ++index) {
+    for (std::size_t index = 0; parent && index + 1 < levels.size(); ++index) {
         const std::string level(levels[index]);
-        if (mkdirat(here.get(), level.c_str(), 0777) != 0 && errno != EEXIST)
-            return UniqueFd();
-        here.reset(openat(here.get(), level.c_str(), kDirectoryFlags | O_NOFOLLOW));
+        original.reset(open_level(original.get(), level).release());
+        parent.reset(make_copied_level(parent.get(), level, original).release());
     }
     const std::string name(levels.back());
-    return here ? UniqueFd(openat(here.get(), name.c_str(),
-                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666))
-                : UniqueFd();
+    return parent ? UniqueFd(openat(parent.get(), name.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                    S_IRUSR | S_IWUSR))
+                  : UniqueFd();
 }
 
 bool StoreCopy::copy_topic(const std::string &topic, Problem &problem) const
@@ -68,16 +83,20 @@ bool StoreCopy::copy_topic(const std::string &topic, Problem &problem) const
     const UniqueFd from = opener.open(topic, problem);
     if (!from)
         return false;
+    struct stat status;
     std::array<char, kSegmentSize> bytes;
-    if (pread(from.get(), bytes.data(), bytes.size(), 0) != kSegmentSize) {
+    if (fstat(from.get(), &status) != 0 ||
+        pread(from.get(), bytes.data(), bytes.size(), 0) != kSegmentSize) {
         problem = TopicOpener::not_a_segment(topic, from);
         return false;
     }
     UniqueFd parent;
     const UniqueFd to = make_file(topic, parent);
     errno = to ? ENOSPC : errno; // of a write that is only cut short
-    if (to && write(to.get(), bytes.data(), bytes.size()) == kSegmentSize)
+    if (to && write(to.get(), bytes.data(), bytes.size()) == kSegmentSize) {
+        (void)fchmod(to.get(), status.st_mode & kRights);
         return true;
+    }
     problem = system_problem(name_ + "/" + escaped(topic), errno);
     if (to) // half a segment is none
         (void)unlinkat(parent.get(), std::string(split_levels(topic).back()).c_str(), 0);

@@ -14,6 +14,7 @@ class StoreCopy {
     bool open(const std::string &directory, Problem &problem);
 
     // Copies every segment of the store that this process sees, each as a file named by its topic.
+    // Files and directories get the rights of their originals.
     // What cannot be copied is noted in `outcome`; the rest is copied all the same.
     void take(Outcome &outcome) const;
 

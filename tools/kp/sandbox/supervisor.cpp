@@ -145,7 +145,7 @@ void end_the_rest()
         become(words, self, mask);
     if (command < 0) {
         complain(std::string("fork: ") + std::strerror(errno));
-        _exit(kNotRunnable);
+        _exit(kNoSandbox);
     }
     const int status = wait_for(command, signals, parent);
     end_the_rest();
@@ -165,7 +165,7 @@ int run_to_the_end(std::vector<std::string> words)
     const pid_t keeper = fork();
     if (keeper < 0) {
         complain(std::string("fork: ") + std::strerror(errno));
-        return W_EXITCODE(kNotRunnable, 0);
+        return W_EXITCODE(kNoSandbox, 0);
     }
     if (keeper == 0)
         keep(words, parent, signals, before);

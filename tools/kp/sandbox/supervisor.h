@@ -6,9 +6,9 @@
 
 namespace kp::tool {
 
-// The exit codes for a command that could not be started. Other programs that start one use the
-// same.
-enum : int { kNotRunnable = 126, kNotFound = 127 };
+// The exit codes for a command that could not be started: for a reason of `kp` or the system, and
+// for one of the command itself. Other programs that start one use the same.
+enum : int { kNoSandbox = 125, kNotRunnable = 126, kNotFound = 127 };
 
 // Starts the command and waits until it has ended. The processes that it leaves behind get SIGTERM
 // and are killed two seconds later. Then it returns the command's wait status. When this process
