@@ -20,6 +20,9 @@ namespace {
 
 constexpr int kTopics = 100;
 constexpr int kChanges = 10'000;
+// A writer who is held up waits as long as the broker stands still. One who shares the processors
+// with other tests waits for his turn, which takes some milliseconds.
+constexpr auto kSharing = 10ms;
 
 // How much the bridge may grow while the broker is away, in KiB. A sanitizer keeps freed memory.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -177,7 +180,7 @@ TEST(BrokerStopped, DelaysNoWriterAndGetsEachLastValueOnceAfterwards)
     EXPECT_LT(after - before, kGrowth);
     RecordProperty("p99_with_broker_ns", std::to_string(with_broker.count()));
     RecordProperty("p99_without_ns", std::to_string(without.count()));
-    EXPECT_LT(without, with_broker * 5 + 100us);
+    EXPECT_LT(without, with_broker * 5 + kSharing);
 }
 
 TEST(BrokerStopped, DelaysAWriterNoMoreThanAFollowerDoesInTheBridgesPlace)
@@ -204,7 +207,7 @@ TEST(BrokerStopped, DelaysAWriterNoMoreThanAFollowerDoesInTheBridgesPlace)
 
     RecordProperty("p99_beside_follower_ns", std::to_string(beside_follower.count()));
     RecordProperty("p99_beside_bridge_ns", std::to_string(beside_bridge.count()));
-    EXPECT_LT(beside_bridge, beside_follower * 3 + 100us);
+    EXPECT_LT(beside_bridge, beside_follower * 3 + kSharing);
     EXPECT_LT(bridge.times_woken() - woken_before, kChanges / 20);
     broker.signal(SIGCONT);
 }
