@@ -160,6 +160,23 @@ TEST(KpRm, KeepsATopicThatSomebodyMaps)
     (void)kp_shm_destroy(shm, "a", KP_ROLE_CONSUMER);
 }
 
+TEST(KpRm, KeepsWhatItHasNoDescriptorsLeftToLookInto)
+{
+    constexpr int topics = 100;
+    std::vector<kp_shm_t *> open;
+    for (int number = 0; number < topics; ++number)
+        open.push_back(kp_shm_new(std::to_string(number).c_str(), KP_ROLE_PROVIDER));
+
+    const Ran ran = run_program({"sh", "-c", "ulimit -n 40; exec '" KP_PROGRAM "' rm '#'"});
+
+    EXPECT_EQ(ran.code, 5);
+    for (int number = 0; number < topics; ++number) {
+        EXPECT_TRUE(SegmentFile(std::to_string(number)).exists()) << number;
+        (void)kp_shm_destroy(open[static_cast<std::size_t>(number)], std::to_string(number).c_str(),
+                             KP_ROLE_PROVIDER);
+    }
+}
+
 TEST(KpRm, RefusesDirectoriesAndWhatIsNotThere)
 {
     put_double("a/b", 1);

@@ -340,6 +340,17 @@ TEST(KpSet, RefusesPatternsInABatchToo)
     EXPECT_EQ(kp({"set", "--batch", "--type", "int8"}).code, 2);
 }
 
+TEST(KpRm, RemovesATopicOnceThatIsNamedTwice)
+{
+    put_double("a", 1);
+
+    const Ran ran = kp({"rm", "a", "/a", "#"});
+
+    EXPECT_EQ(ran.err, "");
+    EXPECT_EQ(ran.code, 0);
+    EXPECT_EQ(kp({"list"}).out, "");
+}
+
 TEST(KpRm, RemovesATopicWhoseNameLooksLikeAPattern)
 {
     put_double("n+", 1);

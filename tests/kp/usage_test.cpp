@@ -129,6 +129,8 @@ TEST(KpUsage, TakesWordsAsTheyAre)
 
     EXPECT_EQ(kp({"list", "++"}).out, "\\x01y\n[x]\ntext\nx\n");
     EXPECT_EQ(kp({"list", "++", "-x", "[x]"}).out, "\\x01y\ntext\nx\n");
+    EXPECT_EQ(kp({"list", "++", "-x[x]"}).out, "\\x01y\ntext\nx\n");
+    EXPECT_EQ(kp({"list", "++", "--exclude=[x]"}).out, "\\x01y\ntext\nx\n");
     EXPECT_EQ(kp({"get", "\x01y"}).out, "3\n");
     EXPECT_EQ(kp({"set", "text", "++", "--peer-wait", "0"}).out, "text\told → ++\n");
     EXPECT_EQ(kp({"rm", "[x]"}).code, 0);

@@ -197,7 +197,10 @@ unsigned Mappers::open_handles(const FileId &file) const
 Mappers find_mappers(dev_t device)
 {
     Mappers found;
-    for (const pid_t pid : all_pids()) {
+    const std::vector<pid_t> pids = all_pids();
+    if (pids.empty()) // not even this process is seen
+        found.unreadable.push_back(getpid());
+    for (const pid_t pid : pids) {
         std::FILE *maps = std::fopen(proc_path(pid, "maps").c_str(), "re");
         if (!maps) {
             if (errno != ENOENT && errno != ESRCH)

@@ -116,14 +116,27 @@ bool is_misread(const std::string &word, bool may_be_number)
            (may_be_number && is_odd_negative(word));
 }
 
+// Where the value of an option that stands in the same word begins, as in "--exclude=a" and "-xa";
+// 0 for other words.
+std::size_t begin_of_value(const std::string &word)
+{
+    if (word.starts_with("--"))
+        return word.find('=') + 1; // npos + 1 is 0
+    return word.starts_with('-') && word.size() > 2 ? 2 : 0;
+}
+
 void mark_misread(std::vector<std::string> &arguments)
 {
     const auto command = command_word(arguments);
     const bool may_be_number =
         command && (*command == "set" || *command == "put" || *command == "wait");
-    for (std::string &word : arguments)
+    for (std::string &word : arguments) {
+        const std::size_t begin = begin_of_value(word);
         if (is_misread(word, may_be_number))
             word.insert(word.begin(), kAsItIs);
+        else if (begin > 0 && is_misread(word.substr(begin), false))
+            word.insert(begin, 1, kAsItIs);
+    }
 }
 
 void take_marks_off(CLI::App &app)

@@ -7,6 +7,7 @@
 #include "common/text.h"
 #include "output/output.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace kp::tool {
@@ -42,6 +43,9 @@ class Removal {
                 return complain(*problem);
         for (const std::string &text : options_.topics)
             add(text);
+        // A topic that is named twice would wait for its own lock.
+        std::ranges::sort(topics_);
+        topics_.erase(std::ranges::unique(topics_).begin(), topics_.end());
         for (std::size_t first = 0; first < topics_.size(); first += kAtOnce)
             remove_some(first, std::min(first + kAtOnce, topics_.size()));
         return outcome_.code();
@@ -55,9 +59,15 @@ class Removal {
         Problem ignored;
         struct stat status;
         const auto topic = normal_topic(text, ignored);
-        if (!has_wildcard(text) || (topic && opener_.status(*topic, status, ignored)))
+        if (topic && opener_.status(*topic, status, ignored))
             return std::nullopt;
-        const std::string fault = pattern_problem(text, Dialect::tags);
+        return pattern_fault(text);
+    }
+
+    static std::optional<Problem> pattern_fault(const std::string &text)
+    {
+        const std::string fault =
+            has_wildcard(text) ? pattern_problem(text, Dialect::tags) : std::string();
         if (fault.empty())
             return std::nullopt;
         return Problem{kUsage, "\"" + escaped(text) + "\": " + escaped(fault) +
@@ -85,6 +95,8 @@ class Removal {
 
     void add_pattern(const std::string &text)
     {
+        if (const auto fault = pattern_fault(text)) // a topic of that name was there, and has gone
+            return outcome_.note(*fault);
         Problem problem;
         Selection selection;
         if (!selection.set({text}, {}, problem))
@@ -122,8 +134,11 @@ class Removal {
         if (!opener_.status(topic, status, problem))
             return outcome_.note(problem);
         Victim victim{topic, file_id(status)};
-        if (S_ISREG(status.st_mode) && !options_.dry_run && !options_.force)
+        if (S_ISREG(status.st_mode) && !options_.dry_run && !options_.force) {
             victim.held.fd.reset(opener_.open_any(topic, problem).release());
+            if (!victim.held.fd && problem.code != kPermission) // such as no descriptor left
+                return outcome_.note(problem);
+        }
         victims.push_back(std::move(victim));
     }
 
@@ -149,10 +164,11 @@ class Removal {
             return Problem{kLimit, name + ": in use by " +
                                        process_text(process_of(found->second.front().pid)) +
                                        " (--force removes it all the same)"};
-        Problem ignored;
-        const auto snapshot = read_topic(opener_, victim.topic, ignored);
-        const bool is_counted = snapshot && (snapshot->providers > 0 || snapshot->consumers > 0);
-        if (is_counted && !all.unreadable.empty())
+        Problem problem;
+        const auto snapshot = read_topic(opener_, victim.topic, problem);
+        const bool may_be_open =
+            snapshot ? snapshot->providers > 0 || snapshot->consumers > 0 : problem.code == kLimit;
+        if (may_be_open && !all.unreadable.empty())
             return Problem{kPermission, name + ": counted as open, and " +
                                             std::to_string(all.unreadable.size()) +
                                             " processes show only to root (--force removes it)"};
