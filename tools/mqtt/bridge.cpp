@@ -120,8 +120,8 @@ std::optional<Configuration> Bridge::run(const Signals &signals,
 
 void Bridge::leave_behind()
 {
-    if (!has_been_online_)
-        return;
+    if (!has_been_online_) // what was written meanwhile is to be told from what was sent before
+        return state_.touch(shared_.last_alive());
     const uint64_t now = kp_get_timestamp_us();
     topics_.scan(Clock::now());
     shared_.claim_unsent();

@@ -158,10 +158,12 @@ void LocalWriter::work_off()
     lock.unlock();
     for (const auto &[name, request] : requests)
         carry_out(name, request);
-    store_.notify();
     lock.lock();
     std::ranges::move(store_.take_outrun(), std::back_inserter(outrun_));
-    in_work_ = nullptr;
+    in_work_ = nullptr; // before it waits for peers: what is written can be sent
+    lock.unlock();
+    store_.notify();
+    lock.lock();
     busy_since_.reset();
 }
 
