@@ -41,15 +41,18 @@ TEST(ForkedHandle, IsDestroyedInAChildThatWasForkedWhileItsLocksWereHeld)
 {
     kp_t *handle = kp_new("parent", nullptr);
     (void)kp_tag_consumer_new(handle, "a");
+    follow(handle, "b/+");
     ASSERT_EQ(pthread_mutex_lock(&handle->mutex), 0);
+    ASSERT_EQ(pthread_mutex_lock(&handle->follow_mutex), 0);
     ASSERT_EQ(pthread_mutex_lock(&handle->sub_topics->mutex), 0);
 
     const int status = status_of_child([&] {
         (void)alarm(10);
-        return kp_tags_destroy(handle) == 0 && kp_destroy(handle) == 0;
+        return kp_unsub_topic(handle, "b/+") == 0 && kp_close(handle) == 0;
     });
 
     EXPECT_EQ(status, 0);
+    EXPECT_EQ(pthread_mutex_unlock(&handle->follow_mutex), 0);
     EXPECT_EQ(pthread_mutex_unlock(&handle->sub_topics->mutex), 0);
     EXPECT_EQ(pthread_mutex_unlock(&handle->mutex), 0);
     EXPECT_EQ(kp_tags_destroy(handle), 0);
