@@ -15,6 +15,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
+#include <unordered_set>
 
 namespace kp::tool {
 
@@ -85,13 +87,24 @@ class Collector {
             outcome_.note(problem);
         collect_topics(listing);
         if (options_.orphans)
-            for (auto directory = listing.directories.rbegin();
-                 directory != listing.directories.rend(); ++directory)
-                collect_directory(*directory);
+            collect_directories(listing.directories);
         return outcome_.code();
     }
 
   private:
+    // Looks only at those in which no other one lies: a directory with another one in it is not
+    // empty, and no longer old when that one has just gone.
+    void collect_directories(const std::vector<std::string> &directories)
+    {
+        std::unordered_set<std::string_view> above;
+        for (const std::string_view directory : directories)
+            if (const auto end = directory.rfind('/'); end != directory.npos)
+                above.insert(directory.substr(0, end));
+        for (auto directory = directories.rbegin(); directory != directories.rend(); ++directory)
+            if (!above.contains(*directory))
+                collect_directory(*directory);
+    }
+
     // Printed only after the work is done: so a slow reader of this output delays nothing, and what
     // it reads is true.
     void tell(const Dead &dead, const Result &result)
