@@ -92,6 +92,21 @@ UniqueFd make_levels(std::string_view directory)
     return open_levels(make_root(), directory, make_level);
 }
 
+UniqueDir entries_of(const UniqueFd &directory)
+{
+    UniqueFd fd(openat(directory.get(), ".", kDirectoryFlags));
+    DIR *stream = fd ? fdopendir(fd.get()) : nullptr;
+    if (stream)
+        (void)fd.release(); // the stream's from now on
+    return UniqueDir(stream);
+}
+
+bool is_empty_directory(const UniqueFd &directory)
+{
+    const UniqueDir entries = entries_of(directory);
+    return entries && !entries.next();
+}
+
 std::string last_level(const std::string &name)
 {
     return name.substr(name.rfind('/') + 1);

@@ -19,6 +19,13 @@ UniqueFd open_level(int parent, const std::string &name);
 UniqueFd open_levels(std::string_view directory);
 UniqueFd make_levels(std::string_view directory);
 
+// Reads the entries of an open directory from the first on, also of one opened with O_PATH. Empty,
+// with errno set, when that fails.
+UniqueDir entries_of(const UniqueFd &directory);
+
+// False also when the directory cannot be read.
+bool is_empty_directory(const UniqueFd &directory);
+
 // The part of a name behind its last slash.
 std::string last_level(const std::string &name);
 

@@ -11,19 +11,6 @@
 
 namespace kp::tool {
 
-namespace {
-
-bool is_empty(UniqueFd directory)
-{
-    const UniqueDir stream(directory ? fdopendir(directory.get()) : nullptr);
-    if (!stream)
-        return false;
-    (void)directory.release(); // the stream's from now on
-    return stream.next() == nullptr;
-}
-
-} // namespace
-
 // A directory that somebody has given rights of its own is kept.
 bool is_empty_and_unused(const std::string &directory, uint64_t unchanged_since_us)
 {
@@ -38,7 +25,7 @@ bool is_empty_and_unused(const std::string &directory, uint64_t unchanged_since_
     const bool is_common =
         own.st_uid == above.st_uid && own.st_gid == above.st_gid && own.st_mode == above.st_mode;
     return is_common && to_us(own.st_mtim) <= unchanged_since_us &&
-           is_empty(open_level(place->directory, place->name));
+           is_empty_directory(open_level(place->directory, place->name));
 }
 
 Deed remove_empty_directory(const std::string &directory, Problem &problem)

@@ -1,5 +1,6 @@
 #include "sandbox/own_directory.h"
 
+#include "common/store_levels.h"
 #include "common/text.h"
 #include "layout/unique_fd.h"
 
@@ -87,8 +88,7 @@ bool rebuild(const UniqueFd &old_parent, const std::string &parent, const std::s
     if (fstat(old_parent.get(), &rights) != 0 || !cover(old_parent))
         return false;
     const UniqueFd new_parent(open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const int listed = openat(old_parent.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const UniqueDir entries(listed < 0 ? nullptr : fdopendir(listed));
+    const UniqueDir entries = entries_of(old_parent);
     if (!new_parent || !entries)
         return false;
     while (const dirent *entry = entries.next())

@@ -20,13 +20,6 @@ namespace {
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 constexpr mode_t kRights = S_IRWXU | S_IRWXG | S_IRWXO;
 
-bool is_empty(const UniqueFd &directory)
-{
-    const int again = openat(directory.get(), ".", kDirectoryFlags);
-    const UniqueDir entries(again < 0 ? nullptr : fdopendir(again));
-    return entries && entries.next() == nullptr;
-}
-
 // Opens the copy of a directory, which is made with the rights of the original.
 UniqueFd make_copied_level(int parent, const std::string &level, const UniqueFd &original)
 {
@@ -54,7 +47,7 @@ bool StoreCopy::open(const std::string &directory, Problem &problem)
         problem = system_problem(name_, errno);
         return false;
     }
-    if (is_empty(directory_))
+    if (is_empty_directory(directory_))
         return true;
     problem = {kUsage, name_ + ": not empty, and a copy is not mixed with what is there"};
     return false;
