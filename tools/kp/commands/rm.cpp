@@ -39,10 +39,8 @@ class Removal {
     int run()
     {
         for (const std::string &text : options_.topics)
-            if (const auto problem = ambiguity(text))
+            if (const auto problem = add(text))
                 return complain(*problem);
-        for (const std::string &text : options_.topics)
-            add(text);
         // A topic that is named twice would wait for its own lock.
         std::ranges::sort(topics_);
         topics_.erase(std::ranges::unique(topics_).begin(), topics_.end());
@@ -52,30 +50,8 @@ class Removal {
     }
 
   private:
-    // Of a level that begins with a wildcard, as in "+x", the library looks at nothing else. Who
-    // writes that means less than it covers, so it removes only a topic of exactly that name.
-    std::optional<Problem> ambiguity(const std::string &text)
-    {
-        Problem ignored;
-        struct stat status;
-        const auto topic = normal_topic(text, ignored);
-        if (topic && opener_.status(*topic, status, ignored))
-            return std::nullopt;
-        return pattern_fault(text);
-    }
-
-    static std::optional<Problem> pattern_fault(const std::string &text)
-    {
-        const std::string fault =
-            has_wildcard(text) ? pattern_problem(text, Dialect::tags) : std::string();
-        if (fault.empty())
-            return std::nullopt;
-        return Problem{kUsage, "\"" + escaped(text) + "\": " + escaped(fault) +
-                                   ", and would remove more than it says; nothing was removed"};
-    }
-
-    // A pattern may be a topic's name all the same.
-    void add(const std::string &text)
+    // A pattern may be a topic's name all the same. Gives the reason why nothing must be removed.
+    std::optional<Problem> add(const std::string &text)
     {
         Problem problem;
         const auto topic = normal_topic(text, problem);
@@ -87,20 +63,28 @@ class Removal {
             else
                 topics_.push_back(*topic);
         } else if (is_pattern(text)) {
-            add_pattern(text);
+            return add_pattern(text);
         } else {
             outcome_.note(problem);
         }
+        return std::nullopt;
     }
 
-    void add_pattern(const std::string &text)
+    // Of a level that begins with a wildcard, as in "+x", the library looks at nothing else. Who
+    // writes that means less than it covers.
+    std::optional<Problem> add_pattern(const std::string &text)
     {
-        if (const auto fault = pattern_fault(text)) // a topic of that name was there, and has gone
-            return outcome_.note(*fault);
+        const std::string fault =
+            has_wildcard(text) ? pattern_problem(text, Dialect::tags) : std::string();
+        if (!fault.empty())
+            return Problem{kUsage, "\"" + escaped(text) + "\": " + escaped(fault) +
+                                       ", and would remove more than it says; nothing was removed"};
         Problem problem;
         Selection selection;
-        if (!selection.set({text}, {}, problem))
-            return outcome_.note(problem);
+        if (!selection.set({text}, {}, problem)) {
+            outcome_.note(problem);
+            return std::nullopt;
+        }
         const StoreListing listing = list_store(selection);
         for (const Problem &unread : listing.problems)
             outcome_.note(unread);
@@ -108,6 +92,7 @@ class Removal {
             outcome_.note(Problem{kNothing, "\"" + escaped(text) + "\": no topic matches"});
         for (const StoreFile &file : listing.files)
             topics_.push_back(file.topic);
+        return std::nullopt;
     }
 
     void remove_some(std::size_t first, std::size_t end)
