@@ -67,8 +67,7 @@ struct Tags {
     Tags &operator=(const Tags &) = delete;
     ~Tags()
     {
-        (void)kp_tags_destroy(handle);
-        (void)kp_destroy(handle);
+        (void)kp_close(handle);
     }
 
     kp_t *handle;

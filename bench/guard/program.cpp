@@ -95,8 +95,7 @@ void deliver(const char *program, int count)
     check(write(answer_fd, "!", 1) == 1, "the peer hears"); // a notice before that could be lost
     int status = 0;
     check(waitpid(peer, &status, 0) == peer && status == 0, "the peer ends well");
-    (void)kp_tags_destroy(handle);
-    (void)kp_destroy(handle);
+    (void)kp_close(handle);
 }
 
 void repeat(const std::string &operation, int count)
@@ -118,8 +117,7 @@ void repeat(const std::string &operation, int count)
             (void)kp_tag_notify(handle);
     else
         check(false, "write, read, notify or deliver");
-    (void)kp_tags_destroy(handle);
-    (void)kp_destroy(handle);
+    (void)kp_close(handle);
 }
 
 // A number through the functions of C and through the header for C++. Whoever calls them looks at

@@ -54,8 +54,7 @@ int follow()
         return 1;
     say_ready_and_wait();
     (void)kp_unsub_topic(handle, "a/#");
-    (void)kp_tags_destroy(handle);
-    (void)kp_destroy(handle);
+    (void)kp_close(handle);
     return 0;
 }
 
@@ -106,7 +105,6 @@ int main(int argc, char **argv)
                       static_cast<unsigned long long>(at_most(times, 99)));
     (void)std::fflush(stdout);
     (void)std::getchar(); // the tags stay until the measurement is done
-    (void)kp_tags_destroy(handle);
-    (void)kp_destroy(handle);
+    (void)kp_close(handle);
     return 0;
 }

@@ -26,8 +26,7 @@ class KpSender final : public Sender {
     }
     ~KpSender() override
     {
-        (void)kp_tags_destroy(handle_);
-        (void)kp_destroy(handle_);
+        (void)kp_close(handle_);
     }
     void send(const Message &message) override
     {
@@ -52,8 +51,7 @@ class KpReceiver final : public Receiver {
     }
     ~KpReceiver() override
     {
-        (void)kp_tags_destroy(handle_);
-        (void)kp_destroy(handle_);
+        (void)kp_close(handle_);
     }
 
   private:
@@ -109,8 +107,7 @@ class KpLoopReceiver final : public Receiver {
     ~KpLoopReceiver() override
     {
         loop_.reset();
-        (void)kp_tags_destroy(handle_);
-        (void)kp_destroy(handle_);
+        (void)kp_close(handle_);
     }
 
   private:

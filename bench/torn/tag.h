@@ -26,8 +26,7 @@ class Tag {
     Tag &operator=(const Tag &) = delete;
     ~Tag()
     {
-        (void)kp_tags_destroy(handle_);
-        (void)kp_destroy(handle_);
+        (void)kp_close(handle_);
     }
 
     bool provide(uint32_t size)

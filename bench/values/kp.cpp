@@ -42,8 +42,7 @@ class Tags {
     Tags &operator=(const Tags &) = delete;
     ~Tags()
     {
-        (void)kp_tags_destroy(handle_);
-        (void)kp_destroy(handle_);
+        (void)kp_close(handle_);
     }
     void write(unsigned topic, const std::byte *value)
     {

@@ -61,10 +61,8 @@ class Handle {
     Handle &operator=(const Handle &) = delete;
     ~Handle()
     {
-        if (!handle_)
-            return;
-        (void)kp_tags_destroy(handle_);
-        (void)kp_destroy(handle_);
+        if (handle_)
+            (void)kp_close(handle_);
     }
     kp_t *get() const
     {
