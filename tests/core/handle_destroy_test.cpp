@@ -4,7 +4,6 @@
 #include "testing/faults.h"
 
 #include <atomic>
-#include <chrono>
 
 using namespace kptest;
 
@@ -110,18 +109,12 @@ TEST(ClosedHandle, TakesAlongTheTagThatIsJustBeingMade)
     kp_t *handle = kp_new("self", nullptr);
     const UnixSocket sender = peer.accept();
     follow(handle, "#");
-    std::atomic<bool> is_opening = false;
-    std::atomic<bool> is_closed = false;
-    const Before mapping{Call::mmap, [&is_opening, &is_closed] {
-                             is_opening = true;
-                             (void)wait_until([&is_closed] { return is_closed.load(); },
-                                              std::chrono::milliseconds(300));
-                         }};
+    HeldOpening opening;
     ASSERT_TRUE(sender.send(new_tag_notice("a")));
-    ASSERT_TRUE(wait_until([&is_opening] { return is_opening.load(); }));
+    ASSERT_TRUE(opening.has_begun());
 
     EXPECT_EQ(kp_close(handle), 0);
-    is_closed = true;
+    opening.release();
 
     EXPECT_FALSE(SegmentFile("a").exists());
 }

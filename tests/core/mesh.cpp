@@ -4,6 +4,7 @@
 #include "notify/endpoint.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -152,6 +153,22 @@ UnixSocket listen_to(kp_t *handle)
     EXPECT_TRUE(socket.is_open());
     EXPECT_TRUE(wait_until([handle, before] { return accepted_peers(handle) > before; }));
     return socket;
+}
+
+bool HeldOpening::has_begun() const
+{
+    return wait_until([this] { return begun_.load(); });
+}
+
+void HeldOpening::release()
+{
+    released_ = true;
+}
+
+void HeldOpening::hold()
+{
+    begun_ = true;
+    (void)wait_until([this] { return released_.load(); }, std::chrono::milliseconds(300));
 }
 
 void follow(kp_t *handle, const char *pattern)

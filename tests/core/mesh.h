@@ -13,6 +13,7 @@
 #include "testing/segment_file.h"
 #include "testing/unix_socket.h"
 
+#include <atomic>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -103,6 +104,22 @@ class Peer {
 
 // Makes a connection on which the test receives what a handle sends; the handle has accepted it.
 UnixSocket listen_to(kp_t *handle);
+
+// Stops the next opening of a segment in its middle, whichever thread it is on: until release(), or
+// for 300 ms if somebody waits for that thread meanwhile.
+class HeldOpening {
+  public:
+    // Waits until a thread is held.
+    bool has_begun() const;
+    void release();
+
+  private:
+    void hold();
+
+    std::atomic<bool> begun_{false};
+    std::atomic<bool> released_{false};
+    Before mapping_{Call::mmap, [this] { hold(); }};
+};
 
 // Subscribes to a pattern, which takes effect whether there is a store to scan or not.
 void follow(kp_t *handle, const char *pattern);

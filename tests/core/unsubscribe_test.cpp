@@ -1,9 +1,6 @@
 // Cancelling subscriptions: of plain topics, and of patterns with the rebuild that follows.
 #include "core/mesh.h"
 
-#include <atomic>
-#include <chrono>
-
 using namespace kptest;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -203,18 +200,12 @@ TEST(PatternUnsubscription, TakesAlongTheTagThatIsJustBeingMade)
     const Handle handle;
     const UnixSocket sender = peer.accept();
     follow(handle, "a/+");
-    std::atomic<bool> is_opening{false};
-    std::atomic<bool> is_unsubscribed{false};
-    const Before mapping{Call::mmap, [&is_opening, &is_unsubscribed] {
-                             is_opening = true;
-                             (void)wait_until([&is_unsubscribed] { return is_unsubscribed.load(); },
-                                              std::chrono::milliseconds(300));
-                         }};
+    HeldOpening opening;
     ASSERT_TRUE(sender.send(new_tag_notice("a/b")));
-    ASSERT_TRUE(wait_until([&is_opening] { return is_opening.load(); }));
+    ASSERT_TRUE(opening.has_begun());
 
     EXPECT_EQ(kp_unsub_topic(handle, "a/+"), 0);
-    is_unsubscribed = true;
+    opening.release();
 
     EXPECT_FALSE(SegmentFile("a/b").exists());
     EXPECT_THAT(topics_of(handle), IsEmpty());
