@@ -207,6 +207,13 @@ void PrintTo(const Chance &chance, std::ostream *out)
     *out << chance.devices << " devices, seed " << chance.seed;
 }
 
+// The first device provides the tag with this text, and the second one has got it.
+bool share(Devices &devices, const std::string &text)
+{
+    return devices[0].does("declare a/x") && devices[0].does("write a/x " + text) &&
+           devices[1].does("await a/x " + text);
+}
+
 class SharedDevicesAfter : public testing::TestWithParam<Chance> {};
 
 } // namespace
@@ -249,9 +256,7 @@ TEST(SharedDevices, FollowATagThatIsMadeAnewWithAnotherTypeMeanwhile)
 {
     const Broker broker;
     Devices devices(broker.port(), 2);
-    ASSERT_TRUE(devices[0].does("declare a/x"));
-    ASSERT_TRUE(devices[0].does("write a/x text"));
-    ASSERT_TRUE(devices[1].does("await a/x text"));
+    ASSERT_TRUE(share(devices, "text"));
     ASSERT_TRUE(devices[1].does("cut"));
 
     ASSERT_TRUE(devices[0].does("drop a/x"));
@@ -267,9 +272,7 @@ TEST(SharedDevices, LoseATagThatWasRemovedWhileTheirLineWasCut)
 {
     const Broker broker;
     Devices devices(broker.port(), 2);
-    ASSERT_TRUE(devices[0].does("declare a/x"));
-    ASSERT_TRUE(devices[0].does("write a/x text"));
-    ASSERT_TRUE(devices[1].does("await a/x text"));
+    ASSERT_TRUE(share(devices, "text"));
     ASSERT_TRUE(devices[1].does("cut"));
 
     ASSERT_TRUE(devices[0].does("drop a/x"));
@@ -283,9 +286,7 @@ TEST(SharedDevices, DoNotBringBackARemovedTagWhenTheirBridgeRestarts)
 {
     const Broker broker;
     Devices devices(broker.port(), 2);
-    ASSERT_TRUE(devices[0].does("declare a/x"));
-    ASSERT_TRUE(devices[0].does("write a/x text"));
-    ASSERT_TRUE(devices[1].does("await a/x text"));
+    ASSERT_TRUE(share(devices, "text"));
     ASSERT_TRUE(devices[1].does("kill"));
 
     ASSERT_TRUE(devices[0].does("drop a/x"));
@@ -300,9 +301,7 @@ TEST(SharedDevices, LoseARemovedTagAlsoWhereTheBridgeWasKilledBefore)
 {
     const Broker broker;
     Devices devices(broker.port(), 2);
-    ASSERT_TRUE(devices[0].does("declare a/x"));
-    ASSERT_TRUE(devices[0].does("write a/x one"));
-    ASSERT_TRUE(devices[1].does("await a/x one"));
+    ASSERT_TRUE(share(devices, "one"));
     ASSERT_TRUE(devices[0].does("write a/x two"));
     ASSERT_TRUE(devices[1].does("await a/x two"));
     ASSERT_TRUE(devices[1].does("kill"));
