@@ -98,6 +98,7 @@ def main():
         "growth",
         "tools",
         "mqtt",
+        "web",
     ]
     programs = build / "bench"
     start = time.monotonic()
@@ -116,8 +117,9 @@ def main():
     if "tools" in wanted:
         kp = str(build / "tools" / "kp" / "kp")
         write("tools", run(ROOT / "bench" / "tools" / "run", kp, "--json") or [])
-    if "mqtt" in wanted:
-        subprocess.run([ROOT / "bench" / "mqtt" / "run", build], check=True)
+    for name in ("mqtt", "web"):
+        if name in wanted:
+            subprocess.run([ROOT / "bench" / name / "run", build], check=True)
     print(f"bench: all in {time.monotonic() - start:.0f} s", file=sys.stderr)
 
 

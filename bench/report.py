@@ -136,7 +136,8 @@ def goals_table():
                 1,
             )
         )
-    return table(["goal", "measured", ""], rows)
+    web = load("web")
+    return table(["goal", "measured", ""], rows + (web_goals(web) if web else []))
 
 
 def value_tables():
@@ -320,6 +321,24 @@ def tools_table():
     )
 
 
+def writers_table(writers, usual):
+    """What writers wait beside others; `usual` names the row that the others are compared with."""
+    plain = median(pick(writers, beside=usual)["p99_us"])
+    return table(
+        ["beside", "p50 µs", "p99 µs", "p99 of each round, sorted", f"× the p99 beside {usual}"],
+        [
+            [
+                one["beside"],
+                short(median(one["p50_us"])),
+                short(median(one["p99_us"])),
+                ", ".join(short(figure) for figure in sorted(one["p99_us"])),
+                short(median(one["p99_us"]) / plain),
+            ]
+            for one in writers
+        ],
+    )
+
+
 def mqtt_tables():
     mqtt = load("mqtt")
     if not mqtt:
@@ -365,21 +384,85 @@ def mqtt_tables():
             f"{memory['full_kib'] / 1024:.1f} MiB with {memory['topics']:,}, so {each:.0f} bytes a topic.",
         ]
     )
-    plain = median(pick(mqtt["writers"], beside="a follower")["p99_us"])
-    writers = table(
-        ["beside", "p50 µs", "p99 µs", "p99 of each round, sorted", "× a follower's p99"],
+    return main, writers_table(mqtt["writers"], "a follower")
+
+
+def web_goals(web):
+    """The goals of the web page's server, each with the figure that stands for it."""
+    page, _, _ = web["pages"]["rows"]
+    server = page["programs"][0]
+    rest = web["at_rest"]["programs"][0]
+    nobody, *_, beside = web["writers"]
+    megabytes = server["mapped_kib"] * 1024 / 1e6
+    return [
+        goal_row("kp-web, 10 pages at 10 Hz ≤ 10 % of a core", {"": server["core_percent"]}, 10),
+        goal_row("kp-web, 10 pages at 10 Hz ≤ 20 MB", {"": megabytes}, 20),
+        goal_row("kp-web, a client that never reads ≤ 64 KB", {"": max(web["stalled"]["kib_each"])}, 64),
+        goal_row("kp-web, 10,000 topics at rest ≤ 2 % of a core", {"": rest["core_percent"]}, 2),
+        goal_row(
+            "a writer's p99 beside kp-web with 10 pages ≤ 1.10 × that beside nobody",
+            {"": median(beside["p99_us"]) / median(nobody["p99_us"])},
+            1.10,
+        ),
+    ]
+
+
+def web_tables():
+    web = load("web")
+    if not web:
+        return "", "", ""
+    rows = [*web["pages"]["rows"], web["at_rest"]]
+    stalled = ", ".join(short(figure) for figure in web["stalled"]["kib_each"])
+    main = "\n\n".join(
+        [
+            f"Measured {web['date']} with mosquitto {web['mosquitto']} and node-exporter {web['exporter']}, "
+            f"{web['processors']} processors, load {web['load_at_start']} at the start. The writer came to "
+            f"{web['pages']['rounds_per_s']:.1f} rounds a second.",
+            table(
+                [
+                    "what",
+                    "values a second",
+                    "program",
+                    "share of a core",
+                    "own memory, MB",
+                    "with mapped files, MB",
+                ],
+                [
+                    [
+                        row["what"],
+                        f"{row['values_per_s']:,.0f}",
+                        program["name"],
+                        f"{program['core_percent']:.1f} %",
+                        short(program["own_kib"] * 1024 / 1e6),
+                        short(program["mapped_kib"] * 1024 / 1e6),
+                    ]
+                    for row in rows
+                    for program in row["programs"]
+                ],
+            ),
+            f"{web['stalled']['clients']} clients that never read cost, looked at each 5 s, {stalled} KiB each.",
+        ]
+    )
+    scrapes = table(
+        [
+            f"{web['metrics']['samples']:,} samples of 1,000 topics from",
+            "ms a scrape",
+            "processor ms a scrape",
+            "KB",
+            "MB of memory",
+        ],
         [
             [
-                one["beside"],
-                short(median(one["p50_us"])),
-                short(median(one["p99_us"])),
-                ", ".join(short(figure) for figure in sorted(one["p99_us"])),
-                short(median(one["p99_us"]) / plain),
+                row["name"],
+                short(row["ms"]),
+                short(row["cpu_ms"]),
+                short(row["bytes"] / 1e3),
+                short(row["mapped_kib"] * 1024 / 1e6),
             ]
-            for one in mqtt["writers"]
+            for row in web["metrics"]["rows"]
         ],
     )
-    return main, writers
+    return main, writers_table(web["writers"], "nobody"), scrapes
 
 
 def plot(name, commands, data):
@@ -511,6 +594,7 @@ def main():
         "tools": tools_table(),
     }
     parts["mqtt"], parts["mqtt-writers"] = mqtt_tables()
+    parts["web"], parts["web-writers"], parts["web-metrics"] = web_tables()
     text = DOCUMENT.read_text()
     for name, part in parts.items():
         begin, end = f"<!-- begin {name} -->", f"<!-- end {name} -->"

@@ -2,8 +2,8 @@
 // wrote, and how long half of the rounds and 99 of 100 took at most, in ns. Or follows these tags,
 // and does no more than any peer must.
 //
-//   mqtt-changes TOPICS ROUNDS_PER_SECOND SECONDS      0 rounds a second: as fast as they go
-//   mqtt-changes follow
+//   changes TOPICS ROUNDS_PER_SECOND SECONDS      0 rounds a second: as fast as they go
+//   changes follow
 #include "kp.h"
 
 #include <algorithm>
@@ -49,7 +49,7 @@ int read_what_changed(kp_t *handle, const kp_write_info *notice, void *)
 
 int follow()
 {
-    kp_t *handle = kp_new("mqtt-follower", read_what_changed);
+    kp_t *handle = kp_new("follower", read_what_changed);
     if (!handle || kp_sub_topic(handle, "a/#") != 0)
         return 1;
     say_ready_and_wait();
@@ -74,7 +74,7 @@ int main(int argc, char **argv)
     const int topics = std::atoi(argv[1]);
     const double rate = std::atof(argv[2]);
     const double seconds = std::atof(argv[3]);
-    kp_t *handle = kp_new("mqtt-changes", nullptr);
+    kp_t *handle = kp_new("changes", nullptr);
     if (!handle)
         return 1;
     (void)kp_set_new_tag_notify(handle, 1);
