@@ -47,7 +47,7 @@ nlohmann::ordered_json row_json(const Row &row, ByteStyle style)
         object["value_b64"] = to_base64(snapshot.bytes);
     if (!is_utf8(row.topic))
         object["topic_b64"] = to_base64(row.topic);
-    if (has_broken_value(snapshot))
+    if (snapshot.has_broken_value())
         object["problem"] = value_problem(row.topic, snapshot).text;
     return object;
 }
@@ -55,11 +55,6 @@ nlohmann::ordered_json row_json(const Row &row, ByteStyle style)
 std::string json_line(const nlohmann::ordered_json &object)
 {
     return object.dump(-1, ' ', true, ordered_json::error_handler_t::replace) + '\n';
-}
-
-bool has_broken_value(const Snapshot &snapshot)
-{
-    return snapshot.condition == Condition::busy || snapshot.condition == Condition::corrupt;
 }
 
 } // namespace kp::tool

@@ -14,9 +14,6 @@ struct Row {
     Snapshot snapshot;
 };
 
-// Says whether nobody can read the topic's value, which a row shows.
-bool has_broken_value(const Snapshot &snapshot);
-
 // The keys that every object has, in their order, which are the columns of a table too. They and
 // their order never change.
 inline constexpr std::array<std::string_view, 13> kRowKeys = {

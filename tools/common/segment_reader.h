@@ -41,6 +41,11 @@ struct Snapshot {
     {
         return condition == Condition::value && !bytes.empty();
     }
+    // Says whether nobody can read the value; value_problem() tells why.
+    bool has_broken_value() const
+    {
+        return condition == Condition::busy || condition == Condition::corrupt;
+    }
     // Null for an undeclared segment, whose type means nothing.
     const char *type_name() const;
 

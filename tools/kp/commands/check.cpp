@@ -90,7 +90,7 @@ class Check {
         if (!meaning.facts.is_known)
             return tell({"unknown", topic, "is not in the dictionary"});
         look_at_limits(topic, meaning.facts);
-        if (has_broken_value(snapshot))
+        if (snapshot.has_broken_value())
             return tell({"unreadable", topic, value_problem(topic, snapshot).text});
         if (snapshot.condition == Condition::undeclared)
             return look_at_undeclared(topic, meaning.facts);

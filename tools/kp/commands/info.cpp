@@ -115,7 +115,7 @@ void print_segment(const Row &row, const FormatOptions &format, const Users &use
     field("value", meant_value(meaning, shown_value(snapshot, format.bytes)));
     if (meaning.state)
         field("state", colored_by_state(state_text(meaning), meaning));
-    if (snapshot.condition == Condition::busy || snapshot.condition == Condition::corrupt)
+    if (snapshot.has_broken_value())
         field("problem", colored(value_problem(row.topic, snapshot).text, Color::red));
     field("size", declared ? std::to_string(snapshot.size) + " of at most " +
                                  std::to_string(snapshot.max) + " bytes"
@@ -218,9 +218,7 @@ int run_info(const InfoOptions &options)
         print_users(users);
         print_facts(*topic);
     }
-    return row.snapshot.condition == Condition::busy || row.snapshot.condition == Condition::corrupt
-               ? kInvalid
-               : kDone;
+    return row.snapshot.has_broken_value() ? kInvalid : kDone;
 }
 
 } // namespace

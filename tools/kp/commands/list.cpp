@@ -179,7 +179,7 @@ std::vector<Row> read_rows(const StoreListing &listing, Outcome &outcome)
     for (const StoreFile &file : listing.files) {
         Problem problem;
         auto snapshot = read_topic(opener, file.topic, problem);
-        if (snapshot && has_broken_value(*snapshot))
+        if (snapshot && snapshot->has_broken_value())
             outcome.note(value_problem(file.topic, *snapshot));
         if (snapshot)
             rows.push_back({file.topic, std::move(*snapshot)});

@@ -86,7 +86,7 @@ class Waiting {
         Problem found;
         if (!snapshot && missing.code != kNothing)
             found = missing;
-        if (snapshot && has_broken_value(*snapshot))
+        if (snapshot && snapshot->has_broken_value())
             found = value_problem(topic_, *snapshot);
         if (problem_.code == kDone)
             problem_since_ = monotonic_us();

@@ -20,8 +20,7 @@ void for_each_declared(const Selection &selection, Outcome &outcome, const Use &
     for (const StoreFile &file : listing.files) {
         Problem problem;
         const auto snapshot = read_topic(opener, file.topic, problem);
-        const bool broken = snapshot && (snapshot->condition == Condition::busy ||
-                                         snapshot->condition == Condition::corrupt);
+        const bool broken = snapshot && snapshot->has_broken_value();
         if (broken)
             problem = value_problem(file.topic, *snapshot);
         if (problem.code != kDone && problem.code != kNothing) // one may be removed at any time

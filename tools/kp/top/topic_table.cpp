@@ -94,7 +94,7 @@ std::string TopicTable::topic_row(const std::string &topic, const ShownTopic &sh
 Style TopicTable::style_of(const ShownTopic &shown, const Meaning &meaning) const
 {
     const Snapshot &snapshot = shown.snapshot;
-    if (snapshot.condition == Condition::busy || snapshot.condition == Condition::corrupt)
+    if (snapshot.has_broken_value())
         return Style::bad;
     if (snapshot.condition != Condition::value)
         return Style::faint;
