@@ -29,8 +29,7 @@ struct WaitOptions {
 
 bool same_write(const Snapshot &a, const Snapshot &b)
 {
-    return a.last_write_ts == b.last_write_ts && a.source_ts == b.source_ts &&
-           a.quality == b.quality && a.flags == b.flags && a.bytes == b.bytes;
+    return stamp_of(a).same_write(stamp_of(b)) && a.bytes == b.bytes;
 }
 
 class Waiting {
@@ -64,6 +63,10 @@ class Waiting {
         return is_met_by(condition_, *snapshot, problem);
     }
 
+    const std::string &topic() const
+    {
+        return topic_;
+    }
     // Gives what the last look read that could read the topic.
     const Snapshot &last() const
     {
@@ -116,47 +119,63 @@ class Waiting {
     uint64_t problem_since_ = 0;
 };
 
+void print(const Waiting &waiting)
+{
+    FormatOptions format;
+    format.verbose = true;
+    output().write(row_record({waiting.topic(), waiting.last()}, format));
+}
+
 // Gives the code for a condition that did not come to hold.
 int give_up(const Waiting &waiting, int code)
 {
     return waiting.problem().code == kDone ? code : complain(waiting.problem());
 }
 
-int run_wait(const WaitOptions &options)
+// Gives what is waited for; nothing, with a problem, when the words do not say it.
+std::optional<Waiting> waiting_of(const WaitOptions &options, Problem &problem)
 {
-    Problem problem;
     const auto topic = normal_topic(options.topic, problem);
     if (!topic)
-        return complain(problem);
+        return std::nullopt;
     const auto condition = parse_condition(options.condition);
-    if (!condition)
-        return complain(Problem{
-            kUsage, "a condition is == != < <= > >= with a value, changes, exists or fresh SEC"});
+    if (!condition) {
+        problem = {kUsage, "a condition is == != < <= > >= with a value, changes, exists or fresh "
+                           "SEC"};
+        return std::nullopt;
+    }
+    if (is_pattern(options.topic)) {
+        problem = {kUsage,
+                   "\"" + escaped(options.topic) + "\" is a pattern; wait looks at one topic"};
+        return std::nullopt;
+    }
+    return Waiting(*topic, *condition);
+}
 
-    if (is_pattern(options.topic))
-        return complain(Problem{kUsage, "\"" + escaped(options.topic) +
-                                            "\" is a pattern; wait looks at one topic"});
+// Waits for the time of the next look, a notice or `end`. False when the program has to stop.
+bool wait_for_next_look(NoticeQueue *queue, uint64_t end)
+{
+    const uint64_t next = std::min(end, monotonic_us() + (queue ? kMeshPollUs : kPollUs));
+    if (!queue)
+        return wait_until(next);
+    if (!wait_readable(queue->fd(), next))
+        return false;
+    (void)queue->take();
+    return true;
+}
 
-    catch_stop_signals();
-    const uint64_t end = options.timeout < 0
-                             ? std::numeric_limits<uint64_t>::max()
-                             : monotonic_us() + static_cast<uint64_t>(options.timeout * 1e6);
-    if (options.timeout > 0)
-        StandardStream::set_deadline(end);
-    std::unique_ptr<NoticeQueue> queue;
-    if (options.mesh && options.timeout != 0 && !(queue = NoticeQueue::join(problem)))
-        return complain(problem);
-    Waiting waiting(*topic, *condition);
+// Looks again and again until the condition holds or the time is over; gives the exit code.
+int wait_until_met(Waiting &waiting, const WaitOptions &options, NoticeQueue *queue, uint64_t end)
+{
     bool is_told = false;
     for (;;) {
+        Problem problem;
         const auto met = waiting.is_met(problem);
         if (!met)
             return complain(problem);
         if (*met) {
-            FormatOptions format;
-            format.verbose = true;
             if (options.verbose)
-                output().write(row_record({*topic, waiting.last()}, format));
+                print(waiting);
             return kDone;
         }
         const uint64_t now = monotonic_us();
@@ -169,12 +188,28 @@ int run_wait(const WaitOptions &options)
             is_told = true;
             complain(waiting.problem().text);
         }
-        const uint64_t next = std::min(end, monotonic_us() + (queue ? kMeshPollUs : kPollUs));
-        if (!(queue ? wait_readable(queue->fd(), next) : wait_until(next)))
+        if (!wait_for_next_look(queue, end))
             return kNothing; // replaced by what stopped the program
-        if (queue)
-            (void)queue->take();
     }
+}
+
+int run_wait(const WaitOptions &options)
+{
+    Problem problem;
+    auto waiting = waiting_of(options, problem);
+    if (!waiting)
+        return complain(problem);
+
+    catch_stop_signals();
+    const uint64_t end = options.timeout < 0
+                             ? std::numeric_limits<uint64_t>::max()
+                             : monotonic_us() + static_cast<uint64_t>(options.timeout * 1e6);
+    if (options.timeout > 0)
+        StandardStream::set_deadline(end);
+    std::unique_ptr<NoticeQueue> queue;
+    if (options.mesh && options.timeout != 0 && !(queue = NoticeQueue::join(problem)))
+        return complain(problem);
+    return wait_until_met(*waiting, options, queue.get(), end);
 }
 
 } // namespace
