@@ -1,5 +1,7 @@
 #include "common/table_reader.h"
 
+#include "common/pattern.h"
+
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -63,6 +65,14 @@ void TableReader::read(const char *key, std::vector<std::string> &target)
     target.clear();
     for (const toml::node &element : *array)
         target.push_back(*element.value_exact<std::string>());
+}
+
+void TableReader::read_patterns(const char *key, std::vector<std::string> &target)
+{
+    read(key, target);
+    for (const std::string &pattern : target)
+        if (const std::string why = pattern_problem(pattern, Dialect::tags); !why.empty())
+            problem(key, "\"" + pattern + "\" is no pattern of tags: " + why);
 }
 
 void TableReader::read(const char *key, double &target, double least, double most)

@@ -40,6 +40,8 @@ class TableReader {
         if (const auto value = integer(key, least, most))
             target = static_cast<T>(*value);
     }
+    // Reads patterns of tags, and adds a problem for each that is none.
+    void read_patterns(const char *key, std::vector<std::string> &target);
     // Reads seconds, which may have fractions.
     void read(const char *key, std::chrono::milliseconds &target, double least, double most);
     // Reads a text that `parse` accepts; else its problem is added.

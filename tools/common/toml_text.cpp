@@ -2,12 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <sys/stat.h>
 
 namespace kp::tool {
 
@@ -121,27 +116,6 @@ toml::table parse_toml(std::string_view text)
         return toml::parse(text);
     const toml::source_position position = scanner.position();
     throw toml::parse_error(fault, toml::source_region{position, position, nullptr});
-}
-
-Result<toml::table> parse_configuration_text(std::string_view text, const std::string &path)
-{
-    try {
-        return Result<toml::table>::of(parse_toml(text));
-    } catch (const toml::parse_error &error) {
-        return Result<toml::table>::failed(path + ":" + std::to_string(error.source().begin.line) +
-                                           ": " + std::string(error.description()));
-    }
-}
-
-Result<std::string> read_configuration_text(const std::string &path)
-{
-    struct stat status {};
-    std::ifstream file(path);
-    if (!file || stat(path.c_str(), &status) != 0)
-        return Result<std::string>::failed(path + ": " + std::strerror(errno));
-    if (S_ISDIR(status.st_mode))
-        return Result<std::string>::failed(path + ": " + std::strerror(EISDIR));
-    return Result<std::string>::of({std::istreambuf_iterator<char>(file), {}});
 }
 
 } // namespace kp::tool

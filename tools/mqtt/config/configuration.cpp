@@ -1,8 +1,7 @@
 #include "config/configuration.h"
 
+#include "common/configuration_file.h"
 #include "common/pattern.h"
-#include "common/table_reader.h"
-#include "common/toml_text.h"
 #include "config/broker_reader.h"
 #include "config/setting_values.h"
 #include "names/topic_names.h"
@@ -98,11 +97,7 @@ class ConfigurationReader {
     static void read_rest(TableReader &table, OutRule &rule, const std::string &default_prefix)
     {
         read_needed(table, "pattern", rule.pattern, setting::tag_pattern);
-        table.read("exclude", rule.exclude);
-        for (const std::string &pattern : rule.exclude)
-            if (const std::string problem = tool::pattern_problem(pattern, tool::Dialect::tags);
-                !problem.empty())
-                table.problem("exclude", "\"" + pattern + "\" is no pattern of tags: " + problem);
+        table.read_patterns("exclude", rule.exclude);
         rule.prefix = default_prefix;
         table.read<std::string>("prefix", rule.prefix, setting::prefix);
         table.read<std::string>("tags", rule.tags, setting::tag_prefix);
@@ -157,15 +152,15 @@ class ConfigurationReader {
     Problems &problems_;
 };
 
-ConfigurationResult finish(const toml::table &file, const std::string &path)
+Configuration read_configuration(const toml::table &file, const std::string &path,
+                                 Problems &problems)
 {
-    ConfigurationResult result;
-    result.configuration = ConfigurationReader(path, result.problems).read(file);
-    if (!result.problems.empty())
-        return result;
-    for (const std::string &problem : rule_problems(result.configuration))
-        result.problems.push_back(path + ": " + problem);
-    return result;
+    Configuration configuration = ConfigurationReader(path, problems).read(file);
+    if (!problems.empty())
+        return configuration;
+    for (const std::string &problem : rule_problems(configuration))
+        problems.push_back(path + ": " + problem);
+    return configuration;
 }
 
 } // namespace
@@ -238,18 +233,12 @@ std::string Configuration::summary() const
 
 ConfigurationResult load_configuration(const std::string &path)
 {
-    const auto text = tool::read_configuration_text(path);
-    if (!text)
-        return {{}, {text.problem}};
-    return parse_configuration(*text.value, path);
+    return tool::load_configuration(path, read_configuration);
 }
 
 ConfigurationResult parse_configuration(std::string_view text, const std::string &path)
 {
-    const auto file = tool::parse_configuration_text(text, path);
-    if (!file)
-        return {{}, {file.problem}};
-    return finish(*file.value, path);
+    return tool::parse_configuration(text, path, read_configuration);
 }
 
 } // namespace kp::mqtt

@@ -1,6 +1,7 @@
 // What the configuration file says, with every default filled in.
 #pragma once
 
+#include "common/configured.h"
 #include "config/broker_settings.h"
 #include "config/rule_settings.h"
 #include "kp.h"
@@ -88,10 +89,7 @@ struct Configuration {
     std::string summary() const;
 };
 
-struct ConfigurationResult {
-    Configuration configuration;
-    std::vector<std::string> problems; // one line each; empty when the configuration is good
-};
+using ConfigurationResult = tool::Configured<Configuration>;
 
 // Reads and checks a file.
 ConfigurationResult load_configuration(const std::string &path);

@@ -1,8 +1,6 @@
 #include "config/configuration.h"
 
-#include "common/pattern.h"
-#include "common/table_reader.h"
-#include "common/toml_text.h"
+#include "common/configuration_file.h"
 
 #include <arpa/inet.h>
 #include <charconv>
@@ -76,9 +74,9 @@ class ConfigurationReader {
         Configuration result;
         read_addresses(table, result);
         table.read("hosts", result.hosts);
-        read_patterns(table, "show", result.show);
-        read_patterns(table, "hide", result.hide);
-        read_patterns(table, "metrics", result.metrics);
+        table.read_patterns("show", result.show);
+        table.read_patterns("hide", result.hide);
+        table.read_patterns("metrics", result.metrics);
         table.read("rate", result.rate, 0.1, 100);
         result.page = usual_page();
         table.read("page", result.page);
@@ -104,21 +102,12 @@ class ConfigurationReader {
         }
     }
 
-    static void read_patterns(TableReader &table, const char *key, std::vector<std::string> &target)
-    {
-        table.read(key, target);
-        for (const std::string &pattern : target)
-            if (const std::string problem = tool::pattern_problem(pattern, tool::Dialect::tags);
-                !problem.empty())
-                table.problem(key, "\"" + pattern + "\" is no pattern of tags: " + problem);
-    }
-
     void read_write_rules(TableReader &file, Configuration &result)
     {
         for (const toml::table *source : file.tables("write")) {
             TableReader table(*source, path_, problems_);
             std::vector<std::string> topics;
-            read_patterns(table, "topics", topics);
+            table.read_patterns("topics", topics);
             if (topics.empty())
                 table.problem("topics", "patterns are needed, as [\"a/#\"]");
             std::string token_file;
@@ -149,6 +138,12 @@ class ConfigurationReader {
     Problems &problems_;
 };
 
+Configuration read_configuration(const toml::table &file, const std::string &path,
+                                 Problems &problems)
+{
+    return ConfigurationReader(path, problems).read(file);
+}
+
 } // namespace
 
 std::string Address::text() const
@@ -169,20 +164,12 @@ tool::Selection Configuration::shown() const
 
 ConfigurationResult load_configuration(const std::string &path)
 {
-    const auto text = tool::read_configuration_text(path);
-    if (!text)
-        return {{}, {text.problem}};
-    return parse_configuration(*text.value, path);
+    return tool::load_configuration(path, read_configuration);
 }
 
 ConfigurationResult parse_configuration(std::string_view text, const std::string &path)
 {
-    const auto file = tool::parse_configuration_text(text, path);
-    if (!file)
-        return {{}, {file.problem}};
-    ConfigurationResult result;
-    result.configuration = ConfigurationReader(path, result.problems).read(*file.value);
-    return result;
+    return tool::parse_configuration(text, path, read_configuration);
 }
 
 } // namespace kp::web

@@ -1,6 +1,7 @@
 // Holds what the configuration file says, with every default filled in.
 #pragma once
 
+#include "common/configured.h"
 #include "common/selection.h"
 #include "writing/gate.h"
 
@@ -43,10 +44,7 @@ struct Configuration {
     tool::Selection shown() const;
 };
 
-struct ConfigurationResult {
-    Configuration configuration;
-    std::vector<std::string> problems; // one line each; empty when the configuration is good
-};
+using ConfigurationResult = tool::Configured<Configuration>;
 
 // Reads and checks a file.
 ConfigurationResult load_configuration(const std::string &path);
