@@ -2,9 +2,9 @@
 #include "common/dictionary/dictionary.h"
 #include "common/number_type.h"
 #include "common/text.h"
+#include "testing/file_text.h"
 
 #include <algorithm>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -66,9 +66,9 @@ record = { deadband = 0.2, at-least = 600, keep = true }
 
 TEST(DictionaryFile, TakesTheExampleThatIsInstalled)
 {
-    std::ifstream example(KP_DICTIONARY_EXAMPLE);
+    const std::string example = kptest::file_text(KP_DICTIONARY_EXAMPLE);
 
-    const DictionaryFile read = parsed(std::string(std::istreambuf_iterator<char>(example), {}));
+    const DictionaryFile read = parsed(example);
 
     EXPECT_THAT(problem_lines(read), IsEmpty());
     EXPECT_EQ(read.entries.size(), 3u);

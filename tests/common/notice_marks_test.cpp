@@ -1,11 +1,13 @@
 #include "common/notice_marks.h"
 
+#include "testing/readable.h"
+
 #include <atomic>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <thread>
 
 using namespace kp::tool;
+using kptest::is_readable;
 
 namespace {
 
@@ -14,12 +16,6 @@ kp_write_info notice_of(uint32_t bucket)
     kp_write_info notice{KP_MSG_WRITE_INFO, {}};
     notice.bitmap[bucket / 8] = static_cast<uint8_t>(1U << bucket % 8);
     return notice;
-}
-
-bool is_readable(int fd)
-{
-    pollfd waiting{fd, POLLIN, 0};
-    return poll(&waiting, 1, 0) == 1;
 }
 
 } // namespace

@@ -1,12 +1,13 @@
 // Notices that wait for the application's own thread, and the descriptor that says so.
 #include "core/mesh.h"
 
+#include "testing/readable.h"
+
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <optional>
-#include <poll.h>
 #include <thread>
 
 using namespace kptest;
@@ -24,12 +25,6 @@ std::string everything()
 void bring(kp_t *handle, const std::string &notice)
 {
     kp_notify_callback(bytes_of(notice), 129, handle);
-}
-
-bool is_readable(int fd, int timeout_ms = 0)
-{
-    pollfd ready{fd, POLLIN, 0};
-    return poll(&ready, 1, timeout_ms) == 1 && (ready.revents & POLLIN) != 0;
 }
 
 // What is taken: a notice's bytes, or none when the function says that there was nothing.
@@ -388,7 +383,7 @@ TEST(FollowedChanges, IncludeTopicsThatAreAnnouncedAfterTheSwitch)
 
     ASSERT_TRUE(sender.send(write_notice({kp_hash("a/b")})));
 
-    ASSERT_TRUE(is_readable(handle.fd(), 10'000));
+    ASSERT_TRUE(is_readable(handle.fd(), std::chrono::seconds(10)));
     EXPECT_THAT(read_topics(handle, *take(handle)), ElementsAre("a/b"));
 }
 
@@ -404,7 +399,7 @@ TEST(FollowedChanges, OfALoopThatStandsStillBlockNoProvider)
     ASSERT_TRUE(wait_until([&] {
         const int32_t first = 0;
         return kp_tag_write(provider, source, &first, 4) == 4 && kp_tag_notify(provider) == 0 &&
-               is_readable(consumer.fd(), 10);
+               is_readable(consumer.fd(), std::chrono::milliseconds(10));
     }));
     (void)take(consumer);
 
@@ -413,7 +408,7 @@ TEST(FollowedChanges, OfALoopThatStandsStillBlockNoProvider)
         ASSERT_EQ(kp_tag_notify(provider), 0);
     }
 
-    ASSERT_TRUE(is_readable(consumer.fd(), 10'000));
+    ASSERT_TRUE(is_readable(consumer.fd(), std::chrono::seconds(10)));
     EXPECT_THAT(read_topics(consumer, *take(consumer)), ElementsAre("a"));
     int32_t value = 0;
     EXPECT_EQ(kp_tag_read(tag, &value, 4), 4);

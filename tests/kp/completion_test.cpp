@@ -1,9 +1,10 @@
 // The completions of the three shells repeat kp's own words; these tests hold them to kp.
 #include "kp_run.h"
 
+#include "testing/file_text.h"
+
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <ostream>
 #include <sstream>
@@ -58,9 +59,7 @@ Words words_at(const std::string &text, const Place &place)
 std::string text_of(const Completion &completion)
 {
     const auto path = std::filesystem::path(KP_COMPLETION).replace_extension(completion.shell);
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
+    return file_text(path);
 }
 
 // Gives the first name of each command, and `help`, which is no command to the parser.

@@ -2,6 +2,7 @@
 #include "kp_run.h"
 
 #include "testing/child.h"
+#include "testing/file_text.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 #include "testing/unix_socket.h"
@@ -87,10 +88,8 @@ class SwappedDirectory {
     static std::string picture()
     {
         std::string all;
-        for (const std::string &name : names()) {
-            std::ifstream file("/run/victim/" + name);
-            all += name + std::string(std::istreambuf_iterator<char>(file), {});
-        }
+        for (const std::string &name : names())
+            all += name + file_text("/run/victim/" + name);
         return all + std::to_string(std::distance(fs::directory_iterator("/run/victim"),
                                                   fs::directory_iterator()));
     }

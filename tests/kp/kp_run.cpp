@@ -1,6 +1,7 @@
 #include "kp_run.h"
 
 #include "testing/child.h"
+#include "testing/file_text.h"
 #include "testing/process.h"
 
 #include <algorithm>
@@ -208,7 +209,7 @@ std::string store_picture()
                  << status.st_ino << ' ' << status.st_mtim.tv_sec << '.' << status.st_mtim.tv_nsec
                  << ' ' << status.st_ctim.tv_sec << '.' << status.st_ctim.tv_nsec << ' ';
             if (S_ISREG(status.st_mode))
-                line << std::ifstream(entry.path()).rdbuf();
+                line << file_text(entry.path());
             lines.push_back(line.str());
         }
     std::sort(lines.begin(), lines.end());

@@ -2,6 +2,7 @@
 #include "kp_run.h"
 
 #include "testing/process.h"
+#include "testing/readable.h"
 
 #include <array>
 #include <cerrno>
@@ -10,7 +11,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <optional>
-#include <poll.h>
 #include <pty.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -56,8 +56,7 @@ class HeldTop : public OwnProcess {
     {
         return wait_until([&] {
             std::array<char, 65536> buffer;
-            pollfd ready{master_, POLLIN, 0};
-            if (poll(&ready, 1, 0) == 1)
+            if (is_readable(master_))
                 taken_.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(
                                                  read(master_, buffer.data(), buffer.size()), 0)));
             return taken_.find(text) != std::string::npos;

@@ -1,10 +1,12 @@
 #include "answers/answers.h"
 
+#include "testing/readable.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 
 using namespace kp::mqtt;
+using kptest::is_readable;
 using testing::IsEmpty;
 
 namespace {
@@ -23,12 +25,6 @@ Message asking(const std::string &response_topic, const std::string &correlation
     message.response_topic = response_topic;
     message.correlation = correlation;
     return message;
-}
-
-bool is_readable(int fd)
-{
-    pollfd waiting{fd, POLLIN, 0};
-    return poll(&waiting, 1, 0) == 1;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "device.h"
 
 #include "store/store_reader.h"
+#include "testing/file_text.h"
 #include "testing/process.h"
 
 #include <atomic>
@@ -21,13 +22,6 @@ constexpr const char *kEnvironment =
 #else
 constexpr const char *kEnvironment = "";
 #endif
-
-std::string contents(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 } // namespace
 
@@ -165,7 +159,7 @@ std::optional<int> BridgeProgram::stop()
 
 std::string BridgeProgram::log() const
 {
-    return contents(path_ + ".log");
+    return file_text(path_ + ".log");
 }
 
 std::vector<std::string> BridgeProgram::output()

@@ -1,11 +1,11 @@
 #include "providers/segment_holders.h"
 
 #include "testing/child.h"
+#include "testing/readable.h"
 #include "testing/store_provider.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/stat.h>
 
 using namespace kp::mqtt;
@@ -26,12 +26,6 @@ ino_t file_of(const std::string &topic)
     struct stat status {};
     EXPECT_EQ(stat(("/dev/shm/zu-kp/" + topic).c_str(), &status), 0);
     return status.st_ino;
-}
-
-bool hears_an_end(SegmentHolders &holders, int timeout_ms)
-{
-    pollfd ended = {holders.fd(), POLLIN, 0};
-    return poll(&ended, 1, timeout_ms) == 1;
 }
 
 } // namespace
@@ -63,12 +57,12 @@ TEST(SegmentHolders, HearTheEndOfAProcessOnce)
     ASSERT_EQ(other.hear(), "open");
     SegmentHolders holders(true);
     (void)holders.take();
-    EXPECT_FALSE(hears_an_end(holders, 0));
+    EXPECT_FALSE(is_readable(holders.fd()));
     EXPECT_FALSE(holders.some_ended());
 
     other.signal(SIGKILL);
 
-    EXPECT_TRUE(hears_an_end(holders, 20'000));
+    EXPECT_TRUE(is_readable(holders.fd(), kDeadline));
     EXPECT_TRUE(holders.some_ended());
     EXPECT_FALSE(holders.some_ended());
     EXPECT_TRUE(holders.take().of(file_of("a/1")).empty());
@@ -95,7 +89,7 @@ TEST(SegmentHolders, ListenToNobodyWhoHasClosed)
     other.signal(SIGKILL);
     (void)other.wait();
 
-    EXPECT_FALSE(hears_an_end(holders, 0));
+    EXPECT_FALSE(is_readable(holders.fd()));
 }
 
 TEST(SegmentHolders, DoNotSeeAllAsAnOrdinaryUser)

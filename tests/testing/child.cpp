@@ -1,6 +1,7 @@
 #include "testing/child.h"
 
 #include "testing/process.h"
+#include "testing/readable.h"
 
 #include <cerrno>
 #include <csignal>
@@ -11,7 +12,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <poll.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -96,8 +96,7 @@ std::optional<std::string> Channel::hear(std::chrono::milliseconds deadline)
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             end - std::chrono::steady_clock::now());
-        pollfd wanted{read_fd_, POLLIN, 0};
-        if (left.count() < 0 || poll(&wanted, 1, static_cast<int>(left.count())) != 1)
+        if (left.count() < 0 || !is_readable(read_fd_, left))
             return std::nullopt;
         char bytes[4096];
         const ssize_t count = read(read_fd_, bytes, sizeof(bytes));

@@ -1,10 +1,11 @@
 #include "testing/unix_socket.h"
 
+#include "testing/readable.h"
+
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -116,8 +117,7 @@ bool UnixSocket::is_closed_by_peer(std::chrono::milliseconds deadline) const
 
 bool UnixSocket::is_readable(std::chrono::milliseconds deadline) const
 {
-    pollfd wanted{fd_, POLLIN, 0};
-    return poll(&wanted, 1, static_cast<int>(deadline.count())) == 1;
+    return kptest::is_readable(fd_, deadline);
 }
 
 void UnixSocket::close()

@@ -1,9 +1,10 @@
 #include "web/client.h"
 
+#include "testing/readable.h"
+
 #include <arpa/inet.h>
 #include <cstring>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -47,9 +48,8 @@ bool Client::ask(const std::string &target, const std::string &headers) const
 
 bool Client::receive()
 {
-    pollfd ready{fd_, POLLIN, 0};
     char room[16384];
-    if (has_ended_ || poll(&ready, 1, 50) <= 0)
+    if (has_ended_ || !is_readable(fd_, std::chrono::milliseconds(50)))
         return false;
     const ssize_t got = recv(fd_, room, sizeof room, MSG_DONTWAIT);
     has_ended_ = got <= 0;
