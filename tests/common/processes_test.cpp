@@ -103,3 +103,9 @@ TEST(GroupsOf, HasTheEffectiveGroup)
     EXPECT_TRUE(groups_of(getpid()).value().contains(getegid()));
     EXPECT_EQ(groups_of(-1), std::nullopt);
 }
+
+TEST(HiddenProcessesText, AgreesWithItsNumber)
+{
+    EXPECT_EQ(hidden_processes_text(1), "1 process shows only to root");
+    EXPECT_EQ(hidden_processes_text(2), "2 processes show only to root");
+}

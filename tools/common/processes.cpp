@@ -185,6 +185,12 @@ std::string process_text(const Process &process)
     return std::to_string(process.pid) + " " + process.program + " (" + process.user + ")";
 }
 
+std::string hidden_processes_text(std::size_t count)
+{
+    return count == 1 ? "1 process shows only to root"
+                      : std::to_string(count) + " processes show only to root";
+}
+
 unsigned Mappers::open_handles(const FileId &file) const
 {
     unsigned open = 0;

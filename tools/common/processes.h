@@ -41,6 +41,9 @@ std::optional<std::set<gid_t>> groups_of(pid_t pid);
 // "1234 program (user)"
 std::string process_text(const Process &process);
 
+// "1 process shows only to root", "3 processes show only to root"
+std::string hidden_processes_text(std::size_t count);
+
 // One process's mappings of one segment. The library maps a segment, writable, once for each open
 // handle.
 struct Mapper {

@@ -1,6 +1,7 @@
 // The endpoints: dead ones, stuck ones, crowded ones, and sockets that others cannot reach.
 #include "common/device/endpoints.h"
 #include "common/doctor/finding.h"
+#include "common/processes.h"
 #include "common/text.h"
 #include "kp.h"
 
@@ -135,8 +136,8 @@ std::size_t check_mesh(Findings &findings)
                             "ss -xlp src " + shell_word(socket.path)});
     const std::size_t hidden = mesh.descriptors.unreadable.size();
     if (hidden > 0)
-        findings.push_back({Severity::note, "hidden", "processes",
-                            std::to_string(hidden) + " show only to root", "sudo kp doctor"});
+        findings.push_back({Severity::note, "hidden", "processes", hidden_processes_text(hidden),
+                            "sudo kp doctor"});
     check_descriptors(mesh, findings);
     return mesh.endpoints.size();
 }

@@ -3,6 +3,7 @@
 #include "common/device/counts_lock.h"
 #include "common/device/mapper_json.h"
 #include "common/dictionary/fact_lines.h"
+#include "common/processes.h"
 #include "common/text.h"
 #include "output/meaning.h"
 #include "output/output.h"
@@ -72,7 +73,7 @@ std::string counts_note(const Snapshot &snapshot, const Users &users)
     if (counted < mapped)
         return std::to_string(mapped) + " handles are open, more than are counted";
     return users.hidden > 0 ? std::to_string(mapped) + " open handles found; " +
-                                  std::to_string(users.hidden) + " processes show only to root"
+                                  hidden_processes_text(users.hidden)
                             : std::to_string(counted - mapped) +
                                   " of them have no process any more (kp gc corrects that)";
 }

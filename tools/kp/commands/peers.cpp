@@ -2,6 +2,7 @@
 #include "commands/commands.h"
 #include "common/device/endpoints.h"
 #include "common/device/peer_json.h"
+#include "common/processes.h"
 #include "common/text.h"
 #include "kp.h"
 #include "output/output.h"
@@ -76,7 +77,7 @@ int run_peers(bool json)
         print_table(mesh);
     const std::size_t hidden = mesh.descriptors.unreadable.size();
     if (hidden > 0 && !json)
-        complain(std::to_string(hidden) + " processes show only to root");
+        complain(hidden_processes_text(hidden));
     return kDone;
 }
 

@@ -155,8 +155,8 @@ class Removal {
             snapshot ? snapshot->providers > 0 || snapshot->consumers > 0 : problem.code == kLimit;
         if (may_be_open && !all.unreadable.empty())
             return Problem{kPermission, name + ": counted as open, and " +
-                                            std::to_string(all.unreadable.size()) +
-                                            " processes show only to root (--force removes it)"};
+                                            hidden_processes_text(all.unreadable.size()) +
+                                            " (--force removes it)"};
         return std::nullopt;
     }
 

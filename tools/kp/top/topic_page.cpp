@@ -65,7 +65,7 @@ std::vector<std::string> TopicPage::user_lines()
             if (mapper.writable > 0) // a look, such as this program's, is no use
                 lines.push_back(process_text(process_of(mapper.pid)));
     if (!mappers.unreadable.empty())
-        lines.push_back(std::to_string(mappers.unreadable.size()) + " processes show only to root");
+        lines.push_back(hidden_processes_text(mappers.unreadable.size()));
     return lines;
 }
 

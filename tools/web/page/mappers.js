@@ -49,6 +49,6 @@ export class Mappers {
       return [];
     const hidden = this.found.hidden_processes;
     return [...this.found.mappers.map(processText),
-      ...(hidden ? [hidden + " processes show only to root"] : [])];
+      ...(hidden ? [(hidden === 1 ? "1 process shows" : hidden + " processes show") + " only to root"] : [])];
   }
 }

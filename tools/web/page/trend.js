@@ -110,7 +110,9 @@ export class Trend {
     return { start, place: (time) => ((time - start) / (now - start)) * width };
   }
 
-  drawBands(bands) {
+  drawBands(changing) {
+    const bands = changing.map((band) => ({ ...band, points: band.points.filter(
+      (point, index) => index === 0 || point[2] !== band.points[index - 1][2]) }));
     const height = bands.length * kBandHeight;
     const width = this.bands.clientWidth;
     const scale = globalThis.devicePixelRatio || 1;
