@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -338,6 +339,84 @@ TEST(ConsistentAttempt, RefusesAValueThatAProviderIsJustClearing)
     EXPECT_FALSE(result);
 }
 
+// Plays a writer that changes one field between the copy and the comparison.
+struct ChangeBeforeComparison {
+    std::function<void()> change;
+
+    void copy(uint8_t *to, const uint8_t *from, uint32_t size) const
+    {
+        std::memcpy(to, from, size);
+        change();
+    }
+    static bool is_equal(const uint8_t *copy, const uint8_t *from, uint32_t size)
+    {
+        return kp::are_equal(copy, from, size);
+    }
+    static void between_steps()
+    {
+    }
+};
+
+// Whether an attempt takes a value of so many bytes whose segment changes after the copy.
+bool takes_a_value(uint32_t size, const std::function<void(kp::Segment &)> &change)
+{
+    kp::Segment segment{};
+    segment.state.flags = kp::kValid | kp::kHasValue;
+    segment.last_write_ts = 20;
+    segment.source_ts = 10;
+    segment.quality = 5;
+    segment.written_value_size = size;
+    std::memset(segment.value, 'a', size);
+    std::array<uint8_t, 16> buffer{};
+    kp::ValueHeader header{};
+    const ChangeBeforeComparison access{[&] { change(segment); }};
+    return kp::try_consistent_read(segment, buffer.data(), buffer.size(), header, access);
+}
+
+TEST(ConsistentAttempt, ComparesEachFieldByItself)
+{
+    EXPECT_TRUE(takes_a_value(4, [](kp::Segment &) {}));
+    EXPECT_FALSE(takes_a_value(4, [](kp::Segment &segment) { segment.last_write_ts = 21; }));
+    EXPECT_FALSE(takes_a_value(4, [](kp::Segment &segment) { segment.source_ts = 11; }));
+    EXPECT_FALSE(takes_a_value(4, [](kp::Segment &segment) { segment.quality = 6; }));
+    EXPECT_FALSE(takes_a_value(4, [](kp::Segment &segment) { segment.written_value_size = 3; }));
+    EXPECT_FALSE(takes_a_value(4, [](kp::Segment &segment) { segment.state.writing = 1; }));
+    EXPECT_FALSE(takes_a_value(4, [](kp::Segment &segment) { segment.state.flags = kp::kValid; }));
+}
+
+TEST(ConsistentAttempt, ComparesTheLastByteOfEachSize)
+{
+    EXPECT_FALSE(takes_a_value(1, [](kp::Segment &segment) { segment.value[0] = 'b'; }));
+    EXPECT_FALSE(takes_a_value(2, [](kp::Segment &segment) { segment.value[1] = 'b'; }));
+    EXPECT_FALSE(takes_a_value(4, [](kp::Segment &segment) { segment.value[3] = 'b'; }));
+    EXPECT_FALSE(takes_a_value(8, [](kp::Segment &segment) { segment.value[7] = 'b'; }));
+    EXPECT_FALSE(takes_a_value(9, [](kp::Segment &segment) { segment.value[8] = 'b'; }));
+    EXPECT_TRUE(takes_a_value(1, [](kp::Segment &segment) { segment.value[1] = 'b'; }));
+    EXPECT_TRUE(takes_a_value(2, [](kp::Segment &segment) { segment.value[2] = 'b'; }));
+    EXPECT_TRUE(takes_a_value(8, [](kp::Segment &segment) { segment.value[8] = 'b'; }));
+    EXPECT_TRUE(takes_a_value(9, [](kp::Segment &segment) { segment.value[9] = 'b'; }));
+}
+
+TEST(ConsistentAttempt, RefusesAValueThatIsBeingWrittenAndCopiesNothing)
+{
+    kp::Segment segment{};
+    segment.state.flags = kp::kValid | kp::kHasValue;
+    segment.state.writing = 1;
+    segment.written_value_size = 4;
+    bool is_copied = false;
+    std::array<uint8_t, 16> buffer{};
+    kp::ValueHeader header{};
+
+    const bool result = kp::try_consistent_read(segment, buffer.data(), buffer.size(), header,
+                                                ChangeBeforeComparison{[&] {
+                                                    is_copied = true;
+                                                    segment.state.writing = 0;
+                                                }});
+
+    EXPECT_FALSE(result);
+    EXPECT_FALSE(is_copied);
+}
+
 TEST_F(ConsistentRead, GivesTheValueWithAllThatBelongsToIt)
 {
     const std::string written(kSize, 'x');
@@ -392,6 +471,50 @@ TEST_F(ConsistentRead, MarksAValueOfAnotherSourceTimeUntilSomethingElseStandsThe
     file_.put_u8(at::value + 999, 'y');
     EXPECT_EQ(kp_shm_has_read(consumer_), 0);
     EXPECT_TRUE(kp::has_changed(*consumer_));
+}
+
+// Counts the bytes of a value whose change alone ends the doubt about a read of the whole.
+int bytes_that_end_the_doubt(kp_shm_t *provider, kp_shm_t *consumer, const SegmentFile &file,
+                             uint32_t size)
+{
+    int count = 0;
+    for (uint32_t place = 0; place < size; ++place) {
+        const std::string written(size, 'x');
+        EXPECT_EQ(kp_shm_write(provider, written.data(), size, 123, 77, 99), int32_t(size));
+        EXPECT_EQ(kp::read_consistent(consumer, nullptr, size, nullptr, nullptr, nullptr),
+                  int32_t(size));
+        EXPECT_EQ(kp_shm_has_read(consumer), 1);
+        file.put_u8(at::value + place, 'y');
+        count += kp_shm_has_read(consumer) == 0 && kp::has_changed(*consumer);
+    }
+    return count;
+}
+
+TEST_F(ConsistentRead, IsInDoubtUntilAnyByteChanges)
+{
+    // Sizes that leave every rest of the words that are looked at together.
+    EXPECT_EQ(bytes_that_end_the_doubt(provider_, consumer_, file_, 1), 1);
+    EXPECT_EQ(bytes_that_end_the_doubt(provider_, consumer_, file_, 8), 8);
+    EXPECT_EQ(bytes_that_end_the_doubt(provider_, consumer_, file_, 32), 32);
+    EXPECT_EQ(bytes_that_end_the_doubt(provider_, consumer_, file_, 79), 79);
+}
+
+TEST_F(ConsistentRead, IsInDoubtUntilWhatBelongsToTheValueChanges)
+{
+    ASSERT_EQ(kp_shm_write(provider_, "abcdefgh", 8, 123, 77, 99), 8);
+    ASSERT_EQ(kp::read_consistent(consumer_, nullptr, 8, nullptr, nullptr, nullptr), 8);
+    ASSERT_EQ(kp_shm_has_read(consumer_), 1);
+
+    file_.put_u8(at::quality, 78);
+    EXPECT_EQ(kp_shm_has_read(consumer_), 0);
+    file_.put_u8(at::quality, 77);
+    file_.put_u64(at::source_ts, 98);
+    EXPECT_EQ(kp_shm_has_read(consumer_), 0);
+    file_.put_u64(at::source_ts, 99);
+    file_.put_u32(at::written_value_size, 7);
+    EXPECT_EQ(kp_shm_has_read(consumer_), 0);
+    file_.put_u32(at::written_value_size, 8);
+    EXPECT_EQ(kp_shm_has_read(consumer_), 1);
 }
 
 TEST_F(ConsistentRead, SeesALaterWriteOfTheSameValue)

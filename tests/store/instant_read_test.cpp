@@ -4,6 +4,7 @@
 #include "testing/faults.h"
 #include "testing/leaks.h"
 #include "testing/log_level.h"
+#include "testing/mounts.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 
@@ -252,6 +253,19 @@ TEST_F(InstantReadFault, OfTheFileIsReportedWithThePath)
     EXPECT_EQ(log.text_without_line_numbers(), "\033[91mERROR: kp_shm_instant_read: "
                                                "fd '/dev/shm/zu-kp/a' create fail\n\033[0m");
     expect_untouched(value);
+}
+
+TEST_F(InstantReadFault, OfAFileWithoutAPageIsNoFatalSignalOnAFullFileSystem)
+{
+    const TinyTmpfs store("/dev/shm/zu-kp", 4);
+    SegmentFile("a").create();
+    store.fill();
+    const LogLevel debug(KP_LEVEL_DEBUG);
+    ReadValue value;
+    StderrCapture log;
+
+    EXPECT_EQ(value.read("a"), -1);
+    EXPECT_EQ(log.lines(), Lines{"DEBUG: kp_shm_instant_read: " + kUndeclared});
 }
 
 TEST_F(InstantReadFault, OfAFileThatVanishesBeforeItIsOpenedIsThatOfAMissingOne)

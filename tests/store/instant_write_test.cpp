@@ -9,6 +9,8 @@
 
 #include "kp.h"
 
+#include "layout/segment.h"
+
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <string>
@@ -133,6 +135,16 @@ TEST(InstantWrite, KeepsTheUnusedFlags)
     ASSERT_EQ(write_nothing("a"), 0);
 
     EXPECT_EQ(SegmentFile("a").u8(at::flags), 0xF1);
+}
+
+TEST(InstantWrite, WithoutAValueTakesBackOneThatCameBetween)
+{
+    const Before mapping{Call::mmap, [] { ASSERT_EQ(write_hello("a"), 0); }};
+
+    EXPECT_EQ(kp_shm_instant_write("a", nullptr, KP_TYPE_UINT32, 0, 1, 1, 1, 0), 0);
+
+    EXPECT_EQ(SegmentFile("a").u8(at::flags), kp::kValid);
+    EXPECT_EQ(SegmentFile("a").u32(at::written_value_size), 4U);
 }
 
 TEST(InstantWrite, WithQuality255LeavesTheStoredOne)
@@ -273,6 +285,25 @@ TEST_F(InstantWriteFault, OfTheFileIsReported)
     EXPECT_EQ(log.text_without_line_numbers(),
               "\033[91mERROR: kp_shm_instant_write: open shm(increase 'ulimit -n'): "
               "Too many open files\n\033[0m");
+}
+
+TEST_F(InstantWriteFault, ForAMomentWithoutDescriptorsIsNone)
+{
+    const FailNext own(Call::syscall, EMFILE);
+    EXPECT_EQ(write_hello("a"), 0);
+    const FailNext of_all(Call::syscall, ENFILE);
+    EXPECT_EQ(write_hello("b"), 0);
+}
+
+TEST_F(InstantWriteFault, OfAnotherKindIsReportedAtOnce)
+{
+    ASSERT_EQ(write_hello("a"), 0);
+    StderrCapture log;
+    const FailNext fault(Call::syscall, EIO);
+
+    EXPECT_EQ(write_hello("a"), -1);
+    EXPECT_EQ(log.lines(), Lines{"ERROR: kp_shm_instant_write: open shm(increase 'ulimit -n'): "
+                                 "Input/output error"});
 }
 
 TEST_F(InstantWriteFault, OfAFileThatVanishesBeforeItIsOpenedIsNone)

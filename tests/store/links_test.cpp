@@ -299,6 +299,7 @@ TEST(WithoutADescriptor, DirectoriesAreMadeAsFarAsTheFirstLevel)
     }
 
     EXPECT_TRUE(fs::is_directory(kStore / "a"));
+    EXPECT_FALSE(fs::exists(kStore / "a/b")); // who may write in `a` could turn the path elsewhere
 }
 
 TEST(WithoutADescriptor, ReadersAndWritersSayWhatTheyAlwaysSay)

@@ -53,6 +53,18 @@ TEST_F(OpeningFault, OfMemoryForTheHandleIsReported)
     EXPECT_FALSE(SegmentFile("a").exists());
 }
 
+TEST_F(OpeningFault, OfTheCreationIsReportedWithoutAnotherTry)
+{
+    StderrCapture log;
+    const FailFrom fault(Call::syscall, 1, ENOENT);
+
+    EXPECT_EQ(kp_shm_new("a", KP_ROLE_PROVIDER), nullptr);
+
+    EXPECT_EQ(log.lines(), Lines{"ERROR: kp_new_shm: open shm(increase 'ulimit -n'): No such file "
+                                 "or directory"});
+    EXPECT_LT(fault.count(), 20);
+}
+
 TEST_F(OpeningFault, OfMemoryForThePathIsReportedTwice)
 {
     StderrCapture log;

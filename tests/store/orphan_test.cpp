@@ -5,17 +5,20 @@
 #include "testing/capture.h"
 #include "testing/child.h"
 #include "testing/faults.h"
+#include "testing/leaks.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 
 #include "kp.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -198,6 +201,58 @@ TEST(TheLockOfAFile, IsGivenBackAlthoughAMappingKeepsTheFileOpen)
     EXPECT_EQ(pauses.count(), 0);
 }
 
+// A topic whose file has no name of its own any more and is found all the same, so that every look
+// at it finds it removed.
+class RemovedFile {
+  public:
+    explicit RemovedFile(const std::string &topic) : path_(segment_file_path(topic))
+    {
+        SegmentFile(topic).create();
+        SegmentFile("source").create();
+        const std::string source = segment_file_path("source");
+        EXPECT_EQ(mount(source.c_str(), path_.c_str(), nullptr, MS_BIND, nullptr), 0);
+        EXPECT_EQ(unlink(source.c_str()), 0);
+    }
+    RemovedFile(const RemovedFile &) = delete;
+    RemovedFile &operator=(const RemovedFile &) = delete;
+    ~RemovedFile()
+    {
+        EXPECT_EQ(umount(path_.c_str()), 0);
+    }
+
+  private:
+    std::string path_;
+};
+
+TEST(OpeningAFileThatIsAlwaysRemoved, EndsAndLeavesNothingBehind)
+{
+    const RemovedFile file("a");
+    StderrCapture log;
+    const Holdings before = Holdings::now();
+    const CountCalls looks(Call::sem_init);
+
+    EXPECT_EQ(kp_shm_new("a", KP_ROLE_PROVIDER), nullptr);
+
+    EXPECT_GE(looks.count(), 10);
+    EXPECT_LE(looks.count(), 100);
+    EXPECT_EQ(log.lines(), Lines{"ERROR: kp_shm_new: open shm(increase 'ulimit -n'): Stale file "
+                                 "handle"});
+    EXPECT_EQ(Holdings::now(), before);
+    EXPECT_EQ(SegmentFile("a").u16(at::provider_refs), 0);
+}
+
+TEST(OpeningAFileThatIsAlwaysRemoved, EndsAfterTenTriesWhenTwoSecondsAreOver)
+{
+    const RemovedFile file("a");
+    const StderrCapture log;
+    const CountCalls looks(Call::sem_init);
+    const Before first{Call::sem_init, [] { (void)usleep(2'100'000); }};
+
+    EXPECT_EQ(kp_shm_new("a", KP_ROLE_PROVIDER), nullptr);
+
+    EXPECT_EQ(looks.count(), 10);
+}
+
 TEST(AClose, UncountsWithoutADescriptorOfItsOwnWhileOthersAreOpen)
 {
     OpenedSegment first("a");
@@ -231,6 +286,55 @@ TEST(AClose, WithNoDescriptorLeftRemovesTheFileAllTheSame)
     });
 
     EXPECT_EQ(child.wait(), 0);
+}
+
+// The signals that the calling thread lets wait.
+bool is_blocked(int signal)
+{
+    sigset_t set;
+    return pthread_sigmask(SIG_SETMASK, nullptr, &set) == 0 && sigismember(&set, signal) == 1;
+}
+
+TEST(AClose, WithNoDescriptorLeftLetsNoSignalInterruptItsHelper)
+{
+    OpenedSegment shm("a");
+    const FailNext walk(Call::syscall, EMFILE);
+    bool blocked_in_helper = false;
+    const Before helping{Call::unshare, [&] { blocked_in_helper = is_blocked(SIGUSR1); }};
+
+    shm.close();
+
+    EXPECT_TRUE(blocked_in_helper);
+    EXPECT_FALSE(is_blocked(SIGUSR1));
+    EXPECT_FALSE(SegmentFile("a").exists());
+}
+
+TEST(AClose, WithoutADescriptorForTheFileAloneRemovesItAllTheSame)
+{
+    OpenedSegment shm("a");
+    const FailNext opening(Call::openat, EMFILE);
+
+    shm.close();
+
+    EXPECT_FALSE(SegmentFile("a").exists());
+}
+
+TEST(AClose, NeedsNoHelperWhereADescriptorIsToBeHad)
+{
+    OpenedSegment shm("a");
+    OpenedSegment replaced("b");
+    SegmentFile("b").remove();
+    SegmentFile("b").create();
+    const CountCalls threads(Call::pthread_create);
+
+    errno = EMFILE; // of something else
+    shm.close();
+    errno = EMFILE;
+    replaced.close();
+
+    EXPECT_EQ(threads.count(), 0);
+    EXPECT_FALSE(SegmentFile("a").exists());
+    EXPECT_TRUE(SegmentFile("b").exists());
 }
 
 TEST(AClose, WithNoDescriptorToBeHadLeavesTheFileUncounted)

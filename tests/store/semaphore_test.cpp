@@ -215,11 +215,14 @@ TEST(WaitForTheSemaphore, EndsWhenItsHolderWasKilled)
     ASSERT_EQ(holder.hear(), "held");
     holder.signal(SIGKILL);
     ASSERT_EQ(holder.wait(), 128 + SIGKILL);
+    const CountCalls waits(Call::sem_clockwait);
     const auto start = std::chrono::steady_clock::now();
 
     shm.close();
 
     EXPECT_LT(time_since(start), kDeadline);
+    EXPECT_GE(time_since(start), std::chrono::seconds(1)); // who only works slowly gets it in time
+    EXPECT_LE(waits.count(), 101);                         // each step waits for ten milliseconds
     EXPECT_EQ(SegmentFile("a").u8(at::provider_refs), 0);
     EXPECT_EQ(SegmentFile("a").u8(at::consumer_refs), 1);
 }
