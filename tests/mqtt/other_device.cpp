@@ -19,7 +19,9 @@ class Life {
     Life(int broker_port, const std::string &rules, const std::string &name)
         : line_(broker_port),
           bridge_(line_.port(),
-                  configuration(line_.port(), "state-file = \"/run/state\"\n" + rules, "", name))
+                  configuration(line_.port(),
+                                "state-file = \"/run/state\"\ntrust-visible = true\n" + rules, "",
+                                name))
     {
     }
 
@@ -80,6 +82,10 @@ class Life {
         if (verb == "start") {
             connections_before_ = connections();
             bridge_.start();
+        }
+        if (verb == "beats") {
+            const uint64_t now = kp_get_timestamp_us();
+            return wait_until([now] { return status_number("heartbeat") > now; });
         }
         if (verb == "connected")
             return wait_until([this] { return connections() > connections_before_; });

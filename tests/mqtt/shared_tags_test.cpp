@@ -3,12 +3,14 @@
 // the broker keeps.
 #include "inbound/inbound.h"
 #include "outbound/publications.h"
+#include "providers/left_handles.h"
 
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <random>
+#include <utility>
 #include <variant>
 
 using namespace kp::mqtt;
@@ -19,6 +21,9 @@ constexpr const char *kRules = "device = \"me\"\n[broker]\nburst-rate = 0\n"
                                "[[out]]\npattern = \"a/#\"\nprefix = \"t\"\n"
                                "[[in]]\nfilter = \"a/#\"\nprefix = \"t\"\nshared = true\n";
 constexpr const char *kState = "/run/shared-tags-state";
+constexpr const char *kHandles = "/run/shared-tags-state.handles";
+constexpr const char *kSaved = "/run/shared-tags-saved";
+constexpr uint32_t kUncounted = 3;
 
 struct Acknowledgement {
     int id;
@@ -67,22 +72,33 @@ class Program {
 // One run of a bridge: its parts, joined as the bridge joins them.
 class Run {
   public:
-    explicit Run(int number)
+    // `heartbeat` is the last sign of life of the run before, 0 if that has left in order.
+    Run(int number, uint64_t heartbeat)
         : configuration_(parse_configuration(kRules, "f").configuration),
           state_(std::move(*StateFile::open(kState).value)),
-          writer_(LocalWriter::join("run" + std::to_string(number), marks_, counters_)),
+          last_alive_(state_->had_caught_up() ? std::max(state_->last_used(), heartbeat)
+                                              : state_->last_used()),
+          writer_(LocalWriter::join("run" + std::to_string(number), marks_, counters_,
+                                    take_over(handles_))),
           topics_(configuration_, reader_, *state_, pending_),
-          shared_(configuration_, reader_, writer_.get(), *state_, pending_, topics_,
-                  state_->last_used()),
+          shared_(configuration_, reader_, writer_.get(), *state_, pending_, topics_, last_alive_),
           publications_(configuration_, reader_, writer_.get(), *state_, "me/boot", pending_,
                         topics_, shared_, counters_),
           inbound_(configuration_, reader_, shared_, events(), counters_)
     {
+        state_->start(last_alive_);
     }
 
     void look(Clock::time_point now)
     {
+        heartbeat_ = kp_get_timestamp_us();
         topics_.scan(now);
+        if (has_been_online_)
+            shared_.claim_unsent();
+    }
+    uint64_t heartbeat() const
+    {
+        return heartbeat_;
     }
     void write_what_waits(Clock::time_point now)
     {
@@ -97,9 +113,15 @@ class Run {
     }
     void stop_reading(Clock::time_point now)
     {
+        const uint64_t time = kp_get_timestamp_us();
+        look(now);
         publications_.connected(true, now);
         inbound_.give_up(shared_.stop_reading(true, now));
         inbound_.review();
+        if (std::exchange(has_been_online_, true))
+            return;
+        shared_.claim_unsent();
+        state_->catch_up(time);
     }
     void lose_connection(Clock::time_point now)
     {
@@ -109,6 +131,9 @@ class Run {
     std::optional<Publication> next(int id, Clock::time_point now)
     {
         auto publication = publications_.next(now);
+        for (const std::string &tag : publications_.take_taken_over())
+            if (inbound_.give_over(tag))
+                writer_->give_over(tag);
         if (publication)
             publications_.sent(*publication, id, now);
         return publication;
@@ -126,13 +151,21 @@ class Run {
     void leave()
     {
         writer_->work_off();
+        if (!has_been_online_)
+            return;
         const uint64_t now = kp_get_timestamp_us();
         topics_.scan(now_);
         shared_.claim_unsent();
-        state_->touch(now);
+        state_->leave(now);
     }
 
   private:
+    static HandleRecord *take_over(HandleRecord &handles)
+    {
+        (void)handles.load();
+        give_back_left_handles(handles, true);
+        return &handles;
+    }
     InboundEvents events()
     {
         return {
@@ -150,6 +183,7 @@ class Run {
                 },
             .set_quality = [](const std::string &, uint8_t) {},
             .is_dropping = [this](const std::string &tag) { return writer_->is_dropping(tag); },
+            .is_left = [this](const std::string &name) { return writer_->is_left(name); },
             .ask = [](const Message &, const InRule &) { return WhenDone{}; },
         };
     }
@@ -158,6 +192,8 @@ class Run {
     std::unique_ptr<StateFile> state_;
     StoreReader reader_;
     Counters counters_;
+    const uint64_t last_alive_;
+    HandleRecord handles_{kHandles};
     kp::tool::NoticeMarks marks_;
     std::unique_ptr<LocalWriter> writer_;
     PendingNames pending_;
@@ -166,6 +202,8 @@ class Run {
     Publications publications_;
     Inbound inbound_;
     Clock::time_point now_{};
+    uint64_t heartbeat_ = 0;
+    bool has_been_online_ = false;
 };
 
 class World {
@@ -173,7 +211,8 @@ class World {
     explicit World(unsigned seed) : random_(seed)
     {
         std::filesystem::remove(kState);
-        run_ = std::make_unique<Run>(++runs_);
+        std::filesystem::remove(kHandles);
+        run_ = std::make_unique<Run>(++runs_, 0);
         connect();
     }
     ~World()
@@ -206,7 +245,7 @@ class World {
         case 11:
             return connect();
         case 12:
-            return choose(4) == 0 ? restart() : void();
+            return choose(4) == 0 ? restart() : choose(4) == 0 ? kill() : void();
         case 13:
         case 14:
             return run_->write_what_waits(now_);
@@ -311,7 +350,26 @@ class World {
         cut();
         run_->leave();
         run_.reset();
-        run_ = std::make_unique<Run>(++runs_);
+        run_ = std::make_unique<Run>(++runs_, 0);
+        run_->look(now_);
+    }
+    // It leaves its counts, with what they hold, and the record of them.
+    void kill()
+    {
+        using std::filesystem::copy_options;
+        cut();
+        const uint64_t heartbeat = run_->heartbeat();
+        HandleRecord handles(kHandles);
+        (void)handles.load();
+        std::map<std::string, kp_shm_t *> left;
+        for (const std::string &tag : handles.left())
+            left[tag] = kp_shm_new(tag.c_str(), KP_ROLE_PROVIDER);
+        std::filesystem::copy_file(kHandles, kSaved, copy_options::overwrite_existing);
+        run_.reset();
+        for (const auto &[tag, segment] : left)
+            (void)kp_shm_destroy(segment, tag.c_str(), kUncounted);
+        std::filesystem::copy_file(kSaved, kHandles, copy_options::overwrite_existing);
+        run_ = std::make_unique<Run>(++runs_, heartbeat);
         run_->look(now_);
     }
     void deliver()

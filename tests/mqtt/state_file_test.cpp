@@ -103,3 +103,51 @@ TEST(StateFile, WithoutAPathKeepsNothing)
 
     EXPECT_TRUE((*file.value)->has("kp/a"));
 }
+
+TEST(StateFile, CountsNoRunThatHasNotCaughtUp)
+{
+    std::filesystem::remove(kPath);
+    opened()->leave(1'000'000);
+    (void)opened(); // and is killed
+    {
+        const auto file = opened();
+        file->start(1'000'000);
+        file->take("kp/a"); // and is killed
+    }
+
+    const auto file = opened();
+
+    EXPECT_FALSE(file->had_caught_up());
+    EXPECT_EQ(file->last_used(), 1'000'000u);
+}
+
+TEST(StateFile, CountsARunThatHasCaughtUp)
+{
+    std::filesystem::remove(kPath);
+    {
+        const auto file = opened();
+        file->start(1'000'000);
+        file->catch_up(2'000'000); // and is killed
+    }
+
+    const auto file = opened();
+
+    EXPECT_TRUE(file->had_caught_up());
+    EXPECT_EQ(file->last_used(), 2'000'000u);
+}
+
+TEST(StateFile, CountsARunUntilItLeaves)
+{
+    std::filesystem::remove(kPath);
+    {
+        const auto file = opened();
+        file->start(1'000'000);
+        file->catch_up(2'000'000);
+        file->leave(3'000'000);
+    }
+
+    const auto file = opened();
+
+    EXPECT_TRUE(file->had_caught_up());
+    EXPECT_EQ(file->last_used(), 3'000'000u);
+}

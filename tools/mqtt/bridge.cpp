@@ -65,6 +65,7 @@ InboundEvents Bridge::inbound_events()
         .set_quality = [this](const std::string &tag,
                               uint8_t quality) { writer_.set_quality(tag, quality); },
         .is_dropping = [this](const std::string &tag) { return writer_.is_dropping(tag); },
+        .is_left = [this](const std::string &name) { return writer_.is_left(name); },
         .ask = [this](const Message &message,
                       const InRule &rule) { return answers_->ask(message, rule); },
     };
@@ -120,12 +121,12 @@ std::optional<Configuration> Bridge::run(const Signals &signals,
 
 void Bridge::leave_behind()
 {
-    if (!has_been_online_) // what was written meanwhile is to be told from what was sent before
-        return state_.touch(shared_.last_alive());
+    if (!has_been_online_)
+        return;
     const uint64_t now = kp_get_timestamp_us();
     topics_.scan(Clock::now());
     shared_.claim_unsent();
-    state_.touch(now);
+    state_.leave(now);
 }
 
 void Bridge::reload(ConfigurationResult loaded, Clock::time_point now)
@@ -167,12 +168,16 @@ void Bridge::take_over(Configuration configuration, bool connects_anew, Clock::t
 // What changed before a connection waits with the rest.
 void Bridge::go_online(bool kept, bool has_read)
 {
+    const uint64_t time = kp_get_timestamp_us();
     const auto now = Clock::now();
-    has_been_online_ = true;
     look_at_marks(now);
     publications_.connected(kept, now);
     inbound_.give_up(shared_.stop_reading(has_read, now));
     inbound_.review();
+    if (!std::exchange(has_been_online_, true)) {
+        shared_.claim_unsent();
+        state_.catch_up(time);
+    }
 }
 
 int Bridge::poll_timeout(Clock::time_point now) const
@@ -269,6 +274,7 @@ void Bridge::send_values(Clock::time_point now)
             return;
         }
         const auto publication = publications_.next(now);
+        give_over_tags();
         if (!publication)
             return;
         int id = 0;
@@ -286,6 +292,13 @@ void Bridge::send_values(Clock::time_point now)
     }
 }
 
+void Bridge::give_over_tags()
+{
+    for (const std::string &tag : publications_.take_taken_over())
+        if (inbound_.give_over(tag))
+            writer_.give_over(tag);
+}
+
 void Bridge::tick(Clock::time_point now)
 {
     next_tick_ = now + kTick;
@@ -294,7 +307,7 @@ void Bridge::tick(Clock::time_point now)
     unheard_.look(now);
     if (dictionary_.look())
         take_over_dictionary(now);
-    if (has_been_online_ && !session_.is_online())
+    if (has_been_online_)
         shared_.claim_unsent();
     show_status(now, session_.is_online());
     const bool stuck = writer_.busy_for(now) > kStuck;

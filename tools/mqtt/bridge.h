@@ -62,6 +62,7 @@ class Bridge {
     void look_for_changes(Clock::time_point now);
     void send_answers();
     void send_values(Clock::time_point now);
+    void give_over_tags();
     void tick(Clock::time_point now);
     void take_over_dictionary(Clock::time_point now);
     void use_dictionary(Clock::time_point now);

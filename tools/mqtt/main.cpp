@@ -4,6 +4,7 @@
 #include "config/file_problems.h"
 #include "connection_check.h"
 #include "mapping.h"
+#include "providers/left_handles.h"
 #include "signals.h"
 
 #include <CLI/CLI.hpp>
@@ -59,10 +60,12 @@ bool is_endpoint_taken(const std::string &name)
     return result == 0 || errno == EAGAIN;
 }
 
-// When an earlier run was last alive, in microseconds since the epoch. The state file tells, or, if
-// that run was killed, its heartbeat.
+// When an earlier run that knew where all values came from was last alive, in microseconds since
+// the epoch. The state file tells, or, if that run was killed, its heartbeat.
 uint64_t last_alive(const Configuration &configuration, const StateFile &state)
 {
+    if (!state.had_caught_up())
+        return state.last_used();
     Sample heartbeat;
     const std::string tag = configuration.status_prefix + '/' + kHeartbeat;
     const bool was_left = StoreReader{}.read(tag, heartbeat) == ReadOutcome::read;
@@ -88,9 +91,17 @@ Ended run_one(const Configuration &configuration, const Signals &signals, const 
         return {kFailed, {}};
     }
     const uint64_t alive_until = last_alive(configuration, **state.value);
+    (*state.value)->start(alive_until);
+    HandleRecord handles(configuration.state_file.empty() ? ""
+                                                          : configuration.state_file + ".handles");
+    if (const std::string problem = handles.load(); !problem.empty()) {
+        log(Level::error, problem);
+        return {kFailed, {}};
+    }
+    give_back_left_handles(handles, configuration.trust_visible);
     kp::tool::NoticeMarks marks;
     Counters counters;
-    auto writer = LocalWriter::start(configuration.endpoint, marks, counters);
+    auto writer = LocalWriter::start(configuration.endpoint, marks, counters, &handles);
     if (!writer)
         return {kFailed, {}};
     Bridge bridge(configuration, **state.value, marks, *writer, counters, alive_until);

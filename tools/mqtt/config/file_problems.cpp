@@ -79,7 +79,7 @@ std::string state_file_problem(const std::string &path)
         return {};
     if (std::string problem = folder_problem(folder, W_OK | X_OK); !problem.empty())
         return "state-file: " + problem;
-    for (const std::string &file : {path, path + ".lock"}) {
+    for (const std::string &file : {path, path + ".lock", path + ".handles"}) {
         struct stat status {};
         if (lstat(file.c_str(), &status) != 0 && errno == ENOENT)
             continue;

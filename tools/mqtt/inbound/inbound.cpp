@@ -267,6 +267,17 @@ void Inbound::give_up(const std::vector<std::string> &topics)
     }
 }
 
+bool Inbound::give_over(const std::string &tag)
+{
+    const std::string name = plain_name(tag);
+    bool was_own = false;
+    for (Rule &rule : rules_)
+        for (const std::string &known : {tag, name})
+            if (const auto taken = rule.tags.find(known); taken != rule.tags.end())
+                was_own = std::exchange(taken->second.is_own, false) || was_own;
+    return was_own;
+}
+
 Inbound::Rule *Inbound::rule_for(const std::string &topic)
 {
     const InRule *settings = configuration_.in_rule_for(topic);
@@ -326,7 +337,8 @@ void Inbound::write(Rule &rule, const std::string &name, const Message &message,
         !problem.empty())
         return refuse(message.topic, problem, request.when_done);
     Taken taken;
-    taken.is_own = is_new ? !request.is_declared : rule.tags[name].is_own;
+    taken.is_own =
+        !request.is_declared || (is_new ? events_.is_left(name) : rule.tags[name].is_own);
     taken.sender = origin_device(property_of(message.properties, property::kOrigin));
     taken.quality = request.sample.quality;
     request.sample.quality = taken.shown = quality_now(rule, taken);

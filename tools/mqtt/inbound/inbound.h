@@ -32,6 +32,8 @@ struct InboundEvents {
     std::function<void(const std::string &tag, uint8_t quality)> set_quality;
     // Whether a tag that can still be read is about to go.
     std::function<bool(const std::string &tag)> is_dropping;
+    // Whether a run that was killed may still be counted as a provider of the tag.
+    std::function<bool(const std::string &tag)> is_left = [](const std::string &) { return false; };
     // Who is to hear what becomes of a message.
     std::function<WhenDone(const Message &message, const InRule &rule)> ask;
 };
@@ -55,6 +57,10 @@ class Inbound {
     // When it is back, review() gives them the quality of their messages again.
     void set_connected(bool is_connected);
     void review();
+
+    // Leaves a tag to the programs of this device that provide it. False where the bridge does not
+    // provide it itself.
+    bool give_over(const std::string &tag);
 
     // Gives up the tags of these topics, which the broker no longer keeps.
     void give_up(const std::vector<std::string> &topics);

@@ -137,6 +137,13 @@ Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix, std
     return name;
 }
 
+std::string plain_name(std::string tag)
+{
+    while (tag.ends_with("/_"))
+        tag.resize(tag.size() - 2);
+    return tag;
+}
+
 std::string mqtt_topic_problem(std::string_view topic)
 {
     if (topic.find_first_of("+#") != topic.npos)

@@ -28,6 +28,9 @@ Name to_tag_topic(std::string_view topic);
 Name to_tag_topic(std::string_view mqtt_prefix, std::string_view tag_prefix,
                   std::string_view topic);
 
+// The name by which a topic gives a tag: without the last levels "_".
+std::string plain_name(std::string tag);
+
 // Undoes the escapes alone.
 std::string without_escapes(std::string_view text);
 

@@ -220,6 +220,8 @@ bool Publications::is_held(OutTopic &topic, const Sample &sample)
     }
     if (writer_)
         writer_->forget(topic.tag); // it is this device's from now on
+    if (sample.providers > 1)
+        taken_over_.push_back(topic.tag);
     return false;
 }
 

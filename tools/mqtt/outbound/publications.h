@@ -13,6 +13,8 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace kp::mqtt {
 
@@ -55,6 +57,13 @@ class Publications {
     void repeat(const std::string &tag, Clock::time_point now);
     // Looks at a tag that may be new, or gone before a scan has seen it.
     void look_at(const std::string &tag, Clock::time_point now);
+
+    // The tags of a shared tree that a program of this device has taken over: it provides them, and
+    // their value is its own.
+    std::vector<std::string> take_taken_over()
+    {
+        return std::exchange(taken_over_, {});
+    }
 
     // The last value that the broker has acknowledged and keeps. A broker that still has it has
     // everything that came before it. Null when there is none.
@@ -109,6 +118,7 @@ class Publications {
     std::multimap<Clock::time_point, std::string> reminders_;       // topics to be sent again
     std::unordered_map<int, Publication> unacknowledged_;
     std::optional<Publication> last_kept_;
+    std::vector<std::string> taken_over_;
     TokenBucket burst_;
     uint64_t number_; // of the last message of a shared tree; it never starts again from below
 };

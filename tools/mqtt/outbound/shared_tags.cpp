@@ -164,6 +164,7 @@ void SharedTags::claim_unsent()
 {
     for (const auto &[tag, topic] : topics_.all())
         if (topic->is_shared && state_.is_taken(topic->mqtt) &&
+            (topic->must_send || topic->is_deferred || pending_.has(topic->mqtt)) &&
             standing(topic->mqtt, tag, look_at(tag)) == Standing::unsent)
             state_.add(topic->mqtt);
 }

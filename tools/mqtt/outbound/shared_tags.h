@@ -99,12 +99,6 @@ class SharedTags {
     // returns the topics that it no longer keeps and whose tags go therefore.
     std::vector<std::string> stop_reading(bool is_complete, Clock::time_point now);
 
-    // As given to the constructor.
-    uint64_t last_alive() const
-    {
-        return last_alive_;
-    }
-
   private:
     void recognise(const Message &message, const TagLook &look);
     Standing standing(const std::string &topic, const std::string &tag, const TagLook &look) const;

@@ -5,11 +5,9 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
 #include <sys/file.h>
 #include <sys/stat.h>
 
@@ -22,25 +20,12 @@ constexpr char kKept = '+';
 constexpr char kProvided = '=';
 constexpr char kTaken = '<';
 constexpr char kCleared = '-';
-
-constexpr size_t kFewLines = 1000; // a journal up to this size is not worth rewriting
+constexpr char kStarted = '@';  // a time, not a topic; none when the run has left
+constexpr char kCaughtUp = '~'; // a time, not a topic
 
 std::string failure(const std::string &path)
 {
     return path + ": " + std::strerror(errno);
-}
-
-bool write_all(int fd, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t written = write(fd, text.data(), text.size());
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written < 0)
-            return false;
-        text.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
 }
 
 } // namespace
@@ -68,24 +53,24 @@ std::string StateFile::open_and_load()
     if (stat(path_.c_str(), &status) == 0)
         last_used_ = static_cast<uint64_t>(status.st_mtim.tv_sec) * 1'000'000 +
                      static_cast<uint64_t>(status.st_mtim.tv_nsec) / 1'000;
-    std::ifstream file(path_, std::ios::binary);
-    load({std::istreambuf_iterator<char>(file), {}});
-    return rewrite();
+    journal_.read([this](const std::string &line) { load(line); });
+    if (knowledge_)
+        last_used_ = knowledge_->until;
+    had_caught_up_ = !knowledge_ || knowledge_->has_caught_up;
+    knowledge_ = Knowledge{last_used_, had_caught_up_};
+    return journal_.rewrite(whole());
 }
 
-// A last line without its end was cut short by a crash and is left out: its message had not gone
-// yet.
-void StateFile::load(const std::string &text)
+// A line that was cut short is left out: its message had not gone yet.
+void StateFile::load(const std::string &line)
 {
-    for (size_t start = 0; start < text.size();) {
-        const size_t end = text.find('\n', start);
-        if (end == text.npos)
-            return;
-        const std::string topic = text.substr(start + 1, end - start - 1);
-        if (!topic.empty() && mqtt_topic_problem(topic).empty())
-            apply(text[start], topic);
-        start = end + 1;
-    }
+    const std::string topic = line.empty() ? std::string() : line.substr(1);
+    if (line == std::string(1, kStarted))
+        knowledge_.reset();
+    else if (line.starts_with(kStarted) || line.starts_with(kCaughtUp))
+        knowledge_ = Knowledge{std::strtoull(topic.c_str(), nullptr, 10), line[0] == kCaughtUp};
+    else if (!topic.empty() && mqtt_topic_problem(topic).empty())
+        apply(line[0], topic);
 }
 
 // Whether the line says something new.
@@ -110,24 +95,17 @@ bool StateFile::apply(char sign, const std::string &topic)
            was_taken != (sign == kTaken);
 }
 
-// The new file is written beside the old one and renamed, so that a crash leaves one of the two.
-std::string StateFile::rewrite()
+Journal::Whole StateFile::whole() const
 {
     std::string text;
+    if (knowledge_)
+        text += (knowledge_->has_caught_up ? kCaughtUp : kStarted) +
+                std::to_string(knowledge_->until) + '\n';
     for (const std::string &topic : topics_)
         text += (is_provided(topic) ? kProvided : kKept) + topic + '\n';
     for (const std::string &topic : taken_)
         text += kTaken + topic + '\n';
-    const std::string fresh = path_ + ".new";
-    UniqueFd file(::open(fresh.c_str(),
-                         O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!file || !write_all(file.get(), text) || fdatasync(file.get()) != 0)
-        return failure(fresh);
-    if (rename(fresh.c_str(), path_.c_str()) != 0)
-        return failure(path_);
-    journal_.reset(file.release());
-    lines_ = topics_.size() + taken_.size();
-    return {};
+    return {std::move(text), size()};
 }
 
 void StateFile::add(const std::string &topic, bool provided)
@@ -149,27 +127,37 @@ void StateFile::take(const std::string &topic)
         append(kTaken, topic);
 }
 
+void StateFile::start(uint64_t known_until)
+{
+    knowledge_ = Knowledge{known_until, false};
+    append(kStarted, std::to_string(known_until));
+}
+
+void StateFile::catch_up(uint64_t time)
+{
+    knowledge_ = Knowledge{time, true};
+    append(kCaughtUp, std::to_string(time));
+}
+
+void StateFile::leave(uint64_t time)
+{
+    knowledge_.reset();
+    append(kStarted, "");
+    touch(time);
+}
+
 // Not with the time that the kernel would set, which can be some milliseconds old.
 void StateFile::touch(uint64_t time) const
 {
     constexpr uint64_t second = 1'000'000;
     const timespec at{static_cast<time_t>(time / second), static_cast<long>(time % second * 1'000)};
-    if (journal_)
-        (void)futimens(journal_.get(), std::array{at, at}.data());
+    if (journal_.fd() >= 0)
+        (void)futimens(journal_.fd(), std::array{at, at}.data());
 }
 
 void StateFile::append(char sign, const std::string &topic)
 {
-    if (path_.empty())
-        return;
-    ++lines_;
-    // After a failure only a part of the last line may be there, and a new line would be joined to
-    // it.
-    const bool stale =
-        failed_ || (lines_ > kFewLines && lines_ > 2 * (topics_.size() + taken_.size()));
-    std::string problem = stale ? rewrite() : std::string();
-    if (!stale && !write_all(journal_.get(), sign + topic + '\n'))
-        problem = failure(path_);
+    const std::string problem = journal_.append(sign + topic, size(), [this] { return whole(); });
     if (!problem.empty() && !failed_)
         log(Level::error,
             "the state file cannot be written, so that topics which go while the bridge "

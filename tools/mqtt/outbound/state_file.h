@@ -3,14 +3,18 @@
 // which of them had providers, so that the next run can tell a value whose providers have left from
 // one that an instant write made, and which topics of a shared tree have their value from there.
 // The file is a journal: "+name", "=name" for one with providers, "<name" for one from there, and
-// "-name", appended before the message goes, and written anew when it has grown stale.
+// "-name", appended before the message goes, and written anew when it has grown stale. "@time" and
+// "~time" say until when a run that has not left knew where every value of the store came from: the
+// first that it has never caught up with what came before it, the second that it has.
 #pragma once
 
+#include "base/journal.h"
 #include "common/result.h"
 #include "layout/unique_fd.h"
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_set>
 
@@ -33,13 +37,22 @@ class StateFile {
     {
         return taken_;
     }
-    // When an earlier run last used the file, in microseconds since the epoch; 0 where none did.
+    // Until when an earlier run knew where every value of the store came from: from the broker, or
+    // from this device. In microseconds since the epoch; 0 where there was none. One that was
+    // killed may have known it until its last sign of life, but not if it had not caught up.
     uint64_t last_used() const
     {
         return last_used_;
     }
-    // Notes that this run was alive until a time, in the same unit.
-    void touch(uint64_t time) const;
+    bool had_caught_up() const
+    {
+        return had_caught_up_;
+    }
+    // This run begins, and knows what was known until a time, in the same unit; it has caught up;
+    // it leaves in order.
+    void start(uint64_t known_until);
+    void catch_up(uint64_t time);
+    void leave(uint64_t time);
     bool has(const std::string &topic) const
     {
         return topics_.contains(topic);
@@ -55,24 +68,35 @@ class StateFile {
     }
 
   private:
-    explicit StateFile(std::string path) : path_(std::move(path))
+    explicit StateFile(const std::string &path) : path_(path), journal_(path)
     {
     }
     std::string open_and_load();
-    std::string rewrite();
-    void load(const std::string &text);
+    Journal::Whole whole() const;
+    size_t size() const
+    {
+        return topics_.size() + taken_.size();
+    }
+    void load(const std::string &line);
     bool apply(char sign, const std::string &topic);
     void append(char sign, const std::string &topic);
+    void touch(uint64_t time) const;
 
-    std::string path_;
+    const std::string path_;
     UniqueFd lock_; // a file beside the state file, which itself is replaced now and then
-    UniqueFd journal_;
-    size_t lines_ = 0;
+    Journal journal_;
     bool failed_ = false; // said once
     std::unordered_set<std::string> topics_;
     std::unordered_set<std::string> provided_; // some of the topics
     std::unordered_set<std::string> taken_;    // none of the topics
     uint64_t last_used_ = 0;
+    bool had_caught_up_ = true;
+    // Of this run, before it leaves.
+    struct Knowledge {
+        uint64_t until;
+        bool has_caught_up;
+    };
+    std::optional<Knowledge> knowledge_;
 };
 
 } // namespace kp::mqtt

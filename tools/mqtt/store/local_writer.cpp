@@ -1,6 +1,7 @@
 #include "store/local_writer.h"
 
 #include "base/log.h"
+#include "names/topic_names.h"
 
 #include <algorithm>
 #include <iterator>
@@ -8,16 +9,18 @@
 namespace kp::mqtt {
 
 std::unique_ptr<LocalWriter> LocalWriter::start(const std::string &endpoint,
-                                                tool::NoticeMarks &marks, Counters &counters)
+                                                tool::NoticeMarks &marks, Counters &counters,
+                                                HandleRecord *record)
 {
-    auto writer = join(endpoint, marks, counters);
+    auto writer = join(endpoint, marks, counters, record);
     if (writer)
         writer->thread_ = std::thread([self = writer.get()] { self->run(); });
     return writer;
 }
 
 std::unique_ptr<LocalWriter> LocalWriter::join(const std::string &endpoint,
-                                               tool::NoticeMarks &marks, Counters &counters)
+                                               tool::NoticeMarks &marks, Counters &counters,
+                                               HandleRecord *record)
 {
     kp_t *handle = kp_new(endpoint.c_str(), changed);
     if (!handle) {
@@ -25,7 +28,7 @@ std::unique_ptr<LocalWriter> LocalWriter::join(const std::string &endpoint,
                           "rights of /run/providers");
         return nullptr;
     }
-    std::unique_ptr<LocalWriter> writer(new LocalWriter(handle, marks, counters));
+    std::unique_ptr<LocalWriter> writer(new LocalWriter(handle, marks, counters, record));
     (void)kp_set_new_tag_notify(handle, 1);
     (void)kp_set_user_data(handle, writer.get());
     return writer;
@@ -89,6 +92,13 @@ void LocalWriter::drop(const std::string &tag, bool left_over)
     wake_.notify_one();
 }
 
+void LocalWriter::give_over(const std::string &tag)
+{
+    const std::lock_guard lock(mutex_);
+    giving_over_.push_back(tag);
+    wake_.notify_one();
+}
+
 bool LocalWriter::is_dropping(const std::string &tag) const
 {
     const std::lock_guard lock(mutex_);
@@ -98,9 +108,7 @@ bool LocalWriter::is_dropping(const std::string &tag) const
 // Requests go by the name that a topic gives; the tag that has the value may be called `NAME/_`.
 bool LocalWriter::is_busy_with(const std::string &tag) const
 {
-    std::string name = tag;
-    while (name.ends_with("/_"))
-        name.resize(name.size() - 2);
+    const std::string name = plain_name(tag);
     const std::lock_guard lock(mutex_);
     for (const std::string &known : {tag, name})
         if (waiting_.contains(known) || (in_work_ && in_work_->contains(known)))
@@ -138,8 +146,8 @@ void LocalWriter::run()
 {
     std::unique_lock lock(mutex_);
     while (true) {
-        wake_.wait(lock, [this] { return stop_ || !waiting_.empty(); });
-        if (waiting_.empty())
+        wake_.wait(lock, [this] { return stop_ || !waiting_.empty() || !giving_over_.empty(); });
+        if (waiting_.empty() && giving_over_.empty())
             break;
         lock.unlock();
         work_off();
@@ -153,9 +161,12 @@ void LocalWriter::work_off()
 {
     std::unique_lock lock(mutex_);
     const Requests requests = std::exchange(waiting_, {});
+    const std::vector<std::string> given_over = std::exchange(giving_over_, {});
     busy_since_ = Clock::now();
     in_work_ = &requests;
     lock.unlock();
+    for (const std::string &tag : given_over)
+        store_.give_over(tag);
     for (const auto &[name, request] : requests)
         carry_out(name, request);
     lock.lock();

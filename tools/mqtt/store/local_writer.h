@@ -25,12 +25,13 @@ namespace kp::mqtt {
 
 class LocalWriter {
   public:
-    // Joins the device's endpoints; null with a log line when that fails.
+    // Joins the device's endpoints; null with a log line when that fails. The record of the tags
+    // that the bridge provides may be null.
     static std::unique_ptr<LocalWriter> start(const std::string &endpoint, tool::NoticeMarks &marks,
-                                              Counters &counters);
+                                              Counters &counters, HandleRecord *record = nullptr);
     // The same without a thread: what waits is written when work_off() is called.
     static std::unique_ptr<LocalWriter> join(const std::string &endpoint, tool::NoticeMarks &marks,
-                                             Counters &counters);
+                                             Counters &counters, HandleRecord *record = nullptr);
     void work_off();
     ~LocalWriter();
     LocalWriter(const LocalWriter &) = delete;
@@ -50,10 +51,21 @@ class LocalWriter {
     // Says whether drop() was called for the tag and is not carried out yet.
     bool is_dropping(const std::string &tag) const;
 
+    // Closes the bridge's own provider tag, since a program of this device provides the topic. From
+    // then on it lives and goes with that one. A value that is put later is written as to any tag
+    // of others.
+    void give_over(const std::string &tag);
+
     // From now on the value of the tag is not the broker's: the broker has lost it.
     void forget(const std::string &tag)
     {
         store_.forget(tag);
+    }
+
+    // Says whether a run that was killed may still be counted as a provider of the name's tag.
+    bool is_left(const std::string &name) const
+    {
+        return store_.is_left(name);
     }
 
     // The message whose value stands in the store; nothing when it is not what put() has brought
@@ -84,8 +96,8 @@ class LocalWriter {
     };
     using Requests = std::unordered_map<std::string, Request>;
 
-    LocalWriter(kp_t *handle, tool::NoticeMarks &marks, Counters &counters)
-        : marks_(marks), counters_(counters), handle_(handle), store_(handle, counters)
+    LocalWriter(kp_t *handle, tool::NoticeMarks &marks, Counters &counters, HandleRecord *record)
+        : marks_(marks), counters_(counters), handle_(handle), store_(handle, counters, record)
     {
     }
     static int changed(kp_t *, const kp_write_info *notice, void *self);
@@ -104,6 +116,7 @@ class LocalWriter {
     bool has_ended_ = false;
     std::optional<Clock::time_point> busy_since_;
     Requests waiting_;
+    std::vector<std::string> giving_over_;
     const Requests *in_work_ = nullptr; // the thread's present round
     std::set<std::string> dropping_;
     std::vector<std::string> outrun_;

@@ -6,13 +6,15 @@
 
 namespace kp::mqtt {
 
-StoreWriter::StoreWriter(kp_t *handle, Counters &counters) : handle_(handle), counters_(counters)
+StoreWriter::StoreWriter(kp_t *handle, Counters &counters, HandleRecord *record)
+    : handle_(handle), counters_(counters), record_(record)
 {
 }
 
 void StoreWriter::close()
 {
-    (void)kp_tags_destroy(handle_);
+    while (!own_.empty())
+        close_own(std::string(own_.begin()->first)); // a copy, since the entry holds the name
     made_.remove_all();
 }
 
@@ -29,6 +31,14 @@ void StoreWriter::close_own(const std::string &tag)
         return;
     (void)kp_tag_destroy(handle_, own->second.tag);
     own_.erase(own);
+    if (record_)
+        record_->remove(tag);
+}
+
+void StoreWriter::give_over(const std::string &tag)
+{
+    close_own(tag);
+    brought_.forget(tag);
 }
 
 void StoreWriter::drop(const std::string &name, bool left_over)
@@ -55,12 +65,14 @@ void StoreWriter::set_quality(const std::string &name, uint8_t quality)
     (void)write_tag(tag, request);
 }
 
-// A new provider's tag has no value. That of others who provide it stays.
+// A new provider's tag has no value. That of others who provide it stays; a run that was killed
+// is none.
 void StoreWriter::take_value_out(const std::string &tag, bool left_over)
 {
+    const uint32_t killed = record_ && record_->left().contains(tag) ? 1 : 0;
     Sample sample;
     if (reader_.read(tag, sample) != ReadOutcome::read || !sample.has_value ||
-        (sample.providers > 0 && !left_over) || !(left_over || key_of(tag, sample)))
+        (sample.providers > killed && !left_over) || !(left_over || key_of(tag, sample)))
         return;
     kp_tag_t *emptied =
         kp_tag_provider_new(handle_, tag.c_str(), sample.type, sample.max_size, sample.extra_info);
@@ -177,10 +189,14 @@ kp_tag_t *StoreWriter::provider(const std::string &tag, const WriteRequest &requ
         close_own(tag); // it was made anew with another type
     }
     made_.note(tag);
+    if (record_)
+        record_->add(tag);
     kp_tag_t *made = kp_tag_provider_new(handle_, tag.c_str(), request.sample.type,
                                          request.sample.max_size, request.sample.extra_info);
     if (made)
         own_[tag] = {made, request.sample.type};
+    else if (record_)
+        record_->remove(tag);
     return made;
 }
 

@@ -10,6 +10,7 @@
 #include "base/when_done.h"
 #include "shared/shared_tree.h"
 #include "store/brought_values.h"
+#include "store/handle_record.h"
 #include "store/made_directories.h"
 #include "store/sample.h"
 #include "store/store_reader.h"
@@ -35,20 +36,26 @@ struct WriteRequest {
 
 class StoreWriter {
   public:
-    // The handle must outlive the writer.
-    StoreWriter(kp_t *handle, Counters &counters);
+    // The handle must outlive the writer, and so must the record, which may be null.
+    StoreWriter(kp_t *handle, Counters &counters, HandleRecord *record);
 
     void write(const std::string &name, const WriteRequest &request);
     // Gives a value from the broker another quality.
     void set_quality(const std::string &name, uint8_t quality);
     // See LocalWriter::drop().
     void drop(const std::string &name, bool left_over);
+    // Leaves the tag to the others who provide it.
+    void give_over(const std::string &tag);
     // Tells the others on this device what was written.
     void notify();
     // The tags whose value was not written since they had a newer one by then.
     std::vector<std::string> take_outrun()
     {
         return std::exchange(outrun_, {});
+    }
+    bool is_left(const std::string &name) const
+    {
+        return record_ && record_->left().contains(reader_.standing_for(name));
     }
     // Closes all of the bridge's own tags.
     void close();
@@ -85,6 +92,7 @@ class StoreWriter {
     Counters &counters_;
     StoreReader reader_;
     BroughtValues brought_; // the only member that other threads use, too
+    HandleRecord *const record_;
     std::unordered_map<std::string, Own> own_;
     MadeDirectories made_;
     std::vector<std::string> outrun_;
