@@ -5,6 +5,8 @@
 #include "outbound/publications.h"
 #include "providers/left_handles.h"
 
+#include "testing/segment_file.h"
+
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
@@ -441,4 +443,31 @@ unsigned seeds()
 TEST(SharedTags, ComeToHoldWhatTheBrokerKeeps)
 {
     EXPECT_EQ(disagreement(seeds()), "");
+}
+
+// Where each message waited for the write to end, these took 12 seconds.
+TEST(SharedTags, HoldNothingUpForATagInTheMiddleOfAWrite)
+{
+    std::filesystem::remove(kState);
+    std::filesystem::remove(kHandles);
+    Program program;
+    program.write("a/0", "here", 1);
+    ::Run run(1, 0); // not the member of testing::Test
+    const auto now = Clock::now();
+    run.start_reading();
+    run.stop_reading(now);
+    const auto message = [](int number) {
+        const UserProperties properties{{property::kOrigin, "you/boot"},
+                                        {property::kNumber, std::to_string(number)},
+                                        {property::kSourceTime, std::to_string(number)}};
+        return Message{"t/a/0", std::to_string(number), false, properties, {}};
+    };
+    run.take(message(1000), now); // waits to be written
+    kptest::SegmentFile("a/0").put_u8(kptest::at::writing, 1);
+
+    const auto start = Clock::now();
+    for (int number = 1001; number <= 1200; ++number)
+        run.take(message(number), now);
+
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
 }

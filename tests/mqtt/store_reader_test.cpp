@@ -6,6 +6,7 @@
 #include "testing/store_provider.h"
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -120,6 +121,52 @@ TEST(StoreReader, ReportsAWriteThatDoesNotEnd)
     SegmentFile("a").put_u8(at::writing, 1);
 
     EXPECT_EQ(outcome_of("a"), ReadOutcome::busy);
+}
+
+TEST(StoreReader, SaysOfAWriteThatDoesNotEndAsWhatTheTagIsDeclared)
+{
+    StoreProvider provider("a", KP_TYPE_INT32);
+    provider.write(bytes_of<int32_t>(1));
+    SegmentFile("a").put_u8(at::writing, 1);
+    Sample sample;
+
+    ASSERT_EQ(StoreReader{}.read("a", sample), ReadOutcome::busy);
+
+    EXPECT_EQ(sample.type, uint32_t{KP_TYPE_INT32});
+    EXPECT_EQ(sample.max_size, 4u);
+    EXPECT_EQ(sample.providers, 1u);
+    EXPECT_FALSE(sample.has_value);
+}
+
+// Each look in vain takes three milliseconds of waiting.
+TEST(StoreReader, WaitsOnceForAWriteThatDoesNotEnd)
+{
+    StoreProvider provider("a");
+    provider.write("value");
+    SegmentFile("a").put_u8(at::writing, 1);
+    const StoreReader reader;
+    Sample sample;
+    const auto start = std::chrono::steady_clock::now();
+
+    for (int look = 0; look < 3000; ++look)
+        (void)reader.read("a", sample);
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+}
+
+TEST(StoreReader, ReadsATagWhoseWriteHasEndedAfterAll)
+{
+    StoreProvider provider("a");
+    provider.write("value");
+    const StoreReader reader;
+    Sample sample;
+    SegmentFile("a").put_u8(at::writing, 1);
+    ASSERT_EQ(reader.read("a", sample), ReadOutcome::busy);
+
+    SegmentFile("a").put_u8(at::writing, 0);
+
+    EXPECT_EQ(reader.read("a", sample), ReadOutcome::read);
+    EXPECT_EQ(sample.value, "value");
 }
 
 TEST(StoreReader, ListsTopicsAtAnyDepthAndFollowsNoLink)

@@ -2,7 +2,6 @@
 
 #include "common/fault_guard.h"
 #include "common/text.h"
-#include "common/whole_copy.h"
 #include "layout/field.h"
 #include "layout/value_type.h"
 
@@ -66,10 +65,11 @@ Snapshot snapshot_of(const SegmentCopy &copy, CopyOutcome outcome, ino_t inode)
 }
 
 // Reads from a mapping or from an open file.
-template <typename Source> std::optional<Snapshot> read_from(const Source &source, ino_t inode)
+template <typename Source, typename... Patient>
+std::optional<Snapshot> read_from(const Source &source, ino_t inode, Patient... patience)
 {
     SegmentCopy copy;
-    const CopyTaken taken = take_whole_copy(source, copy);
+    const CopyTaken taken = take_whole_copy(source, copy, patience...);
     if (taken.outcome == CopyOutcome::no_segment)
         return std::nullopt;
     Snapshot snapshot = snapshot_of(copy, taken.outcome, inode);
@@ -204,13 +204,15 @@ std::optional<WriteStamp> SegmentReader::stamp() const
     return stamp_of(segment);
 }
 
-std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic, Problem &problem)
+std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic, Problem &problem,
+                                   Patience patience)
 {
     const UniqueFd fd = opener.open_any(topic, problem);
     if (!fd)
         return std::nullopt;
     struct stat status;
-    auto snapshot = fstat(fd.get(), &status) == 0 ? read_from(fd, status.st_ino) : std::nullopt;
+    auto snapshot =
+        fstat(fd.get(), &status) == 0 ? read_from(fd, status.st_ino, patience) : std::nullopt;
     if (!snapshot)
         problem = TopicOpener::not_a_segment(topic, fd);
     return snapshot;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "common/store_files.h"
+#include "common/whole_copy.h"
 #include "layout/segment.h"
 
 #include <string>
@@ -121,7 +122,8 @@ class SegmentReader {
 
 // Opens a topic, reads it and closes it. Without a mapping, which takes a third of the time for a
 // single look, and without a signal handler.
-std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic, Problem &problem);
+std::optional<Snapshot> read_topic(TopicOpener &opener, const std::string &topic, Problem &problem,
+                                   Patience patience = Patience::some);
 
 // Why a snapshot has no value to show; only for other conditions than `value`.
 Problem value_problem(const std::string &topic, const Snapshot &snapshot);

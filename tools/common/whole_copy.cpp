@@ -144,7 +144,8 @@ uint64_t timestamp_of(const SegmentCopy &copy)
     return copy.segment().last_write_ts;
 }
 
-template <typename Source> CopyTaken take_patiently(const Source &source, SegmentCopy &copy)
+template <typename Source>
+CopyTaken take_patiently(const Source &source, SegmentCopy &copy, int most_pauses)
 {
     std::memset(copy.bytes.data(), 0, kFieldsEnd);
     auto outcome = CopyOutcome::disturbed;
@@ -156,7 +157,7 @@ template <typename Source> CopyTaken take_patiently(const Source &source, Segmen
                 return {CopyOutcome::no_segment};
         if (!first)
             first = timestamp_of(copy);
-        if (outcome != CopyOutcome::disturbed || pauses == kPauses)
+        if (outcome != CopyOutcome::disturbed || pauses == most_pauses)
             return {outcome, timestamp_of(copy) != *first};
         pause_briefly();
     }
@@ -181,12 +182,12 @@ std::string_view SegmentCopy::value() const
 
 CopyTaken take_whole_copy(const Segment &mapped, SegmentCopy &copy)
 {
-    return take_patiently(MappedSource(mapped), copy);
+    return take_patiently(MappedSource(mapped), copy, kPauses);
 }
 
-CopyTaken take_whole_copy(const UniqueFd &file, SegmentCopy &copy)
+CopyTaken take_whole_copy(const UniqueFd &file, SegmentCopy &copy, Patience patience)
 {
-    return take_patiently(FileSource(file), copy);
+    return take_patiently(FileSource(file), copy, patience == Patience::some ? kPauses : 0);
 }
 
 } // namespace kp::tool

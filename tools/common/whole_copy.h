@@ -47,9 +47,13 @@ struct CopyTaken {
     bool is_written_on = false; // the timestamp changed between the first attempts and the last
 };
 
+// How long to wait for writes to leave a gap: at most about three milliseconds, or not at all.
+enum class Patience { some, none };
+
 // Takes the copy through a mapping, which needs catch_bus_errors() to have been called, or through
-// an open file. Waits at most about three milliseconds for writes to leave a gap.
+// an open file.
 CopyTaken take_whole_copy(const Segment &mapped, SegmentCopy &copy);
-CopyTaken take_whole_copy(const UniqueFd &file, SegmentCopy &copy);
+CopyTaken take_whole_copy(const UniqueFd &file, SegmentCopy &copy,
+                          Patience patience = Patience::some);
 
 } // namespace kp::tool

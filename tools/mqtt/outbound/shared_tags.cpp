@@ -9,8 +9,6 @@ namespace kp::mqtt {
 
 namespace {
 
-constexpr int kMostTries = 20; // each of which waits for a while
-
 uint64_t number_of(const UserProperties &properties, std::string_view name)
 {
     return std::strtoull(property_of(properties, name).c_str(), nullptr, 10);
@@ -79,13 +77,11 @@ TagLook SharedTags::look_at(const std::string &tag) const
 {
     TagLook look;
     look.is_settling = is_settling(tag);
-    // In the middle of its own write there is nothing to read; that takes no longer than the
-    // scheduler lets it.
-    for (int tries = 0; tries < kMostTries; ++tries) {
-        look.outcome = reader_.read(tag, look.sample);
-        if (look.outcome != ReadOutcome::busy || !look.is_settling)
-            break;
-    }
+    look.outcome = reader_.read(tag, look.sample);
+    // In the middle of the bridge's own write it is known as what the tag is declared, and its
+    // value is about to be replaced.
+    if (look.outcome == ReadOutcome::busy && look.is_settling)
+        look.outcome = ReadOutcome::read;
     return look;
 }
 

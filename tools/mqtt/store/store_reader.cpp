@@ -1,6 +1,5 @@
 #include "store/store_reader.h"
 
-#include "common/segment_reader.h"
 #include "common/store_walk.h"
 
 #include <dirent.h>
@@ -9,6 +8,9 @@
 namespace kp::mqtt {
 
 namespace {
+
+// After so long a topic that was found in the middle of a write may have been left in peace.
+constexpr std::chrono::milliseconds kAgain{100};
 
 ReadOutcome outcome_of(const tool::Snapshot &snapshot)
 {
@@ -45,18 +47,38 @@ Sample sample_of(tool::Snapshot snapshot)
 
 } // namespace
 
-ReadOutcome StoreReader::read(const std::string &topic, Sample &sample) const
+std::optional<tool::Snapshot> StoreReader::look_at(const std::string &topic,
+                                                   tool::Problem &problem) const
 {
     tool::TopicOpener opener;
-    tool::Problem problem;
+    const auto known = unfinished_.find(topic);
+    if (known != unfinished_.end()) {
+        auto snapshot = tool::read_topic(opener, topic, problem, tool::Patience::none);
+        const Unfinished &before = known->second;
+        if (snapshot && snapshot->condition == tool::Condition::busy &&
+            ((snapshot->inode == before.file && snapshot->last_write_ts == before.ts) ||
+             Clock::now() < before.until))
+            return snapshot;
+    }
     auto snapshot = tool::read_topic(opener, topic, problem);
+    if (snapshot && snapshot->condition == tool::Condition::busy)
+        unfinished_[topic] = {snapshot->inode, snapshot->last_write_ts, Clock::now() + kAgain};
+    else if (known != unfinished_.end())
+        unfinished_.erase(known);
+    return snapshot;
+}
+
+ReadOutcome StoreReader::read(const std::string &topic, Sample &sample) const
+{
+    tool::Problem problem;
+    auto snapshot = look_at(topic, problem);
     if (!snapshot) {
         const bool is_missing =
             problem.code == tool::kNothing || tool::place_of(topic) == tool::Place::below_a_topic;
         return is_missing ? ReadOutcome::missing : ReadOutcome::refused;
     }
     const ReadOutcome outcome = outcome_of(*snapshot);
-    if (outcome == ReadOutcome::read)
+    if (outcome == ReadOutcome::read || outcome == ReadOutcome::busy)
         sample = sample_of(std::move(*snapshot));
     return outcome;
 }
