@@ -16,9 +16,6 @@ constexpr milliseconds kAnswerTime{2000};  // for a subscription to the state to
 constexpr milliseconds kRetainedTime{300}; // for the retained state after that
 constexpr milliseconds kStable{10'000};    // a connection that lasted this long was a good one
 constexpr milliseconds kLeaving{1500};     // for the last message
-constexpr const char *kConnection = "connection";
-constexpr const char *kBroker = "broker"; // in use
-constexpr const char *kOnline = "online";
 
 std::string random_name()
 {
@@ -30,8 +27,8 @@ std::string random_name()
 
 BrokerSession::BrokerSession(const Configuration &configuration, std::string origin,
                              SessionEvents events, Counters &counters)
-    : configuration_(configuration), origin_(std::move(origin)), events_(std::move(events)),
-      counters_(counters),
+    : configuration_(configuration), events_(std::move(events)), counters_(counters),
+      state_(configuration, std::move(origin)),
       backoff_(configuration.broker.reconnect_min, configuration.broker.reconnect_max),
       choice_(configuration)
 {
@@ -124,7 +121,7 @@ void BrokerSession::drop_connection(Clock::time_point now)
     if (was_good)
         backoff_.reset();
     end_link(now);
-    if (asked_too_much(std::exchange(refusal_, 0)))
+    if (state_.ask_for_less(std::exchange(refusal_, 0)))
         return;
     const milliseconds delay = backoff_.next();
     phase_ends_ = now + delay;
@@ -142,16 +139,16 @@ void BrokerSession::choose_broker(bool was_good)
         choice_.go_on();
     if (&choice_.now() == &before)
         return;
-    state_qos_ = 1;
-    state_retained_ = true;
+    state_.ask_for_all();
 }
 
 void BrokerSession::end_link(Clock::time_point now)
 {
     events_.lost();
-    subscribing_.clear();
-    if (const std::string topic = witness_.forget(); !topic.empty())
-        leave_behind(topic);
+    subscriptions_.connection_lost();
+    const std::string topic = witness_.forget();
+    if (!topic.empty() && choice_.now().session_expiry_s)
+        subscriptions_.leave_behind(topic);
     link_.reset();
     phase_ = Phase::waiting;
     phase_ends_ = now;
@@ -165,40 +162,16 @@ void BrokerSession::renew(Clock::time_point now)
         phase_ends_ = now;
         start_over();
     }
-    if (phase_ == Phase::waiting || phase_ == Phase::connecting)
-        return leave_behind_what_is_unwanted();
-    const auto before = std::exchange(asked_for_, events_.subscriptions());
-    const auto filter = &Subscription::filter;
-    for (const Subscription &old : before)
-        if (std::ranges::find(asked_for_, old.filter, filter) == asked_for_.end())
-            link_->unsubscribe(old.filter);
-    for (const Subscription &subscription : asked_for_)
-        if (std::ranges::find(before, subscription) == before.end() &&
-            (phase_ == Phase::online || !subscription.at_last))
-            subscribe(subscription);
-}
-
-// What the last connection has asked for still stands in its session.
-void BrokerSession::leave_behind_what_is_unwanted()
-{
-    const auto wanted = events_.subscriptions();
-    for (const Subscription &old : asked_for_)
-        if (std::ranges::find(wanted, old.filter, &Subscription::filter) == wanted.end())
-            leave_behind(old.filter);
-}
-
-void BrokerSession::leave_behind(const std::string &filter)
-{
-    if (choice_.now().session_expiry_s &&
-        std::ranges::find(left_behind_, filter) == left_behind_.end())
-        left_behind_.push_back(filter);
+    if (phase_ != Phase::waiting && phase_ != Phase::connecting)
+        subscriptions_.change(*link_, events_.subscriptions(), phase_ == Phase::online);
+    else if (choice_.now().session_expiry_s) // what the last connection has asked for stands there
+        subscriptions_.leave_behind_all_but(events_.subscriptions());
 }
 
 // The first broker may be able to do more.
 void BrokerSession::start_over()
 {
-    state_qos_ = 1;
-    state_retained_ = true;
+    state_.ask_for_all();
     choice_.start_over();
 }
 
@@ -220,32 +193,14 @@ void BrokerSession::report_failure(milliseconds delay)
     events_.status(text);
 }
 
-// A broker refuses a will that asks for more than it can do. Says whether the next attempt asks for
-// less.
-bool BrokerSession::asked_too_much(int refusal)
-{
-    if (refusal == kQosNotSupported && state_qos_ > 0) {
-        state_qos_ = 0;
-        log(Level::warning, "the broker has no QoS 1; messages and the will go at QoS 0");
-        return true;
-    }
-    if (refusal == kRetainNotSupported && state_retained_) {
-        state_retained_ = false;
-        log(Level::warning, "the broker keeps no messages; who subscribes later sees no value, nor "
-                            "whether this device is there, until the next message");
-        return true;
-    }
-    return false;
-}
-
 void BrokerSession::connected()
 {
     if (choice_.now().session_expiry_s)
         take_up_the_session();
     events_.reading();
-    subscribe_all();
+    subscriptions_.ask_for(*link_, events_.subscriptions());
     const bool is_first = last_connection_.empty();
-    if (is_first && !reads_tree_)
+    if (is_first && !subscriptions_.read_tree())
         return announce(false);
     if (!is_first)
         ask_for_witness();
@@ -259,10 +214,8 @@ void BrokerSession::connected()
 // What an earlier connection has asked for a short time only still stands in its session.
 void BrokerSession::take_up_the_session()
 {
-    left_behind_.push_back(configuration_.state_topic);
-    for (const std::string &topic : std::exchange(left_behind_, {}))
-        if (link_->has_session())
-            link_->unsubscribe(topic);
+    subscriptions_.leave_behind(configuration_.state_topic);
+    subscriptions_.end_what_is_left(*link_);
     tell_of_the_session();
 }
 
@@ -284,10 +237,9 @@ void BrokerSession::tell_of_the_session() const
 // Uses the quality of service with which the tree is read, so that the messages stay in order.
 void BrokerSession::ask_for_state()
 {
-    int id = 0;
-    const int qos = reads_tree_ ? 0 : 1;
-    if (link_->subscribe({configuration_.state_topic, qos, true, reads_tree_, 0}, id))
-        subscribing_[id] = configuration_.state_topic;
+    const bool reads_tree = subscriptions_.read_tree();
+    (void)subscriptions_.ask_shortly(
+        *link_, {configuration_.state_topic, reads_tree ? 0 : 1, true, reads_tree, 0});
 }
 
 // Before the state, so that it comes first.
@@ -302,69 +254,23 @@ void BrokerSession::ask_for_witness()
     };
     if (std::ranges::any_of(events_.subscriptions(), is_of_kept))
         return; // to cancel the subscription afterwards would end that one
-    int id = 0;
-    if (!link_->subscribe({kept->topic, 1, true}, id))
-        return;
-    witness_.ask_for(*kept);
-    subscribing_[id] = kept->topic;
-}
-
-// A shared tree is read at QoS 0, for which brokers do not limit how much may wait. If a broker
-// kept back some of the tree the bridge would remove tags that still exist.
-void BrokerSession::subscribe_all()
-{
-    reads_tree_ = false;
-    asked_for_ = events_.subscriptions();
-    for (Subscription subscription : asked_for_) {
-        if (subscription.own_too)
-            subscription.qos = 0;
-        reads_tree_ = reads_tree_ || subscription.own_too;
-        if (!subscription.at_last)
-            subscribe(subscription);
-    }
-}
-
-// Subscribes to the states of senders. Such a filter may take the bridge's own state, too, which
-// must not come before the messages that tell what the broker has kept.
-void BrokerSession::subscribe_at_last()
-{
-    for (const Subscription &subscription : asked_for_)
-        if (subscription.at_last)
-            subscribe(subscription);
-}
-
-void BrokerSession::subscribe(const Subscription &subscription)
-{
-    int id = 0;
-    if (link_->subscribe(subscription, id))
-        subscribing_[id] = subscription.filter;
-    else
-        log(Level::error, "the filter cannot be subscribed: " + tool::escaped(subscription.filter));
-}
-
-void BrokerSession::subscribe_for_good()
-{
-    for (Subscription subscription : asked_for_) {
-        subscription.retained = false;
-        if (subscription.own_too && subscription.qos > 0)
-            subscribe(subscription);
-    }
+    if (subscriptions_.ask_shortly(*link_, {kept->topic, 1, true}))
+        witness_.ask_for(*kept);
 }
 
 void BrokerSession::subscribed(int id, const Answer &answer)
 {
-    const auto found = subscribing_.find(id);
-    if (found == subscribing_.end())
+    const std::string filter = subscriptions_.answered(id);
+    if (filter.empty())
         return;
     if (answer.is_refusal()) {
         ++counters_.refused;
-        log(Level::error, "the broker refuses the subscription " + tool::escaped(found->second) +
-                              ": " + answer.text);
+        log(Level::error,
+            "the broker refuses the subscription " + tool::escaped(filter) + ": " + answer.text);
     }
-    if (found->second == configuration_.state_topic && phase_ == Phase::asking)
+    if (filter == configuration_.state_topic && phase_ == Phase::asking)
         phase_ends_ = Clock::now() + kRetainedTime;
-    events_.subscribed(found->second);
-    subscribing_.erase(found);
+    events_.subscribed(filter);
 }
 
 void BrokerSession::acknowledged(int id, const Answer &answer)
@@ -396,7 +302,7 @@ void BrokerSession::hear_state(const Message &state)
         announce(tells_that_all_is_kept(state));
     else if (phase_ == Phase::reading && state.payload == kOnline &&
              property_of(state.properties, kConnection) == connection_)
-        go_online(state_retained_);
+        go_online(state_.is_retained());
 }
 
 // If the retained state is the will of our last online connection, the broker kept its data. If it
@@ -417,7 +323,7 @@ void BrokerSession::announce(bool kept)
     phase_ = Phase::reading;
     phase_ends_ = Clock::now() + kAnswerTime;
     send_state(kOnline);
-    if (!reads_tree_)
+    if (!subscriptions_.read_tree())
         go_online(false);
 }
 
@@ -425,17 +331,18 @@ void BrokerSession::go_online(bool has_read)
 {
     if (!last_connection_.empty())
         ++counters_.reconnects;
-    if (!last_connection_.empty() || reads_tree_)
+    const bool reads_tree = subscriptions_.read_tree();
+    if (!last_connection_.empty() || reads_tree)
         link_->unsubscribe(configuration_.state_topic);
-    if (reads_tree_)
-        subscribe_for_good();
+    if (reads_tree)
+        subscriptions_.ask_for_good(*link_);
     phase_ = Phase::online;
     online_since_ = Clock::now();
     last_connection_ = connection_;
     last_address_ = choice_.now().address();
     choice_.forget_reasons();
     events_.online(kept_, has_read);
-    subscribe_at_last();
+    subscriptions_.ask_at_last(*link_);
     const std::string text = "connected to " + last_address_;
     log(Level::info, text + (kept_ ? "; the broker has kept what it had" : "; sending everything"));
     events_.status(text);
@@ -443,17 +350,7 @@ void BrokerSession::go_online(bool has_read)
 
 Publication BrokerSession::state_message(const char *text) const
 {
-    Publication state;
-    state.topic = configuration_.state_topic;
-    state.payload = text;
-    state.qos = state_qos_;
-    state.retain = state_retained_;
-    state.content_type = "text/plain";
-    state.is_utf8 = true;
-    state.properties = {{property::kOrigin, origin_},
-                        {kConnection, connection_},
-                        {kBroker, choice_.now().address()}};
-    return state;
+    return state_.with(text, connection_, choice_.now().address());
 }
 
 void BrokerSession::send_state(const char *text)

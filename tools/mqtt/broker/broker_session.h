@@ -13,6 +13,8 @@
 #include "broker/backoff.h"
 #include "broker/broker_choice.h"
 #include "broker/broker_link.h"
+#include "broker/state_message.h"
+#include "broker/subscriptions.h"
 #include "broker/witness.h"
 #include "config/configuration.h"
 
@@ -20,7 +22,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace kp::mqtt {
@@ -91,31 +92,24 @@ class BrokerSession {
     void drop_connection(Clock::time_point now);
     void end_link(Clock::time_point now);
     void report_failure(milliseconds delay);
-    bool asked_too_much(int refusal);
-    void subscribe_all();
-    void subscribe(const Subscription &subscription);
     void ask_for_state();
     void ask_for_witness();
     bool tells_that_all_is_kept(const Message &state) const;
     void announce(bool kept);
     void go_online(bool has_read);
     void hear_state(const Message &state);
-    void subscribe_for_good();
-    void subscribe_at_last();
     void send_state(const char *text);
     Publication state_message(const char *text) const;
     void choose_broker(bool was_good);
     void start_over();
-    void leave_behind(const std::string &filter);
-    void leave_behind_what_is_unwanted();
     void take_up_the_session();
     void tell_of_the_session() const;
 
     const Configuration &configuration_;
-    const std::string origin_;
     const SessionEvents events_;
     Counters &counters_;
 
+    StateMessage state_;
     std::unique_ptr<BrokerLink> link_;
     Phase phase_ = Phase::waiting;
     Clock::time_point phase_ends_{}; // when to connect, or to stop waiting for an answer
@@ -126,19 +120,13 @@ class BrokerSession {
     std::string connection_;      // names this one in the state topic, and the attempts before it
     std::string last_connection_; // the last one that was online
     Witness witness_;
-    bool reads_tree_ = false; // there is a shared tree
     bool kept_ = false;
-    std::vector<Subscription> asked_for_;              // on this connection, as the rules want them
-    std::unordered_map<int, std::string> subscribing_; // filters by the id of the request
-    std::vector<std::string> left_behind_;             // asked for on a connection that was lost
+    Subscriptions subscriptions_;
 
     bool is_closed_ = false;
     std::string close_reason_;
     int refusal_ = 0;
 
-    // What the broker takes: both are lowered when it refuses them.
-    int state_qos_ = 1;
-    bool state_retained_ = true;
     int state_id_ = 0; // of the state message that is not acknowledged
 };
 
