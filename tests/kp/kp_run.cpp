@@ -15,10 +15,13 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sstream>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+namespace fs = std::filesystem;
 
 namespace kptest {
 
@@ -121,6 +124,21 @@ void exchange_text(Pipe &input, Pipe &output, Pipe &errors, const RunOptions &op
     }
 }
 
+// Copies the program and its library to a place of this mount namespace, as far from one another as
+// they are in the build.
+std::string copy_for_others(const fs::path &program)
+{
+    const fs::path build = program.parent_path() / "../..";
+    const fs::path place = "/mnt";
+    EXPECT_EQ(mount("tmpfs", place.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=755"), 0);
+    for (const char *file : {"tools/kp/kp", "src/libzu-kp.so.3"}) {
+        fs::create_directories((place / file).parent_path());
+        fs::copy_file(build / file, place / file);
+        fs::permissions(place / file, fs::perms(0755));
+    }
+    return place / "tools/kp/kp";
+}
+
 } // namespace
 
 Ran run_program(const std::vector<std::string> &command, const RunOptions &options)
@@ -149,9 +167,18 @@ Ran run_program(const std::vector<std::string> &command, const RunOptions &optio
     return ran;
 }
 
+const std::string &program_for(uid_t user)
+{
+    static const std::string own = KP_PROGRAM;
+    if (user == 0)
+        return own;
+    static const std::string copied = copy_for_others(own);
+    return copied;
+}
+
 Ran kp(const std::vector<std::string> &arguments, const RunOptions &options)
 {
-    std::vector<std::string> command = {KP_PROGRAM};
+    std::vector<std::string> command = {program_for(options.uid)};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return run_program(command, options);
 }

@@ -29,6 +29,10 @@ struct RunOptions {
 
 Ran run_program(const std::vector<std::string> &command, const RunOptions &options = {});
 
+// Gives the path of `kp` for a user, 0 for that of the test. Another user runs a copy with its
+// library, since the folder of the build may be open to its owner alone.
+const std::string &program_for(uid_t user);
+
 // Runs `kp` with these arguments.
 Ran kp(const std::vector<std::string> &arguments, const RunOptions &options = {});
 

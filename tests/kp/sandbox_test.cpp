@@ -31,8 +31,11 @@ Ran sandboxed(const std::string &script, const RunOptions &options = {})
     return kp({"sandbox", "--", "sh", "-c", script}, options);
 }
 
-const std::string kWriteAndList =
-    "'" KP_PROGRAM "' set a/b 1.5 --type double >/dev/null && '" KP_PROGRAM "' list";
+std::string write_and_list(uid_t user = 0)
+{
+    const std::string program = "'" + program_for(user) + "'";
+    return program + " set a/b 1.5 --type double >/dev/null && " + program + " list";
+}
 
 // Gives the number that a script has left in a file; 0 as long as there is none.
 pid_t number_in(const std::string &path)
@@ -51,7 +54,7 @@ TEST(KpSandbox, GivesACommandAnEmptyStoreOfItsOwn)
     fs::create_directory("/run/scripts");
     const std::string before = store_picture();
 
-    const Ran ran = sandboxed(kWriteAndList);
+    const Ran ran = sandboxed(write_and_list());
 
     EXPECT_EQ(ran.err, "");
     EXPECT_EQ(ran.out, "a/b\n");
@@ -61,7 +64,7 @@ TEST(KpSandbox, GivesACommandAnEmptyStoreOfItsOwn)
 
 TEST(KpSandbox, WorksWhereTheMachineHasNoStore)
 {
-    const Ran ran = sandboxed(kWriteAndList);
+    const Ran ran = sandboxed(write_and_list());
 
     EXPECT_EQ(ran.err, "");
     EXPECT_EQ(ran.out, "a/b\n");
@@ -91,7 +94,7 @@ TEST(KpSandbox, DoesNotFollowALinkInPlaceOfTheStore)
     std::ofstream("/run/victim/file") << "text";
     fs::create_symlink("/run/victim", "/dev/shm/zu-kp");
 
-    const Ran ran = sandboxed("ls /run/victim; " + kWriteAndList);
+    const Ran ran = sandboxed("ls /run/victim; " + write_and_list());
 
     EXPECT_EQ(ran.out, "file\na/b\n");
     EXPECT_EQ(fs::exists("/run/victim/a"), false);
@@ -132,11 +135,12 @@ TEST(KpSandbox, KeepsACopyThatNobodyMayReadWhoMayNotReadTheOriginal)
 
 TEST(KpSandbox, SaysByItsCodeThatTheSystemStartsNoProcess)
 {
-    if (other_user() == 0)
+    const uid_t user = other_user();
+    if (user == 0)
         GTEST_SKIP() << "this test needs a user whose processes are counted";
     const Ran ran =
-        run_program({"bash", "-c", "ulimit -u 0; exec '" KP_PROGRAM "' sandbox -- true"},
-                    {.environment = {"ASAN_OPTIONS=detect_leaks=0"}, .uid = other_user()});
+        run_program({"bash", "-c", "ulimit -u 0; exec " + program_for(user) + " sandbox -- true"},
+                    {.environment = {"ASAN_OPTIONS=detect_leaks=0"}, .uid = user});
 
     EXPECT_EQ(ran.code, 125) << ran.err;
 }
@@ -178,7 +182,7 @@ TEST(KpSandbox, ServesAnOrdinaryUserWhoKeepsHisNumber)
     if (user == 0)
         GTEST_SKIP() << "this test cannot become another user";
 
-    const Ran ran = sandboxed("id -u; " + kWriteAndList, {.uid = user});
+    const Ran ran = sandboxed("id -u; " + write_and_list(user), {.uid = user});
 
     EXPECT_EQ(ran.err, "");
     EXPECT_EQ(ran.out, std::to_string(user) + "\na/b\n");

@@ -113,7 +113,7 @@ TEST(KpWatch, FollowsAFileOnceItMayBeRead)
     ASSERT_EQ(chmod(SegmentFile("b").path().c_str(), 0644), 0);
     const std::string number = std::to_string(user);
     ChildProcess watch(std::vector<std::string>{"setpriv", "--reuid=" + number, "--regid=" + number,
-                                                "--clear-groups", KP_PROGRAM, "watch", "#"});
+                                                "--clear-groups", program_for(user), "watch", "#"});
     ASSERT_EQ(watch.hear(), "b\t1");
 
     ASSERT_EQ(chmod(SegmentFile("a").path().c_str(), 0644), 0);
