@@ -16,7 +16,8 @@ using ReadTable = Configuration (*)(const toml::table &file, const std::string &
 
 // The table of a text; the problem names the file and the line.
 Result<toml::table> configuration_table(std::string_view text, const std::string &path);
-// The text of a file; the problem names the file.
+// The text of a file, or of a pipe that somebody writes to; the problem names it. Waits for nobody
+// longer than two seconds.
 Result<std::string> configuration_text(const std::string &path);
 
 // Reads and checks a text; `path` is for messages.
