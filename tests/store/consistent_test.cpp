@@ -1,12 +1,14 @@
 // The consistent read against a writer that is played store by store, in every order in which its
 // stores can fall between the steps of the read, and against a writer of this build.
 #include "testing/capture.h"
+#include "testing/faults.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 
 #include "kp.h"
 #include "store/consistent.h"
 #include "store/doubt.h"
+#include "store/plain.h"
 
 #include <array>
 #include <atomic>
@@ -569,11 +571,13 @@ TEST_F(ConsistentRead, GivesUpInBoundedTimeAndMarksNothingWhenAWriterDied)
     std::vector<uint8_t> value(kSize);
     kp_xlog_set_user_level(KP_LEVEL_INFO);
     StderrCapture log;
+    const CountCalls pauses(Call::usleep);
 
     const int32_t result =
         kp::read_consistent(consumer_, value.data(), kSize, nullptr, nullptr, nullptr);
 
     EXPECT_EQ(result, -1);
+    EXPECT_EQ(pauses.count(), kp::kWriterTries);
     EXPECT_EQ(kp_shm_has_read(consumer_), 0);
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_TRUE(log.lines()[0].ends_with("shm read fail")) << log.lines()[0];

@@ -291,6 +291,30 @@ TEST(ATopicThatEndsInASlash, IsReportedAsADirectory)
               Lines(3, "ERROR: kp_new_shm: open shm(increase 'ulimit -n'): Is a directory"));
 }
 
+TEST(MakingDirectories, EndsAtALevelThatIsTooLong)
+{
+    fs::create_directories(kStore);
+
+    EXPECT_EQ(kp_mkdir((kStore / std::string(5000, 'x') / "b/c").c_str()), 0);
+
+    EXPECT_TRUE(fs::is_empty(kStore));
+}
+
+TEST_F(Links, ThatCannotBeReadLeadNowhere)
+{
+    fs::create_directories("/run/target");
+    fs::create_directory_symlink("/run/target", kStore / "link");
+    StderrCapture log;
+    const FailFrom fault(Call::readlinkat, 1, EIO);
+
+    EXPECT_EQ(kp_shm_new("link/a", KP_ROLE_PROVIDER), nullptr);
+
+    EXPECT_EQ(log.lines(),
+              Lines{"ERROR: kp_new_shm: open shm(increase 'ulimit -n'): Input/output error"});
+    EXPECT_TRUE(fs::is_empty("/run/target"));
+    EXPECT_FALSE(fs::exists(kStore / "a"));
+}
+
 TEST(WithoutADescriptor, DirectoriesAreMadeAsFarAsTheFirstLevel)
 {
     {

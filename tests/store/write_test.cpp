@@ -1,5 +1,6 @@
 // Writing through an open segment.
 #include "store/opened_segment.h"
+#include "store/plain.h"
 #include "store/segment_file.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
@@ -111,6 +112,17 @@ TEST(ShmWrite, ChecksTheSizeOfBytesAndOfRawLikeThatOfStrings)
     EXPECT_EQ(kp_shm_write(raw, "xyz", 3, 1, 1, 1), -1);
     EXPECT_EQ(log.lines(), Lines(2, "WARN: kp_shm_check_written_value_size: "
                                     "written_value_size(3) > max_value_size(2)"));
+}
+
+TEST(ASizeToBeWritten, PassesItsCheckWhereItFits)
+{
+    const DeclaredSegment fixed("a");
+    const DeclaredSegment variable("b", KP_TYPE_RAW, 10);
+    StderrCapture log;
+
+    EXPECT_EQ(kp_shm_check_written_value_size(*static_cast<kp_shm_t *>(fixed)->mem, 4), 0);
+    EXPECT_EQ(kp_shm_check_written_value_size(*static_cast<kp_shm_t *>(variable)->mem, 10), 0);
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST(ShmWrite, ComparesSizesUnsigned)
