@@ -29,7 +29,7 @@ coverage:
 	@scripts/setup build test coverage tools
 	@scripts/coverage
 
-# An hour on two processors; EVERY=10 tries one mutant in ten, FILES names the sources.
+# Some hours on busy processors; EVERY=10 tries one mutant in ten, FILES names the sources.
 mutate:
 	@scripts/setup build test
 	@scripts/mutate --every $(or $(EVERY),1) $(FILES)
