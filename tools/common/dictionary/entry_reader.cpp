@@ -1,12 +1,12 @@
 #include "common/dictionary/entry_reader.h"
 
+#include "common/parse_number.h"
 #include "common/pattern.h"
 #include "common/text.h"
 #include "common/value_text.h"
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cmath>
 
 namespace kp::tool {
@@ -34,15 +34,6 @@ bool can_be_shown(std::string_view text)
         text.remove_prefix(point.bytes);
     }
     return true;
-}
-
-std::optional<int64_t> whole_number(std::string_view text)
-{
-    int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size())
-        return std::nullopt;
-    return number;
 }
 
 Result<std::string> parse_text(const toml::node &node, std::size_t most)
@@ -168,14 +159,14 @@ Result<ValueNames> parse_names(const toml::node &node)
     ValueNames names;
     for (const auto &[key, value] : *table) {
         const std::string_view text = key.str();
-        const auto number = whole_number(text);
+        const auto number = parse_number<int64_t>(text);
         if (!number)
             return Names::failed("\"" + escaped(text) + "\" is not a whole number");
         auto name = parse_text(value, kMostUnitBytes);
         if (!name || name.value->empty())
             return Names::failed("the name of " + std::to_string(*number) + " " +
                                  (name ? "is empty" : name.problem));
-        if (whole_number(*name.value)) // it could not be told from a value
+        if (parse_number<int64_t>(*name.value)) // it could not be told from a value
             return Names::failed("the name of " + std::to_string(*number) + " is a number");
         for (const auto &[other, taken] : names)
             if (taken == *name.value)

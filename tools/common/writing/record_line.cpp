@@ -1,13 +1,13 @@
 #include "common/writing/record_line.h"
 
 #include "common/encoding.h"
+#include "common/parse_number.h"
 #include "common/pattern.h"
 #include "common/text.h"
 #include "common/time_text.h"
 #include "layout/value_type.h"
 
 #include <array>
-#include <charconv>
 #include <ctime>
 #include <limits>
 
@@ -211,12 +211,8 @@ std::optional<std::string> record_bytes(const Record &record, uint32_t type, Pro
 
 std::optional<uint64_t> parse_time(const std::string &text)
 {
-    uint64_t us = 0;
-    const char *end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, us);
-    if (result.ec == std::errc() && result.ptr == end && !text.empty())
-        return us;
-    return parse_iso(text);
+    const auto us = parse_number<uint64_t>(text);
+    return us ? us : parse_iso(text);
 }
 
 } // namespace kp::tool

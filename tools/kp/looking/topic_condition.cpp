@@ -1,9 +1,9 @@
 #include "looking/topic_condition.h"
 
+#include "common/parse_number.h"
 #include "common/value_text.h"
 
 #include <array>
-#include <charconv>
 #include <string_view>
 #include <utility>
 
@@ -42,14 +42,10 @@ std::optional<TopicCondition> comparison(const std::string &first,
 
 std::optional<TopicCondition> freshness(const std::vector<std::string> &rest)
 {
-    double seconds = 0;
-    if (rest.size() != 1)
+    const auto seconds = rest.size() == 1 ? parse_number<double>(rest[0]) : std::nullopt;
+    if (!seconds || !(*seconds >= 0 && *seconds < 1e9))
         return std::nullopt;
-    const char *end = rest[0].data() + rest[0].size();
-    const auto result = std::from_chars(rest[0].data(), end, seconds);
-    if (result.ec != std::errc() || result.ptr != end || !(seconds >= 0 && seconds < 1e9))
-        return std::nullopt;
-    return TopicCondition{Test::fresh, "", static_cast<uint64_t>(seconds * 1e6)};
+    return TopicCondition{Test::fresh, "", static_cast<uint64_t>(*seconds * 1e6)};
 }
 
 bool holds(Test test, std::optional<int> order)
@@ -70,16 +66,6 @@ bool holds(Test test, std::optional<int> order)
     }
 }
 
-std::optional<long double> number_of(const std::string &text)
-{
-    long double number = 0;
-    const char *end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end)
-        return std::nullopt;
-    return number;
-}
-
 struct Comparison {
     std::optional<int> order; // nothing when one of the two is not a number
 };
@@ -90,8 +76,9 @@ std::optional<Comparison> compare(const Snapshot &snapshot, const std::string &o
     const std::string text = is_number ? trimmed(operand) : operand;
     if (const auto bytes = parse_value(snapshot.type, text, ByteStyle::hex, problem))
         return Comparison{compare_values(snapshot.type, snapshot.bytes, *bytes)};
-    const auto right = is_number ? number_of(text) : std::nullopt;
-    const auto left = right ? number_of(value_text(snapshot.type, snapshot.bytes)) : std::nullopt;
+    const auto right = is_number ? parse_number<long double>(text) : std::nullopt;
+    const auto left =
+        right ? parse_number<long double>(value_text(snapshot.type, snapshot.bytes)) : std::nullopt;
     if (!left || !right)
         return std::nullopt;
     if (*left == *right)

@@ -43,9 +43,7 @@ std::optional<double> number_of(const Snapshot &snapshot)
     const bool is_number = is_number_type(snapshot.type) || snapshot.type == KP_TYPE_BOOLEAN;
     if (snapshot.condition != Condition::value || !is_number)
         return std::nullopt;
-    const double number = with_number(snapshot.type, [&snapshot](auto zero) {
-        return static_cast<double>(from_bytes<decltype(zero)>(snapshot.bytes));
-    });
+    const double number = as_double(snapshot.type, snapshot.bytes);
     return std::isfinite(number) ? std::optional(number) : std::nullopt;
 }
 

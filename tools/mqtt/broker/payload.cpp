@@ -1,11 +1,11 @@
 #include "broker/payload.h"
 
 #include "common/encoding.h"
+#include "common/parse_number.h"
 #include "common/text.h"
 #include "common/value_text.h"
 #include "names/topic_names.h"
 
-#include <charconv>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -57,14 +57,6 @@ std::string json_object(std::string_view topic, const Sample &sample, uint8_t qu
     return object + '}';
 }
 
-template <typename T> std::optional<T> number(std::string_view text)
-{
-    T value{};
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    const bool whole = error == std::errc{} && end == text.data() + text.size();
-    return whole ? std::optional(value) : std::nullopt;
-}
-
 std::optional<uint32_t> known_type(const std::string &name)
 {
     const uint32_t type = kp_str2type(name.c_str());
@@ -79,7 +71,7 @@ std::string scalar_text(const json &value)
 // What a message may say; 255 means to the store that the quality stays.
 void take_quality(Description &description, std::string_view text)
 {
-    description.quality = number<uint8_t>(text);
+    description.quality = tool::parse_number<uint8_t>(text);
     if (!description.quality || *description.quality == kKeptQuality)
         description.problem = "its quality is no number from 0 to 254";
 }
@@ -109,9 +101,9 @@ void complete(Description &description, const json &object)
     if (const auto quality = field("quality"); quality != object.end())
         take_quality(description, scalar(*quality).whole_or_text());
     if (const auto time = field("source_ts"); time != object.end())
-        description.source_ts = number<uint64_t>(scalar(*time).whole_or_text());
+        description.source_ts = tool::parse_number<uint64_t>(scalar(*time).whole_or_text());
     if (const auto extra = field("extra"); extra != object.end())
-        description.extra_info = number<uint32_t>(scalar(*extra).whole_or_text());
+        description.extra_info = tool::parse_number<uint32_t>(scalar(*extra).whole_or_text());
 }
 
 tool::Result<Content> from_json(std::string_view payload, Description &description)
@@ -174,9 +166,9 @@ Description describe(const UserProperties &properties)
         else if (name == property::kQuality)
             take_quality(description, value);
         else if (name == property::kSourceTime)
-            description.source_ts = number<uint64_t>(value);
+            description.source_ts = tool::parse_number<uint64_t>(value);
         else if (name == property::kExtraInfo)
-            description.extra_info = number<uint32_t>(value);
+            description.extra_info = tool::parse_number<uint32_t>(value);
     }
     return description;
 }

@@ -2,13 +2,13 @@
 
 #include "answers/failures.h"
 #include "answers/metrics.h"
+#include "common/parse_number.h"
 #include "common/text.h"
 #include "store/listing.h"
 #include "store/mappers_line.h"
 #include "store/row_line.h"
 #include "store/stream.h"
 
-#include <charconv>
 #include <cstdio>
 
 namespace kp::web {
@@ -32,11 +32,10 @@ std::optional<double> rate_of(const Target &target, double most)
     const std::string *text = target.last("rate");
     if (!text)
         return std::min(kUsualRate, most);
-    double rate = 0;
-    const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), rate);
-    if (error != std::errc() || end != text->data() + text->size() || !(rate >= 0.01))
+    const auto rate = tool::parse_number<double>(*text);
+    if (!rate || !(*rate >= 0.01))
         return std::nullopt;
-    return std::min(rate, most);
+    return std::min(*rate, most);
 }
 
 } // namespace

@@ -1,9 +1,9 @@
 #include "config/configuration.h"
 
 #include "common/configuration_file.h"
+#include "common/parse_number.h"
 
 #include <arpa/inet.h>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <sys/un.h>
@@ -40,15 +40,14 @@ tool::Result<Address> parse_address(const std::string &text)
     std::string host = text.substr(0, colon);
     if (host.starts_with('[') && host.ends_with(']'))
         host = host.substr(1, host.size() - 2);
-    uint16_t port = 0;
-    const std::string digits = colon == text.npos ? "" : text.substr(colon + 1);
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), port);
-    if (digits.empty() || error != std::errc() || end != digits.data() + digits.size())
+    const auto port =
+        tool::parse_number<uint16_t>(colon == text.npos ? "" : text.substr(colon + 1));
+    if (!port)
         return Parsed::failed("\"" + text + "\" must be as \"127.0.0.1:8420\" or \"unix:/PATH\"");
     if (!is_loopback(host))
         return Parsed::failed("\"" + text +
                               "\" is not on the loopback; a reverse proxy serves other machines");
-    return Parsed::of({host, port, ""});
+    return Parsed::of({host, *port, ""});
 }
 
 // The page is looked for beside the program first, so that a tree that was installed elsewhere or

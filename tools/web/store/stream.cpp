@@ -1,8 +1,7 @@
 #include "store/stream.h"
 
 #include "common/clock.h"
-
-#include <charconv>
+#include "common/parse_number.h"
 
 namespace kp::web {
 
@@ -21,11 +20,9 @@ std::optional<uint64_t> change_of(const std::string &id, const Board &board)
     const std::string start = board.instance() + "-";
     if (!id.starts_with(start))
         return std::nullopt;
-    uint64_t change = 0;
-    const char *end = id.data() + id.size();
-    const auto [rest, error] = std::from_chars(id.data() + start.size(), end, change);
-    const bool is_known = error == std::errc() && rest == end && change <= board.sequence();
-    return is_known && change >= board.forgotten() ? std::optional(change) : std::nullopt;
+    const auto change = tool::parse_number<uint64_t>(std::string_view(id).substr(start.size()));
+    const bool is_known = change && *change <= board.sequence() && *change >= board.forgotten();
+    return is_known ? change : std::nullopt;
 }
 
 } // namespace
