@@ -2,14 +2,20 @@
 // here connects to a socket, so no peer notices.
 #pragma once
 
+#include "layout/notice.h"
+
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
 namespace kp::tool {
 
-constexpr const char *kProvidersRoot = "/run/providers";
+constexpr const char *kProvidersRoot = "/run/providers"; // kEndpointDirectory in messages and calls
+static_assert(
+    std::string_view(kEndpointDirectory).starts_with(kProvidersRoot) &&
+    std::string_view(kEndpointDirectory).substr(std::string_view(kProvidersRoot).size()) == "/");
 
 struct UnixSocket {
     enum class State {

@@ -3,6 +3,7 @@
 #include "common/pattern.h"
 #include "common/text.h"
 #include "kp.h"
+#include "layout/notice.h"
 #include "names/topic_names.h"
 
 #include <algorithm>
@@ -12,8 +13,9 @@ namespace kp::mqtt::setting {
 
 namespace {
 
-constexpr size_t kMostEndpointBytes = std::min(
-    sizeof(sockaddr_un::sun_path) - sizeof "/run/providers/", size_t{KP_ENDPOINT_NAME_SIZE} - 1);
+constexpr size_t kMostEndpointBytes =
+    std::min(sizeof(sockaddr_un::sun_path) - std::string_view(kEndpointDirectory).size() - 1,
+             size_t{KP_ENDPOINT_NAME_SIZE} - 1);
 
 } // namespace
 
