@@ -29,7 +29,7 @@ class Scanner {
 
     // Moves to the first byte outside quotation marks and comments that must not get to the parser,
     // and says why; null without one.
-    const char *find_fault()
+    const char *find_problem()
     {
         std::size_t dots = 0; // of the line
         while (skip_plain()) {
@@ -61,7 +61,7 @@ class Scanner {
     }
 
   private:
-    // Moves to the next byte that find_fault() has to look at. False at the end.
+    // Moves to the next byte that find_problem() has to look at. False at the end.
     bool skip_plain()
     {
         while (at_ < text_.size() && !kIsLookedAt[static_cast<unsigned char>(text_[at_])])
@@ -111,11 +111,11 @@ toml::table parse_toml(std::string_view text)
 {
     constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
     Scanner scanner(text.substr(text.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0));
-    const char *fault = scanner.find_fault();
-    if (!fault)
+    const char *problem = scanner.find_problem();
+    if (!problem)
         return toml::parse(text);
     const toml::source_position position = scanner.position();
-    throw toml::parse_error(fault, toml::source_region{position, position, nullptr});
+    throw toml::parse_error(problem, toml::source_region{position, position, nullptr});
 }
 
 } // namespace kp::tool

@@ -95,10 +95,10 @@ Result<std::string> normal_pattern(const std::string &pattern)
         return Normal::failed("the pattern can't match: it is longer than any topic");
     if (pattern.find_first_not_of('/') == std::string::npos)
         return Normal::failed("the pattern is empty and matches nothing");
-    const std::string fault =
+    const std::string why =
         is_pattern(pattern) ? pattern_problem(pattern, Dialect::tags) : std::string();
-    if (!fault.empty())
-        return Normal::failed("the pattern can't match: " + fault);
+    if (!why.empty())
+        return Normal::failed("the pattern can't match: " + why);
     Problem problem;
     const auto normal = normal_topic(pattern, problem);
     return normal ? Normal::of(*normal)

@@ -74,10 +74,10 @@ class Removal {
     // writes that means less than it covers.
     std::optional<Problem> add_pattern(const std::string &text)
     {
-        const std::string fault =
+        const std::string why =
             has_wildcard(text) ? pattern_problem(text, Dialect::tags) : std::string();
-        if (!fault.empty())
-            return Problem{kUsage, "\"" + escaped(text) + "\": " + escaped(fault) +
+        if (!why.empty())
+            return Problem{kUsage, "\"" + escaped(text) + "\": " + escaped(why) +
                                        ", and would remove more than it says; nothing was removed"};
         Problem problem;
         Selection selection;

@@ -22,7 +22,7 @@ void (*volatile at_stop)() = nullptr;
 // Signals by which people and the system end a program. They end this one, even if its caller has
 // set them to be ignored.
 constexpr std::array kRequests = {SIGINT, SIGTERM, SIGQUIT};
-// Other signals that end a program and are not its own fault. Its caller may have set them to be
+// Other signals that end a program from outside. Its caller may have set them to be
 // ignored, as nohup does, and then they are.
 constexpr std::array kOthers = {SIGHUP, SIGUSR1, SIGUSR2,   SIGALRM, SIGVTALRM, SIGPROF,
                                 SIGIO,  SIGPWR,  SIGSTKFLT, SIGXCPU, SIGXFSZ};
