@@ -5,30 +5,19 @@
 //   changes TOPICS ROUNDS_PER_SECOND SECONDS      0 rounds a second: as fast as they go
 //   changes follow
 #include "kp.h"
+#include "support/clock.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
-#include <time.h>
 #include <vector>
 
+using bench::now_ns;
+using bench::sleep_until;
+
 namespace {
-
-void sleep_until(uint64_t time_ns)
-{
-    const timespec until{static_cast<time_t>(time_ns / 1'000'000'000),
-                         static_cast<long>(time_ns % 1'000'000'000)};
-    (void)clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
-}
-
-uint64_t now_ns()
-{
-    timespec now{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
-}
 
 void say_ready_and_wait()
 {
