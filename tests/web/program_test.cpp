@@ -89,6 +89,19 @@ TEST(WebProgram, ReplacesTheSocketOfOneThatWasKilled)
     }));
 }
 
+TEST(WebProgram, EndsWhenItsTerminalCloses)
+{
+    const std::string path = "/run/kp-web.socket";
+    std::ofstream("/run/unix.conf") << "listen = [\"unix:" << path << "\"]\n";
+    ChildProcess terminal(
+        {"/usr/bin/script", "-qc", "exec '" KP_WEB "' -c /run/unix.conf", "/dev/null"});
+    ASSERT_TRUE(wait_until([&] { return is_served(path); }));
+
+    terminal.signal(SIGKILL);
+
+    EXPECT_TRUE(wait_until([&] { return !std::filesystem::exists(path); }));
+}
+
 TEST(WebProgram, EndsWithAReasonWhereItCannotListen)
 {
     const WebProgram first;

@@ -1,8 +1,8 @@
 #include "bridge.h"
 
 #include "base/log.h"
+#include "common/signals.h"
 #include "config/configuration_change.h"
-#include "signals.h"
 
 #include <algorithm>
 #include <array>
@@ -99,18 +99,18 @@ SessionEvents Bridge::session_events()
     };
 }
 
-std::optional<Configuration> Bridge::run(const Signals &signals,
+std::optional<Configuration> Bridge::run(const tool::Signals &signals,
                                          const std::function<ConfigurationResult()> &load)
 {
     look_for_changes(Clock::now());
     manager_.ready();
     bool stop = false;
     while (!stop) {
-        const Order order = wait(signals.fd()) ? signals.next() : Order::none;
-        if (order == Order::reload)
+        const tool::Order order = wait(signals.fd()) ? signals.next() : tool::Order::none;
+        if (order == tool::Order::reload)
             reload(load(), Clock::now());
         turn(Clock::now());
-        stop = order == Order::leave || successor_;
+        stop = order == tool::Order::leave || successor_;
     }
     if (!successor_)
         manager_.stopping();

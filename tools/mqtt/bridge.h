@@ -23,9 +23,11 @@
 #include <optional>
 #include <string>
 
-namespace kp::mqtt {
-
+namespace kp::tool {
 class Signals;
+} // namespace kp::tool
+
+namespace kp::mqtt {
 
 // DEVICE/BOOT: who a message comes from.
 std::string make_origin(const std::string &device);
@@ -41,7 +43,7 @@ class Bridge {
 
     // Runs until a signal says to leave. A signal that says to reload takes over what `load` gives.
     // Returns a configuration where that needs another bridge in place of this one.
-    std::optional<Configuration> run(const Signals &signals,
+    std::optional<Configuration> run(const tool::Signals &signals,
                                      const std::function<ConfigurationResult()> &load);
 
     // To be called after run(), when nothing is written to the store any more: notes which values

@@ -1,11 +1,12 @@
 // kp-mqtt: joins the tags of a device to an MQTT 5 broker. See kp-mqtt(1) and kp-mqtt.conf(5).
 #include "base/log.h"
 #include "bridge.h"
+#include "common/signals.h"
 #include "config/file_problems.h"
 #include "connection_check.h"
+#include "layout/notice.h"
 #include "mapping.h"
 #include "providers/left_handles.h"
-#include "signals.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -53,7 +54,7 @@ bool is_endpoint_taken(const std::string &name)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    (void)std::snprintf(address.sun_path, sizeof address.sun_path, "/run/providers/%s",
+    (void)std::snprintf(address.sun_path, sizeof address.sun_path, "%s%s", kp::kEndpointDirectory,
                         name.c_str());
     const kp::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int result = connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address);
@@ -78,7 +79,8 @@ struct Ended {
     std::optional<Configuration> successor;
 };
 
-Ended run_one(const Configuration &configuration, const Signals &signals, const Load &load)
+Ended run_one(const Configuration &configuration, const kp::tool::Signals &signals,
+              const Load &load)
 {
     auto state = StateFile::open(configuration.state_file);
     if (!state) {
@@ -108,7 +110,7 @@ Ended run_one(const Configuration &configuration, const Signals &signals, const 
     auto successor = bridge.run(signals, load);
     if (!writer->stop(std::chrono::seconds(2))) {
         log(Level::warning, "a local peer does not read its notices; leaving without it");
-        (void)unlink(("/run/providers/" + configuration.endpoint).c_str());
+        (void)unlink((kp::kEndpointDirectory + configuration.endpoint).c_str());
         std::_Exit(successor ? kFailed : 0);
     }
     bridge.leave_behind();
@@ -118,7 +120,7 @@ Ended run_one(const Configuration &configuration, const Signals &signals, const 
 // If no bridge can start with the new configuration the one before is used again.
 int run(Configuration configuration, const Load &load)
 {
-    const Signals signals = Signals::take();
+    const auto signals = kp::tool::Signals::take();
     let_writers_go_first();
     (void)mosquitto_lib_init();
     std::optional<Configuration> before;

@@ -1,12 +1,10 @@
 // kp-web: shows the tags of a device to browsers and programs. See kp-web(1) and kp-web.conf(5).
 #include "common/fault_guard.h"
+#include "common/signals.h"
 #include "server/server.h"
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <iostream>
-#include <pthread.h>
-#include <sys/signalfd.h>
 
 using namespace kp::web;
 
@@ -26,17 +24,6 @@ void say(const std::string &line)
     std::cerr << "kp-web: " << line << '\n';
 }
 
-kp::UniqueFd take_signals()
-{
-    sigset_t signals;
-    (void)sigemptyset(&signals);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP})
-        (void)sigaddset(&signals, number);
-    (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    (void)std::signal(SIGPIPE, SIG_IGN);
-    return kp::UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-}
-
 // Without a file the defaults hold, which show all topics to this machine alone.
 ConfigurationResult load(const Options &options)
 {
@@ -52,8 +39,8 @@ void show(const std::vector<std::string> &lines)
         say(line);
 }
 
-Ending serve(const Configuration &configuration, const Listeners &listeners, int signals,
-             kp::tool::ServiceManager &manager)
+Ending serve(const Configuration &configuration, const Listeners &listeners,
+             const kp::tool::Signals &signals, kp::tool::ServiceManager &manager)
 {
     Counters counters;
     Board board(configuration.shown(), kp::tool::dictionary_place(configuration.dictionary));
@@ -66,7 +53,7 @@ Ending serve(const Configuration &configuration, const Listeners &listeners, int
 // The listeners stay as they are at a reload; only a restart opens others.
 int run(const Options &options, Configuration configuration)
 {
-    const kp::UniqueFd signals = take_signals();
+    const auto signals = kp::tool::Signals::take();
     kp::tool::catch_bus_errors();
     Listeners inherited = Listeners::inherited();
     auto opened = inherited.fds().empty() ? Listeners::open(configuration.listen)
@@ -78,7 +65,7 @@ int run(const Options &options, Configuration configuration)
     for (const std::string &name : opened.value->names())
         say("listening on " + name);
     kp::tool::ServiceManager manager;
-    while (serve(configuration, *opened.value, signals.get(), manager) == Ending::reload) {
+    while (serve(configuration, *opened.value, signals, manager) == Ending::reload) {
         manager.reloading();
         auto [fresh, problems] = load(options);
         show(problems);

@@ -1,4 +1,5 @@
-// Says which topics a filter lets through. With a wildcard it is a pattern, else a part of the name.
+// Says which topics a filter lets through. With a wildcard it is a pattern, else a part of the
+// name.
 
 const isPattern = (text) => text.split("/").some((level) => level[0] === "+" || level[0] === "#");
 

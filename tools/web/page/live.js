@@ -2,8 +2,8 @@
 import { keyOf } from "./text.js";
 
 export class Live {
-  // `changed(row)` is called for each value, `gone(key)` for a topic that went, `listed()` when topics
-  // came or went, `broken(isBroken)` when the connection breaks and when it is there again.
+  // `changed(row)` is called for each value, `gone(key)` for a topic that went, `listed()` when
+  // topics came or went, `broken(isBroken)` when the connection breaks and when it is there again.
   constructor(rate, handlers) {
     this.rate = rate;
     this.handlers = handlers;
@@ -37,7 +37,8 @@ export class Live {
   }
 }
 
-// Gives the lines of JSON at an address, and by how many ms the device's clock is ahead of this one.
+// Gives the lines of JSON at an address, and by how many ms the device's clock is ahead of this
+// one.
 export async function lines(address) {
   const response = await fetch(address);
   if (!response.ok)

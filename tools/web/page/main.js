@@ -1,4 +1,5 @@
-// Joins the parts of the page: which view is shown, what it shows, and the address that leads there.
+// Joins the parts of the page: which view is shown, what it shows, and the address that leads
+// there.
 import { showFindings, showPeers } from "./device.js";
 import { showDetails } from "./details.js";
 import { filterOf } from "./filter.js";
@@ -56,8 +57,8 @@ const trend = new Trend(find("trend"), (key) =>
 
 const mappers = new Mappers(() => facts());
 
-// One stream serves the table, the facts and the trend. The trend's topics stay in it while their rows
-// are out of view.
+// One stream serves the table, the facts and the trend. The trend's topics stay in it while their
+// rows are out of view.
 const live = new Live(10, {
   changed: (row) => {
     table.take(row);

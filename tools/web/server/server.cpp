@@ -3,12 +3,10 @@
 #include "common/clock.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <poll.h>
-#include <sys/signalfd.h>
 
 namespace kp::web {
 
@@ -98,19 +96,18 @@ Server::~Server()
     MHD_stop_daemon(daemon_);
 }
 
-Ending Server::run(int signals, tool::ServiceManager &manager)
+Ending Server::run(const tool::Signals &signals, tool::ServiceManager &manager)
 {
     std::vector<pollfd> room = {
         {MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd, POLLIN, 0},
-        {signals, POLLIN, 0},
+        {signals.fd(), POLLIN, 0},
     };
     for (const UniqueFd &fd : listeners_.fds())
         room.push_back({fd.get(), POLLIN, 0});
     while (true) {
         (void)poll(room.data(), room.size(), time_left_ms());
-        signalfd_siginfo signal{};
-        if (::read(signals, &signal, sizeof signal) == sizeof signal)
-            return signal.ssi_signo == SIGHUP ? Ending::reload : Ending::stop;
+        if (const auto order = signals.next(); order != tool::Order::none)
+            return order == tool::Order::reload ? Ending::reload : Ending::stop;
         for (const UniqueFd &fd : listeners_.fds())
             accept_all(fd);
         (void)MHD_run(daemon_);

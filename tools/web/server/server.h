@@ -4,6 +4,7 @@
 
 #include "answers/site.h"
 #include "common/service_manager.h"
+#include "common/signals.h"
 #include "http/guard.h"
 #include "net/listeners.h"
 
@@ -24,9 +25,8 @@ class Server {
     Server &operator=(const Server &) = delete;
     ~Server();
 
-    // Serves until a signal arrives at the descriptor. SIGHUP asks for a reload, any other signal
-    // for the end.
-    Ending run(int signals, tool::ServiceManager &manager);
+    // Serves until a signal asks for a reload or for the end.
+    Ending run(const tool::Signals &signals, tool::ServiceManager &manager);
 
   private:
     struct Exchange;
