@@ -153,7 +153,8 @@ class Node(NodeBase):
         try:
             await asyncio.shield(opening)
         except asyncio.CancelledError:
-            # Whoever comes last closes: the thread, or the loop, which may end before the thread does.
+            # Whoever comes last closes: the thread, or the loop, which may end before the thread
+            # does.
             self._is_given_up = True
             opening.add_done_callback(lambda _: self.close())
             raise
@@ -289,7 +290,8 @@ def _close_all() -> None:
             node.close()
 
 
-# atexit comes after the threads were waited for, which is too late for one that waits in an iteration.
+# atexit comes after the threads were waited for, which is too late for one that waits in an
+# iteration.
 _at_threads_end: Callable[[Callable[[], None]], Union[object, None]] = getattr(
     threading, "_register_atexit", atexit.register
 )

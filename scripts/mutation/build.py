@@ -18,8 +18,8 @@ TOO_SLOW = ("test_single_step",)
 # This program replaces the sending of a notice instead of calls of the system.
 FAILED_SEND = "test_core_failed_send"
 LIBRARY = "libkp_mutant.so"
-# No debug information and nothing optimised, which compiles fastest. Inline functions stay the library's own: those
-# of the tests, which keep the original headers, do not replace them.
+# No debug information and nothing optimised, which compiles fastest. Inline functions stay the
+# library's own: those of the tests, which keep the original headers, do not replace them.
 FLAGS = "-std=gnu++20 -O0 -w -fPIC -pthread -fno-exceptions -fno-rtti -fvisibility-inlines-hidden".split()
 COMPILER = os.environ.get("CXX", "c++")
 LINKER = ["-fuse-ld=lld"] if shutil.which("ld.lld") else []
@@ -56,7 +56,8 @@ def link(objects: list[Path], made: Path, wrapped: list[str]) -> bool:
     wraps = [f"-Wl,--wrap={name}" for name in wrapped]
     # Its own functions are its own, whatever the program brings.
     own = (f"-Wl,-soname,{LIBRARY}", "-Wl,-Bsymbolic-functions")
-    # The compiler's library has a __wrap_pthread_create of its own, so only the C library is searched.
+    # The compiler's library has a __wrap_pthread_create of its own, so only the C library is
+    # searched.
     return run(COMPILER, *LINKER, "-shared", "-nodefaultlibs", *own, *wraps, *objects, "-lc", "-o", made)
 
 
