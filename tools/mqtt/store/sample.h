@@ -1,7 +1,7 @@
-// What a topic held at one moment, or is to hold. It has the part of a tool::Snapshot that a message
-// carries and that makes a change: two are equal when the broker has nothing new to learn. A
-// snapshot's other fields, such as whether a write goes on, would tell of changes that are none, and
-// what is to be written comes from no segment. StoreReader alone makes one of a snapshot.
+// What a topic held at one moment, or is to hold. It has the part of a tool::Snapshot that a
+// message carries and that makes a change: two are equal when the broker has nothing new to learn.
+// A snapshot's other fields, such as whether a write goes on, would tell of changes that are none,
+// and what is to be written comes from no segment. StoreReader alone makes one of a snapshot.
 #pragma once
 
 #include "kp.h"
