@@ -38,6 +38,21 @@ TEST(Escaped, NamesMarksThatChangeTheDirectionOfText)
     EXPECT_EQ(escaped("\xe2\x80\xa8"), "\\u2028");
 }
 
+TEST(Escaped, NamesWhatNobodySees)
+{
+    EXPECT_EQ(escaped("\xef\xbb\xbf"
+                      "a\xe2\x80\x8b"),
+              "\\ufeffa\\u200b");
+    EXPECT_EQ(escaped("\xc2\xad\xe1\xa0\x8e\xe2\x81\xa0\xef\xbf\xb9"),
+              "\\u00ad\\u180e\\u2060\\ufff9");
+    EXPECT_EQ(escaped("\xf3\xa0\x81\x81"), "\\U000e0041");
+}
+
+TEST(Escaped, KeepsTheJoinersThatScriptsNeed)
+{
+    EXPECT_EQ(escaped("\xe2\x80\x8c\xe2\x80\x8d"), "\xe2\x80\x8c\xe2\x80\x8d");
+}
+
 TEST(Escaped, NamesBytesThatAreNoText)
 {
     EXPECT_EQ(escaped("\xff"
@@ -51,6 +66,9 @@ TEST(ShellWord, StandsForJustTheseBytes)
     EXPECT_EQ(shell_word("it's"), "'it'\\''s'");
     EXPECT_EQ(shell_word("a\nb"), "$'a\\nb'");
     EXPECT_EQ(shell_word("'\x1b"), "$'\\'\\x1b'");
+    EXPECT_EQ(shell_word("\xf3\xa0\x81\x81"
+                         "1"),
+              "$'\\U000e00411'");
 }
 
 TEST(DisplayWidth, CountsColumns)

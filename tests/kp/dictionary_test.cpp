@@ -345,6 +345,7 @@ TEST_F(KpDictionary, CheckHoldsLimitsOfOneEntryAgainstTheRangeOfAnother)
 TEST_F(KpDictionary, InitWritesWhatItReadsBack)
 {
     put_double("plant/\"odd\"\\\x1b[2J/\u202e", 1);
+    put_double("plant/\U000E0041", 1);
     put_text("name", "x");
     put_byte("byte", 1);
 
@@ -355,7 +356,7 @@ TEST_F(KpDictionary, InitWritesWhatItReadsBack)
                                      "description = \"\"\n\n[\"name\"]\ntype = \"string\"\n"));
     EXPECT_THAT(made.out, Not(HasSubstr("\x1b")));
     EXPECT_EQ(made.err, "");
-    EXPECT_EQ(meant({"check"}).out, "all 3 topics are as the dictionary says\n");
+    EXPECT_EQ(meant({"check"}).out, "all 4 topics are as the dictionary says\n");
     EXPECT_EQ(meant({"dictionary", "init", "--unknown"}).code, 1);
 }
 

@@ -208,7 +208,7 @@ class Page(unittest.TestCase):
             "<img src=x onerror=alert(1)>",
             "</script><script>alert(2)<",
             "\"'&amp;",
-            "a\u202eb\x1b[31m",
+            "a\u202eb\u200b\x1b[31m",
         ]
         for name in hostile:
             put("hostile/" + name.replace("/", "|"), name, "string")
@@ -218,7 +218,7 @@ class Page(unittest.TestCase):
             wait_for(lambda: self.row("hostile/" + hostile[0])[1] == hostile[0])
             self.assertEqual(self.all("#rows img, #rows script, #details img"), [])
             self.assertIn(hostile[0], self.find("#details").text)
-            self.assertTrue(self.row("hostile/a\\u202eb\\u001b[31m"))
+            self.assertTrue(self.row("hostile/a\\u202eb\\u200b\\u001b[31m"))
         finally:
             for name in hostile:
                 subprocess.run(

@@ -1,5 +1,6 @@
 #include "common/text.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -11,6 +12,26 @@ namespace kp::tool {
 namespace {
 
 constexpr CodePoint kStrayByte{0xFFFD, 1, false};
+
+struct CodePointRange {
+    char32_t first, last;
+};
+
+// Not U+200C and U+200D: nobody sees them either, but some scripts and pictures need them.
+constexpr std::array kUnsafe = {
+    CodePointRange{0x0000, 0x001F},   // control characters
+    CodePointRange{0x007F, 0x009F},   // control characters
+    CodePointRange{0x00AD, 0x00AD},   // soft hyphen
+    CodePointRange{0x061C, 0x061C},   // direction
+    CodePointRange{0x180E, 0x180E},   // vowel separator
+    CodePointRange{0x200B, 0x200B},   // space without width
+    CodePointRange{0x200E, 0x200F},   // direction
+    CodePointRange{0x2028, 0x202E},   // lines, direction
+    CodePointRange{0x2060, 0x206F},   // joiners, invisible operators, direction
+    CodePointRange{0xFEFF, 0xFEFF},   // byte order mark
+    CodePointRange{0xFFF9, 0xFFFB},   // annotations
+    CodePointRange{0xE0000, 0xE007F}, // tags
+};
 
 bool continues(std::string_view text, std::size_t index)
 {
@@ -33,7 +54,8 @@ std::string escape_of(std::string_view text, CodePoint point)
     }
     std::array<char, 16> out{};
     if (point.valid && point.bytes > 1)
-        (void)std::snprintf(out.data(), out.size(), "\\u%04x", static_cast<unsigned>(point.value));
+        (void)std::snprintf(out.data(), out.size(), point.value > 0xFFFF ? "\\U%08x" : "\\u%04x",
+                            static_cast<unsigned>(point.value));
     else
         (void)std::snprintf(out.data(), out.size(), "\\x%02x", static_cast<uint8_t>(text[0]));
     return out.data();
@@ -76,9 +98,10 @@ bool is_utf8(std::string_view text)
 
 bool is_unsafe_to_show(char32_t value)
 {
-    const bool is_control = value < 0x20 || (value >= 0x7F && value < 0xA0);
-    return is_control || value == 0x061C || (value >= 0x200E && value <= 0x200F) ||
-           (value >= 0x2028 && value <= 0x202E) || (value >= 0x2066 && value <= 0x2069);
+    const bool is_ascii_text = value >= 0x20 && value < 0x7F;
+    return !is_ascii_text && std::ranges::any_of(kUnsafe, [value](const CodePointRange &range) {
+        return value >= range.first && value <= range.last;
+    });
 }
 
 void escape_for_8_bits(bool wanted)

@@ -19,8 +19,9 @@ CodePoint next_code_point(std::string_view text);
 
 bool is_utf8(std::string_view text);
 
-// Says whether a code point would do something to a terminal or to the text around it: the control
-// characters, and the marks that separate lines or change the direction of text.
+// Says whether a code point would do something to a terminal or to the text around it, or make two
+// names look the same: the control characters, the marks that separate lines or change the
+// direction of text, and what nobody sees.
 bool is_unsafe_to_show(char32_t value);
 
 // Writes as backslash escapes what is unsafe to show, bytes that are not UTF-8, and the backslash

@@ -30,7 +30,8 @@ std::optional<std::string> toml_text(std::string_view text)
         if (!point.valid)
             return std::nullopt;
         if (is_unsafe_to_show(point.value))
-            (void)std::snprintf(code.data(), code.size(), "\\u%04X",
+            (void)std::snprintf(code.data(), code.size(),
+                                point.value > 0xFFFF ? "\\U%08X" : "\\u%04X",
                                 static_cast<unsigned>(point.value));
         const bool is_special = text[0] == '"' || text[0] == '\\';
         out += code[0] ? std::string(code.data())

@@ -11,11 +11,16 @@ export function addressOf(row) {
 // Gives what tells one topic from all others.
 export const keyOf = (row) => (row.topic_b64 ? "b64:" + row.topic_b64 : row.topic);
 
-// Escapes control characters, which nobody would see, and marks of direction, which would turn the
-// text around them.
+const UNSAFE = new RegExp("[\\u0000-\\u001f\\u007f-\\u009f\\u00ad\\u061c\\u180e\\u200b\\u200e\\u200f" +
+  "\\u2028-\\u202e\\u2060-\\u206f\\ufeff\\ufff9-\\ufffb\\u{e0000}-\\u{e007f}]", "gu");
+
+// Escapes what nobody would see, so that no two names look the same, and marks of direction, which
+// would turn the text around them.
 export function shown(text) {
-  return String(text).replace(/[\u0000-\u001f\u007f-\u009f\u200e\u200f\u2028-\u202e\u2066-\u2069]/g,
-    (character) => "\\u" + character.codePointAt(0).toString(16).padStart(4, "0"));
+  return String(text).replace(UNSAFE, (character) => {
+    const code = character.codePointAt(0).toString(16);
+    return code.length > 4 ? "\\U" + code.padStart(8, "0") : "\\u" + code.padStart(4, "0");
+  });
 }
 
 export function valueText(row) {
