@@ -3,6 +3,7 @@
 #include "testing/child.h"
 #include "testing/file_text.h"
 #include "testing/process.h"
+#include "testing/unix_socket.h"
 
 #include <algorithm>
 #include <array>
@@ -244,6 +245,12 @@ std::string store_picture()
     for (const std::string &line : lines)
         picture += line + '\n';
     return picture;
+}
+
+void leave_dead_sockets(int count)
+{
+    for (int number = 0; number < count; ++number)
+        UnixSocket::leave_dead_file("/run/providers/dead-" + std::to_string(number));
 }
 
 int ignore_notice(kp_t *, const kp_write_info *, void *)

@@ -60,6 +60,10 @@ void put_text(const std::string &topic, const std::string &text);
 // what lies in /run/providers.
 std::string store_picture();
 
+// Leaves sockets that nobody answers in /run/providers. Who joins the mesh then tries each of them
+// for three seconds.
+void leave_dead_sockets(int count);
+
 // A change callback for handles whose notices do not matter.
 int ignore_notice(kp_t *handle, const kp_write_info *notice, void *user_data);
 

@@ -6,10 +6,13 @@
 
 #include <chrono>
 #include <cmath>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <thread>
 
 using namespace kptest;
+using testing::HasSubstr;
+using testing::Not;
 
 TEST(KpWait, ComparesNumbersByValue)
 {
@@ -193,6 +196,20 @@ TEST(KpWait, PrintsWhatMetTheConditionWhenAsked)
     put_double("a", 5);
 
     EXPECT_EQ(kp({"wait", "a", ">4", "-v"}).out, kp({"get", "a", "-v"}).out);
+}
+
+// Joining takes three seconds for each dead socket.
+TEST(KpWait, JoiningHoldsUpNeitherTheTimeNorTheLook)
+{
+    put_double("a", 4);
+    leave_dead_sockets(10);
+    const auto start = std::chrono::steady_clock::now();
+
+    EXPECT_EQ(kp({"wait", "a", "==", "5", "--mesh", "-t", "0.1"}).code, 124);
+    EXPECT_EQ(kp({"wait", "a", "==", "4", "--mesh", "-t", "600"}).code, 0);
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+    EXPECT_THAT(kp({"peers"}).out, Not(HasSubstr("kp-watch")));
 }
 
 TEST(KpWait, LooksAtOnceWhenANoticeComes)

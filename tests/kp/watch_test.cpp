@@ -14,6 +14,8 @@
 #include <unistd.h>
 
 using namespace kptest;
+using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
@@ -302,6 +304,21 @@ TEST(KpWatch, FollowsTheNoticesOfTheMesh)
     (void)kp_tags_destroy(handle);
     (void)kp_destroy(handle);
     EXPECT_TRUE(std::filesystem::is_empty("/run/providers"));
+}
+
+TEST(KpWatch, ASignalEndsItWhileItJoins)
+{
+    put_double("a", 1);
+    leave_dead_sockets(10);
+    const auto start = std::chrono::steady_clock::now();
+    ChildProcess watch(watching({"a", "--mesh"}));
+    ASSERT_EQ(watch.hear(), "a\t1");
+
+    watch.signal(SIGTERM);
+
+    EXPECT_EQ(watch.wait(), 128 + SIGTERM);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+    EXPECT_THAT(kp({"peers"}).out, Not(HasSubstr("kp-watch")));
 }
 
 // A container has process numbers of its own, and may share the directory of the sockets.

@@ -207,7 +207,7 @@ int run_wait(const WaitOptions &options)
     if (options.timeout > 0)
         StandardStream::set_deadline(end);
     std::unique_ptr<NoticeQueue> queue;
-    if (options.mesh && options.timeout != 0 && !(queue = NoticeQueue::join(problem)))
+    if (options.mesh && options.timeout != 0 && !(queue = NoticeQueue::join(end, problem)))
         return complain(problem);
     return wait_until_met(*waiting, options, queue.get(), end);
 }

@@ -39,12 +39,16 @@ class Watch {
     {
     }
 
-    int run(NoticeQueue *queue)
+    int run()
     {
         const uint64_t start = monotonic_us();
         end_ = options_.timeout > 0 ? start + static_cast<uint64_t>(options_.timeout * 1e6)
                                     : std::numeric_limits<uint64_t>::max();
         StandardStream::set_deadline(end_);
+        Problem problem;
+        std::unique_ptr<NoticeQueue> queue;
+        if (options_.mesh && !(queue = NoticeQueue::join(end_, problem)))
+            return complain(problem);
         if (!options_.is_record)
             output().write(header_line(options_.format));
         look(nullptr);
@@ -148,11 +152,7 @@ class Watch {
 int run_watch(const WatchOptions &options, const Selection &selection)
 {
     catch_stop_signals();
-    Problem problem;
-    std::unique_ptr<NoticeQueue> queue;
-    if (options.mesh && !(queue = NoticeQueue::join(problem)))
-        return complain(problem);
-    return Watch(options, selection).run(queue.get());
+    return Watch(options, selection).run();
 }
 
 void add_following(CLI::App &command, WatchOptions &options)
