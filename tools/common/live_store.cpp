@@ -131,6 +131,7 @@ void LiveStore::forget_directory(const std::string &directory)
         // Sorted, the names below it stand together.
         kept.erase(kept.lower_bound(directory + '/'), kept.lower_bound(directory + kBehindSlash));
     };
+    row_.clear();
     forget_in(topics_);
     forget_in(directories_);
     forget_in(refused_);
@@ -141,7 +142,7 @@ void LiveStore::follow(const StoreFile &file)
     const auto known = topics_.find(file.topic);
     if (known != topics_.end() && known->second.reader.inode() == file.inode)
         return;
-    topics_.erase(file.topic); // another file took its name
+    forget(file.topic); // another file took its name
     open(file.topic);
 }
 
@@ -151,6 +152,7 @@ void LiveStore::open(const std::string &topic)
     auto reader = SegmentReader::open(opener_, topic, problem, means_left());
     if (reader) {
         refused_.erase(topic);
+        row_.clear();
         topics_.insert_or_assign(topic, LiveTopic{topic, std::move(*reader), {}, true, false});
     } else if (problem.code == kNothing) {
         refused_.erase(topic); // its directory will show it, should it come back
@@ -167,7 +169,7 @@ void LiveStore::drop_files(const DirectoryState &state, const std::vector<StoreF
         there.insert(file.topic);
     for (const std::string &topic : state.files)
         if (!there.contains(topic)) {
-            topics_.erase(topic);
+            forget(topic);
             refused_.erase(topic);
         }
 }
@@ -175,9 +177,23 @@ void LiveStore::drop_files(const DirectoryState &state, const std::vector<StoreF
 void LiveStore::drop_lost()
 {
     for (const std::string &topic : std::exchange(lost_, {})) {
-        topics_.erase(topic);
+        forget(topic);
         refused_.insert(topic);
     }
+}
+
+void LiveStore::forget(const std::string &topic)
+{
+    row_.clear();
+    topics_.erase(topic);
+}
+
+const std::vector<LiveTopic *> &LiveStore::in_a_row()
+{
+    if (row_.empty())
+        for (auto &[name, live] : topics_)
+            row_.push_back(&live);
+    return row_;
 }
 
 void LiveStore::report_if_stuck(LiveTopic &live)

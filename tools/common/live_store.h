@@ -62,8 +62,8 @@ class LiveStore : private StoreVisitor {
     // the value takes it with the topic's read().
     template <typename Use> void for_each_change(const Use &use)
     {
-        for (auto &[name, live] : topics_)
-            look_at(live, use);
+        for (LiveTopic *live : in_a_row())
+            look_at(*live, use);
         drop_lost();
     }
 
@@ -71,9 +71,9 @@ class LiveStore : private StoreVisitor {
     template <typename Covers, typename Use>
     void for_each_change_where(const Covers &covers, const Use &use)
     {
-        for (auto &[name, live] : topics_)
-            if (covers(live))
-                look_at(live, use);
+        for (LiveTopic *live : in_a_row())
+            if (covers(*live))
+                look_at(*live, use);
         drop_lost();
     }
 
@@ -114,7 +114,9 @@ class LiveStore : private StoreVisitor {
     void open(const std::string &topic);
     Means means_left() const;
     void drop_files(const DirectoryState &state, const std::vector<StoreFile> &now);
+    void forget(const std::string &topic);
     void drop_lost();
+    const std::vector<LiveTopic *> &in_a_row();
     void report_if_stuck(LiveTopic &live);
 
     template <typename Use> void look_at(LiveTopic &live, const Use &use)
@@ -139,6 +141,9 @@ class LiveStore : private StoreVisitor {
     const Limits limits_;
     TopicOpener opener_;
     std::map<std::string, LiveTopic> topics_;
+    // The same, since a step in a tree takes longer than a look at a topic that is at rest. Emptied
+    // by each change of topics_.
+    std::vector<LiveTopic *> row_;
     std::map<std::string, DirectoryState> directories_;
     std::set<std::string> refused_; // whose files could not be opened, or were cut short
     uint64_t retry_at_ = 0;
