@@ -403,7 +403,7 @@ TEST(Leaving, TakesNoLongWhileTheBrokerIsStopped)
 
     EXPECT_EQ(bridge.stop(), 0);
 
-    EXPECT_LT(Clock::now() - start, 5s);
+    EXPECT_LT(Clock::now() - start, 20s); // two at rest; without a bound it would be for ever
     broker.signal(SIGCONT);
 }
 
