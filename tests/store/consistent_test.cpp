@@ -359,6 +359,8 @@ struct ChangeBeforeComparison {
     }
 };
 
+namespace {
+
 // Whether an attempt takes a value of so many bytes whose segment changes after the copy.
 bool takes_a_value(uint32_t size, const std::function<void(kp::Segment &)> &change)
 {
@@ -374,6 +376,8 @@ bool takes_a_value(uint32_t size, const std::function<void(kp::Segment &)> &chan
     const ChangeBeforeComparison access{[&] { change(segment); }};
     return kp::try_consistent_read(segment, buffer.data(), buffer.size(), header, access);
 }
+
+} // namespace
 
 TEST(ConsistentAttempt, ComparesEachFieldByItself)
 {
@@ -475,6 +479,8 @@ TEST_F(ConsistentRead, MarksAValueOfAnotherSourceTimeUntilSomethingElseStandsThe
     EXPECT_TRUE(kp::has_changed(*consumer_));
 }
 
+namespace {
+
 // Counts the bytes of a value whose change alone ends the doubt about a read of the whole.
 int bytes_that_end_the_doubt(kp_shm_t *provider, kp_shm_t *consumer, const SegmentFile &file,
                              uint32_t size)
@@ -491,6 +497,8 @@ int bytes_that_end_the_doubt(kp_shm_t *provider, kp_shm_t *consumer, const Segme
     }
     return count;
 }
+
+} // namespace
 
 TEST_F(ConsistentRead, IsInDoubtUntilAnyByteChanges)
 {
