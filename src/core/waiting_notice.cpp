@@ -63,10 +63,8 @@ using namespace kp;
 
 int32_t kp_get_fd(kp_t *handle)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
     const MutexLock lock(handle->mutex); // waits for a callback that is running
     if (has_notice_fd(*handle))
         return handle->notice_fd;
@@ -86,14 +84,10 @@ int32_t kp_get_fd(kp_t *handle)
 
 int32_t kp_take_notice(kp_t *handle, kp_write_info *notice)
 {
-    if (!handle) {
-        KP_ERROR("kp is null\n");
+    if (is_null(handle, "kp is null\n"))
         return -1;
-    }
-    if (!notice) {
-        KP_ERROR("notice is null\n");
+    if (is_null(notice, "notice is null\n"))
         return -1;
-    }
     NoticeWords taken{};
     uint64_t any = 0;
     if (has_notice_fd(*handle)) {
