@@ -92,6 +92,23 @@ TEST(Outbound, ClearsATopicThatIsGone)
     EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
 }
 
+TEST(Outbound, ClearsATopicAgainWhereTheBrokerMayHaveComeBackWithAnOlderFile)
+{
+    OutboundOf outbound("");
+    {
+        StoreProvider provider("a/1");
+        provider.write("x");
+        (void)outbound.messages_after_scan();
+    }
+    EXPECT_THAT(outbound.messages_after_scan(), ElementsAre("p/a/1= q="));
+
+    outbound->connected(true, outbound.now());
+    EXPECT_THAT(outbound.messages(), IsEmpty());
+    outbound->connected(false, outbound.now());
+    EXPECT_THAT(outbound.messages(), ElementsAre("p/a/1= q="));
+    EXPECT_FALSE(outbound.state().has("p/a/1"));
+}
+
 TEST(Outbound, ClearsATopicWhoseProviderComesBackWithoutAValue)
 {
     StoreProvider provider("a/1");

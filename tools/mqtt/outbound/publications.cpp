@@ -15,6 +15,7 @@ constexpr milliseconds kBusyDelay{100}; // until a topic in the middle of a writ
 constexpr milliseconds kSettleDelay{10};  // the same, where the write is the bridge's own
 constexpr milliseconds kQuotaDelay{1000}; // after a broker has said that it has no room
 constexpr milliseconds kBurstDelay{10};
+constexpr std::size_t kMostCleared = 1000;
 
 } // namespace
 
@@ -45,6 +46,9 @@ void Publications::connected(bool kept, Clock::time_point now)
         if (topic->seen && topic->seen->has_value)
             pending_.mark_burst(topic->mqtt, now);
     }
+    for (const std::string &mqtt : std::exchange(cleared_, {}))
+        if (!configuration_.shares(mqtt)) // what a shared tree holds has been read
+            state_.add(mqtt);
     for (const std::string &mqtt : state_.topics())
         if (!configuration_.shares(mqtt))
             pending_.mark_burst(mqtt, now);
@@ -355,8 +359,12 @@ void Publications::forget_cleared(const Publication &publication)
         last_kept_.reset();
     const OutTopic *topic = topics_.of_mqtt(publication.topic);
     // An announcement may be on its way again; then it stands.
-    if (!topic && !is_on_its_way(publication.topic))
+    if (!topic && !is_on_its_way(publication.topic)) {
         state_.remove(publication.topic);
+        cleared_.push_back(publication.topic);
+        if (cleared_.size() > kMostCleared)
+            cleared_.pop_front();
+    }
     if (topic && !topic->rule->retain) {
         state_.remove(publication.topic);
         pending_.mark_change(publication.topic, publication.since);

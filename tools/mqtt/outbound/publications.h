@@ -9,6 +9,7 @@
 #include "outbound/topic_table.h"
 #include "store/local_writer.h"
 
+#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -118,6 +119,9 @@ class Publications {
     std::multimap<Clock::time_point, std::string> reminders_;       // topics to be sent again
     std::unordered_map<int, Publication> unacknowledged_;
     std::optional<Publication> last_kept_;
+    // The newest topics that the broker has cleared. A broker that was killed may come back with
+    // values from before.
+    std::deque<std::string> cleared_;
     std::vector<std::string> taken_over_;
     TokenBucket burst_;
     uint64_t number_; // of the last message of a shared tree; it never starts again from below
