@@ -92,7 +92,7 @@ TEST(Outbound, ClearsATopicThatIsGone)
     EXPECT_THAT(outbound.messages_after_scan(), IsEmpty());
 }
 
-TEST(Outbound, ClearsATopicAgainWhereTheBrokerMayHaveComeBackWithAnOlderFile)
+TEST(Outbound, ClearsAgainWhatAKilledBrokerMayBringBack)
 {
     OutboundOf outbound("");
     {
