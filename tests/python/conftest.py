@@ -5,7 +5,7 @@ import subprocess
 import sys
 import time
 from pathlib import Path
-from typing import Callable, List
+from typing import Callable, List, Tuple
 
 import pytest
 
@@ -31,6 +31,15 @@ def settled_descriptors() -> int:
         time.sleep(0.05)
         counts = [*counts[1:], descriptors()]
     return counts[0]
+
+
+def settled_at(expected: Tuple[int, int]) -> Tuple[int, int]:
+    """Threads and descriptors as soon as they are as expected, or those after half a minute: a peer on a busy
+    machine drops its connection late."""
+    end = time.monotonic() + 30
+    while (found := (threads(), descriptors())) != expected and time.monotonic() < end:
+        time.sleep(0.05)
+    return found
 
 
 @pytest.fixture
