@@ -1,7 +1,7 @@
 // Measures what the dictionary costs in processor time. It reads a file of 10,000 entries, and has
 // the TOML parser alone read it too, in turn; and it looks up topics. The least of twenty counts.
+#include "common/config/toml_text.h"
 #include "common/dictionary/dictionary.h"
-#include "common/toml_text.h"
 
 #include <algorithm>
 #include <cstdio>

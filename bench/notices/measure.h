@@ -1,7 +1,7 @@
 // The three measurements of a notice contestant. Each adds its rows to the results.
 #pragma once
 
-#include "notices/channel.h"
+#include "notices/channels/channel.h"
 #include "support/placement.h"
 #include "support/summary.h"
 

@@ -1,6 +1,6 @@
 #include "notices/session.h"
 
-#include "notices/socket_channel.h"
+#include "notices/channels/socket_channel.h"
 #include "support/clock.h"
 #include "support/futex.h"
 

@@ -2,7 +2,7 @@
 // by side. An exchange tells all receivers of one value and waits until each has taken it.
 #pragma once
 
-#include "notices/channel.h"
+#include "notices/channels/channel.h"
 #include "support/placement.h"
 #include "support/shared_memory.h"
 

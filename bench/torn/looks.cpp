@@ -2,8 +2,8 @@
 // One process writes a topic in the steps of the library, with values of any size, and this one
 // looks at it through a mapping and through a descriptor. Measures also what a look costs at a
 // topic that nobody writes.
-#include "common/fault_guard.h"
-#include "common/segment_reader.h"
+#include "common/store/fault_guard.h"
+#include "common/store/segment_reader.h"
 #include "kp.h"
 
 #include <CLI/CLI.hpp>

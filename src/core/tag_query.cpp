@@ -1,8 +1,8 @@
 // Questions about a tag or a topic that move no value.
 #include "core/tag.h"
 
-#include "store/doubt.h"
 #include "support/log.h"
+#include "value/doubt.h"
 
 using namespace kp;
 

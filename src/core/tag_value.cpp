@@ -2,10 +2,10 @@
 // the quality of a plain write, the size rule and the marks in the handle's change notice.
 #include "core/handle.h"
 #include "core/tag.h"
-#include "store/consistent.h"
-#include "store/plain.h"
 #include "support/clock.h"
 #include "support/log.h"
+#include "value/consistent.h"
+#include "value/plain.h"
 
 #include <cstring>
 

@@ -2,7 +2,7 @@
 // Every process maps the whole file read-write and shared, so a field here can change at any
 // moment, and another process may put anything into it. Fields are read and written through
 // layout/field.h alone; the bytes of a value are copied and compared as a whole (store/bytes.h),
-// and the tools copy a whole segment and then prove the copy (tools/common/whole_copy.h).
+// and the tools copy a whole segment and then prove the copy (tools/common/store/whole_copy.h).
 #pragma once
 
 #include "layout/field.h"

@@ -1,4 +1,4 @@
-#include "common/configuration_file.h"
+#include "common/config/configuration_file.h"
 
 #include "layout/unique_fd.h"
 

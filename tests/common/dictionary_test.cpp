@@ -1,7 +1,7 @@
 // The dictionary: which facts hold for a topic, and what mistakes in its files cost.
 #include "common/dictionary/dictionary.h"
-#include "common/number_type.h"
-#include "common/text.h"
+#include "common/text/text.h"
+#include "common/values/number_type.h"
 #include "testing/file_text.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "common/encoding.h"
+#include "common/text/encoding.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "common/fault_guard.h"
+#include "common/store/fault_guard.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>

@@ -1,5 +1,5 @@
-#include "common/fault_guard.h"
-#include "common/live_store.h"
+#include "common/store/fault_guard.h"
+#include "common/store/live_store.h"
 
 #include "testing/process.h"
 #include "testing/segment_file.h"

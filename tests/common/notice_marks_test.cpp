@@ -1,4 +1,4 @@
-#include "common/notice_marks.h"
+#include "common/device/notice_marks.h"
 
 #include "testing/readable.h"
 

@@ -1,4 +1,4 @@
-#include "common/pattern.h"
+#include "common/names/pattern.h"
 
 #include <gtest/gtest.h>
 

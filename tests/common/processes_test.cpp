@@ -1,4 +1,4 @@
-#include "common/processes.h"
+#include "common/system/processes.h"
 
 #include "testing/child.h"
 #include "testing/process.h"

@@ -1,5 +1,5 @@
-#include "common/fault_guard.h"
-#include "common/segment_reader.h"
+#include "common/store/fault_guard.h"
+#include "common/store/segment_reader.h"
 
 #include "testing/process.h"
 #include "testing/segment_file.h"

@@ -1,6 +1,6 @@
-#include "common/file_lock.h"
-#include "common/segment_reader.h"
-#include "common/segment_writer.h"
+#include "common/store/segment_reader.h"
+#include "common/store/segment_writer.h"
+#include "common/system/file_lock.h"
 
 #include "kp.h"
 #include "testing/process.h"

@@ -1,4 +1,4 @@
-#include "common/selection.h"
+#include "common/names/selection.h"
 
 #include <gtest/gtest.h>
 

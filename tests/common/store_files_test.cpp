@@ -1,6 +1,6 @@
-#include "common/store_files.h"
+#include "common/store/store_files.h"
 
-#include "common/store_walk.h"
+#include "common/store/store_walk.h"
 #include "testing/process.h"
 #include "testing/segment_file.h"
 

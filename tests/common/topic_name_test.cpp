@@ -1,4 +1,4 @@
-#include "common/topic_name.h"
+#include "common/names/topic_name.h"
 
 #include <gtest/gtest.h>
 

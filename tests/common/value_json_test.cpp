@@ -1,4 +1,4 @@
-#include "common/value_json.h"
+#include "common/values/value_json.h"
 
 #include "testing/bytes.h"
 

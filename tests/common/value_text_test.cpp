@@ -1,4 +1,4 @@
-#include "common/value_text.h"
+#include "common/values/value_text.h"
 
 #include "testing/bytes.h"
 

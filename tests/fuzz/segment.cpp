@@ -2,7 +2,7 @@
 #include "fuzz/fuzz.h"
 
 #include "kp.h"
-#include "store/consistent.h"
+#include "value/consistent.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "broker/broker_link.h"
+#include "link/broker_link.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

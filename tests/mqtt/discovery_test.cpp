@@ -3,7 +3,7 @@
 #include "outbound_fixture.h"
 #include "testing/store_provider.h"
 
-#include "broker/payload.h"
+#include "messages/payload.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "outbound/pacing.h"
+#include "topics/pacing.h"
 
 #include "broker/backoff.h"
 

@@ -1,4 +1,4 @@
-#include "broker/payload.h"
+#include "messages/payload.h"
 
 #include <gtest/gtest.h>
 #include <limits>

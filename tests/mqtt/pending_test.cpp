@@ -1,4 +1,4 @@
-#include "outbound/pending.h"
+#include "topics/pending.h"
 
 #include <gtest/gtest.h>
 

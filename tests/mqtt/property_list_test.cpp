@@ -1,4 +1,4 @@
-#include "broker/property_list.h"
+#include "messages/property_list.h"
 
 #include <gtest/gtest.h>
 #include <string>

@@ -1,4 +1,4 @@
-#include "common/service_manager.h"
+#include "common/system/service_manager.h"
 
 #include <array>
 #include <cstdlib>

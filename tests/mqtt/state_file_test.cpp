@@ -1,4 +1,4 @@
-#include "outbound/state_file.h"
+#include "topics/state_file.h"
 
 #include <filesystem>
 #include <fstream>

@@ -6,9 +6,9 @@
 #include "testing/segment_file.h"
 
 #include "kp.h"
-#include "store/consistent.h"
-#include "store/doubt.h"
-#include "store/plain.h"
+#include "value/consistent.h"
+#include "value/doubt.h"
+#include "value/plain.h"
 
 #include <array>
 #include <atomic>

@@ -1,8 +1,8 @@
 // One writer and one reader, interleaved instruction by instruction: one of them is a process that
 // is stepped through its work, and the other one does a whole piece of its own between two
 // instructions.
-#include "store/consistent.h"
 #include "store/opened_segment.h"
+#include "value/consistent.h"
 
 #include "kp.h"
 

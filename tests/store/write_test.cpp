@@ -1,11 +1,11 @@
 // Writing through an open segment.
 #include "store/opened_segment.h"
-#include "store/plain.h"
 #include "store/segment_file.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
 #include "testing/log_level.h"
 #include "testing/segment_file.h"
+#include "value/plain.h"
 
 #include "kp.h"
 

@@ -2,7 +2,7 @@
 // is still to be given.
 #include "store/stream.h"
 
-#include "common/fault_guard.h"
+#include "common/store/fault_guard.h"
 #include "testing/store_provider.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // kp: the tags of this device, seen, set and looked after from a shell.
 #include "commands/commands.h"
-#include "common/fault_guard.h"
-#include "common/text.h"
+#include "common/store/fault_guard.h"
+#include "common/text/text.h"
 #include "kp.h"
 #include "options/option_checks.h"
 #include "options/similar_word.h"

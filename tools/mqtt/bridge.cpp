@@ -1,7 +1,7 @@
 #include "bridge.h"
 
 #include "base/log.h"
-#include "common/signals.h"
+#include "common/system/signals.h"
 #include "config/configuration_change.h"
 
 #include <algorithm>

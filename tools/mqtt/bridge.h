@@ -3,20 +3,20 @@
 
 #include "answers/answers.h"
 #include "broker/broker_session.h"
-#include "common/notice_marks.h"
-#include "common/service_manager.h"
+#include "common/device/notice_marks.h"
+#include "common/system/service_manager.h"
 #include "config/configuration.h"
 #include "inbound/inbound.h"
 #include "mesh/unheard_endpoints.h"
-#include "outbound/lost_providers.h"
 #include "outbound/publications.h"
 #include "outbound/settled_dictionary.h"
 #include "outbound/shared_tags.h"
-#include "outbound/state_file.h"
-#include "outbound/topic_table.h"
 #include "status_tags.h"
 #include "store/local_writer.h"
 #include "store/store_reader.h"
+#include "topics/lost_providers.h"
+#include "topics/state_file.h"
+#include "topics/topic_table.h"
 
 #include <functional>
 #include <memory>

@@ -1,6 +1,6 @@
 #include "connection_check.h"
 
-#include "common/text.h"
+#include "common/text/text.h"
 #include "layout/unique_fd.h"
 
 #include <array>

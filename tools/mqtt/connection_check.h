@@ -3,8 +3,8 @@
 // publishes nothing.
 #pragma once
 
-#include "broker/broker_link.h"
 #include "config/configuration.h"
+#include "link/broker_link.h"
 
 #include <functional>
 #include <iosfwd>

@@ -1,7 +1,7 @@
 // kp-mqtt: joins the tags of a device to an MQTT 5 broker. See kp-mqtt(1) and kp-mqtt.conf(5).
 #include "base/log.h"
 #include "bridge.h"
-#include "common/signals.h"
+#include "common/system/signals.h"
 #include "config/file_problems.h"
 #include "connection_check.h"
 #include "layout/notice.h"

@@ -1,8 +1,8 @@
 #include "mapping.h"
 
 #include "common/dictionary/live_dictionary.h"
-#include "common/text.h"
-#include "common/topic_name.h"
+#include "common/names/topic_name.h"
+#include "common/text/text.h"
 #include "outbound/discovery.h"
 #include "store/store_reader.h"
 

@@ -1,6 +1,6 @@
 #include "status_tags.h"
 
-#include "common/topic_name.h"
+#include "common/names/topic_name.h"
 #include "names/topic_names.h"
 
 namespace kp::mqtt {

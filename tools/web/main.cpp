@@ -1,6 +1,6 @@
 // kp-web: shows the tags of a device to browsers and programs. See kp-web(1) and kp-web.conf(5).
-#include "common/fault_guard.h"
-#include "common/signals.h"
+#include "common/store/fault_guard.h"
+#include "common/system/signals.h"
 #include "server/server.h"
 
 #include <CLI/CLI.hpp>

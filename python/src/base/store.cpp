@@ -2,10 +2,10 @@
 
 #include "base/errors.h"
 #include "base/reading.h"
-#include "common/segment_reader.h"
-#include "common/store_files.h"
-#include "common/store_walk.h"
-#include "common/topic_name.h"
+#include "common/names/topic_name.h"
+#include "common/store/segment_reader.h"
+#include "common/store/store_files.h"
+#include "common/store/store_walk.h"
 
 namespace kp::python {
 

@@ -1,8 +1,8 @@
 #include "base/values.h"
 
 #include "base/errors.h"
-#include "common/number_type.h"
-#include "common/text.h"
+#include "common/text/text.h"
+#include "common/values/number_type.h"
 #include "layout/value_type.h"
 
 #include <cmath>

@@ -4,7 +4,7 @@
 #include "base/node_state.h"
 #include "base/store.h"
 #include "base/values.h"
-#include "common/store_files.h"
+#include "common/store/store_files.h"
 #include "tag/notice.h"
 #include "tag/tag_object.h"
 

@@ -1,8 +1,8 @@
 #include "watch/dispatch.h"
 
 #include "common/clock.h"
-#include "common/store_files.h"
-#include "common/store_walk.h"
+#include "common/store/store_files.h"
+#include "common/store/store_walk.h"
 #include "layout/notice.h"
 #include "watch/watch.h"
 

@@ -6,7 +6,7 @@
 #include "base/store.h"
 #include "base/tag_reading.h"
 #include "common/clock.h"
-#include "common/selection.h"
+#include "common/names/selection.h"
 #include "watch/dispatch.h"
 
 #include <algorithm>

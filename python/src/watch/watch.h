@@ -3,7 +3,7 @@
 
 #include "base/object.h"
 
-#include "common/pattern.h"
+#include "common/names/pattern.h"
 #include "kp.h"
 #include "layout/unique_fd.h"
 

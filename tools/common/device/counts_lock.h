@@ -1,7 +1,7 @@
 // The semaphore that guards a segment's counts. The tools look at it and never change it.
 #pragma once
 
-#include "common/store_files.h"
+#include "common/store/store_files.h"
 
 #include <vector>
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "common/device/unix_sockets.h"
-#include "common/processes.h"
+#include "common/system/processes.h"
 
 #include <optional>
 

@@ -1,7 +1,7 @@
 // Who has a topic open, as JSON.
 #pragma once
 
-#include "common/processes.h"
+#include "common/system/processes.h"
 
 #include <functional>
 #include <nlohmann/json.hpp>

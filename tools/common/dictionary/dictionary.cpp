@@ -1,6 +1,6 @@
 #include "common/dictionary/dictionary.h"
 
-#include "common/pattern.h"
+#include "common/names/pattern.h"
 
 #include <algorithm>
 #include <unordered_map>

@@ -1,9 +1,9 @@
 // One file of the dictionary. A mistake costs what it stands in and no more: of a table that TOML
 // does not accept, the lines are blanked, and the rest is read again.
+#include "common/config/toml_text.h"
 #include "common/dictionary/entry_reader.h"
-#include "common/pattern.h"
-#include "common/text.h"
-#include "common/toml_text.h"
+#include "common/names/pattern.h"
+#include "common/text/text.h"
 
 #include <algorithm>
 #include <unordered_map>

@@ -1,9 +1,9 @@
 #include "common/dictionary/entry_reader.h"
 
-#include "common/parse_number.h"
-#include "common/pattern.h"
-#include "common/text.h"
-#include "common/value_text.h"
+#include "common/names/pattern.h"
+#include "common/text/parse_number.h"
+#include "common/text/text.h"
+#include "common/values/value_text.h"
 
 #include <algorithm>
 #include <array>

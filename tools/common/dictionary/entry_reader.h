@@ -1,9 +1,9 @@
 // Reads one entry of the dictionary from its TOML table, and says what is wrong in it and where.
 #pragma once
 
+#include "common/config/toml.h"
 #include "common/dictionary/entry.h"
 #include "common/result.h"
-#include "common/toml.h"
 
 namespace kp::tool {
 

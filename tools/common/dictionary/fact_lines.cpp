@@ -1,6 +1,6 @@
 #include "common/dictionary/fact_lines.h"
 
-#include "common/text.h"
+#include "common/text/text.h"
 #include "layout/value_type.h"
 
 #include <array>

@@ -1,8 +1,8 @@
 #include "common/dictionary/facts.h"
 
-#include "common/number_type.h"
-#include "common/text.h"
-#include "common/value_text.h"
+#include "common/text/text.h"
+#include "common/values/number_type.h"
+#include "common/values/value_text.h"
 
 #include <cmath>
 #include <type_traits>

@@ -1,6 +1,6 @@
 #include "common/dictionary/live_dictionary.h"
 
-#include "common/text.h"
+#include "common/text/text.h"
 #include "layout/unique_fd.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "common/dictionary/dictionary.h"
-#include "common/file_id.h"
+#include "common/system/file_id.h"
 
 #include <map>
 

@@ -1,7 +1,7 @@
 #include "common/dictionary/meaning.h"
 
 #include "common/clock.h"
-#include "common/text.h"
+#include "common/text/text.h"
 
 namespace kp::tool {
 

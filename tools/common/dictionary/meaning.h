@@ -2,7 +2,7 @@
 #pragma once
 
 #include "common/dictionary/dictionary.h"
-#include "common/segment_reader.h"
+#include "common/store/segment_reader.h"
 
 #include <nlohmann/json.hpp>
 

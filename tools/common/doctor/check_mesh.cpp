@@ -1,8 +1,8 @@
 // The endpoints: dead ones, stuck ones, crowded ones, and sockets that others cannot reach.
 #include "common/device/endpoints.h"
 #include "common/doctor/finding.h"
-#include "common/processes.h"
-#include "common/text.h"
+#include "common/system/processes.h"
+#include "common/text/text.h"
 #include "kp.h"
 
 #include <cerrno>

@@ -3,11 +3,11 @@
 #include "common/device/counts_lock.h"
 #include "common/doctor/finding.h"
 #include "common/doctor/spelled_tags.h"
-#include "common/processes.h"
-#include "common/segment_reader.h"
-#include "common/store_walk.h"
-#include "common/text.h"
-#include "common/time_text.h"
+#include "common/store/segment_reader.h"
+#include "common/store/store_walk.h"
+#include "common/system/processes.h"
+#include "common/text/text.h"
+#include "common/values/time_text.h"
 #include "kp.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 #include "common/device/room.h"
 #include "common/device/unix_sockets.h"
 #include "common/doctor/finding.h"
-#include "common/processes.h"
-#include "common/text.h"
+#include "common/system/processes.h"
+#include "common/text/text.h"
 #include "layout/segment.h"
 
 #include <cerrno>

@@ -3,7 +3,7 @@
 // spelling.
 #pragma once
 
-#include "common/file_id.h"
+#include "common/system/file_id.h"
 
 #include <cstdint>
 #include <map>

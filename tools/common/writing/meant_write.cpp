@@ -1,6 +1,6 @@
 #include "common/writing/meant_write.h"
 
-#include "common/text.h"
+#include "common/text/text.h"
 
 namespace kp::tool {
 

@@ -1,10 +1,10 @@
 #include "common/writing/record_line.h"
 
-#include "common/encoding.h"
-#include "common/parse_number.h"
-#include "common/pattern.h"
-#include "common/text.h"
-#include "common/time_text.h"
+#include "common/names/pattern.h"
+#include "common/text/encoding.h"
+#include "common/text/parse_number.h"
+#include "common/text/text.h"
+#include "common/values/time_text.h"
 #include "layout/value_type.h"
 
 #include <array>

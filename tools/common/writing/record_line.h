@@ -2,8 +2,8 @@
 // take.
 #pragma once
 
-#include "common/row_json.h"
-#include "common/value_json.h"
+#include "common/values/row_json.h"
+#include "common/values/value_json.h"
 #include "common/writing/writer.h"
 
 namespace kp::tool {

@@ -2,8 +2,8 @@
 
 #include "common/clock.h"
 #include "common/device/room.h"
-#include "common/segment_writer.h"
-#include "common/text.h"
+#include "common/store/segment_writer.h"
+#include "common/text/text.h"
 #include "layout/value_type.h"
 
 #include <algorithm>

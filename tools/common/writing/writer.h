@@ -2,7 +2,7 @@
 // provider declared; only a new topic is declared here.
 #pragma once
 
-#include "common/segment_reader.h"
+#include "common/store/segment_reader.h"
 
 namespace kp::tool {
 

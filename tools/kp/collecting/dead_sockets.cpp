@@ -1,7 +1,7 @@
 #include "collecting/dead_sockets.h"
 
 #include "common/clock.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "layout/unique_fd.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 #include "collecting/dead_topics.h"
 
 #include "common/clock.h"
-#include "common/fault_guard.h"
-#include "common/file_lock.h"
-#include "common/text.h"
+#include "common/store/fault_guard.h"
+#include "common/system/file_lock.h"
+#include "common/text/text.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -3,9 +3,9 @@
 #pragma once
 
 #include "collecting/deed.h"
-#include "common/processes.h"
-#include "common/segment_reader.h"
-#include "common/store_walk.h"
+#include "common/store/segment_reader.h"
+#include "common/store/store_walk.h"
+#include "common/system/processes.h"
 #include "layout/segment.h"
 
 namespace kp::tool {

@@ -1,9 +1,9 @@
 #include "collecting/empty_directories.h"
 
 #include "common/clock.h"
-#include "common/store_files.h"
-#include "common/store_levels.h"
-#include "common/text.h"
+#include "common/store/store_files.h"
+#include "common/store/store_levels.h"
+#include "common/text/text.h"
 
 #include <cerrno>
 #include <sys/stat.h>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "collecting/deed.h"
-#include "common/store_files.h"
+#include "common/store/store_files.h"
 
 namespace kp::tool {
 

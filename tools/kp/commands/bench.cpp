@@ -2,8 +2,8 @@
 // topic and two endpoints of its own.
 #include "commands/commands.h"
 #include "common/device/endpoints.h"
-#include "common/store_files.h"
-#include "common/text.h"
+#include "common/store/store_files.h"
+#include "common/text/text.h"
 #include "common/writing/notice_sender.h"
 #include "layout/segment.h"
 #include "layout/unique_fd.h"

@@ -1,9 +1,9 @@
 // kp describe: what the dictionary says of topics, and where it says so.
 #include "commands/commands.h"
 #include "common/dictionary/fact_lines.h"
-#include "common/store_files.h"
-#include "common/store_walk.h"
-#include "common/text.h"
+#include "common/store/store_files.h"
+#include "common/store/store_walk.h"
+#include "common/text/text.h"
 #include "options/selection_options.h"
 #include "output/meaning.h"
 #include "output/output.h"

@@ -1,6 +1,6 @@
 // kp dictionary init: a dictionary to begin with, from the topics that exist.
 #include "commands/commands.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "layout/value_type.h"
 #include "looking/store_walk.h"
 #include "options/selection_options.h"

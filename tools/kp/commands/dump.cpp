@@ -1,6 +1,6 @@
 // kp dump and kp restore: the store as JSON lines and back, exact to the bit.
 #include "commands/commands.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "common/writing/record_line.h"
 #include "looking/store_walk.h"
 #include "options/option_checks.h"

@@ -1,6 +1,6 @@
 // kp export: the topics in the format of another system.
 #include "commands/commands.h"
-#include "common/topic_metrics.h"
+#include "common/values/topic_metrics.h"
 #include "looking/store_walk.h"
 #include "options/selection_options.h"
 #include "output/output.h"

@@ -1,6 +1,6 @@
 // kp get: values, once.
 #include "commands/commands.h"
-#include "common/store_walk.h"
+#include "common/store/store_walk.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"

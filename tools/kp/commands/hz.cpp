@@ -1,7 +1,7 @@
 // kp hz: how often topics are written, and how evenly.
 #include "commands/commands.h"
-#include "common/live_store.h"
-#include "common/text.h"
+#include "common/store/live_store.h"
+#include "common/text/text.h"
 #include "looking/intervals.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"

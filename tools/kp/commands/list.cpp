@@ -1,7 +1,7 @@
 // kp list: every topic of the store, at any depth.
 #include "commands/commands.h"
-#include "common/store_walk.h"
-#include "common/text.h"
+#include "common/store/store_walk.h"
+#include "common/text/text.h"
 #include "options/selection_options.h"
 #include "output/meaning.h"
 #include "output/output.h"

@@ -1,7 +1,7 @@
 // kp replay: writes what record printed, at the pace at which it was seen.
 #include "commands/commands.h"
 #include "common/clock.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "options/option_checks.h"
 #include "running/line_reader.h"
 #include "running/stop.h"

@@ -1,10 +1,10 @@
 // kp rm: takes topics out of the store, unless somebody has them open.
 #include "commands/commands.h"
-#include "common/file_lock.h"
-#include "common/processes.h"
-#include "common/segment_reader.h"
-#include "common/store_walk.h"
-#include "common/text.h"
+#include "common/store/segment_reader.h"
+#include "common/store/store_walk.h"
+#include "common/system/file_lock.h"
+#include "common/system/processes.h"
+#include "common/text/text.h"
 #include "output/output.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // kp sandbox: runs a command with a store and a socket directory of its own.
 #include "commands/commands.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "layout/unique_fd.h"
 #include "sandbox/namespaces.h"
 #include "sandbox/own_directory.h"

@@ -1,7 +1,7 @@
 // kp set: one value, or many from JSON lines, checked against what the topic is.
 #include "commands/commands.h"
-#include "common/pattern.h"
-#include "common/text.h"
+#include "common/names/pattern.h"
+#include "common/text/text.h"
 #include "common/writing/meant_write.h"
 #include "common/writing/notice_sender.h"
 #include "layout/value_type.h"

@@ -1,8 +1,8 @@
 // kp top: the live view. It samples as watch does and draws less often than it samples.
 #include "commands/commands.h"
 #include "common/clock.h"
-#include "common/live_store.h"
-#include "common/text.h"
+#include "common/store/live_store.h"
+#include "common/text/text.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/meaning.h"

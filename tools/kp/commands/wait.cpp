@@ -1,7 +1,7 @@
 // kp wait: ends when a condition on one topic holds.
 #include "commands/commands.h"
-#include "common/pattern.h"
-#include "common/text.h"
+#include "common/names/pattern.h"
+#include "common/text/text.h"
 #include "looking/topic_condition.h"
 #include "notices/notice_queue.h"
 #include "options/option_checks.h"

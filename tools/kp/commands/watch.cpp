@@ -1,7 +1,7 @@
 // kp watch and kp record: a line for each change, by sampling or, asked to, on the notices of the
 // mesh.
 #include "commands/commands.h"
-#include "common/live_store.h"
+#include "common/store/live_store.h"
 #include "common/writing/record_line.h"
 #include "notices/notice_queue.h"
 #include "options/option_checks.h"

@@ -1,9 +1,9 @@
 // The topics of a selection, read one after another.
 #pragma once
 
-#include "common/segment_reader.h"
-#include "common/selection.h"
-#include "common/store_walk.h"
+#include "common/names/selection.h"
+#include "common/store/segment_reader.h"
+#include "common/store/store_walk.h"
 #include "running/problem.h"
 
 namespace kp::tool {

@@ -1,7 +1,7 @@
 #include "looking/topic_condition.h"
 
-#include "common/parse_number.h"
-#include "common/value_text.h"
+#include "common/text/parse_number.h"
+#include "common/values/value_text.h"
 
 #include <array>
 #include <string_view>

@@ -1,7 +1,7 @@
 // What `kp wait` waits for on one topic: a comparison with its value, a change, a recent write.
 #pragma once
 
-#include "common/segment_reader.h"
+#include "common/store/segment_reader.h"
 
 #include <optional>
 #include <string>

@@ -1,7 +1,7 @@
 // Gathers the change notices of all peers through a handle of the library.
 #pragma once
 
-#include "common/notice_marks.h"
+#include "common/device/notice_marks.h"
 #include "common/problem.h"
 #include "kp.h"
 

@@ -1,7 +1,7 @@
 // The arguments with which the user of a command chooses topics.
 #pragma once
 
-#include "common/selection.h"
+#include "common/names/selection.h"
 #include "running/problem.h"
 
 #include <CLI/CLI.hpp>

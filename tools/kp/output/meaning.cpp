@@ -1,7 +1,7 @@
 #include "output/meaning.h"
 
 #include "common/clock.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "output/output.h"
 #include "running/problem.h"
 

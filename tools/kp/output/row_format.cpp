@@ -1,7 +1,7 @@
 #include "output/row_format.h"
 
-#include "common/encoding.h"
-#include "common/text.h"
+#include "common/text/encoding.h"
+#include "common/text/text.h"
 #include "options/option_checks.h"
 #include "output/meaning.h"
 #include "output/output.h"

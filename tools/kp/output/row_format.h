@@ -1,8 +1,8 @@
 // One topic as one record of output, in each of the formats.
 #pragma once
 
-#include "common/row_json.h"
-#include "common/time_text.h"
+#include "common/values/row_json.h"
+#include "common/values/time_text.h"
 
 namespace CLI {
 class App;

@@ -1,6 +1,6 @@
 #include "output/screen.h"
 
-#include "common/text.h"
+#include "common/text/text.h"
 #include "running/stop.h"
 
 #define NCURSES_NOMACROS

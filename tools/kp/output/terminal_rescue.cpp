@@ -1,6 +1,6 @@
 #include "output/terminal_rescue.h"
 
-#include "common/fault_guard.h"
+#include "common/store/fault_guard.h"
 
 #include <array>
 #include <csignal>

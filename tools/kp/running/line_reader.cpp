@@ -1,6 +1,6 @@
 #include "running/line_reader.h"
 
-#include "common/text.h"
+#include "common/text/text.h"
 #include "running/stop.h"
 
 #include <algorithm>

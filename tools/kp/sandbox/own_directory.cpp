@@ -1,7 +1,7 @@
 #include "sandbox/own_directory.h"
 
-#include "common/store_levels.h"
-#include "common/text.h"
+#include "common/store/store_levels.h"
+#include "common/text/text.h"
 #include "layout/unique_fd.h"
 
 #include <array>

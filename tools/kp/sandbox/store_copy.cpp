@@ -1,10 +1,10 @@
 #include "sandbox/store_copy.h"
 
-#include "common/selection.h"
-#include "common/store_files.h"
-#include "common/store_levels.h"
-#include "common/store_walk.h"
-#include "common/text.h"
+#include "common/names/selection.h"
+#include "common/store/store_files.h"
+#include "common/store/store_levels.h"
+#include "common/store/store_walk.h"
+#include "common/text/text.h"
 #include "layout/segment.h"
 
 #include <array>

@@ -1,9 +1,9 @@
 #include "sandbox/supervisor.h"
 
 #include "common/clock.h"
-#include "common/held_signals.h"
-#include "common/processes.h"
-#include "common/text.h"
+#include "common/system/held_signals.h"
+#include "common/system/processes.h"
+#include "common/text/text.h"
 #include "running/problem.h"
 #include "running/standard_stream.h"
 #include "running/stop.h"

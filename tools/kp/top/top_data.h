@@ -2,7 +2,7 @@
 // minute. It looks at the store ten times a second and knows nothing of the screen.
 #pragma once
 
-#include "common/live_store.h"
+#include "common/store/live_store.h"
 #include "top/value_history.h"
 
 #include <array>

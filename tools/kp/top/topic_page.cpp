@@ -2,9 +2,9 @@
 
 #include "common/clock.h"
 #include "common/dictionary/fact_lines.h"
-#include "common/processes.h"
-#include "common/text.h"
-#include "common/time_text.h"
+#include "common/system/processes.h"
+#include "common/text/text.h"
+#include "common/values/time_text.h"
 #include "output/meaning.h"
 #include "output/row_format.h"
 

@@ -1,6 +1,6 @@
 #include "top/topic_table.h"
 
-#include "common/text.h"
+#include "common/text/text.h"
 #include "output/meaning.h"
 #include "output/row_format.h"
 

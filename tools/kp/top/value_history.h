@@ -1,7 +1,7 @@
 // The numbers that a topic had in the last minute, one for each second, and a small line of them.
 #pragma once
 
-#include "common/segment_reader.h"
+#include "common/store/segment_reader.h"
 
 #include <deque>
 #include <optional>

@@ -1,8 +1,8 @@
 #include "answers/answers.h"
 
 #include "base/log.h"
-#include "common/pattern.h"
-#include "common/text.h"
+#include "common/names/pattern.h"
+#include "common/text/text.h"
 #include "names/topic_names.h"
 
 #include <nlohmann/json.hpp>

@@ -5,9 +5,9 @@
 
 #include "base/counters.h"
 #include "base/when_done.h"
-#include "broker/message.h"
 #include "config/configuration.h"
 #include "layout/unique_fd.h"
+#include "messages/message.h"
 
 #include <deque>
 #include <memory>

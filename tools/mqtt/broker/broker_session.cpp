@@ -1,7 +1,7 @@
 #include "broker/broker_session.h"
 
 #include "base/log.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "names/topic_names.h"
 
 #include <algorithm>

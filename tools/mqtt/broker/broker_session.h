@@ -12,11 +12,11 @@
 #include "base/counters.h"
 #include "broker/backoff.h"
 #include "broker/broker_choice.h"
-#include "broker/broker_link.h"
 #include "broker/state_message.h"
 #include "broker/subscriptions.h"
 #include "broker/witness.h"
 #include "config/configuration.h"
+#include "link/broker_link.h"
 
 #include <functional>
 #include <memory>

@@ -2,8 +2,8 @@
 // asks of the broker what that can do: less from the attempt on that the broker has refused.
 #pragma once
 
-#include "broker/message.h"
 #include "config/configuration.h"
+#include "messages/message.h"
 
 #include <string>
 

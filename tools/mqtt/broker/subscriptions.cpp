@@ -1,7 +1,7 @@
 #include "broker/subscriptions.h"
 
 #include "base/log.h"
-#include "common/text.h"
+#include "common/text/text.h"
 
 #include <algorithm>
 #include <utility>

@@ -4,7 +4,7 @@
 // session.
 #pragma once
 
-#include "broker/broker_link.h"
+#include "link/broker_link.h"
 
 #include <string>
 #include <unordered_map>

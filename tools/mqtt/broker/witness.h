@@ -2,7 +2,7 @@
 // is asked for by its topic when a connection comes back.
 #pragma once
 
-#include "broker/message.h"
+#include "messages/message.h"
 
 #include <optional>
 #include <string>

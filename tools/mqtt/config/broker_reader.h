@@ -1,7 +1,7 @@
 // Reads what the configuration says of the brokers.
 #pragma once
 
-#include "common/table_reader.h"
+#include "common/config/table_reader.h"
 #include "config/broker_settings.h"
 
 #include <string>

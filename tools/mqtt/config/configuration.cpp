@@ -1,7 +1,7 @@
 #include "config/configuration.h"
 
-#include "common/configuration_file.h"
-#include "common/pattern.h"
+#include "common/config/configuration_file.h"
+#include "common/names/pattern.h"
 #include "config/broker_reader.h"
 #include "config/setting_values.h"
 #include "names/topic_names.h"

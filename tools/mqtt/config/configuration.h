@@ -1,7 +1,7 @@
 // What the configuration file says, with every default filled in.
 #pragma once
 
-#include "common/configured.h"
+#include "common/config/configured.h"
 #include "config/broker_settings.h"
 #include "config/rule_settings.h"
 #include "kp.h"

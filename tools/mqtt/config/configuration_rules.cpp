@@ -1,7 +1,7 @@
 // What can be wrong between rules of which each is good by itself. In a loop, an in rule brings
 // back what an out rule sends, on the broker's side or through the tags. Such a pair is refused,
 // unless the in rule says that the tree is shared; then the checks at run time stop the loop.
-#include "common/pattern.h"
+#include "common/names/pattern.h"
 #include "config/configuration.h"
 #include "names/topic_names.h"
 

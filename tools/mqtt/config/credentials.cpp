@@ -1,6 +1,6 @@
 #include "config/credentials.h"
 
-#include "common/secret_file.h"
+#include "common/config/secret_file.h"
 
 #include <sstream>
 

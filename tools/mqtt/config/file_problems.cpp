@@ -1,7 +1,7 @@
 #include "config/file_problems.h"
 
+#include "common/config/secret_file.h"
 #include "common/dictionary/live_dictionary.h"
-#include "common/secret_file.h"
 #include "config/credentials.h"
 #include "tls/certificate.h"
 

@@ -1,7 +1,7 @@
 #include "config/setting_values.h"
 
-#include "common/pattern.h"
-#include "common/text.h"
+#include "common/names/pattern.h"
+#include "common/text/text.h"
 #include "kp.h"
 #include "layout/notice.h"
 #include "names/topic_names.h"

@@ -1,7 +1,7 @@
 #include "inbound/conversion.h"
 
-#include "broker/payload.h"
-#include "common/value_text.h"
+#include "common/values/value_text.h"
+#include "messages/payload.h"
 
 namespace kp::mqtt {
 

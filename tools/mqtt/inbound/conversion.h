@@ -1,8 +1,8 @@
 // What the value of a message becomes in the store.
 #pragma once
 
-#include "broker/message.h"
 #include "config/configuration.h"
+#include "messages/message.h"
 #include "store/local_writer.h"
 #include "store/store_reader.h"
 

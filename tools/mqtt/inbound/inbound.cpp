@@ -1,10 +1,10 @@
 #include "inbound/inbound.h"
 
 #include "base/log.h"
-#include "broker/payload.h"
-#include "common/pattern.h"
-#include "common/text.h"
+#include "common/names/pattern.h"
+#include "common/text/text.h"
 #include "inbound/conversion.h"
+#include "messages/payload.h"
 #include "names/topic_names.h"
 
 #include <algorithm>

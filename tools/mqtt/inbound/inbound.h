@@ -4,8 +4,8 @@
 
 #include "base/counters.h"
 #include "base/when_done.h"
-#include "broker/message.h"
 #include "config/configuration.h"
+#include "messages/message.h"
 #include "names/topic_names.h"
 #include "outbound/shared_tags.h"
 #include "store/local_writer.h"

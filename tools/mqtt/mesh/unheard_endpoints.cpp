@@ -2,7 +2,7 @@
 
 #include "base/log.h"
 #include "common/device/unix_sockets.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "kp.h"
 
 #include <algorithm>

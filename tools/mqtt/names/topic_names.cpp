@@ -1,7 +1,7 @@
 #include "names/topic_names.h"
 
-#include "common/text.h"
-#include "common/topic_name.h"
+#include "common/names/topic_name.h"
+#include "common/text/text.h"
 
 #include <algorithm>
 #include <charconv>

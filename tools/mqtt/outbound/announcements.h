@@ -7,8 +7,8 @@
 #pragma once
 
 #include "outbound/discovery.h"
-#include "outbound/pending.h"
-#include "outbound/state_file.h"
+#include "topics/pending.h"
+#include "topics/state_file.h"
 
 #include <string>
 

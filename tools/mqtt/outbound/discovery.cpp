@@ -1,7 +1,7 @@
 #include "outbound/discovery.h"
 
-#include "common/pattern.h"
-#include "common/value_text.h"
+#include "common/names/pattern.h"
+#include "common/values/value_text.h"
 #include "names/topic_names.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // retained message a tag, which makes an entity of it.
 #pragma once
 
-#include "outbound/topic_table.h"
+#include "topics/topic_table.h"
 
 #include <array>
 #include <optional>

@@ -1,8 +1,8 @@
 #include "outbound/publications.h"
 
 #include "base/log.h"
-#include "broker/payload.h"
-#include "common/text.h"
+#include "common/text/text.h"
+#include "messages/payload.h"
 #include "names/topic_names.h"
 
 #include <algorithm>

@@ -3,11 +3,11 @@
 #pragma once
 
 #include "base/counters.h"
-#include "broker/message.h"
+#include "messages/message.h"
 #include "outbound/announcements.h"
 #include "outbound/shared_tags.h"
-#include "outbound/topic_table.h"
 #include "store/local_writer.h"
+#include "topics/topic_table.h"
 
 #include <deque>
 #include <map>

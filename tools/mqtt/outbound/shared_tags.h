@@ -2,14 +2,14 @@
 // whether its value may be sent, and what differs after a connection has come back.
 #pragma once
 
-#include "broker/message.h"
 #include "config/configuration.h"
-#include "outbound/pending.h"
-#include "outbound/state_file.h"
-#include "outbound/topic_table.h"
+#include "messages/message.h"
 #include "shared/shared_tree.h"
 #include "store/local_writer.h"
 #include "store/store_reader.h"
+#include "topics/pending.h"
+#include "topics/state_file.h"
+#include "topics/topic_table.h"
 
 #include <string>
 #include <unordered_map>

@@ -1,7 +1,7 @@
 #include "providers/left_handles.h"
 
 #include "base/log.h"
-#include "common/segment_reader.h"
+#include "common/store/segment_reader.h"
 #include "kp.h"
 #include "providers/segment_holders.h"
 

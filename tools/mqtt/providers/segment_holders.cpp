@@ -1,6 +1,6 @@
 #include "providers/segment_holders.h"
 
-#include "common/processes.h"
+#include "common/system/processes.h"
 #include "layout/segment.h"
 
 #include <array>

@@ -9,7 +9,7 @@
 
 #include "base/clock.h"
 #include "base/counters.h"
-#include "common/notice_marks.h"
+#include "common/device/notice_marks.h"
 #include "store/store_writer.h"
 
 #include <condition_variable>

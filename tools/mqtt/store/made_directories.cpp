@@ -1,6 +1,6 @@
 #include "store/made_directories.h"
 
-#include "common/store_files.h"
+#include "common/store/store_files.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "store/store_reader.h"
 
-#include "common/store_walk.h"
+#include "common/store/store_walk.h"
 
 #include <dirent.h>
 #include <utility>

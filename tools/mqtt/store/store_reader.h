@@ -2,8 +2,8 @@
 #pragma once
 
 #include "base/clock.h"
-#include "common/segment_reader.h"
-#include "common/store_files.h"
+#include "common/store/segment_reader.h"
+#include "common/store/store_files.h"
 #include "store/sample.h"
 
 #include <functional>

@@ -1,7 +1,7 @@
 #include "store/store_writer.h"
 
 #include "base/log.h"
-#include "common/text.h"
+#include "common/text/text.h"
 #include "names/topic_names.h"
 
 namespace kp::mqtt {

@@ -1,6 +1,6 @@
 #include "tls/certificate.h"
 
-#include "common/text.h"
+#include "common/text/text.h"
 
 #include <array>
 #include <ctime>

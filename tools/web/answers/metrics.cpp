@@ -1,6 +1,6 @@
 #include "answers/metrics.h"
 
-#include "common/topic_metrics.h"
+#include "common/values/topic_metrics.h"
 
 namespace kp::web {
 

@@ -2,8 +2,8 @@
 
 #include "answers/failures.h"
 #include "answers/metrics.h"
-#include "common/parse_number.h"
-#include "common/text.h"
+#include "common/text/parse_number.h"
+#include "common/text/text.h"
 #include "store/listing.h"
 #include "store/mappers_line.h"
 #include "store/row_line.h"

@@ -1,8 +1,8 @@
 #include "answers/writes.h"
 
 #include "answers/failures.h"
-#include "common/pattern.h"
-#include "common/text.h"
+#include "common/names/pattern.h"
+#include "common/text/text.h"
 #include "common/writing/meant_write.h"
 #include "store/row_line.h"
 

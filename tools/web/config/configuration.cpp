@@ -1,7 +1,7 @@
 #include "config/configuration.h"
 
-#include "common/configuration_file.h"
-#include "common/parse_number.h"
+#include "common/config/configuration_file.h"
+#include "common/text/parse_number.h"
 
 #include <arpa/inet.h>
 #include <cstring>

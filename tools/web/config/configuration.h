@@ -1,8 +1,8 @@
 // Holds what the configuration file says, with every default filled in.
 #pragma once
 
-#include "common/configured.h"
-#include "common/selection.h"
+#include "common/config/configured.h"
+#include "common/names/selection.h"
 #include "writing/gate.h"
 
 #include <chrono>

@@ -1,6 +1,6 @@
 #include "http/answer.h"
 
-#include "common/row_json.h"
+#include "common/values/row_json.h"
 
 #include <algorithm>
 #include <cstring>

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "answers/site.h"
-#include "common/service_manager.h"
-#include "common/signals.h"
+#include "common/system/service_manager.h"
+#include "common/system/signals.h"
 #include "http/guard.h"
 #include "net/listeners.h"
 

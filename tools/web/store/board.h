@@ -5,7 +5,7 @@
 
 #include "common/clock.h"
 #include "common/dictionary/live_dictionary.h"
-#include "common/live_store.h"
+#include "common/store/live_store.h"
 
 #include <algorithm>
 #include <deque>

@@ -1,6 +1,6 @@
 #include "store/mesh_metrics.h"
 
-#include "common/topic_metrics.h"
+#include "common/values/topic_metrics.h"
 
 namespace kp::web {
 

@@ -1,8 +1,8 @@
 #include "store/row_line.h"
 
 #include "common/clock.h"
-#include "common/encoding.h"
-#include "common/text.h"
+#include "common/text/encoding.h"
+#include "common/text/text.h"
 
 namespace kp::web {
 

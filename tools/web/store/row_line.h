@@ -2,7 +2,7 @@
 #pragma once
 
 #include "common/dictionary/dictionary.h"
-#include "common/row_json.h"
+#include "common/values/row_json.h"
 
 namespace kp::web {
 

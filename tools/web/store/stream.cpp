@@ -1,7 +1,7 @@
 #include "store/stream.h"
 
 #include "common/clock.h"
-#include "common/parse_number.h"
+#include "common/text/parse_number.h"
 
 namespace kp::web {
 

@@ -3,7 +3,7 @@
 #include "common/clock.h"
 #include "common/device/peer_json.h"
 #include "common/doctor/finding.h"
-#include "common/row_json.h"
+#include "common/values/row_json.h"
 
 #include "layout/segment.h"
 #include "store/mesh_metrics.h"

@@ -4,7 +4,7 @@
 // of a processor busy with each kind.
 #pragma once
 
-#include "common/processes.h"
+#include "common/system/processes.h"
 #include "http/answer.h"
 
 #include <atomic>

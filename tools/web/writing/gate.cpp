@@ -1,6 +1,6 @@
 #include "writing/gate.h"
 
-#include "common/pattern.h"
+#include "common/names/pattern.h"
 
 #include <algorithm>
 #include <strings.h>

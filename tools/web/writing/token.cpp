@@ -1,6 +1,6 @@
 #include "writing/token.h"
 
-#include "common/secret_file.h"
+#include "common/config/secret_file.h"
 
 #include <algorithm>
 

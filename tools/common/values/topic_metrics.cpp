@@ -1,0 +1,85 @@
+#include "common/values/topic_metrics.h"
+
+#include "common/clock.h"
+#include "common/text/text.h"
+#include "common/values/value_text.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+namespace kp::tool {
+
+namespace {
+
+std::string seconds_text(uint64_t us)
+{
+    std::array<char, 32> out{};
+    (void)std::snprintf(out.data(), out.size(), "%" PRIu64 ".%06" PRIu64, us / kUsPerSecond,
+                        us % kUsPerSecond);
+    return out.data();
+}
+
+// A value as a sample; nothing for text and bytes.
+std::optional<std::string> sample_text(const Snapshot &snapshot)
+{
+    if (is_text_type(snapshot.type) || is_binary_type(snapshot.type))
+        return std::nullopt;
+    const std::string text = value_text(snapshot.type, snapshot.bytes);
+    if (!is_number_type(snapshot.type))
+        return text == "true" ? "1" : "0";
+    if (text.ends_with("nan"))
+        return "NaN";
+    if (text == "inf" || text == "-inf")
+        return text == "inf" ? "+Inf" : "-Inf";
+    return text;
+}
+
+} // namespace
+
+// Control characters and what is not UTF-8 are escaped as everywhere, so that two topics never
+// share a label.
+std::string metric_label(const char *name, const std::string &text)
+{
+    std::string out = std::string(name) + "=\"";
+    for (const char byte : escaped(text)) {
+        if (byte == '\\' || byte == '"')
+            out += '\\';
+        out += byte;
+    }
+    return out + '"';
+}
+
+std::string gauge_family(const std::string &name, const char *help, const std::string &samples)
+{
+    if (samples.empty())
+        return {};
+    return "# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n" + samples;
+}
+
+void TopicMetrics::Metric::add(const std::string &labels, const std::string &value)
+{
+    samples += std::string(name) + "{" + labels + "} " + value + "\n";
+}
+
+void TopicMetrics::take(const std::string &topic, const Snapshot &snapshot, const std::string &unit)
+{
+    const std::string labels = metric_label("topic", topic);
+    providers_.add(labels, std::to_string(snapshot.providers));
+    consumers_.add(labels, std::to_string(snapshot.consumers));
+    if (snapshot.condition != Condition::value)
+        return;
+    quality_.add(labels, std::to_string(snapshot.quality));
+    written_.add(labels, seconds_text(snapshot.last_write_ts));
+    if (const auto sample = sample_text(snapshot))
+        value_.add(unit.empty() ? labels : labels + "," + metric_label("unit", unit), *sample);
+}
+
+std::string TopicMetrics::text() const
+{
+    std::string text;
+    for (const Metric *metric : {&value_, &quality_, &written_, &providers_, &consumers_})
+        text += gauge_family(metric->name, metric->help, metric->samples);
+    return text;
+}
+
+} // namespace kp::tool
