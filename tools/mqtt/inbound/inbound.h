@@ -1,10 +1,12 @@
-// From the broker to tags: which filters to subscribe, and what a message becomes. What cannot
-// become a value is refused with a line in the log and counted.
+// From the broker to tags: what becomes of a message. What cannot become a value is refused with a
+// line in the log and counted.
 #pragma once
 
 #include "base/counters.h"
 #include "base/when_done.h"
 #include "config/configuration.h"
+#include "inbound/inbound_rules.h"
+#include "inbound/staleness.h"
 #include "messages/message.h"
 #include "names/topic_names.h"
 #include "outbound/shared_tags.h"
@@ -12,10 +14,7 @@
 #include "store/store_reader.h"
 
 #include <functional>
-#include <map>
-#include <set>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace kp::mqtt {
@@ -66,53 +65,31 @@ class Inbound {
     void give_up(const std::vector<std::string> &topics);
 
   private:
-    struct Taken {
-        bool is_own = false; // nobody had declared the tag, so that the bridge provides it
-        std::string sender;  // the device, or an empty text
-        uint8_t quality = 0; // of the message
-        uint8_t shown = 0;   // that of the value in the store
-    };
-    struct Rule {
-        const InRule *settings;
-        uint32_t number; // of its subscription
-        // Written through it, by the name that the topic gives.
-        std::unordered_map<std::string, Taken> tags{};
-        std::set<std::string> away{}; // senders that have said so
-        // It is new: until the broker has answered, its messages still come for other rules.
-        bool is_awaited = false;
-    };
-
-    bool hear_sender(const Message &message);
-    uint8_t quality_now(const Rule &rule, const Taken &taken) const;
-    void review(Rule &rule);
-    void find_state_filters();
-    Rule *rule_for(const std::string &topic);
     bool is_own(const Message &message) const;
-    Name name_for(const Rule &rule, const std::string &topic) const;
-    bool is_below_a_written_tag(const std::string &name) const;
-    void take(Rule &rule, const std::string &name, const Message &message, WhenDone when_done);
+    Name name_for(const InboundRule &rule, const std::string &topic) const;
+    void take(InboundRule &rule, const std::string &name, const Message &message,
+              WhenDone when_done);
     void ignore_own(const Message &message, const InRule &rule, const WhenDone &when_done);
-    void take_shared(Rule &rule, const std::string &name, const Message &message);
-    void write(Rule &rule, const std::string &name, const Message &message, ReadOutcome outcome,
-               const Sample &current, WriteRequest request);
-    void lose(Rule &rule, const std::string &name, const std::string &tag, const std::string &topic,
-              const Sample &current);
-    void drop(Rule &rule, const std::string &name, bool left_over);
+    void take_shared(InboundRule &rule, const std::string &name, const Message &message);
+    void write(InboundRule &rule, const std::string &name, const Message &message,
+               ReadOutcome outcome, const Sample &current, WriteRequest request);
+    void lose(InboundRule &rule, const std::string &name, const std::string &tag,
+              const std::string &topic, const Sample &current);
+    void drop(InboundRule &rule, const std::string &name, bool left_over);
     ReadOutcome look(const std::string &name, const std::string &tag, Sample &current) const;
-    bool is_ours_alone(const Rule &rule, const std::string &name, const Sample &current) const;
+    bool is_ours_alone(const InboundRule &rule, const std::string &name,
+                       const Sample &current) const;
     bool is_superfluous(const std::string &tag, const Message &message, const Sample &current,
                         const WriteRequest &request) const;
     void refuse(const std::string &topic, const std::string &why, const WhenDone &when_done);
-    uint32_t number_for(const std::string &text) const;
 
     const Configuration &configuration_;
     const StoreReader &reader_;
     SharedTags &shared_;
     const InboundEvents events_;
     Counters &counters_;
-    std::vector<Rule> rules_;
-    std::map<std::string, uint32_t> state_filters_; // with the numbers of their subscriptions
-    bool is_connected_ = false;
+    InboundRules rules_;
+    Staleness staleness_;
 };
 
 } // namespace kp::mqtt

@@ -56,6 +56,9 @@ struct Message {
     size_t left_out = 0;                 // bytes of a payload that is too large to be looked at
 };
 
+// The device that has sent a message, as its origin says it, or an empty text.
+std::string sender_of(const Message &message);
+
 struct Subscription {
     std::string filter;
     int qos = 1;

@@ -40,6 +40,13 @@ std::string property_of(const UserProperties &properties, std::string_view name)
     return {};
 }
 
+// An origin is DEVICE/BOOT.
+std::string sender_of(const Message &message)
+{
+    const std::string origin = property_of(message.properties, property::kOrigin);
+    return origin.substr(0, origin.find('/'));
+}
+
 void PropertyList::describe(const Publication &publication)
 {
     if (publication.content_type)

@@ -16,11 +16,6 @@ uint64_t number_of(const UserProperties &properties, std::string_view name)
 
 } // namespace
 
-std::string_view origin_device(std::string_view origin)
-{
-    return origin.substr(0, origin.find('/'));
-}
-
 MessageKey key_of(const Message &message)
 {
     std::string text = property_of(message.properties, property::kOrigin);
@@ -107,10 +102,9 @@ Standing SharedTags::standing(const std::string &topic, const std::string &tag,
 Effect SharedTags::received(const Message &message, const std::string &tag, const TagLook &look,
                             Clock::time_point now)
 {
-    const std::string origin = property_of(message.properties, property::kOrigin);
     Arrival arrival;
-    arrival.origin = origin_device(origin);
-    arrival.is_own = !origin.empty() && arrival.origin == configuration_.device;
+    arrival.origin = sender_of(message);
+    arrival.is_own = !arrival.origin.empty() && arrival.origin == configuration_.device;
     arrival.key =
         arrival.is_own ? number_of(message.properties, property::kNumber) : mqtt::key_of(message);
     arrival.is_clearing = message.payload.empty();

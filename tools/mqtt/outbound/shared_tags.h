@@ -119,9 +119,6 @@ class SharedTags {
     bool is_first_reading_ = true; // of what the broker keeps
 };
 
-// The device's part of an origin, which is DEVICE/BOOT.
-std::string_view origin_device(std::string_view origin);
-
 // Tells a message from every other: its origin's number for it, or what it holds.
 MessageKey key_of(const Message &message);
 
