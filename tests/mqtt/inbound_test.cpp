@@ -39,7 +39,11 @@ class InboundOf {
                         [this](const auto &tag, uint8_t quality) {
                             written_.push_back(tag + " q=" + std::to_string(quality));
                         },
-                    .is_dropping = [this](const auto &tag) { return tag == dropping_; },
+                    .is_dropping =
+                        [this](const auto &tag) {
+                            asked_whether_dropping_();
+                            return tag == dropping_;
+                        },
                     .ask = [this](const Message &message,
                                   const InRule &by) { return answers_->ask(message, by); }},
                    counters_)
@@ -81,6 +85,11 @@ class InboundOf {
     {
         dropping_ = tag;
     }
+    // What happens just before the inbound way hears whether a tag is about to go.
+    void before_is_dropping(std::function<void()> what)
+    {
+        asked_whether_dropping_ = std::move(what);
+    }
     const std::vector<std::string> &written() const
     {
         return written_;
@@ -116,6 +125,7 @@ class InboundOf {
     Counters counters_;
     std::vector<std::string> written_;
     std::string dropping_;
+    std::function<void()> asked_whether_dropping_ = [] {};
     std::vector<uint32_t> came_for_;
     const std::shared_ptr<Answers> answers_ = Answers::make("me/boot", counters_);
     WriteRequest last_;
@@ -393,6 +403,19 @@ TEST(SharedTree, WritesAValueThatComesBeforeItsTagIsGone)
 
     inbound.is_dropping("a");
     inbound.receive("s/a", "x", {{property::kSourceTime, "900"}});
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=x"));
+    EXPECT_FALSE(inbound.last_was_declared());
+}
+
+TEST(SharedTree, WritesAValueThatComesWhileItsTagGoes)
+{
+    StoreProvider as_if_by_the_bridge("a");
+    as_if_by_the_bridge.write("x", 1000, 1, 900);
+    InboundOf inbound("shared = true\n");
+
+    inbound.before_is_dropping([&] { as_if_by_the_bridge.leave(); });
+    inbound.receive("s/a", "x", {{"q", "1"}, {"sts", "900"}});
 
     EXPECT_THAT(inbound.written(), ElementsAre("a=x"));
     EXPECT_FALSE(inbound.last_was_declared());

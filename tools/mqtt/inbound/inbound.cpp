@@ -95,11 +95,14 @@ ReadOutcome Inbound::look(const std::string &name, const std::string &tag, Sampl
 void Inbound::take_shared(InboundRule &rule, const std::string &name, const Message &message)
 {
     const std::string tag = reader_.standing_for(name);
+    // Asked before the tag is read: afterwards it may have gone in between, and its value would
+    // count as one that stands there still.
+    const bool is_dropping = events_.is_dropping(name);
     TagLook look = shared_.look_at(tag);
     const Sample &current = look.sample;
     // Also where the tag is about to go: a message takes the place of a drop that waits.
     const ValueMark stands = look.outcome == ReadOutcome::read ? mark_of(current) : ValueMark{};
-    if (events_.is_dropping(name))
+    if (is_dropping)
         look.outcome = ReadOutcome::missing;
     switch (shared_.received(message, tag, look, Clock::now())) {
     case Effect::ignore:
