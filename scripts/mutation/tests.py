@@ -15,7 +15,7 @@ import sys
 import time
 from pathlib import Path
 
-from mutation.build import BUILD, FAILED_SEND, LIBRARY, library_hash
+from mutation.build import BUILD, FAILED_SEND, LIBRARY, changed_sources, library_hash
 from mutation.changes import ROOT, Mutant
 
 # What a test may take beside its usual time tenfold, since others run at the same time.
@@ -236,6 +236,9 @@ class Suite:
                     default=0,
                 )
                 found |= self.of_line(mutant.file, nearest)
+        if not found:  # a record or a macro, which has no code of its own
+            files = {str(source.relative_to(ROOT)) for source in changed_sources(mutant)}
+            found = {test for test, lines in self.lines.items() if any(file in files for file, _ in lines)}
         return sorted(found, key=lambda test: (len(self.lines[test]), test.name))
 
     @functools.cache

@@ -114,7 +114,7 @@ kp_dict_entry *kp_dict_lookup_entry_head(kp_dict *dict, uint32_t hash)
 
 kp_dict_entry *kp_dict_lookup_entry(kp_dict *dict, uint32_t hash, kp_tag_t *tag)
 {
-    if (!dict || !is_bucket(hash) || !tag)
+    if (!tag)
         return nullptr;
     kp_dict_entry *entry = kp_dict_lookup_entry_head(dict, hash);
     while (entry && entry->tag != tag)

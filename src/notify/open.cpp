@@ -46,16 +46,14 @@ void make_up_name(std::span<char> name)
     }
 }
 
-// Makes the record of an endpoint that has come into a child of fork() look as if nothing of it had
-// ever been created, since all of it is the parent's. Its senders find no peer.
+// Leaves the record of an endpoint that has come into a child of fork() alone, since all of it is
+// the parent's, but for what a child may still look at: its senders find no peer.
 void leave_to_parent(void *record)
 {
     auto &endpoint = *static_cast<kp_notify_t *>(record);
     endpoint.is_parents = true;
     store_release(endpoint.stop, kStopping); // for a callback that forked, and returns in the child
     std::ranges::fill(endpoint.client_fds, kFreeSlot);
-    std::ranges::fill(endpoint.server_fds, kFreeSlot);
-    std::ranges::fill(endpoint.senders, 0);
 }
 
 void wait_for(sem_t &posted)

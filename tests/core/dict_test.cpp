@@ -241,6 +241,7 @@ TEST(RemovingATag, RefusesANullArgumentOrAHashBeyondTheLast)
     EXPECT_EQ(kp_dict_remove_tag(nullptr, tag, 5), -1);
     EXPECT_EQ(kp_dict_remove_tag(dict.get(), nullptr, 5), -1);
     EXPECT_EQ(kp_dict_remove_tag(dict.get(), tag, 1024), -1);
+    EXPECT_EQ(kp_dict_remove_tag(dict.get(), tag, UINT32_MAX), -1);
 }
 
 TEST(ReadingADictionary, BesideAnAdditionMeetsWholeEntriesOnly)

@@ -45,6 +45,7 @@ TEST(ForkedHandle, IsDestroyedInAChildThatWasForkedWhileItsLocksWereHeld)
     ASSERT_EQ(pthread_mutex_lock(&handle->mutex), 0);
     ASSERT_EQ(pthread_mutex_lock(&handle->follow_mutex), 0);
     ASSERT_EQ(pthread_mutex_lock(&handle->sub_topics->mutex), 0);
+    ASSERT_EQ(pthread_mutex_lock(&handle->sub_patterns->mutex), 0);
 
     const int status = status_of_child([&] {
         (void)alarm(10);
@@ -54,8 +55,24 @@ TEST(ForkedHandle, IsDestroyedInAChildThatWasForkedWhileItsLocksWereHeld)
     EXPECT_EQ(status, 0);
     EXPECT_EQ(pthread_mutex_unlock(&handle->follow_mutex), 0);
     EXPECT_EQ(pthread_mutex_unlock(&handle->sub_topics->mutex), 0);
+    EXPECT_EQ(pthread_mutex_unlock(&handle->sub_patterns->mutex), 0);
     EXPECT_EQ(pthread_mutex_unlock(&handle->mutex), 0);
     EXPECT_EQ(kp_tags_destroy(handle), 0);
+    EXPECT_EQ(kp_destroy(handle), 0);
+}
+
+TEST(ForkedHandle, LeavesTheNumberOfItsNoticeDescriptorToItsNextOwner)
+{
+    kp_t *handle = kp_new("parent", nullptr);
+    const int number = kp_get_fd(handle);
+    ASSERT_GE(number, 0);
+
+    const int status = status_of_child([&] {
+        return dup2(STDIN_FILENO, number) == number && kp_destroy(handle) == 0 &&
+               close(number) == 0;
+    });
+
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(kp_destroy(handle), 0);
 }
 

@@ -63,6 +63,16 @@ TEST_F(Notify, SetsTheTypeByteAgain)
     EXPECT_EQ(reader_.recv(129), write_notice({}));
 }
 
+TEST_F(Notify, OfANewTagSetsTheTypeByteAgain)
+{
+    ASSERT_EQ(kp_set_new_tag_notify(handle_, 1), 0);
+    handle_->new_tag_info.type = 9;
+
+    EXPECT_NE(new_number("a"), nullptr);
+
+    EXPECT_EQ(reader_.recv(387), new_tag_notice("a"));
+}
+
 TEST_F(Notify, SetsASingleBitForTwoTopicsOfOneHash)
 {
     ASSERT_EQ(kp_tag_write(handle_, new_number("Aa"), &kValue, 4), 4);

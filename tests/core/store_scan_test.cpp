@@ -179,6 +179,7 @@ TEST_F(Scan, RefusesAnEmptyPatternAndAPathOutsideTheStore)
     char behind[kp::kPathSize] = "x/dev/shm/zu-kp";
     char root[kp::kPathSize] = "/dev/shm/zu-kp";
 
+    fs::create_directories(kRoot);
     EXPECT_EQ(kp::sub_matched_topic_rec(handle_, root, 0, nullptr), -1);
     EXPECT_EQ(kp::sub_matched_topic_rec(handle_, root, 0, ""), -1);
     EXPECT_EQ(kp::sub_matched_topic_rec(handle_, empty, 0, "#"), -1);
@@ -229,6 +230,20 @@ TEST_F(Scan, StopsWhereThePathBufferEnds)
 
     EXPECT_EQ(topics_of(handle_).size(), 16U);
     EXPECT_NE(kp_get_tag(handle_, "f"), nullptr);
+}
+
+TEST_F(Scan, WritesNothingBehindThePathBuffer)
+{
+    make_deep_tree(20, 255);
+    struct {
+        char path[kp::kPathSize] = "/dev/shm/zu-kp";
+        char behind[512] = "untouched";
+    } memory;
+
+    EXPECT_EQ(kp::sub_matched_topic_rec(handle_, memory.path, 0, "#"), 0);
+
+    EXPECT_EQ(std::string_view(memory.behind, sizeof(memory.behind)),
+              "untouched" + std::string(sizeof(memory.behind) - 9, '\0'));
 }
 
 TEST_F(Scan, MatchesAPathThatJustFitsTheBuffer)

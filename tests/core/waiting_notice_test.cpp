@@ -224,6 +224,29 @@ TEST(WaitingNotice, WritesTheDescriptorOnceHoweverManyComeTogether)
     EXPECT_EQ(writes.count(), 1);
 }
 
+TEST(WaitingNotice, DoesNotWriteADescriptorThatWasMadeReadable)
+{
+    const Handle handle;
+    ASSERT_GE(kp_get_fd(handle), 0);
+    const CountCalls writes(Call::write);
+
+    bring(handle, write_notice({1}));
+
+    EXPECT_EQ(writes.count(), 0);
+}
+
+TEST(WaitingNotice, IsTakenWithoutAWordWhateverErrnoIs)
+{
+    const Follower handle;
+    bring(handle, write_notice({1}));
+    StderrCapture log;
+    errno = 0;
+
+    EXPECT_EQ(take(handle), write_notice({1}));
+
+    EXPECT_EQ(log.text(), "");
+}
+
 TEST(WaitingNotice, WithoutABitWakesNobody)
 {
     const Follower handle;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <unistd.h>
 
 using namespace kptest;
@@ -19,6 +20,13 @@ kp_notify_t *opened()
     kp_notify_t *endpoint = kp_notify_init("endpoint", 129, Inbox::receive, nullptr);
     EXPECT_NE(endpoint, nullptr);
     return endpoint;
+}
+
+// Says whether the send buffer of a socket is full.
+bool is_full(int fd)
+{
+    pollfd room{fd, POLLOUT, 0};
+    return poll(&room, 1, 0) == 0;
 }
 
 // Waits, on a thread of the endpoint, until a close has emptied slot 0 of both tables.
@@ -202,11 +210,55 @@ TEST_F(NotifyClose, EndsASendOfTheCallbackThatWaitsForASlowPeer)
     const UnixSocket slow = UnixSocket::connected("/run/providers/endpoint");
     const UnixSocket peer = listening.accept();
     EXPECT_TRUE(peer.send(write_notice({1})));
-    EXPECT_TRUE(wait_until([&] { return readable_bytes(slow.fd()) > 20'000; }));
+    EXPECT_TRUE(wait_until([] { // a full buffer, and a send that began with it
+        const int before = sent;
+        return is_full(endpoint->client_fds[1]) && kp::load_ordered(endpoint->senders[1]) == 1 &&
+               sent == before;
+    }));
 
     EXPECT_EQ(kp_notify_close(&endpoint), 0);
 
     EXPECT_GT(sent, 0);
+}
+
+TEST_F(NotifyClose, ClosesNoDescriptorBeforeItsThreadsAreGone)
+{
+    const UnixSocket listening = UnixSocket::listening("/run/providers/peer");
+    Endpoint endpoint;
+    endpoint.inbox().hold();
+    EXPECT_TRUE(listening.accept().send(write_notice({1})));
+    ASSERT_TRUE(wait_until([&] { return endpoint.inbox().is_holding(); }));
+    const UnixSocket server = BareEndpoint::connect(endpoint->server_fds[16]);
+    const UnixSocket client = BareEndpoint::connect(endpoint->client_fds[16]);
+    const UnixSocket last_server = BareEndpoint::connect(endpoint->server_fds[31]);
+    const UnixSocket first_client = BareEndpoint::connect(endpoint->client_fds[1]);
+    const std::vector<int> fds{endpoint.client(0), endpoint.server(0),  endpoint.server(16),
+                               endpoint.client(1), endpoint.server(31), endpoint.client(16)};
+
+    std::thread closing([endpoint = endpoint.get()]() mutable { (void)kp_notify_close(&endpoint); });
+    EXPECT_TRUE(wait_until([&] { return endpoint.server(31) == -1; }));
+    const std::map<int, std::string> open = open_descriptors();
+    endpoint.inbox().resume();
+    closing.join();
+    endpoint.forget();
+
+    for (const int fd : fds)
+        EXPECT_TRUE(open.contains(fd)) << fd;
+    for (const int fd : fds)
+        EXPECT_FALSE(open_descriptors().contains(fd)) << fd;
+}
+
+TEST_F(NotifyClose, LeavesTheNumberOfItsPipeToItsNextOwner)
+{
+    Endpoint endpoint;
+    const int number = endpoint->cancel_fds[1];
+    StderrCapture log;
+    const FailNext write(Call::write, EPIPE); // so that the pipe is closed early
+    const Before closing(Call::read, [number] { EXPECT_EQ(dup2(STDIN_FILENO, number), number); });
+
+    endpoint.close();
+
+    EXPECT_EQ(close(number), 0);
 }
 
 TEST_F(NotifyClose, EndsWhenTheThreadsDiedLongBefore)

@@ -130,6 +130,11 @@ void Endpoint::close()
     endpoint_ = nullptr;
 }
 
+void Endpoint::forget()
+{
+    endpoint_ = nullptr;
+}
+
 int Endpoint::client(std::size_t slot) const
 {
     return kp::load_ordered(endpoint_->client_fds[slot]);

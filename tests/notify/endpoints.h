@@ -80,6 +80,8 @@ class Endpoint {
 
     void send(const std::string &message) const;
     void close();
+    // Leaves the closing to the test.
+    void forget();
 
     int client(std::size_t slot) const;
     int server(std::size_t slot) const;

@@ -173,6 +173,15 @@ TEST_F(NotifyInit, MakesUpNoNameThatAFileHas)
     EXPECT_TRUE(S_ISREG(mode_of(socket_path(std::to_string(number - 1)))));
 }
 
+TEST_F(NotifyInit, MakesABufferOfTheLengthThatItIsGiven)
+{
+    kp_notify_t *endpoint = init("endpoint", 500);
+
+    ASSERT_NE(endpoint, nullptr);
+    EXPECT_EQ(endpoint->msg_buf_size, 500);
+    EXPECT_EQ(kp_notify_close(&endpoint), 0);
+}
+
 TEST_F(NotifyInit, KeepsANameOf127Characters)
 {
     StderrCapture log;

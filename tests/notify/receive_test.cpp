@@ -217,4 +217,17 @@ TEST(SetCallback, DoesNothingForANullEndpoint)
     kp_notify_set_callback(nullptr, Inbox::receive);
 }
 
+TEST_F(ReceiveThread, SeesWhatWasWrittenBeforeItsCallbackWasSet)
+{
+    static int prepared; // ThreadSanitizer judges
+    static std::atomic<int> seen;
+    prepared = 7;
+    kp_notify_set_callback(endpoint_.get(),
+                           [](const uint8_t *, int32_t, void *) { seen = prepared; });
+
+    EXPECT_TRUE(peer_.send(write_notice({1})));
+
+    EXPECT_TRUE(wait_until([] { return seen == 7; }));
+}
+
 } // namespace

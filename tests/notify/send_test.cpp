@@ -1,6 +1,7 @@
 // Sending to peers that are there, gone, slow or on their way.
 #include "notify/endpoints.h"
 #include "testing/capture.h"
+#include "testing/pauses.h"
 
 #include <atomic>
 
@@ -168,6 +169,49 @@ TEST_F(NotifySend, EndsItsWaitWhenTheSlowPeerGoes)
 
     EXPECT_TRUE(sender.has_sent(kTooMany));
     EXPECT_TRUE(endpoint.has_clients(0));
+}
+
+TEST_F(NotifySend, EndsItsWaitWhenTheSlowPeerIsDropped)
+{
+    const Endpoint endpoint;
+    const UnixSocket peer = connect_to_endpoint();
+    ASSERT_TRUE(endpoint.has_clients(1));
+    StderrCapture log;
+
+    const Sender sender(endpoint, kTooMany);
+    EXPECT_TRUE(wait_until([&] { return readable_bytes(peer.fd()) > 20'000; }));
+    EXPECT_TRUE(peer.send("x")); // which no peer does, and it goes on without reading
+
+    EXPECT_TRUE(sender.has_sent(kTooMany));
+    EXPECT_TRUE(endpoint.has_clients(0));
+    EXPECT_TRUE(peer.is_open());
+}
+
+TEST_F(NotifySend, KeepsTheAcceptThreadWaitingWhileItSendsToASecondPeer)
+{
+    const Endpoint endpoint;
+    const UnixSocket first = connect_to_endpoint();
+    ASSERT_TRUE(endpoint.has_clients(1));
+    UnixSocket second = connect_to_endpoint();
+    ASSERT_TRUE(endpoint.has_clients(2));
+    StderrCapture log;
+    const int fd = endpoint.client(2);
+    const CountCalls pauses(Call::usleep);
+    bool was_open = false;
+    const Before sending(
+        Call::send,
+        [&] {
+            second.close();
+            EXPECT_TRUE(wait_until([&] { return pauses.count() >= 3; }));
+            was_open = open_descriptors().contains(fd);
+        },
+        2);
+
+    endpoint.send(write_notice({1}));
+
+    EXPECT_TRUE(was_open);
+    EXPECT_EQ(last_wait(Call::usleep), 50);
+    EXPECT_TRUE(endpoint.has_clients(1));
 }
 
 TEST_F(NotifySend, KeepsADescriptorFromBeingClosedWhileItSends)

@@ -430,12 +430,14 @@ TEST_F(WatchThread, EndsWithoutAWatchAndTheEndpointGoesOn)
 {
     StderrCapture log;
     FailNext watch(Call::inotify_add_watch, ENOSPC);
+    const int threads = thread_count();
     Endpoint endpoint;
-    EXPECT_TRUE(wait_until([&] { return log.has_log_lines(1); }));
+    EXPECT_TRUE(wait_until([&] { return log.has_log_lines(1) && thread_count() == threads + 2; }));
 
     const UnixSocket peer = UnixSocket::connected("/run/providers/endpoint");
 
     EXPECT_TRUE(endpoint.has_clients(1));
+    EXPECT_EQ(open_descriptors().at(endpoint->watch_fd), "anon_inode:inotify");
     EXPECT_EQ(log.text_without_line_numbers(),
               "\033[91mERROR: publisher_linkup_listener: add_watch_topic failed (-1)\n\033[0m");
 }

@@ -1,6 +1,7 @@
 #include "support/high_fd.h"
 
 #include "testing/child.h"
+#include "testing/faults.h"
 #include "testing/process.h"
 
 #include <gtest/gtest.h>
@@ -43,6 +44,32 @@ TEST(HighFd, LeavesANumberAboveTheStandardStreamsAlone)
     const kp::UniqueFd fd = kp::high_fd(made);
 
     EXPECT_EQ(fd.get(), made);
+}
+
+TEST(HighFd, LeavesTheFirstNumberAboveTheStandardStreamsAlone)
+{
+    ASSERT_EQ(dup2(STDIN_FILENO, kp::kFirstHighFd), kp::kFirstHighFd);
+
+    const kp::UniqueFd fd = kp::high_fd(kp::kFirstHighFd);
+
+    EXPECT_EQ(fd.get(), kp::kFirstHighFd);
+}
+
+TEST(HighFd, LeavesADirectoryWithTheFirstNumberAlone)
+{
+    kp::UniqueFd first(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_GE(first.get(), kp::kFirstHighFd);
+    if (first.get() != kp::kFirstHighFd) {
+        ASSERT_EQ(dup2(first.get(), kp::kFirstHighFd), kp::kFirstHighFd);
+        first.reset(kp::kFirstHighFd);
+    }
+    DIR *const made = fdopendir(first.release());
+
+    const kp::UniqueDir dir(kp::high_dir(made));
+
+    EXPECT_EQ(dirfd(made), kp::kFirstHighFd);
+    EXPECT_TRUE(is_open(kp::kFirstHighFd));
+    EXPECT_NE(dir.next(), nullptr);
 }
 
 TEST(HighFd, GivesNoneForNone)

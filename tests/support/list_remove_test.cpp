@@ -1,5 +1,6 @@
 // Finding elements of lists and taking them out.
 #include "support/lists.h"
+#include "testing/faults.h"
 
 #include "kp.h"
 
@@ -258,6 +259,16 @@ TEST(Dequeuing, TakesNoLock)
     EXPECT_EQ(kplist_dequeue(list.get()), one);
 
     kplist_unlock(list.get());
+}
+
+TEST(Dequeuing, FreesTheNodeAndNotTheElement)
+{
+    const List list = appended({one, two});
+    const long blocks = live_blocks();
+
+    EXPECT_EQ(kplist_dequeue(list.get()), one);
+
+    EXPECT_EQ(live_blocks(), blocks - 1);
 }
 
 } // namespace

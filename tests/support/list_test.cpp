@@ -1,7 +1,9 @@
 // Lists as a whole: freeing, dumping, counting and locking them.
+#include "support/list.h"
 #include "support/lists.h"
 #include "testing/capture.h"
 #include "testing/faults.h"
+#include "testing/locks.h"
 
 #include "kp.h"
 
@@ -68,6 +70,41 @@ TEST(FreeingAList, DoesNothingForNull)
     kplist_free(nullptr, note_freed);
 
     EXPECT_EQ(freed, Elements{});
+}
+
+TEST(ChainOfAList, IsTakenOutOfIt)
+{
+    const List list = appended({one, two});
+
+    kplist_node *chain = kp::take_chain(*list);
+
+    EXPECT_EQ(kplist_size(list.get()), 0U);
+    EXPECT_EQ(kplist_peek(list.get()), nullptr);
+    ASSERT_NE(chain, nullptr);
+    EXPECT_EQ(chain->data, one);
+    EXPECT_EQ(chain->next->data, two);
+    std::free(chain->next);
+    std::free(chain);
+}
+
+TEST(ChainOfAList, IsTakenUnderTheLock)
+{
+    const List list(kplist_new());
+
+    EXPECT_TRUE(waits_for(list->mutex, [&list] { (void)kp::take_chain(*list); }));
+}
+
+TEST(ChainOfAList, LeavesAListThatCanBeFilledAgain)
+{
+    const List list = appended({one});
+    kplist_node *chain = kp::take_chain(*list);
+
+    EXPECT_EQ(kplist_append(list.get(), two), 0);
+
+    EXPECT_EQ(chain->next, nullptr);
+    EXPECT_EQ(elements_of(list), Elements{two});
+    EXPECT_EQ(list->tail, list->head);
+    std::free(chain);
 }
 
 TEST(DumpingAList, PrintsItsElementsBetweenTwoLines)

@@ -1,5 +1,6 @@
 #include "support/log.h"
 #include "testing/capture.h"
+#include "testing/child.h"
 
 #include <gtest/gtest.h>
 
@@ -46,6 +47,20 @@ class LeavesTheUserLevel : public testing::Test {
 class LogLine : public LeavesTheUserLevel {};
 class UserLevel : public LeavesTheUserLevel {};
 class LevelOfAName : public LeavesTheUserLevel {};
+
+TEST_F(LogLine, LeavesABufferedStreamAtOnce)
+{
+    StderrCapture log;
+
+    const int status = status_of_child([] {
+        (void)std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+        say_where_it_was_called({"here", 1});
+        return true; // and ends without flushing anything
+    });
+
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(log.text_without_line_numbers(), "\033[91mERROR: here: called\n\033[0m");
+}
 
 TEST_F(LogLine, IsColourLevelFunctionLineTextAndReset)
 {

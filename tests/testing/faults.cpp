@@ -3,6 +3,8 @@
 // that the library does not make itself.
 #include "testing/faults.h"
 
+#include "testing/pauses.h"
+
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -241,6 +243,15 @@ using namespace kptest;
         return -1;                                                                                 \
     }
 
+// The same for calls that wait so long.
+#define SHIM_WAIT(name, duration, parameters, arguments)                                           \
+    int __wrap_##name parameters;                                                                  \
+    int __wrap_##name parameters                                                                   \
+    {                                                                                              \
+        note_wait(Call::name, duration);                                                           \
+        return is_failed(Call::name) ? -1 : ::name arguments;                                      \
+    }
+
 extern "C" {
 
 void *__wrap_malloc(size_t size);
@@ -322,6 +333,12 @@ int __wrap_fcntl(int fd, int command, ...)
     return is_failed(Call::fcntl) ? -1 : fcntl(fd, command, argument);
 }
 
+int __wrap_clock_gettime(clockid_t clock, timespec *now);
+int __wrap_clock_gettime(clockid_t clock, timespec *now)
+{
+    return is_failed(Call::clock_gettime) || stopped_time(clock, *now) ? 0 : clock_gettime(clock, now);
+}
+
 SHIM(int, ftruncate, -1, (int fd, off_t length), (fd, length))
 SHIM(int, fallocate, -1, (int fd, int mode, off_t offset, off_t length), (fd, mode, offset, length))
 SHIM(int, fstat, -1, (int fd, struct stat *status), (fd, status))
@@ -360,8 +377,9 @@ SHIM(int, sem_clockwait, -1, (sem_t * sem, clockid_t clock, const timespec *dead
      (sem, clock, deadline))
 SHIM(int, sem_post, -1, (sem_t * sem), (sem))
 SHIM(int, sem_destroy, -1, (sem_t * sem), (sem))
-SHIM(int, usleep, -1, (useconds_t duration), (duration))
-SHIM(int, poll, -1, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
+SHIM(int, sem_wait, -1, (sem_t * sem), (sem))
+SHIM_WAIT(usleep, duration, (useconds_t duration), (duration))
+SHIM_WAIT(poll, timeout, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 SHIM(int, pipe2, -1, (int fds[2], int flags), (fds, flags))
 SHIM(int, socket, -1, (int domain, int type, int protocol), (domain, type, protocol))
 SHIM(int, bind, -1, (int fd, const sockaddr *address, socklen_t length), (fd, address, length))
@@ -372,8 +390,8 @@ SHIM(int, connect, -1, (int fd, const sockaddr *address, socklen_t length), (fd,
 SHIM(int, epoll_create1, -1, (int flags), (flags))
 SHIM(int, epoll_ctl, -1, (int poll, int operation, int fd, epoll_event *event),
      (poll, operation, fd, event))
-SHIM(int, epoll_wait, -1, (int poll, epoll_event *events, int room, int timeout),
-     (poll, events, room, timeout))
+SHIM_WAIT(epoll_wait, timeout, (int poll, epoll_event *events, int room, int timeout),
+          (poll, events, room, timeout))
 SHIM(int, inotify_init1, -1, (int flags), (flags))
 SHIM(int, inotify_add_watch, -1, (int fd, const char *path, uint32_t mask), (fd, path, mask))
 SHIM(int, eventfd, -1, (unsigned count, int flags), (count, flags))
