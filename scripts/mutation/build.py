@@ -23,7 +23,8 @@ LIBRARY = "libkp_mutant.so"
 FLAGS = "-std=gnu++20 -O0 -w -fPIC -pthread -fno-exceptions -fno-rtti -fvisibility-inlines-hidden".split()
 # The tests run under AddressSanitizer and UndefinedBehaviorSanitizer as well. These find in a plain
 # run a part of what they find: whoever leaves an array, or has no defined result, ends at once.
-FLAGS += "-D_GLIBCXX_ASSERTIONS -fsanitize=undefined -fno-sanitize=vptr -fsanitize-undefined-trap-on-error".split()
+UNDEFINED = "-fsanitize=undefined -fno-sanitize=vptr -fsanitize-undefined-trap-on-error".split()
+FLAGS += ["-D_GLIBCXX_ASSERTIONS", *UNDEFINED]
 COMPILER = os.environ.get("CXX", "c++")
 LINKER = ["-fuse-ld=lld"] if shutil.which("ld.lld") else []
 SOURCES = sorted((ROOT / "src").rglob("*.cpp"))

@@ -235,7 +235,8 @@ TEST_F(NotifyClose, ClosesNoDescriptorBeforeItsThreadsAreGone)
     const std::vector<int> fds{endpoint.client(0), endpoint.server(0),  endpoint.server(16),
                                endpoint.client(1), endpoint.server(31), endpoint.client(16)};
 
-    std::thread closing([endpoint = endpoint.get()]() mutable { (void)kp_notify_close(&endpoint); });
+    std::thread closing(
+        [endpoint = endpoint.get()]() mutable { (void)kp_notify_close(&endpoint); });
     EXPECT_TRUE(wait_until([&] { return endpoint.server(31) == -1; }));
     const std::map<int, std::string> open = open_descriptors();
     endpoint.inbox().resume();

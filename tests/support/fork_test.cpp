@@ -53,8 +53,10 @@ TEST(WhatChildrenMustNotTakeAlong, IsEnteredAndLeftUnderOneLock)
     kp::ForkLink link{};
 
     EXPECT_TRUE(waits_for(kp::fork_mutex, [] { (void)kp::fork_generation(); }));
-    EXPECT_TRUE(waits_for(kp::fork_mutex,
-                          [&] { kp::enter_fork_link(link, [](void *) {}, nullptr); }));
+    EXPECT_TRUE(waits_for(kp::fork_mutex, [&] {
+        kp::enter_fork_link(
+            link, [](void *) {}, nullptr);
+    }));
     EXPECT_TRUE(waits_for(kp::fork_mutex, [&] { kp::leave_fork_link(link); }));
 }
 
@@ -99,8 +101,8 @@ TEST(OwnPipe, IsNoneWhenOneOfItsEndsCannotBeMoved)
         (void)setrlimit(RLIMIT_NOFILE, &one_more);
         std::array<int32_t, 2> ends{-1, -1};
         const bool is_made = kp::own_pipe(ends);
-        const bool leaks = is_open(STDOUT_FILENO) || is_open(STDERR_FILENO) ||
-                           is_open(kp::kFirstHighFd);
+        const bool leaks =
+            is_open(STDOUT_FILENO) || is_open(STDERR_FILENO) || is_open(kp::kFirstHighFd);
         return is_made || leaks ? 1 : 0;
     });
 

@@ -336,7 +336,8 @@ int __wrap_fcntl(int fd, int command, ...)
 int __wrap_clock_gettime(clockid_t clock, timespec *now);
 int __wrap_clock_gettime(clockid_t clock, timespec *now)
 {
-    return is_failed(Call::clock_gettime) || stopped_time(clock, *now) ? 0 : clock_gettime(clock, now);
+    return is_failed(Call::clock_gettime) || stopped_time(clock, *now) ? 0
+                                                                       : clock_gettime(clock, now);
 }
 
 SHIM(int, ftruncate, -1, (int fd, off_t length), (fd, length))
