@@ -1,4 +1,4 @@
-// Pauses without waiting: a clock that only the test moves, and how long the library wanted to wait.
+// Pauses without waiting: a clock that only the test moves, and how long the library would wait.
 #pragma once
 
 #include "testing/faults.h"
