@@ -73,7 +73,9 @@ kp_tag_t *kp_tag_new(kp_t *handle, const char *topic, uint32_t role)
     }
     auto copy = copy_text(topic);
     if (!copy) {
-        KP_ERROR("kp_tag_provider_new: malloc topic: %s\n", std::strerror(errno));
+        const int cause = errno;
+        (void)kp_tag_destroy(handle, tag.release());
+        KP_ERROR("kp_tag_provider_new: malloc topic: %s\n", std::strerror(cause));
         return nullptr;
     }
     tag->topic = copy.release();

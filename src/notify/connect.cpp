@@ -96,6 +96,7 @@ Tried try_once(kp_notify_t &endpoint, Connector connector, Attempt &attempt, con
 {
     const Entry before = look_at(attempt.address.sun_path);
     if (before.presence == Presence::absent) {
+        attempt.error = ENOENT;
         note_failure(attempt, before);
         return Tried::absent;
     }

@@ -189,6 +189,7 @@ void kplist_free(kplist *list, kplist_free_t free_element)
         std::free(node);
         node = next;
     }
+    list->count = 0;
     kplist_unlock(list);
     (void)pthread_mutex_destroy(&list->mutex);
     std::free(list);
