@@ -74,6 +74,18 @@ Seen look_at(const SegmentFile &file)
             file.bytes(at::value, 4)};
 }
 
+// The old value was still whole when its copy began, and the new one is whole at the end.
+void expect_marked_copy(const Seen &seen, const SegmentFile &file)
+{
+    EXPECT_EQ(seen.writing, 1);
+    EXPECT_EQ(seen.timestamp, 2U);
+    EXPECT_EQ(seen.size, 4U);
+    EXPECT_EQ(seen.bytes, "old!");
+    EXPECT_EQ(file.u8(at::writing), 0);
+    EXPECT_EQ(file.u32(at::written_value_size), 100U);
+    EXPECT_EQ(file.bytes(at::value, 4), "nnnn");
+}
+
 } // namespace
 
 TEST(AValueThatIsCopied, IsMarkedAndHasItsTimestampAlready)
@@ -86,13 +98,7 @@ TEST(AValueThatIsCopied, IsMarkedAndHasItsTimestampAlready)
 
     EXPECT_EQ(kp_shm_write(shm, value.data(), 100, 2, 2, 2), 100);
 
-    EXPECT_EQ(seen.writing, 1);
-    EXPECT_EQ(seen.timestamp, 2U);
-    EXPECT_EQ(seen.size, 4U);
-    EXPECT_EQ(seen.bytes, "old!");
-    EXPECT_EQ(file.u8(at::writing), 0);
-    EXPECT_EQ(file.u32(at::written_value_size), 100U);
-    EXPECT_EQ(file.bytes(at::value, 4), "nnnn");
+    expect_marked_copy(seen, file);
 }
 
 TEST(AValueThatIsCopied, IsMarkedByAnInstantWriteToo)
@@ -104,11 +110,5 @@ TEST(AValueThatIsCopied, IsMarkedByAnInstantWriteToo)
 
     EXPECT_EQ(kp_shm_instant_write("a", value.data(), KP_TYPE_RAW, 100, 2, 2, 2, 0), 0);
 
-    EXPECT_EQ(seen.writing, 1);
-    EXPECT_EQ(seen.timestamp, 2U);
-    EXPECT_EQ(seen.size, 4U);
-    EXPECT_EQ(seen.bytes, "old!");
-    EXPECT_EQ(file.u8(at::writing), 0);
-    EXPECT_EQ(file.u32(at::written_value_size), 100U);
-    EXPECT_EQ(file.bytes(at::value, 4), "nnnn");
+    expect_marked_copy(seen, file);
 }
