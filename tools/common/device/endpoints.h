@@ -9,8 +9,8 @@
 
 namespace kp::tool {
 
-constexpr unsigned kManyConnections = 28;   // of 31
-constexpr uint64_t kManyUnread = 16 * 1024; // bytes; about half of what makes a sender wait
+constexpr unsigned kManyConnections = 28; // of 31
+constexpr uint64_t kManyUnread = 16'384;  // bytes; about half of what makes a sender wait
 
 enum class Liveness {
     live,
@@ -42,7 +42,8 @@ Mesh look_at_mesh();
 const char *liveness_name(Liveness liveness);
 
 // Says whether connecting is refused. This proves that nobody listens, in this namespace or
-// another. It tries only sockets on which nobody listens here, so it disturbs no live peer.
+// another. Call it only for sockets on which nobody listens here, so that no live peer is
+// disturbed.
 bool refuses_connections(const std::string &name);
 
 } // namespace kp::tool

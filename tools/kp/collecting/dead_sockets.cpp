@@ -111,6 +111,7 @@ DeadSockets find_dead_sockets()
 std::vector<DeedResult> remove_dead_sockets(const std::vector<EndpointFile> &files)
 {
     std::vector<DeedResult> deeds;
+    deeds.reserve(files.size());
     wait_until_grown(files);
     const UnixSockets sockets = list_unix_sockets();
     Remover remover;
