@@ -212,8 +212,8 @@ TEST_F(NotifyClose, EndsASendOfTheCallbackThatWaitsForASlowPeer)
     EXPECT_TRUE(peer.send(write_notice({1})));
     EXPECT_TRUE(wait_until([] { // a full buffer, and a send that began with it
         const int before = sent;
-        return is_full(endpoint->client_fds[1]) && kp::load_ordered(endpoint->senders[1]) == 1 &&
-               sent == before;
+        return is_full(kp::load_ordered(endpoint->client_fds[1])) &&
+               kp::load_ordered(endpoint->senders[1]) == 1 && sent == before;
     }));
 
     EXPECT_EQ(kp_notify_close(&endpoint), 0);

@@ -2,7 +2,7 @@
 
 namespace kp::tool {
 
-void add_mappers(nlohmann::ordered_json &object, const std::vector<Mapper> &mappers,
+void add_mappers(nlohmann::ordered_json &object, std::span<const Mapper> mappers,
                  std::size_t hidden, const std::function<Process(pid_t)> &process)
 {
     object["mappers"] = nlohmann::ordered_json::array();

@@ -168,7 +168,7 @@ bool store_segment(TopicOpener &opener, const std::string &topic,
         const auto place = opener.make_place(topic, problem);
         if (!place)
             return false;
-        // Else a topic stays behind that is empty, or that nobody can read.
+        // A signal that ended the program here would leave a topic that is empty or unreadable.
         const HeldSignals held;
         const OpenFile file = open_or_make(*place);
         if (!file.fd) {

@@ -24,7 +24,7 @@ constexpr std::size_t kFieldsEnd = offsetof(Segment, value);
 constexpr std::size_t kCountsStart = offsetof(Segment, refs);
 constexpr std::size_t kCountsEnd = kCountsStart + sizeof(ReferenceCounts);
 
-// Where the value ends that the fields speak of.
+// Gives the end of the value, by the size in the copied fields.
 std::size_t end_of(const SegmentCopy &copy)
 {
     return kFieldsEnd + copy.value().size();
@@ -124,7 +124,7 @@ class FileSource {
     const UniqueFd &fd_;
 };
 
-// One attempt. What is copied of a segment that is being written has fields to show.
+// Makes one attempt. Even a copy that a writer has disturbed has fields to show.
 template <typename Source> CopyOutcome attempt(const Source &source, SegmentCopy &copy)
 {
     CopyOutcome outcome = source.take(copy);

@@ -191,12 +191,17 @@ std::string hidden_processes_text(std::size_t count)
                       : std::to_string(count) + " processes show only to root";
 }
 
+std::span<const Mapper> Mappers::of(const FileId &file) const
+{
+    const auto found = of_file.find(file);
+    return found == of_file.end() ? std::span<const Mapper>() : found->second;
+}
+
 unsigned Mappers::open_handles(const FileId &file) const
 {
     unsigned open = 0;
-    if (const auto found = of_file.find(file); found != of_file.end())
-        for (const Mapper &mapper : found->second)
-            open += mapper.writable;
+    for (const Mapper &mapper : of(file))
+        open += mapper.writable;
     return open;
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -58,6 +59,9 @@ struct Mappers {
     std::map<FileId, std::vector<Mapper>> of_file; // files of `device` only
     std::map<pid_t, std::size_t> mappings;         // all of a process's, whatever they map
     std::vector<pid_t> unreadable;                 // processes that only root may look into
+
+    // Who maps a file; nobody where it is not among those seen. Valid as long as this is unchanged.
+    std::span<const Mapper> of(const FileId &file) const;
 
     // The handles that all processes have open on a segment, as far as can be seen.
     unsigned open_handles(const FileId &file) const;

@@ -10,7 +10,7 @@ namespace kp::tool {
 
 namespace {
 
-// The one that controls this process; one that has closed controls nobody.
+// Says whether a terminal controls this process. One that has closed controls nobody.
 bool has_terminal()
 {
     return UniqueFd(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)).get() >= 0;

@@ -27,11 +27,12 @@ bool are_same(const std::vector<Mapper> &a, const std::vector<Mapper> &b)
 
 std::vector<Mapper> mappers_of(const Mappers &all, const FileId &file)
 {
-    const auto found = all.of_file.find(file);
-    return found == all.of_file.end() ? std::vector<Mapper>() : found->second;
+    const auto mappers = all.of(file);
+    return {mappers.begin(), mappers.end()};
 }
 
-// The counts before the processes are looked at: who opens the topic later changes them.
+// Notes the counts before the processes are looked at: a handle that is opened in between then
+// shows as a change.
 std::optional<DeadTopic> suspect(TopicOpener &opener, const std::string &topic,
                                  const TopicSearch &search, Problem &problem)
 {
@@ -140,6 +141,7 @@ void bury_some(const DeadTopic *first, std::size_t count, std::vector<DeedResult
 {
     TopicOpener opener;
     std::vector<Held> all;
+    all.reserve(count);
     for (std::size_t index = 0; index < count; ++index)
         all.push_back(open_again(opener, first[index]));
     std::vector<LockedFile *> files;

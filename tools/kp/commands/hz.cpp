@@ -126,7 +126,8 @@ class Meter {
         (void)output().flush();
     }
 
-    // A topic that differs at most looks was surely written more often than it was seen.
+    // A topic that has changed at more than half of the looks was surely written more often than it
+    // was seen.
     bool is_lower_bound(const Rate &rate) const
     {
         return rate.writes * 2 > samples_;

@@ -144,10 +144,10 @@ class Removal {
         if (victim.held.fd && !victim.held.lock.is_held())
             return locked_problem(victim.topic);
         const std::string name = escaped(victim.topic);
-        const auto found = all.of_file.find(victim.file);
-        if (found != all.of_file.end())
+        const auto mappers = all.of(victim.file);
+        if (!mappers.empty())
             return Problem{kLimit, name + ": in use by " +
-                                       process_text(process_of(found->second.front().pid)) +
+                                       process_text(process_of(mappers.front().pid)) +
                                        " (--force removes it all the same)"};
         Problem problem;
         const auto snapshot = read_topic(opener_, victim.topic, problem);

@@ -17,10 +17,8 @@ namespace kp::tool {
 
 namespace {
 
-// What a sandbox ends with that could not be made, as with other programs that start a command.
-
-// By which a program knows that it runs in a sandbox: the name of the mount namespace. A variable
-// that somebody inherited from elsewhere has the name of another one.
+// The variable by which a program knows that it runs in a sandbox. Its value is the name of the
+// mount namespace; a variable that somebody inherited from elsewhere has the name of another one.
 constexpr const char *kMark = "KP_SANDBOX";
 
 struct SandboxOptions {

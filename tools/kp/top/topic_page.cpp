@@ -60,10 +60,9 @@ std::vector<std::string> TopicPage::user_lines()
     if (!opener.status(topic_, status, problem))
         return lines;
     const Mappers mappers = find_mappers(status.st_dev);
-    if (const auto found = mappers.of_file.find(file_id(status)); found != mappers.of_file.end())
-        for (const Mapper &mapper : found->second)
-            if (mapper.writable > 0) // a look, such as this program's, is no use
-                lines.push_back(process_text(process_of(mapper.pid)));
+    for (const Mapper &mapper : mappers.of(file_id(status)))
+        if (mapper.writable > 0) // a look, such as this program's, is no use
+            lines.push_back(process_text(process_of(mapper.pid)));
     if (!mappers.unreadable.empty())
         lines.push_back(hidden_processes_text(mappers.unreadable.size()));
     return lines;

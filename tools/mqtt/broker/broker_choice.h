@@ -16,7 +16,7 @@ class BrokerChoice {
 
     const BrokerSettings &now() const;
 
-    // A connection was lost that had done its duty: the first broker comes first again.
+    // To be called when a connection is lost that was good: the first broker comes first again.
     void start_over()
     {
         at_ = 0;

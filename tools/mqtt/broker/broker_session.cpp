@@ -200,7 +200,7 @@ void BrokerSession::connected()
     events_.reading();
     subscriptions_.ask_for(*link_, events_.subscriptions());
     const bool is_first = last_connection_.empty();
-    if (is_first && !subscriptions_.read_tree())
+    if (is_first && !subscriptions_.reads_tree())
         return announce(false);
     if (!is_first)
         ask_for_witness();
@@ -237,7 +237,7 @@ void BrokerSession::tell_of_the_session() const
 // Uses the quality of service with which the tree is read, so that the messages stay in order.
 void BrokerSession::ask_for_state()
 {
-    const bool reads_tree = subscriptions_.read_tree();
+    const bool reads_tree = subscriptions_.reads_tree();
     (void)subscriptions_.ask_shortly(
         *link_, {configuration_.state_topic, reads_tree ? 0 : 1, true, reads_tree, 0});
 }
@@ -323,7 +323,7 @@ void BrokerSession::announce(bool kept)
     phase_ = Phase::reading;
     phase_ends_ = Clock::now() + kAnswerTime;
     send_state(kOnline);
-    if (!subscriptions_.read_tree())
+    if (!subscriptions_.reads_tree())
         go_online(false);
 }
 
@@ -331,7 +331,7 @@ void BrokerSession::go_online(bool has_read)
 {
     if (!last_connection_.empty())
         ++counters_.reconnects;
-    const bool reads_tree = subscriptions_.read_tree();
+    const bool reads_tree = subscriptions_.reads_tree();
     if (!last_connection_.empty() || reads_tree)
         link_->unsubscribe(configuration_.state_topic);
     if (reads_tree)

@@ -19,12 +19,12 @@ bool has_filter(const std::vector<Subscription> &subscriptions, const std::strin
 
 void Subscriptions::ask_for(BrokerLink &link, std::vector<Subscription> wanted)
 {
-    read_tree_ = false;
+    reads_tree_ = false;
     asked_for_ = std::move(wanted);
     for (Subscription subscription : asked_for_) {
         if (subscription.own_too)
             subscription.qos = 0;
-        read_tree_ = read_tree_ || subscription.own_too;
+        reads_tree_ = reads_tree_ || subscription.own_too;
         if (!subscription.at_last)
             ask(link, subscription);
     }

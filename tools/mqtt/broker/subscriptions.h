@@ -19,9 +19,9 @@ class Subscriptions {
     // back some of the tree the bridge would remove tags that still exist.
     void ask_for(BrokerLink &link, std::vector<Subscription> wanted);
     // Whether a shared tree is among them.
-    bool read_tree() const
+    bool reads_tree() const
     {
-        return read_tree_;
+        return reads_tree_;
     }
     // A shared tree has been read, and what comes from now on is to come as its rule says.
     void ask_for_good(BrokerLink &link);
@@ -54,7 +54,7 @@ class Subscriptions {
     std::vector<Subscription> asked_for_;             // on this connection, as the rules want them
     std::unordered_map<int, std::string> unanswered_; // filters by the id of the request
     std::vector<std::string> left_behind_;            // asked for on a connection that was lost
-    bool read_tree_ = false;
+    bool reads_tree_ = false;
 };
 
 } // namespace kp::mqtt

@@ -1,4 +1,5 @@
-// The name and password for the broker, from a file that only the bridge's user may read.
+// The name and password for the broker, from a file that nobody may read but its owner
+// and its group.
 #pragma once
 
 #include "common/result.h"

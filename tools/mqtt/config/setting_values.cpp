@@ -17,6 +17,14 @@ constexpr size_t kMostEndpointBytes =
     std::min(sizeof(sockaddr_un::sun_path) - std::string_view(kEndpointDirectory).size() - 1,
              size_t{KP_ENDPOINT_NAME_SIZE} - 1);
 
+// To a broker a filter that starts like this means that several clients share its messages. The
+// topics of these messages do not start so, and the bridge could not tell its own messages from
+// others.
+bool is_shared_subscription(const std::string &text)
+{
+    return text == "$share" || text.starts_with("$share/");
+}
+
 } // namespace
 
 tool::Result<PayloadMode> payload_mode(const std::string &name)
@@ -83,12 +91,9 @@ tool::Result<std::string> endpoint_name(const std::string &text)
     return name_part(text);
 }
 
-// To a broker a filter that starts like this means that several clients share its messages. The
-// topics of these messages do not start so, and the bridge could not tell its own messages from
-// others.
 tool::Result<std::string> in_prefix(const std::string &text)
 {
-    if (text == "$share" || text.starts_with("$share/"))
+    if (is_shared_subscription(text))
         return tool::Result<std::string>::failed("shared subscriptions cannot be used");
     return prefix(text);
 }
@@ -112,7 +117,7 @@ tool::Result<std::string> tag_prefix(const std::string &text)
 
 tool::Result<std::string> plain_filter(const std::string &text)
 {
-    if (text == "$share" || text.starts_with("$share/"))
+    if (is_shared_subscription(text))
         return tool::Result<std::string>::failed("shared subscriptions cannot be used");
     if (const std::string problem = tool::pattern_problem(text, tool::Dialect::mqtt);
         !problem.empty())

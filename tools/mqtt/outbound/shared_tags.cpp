@@ -73,8 +73,8 @@ TagLook SharedTags::look_at(const std::string &tag) const
     TagLook look;
     look.is_settling = is_settling(tag);
     look.outcome = reader_.read(tag, look.sample);
-    // In the middle of the bridge's own write it is known as what the tag is declared, and its
-    // value is about to be replaced.
+    // While the bridge itself writes the tag, the sample has no value but what is declared. That is
+    // enough, since the value is about to be replaced.
     if (look.outcome == ReadOutcome::busy && look.is_settling)
         look.outcome = ReadOutcome::read;
     return look;

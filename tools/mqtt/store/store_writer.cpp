@@ -65,8 +65,8 @@ void StoreWriter::set_quality(const std::string &name, uint8_t quality)
     (void)write_tag(tag, request);
 }
 
-// A new provider's tag has no value. That of others who provide it stays; a run that was killed
-// is none.
+// Takes the value out by declaring the tag anew. Keeps it while others provide the tag; the count
+// that a killed run has left does not matter.
 void StoreWriter::take_value_out(const std::string &tag, bool left_over)
 {
     const uint32_t killed = record_ && record_->left().contains(tag) ? 1 : 0;

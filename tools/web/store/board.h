@@ -67,7 +67,7 @@ class Board {
     const Entry *next_after(uint64_t sequence) const;
     // Gives the change as a server-sent event.
     std::shared_ptr<const std::string> event_of(const Entry &entry);
-    // Goes up whenever a topic comes or goes.
+    // Goes up whenever a topic comes or goes, or the dictionary is another one.
     uint64_t generation() const
     {
         return generation_;

@@ -8,12 +8,9 @@ namespace kp::web {
 std::string mappers_line(const std::string &topic, ino_t inode, const Survey &survey)
 {
     const tool::Mappers &all = survey.mappers;
-    const auto found = all.of_file.find({survey.device, inode});
     const auto process = [&survey](pid_t pid) { return survey.processes.at(pid); };
     nlohmann::ordered_json object = topic_json(topic);
-    tool::add_mappers(object,
-                      found == all.of_file.end() ? std::vector<tool::Mapper>() : found->second,
-                      all.unreadable.size(), process);
+    tool::add_mappers(object, all.of({survey.device, inode}), all.unreadable.size(), process);
     return tool::json_line(object);
 }
 

@@ -14,7 +14,7 @@ class Token {
     static constexpr std::size_t kLeastBytes = 16; // fewer could be guessed
     static constexpr std::size_t kMostBytes = 256;
 
-    // Reads the only line of a file that nobody else may read.
+    // Reads the only line of a file that nobody may read but its owner and its group.
     static tool::Result<Token> read(const std::string &path);
 
     // Says whether they are the same. It takes the same time whatever the two have in common, so
