@@ -2,8 +2,7 @@
 
 #include "base/log.h"
 #include "common/text/text.h"
-#include "messages/payload.h"
-#include "names/topic_names.h"
+#include "outbound/make_publication.h"
 
 #include <algorithm>
 
@@ -15,7 +14,6 @@ constexpr milliseconds kBusyDelay{100}; // until a topic in the middle of a writ
 constexpr milliseconds kSettleDelay{10};  // the same, where the write is the bridge's own
 constexpr milliseconds kQuotaDelay{1000}; // after a broker has said that it has no room
 constexpr milliseconds kBurstDelay{10};
-constexpr std::size_t kMostCleared = 1000;
 
 } // namespace
 
@@ -25,7 +23,8 @@ Publications::Publications(const Configuration &configuration, const StoreReader
                            Counters &counters)
     : configuration_(configuration), reader_(reader), writer_(writer), state_(state),
       origin_(std::move(origin)), pending_(pending), topics_(topics), shared_(shared),
-      counters_(counters), announcements_(configuration, topics, state, pending),
+      counters_(counters), schedule_(topics, state, pending),
+      announcements_(configuration, topics, state, pending),
       burst_(configuration.broker.burst_rate), number_(kp_get_timestamp_us())
 {
 }
@@ -33,7 +32,7 @@ Publications::Publications(const Configuration &configuration, const StoreReader
 void Publications::connected(bool kept, Clock::time_point now)
 {
     burst_ = TokenBucket(configuration_.broker.burst_rate);
-    take_what_is_due(now);
+    schedule_.take_deferred(now);
     take_up_what_waits();
     pending_.join_burst();
     if (kept)
@@ -46,7 +45,7 @@ void Publications::connected(bool kept, Clock::time_point now)
         if (topic->seen && topic->seen->has_value)
             pending_.mark_burst(topic->mqtt, now);
     }
-    for (const std::string &mqtt : std::exchange(cleared_, {}))
+    for (const std::string &mqtt : acknowledged_.take_cleared())
         if (!configuration_.shares(mqtt)) // what a shared tree holds has been read
             state_.add(mqtt);
     for (const std::string &mqtt : state_.topics())
@@ -57,9 +56,9 @@ void Publications::connected(bool kept, Clock::time_point now)
 void Publications::reload(Clock::time_point now)
 {
     burst_ = TokenBucket(configuration_.broker.burst_rate);
-    take_what_is_due(Clock::time_point::max());
+    schedule_.take_deferred(Clock::time_point::max());
     for (const auto &[tag, topic] : topics_.all())
-        remind(*topic);
+        schedule_.remind(*topic);
     announcements_.review(now);
 }
 
@@ -67,32 +66,6 @@ void Publications::dictionary_changed(bool is_whole, Clock::time_point now)
 {
     announcements_.set_whole(is_whole);
     announcements_.review(now);
-}
-
-void Publications::remind(OutTopic &topic)
-{
-    const milliseconds interval = topic.rule->quiet.max_interval;
-    if (interval.count() == 0 || !topic.gate.sent_at() || topic.is_reminded)
-        return;
-    topic.is_reminded = true;
-    reminders_.emplace(*topic.gate.sent_at() + interval, topic.mqtt);
-}
-
-// A message that is sent meanwhile gets a later number.
-void Publications::take_reminders(Clock::time_point now)
-{
-    while (!reminders_.empty() && reminders_.begin()->first <= now) {
-        OutTopic *topic = topics_.of_mqtt(reminders_.begin()->second);
-        reminders_.erase(reminders_.begin());
-        if (!topic)
-            continue;
-        topic->is_reminded = false;
-        const milliseconds interval = topic->rule->quiet.max_interval;
-        if (interval.count() > 0 && now - topic->gate.sent_at().value_or(now) >= interval)
-            mark_again(topic->mqtt, now);
-        else
-            remind(*topic);
-    }
 }
 
 // So that only what changes from now on leaves the burst.
@@ -107,27 +80,20 @@ void Publications::take_up_what_waits()
 
 void Publications::connection_lost(Clock::time_point now)
 {
-    for (const auto &[id, publication] : std::exchange(unacknowledged_, {}))
-        mark_again(publication.topic, publication.since);
+    for (const auto &[id, publication] : unacknowledged_.take_all())
+        topics_.mark_again(publication.topic, publication.since);
     shared_.connection_lost();
     // Messages at QoS 0 that were sent since the broker's last sign of life may not have arrived.
     const auto doubtful = now - std::chrono::seconds(2 * configuration_.broker.keep_alive_s);
     for (const auto &[tag, topic] : topics_.all())
         if (topic->rule->qos == 0 && topic->gate.sent_at() > doubtful)
-            mark_again(topic->mqtt, now);
-}
-
-void Publications::mark_again(const std::string &mqtt, Clock::time_point since)
-{
-    if (OutTopic *topic = topics_.of_mqtt(mqtt))
-        topic->must_send = true;
-    pending_.mark_change(mqtt, since);
+            topics_.mark_again(topic->mqtt, now);
 }
 
 void Publications::repeat(const std::string &tag, Clock::time_point now)
 {
     if (const OutTopic *topic = topics_.of_tag(tag))
-        mark_again(topic->mqtt, now);
+        topics_.mark_again(topic->mqtt, now);
 }
 
 void Publications::look_at(const std::string &tag, Clock::time_point now)
@@ -139,8 +105,8 @@ void Publications::look_at(const std::string &tag, Clock::time_point now)
 
 std::optional<Publication> Publications::next(Clock::time_point now)
 {
-    take_what_is_due(now);
-    take_reminders(now);
+    schedule_.take_deferred(now);
+    schedule_.take_reminders(now);
     while (true) {
         const auto waiting = pending_.take(burst_.may_pass(now));
         if (!waiting)
@@ -161,35 +127,22 @@ std::optional<Publication> Publications::next(Clock::time_point now)
     }
 }
 
-void Publications::take_what_is_due(Clock::time_point now)
-{
-    while (!later_.empty() && later_.begin()->first <= now) {
-        const PendingNames::Waiting waiting = std::move(later_.begin()->second);
-        later_.erase(later_.begin());
-        OutTopic *topic = topics_.of_mqtt(waiting.name);
-        if (topic)
-            topic->is_deferred = false;
-        if (topic || state_.has(waiting.name))
-            pending_.mark_change(waiting.name, waiting.since);
-    }
-}
-
 std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock::time_point since,
                                                          Clock::time_point now)
 {
     // The value follows when the broker has acknowledged that the retained one is cleared.
     if (!topic.rule->retain && state_.has(topic.mqtt))
-        return is_clearing(topic.mqtt) ? std::nullopt : clearing(topic.mqtt);
+        return unacknowledged_.has_clearing_of(topic.mqtt) ? std::nullopt : clearing(topic.mqtt);
     // What is about to be replaced must not go: it would come after its successor in the broker's
     // order.
     if (topic.is_shared && shared_.is_settling(topic.tag)) {
-        defer(topic, now + kSettleDelay, since);
+        schedule_.defer(topic, now + kSettleDelay, since);
         return {};
     }
     Sample sample;
     const ReadOutcome outcome = reader_.read(topic.tag, sample);
     if (outcome == ReadOutcome::busy)
-        defer(topic, now + kBusyDelay, since);
+        schedule_.defer(topic, now + kBusyDelay, since);
     if (outcome == ReadOutcome::busy || outcome == ReadOutcome::refused)
         return {};
     if (outcome != ReadOutcome::read || !sample.has_value)
@@ -208,9 +161,9 @@ std::optional<Publication> Publications::publication_for(OutTopic &topic, Clock:
         state_.add(topic.mqtt, sample.providers > 0 || topic.providers_gone);
     topic.gate.sent(sample, now);
     topic.must_send = false;
-    remind(topic);
+    schedule_.remind(topic);
     announcements_.value_goes(topic, sample.type, now);
-    return publication_of(topic, sample);
+    return make_value(topic, sample, origin_);
 }
 
 // Says whether the value came from the broker, so that it need not be sent there.
@@ -239,27 +192,8 @@ bool Publications::passes_gate(OutTopic &topic, const Sample &sample, Clock::tim
     if (verdict == Gate::Verdict::skip && topic.is_shared && !shared_.has_own_last(topic.mqtt))
         verdict = Gate::Verdict::send;
     if (verdict == Gate::Verdict::later)
-        defer(topic, topic.gate.due(quiet), topic.gate.due(quiet));
+        schedule_.defer(topic, topic.gate.due(quiet), topic.gate.due(quiet));
     return verdict == Gate::Verdict::send;
-}
-
-void Publications::defer(OutTopic &topic, Clock::time_point until, Clock::time_point since)
-{
-    if (!std::exchange(topic.is_deferred, true))
-        later_.emplace(until, PendingNames::Waiting{topic.mqtt, since});
-}
-
-bool Publications::is_on_its_way(const std::string &mqtt) const
-{
-    return std::ranges::any_of(unacknowledged_,
-                               [&mqtt](const auto &item) { return item.second.topic == mqtt; });
-}
-
-bool Publications::is_clearing(const std::string &mqtt) const
-{
-    return std::ranges::any_of(unacknowledged_, [&mqtt](const auto &item) {
-        return item.second.topic == mqtt && item.second.payload.empty();
-    });
 }
 
 std::optional<Publication> Publications::clearing(const std::string &mqtt)
@@ -268,11 +202,7 @@ std::optional<Publication> Publications::clearing(const std::string &mqtt)
         state_.add(mqtt); // until the broker has taken the clearing
     if (!state_.has(mqtt))
         return {};
-    Publication publication;
-    publication.topic = mqtt;
-    publication.retain = true;
-    publication.properties = {{property::kOrigin, origin_}};
-    return publication;
+    return make_clearing(mqtt, origin_);
 }
 
 std::optional<Publication> Publications::publication_beside_tags(const std::string &mqtt)
@@ -283,87 +213,53 @@ std::optional<Publication> Publications::publication_beside_tags(const std::stri
     if (announcement.what == Announcements::What::ends)
         return clearing(mqtt);
     state_.add(mqtt);
-    Publication publication;
-    publication.topic = mqtt;
-    publication.payload = std::move(announcement.text);
-    publication.retain = true;
-    publication.content_type = kJson;
-    publication.is_utf8 = true;
-    publication.properties = {{property::kOrigin, origin_}};
-    return publication;
-}
-
-Publication Publications::publication_of(const OutTopic &topic, const Sample &sample) const
-{
-    const OutRule &rule = *topic.rule;
-    const std::string_view unit = unit_of(topic.facts);
-    Payload payload = make_payload(rule.payload, topic.tag, sample, sample.quality, unit);
-    Publication publication;
-    publication.topic = topic.mqtt;
-    publication.payload = std::move(payload.bytes);
-    publication.qos = rule.qos;
-    publication.retain = rule.retain;
-    publication.content_type = payload.content_type;
-    publication.is_utf8 = payload.is_utf8;
-    publication.expiry_s = rule.expiry_s;
-    publication.properties = describing_properties(sample, sample.quality);
-    if (!unit.empty())
-        publication.properties.emplace_back(property::kUnit, unit);
-    publication.properties.emplace_back(property::kOrigin, origin_);
-    return publication;
+    return make_announcement(mqtt, std::move(announcement.text), origin_);
 }
 
 void Publications::sent(const Publication &publication, int id, Clock::time_point now)
 {
     shared_.sent(publication, now);
     if (id)
-        unacknowledged_[id] = publication;
+        unacknowledged_.add(id, publication);
     else
         ++counters_.out;
 }
 
 void Publications::acknowledged(int id, const Answer &answer, Clock::time_point now)
 {
-    const auto found = unacknowledged_.find(id);
-    if (found == unacknowledged_.end())
+    auto publication = unacknowledged_.take(id);
+    if (!publication)
         return;
-    Publication publication = std::move(found->second);
-    unacknowledged_.erase(found);
     if (answer.is_refusal()) {
-        refused(publication, answer.text);
+        refused(*publication, answer.text);
         if (answer.reason == kQuotaExceeded)
-            send_again_later(publication, now);
+            send_again_later(*publication, now);
         return;
     }
     ++counters_.out;
-    if (!publication.payload.empty() && publication.retain)
-        last_kept_ = std::move(publication);
+    if (!publication->payload.empty() && publication->retain)
+        acknowledged_.keep(std::move(*publication));
     else
-        forget_cleared(publication);
+        forget_cleared(*publication);
 }
 
 void Publications::send_again_later(const Publication &publication, Clock::time_point now)
 {
-    if (OutTopic *topic = topics_.of_mqtt(publication.topic)) {
+    if (OutTopic *topic = topics_.of_mqtt(publication.topic))
         topic->must_send = true;
-        return defer(*topic, now + kQuotaDelay, publication.since);
-    }
-    later_.emplace(now + kQuotaDelay, PendingNames::Waiting{publication.topic, publication.since});
+    schedule_.defer(publication.topic, now + kQuotaDelay, publication.since);
 }
 
 void Publications::forget_cleared(const Publication &publication)
 {
     if (!publication.payload.empty() || !state_.has(publication.topic))
         return;
-    if (last_kept_ && last_kept_->topic == publication.topic)
-        last_kept_.reset();
+    acknowledged_.keep_no_more(publication.topic);
     const OutTopic *topic = topics_.of_mqtt(publication.topic);
     // An announcement may be on its way again; then it stands.
-    if (!topic && !is_on_its_way(publication.topic)) {
+    if (!topic && !unacknowledged_.has(publication.topic)) {
         state_.remove(publication.topic);
-        cleared_.push_back(publication.topic);
-        if (cleared_.size() > kMostCleared)
-            cleared_.pop_front();
+        acknowledged_.remember_cleared(publication.topic);
     }
     if (topic && !topic->rule->retain) {
         state_.remove(publication.topic);
@@ -382,16 +278,12 @@ void Publications::refused(const Publication &publication, const std::string &wh
 
 void Publications::not_sent(const Publication &publication)
 {
-    mark_again(publication.topic, publication.since);
+    topics_.mark_again(publication.topic, publication.since);
 }
 
 std::optional<Clock::time_point> Publications::due() const
 {
-    std::optional<Clock::time_point> due;
-    if (!later_.empty())
-        due = later_.begin()->first;
-    if (!reminders_.empty())
-        due = std::min(due.value_or(Clock::time_point::max()), reminders_.begin()->first);
+    std::optional<Clock::time_point> due = schedule_.due();
     if (pending_.has_burst() && !pending_.has_change())
         due = std::min(due.value_or(Clock::time_point::max()), Clock::now() + kBurstDelay);
     return due;
@@ -400,10 +292,8 @@ std::optional<Clock::time_point> Publications::due() const
 milliseconds Publications::oldest_age(Clock::time_point now) const
 {
     Clock::time_point oldest = std::min(now, pending_.oldest().value_or(now));
-    for (const auto &[id, publication] : unacknowledged_)
-        oldest = std::min(oldest, publication.since);
-    for (const auto &[until, waiting] : later_)
-        oldest = std::min(oldest, waiting.since);
+    oldest = std::min(oldest, unacknowledged_.oldest().value_or(now));
+    oldest = std::min(oldest, schedule_.oldest().value_or(now));
     return std::chrono::duration_cast<milliseconds>(now - oldest);
 }
 

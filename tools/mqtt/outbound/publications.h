@@ -1,19 +1,19 @@
-// The messages to the broker: which goes next, what waits for its time, what the broker has not
-// acknowledged, and what is sent again. It knows nothing of the connection but whether it stands.
+// The messages to the broker: which goes next, whether its rule lets it go, and what becomes of it.
+// It knows nothing of the connection but whether it stands.
 #pragma once
 
 #include "base/counters.h"
 #include "messages/message.h"
+#include "outbound/acknowledged.h"
 #include "outbound/announcements.h"
+#include "outbound/schedule.h"
 #include "outbound/shared_tags.h"
+#include "outbound/unacknowledged.h"
 #include "store/local_writer.h"
 #include "topics/topic_table.h"
 
-#include <deque>
-#include <map>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -66,11 +66,10 @@ class Publications {
         return std::exchange(taken_over_, {});
     }
 
-    // The last value that the broker has acknowledged and keeps. A broker that still has it has
-    // everything that came before it. Null when there is none.
+    // The last value that the broker has acknowledged and keeps; null when there is none.
     const Publication *last_kept() const
     {
-        return last_kept_ ? &*last_kept_ : nullptr;
+        return acknowledged_.last_kept();
     }
 
     size_t pending_count() const
@@ -87,22 +86,12 @@ class Publications {
                                                Clock::time_point now);
     bool is_held(OutTopic &topic, const Sample &sample);
     bool passes_gate(OutTopic &topic, const Sample &sample, Clock::time_point now);
-    // Says whether a message of the topic waits for its acknowledgement.
-    bool is_on_its_way(const std::string &mqtt) const;
-    // Says whether a message that clears the topic waits for its acknowledgement.
-    bool is_clearing(const std::string &mqtt) const;
     std::optional<Publication> clearing(const std::string &mqtt);
     // For a topic that is no tag's: what Home Assistant is told there, else the clearing.
     std::optional<Publication> publication_beside_tags(const std::string &mqtt);
-    Publication publication_of(const OutTopic &topic, const Sample &sample) const;
     void forget_cleared(const Publication &publication);
     void send_again_later(const Publication &publication, Clock::time_point now);
-    void defer(OutTopic &topic, Clock::time_point until, Clock::time_point since);
-    void mark_again(const std::string &mqtt, Clock::time_point since);
     void take_up_what_waits();
-    void take_what_is_due(Clock::time_point now);
-    void remind(OutTopic &topic);
-    void take_reminders(Clock::time_point now);
 
     const Configuration &configuration_;
     const StoreReader &reader_;
@@ -113,15 +102,10 @@ class Publications {
     TopicTable &topics_;
     SharedTags &shared_;
     Counters &counters_;
+    Schedule schedule_;
     Announcements announcements_;
-
-    std::multimap<Clock::time_point, PendingNames::Waiting> later_; // by when they may go
-    std::multimap<Clock::time_point, std::string> reminders_;       // topics to be sent again
-    std::unordered_map<int, Publication> unacknowledged_;
-    std::optional<Publication> last_kept_;
-    // The newest topics that the broker has cleared. A broker that was killed may come back with
-    // values from before.
-    std::deque<std::string> cleared_;
+    Unacknowledged unacknowledged_;
+    Acknowledged acknowledged_;
     std::vector<std::string> taken_over_;
     TokenBucket burst_;
     uint64_t number_; // of the last message of a shared tree; it never starts again from below

@@ -234,6 +234,13 @@ void TopicTable::look_at_holders(OutTopic &topic, const HandleCensus &census, Cl
     (void)refresh(topic, now);
 }
 
+void TopicTable::mark_again(const std::string &mqtt, Clock::time_point since)
+{
+    if (OutTopic *topic = of_mqtt(mqtt))
+        topic->must_send = true;
+    pending_.mark_change(mqtt, since);
+}
+
 OutTopic *TopicTable::of_tag(const std::string &tag) const
 {
     const auto found = by_tag_.find(tag);

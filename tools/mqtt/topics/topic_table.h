@@ -101,6 +101,10 @@ class TopicTable {
     // should know.
     bool take_up(OutTopic &topic, Sample sample);
 
+    // Marks an MQTT topic, which need not be a tag's: it is to be sent although nothing changed.
+    // `since` says how long the broker has lacked what it stands for.
+    void mark_again(const std::string &mqtt, Clock::time_point since);
+
     // By the tag's name and by the MQTT topic; null when there is none.
     OutTopic *of_tag(const std::string &tag) const;
     OutTopic *of_mqtt(const std::string &mqtt) const;
