@@ -52,7 +52,7 @@ bool try_remove_unused(const char *path, const kp_shm_t &shm)
         return false;
     if (fd && file_state(fd).id != shm.file)
         return true;
-    // Without a descriptor there is no lock: a file that this user may not read is removed unlocked.
+    // Without a descriptor there is no lock: what this user may not read is removed unlocked.
     const FileLock lock(fd);
     if (load_relaxed(shm.mem->refs).sum() == 0)
         unlink_if_same(*place, shm.file);
