@@ -145,6 +145,7 @@ void bury_some(const DeadTopic *first, std::size_t count, std::vector<DeedResult
     for (std::size_t index = 0; index < count; ++index)
         all.push_back(open_again(opener, first[index]));
     std::vector<LockedFile *> files;
+    files.reserve(all.size());
     for (Held &held : all)
         files.push_back(&held.file);
     lock_all(files);
