@@ -2,6 +2,7 @@
 #include "testing/store_provider.h"
 #include "web/web_program.h"
 
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,6 +36,18 @@ TEST(WebDevice, TellsWhatTheDoctorFinds)
 
     EXPECT_EQ(got.status, 200);
     EXPECT_THAT(got.body, HasSubstr("\"subject\":\"plant/planted\""));
+}
+
+TEST(WebDevice, TellsTheMistakesInTheDictionaryAsKpDoctorDoes)
+{
+    std::filesystem::create_directory("/run/tags.d");
+    std::ofstream("/run/tags.d/a.toml") << "[\"plant/speed\"]\nrange = 40\n";
+    const WebProgram web("dictionary = \"/run/tags.d\"\n");
+
+    const Got got = web.get("/doctor");
+
+    EXPECT_THAT(got.body,
+                HasSubstr("\"check\":\"dictionary\",\"subject\":\"/run/tags.d/a.toml:2:9\""));
 }
 
 TEST(WebDevice, AnswersManyWhoAskAtOnce)

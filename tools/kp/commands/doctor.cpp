@@ -1,11 +1,9 @@
 // kp doctor: finds what is wrong and says what mends it.
 #include "commands/commands.h"
-#include "common/doctor/finding.h"
+#include "common/doctor/checkup.h"
 #include "output/meaning.h"
 #include "output/output.h"
 #include "output/row_format.h"
-
-#include <algorithm>
 
 namespace kp::tool {
 
@@ -33,22 +31,16 @@ int code_of(const Findings &findings)
 
 int run_doctor(bool json)
 {
-    Findings findings;
-    check_system(findings);
-    const std::size_t endpoints = check_mesh(findings);
-    const std::size_t topics = check_store(findings);
-    check_dictionary(dictionary_problems(), findings);
-    std::stable_sort(findings.begin(), findings.end(),
-                     [](const Finding &a, const Finding &b) { return a.severity > b.severity; });
-    for (const Finding &finding : findings)
+    const Checkup checkup = make_checkup(dictionary_problems());
+    for (const Finding &finding : checkup.findings)
         if (json)
             output().write(json_line(finding_json(finding)));
         else
             print_finding(finding);
-    const int code = code_of(findings);
+    const int code = code_of(checkup.findings);
     if (code == kDone && !json)
-        output().line("healthy: " + std::to_string(topics) + " topics, " +
-                      std::to_string(endpoints) + " endpoints");
+        output().line("healthy: " + std::to_string(checkup.topics) + " topics, " +
+                      std::to_string(checkup.endpoints) + " endpoints");
     return code;
 }
 

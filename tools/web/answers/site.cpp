@@ -42,7 +42,8 @@ std::optional<double> rate_of(const Target &target, double most)
 
 Site::Site(const Configuration &configuration, Board &board, const Counters &counters)
     : configuration_(configuration), board_(board), counters_(counters),
-      pages_(configuration.page, configuration.drawing), writes_(configuration, board)
+      pages_(configuration.page, configuration.drawing), writes_(configuration, board),
+      surveyor_(tool::dictionary_place(configuration.dictionary))
 {
 }
 

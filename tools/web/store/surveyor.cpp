@@ -2,7 +2,7 @@
 
 #include "common/clock.h"
 #include "common/device/peer_json.h"
-#include "common/doctor/finding.h"
+#include "common/doctor/checkup.h"
 #include "common/values/row_json.h"
 
 #include "layout/segment.h"
@@ -31,18 +31,13 @@ std::string look_for_peers()
     return text;
 }
 
-// The gravest first.
-std::string look_as_doctor()
+// Reads the dictionary anew: the one that values are shown with belongs to another thread.
+std::string look_as_doctor(const tool::DictionaryPlace &place)
 {
-    tool::Findings findings;
-    tool::check_system(findings);
-    (void)tool::check_mesh(findings);
-    (void)tool::check_store(findings);
-    std::stable_sort(
-        findings.begin(), findings.end(),
-        [](const tool::Finding &a, const tool::Finding &b) { return a.severity > b.severity; });
+    tool::LiveDictionary dictionary(place);
+    (void)dictionary.refresh();
     std::string text;
-    for (const tool::Finding &finding : findings)
+    for (const tool::Finding &finding : tool::make_checkup(dictionary.take_problems()).findings)
         text += tool::json_line(tool::finding_json(finding));
     return text;
 }
@@ -60,14 +55,14 @@ void look_for_mappers(Survey &survey)
                 survey.processes.emplace(mapper.pid, tool::process_of(mapper.pid));
 }
 
-void carry_out(Look look, Survey &survey)
+void carry_out(Look look, const tool::DictionaryPlace &place, Survey &survey)
 {
     switch (look) {
     case Look::peers:
         survey.text = look_for_peers();
         return;
     case Look::doctor:
-        survey.text = look_as_doctor();
+        survey.text = look_as_doctor(place);
         return;
     case Look::mesh:
         survey.text = mesh_metrics(tool::look_at_mesh());
@@ -80,7 +75,9 @@ void carry_out(Look look, Survey &survey)
 
 } // namespace
 
-Surveyor::Surveyor() : thread_([this](const std::stop_token &stop) { work(stop); })
+Surveyor::Surveyor(tool::DictionaryPlace dictionary)
+    : dictionary_(std::move(dictionary)),
+      thread_([this](const std::stop_token &stop) { work(stop); })
 {
 }
 
@@ -112,7 +109,7 @@ void Surveyor::work(const std::stop_token &stop)
         waiting_.pop_back();
         lock.unlock();
         const uint64_t begin = tool::monotonic_us();
-        carry_out(look, *survey);
+        carry_out(look, dictionary_, *survey);
         survey->took_us = tool::monotonic_us() - begin;
         survey->is_done = true;
         lock.lock();

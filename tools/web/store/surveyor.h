@@ -4,6 +4,7 @@
 // of a processor busy with each kind.
 #pragma once
 
+#include "common/dictionary/live_dictionary.h"
 #include "common/system/processes.h"
 #include "http/answer.h"
 
@@ -37,7 +38,7 @@ struct Survey {
 
 class Surveyor {
   public:
-    Surveyor();
+    explicit Surveyor(tool::DictionaryPlace dictionary);
     Surveyor(const Surveyor &) = delete;
     Surveyor &operator=(const Surveyor &) = delete;
     ~Surveyor();
@@ -48,6 +49,7 @@ class Surveyor {
   private:
     void work(const std::stop_token &stop);
 
+    const tool::DictionaryPlace dictionary_;
     std::map<Look, std::shared_ptr<Survey>> newest_; // of the thread that asks
 
     std::mutex mutex_;
