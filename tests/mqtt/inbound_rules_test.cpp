@@ -64,8 +64,8 @@ TEST(InboundRules, KeepNumberAndTagsOfARuleThatStays)
 
     EXPECT_EQ(rules->rule_for("s/a")->number, number);
     EXPECT_TRUE(rules->rule_for("s/a")->tags.contains("a"));
-    EXPECT_FALSE(rules->rule_for("s/a")->is_awaited);
-    EXPECT_TRUE(rules->rule_for("s/b")->is_awaited);
+    EXPECT_TRUE(rules->rule_for("s/a")->has_subscription);
+    EXPECT_FALSE(rules->rule_for("s/b")->has_subscription);
 }
 
 TEST(InboundRules, NameTheOwnTagsThatNoRuleHasAnyMore)
@@ -112,7 +112,7 @@ TEST(InboundRules, TakeAnyCopyForANewRuleUntilTheBrokerHasAnswered)
     const Message copy = message_for({rules->rule_for("s/else")->number});
 
     EXPECT_TRUE(is_new.is_meant_by(copy));
-    rules->subscribed("s/a");
+    rules->answered_for("s/a", true);
     EXPECT_FALSE(is_new.is_meant_by(copy));
 }
 

@@ -66,9 +66,9 @@ class InboundOf {
     {
         return &inbound_;
     }
-    void subscribed(const std::string &filter)
+    void answered_for(const std::string &filter, bool is_made)
     {
-        inbound_.subscribed(filter);
+        inbound_.answered_for(filter, is_made);
     }
     // What the messages to come say that they came for.
     void came_for(std::vector<uint32_t> subscriptions)
@@ -515,6 +515,20 @@ TEST(Subscriptions, HaveTheSameNumbersInEveryRunWhateverOtherRulesThereAre)
     EXPECT_EQ(one.number_of("s/#"), 111123125u); // as in every version
 }
 
+TEST(Subscriptions, ThatAreRefusedLeaveTheirMessagesToWiderOnes)
+{
+    InboundOf inbound("[[in]]\nfilter = \"a\"\nprefix = \"s\"\n");
+
+    inbound.answered_for("s/#", true);
+    inbound.answered_for("s/a", false);
+    inbound.came_for({inbound.number_of("s/#")});
+    inbound.receive("s/a", "for the wider one");
+    inbound.answered_for("s/a", true);
+    inbound.receive("s/a", "a copy");
+
+    EXPECT_THAT(inbound.written(), ElementsAre("a=for the wider one"));
+}
+
 TEST(InboundReload, LosesNoCommandUntilTheBrokerKnowsTheNewRule)
 {
     InboundOf inbound("");
@@ -523,7 +537,7 @@ TEST(InboundReload, LosesNoCommandUntilTheBrokerKnowsTheNewRule)
 
     inbound.came_for({inbound.number_of("s/#")});
     inbound.receive("s/a", "early");
-    inbound.subscribed("s/a");
+    inbound.answered_for("s/a", true);
     inbound.receive("s/a", "copy for the less exact rule");
     inbound.came_for({inbound.number_of("s/a")});
     inbound.receive("s/a", "late");

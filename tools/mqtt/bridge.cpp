@@ -94,7 +94,8 @@ SessionEvents Bridge::session_events()
                     publications_.acknowledged(id, answer, Clock::now());
             },
         .received = [this](const Message &message) { inbound_.receive(message); },
-        .subscribed = [this](const std::string &filter) { inbound_.subscribed(filter); },
+        .answered_for = [this](const std::string &filter,
+                               bool is_made) { inbound_.answered_for(filter, is_made); },
         .status = [this](const std::string &text) { manager_.status(text); },
     };
 }

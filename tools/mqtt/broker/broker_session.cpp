@@ -270,7 +270,7 @@ void BrokerSession::subscribed(int id, const Answer &answer)
     }
     if (filter == configuration_.state_topic && phase_ == Phase::asking)
         phase_ends_ = Clock::now() + kRetainedTime;
-    events_.subscribed(filter);
+    events_.answered_for(filter, !answer.is_refusal());
 }
 
 void BrokerSession::acknowledged(int id, const Answer &answer)

@@ -39,8 +39,8 @@ struct SessionEvents {
     std::function<void()> lost;
     std::function<void(int id, const Answer &answer)> acknowledged;
     std::function<void(const Message &message)> received;
-    // The broker has answered for a subscription.
-    std::function<void(const std::string &filter)> subscribed;
+    // The broker has answered for a subscription: it has made it, or refuses it.
+    std::function<void(const std::string &filter, bool is_made)> answered_for;
     // A line about the connection for who looks at the service.
     std::function<void(const std::string &text)> status;
 };

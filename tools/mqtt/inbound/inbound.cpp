@@ -30,9 +30,9 @@ void Inbound::reload()
     staleness_.review();
 }
 
-void Inbound::subscribed(const std::string &filter)
+void Inbound::answered_for(const std::string &filter, bool is_made)
 {
-    rules_.subscribed(filter);
+    rules_.answered_for(filter, is_made);
 }
 
 void Inbound::set_connected(bool is_connected)

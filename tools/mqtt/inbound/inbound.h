@@ -47,8 +47,8 @@ class Inbound {
     // To be called when the rules have changed, while the old ones are still in memory. Values that
     // came through a rule that is gone are removed.
     void reload();
-    // The broker has answered for a subscription.
-    void subscribed(const std::string &filter);
+    // The broker has made a subscription, or refuses it.
+    void answered_for(const std::string &filter, bool is_made);
 
     void receive(const Message &message);
 

@@ -20,7 +20,8 @@ std::string identity_of(const InRule &rule)
 bool InboundRule::is_meant_by(const Message &message) const
 {
     const auto &came_for = message.subscriptions;
-    return came_for.empty() || is_awaited || std::ranges::find(came_for, number) != came_for.end();
+    return came_for.empty() || !has_subscription ||
+           std::ranges::find(came_for, number) != came_for.end();
 }
 
 InboundRules::InboundRules(const Configuration &configuration) : configuration_(configuration)
@@ -38,7 +39,7 @@ std::vector<std::string> InboundRules::reload()
             return identity_of(*rule.settings) == identity_of(settings);
         });
         if (same == before.end())
-            rules_.push_back({&settings, number_for(identity_of(settings)), {}, {}, true});
+            rules_.push_back({&settings, number_for(identity_of(settings)), {}, {}, false});
         else
             rules_.push_back({&settings, same->number, std::exchange(same->tags, {}), same->away});
     }
@@ -75,11 +76,11 @@ void InboundRules::find_state_filters()
     }
 }
 
-void InboundRules::subscribed(const std::string &filter)
+void InboundRules::answered_for(const std::string &filter, bool is_made)
 {
     for (InboundRule &rule : rules_)
         if (rule.settings->full_filter() == filter)
-            rule.is_awaited = false;
+            rule.has_subscription = is_made;
 }
 
 std::vector<Subscription> InboundRules::subscriptions() const

@@ -28,8 +28,9 @@ struct InboundRule {
     // Written through it, by the name that the topic gives.
     std::unordered_map<std::string, TakenTag> tags{};
     std::set<std::string> away{}; // senders that have said so
-    // It is new: until the broker has answered, its messages still come for other rules.
-    bool is_awaited = false;
+    // A rule that is new has none until the broker has made it, and one that the broker refuses has
+    // none at all: its messages come for other rules.
+    bool has_subscription = true;
 
     // Says whether a message that the rule takes is the copy for this rule. Where rules overlap, a
     // broker may send a copy for each of their subscriptions.
@@ -44,8 +45,8 @@ class InboundRules {
     // stays keeps what has come through it, and the number of its subscription, which need not be
     // made anew then. Returns the bridge's own tags that no rule has any more.
     std::vector<std::string> reload();
-    // The broker has answered for a subscription.
-    void subscribed(const std::string &filter);
+    // The broker has made a subscription, or refuses it.
+    void answered_for(const std::string &filter, bool is_made);
 
     // Those of the rules, and those of the states of senders.
     std::vector<Subscription> subscriptions() const;
