@@ -33,7 +33,8 @@ TEST(Answers, GoWhereTheCommandAsksForThemWithWhatItWantsBack)
 {
     Counters counters;
     const auto answers = Answers::make("me/boot", counters);
-    const WhenDone questions = answers->ask(asking("r/one", "number 1"), rule_with("r/+"));
+    const WhenDone questions =
+        answers->listeners_for(asking("r/one", "number 1"), rule_with("r/+"));
     ASSERT_EQ(questions.size(), 1u);
 
     questions[0]("");
@@ -53,7 +54,7 @@ TEST(Answers, SayWhyACommandWasRefusedOnceOnly)
 {
     Counters counters;
     const auto answers = Answers::make("me/boot", counters);
-    WhenDone questions = answers->ask(asking("r/one"), rule_with("r/#"));
+    WhenDone questions = answers->listeners_for(asking("r/one"), rule_with("r/#"));
 
     questions[0]("it is \"wrong\"");
     questions.clear();
@@ -68,7 +69,7 @@ TEST(Answers, SayThatACommandWasDropped)
     Counters counters;
     const auto answers = Answers::make("me/boot", counters);
 
-    answers->ask(asking("r/one"), rule_with("r/#")).clear();
+    answers->listeners_for(asking("r/one"), rule_with("r/#")).clear();
 
     EXPECT_THAT(answers->next()->payload, testing::HasSubstr("it was dropped before"));
 }
@@ -78,12 +79,13 @@ TEST(Answers, GoNowhereElseThanTheRuleAllows)
     Counters counters;
     const auto answers = Answers::make("me/boot", counters);
 
-    EXPECT_THAT(answers->ask(asking("r/one"), rule_with("")), IsEmpty());
-    EXPECT_THAT(answers->ask(asking(""), rule_with("r/#")), IsEmpty());
-    EXPECT_THAT(answers->ask(asking("other"), rule_with("r/#")), IsEmpty());
-    EXPECT_THAT(answers->ask(asking("r/+"), rule_with("r/#")), IsEmpty());
-    EXPECT_THAT(answers->ask(asking("$SYS/x"), rule_with("#")), IsEmpty());
-    EXPECT_THAT(answers->ask(asking("r/one", std::string(1025, 'x')), rule_with("r/#")), IsEmpty());
+    EXPECT_THAT(answers->listeners_for(asking("r/one"), rule_with("")), IsEmpty());
+    EXPECT_THAT(answers->listeners_for(asking(""), rule_with("r/#")), IsEmpty());
+    EXPECT_THAT(answers->listeners_for(asking("other"), rule_with("r/#")), IsEmpty());
+    EXPECT_THAT(answers->listeners_for(asking("r/+"), rule_with("r/#")), IsEmpty());
+    EXPECT_THAT(answers->listeners_for(asking("$SYS/x"), rule_with("#")), IsEmpty());
+    EXPECT_THAT(answers->listeners_for(asking("r/one", std::string(1025, 'x')), rule_with("r/#")),
+                IsEmpty());
     EXPECT_FALSE(answers->next());
 }
 
@@ -94,23 +96,23 @@ TEST(Answers, AreBoundedUntilTheBrokerHasThem)
     const InRule rule = rule_with("r/#");
     WhenDone questions;
     for (size_t count = 0; count < Answers::kMostOpen; ++count)
-        questions.push_back(answers->ask(asking("r/x"), rule).at(0));
-    EXPECT_THAT(answers->ask(asking("r/x"), rule), IsEmpty());
+        questions.push_back(answers->listeners_for(asking("r/x"), rule).at(0));
+    EXPECT_THAT(answers->listeners_for(asking("r/x"), rule), IsEmpty());
     questions.clear();
-    EXPECT_THAT(answers->ask(asking("r/x"), rule), IsEmpty());
+    EXPECT_THAT(answers->listeners_for(asking("r/x"), rule), IsEmpty());
 
     answers->sent(*answers->next(), 7);
-    EXPECT_THAT(answers->ask(asking("r/x"), rule), IsEmpty());
+    EXPECT_THAT(answers->listeners_for(asking("r/x"), rule), IsEmpty());
     EXPECT_TRUE(answers->acknowledged(7, {}));
 
-    EXPECT_EQ(answers->ask(asking("r/x"), rule).size(), 1u);
+    EXPECT_EQ(answers->listeners_for(asking("r/x"), rule).size(), 1u);
 }
 
 TEST(Answers, ThatTheBrokerHasNotAcknowledgedGoAgainOnTheNextConnection)
 {
     Counters counters;
     const auto answers = Answers::make("me/boot", counters);
-    answers->ask(asking("r/one"), rule_with("r/#"))[0]("");
+    answers->listeners_for(asking("r/one"), rule_with("r/#"))[0]("");
     answers->sent(*answers->next(), 7);
 
     answers->connection_lost();
@@ -123,7 +125,7 @@ TEST(Answers, ThatTheBrokerRefusesAreCounted)
 {
     Counters counters;
     const auto answers = Answers::make("me/boot", counters);
-    answers->ask(asking("r/one"), rule_with("r/#"))[0]("");
+    answers->listeners_for(asking("r/one"), rule_with("r/#"))[0]("");
     answers->sent(*answers->next(), 7);
 
     EXPECT_TRUE(answers->acknowledged(7, {0x87, "Not authorized"}));

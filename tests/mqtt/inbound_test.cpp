@@ -44,8 +44,10 @@ class InboundOf {
                             asked_whether_dropping_();
                             return tag == dropping_;
                         },
-                    .ask = [this](const Message &message,
-                                  const InRule &by) { return answers_->ask(message, by); }},
+                    .listeners_for =
+                        [this](const Message &message, const InRule &by) {
+                            return answers_->listeners_for(message, by);
+                        }},
                    counters_)
     {
         inbound_.set_connected(true);

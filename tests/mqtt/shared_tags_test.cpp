@@ -133,7 +133,7 @@ class Run {
     std::optional<Publication> next(int id, Clock::time_point now)
     {
         auto publication = publications_.next(now);
-        for (const std::string &tag : publications_.take_taken_over())
+        for (const std::string &tag : publications_.take_tags_of_others())
             if (inbound_.give_over(tag))
                 writer_->give_over(tag);
         if (publication)
@@ -186,7 +186,7 @@ class Run {
             .set_quality = [](const std::string &, uint8_t) {},
             .is_dropping = [this](const std::string &tag) { return writer_->is_dropping(tag); },
             .is_left = [this](const std::string &name) { return writer_->is_left(name); },
-            .ask = [](const Message &, const InRule &) { return WhenDone{}; },
+            .listeners_for = [](const Message &, const InRule &) { return WhenDone{}; },
         };
     }
 

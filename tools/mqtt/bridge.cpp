@@ -66,8 +66,10 @@ InboundEvents Bridge::inbound_events()
                               uint8_t quality) { writer_.set_quality(tag, quality); },
         .is_dropping = [this](const std::string &tag) { return writer_.is_dropping(tag); },
         .is_left = [this](const std::string &name) { return writer_.is_left(name); },
-        .ask = [this](const Message &message,
-                      const InRule &rule) { return answers_->ask(message, rule); },
+        .listeners_for =
+            [this](const Message &message, const InRule &rule) {
+                return answers_->listeners_for(message, rule);
+            },
     };
 }
 
@@ -295,7 +297,7 @@ void Bridge::send_values(Clock::time_point now)
 
 void Bridge::give_over_tags()
 {
-    for (const std::string &tag : publications_.take_taken_over())
+    for (const std::string &tag : publications_.take_tags_of_others())
         if (inbound_.give_over(tag))
             writer_.give_over(tag);
 }

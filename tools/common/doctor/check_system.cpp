@@ -1,6 +1,6 @@
 // The surroundings: directories that the wrong user owns, modes that lock others out, room and
 // limits.
-#include "common/device/room.h"
+#include "common/device/free_space.h"
 #include "common/device/unix_sockets.h"
 #include "common/doctor/finding.h"
 #include "common/system/processes.h"
@@ -149,7 +149,7 @@ void check_share(Findings &findings, const char *check, const std::string &direc
 
 void check_room(Findings &findings)
 {
-    const auto room = room_for_topics();
+    const auto room = free_space_for_topics();
     if (!room) {
         findings.push_back({Severity::error, "tmpfs", "/dev/shm", "does not exist",
                             "mount -t tmpfs tmpfs /dev/shm"});

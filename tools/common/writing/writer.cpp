@@ -1,7 +1,7 @@
 #include "common/writing/writer.h"
 
 #include "common/clock.h"
-#include "common/device/room.h"
+#include "common/device/free_space.h"
 #include "common/store/segment_writer.h"
 #include "common/text/text.h"
 #include "layout/value_type.h"

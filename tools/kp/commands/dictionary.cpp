@@ -2,7 +2,7 @@
 #include "commands/commands.h"
 #include "common/text/text.h"
 #include "layout/value_type.h"
-#include "looking/store_walk.h"
+#include "looking/declared_topics.h"
 #include "options/selection_options.h"
 #include "output/meaning.h"
 #include "output/output.h"

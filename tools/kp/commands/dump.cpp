@@ -2,7 +2,7 @@
 #include "commands/commands.h"
 #include "common/text/text.h"
 #include "common/writing/record_line.h"
-#include "looking/store_walk.h"
+#include "looking/declared_topics.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"

@@ -1,7 +1,7 @@
 // kp export: the topics in the format of another system.
 #include "commands/commands.h"
 #include "common/values/topic_metrics.h"
-#include "looking/store_walk.h"
+#include "looking/declared_topics.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 

@@ -87,7 +87,7 @@ std::string Answers::refusal_of(const Message &command, const InRule &rule) cons
     return {};
 }
 
-WhenDone Answers::ask(const Message &command, const InRule &rule)
+WhenDone Answers::listeners_for(const Message &command, const InRule &rule)
 {
     if (command.response_topic.empty() || rule.answers.empty() || rule.shared)
         return {};

@@ -28,9 +28,10 @@ class Answers : public std::enable_shared_from_this<Answers> {
     // `counters` must outlive every question.
     static std::shared_ptr<Answers> make(std::string origin, Counters &counters);
 
-    // Whom the sender of a command has to hear from: nobody where it does not ask, or may not. The
-    // first answer counts; where none is given until the result is dropped, the sender hears that.
-    WhenDone ask(const Message &command, const InRule &rule);
+    // Who is to be told what becomes of a command, so that its sender hears of it: nobody where the
+    // sender does not ask, or may not. What is told first counts; where nothing is told until the
+    // result is dropped, the sender hears that.
+    WhenDone listeners_for(const Message &command, const InRule &rule);
 
     // The next answer to send. One that cannot be sent now is put back.
     std::optional<Publication> next();

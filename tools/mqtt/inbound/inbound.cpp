@@ -57,7 +57,7 @@ void Inbound::receive(const Message &message)
     const bool is_one_tree =
         rule->settings->shared && name.problem.empty() &&
         shared_.is_one_tree(*rule->settings, reader_.standing_for(name.text), message.topic);
-    WhenDone when_done = events_.ask(message, *rule->settings);
+    WhenDone when_done = events_.listeners_for(message, *rule->settings);
     if (is_own(message) && !is_one_tree)
         return ignore_own(message, *rule->settings, when_done);
     if (!name.problem.empty() && is_state)

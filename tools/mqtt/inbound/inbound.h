@@ -34,7 +34,7 @@ struct InboundEvents {
     // Whether a run that was killed may still be counted as a provider of the tag.
     std::function<bool(const std::string &tag)> is_left = [](const std::string &) { return false; };
     // Who is to hear what becomes of a message.
-    std::function<WhenDone(const Message &message, const InRule &rule)> ask;
+    std::function<WhenDone(const Message &message, const InRule &rule)> listeners_for;
 };
 
 class Inbound {

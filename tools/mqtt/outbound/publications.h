@@ -61,7 +61,7 @@ class Publications {
 
     // The tags of a shared tree that a program of this device has taken over: it provides them, and
     // their value is its own.
-    std::vector<std::string> take_taken_over()
+    std::vector<std::string> take_tags_of_others()
     {
         return std::exchange(taken_over_, {});
     }

@@ -2,10 +2,16 @@
 // those that go while the bridge does not run are cleared when it does again. It also remembers
 // which of them had providers, so that the next run can tell a value whose providers have left from
 // one that an instant write made, and which topics of a shared tree have their value from there.
-// The file is a journal: "+name", "=name" for one with providers, "<name" for one from there, and
-// "-name", appended before the message goes, and written anew when it has grown stale. "@time" and
-// "~time" say until when a run that has not left knew where every value of the store came from: the
-// first that it has never caught up with what came before it, the second that it has.
+//
+// The file is a journal. A line is appended before the message goes, and the file is written anew
+// when it has grown stale. The sign that begins a line says what is so from then on:
+//   +name  the broker keeps a value of the topic
+//   =name  the same, and the topic had providers
+//   <name  the topic of a shared tree has its value from there
+//   -name  nothing of these any more
+//   @time  until then a run that has not left knew where every value of the store came from, but it
+//          never caught up with what came before it
+//   ~time  the same of a run that had caught up
 #pragma once
 
 #include "base/journal.h"
@@ -48,10 +54,11 @@ class StateFile {
     {
         return had_caught_up_;
     }
-    // This run begins, and knows what was known until a time, in the same unit; it has caught up;
-    // it leaves in order.
+    // This run begins, and knows what was known until a time, in the same unit.
     void start(uint64_t known_until);
+    // It has caught up with what came before it.
     void catch_up(uint64_t time);
+    // It leaves in order.
     void leave(uint64_t time);
     bool has(const std::string &topic) const
     {

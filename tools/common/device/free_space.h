@@ -6,7 +6,7 @@
 
 namespace kp::tool {
 
-struct Room {
+struct FreeSpace {
     std::string directory; // where the file system is mounted
     unsigned long page_size = 0;
     unsigned long pages = 0; // 0: no limit
@@ -17,7 +17,7 @@ struct Room {
 };
 
 // Gives nothing when there is no such file system.
-std::optional<Room> room_for_topics();
+std::optional<FreeSpace> free_space_for_topics();
 
 // Says what has run out, and where; "" when nothing has.
 std::string shortage();

@@ -1,4 +1,4 @@
-#include "common/device/room.h"
+#include "common/device/free_space.h"
 
 #include "layout/segment.h"
 
@@ -23,9 +23,9 @@ std::string mount_of_store()
 
 } // namespace
 
-std::optional<Room> room_for_topics()
+std::optional<FreeSpace> free_space_for_topics()
 {
-    Room room{mount_of_store()};
+    FreeSpace room{mount_of_store()};
     struct statvfs status;
     if (statvfs(room.directory.c_str(), &status) != 0)
         return std::nullopt;
@@ -40,7 +40,7 @@ std::optional<Room> room_for_topics()
 
 std::string shortage()
 {
-    const auto room = room_for_topics();
+    const auto room = free_space_for_topics();
     if (!room)
         return "";
     const bool no_pages = room->pages > 0 && room->free_pages == 0;
