@@ -121,6 +121,7 @@ def test_a_name_that_is_not_utf8_survives(kp_device):
 def test_a_closed_directory_is_left_out_with_a_warning(kp_device, run_python):
     kp_device.provide("open", "int8", 1)
     kp_device.provide("closed/a", "int8", 1)
+    (STORE / "open").chmod(0o644)  # whatever the umask
     (STORE / "closed").chmod(0o700)
 
     result = run_python(
