@@ -14,7 +14,6 @@ namespace kp::mqtt {
 namespace {
 
 constexpr milliseconds kTick{1000};
-constexpr milliseconds kScanSoon{100}; // after a notice of a topic that is not known
 constexpr milliseconds kStuck{10'000}; // for a round of local writes
 constexpr int kMostAtOnce = 200;       // publications between two looks at everything else
 
@@ -30,8 +29,8 @@ std::string make_origin(const std::string &device)
 
 Bridge::Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks &marks,
                LocalWriter &writer, Counters &counters, uint64_t last_alive)
-    : configuration_(std::move(configuration)), state_(state), marks_(marks), writer_(writer),
-      counters_(counters), origin_(make_origin(configuration_.device)),
+    : configuration_(std::move(configuration)), state_(state), writer_(writer), counters_(counters),
+      origin_(make_origin(configuration_.device)),
       dictionary_(tool::dictionary_place(configuration_.dictionary)),
       topics_(configuration_, reader_, state, pending_),
       shared_(configuration_, reader_, &writer, state, pending_, topics_, last_alive),
@@ -39,7 +38,7 @@ Bridge::Bridge(Configuration configuration, StateFile &state, tool::NoticeMarks 
                     counters),
       answers_(Answers::make(origin_, counters)),
       inbound_(configuration_, reader_, shared_, inbound_events(), counters),
-      lost_providers_(topics_, configuration_.trust_visible),
+      changes_(configuration_, marks, topics_),
       session_(configuration_, origin_, session_events(), counters),
       unheard_(configuration_.endpoint), status_(configuration_.status_prefix, writer)
 {
@@ -163,7 +162,7 @@ void Bridge::take_over(Configuration configuration, bool connects_anew, Clock::t
         session_.connect_anew(now);
     else
         session_.renew(now);
-    next_scan_ = now;
+    changes_.scan_next(now);
     log(Level::info, "the configuration has been read again: " + configuration_.summary() +
                          (connects_anew ? "; connecting anew" : ""));
 }
@@ -173,7 +172,7 @@ void Bridge::go_online(bool kept, bool has_read)
 {
     const uint64_t time = kp_get_timestamp_us();
     const auto now = Clock::now();
-    look_at_marks(now);
+    changes_.look_at_marks(now);
     publications_.connected(kept, now);
     inbound_.give_up(shared_.stop_reading(has_read, now));
     inbound_.review();
@@ -187,7 +186,7 @@ int Bridge::poll_timeout(Clock::time_point now) const
 {
     if (more_to_send_)
         return 0;
-    auto until = std::min(next_scan_, next_tick_);
+    auto until = std::min(changes_.next_scan(), next_tick_);
     until = std::min(until, session_.due().value_or(until));
     if (const auto due = publications_.due(); due && session_.may_send())
         until = std::min(until, *due);
@@ -200,8 +199,8 @@ int Bridge::poll_timeout(Clock::time_point now) const
 bool Bridge::wait(int signal_fd)
 {
     const pollfd signals{signal_fd, POLLIN, 0};
-    const pollfd marks{session_.may_send() ? marks_.fd() : -1, POLLIN, 0};
-    const pollfd ends{lost_providers_.fd(), POLLIN, 0};
+    const pollfd marks{session_.may_send() ? changes_.marks_fd() : -1, POLLIN, 0};
+    const pollfd ends{changes_.ends_fd(), POLLIN, 0};
     const pollfd broker{session_.fd(), session_.poll_events(), 0};
     const pollfd answers{session_.may_send() ? answers_->fd() : -1, POLLIN, 0};
     std::array<pollfd, 5> room = {signals, marks, ends, broker, answers};
@@ -210,7 +209,7 @@ bool Bridge::wait(int signal_fd)
         return ready > 0 ? room[at].revents : short{0};
     };
     if (events(2) != 0)
-        lost_providers_.hear_ends(Clock::now());
+        changes_.hear_ends(Clock::now());
     session_.serve(events(3));
     return events(0) != 0;
 }
@@ -227,24 +226,11 @@ void Bridge::turn(Clock::time_point now)
         tick(now);
 }
 
-void Bridge::look_at_marks(Clock::time_point now)
-{
-    const tool::Buckets buckets = marks_.take();
-    if (buckets.any() && !topics_.refresh(buckets, now))
-        next_scan_ = std::min(next_scan_, last_scan_ + kScanSoon);
-}
-
 void Bridge::look_for_changes(Clock::time_point now)
 {
     if (session_.may_send() || now >= next_tick_)
-        look_at_marks(now);
-    next_scan_ = std::min(next_scan_, lost_providers_.wants_scan_at().value_or(next_scan_));
-    if (now < next_scan_)
-        return;
-    topics_.scan(now);
-    last_scan_ = now;
-    next_scan_ = now + configuration_.scan_interval;
-    lost_providers_.look(now);
+        changes_.look_at_marks(now);
+    changes_.scan_when_due(now);
 }
 
 void Bridge::send_answers()

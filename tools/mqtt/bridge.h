@@ -3,7 +3,6 @@
 
 #include "answers/answers.h"
 #include "broker/broker_session.h"
-#include "common/device/notice_marks.h"
 #include "common/system/service_manager.h"
 #include "config/configuration.h"
 #include "inbound/inbound.h"
@@ -14,8 +13,8 @@
 #include "status_tags.h"
 #include "store/local_writer.h"
 #include "store/store_reader.h"
-#include "topics/lost_providers.h"
 #include "topics/state_file.h"
+#include "topics/store_changes.h"
 #include "topics/topic_table.h"
 
 #include <functional>
@@ -60,7 +59,6 @@ class Bridge {
     void reload(ConfigurationResult loaded, Clock::time_point now);
     void take_over(Configuration configuration, bool connects_anew, Clock::time_point now);
     void turn(Clock::time_point now);
-    void look_at_marks(Clock::time_point now);
     void look_for_changes(Clock::time_point now);
     void send_answers();
     void send_values(Clock::time_point now);
@@ -72,7 +70,6 @@ class Bridge {
 
     Configuration configuration_; // the parts refer to it, and are told when it changes
     StateFile &state_;
-    tool::NoticeMarks &marks_;
     LocalWriter &writer_;
     Counters &counters_;
     const std::string origin_;
@@ -84,14 +81,12 @@ class Bridge {
     Publications publications_;
     const std::shared_ptr<Answers> answers_;
     Inbound inbound_;
-    LostProviders lost_providers_;
+    StoreChanges changes_;
     BrokerSession session_;
     UnheardEndpoints unheard_;
     StatusTags status_;
     tool::ServiceManager manager_;
 
-    Clock::time_point next_scan_{};
-    Clock::time_point last_scan_{};
     Clock::time_point next_tick_{};
     std::optional<Configuration> successor_; // a configuration for which another bridge is needed
     // Before, nobody knows which values an earlier run that was killed has got from the broker.

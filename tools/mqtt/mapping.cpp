@@ -3,7 +3,7 @@
 #include "common/dictionary/live_dictionary.h"
 #include "common/names/topic_name.h"
 #include "common/text/text.h"
-#include "outbound/discovery.h"
+#include "discovery/discovery.h"
 #include "store/store_reader.h"
 
 #include <nlohmann/json.hpp>

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <poll.h>
-#include <random>
 
 namespace kp::mqtt {
 
@@ -16,12 +15,6 @@ constexpr milliseconds kAnswerTime{2000};  // for a subscription to the state to
 constexpr milliseconds kRetainedTime{300}; // for the retained state after that
 constexpr milliseconds kStable{10'000};    // a connection that lasted this long was a good one
 constexpr milliseconds kLeaving{1500};     // for the last message
-
-std::string random_name()
-{
-    std::random_device random;
-    return std::to_string(random()) + std::to_string(random());
-}
 
 } // namespace
 
@@ -94,8 +87,7 @@ void BrokerSession::turn(Clock::time_point now)
 
 void BrokerSession::connect(Clock::time_point now)
 {
-    if (connection_ == last_connection_)
-        connection_ = random_name();
+    names_.begin_attempt();
     phase_ = Phase::connecting;
     phase_ends_ = now + configuration_.broker.connect_timeout;
     // Read anew at each attempt, since a password may have been changed meanwhile.
@@ -104,7 +96,7 @@ void BrokerSession::connect(Clock::time_point now)
     auto credentials = file.empty() ? tool::Result<Credentials>::of({}) : read_credentials(file);
     close_reason_ = credentials.problem;
     if (credentials) {
-        const Publication will = state_message("offline");
+        const Publication will = state_message(kOffline);
         auto started = BrokerLink::start(broker, *credentials.value, &will, link_events());
         close_reason_ = started.problem;
         if (started) {
@@ -199,7 +191,7 @@ void BrokerSession::connected()
         take_up_the_session();
     events_.reading();
     subscriptions_.ask_for(*link_, events_.subscriptions());
-    const bool is_first = last_connection_.empty();
+    const bool is_first = names_.none_was_online();
     if (is_first && !subscriptions_.reads_tree())
         return announce(false);
     if (!is_first)
@@ -227,7 +219,7 @@ void BrokerSession::tell_of_the_session() const
                                 " s only while this bridge is away");
     if (link_->has_session())
         log(Level::info, "the broker has kept the session; commands that waited come now");
-    else if (last_connection_.empty())
+    else if (names_.none_was_online())
         log(Level::info, "the broker has no session of this bridge; it keeps commands from now on");
     else
         log(Level::warning, "the broker has not kept the session; commands that were sent while "
@@ -299,20 +291,10 @@ void BrokerSession::received(Message message)
 void BrokerSession::hear_state(const Message &state)
 {
     if (phase_ == Phase::asking)
-        announce(tells_that_all_is_kept(state));
-    else if (phase_ == Phase::reading && state.payload == kOnline &&
-             property_of(state.properties, kConnection) == connection_)
+        announce(
+            names_.tells_that_all_is_kept(state, choice_.now().address(), witness_.is_there()));
+    else if (phase_ == Phase::reading && state.payload == kOnline && names_.is_of_current(state))
         go_online(state_.is_retained());
-}
-
-// If the retained state is the will of our last online connection, the broker kept its data. If it
-// is a later attempt's, also the last acknowledged value must be there.
-bool BrokerSession::tells_that_all_is_kept(const Message &state) const
-{
-    if (state.payload != "offline" || choice_.now().address() != last_address_)
-        return false;
-    const std::string connection = property_of(state.properties, kConnection);
-    return connection == last_connection_ || (connection == connection_ && witness_.is_there());
 }
 
 void BrokerSession::announce(bool kept)
@@ -329,28 +311,29 @@ void BrokerSession::announce(bool kept)
 
 void BrokerSession::go_online(bool has_read)
 {
-    if (!last_connection_.empty())
+    const bool is_first = names_.none_was_online();
+    if (!is_first)
         ++counters_.reconnects;
     const bool reads_tree = subscriptions_.reads_tree();
-    if (!last_connection_.empty() || reads_tree)
+    if (!is_first || reads_tree)
         link_->unsubscribe(configuration_.state_topic);
     if (reads_tree)
         subscriptions_.ask_for_good(*link_);
     phase_ = Phase::online;
     online_since_ = Clock::now();
-    last_connection_ = connection_;
-    last_address_ = choice_.now().address();
+    const std::string address = choice_.now().address();
+    names_.is_online(address);
     choice_.forget_reasons();
     events_.online(kept_, has_read);
     subscriptions_.ask_at_last(*link_);
-    const std::string text = "connected to " + last_address_;
+    const std::string text = "connected to " + address;
     log(Level::info, text + (kept_ ? "; the broker has kept what it had" : "; sending everything"));
     events_.status(text);
 }
 
 Publication BrokerSession::state_message(const char *text) const
 {
-    return state_.with(text, connection_, choice_.now().address());
+    return state_.with(text, names_.current(), choice_.now().address());
 }
 
 void BrokerSession::send_state(const char *text)
@@ -377,7 +360,7 @@ void BrokerSession::leave()
     if (phase_ != Phase::online)
         return;
     const auto deadline = Clock::now() + kLeaving;
-    send_state("offline");
+    send_state(kOffline);
     while (state_id_ && !is_closed_ && Clock::now() < deadline) {
         pollfd broker = {link_->fd(), link_->poll_events(), 0};
         (void)poll(&broker, 1, 50);

@@ -2,16 +2,15 @@
 // asks first, and whether the broker has kept what it had from the connection before.
 //
 // After a connection the order is: subscriptions, the state "online", then values. On a connection
-// after the first, the retained state is read before. If it is the will of the connection before,
-// the broker has kept what it had, and only changes are sent; otherwise everything is. If it is the
-// will of an attempt since then, it counts when the broker also has the last value that it
-// acknowledged. Where there is a shared tree, all that the broker keeps of it is read before values
-// are sent.
+// after the first, the retained state is read before. If that tells that the broker has kept what
+// it had (`ConnectionNames`), only changes are sent; otherwise everything is. Where there is a
+// shared tree, all that the broker keeps of it is read before values are sent.
 #pragma once
 
 #include "base/counters.h"
 #include "broker/backoff.h"
 #include "broker/broker_choice.h"
+#include "broker/connection_names.h"
 #include "broker/state_message.h"
 #include "broker/subscriptions.h"
 #include "broker/witness.h"
@@ -94,7 +93,6 @@ class BrokerSession {
     void report_failure(milliseconds delay);
     void ask_for_state();
     void ask_for_witness();
-    bool tells_that_all_is_kept(const Message &state) const;
     void announce(bool kept);
     void go_online(bool has_read);
     void hear_state(const Message &state);
@@ -116,9 +114,7 @@ class BrokerSession {
     Clock::time_point online_since_{};
     Backoff backoff_;
     BrokerChoice choice_;
-    std::string last_address_;    // of the broker that was online last
-    std::string connection_;      // names this one in the state topic, and the attempts before it
-    std::string last_connection_; // the last one that was online
+    ConnectionNames names_;
     Witness witness_;
     bool kept_ = false;
     Subscriptions subscriptions_;

@@ -10,7 +10,6 @@
 namespace kp::mqtt {
 
 inline constexpr const char *kConnection = "connection"; // a property: which one it speaks of
-inline constexpr const char *kOnline = "online";
 
 class StateMessage {
   public:

@@ -8,7 +8,7 @@ namespace kp::mqtt {
 bool Staleness::hear_sender(const Message &message)
 {
     const std::string sender = sender_of(message);
-    const bool is_away = message.payload == "offline";
+    const bool is_away = message.payload == kOffline;
     bool is_state = false;
     for (InboundRule &rule : rules_.all()) {
         const std::string &filter = rule.settings->sender_state;

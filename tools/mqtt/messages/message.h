@@ -26,6 +26,10 @@ constexpr const char *kNumber =
     "n"; // the number by which an origin knows its own messages in a shared tree
 } // namespace property
 
+// The payloads of the message that says whether a device is there.
+inline constexpr const char *kOnline = "online";
+inline constexpr const char *kOffline = "offline";
+
 // The value of the first property of that name, or an empty text.
 std::string property_of(const UserProperties &properties, std::string_view name);
 

@@ -3,9 +3,9 @@
 #pragma once
 
 #include "base/counters.h"
+#include "discovery/announcements.h"
 #include "messages/message.h"
 #include "outbound/acknowledged.h"
-#include "outbound/announcements.h"
 #include "outbound/schedule.h"
 #include "outbound/shared_tags.h"
 #include "outbound/unacknowledged.h"

@@ -6,7 +6,7 @@
 // more, or its type needs an entity of another kind, the message is cleared.
 #pragma once
 
-#include "outbound/discovery.h"
+#include "discovery/discovery.h"
 #include "topics/pending.h"
 #include "topics/state_file.h"
 

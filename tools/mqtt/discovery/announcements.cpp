@@ -1,4 +1,4 @@
-#include "outbound/announcements.h"
+#include "discovery/announcements.h"
 
 #include <functional>
 

@@ -1,4 +1,4 @@
-#include "outbound/discovery.h"
+#include "discovery/discovery.h"
 
 #include "common/names/pattern.h"
 #include "common/values/value_text.h"
