@@ -25,10 +25,8 @@ bool is_bucket(uint32_t hash)
 }
 
 // Unlinks and frees an entry of the bucket whose head is given.
-int32_t remove_entry(kp_dict_entry *&head, kp_dict_entry *entry)
+void remove_entry(kp_dict_entry *&head, kp_dict_entry *entry)
 {
-    if (!entry)
-        return -1;
     kp_dict_entry **link = &head;
     while (*link && *link != entry)
         link = &(*link)->next;
@@ -36,7 +34,6 @@ int32_t remove_entry(kp_dict_entry *&head, kp_dict_entry *entry)
         store_release(*link, entry->next);
         std::free(entry);
     }
-    return 0;
 }
 
 template <typename Visit> void for_each_entry(kp_dict &dict, Visit visit)
@@ -77,7 +74,7 @@ int32_t kp_dict_destroy(kp_dict *dict)
         return -1;
     for (kp_dict_entry *&head : dict->buckets)
         while (head)
-            (void)remove_entry(head, head);
+            remove_entry(head, head);
     std::free(dict);
     return 0;
 }
@@ -124,9 +121,11 @@ kp_dict_entry *kp_dict_lookup_entry(kp_dict *dict, uint32_t hash, kp_tag_t *tag)
 
 int32_t kp_dict_remove_tag(kp_dict *dict, kp_tag_t *tag, uint32_t hash)
 {
-    if (!dict || !tag || !is_bucket(hash))
+    kp_dict_entry *entry = kp_dict_lookup_entry(dict, hash, tag);
+    if (!entry) // Without a dictionary, a tag or such a bucket there is none either.
         return -1;
-    return remove_entry(dict->buckets[hash], kp_dict_lookup_entry(dict, hash, tag));
+    remove_entry(dict->buckets[hash], entry);
+    return 0;
 }
 
 void kp_dict_dump_dict(kp_dict *dict)

@@ -3,10 +3,11 @@
 #include "testing/capture.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <poll.h>
 #include <unistd.h>
+#include <vector>
 
 using namespace kptest;
 
@@ -262,6 +263,14 @@ TEST_F(NotifyClose, LeavesTheNumberOfItsPipeToItsNextOwner)
     EXPECT_EQ(close(number), 0);
 }
 
+// How many lines of errors each of the three threads has written. They write at the same time.
+std::vector<std::size_t> count_from_threads(const StderrCapture &log)
+{
+    return {log.count_of("ERROR: subscriber_connecting_listener("),
+            log.count_of("ERROR: publisher_linkup_listener("),
+            log.count_of("ERROR: message_receive_listener(")};
+}
+
 TEST_F(NotifyClose, EndsWhenTheThreadsDiedLongBefore)
 {
     StderrCapture log;
@@ -271,10 +280,8 @@ TEST_F(NotifyClose, EndsWhenTheThreadsDiedLongBefore)
 
     endpoint.close();
 
-    EXPECT_THAT(log.lines(), testing::UnorderedElementsAre(
-                                 "ERROR: subscriber_connecting_listener: epoll_create1 failed",
-                                 "ERROR: publisher_linkup_listener: epoll_create1 failed",
-                                 "ERROR: message_receive_listener: epoll_create1 failed"));
+    EXPECT_EQ(count_from_threads(log), (std::vector<std::size_t>{1, 1, 1}));
+    EXPECT_EQ(log.count_of("epoll_create1 failed"), 3U);
 }
 
 TEST_F(NotifyClose, EndsWhenNoThreadCanBeWoken)
@@ -286,10 +293,8 @@ TEST_F(NotifyClose, EndsWhenNoThreadCanBeWoken)
 
     endpoint.close();
 
-    EXPECT_THAT(log.lines(), testing::SizeIs(6));
-    EXPECT_THAT(log.lines(),
-                testing::Each(testing::MatchesRegex(
-                    "ERROR: [a-z_]+_listener: epoll_ctl\\(EPOLL_CTL_ADD, [0-9]+\\) failed")));
+    EXPECT_EQ(count_from_threads(log), (std::vector<std::size_t>{2, 2, 2}));
+    EXPECT_EQ(log.count_of("epoll_ctl(EPOLL_CTL_ADD, "), 6U);
 }
 
 TEST_F(NotifyClose, CanBeFollowedByAnEndpointOfTheSameName)

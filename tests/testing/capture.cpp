@@ -75,6 +75,15 @@ std::string Capture::text_without_line_numbers() const
     return cut;
 }
 
+std::size_t Capture::count_of(const std::string &piece) const
+{
+    const std::string caught = text();
+    std::size_t count = 0;
+    for (std::size_t at = 0; (at = caught.find(piece, at)) != std::string::npos; at += piece.size())
+        ++count;
+    return count;
+}
+
 Lines Capture::lines() const
 {
     std::istringstream plain(without_colours(text_without_line_numbers()));
