@@ -26,7 +26,7 @@ std::string dump(const json &document)
 
 // Numbers keep their shortest text, so that a float does not grow digits as a double; not-a-number
 // and the infinities, which JSON lacks, become strings.
-std::string json_value(const Sample &sample)
+std::string bare_or_quoted(const Sample &sample)
 {
     const std::string text = tool::plain_text(sample.type, sample.value);
     const bool finite = !tool::is_floating_type(sample.type) ||
@@ -44,7 +44,7 @@ std::string json_object(std::string_view topic, const Sample &sample, uint8_t qu
     const bool textual = !has_variable_size(sample.type) ||
                          (sample.type == KP_TYPE_STRING && tool::is_utf8(sample.value));
     if (textual || sample.type == KP_TYPE_STRING)
-        object += ",\"value\":" + json_value(sample);
+        object += ",\"value\":" + bare_or_quoted(sample);
     if (!textual)
         object += ",\"value_b64\":\"" + tool::to_base64(sample.value) + '"';
     object += ",\"quality\":" + std::to_string(quality);
