@@ -1,4 +1,4 @@
-#include "writing/gate.h"
+#include "writing/write_rules.h"
 
 #include <filesystem>
 #include <fstream>

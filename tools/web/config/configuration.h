@@ -3,7 +3,7 @@
 
 #include "common/config/configured.h"
 #include "common/names/selection.h"
-#include "writing/gate.h"
+#include "writing/write_rules.h"
 
 #include <chrono>
 #include <string>
