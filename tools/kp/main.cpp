@@ -5,8 +5,8 @@
 #include "kp.h"
 #include "options/option_checks.h"
 #include "options/similar_word.h"
-#include "output/meaning.h"
 #include "output/output.h"
+#include "output/program_dictionary.h"
 #include "running/stop.h"
 
 #include <clocale>

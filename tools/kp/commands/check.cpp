@@ -7,8 +7,8 @@
 #include "common/values/value_text.h"
 #include "layout/value_type.h"
 #include "options/selection_options.h"
-#include "output/meaning.h"
 #include "output/output.h"
+#include "output/program_dictionary.h"
 #include "output/row_format.h"
 
 #include <unordered_set>

@@ -1,7 +1,7 @@
 // The commands of `kp`. Each adds itself, its options and the function that runs it.
 #pragma once
 
-#include "running/problem.h"
+#include "running/outcome.h"
 
 #include <CLI/CLI.hpp>
 #include <functional>

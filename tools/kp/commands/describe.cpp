@@ -5,8 +5,8 @@
 #include "common/store/store_walk.h"
 #include "common/text/text.h"
 #include "options/selection_options.h"
-#include "output/meaning.h"
 #include "output/output.h"
+#include "output/program_dictionary.h"
 #include "output/row_format.h"
 
 #include <set>

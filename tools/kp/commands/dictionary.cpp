@@ -4,8 +4,8 @@
 #include "layout/value_type.h"
 #include "looking/declared_topics.h"
 #include "options/selection_options.h"
-#include "output/meaning.h"
 #include "output/output.h"
+#include "output/program_dictionary.h"
 
 #include <array>
 #include <cstdio>

@@ -1,8 +1,8 @@
 // kp doctor: finds what is wrong and says what mends it.
 #include "commands/commands.h"
 #include "common/doctor/checkup.h"
-#include "output/meaning.h"
 #include "output/output.h"
+#include "output/program_dictionary.h"
 #include "output/row_format.h"
 
 namespace kp::tool {

@@ -5,8 +5,8 @@
 #include "common/dictionary/fact_lines.h"
 #include "common/system/processes.h"
 #include "common/text/text.h"
-#include "output/meaning.h"
 #include "output/output.h"
+#include "output/program_dictionary.h"
 #include "output/row_format.h"
 
 #include <sys/stat.h>

@@ -5,14 +5,14 @@
 #include "common/text/text.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
-#include "output/meaning.h"
 #include "output/output.h"
+#include "output/program_dictionary.h"
 #include "output/screen.h"
 #include "running/stop.h"
 #include "top/help.h"
 #include "top/topic_list.h"
 #include "top/topic_page.h"
-#include "top/topic_table.h"
+#include "top/topic_rows.h"
 
 #include <algorithm>
 #include <array>
@@ -35,7 +35,7 @@ class Top {
   public:
     Top(const TopOptions &options, const Selection &selection, Screen &screen)
         : options_(options), data_(selection), screen_(screen),
-          table_(data_, screen, static_cast<uint64_t>(options.stale * 1e6))
+          rows_(data_, screen, static_cast<uint64_t>(options.stale * 1e6))
     {
         note_mistake(dictionary_problems());
     }
@@ -86,7 +86,7 @@ class Top {
 
     void draw_topics()
     {
-        table_.draw(kFirstRow - 1, list_.seen(page_rows()), list_.marked(), is_frozen_);
+        rows_.draw(kFirstRow - 1, list_.seen(page_rows()), list_.marked(), is_frozen_);
     }
 
     std::size_t page_rows() const
@@ -256,7 +256,7 @@ class Top {
     const TopOptions &options_;
     TopData data_;
     Screen &screen_;
-    TopicTable table_;
+    TopicRows rows_;
     TopicList list_;
     std::optional<TopicPage> page_; // of one topic, in the place of all
     std::string filter_;

@@ -4,7 +4,7 @@
 #include "common/names/selection.h"
 #include "common/store/segment_reader.h"
 #include "common/store/store_walk.h"
-#include "running/problem.h"
+#include "running/outcome.h"
 
 namespace kp::tool {
 

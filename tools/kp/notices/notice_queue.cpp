@@ -3,7 +3,7 @@
 #include "common/clock.h"
 #include "common/device/unix_sockets.h"
 #include "common/writing/notice_sender.h"
-#include "running/problem.h"
+#include "running/outcome.h"
 #include "running/stop.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "common/names/selection.h"
-#include "running/problem.h"
+#include "running/outcome.h"
 
 #include <CLI/CLI.hpp>
 #include <functional>

@@ -1,6 +1,6 @@
 #include "output/output.h"
 
-#include "running/problem.h"
+#include "running/outcome.h"
 #include "running/standard_stream.h"
 #include "running/stop.h"
 

@@ -3,8 +3,8 @@
 #include "common/text/encoding.h"
 #include "common/text/text.h"
 #include "options/option_checks.h"
-#include "output/meaning.h"
 #include "output/output.h"
+#include "output/program_dictionary.h"
 
 #include <CLI/CLI.hpp>
 

@@ -2,7 +2,7 @@
 // wait.
 #pragma once
 
-#include "running/problem.h"
+#include "running/outcome.h"
 
 #include <optional>
 #include <string>

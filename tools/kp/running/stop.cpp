@@ -1,7 +1,7 @@
 #include "running/stop.h"
 
 #include "common/clock.h"
-#include "running/problem.h"
+#include "running/outcome.h"
 
 #include <algorithm>
 #include <array>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "layout/unique_fd.h"
-#include "running/problem.h"
+#include "running/outcome.h"
 
 #include <string>
 

@@ -4,7 +4,7 @@
 #include "common/system/held_signals.h"
 #include "common/system/processes.h"
 #include "common/text/text.h"
-#include "running/problem.h"
+#include "running/outcome.h"
 #include "running/standard_stream.h"
 #include "running/stop.h"
 

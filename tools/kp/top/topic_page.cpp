@@ -5,7 +5,7 @@
 #include "common/system/processes.h"
 #include "common/text/text.h"
 #include "common/values/time_text.h"
-#include "output/meaning.h"
+#include "output/program_dictionary.h"
 #include "output/row_format.h"
 
 namespace kp::tool {

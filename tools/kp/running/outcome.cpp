@@ -1,4 +1,4 @@
-#include "running/problem.h"
+#include "running/outcome.h"
 
 #include "running/standard_stream.h"
 

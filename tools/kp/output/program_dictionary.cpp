@@ -1,9 +1,9 @@
-#include "output/meaning.h"
+#include "output/program_dictionary.h"
 
 #include "common/clock.h"
 #include "common/text/text.h"
 #include "output/output.h"
-#include "running/problem.h"
+#include "running/outcome.h"
 
 #include <utility>
 

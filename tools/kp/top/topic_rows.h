@@ -1,4 +1,4 @@
-// The table of topics that the live view shows, cut to the width of the screen.
+// The topics that the live view shows, as rows below their titles, cut to the width of the screen.
 #pragma once
 
 #include "common/dictionary/meaning.h"
@@ -10,11 +10,11 @@
 
 namespace kp::tool {
 
-class TopicTable {
+class TopicRows {
   public:
-    // Both outlive the table. Values older than `stale_us` microseconds are faint where the
+    // Both outlive the rows. Values older than `stale_us` microseconds are faint where the
     // dictionary says nothing else.
-    TopicTable(TopData &data, Screen &screen, uint64_t stale_us)
+    TopicRows(TopData &data, Screen &screen, uint64_t stale_us)
         : data_(data), screen_(screen), stale_us_(stale_us)
     {
     }

@@ -1,7 +1,7 @@
-#include "top/topic_table.h"
+#include "top/topic_rows.h"
 
 #include "common/text/text.h"
-#include "output/meaning.h"
+#include "output/program_dictionary.h"
 #include "output/row_format.h"
 
 #include <algorithm>
@@ -37,7 +37,7 @@ Style style_of(ValueState state)
 } // namespace
 
 // Values get the room that is left beside names of usual length.
-TopicTable::Widths TopicTable::widths_for(std::span<const std::string> topics) const
+TopicRows::Widths TopicRows::widths_for(std::span<const std::string> topics) const
 {
     const auto all = static_cast<std::size_t>(screen_.columns());
     const std::size_t others = kOtherColumns + (dictionary().is_empty() ? 0 : kStateColumns);
@@ -49,8 +49,8 @@ TopicTable::Widths TopicTable::widths_for(std::span<const std::string> topics) c
     return {topic, std::max(kLeastValue, shared - std::min(shared, topic))};
 }
 
-std::string TopicTable::row_text(const std::array<std::string, kColumns> &cells,
-                                 const Widths &widths)
+std::string TopicRows::row_text(const std::array<std::string, kColumns> &cells,
+                                const Widths &widths)
 {
     const std::size_t state = dictionary().is_empty() ? 0 : kStateColumns - 1;
     const std::array<std::size_t, kColumns> columns = {
@@ -67,8 +67,8 @@ std::string TopicTable::row_text(const std::array<std::string, kColumns> &cells,
 }
 
 // The value, and beside a short one what it was in the last minute.
-std::string TopicTable::value_cell(const std::string &topic, const std::string &value,
-                                   const Widths &widths) const
+std::string TopicRows::value_cell(const std::string &topic, const std::string &value,
+                                  const Widths &widths) const
 {
     const std::size_t left = widths.value - std::min(widths.value, display_width(value) + 1);
     if (left < kTrendColumns)
@@ -77,8 +77,8 @@ std::string TopicTable::value_cell(const std::string &topic, const std::string &
            padded_left(data_.history(topic).line(kTrendColumns), kTrendColumns);
 }
 
-std::string TopicTable::topic_row(const std::string &topic, const ShownTopic &shown,
-                                  const Meaning &meaning, const Widths &widths) const
+std::string TopicRows::topic_row(const std::string &topic, const ShownTopic &shown,
+                                 const Meaning &meaning, const Widths &widths) const
 {
     const Snapshot &snapshot = shown.snapshot;
     const std::string value = meant_value(meaning, shown_value(snapshot, ByteStyle::hex));
@@ -91,7 +91,7 @@ std::string TopicTable::topic_row(const std::string &topic, const ShownTopic &sh
         widths);
 }
 
-Style TopicTable::style_of(const ShownTopic &shown, const Meaning &meaning) const
+Style TopicRows::style_of(const ShownTopic &shown, const Meaning &meaning) const
 {
     const Snapshot &snapshot = shown.snapshot;
     if (snapshot.has_broken_value())
@@ -107,8 +107,8 @@ Style TopicTable::style_of(const ShownTopic &shown, const Meaning &meaning) cons
     return snapshot.last_write_ts + stale_us_ < shown.read_at ? Style::faint : Style::plain;
 }
 
-void TopicTable::draw(int row, std::span<const std::string> topics,
-                      std::optional<std::size_t> cursor, bool is_frozen)
+void TopicRows::draw(int row, std::span<const std::string> topics,
+                     std::optional<std::size_t> cursor, bool is_frozen)
 {
     const Widths widths = widths_for(topics);
     screen_.put(row,
