@@ -1,11 +1,11 @@
 // kp check: holds the store against the dictionary, for monitoring.
 #include "commands/commands.h"
 #include "common/clock.h"
-#include "common/store/store_walk.h"
 #include "common/text/text.h"
 #include "common/values/time_text.h"
 #include "common/values/value_text.h"
 #include "layout/value_type.h"
+#include "looking/noted_listing.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "output/program_dictionary.h"
@@ -65,9 +65,7 @@ class Check {
   private:
     void look_at_store()
     {
-        const StoreListing listing = list_store(selection_);
-        for (const Problem &problem : listing.problems)
-            outcome_.note(problem);
+        const StoreListing listing = list_store(selection_, outcome_);
         TopicOpener opener;
         for (const StoreFile &file : listing.files) {
             Problem problem;

@@ -2,8 +2,8 @@
 #include "commands/commands.h"
 #include "common/dictionary/fact_lines.h"
 #include "common/store/store_files.h"
-#include "common/store/store_walk.h"
 #include "common/text/text.h"
+#include "looking/noted_listing.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "output/program_dictionary.h"
@@ -39,9 +39,7 @@ std::set<std::string> asked_topics(const Selection &selection, Outcome &outcome)
     std::set<std::string> topics(selection.topics().begin(), selection.topics().end());
     if (selection.has_only_topics())
         return topics;
-    const StoreListing listing = list_store(selection);
-    for (const Problem &problem : listing.problems)
-        outcome.note(problem);
+    const StoreListing listing = list_store(selection, outcome);
     for (const StoreFile &file : listing.files)
         topics.insert(file.topic);
     dictionary().for_each_entry([&](const DictionaryEntry &entry) {

@@ -5,10 +5,10 @@
 #include "commands/commands.h"
 #include "common/device/endpoints.h"
 #include "common/store/segment_reader.h"
-#include "common/store/store_walk.h"
 #include "common/text/encoding.h"
 #include "common/text/text.h"
 #include "common/values/time_text.h"
+#include "looking/noted_listing.h"
 #include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
@@ -81,10 +81,7 @@ class Collector {
     int run()
     {
         collect_sockets();
-        Selection everything;
-        const StoreListing listing = list_store(everything);
-        for (const Problem &problem : listing.problems)
-            outcome_.note(problem);
+        const StoreListing listing = list_store({}, outcome_);
         collect_topics(listing);
         if (options_.orphans)
             collect_directories(listing.directories);
@@ -144,8 +141,7 @@ class Collector {
     {
         const TopicSearch search{options_.orphans, old_us_, options_.trust_visible};
         const DeadTopics found = find_dead_topics(listing, search);
-        for (const Problem &problem : found.problems)
-            outcome_.note(problem);
+        outcome_.note(found.problems);
         if (!found.sees_everybody)
             outcome_.note(Problem{kPermission,
                                   "not every process can be seen, so counts are left alone: run "

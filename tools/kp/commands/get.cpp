@@ -1,6 +1,6 @@
 // kp get: values, once.
 #include "commands/commands.h"
-#include "common/store/store_walk.h"
+#include "looking/noted_listing.h"
 #include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"
@@ -25,9 +25,7 @@ std::vector<std::string> wanted_topics(const Selection &selection, Outcome &outc
 {
     if (selection.has_only_topics())
         return selection.topics();
-    const StoreListing listing = list_store(selection);
-    for (const Problem &problem : listing.problems)
-        outcome.note(problem);
+    const StoreListing listing = list_store(selection, outcome);
     std::vector<std::string> topics;
     for (const StoreFile &file : listing.files)
         topics.push_back(file.topic);
@@ -93,8 +91,7 @@ int run_get(GetOptions &options, const Selection &selection)
     }
     print_records(found.rows, options.format);
     (void)output().flush();
-    for (const Problem &unread : found.problems)
-        outcome.note(unread);
+    outcome.note(found.problems);
     if (timed_out && is_incomplete(found) && outcome.code() <= kNothing)
         return kTimeout;
     if (found.rows.empty())

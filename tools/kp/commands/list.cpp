@@ -1,7 +1,7 @@
 // kp list: every topic of the store, at any depth.
 #include "commands/commands.h"
-#include "common/store/store_walk.h"
 #include "common/text/text.h"
+#include "looking/noted_listing.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "output/program_dictionary.h"
@@ -192,9 +192,7 @@ std::vector<Row> read_rows(const StoreListing &listing, Outcome &outcome)
 int run_list(const ListOptions &options, const Selection &selection)
 {
     Outcome outcome;
-    StoreListing listing = list_store(selection);
-    for (const Problem &unread : listing.problems)
-        outcome.note(unread);
+    StoreListing listing = list_store(selection, outcome);
     const bool with_values = options.long_form || options.format.format != Format::plain ||
                              !options.format.field_template.empty();
     if (with_values && !options.tree) {

@@ -1,10 +1,10 @@
 // kp rm: takes topics out of the store, unless somebody has them open.
 #include "commands/commands.h"
 #include "common/store/segment_reader.h"
-#include "common/store/store_walk.h"
 #include "common/system/file_lock.h"
 #include "common/system/processes.h"
 #include "common/text/text.h"
+#include "looking/noted_listing.h"
 #include "output/output.h"
 
 #include <algorithm>
@@ -85,9 +85,7 @@ class Removal {
             outcome_.note(problem);
             return std::nullopt;
         }
-        const StoreListing listing = list_store(selection);
-        for (const Problem &unread : listing.problems)
-            outcome_.note(unread);
+        const StoreListing listing = list_store(selection, outcome_);
         if (listing.files.empty())
             outcome_.note(Problem{kNothing, "\"" + escaped(text) + "\": no topic matches"});
         for (const StoreFile &file : listing.files)

@@ -1,10 +1,8 @@
 // The topics of a selection, read one after another.
 #pragma once
 
-#include "common/names/selection.h"
 #include "common/store/segment_reader.h"
-#include "common/store/store_walk.h"
-#include "running/outcome.h"
+#include "looking/noted_listing.h"
 
 namespace kp::tool {
 
@@ -13,9 +11,7 @@ namespace kp::tool {
 template <typename Use>
 void for_each_declared(const Selection &selection, Outcome &outcome, const Use &use)
 {
-    const StoreListing listing = list_store(selection);
-    for (const Problem &problem : listing.problems)
-        outcome.note(problem);
+    const StoreListing listing = list_store(selection, outcome);
     TopicOpener opener;
     for (const StoreFile &file : listing.files) {
         Problem problem;

@@ -23,6 +23,12 @@ void Outcome::note(const Problem &problem)
     note(complain(problem));
 }
 
+void Outcome::note(const std::vector<Problem> &problems)
+{
+    for (const Problem &problem : problems)
+        note(problem);
+}
+
 void Outcome::note(int code)
 {
     if (code_ == kDone)

@@ -5,6 +5,7 @@
 #include "common/problem.h"
 
 #include <string>
+#include <vector>
 
 namespace kp::tool {
 
@@ -20,8 +21,9 @@ int complain(const Problem &problem);
 // The exit code of a command that goes on after a problem: the first that is not 0 stays.
 class Outcome {
   public:
-    // Prints the problem.
+    // Prints the problem, or each of them.
     void note(const Problem &problem);
+    void note(const std::vector<Problem> &problems);
     void note(int code);
     int code() const
     {

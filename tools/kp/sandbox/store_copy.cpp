@@ -1,11 +1,10 @@
 #include "sandbox/store_copy.h"
 
-#include "common/names/selection.h"
 #include "common/store/store_files.h"
 #include "common/store/store_levels.h"
-#include "common/store/store_walk.h"
 #include "common/text/text.h"
 #include "layout/segment.h"
+#include "looking/noted_listing.h"
 
 #include <array>
 #include <cerrno>
@@ -98,9 +97,7 @@ bool StoreCopy::copy_topic(const std::string &topic, Problem &problem) const
 
 void StoreCopy::take(Outcome &outcome) const
 {
-    const StoreListing listing = list_store(Selection());
-    for (const Problem &problem : listing.problems)
-        outcome.note(problem);
+    const StoreListing listing = list_store({}, outcome);
     for (const StoreFile &file : listing.files) {
         Problem problem;
         if (!copy_topic(file.topic, problem))
