@@ -37,6 +37,10 @@ class FileLock {
     int fd_ = -1;
 };
 
+// So many are locked at once at most. Each needs a descriptor meanwhile, of which most programs may
+// have 1024.
+constexpr std::size_t kMostLockedFiles = 500;
+
 // A file that is to be locked.
 struct LockedFile {
     UniqueFd fd; // empty: there is nothing to lock
@@ -46,6 +50,16 @@ struct LockedFile {
 // Takes the locks of many files. It waits as long as for a single one in all, since anybody who may
 // read the files can hold all of their locks. Those that are not held afterwards are somebody's.
 void lock_all(const std::vector<LockedFile *> &files);
+
+// The same for items that each have a file to be locked in this member.
+template <typename Item> void lock_all(std::vector<Item> &items, LockedFile Item::*file)
+{
+    std::vector<LockedFile *> files;
+    files.reserve(items.size());
+    for (Item &item : items)
+        files.push_back(&(item.*file));
+    lock_all(files);
+}
 
 // Why nothing was done to a file whose lock was not given back.
 Problem locked_problem(const std::string &topic);

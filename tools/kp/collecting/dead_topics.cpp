@@ -15,9 +15,6 @@ namespace kp::tool {
 
 namespace {
 
-// Each needs a descriptor while it is locked, of which most programs may have 1024.
-constexpr std::size_t kAtOnce = 500;
-
 bool are_same(const std::vector<Mapper> &a, const std::vector<Mapper> &b)
 {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const Mapper &x, const Mapper &y) {
@@ -144,11 +141,7 @@ void bury_some(const DeadTopic *first, std::size_t count, std::vector<DeedResult
     all.reserve(count);
     for (std::size_t index = 0; index < count; ++index)
         all.push_back(open_again(opener, first[index]));
-    std::vector<LockedFile *> files;
-    files.reserve(all.size());
-    for (Held &held : all)
-        files.push_back(&held.file);
-    lock_all(files);
+    lock_all(all, &Held::file);
     const Mappers mappers = find_mappers(first->file.device);
     opener.start_round();
     for (Held &held : all) {
@@ -194,8 +187,8 @@ DeadTopics find_dead_topics(const StoreListing &listing, const TopicSearch &sear
 std::vector<DeedResult> bury_topics(const std::vector<DeadTopic> &topics)
 {
     std::vector<DeedResult> deeds;
-    for (std::size_t first = 0; first < topics.size(); first += kAtOnce)
-        bury_some(&topics[first], std::min(kAtOnce, topics.size() - first), deeds);
+    for (std::size_t first = 0; first < topics.size(); first += kMostLockedFiles)
+        bury_some(&topics[first], std::min(kMostLockedFiles, topics.size() - first), deeds);
     return deeds;
 }
 

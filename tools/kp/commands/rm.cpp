@@ -14,9 +14,6 @@ namespace kp::tool {
 
 namespace {
 
-// Each needs a descriptor while it is locked, of which most programs may have 1024.
-constexpr std::size_t kAtOnce = 500;
-
 struct RemoveOptions {
     std::vector<std::string> topics;
     bool force = false;
@@ -44,8 +41,8 @@ class Removal {
         // A topic that is named twice would wait for its own lock.
         std::ranges::sort(topics_);
         topics_.erase(std::ranges::unique(topics_).begin(), topics_.end());
-        for (std::size_t first = 0; first < topics_.size(); first += kAtOnce)
-            remove_some(first, std::min(first + kAtOnce, topics_.size()));
+        for (std::size_t first = 0; first < topics_.size(); first += kMostLockedFiles)
+            remove_some(first, std::min(first + kMostLockedFiles, topics_.size()));
         return outcome_.code();
     }
 
@@ -100,10 +97,7 @@ class Removal {
             open(topics_[index], victims);
         if (victims.empty())
             return;
-        std::vector<LockedFile *> files;
-        for (Victim &victim : victims)
-            files.push_back(&victim.held);
-        lock_all(files);
+        lock_all(victims, &Victim::held);
         const Mappers all = options_.force ? Mappers() : find_mappers(victims.front().file.device);
         opener_.start_round();
         for (Victim &victim : victims)
