@@ -2,6 +2,7 @@
 #include "base/log.h"
 #include "bridge.h"
 #include "common/system/signals.h"
+#include "common/system/socket_probe.h"
 #include "config/file_problems.h"
 #include "connection_check.h"
 #include "layout/notice.h"
@@ -18,9 +19,7 @@
 #include <mosquitto.h>
 #include <optional>
 #include <sched.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 using namespace kp::mqtt;
 
@@ -52,13 +51,8 @@ void let_writers_go_first()
 // A bridge that takes the name of a live endpoint would cut that one off, and nobody would notice.
 bool is_endpoint_taken(const std::string &name)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)std::snprintf(address.sun_path, sizeof address.sun_path, "%s%s", kp::kEndpointDirectory,
-                        name.c_str());
-    const kp::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int result = connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address);
-    return result == 0 || errno == EAGAIN;
+    const int refusal = kp::tool::probe_socket(kp::kEndpointDirectory + name);
+    return refusal == 0 || refusal == EAGAIN;
 }
 
 // When an earlier run that knew where all values came from was last alive, in microseconds since

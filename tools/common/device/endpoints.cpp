@@ -1,14 +1,11 @@
 #include "common/device/endpoints.h"
 
-#include "layout/unique_fd.h"
+#include "common/system/socket_probe.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <set>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 namespace kp::tool {
 
@@ -141,16 +138,7 @@ const char *liveness_name(Liveness liveness)
 
 bool refuses_connections(const std::string &name)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = std::string(kProvidersRoot) + "/" + name;
-    if (path.size() >= sizeof(address.sun_path))
-        return false;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    return fd &&
-           connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 &&
-           errno == ECONNREFUSED;
+    return probe_socket(std::string(kProvidersRoot) + "/" + name) == ECONNREFUSED;
 }
 
 } // namespace kp::tool

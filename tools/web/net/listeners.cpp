@@ -1,5 +1,7 @@
 #include "net/listeners.h"
 
+#include "common/system/socket_probe.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
@@ -48,14 +50,13 @@ socklen_t fill(AnyAddress &place, const Address &address)
 }
 
 // Removes the file of a socket that refuses connections, which proves that nobody listens on it.
-void remove_dead_socket(const AnyAddress &place, socklen_t length)
+void remove_dead_socket(const std::string &path)
 {
     struct stat status {};
-    if (lstat(place.local.sun_path, &status) != 0 || !S_ISSOCK(status.st_mode))
+    if (lstat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode))
         return;
-    const UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (connect(probe.get(), &place.plain, length) != 0 && errno == ECONNREFUSED)
-        (void)unlink(place.local.sun_path);
+    if (tool::probe_socket(path) == ECONNREFUSED)
+        (void)unlink(path.c_str());
 }
 
 // The owner and the group may connect; the group is that of the reverse proxy.
@@ -97,7 +98,7 @@ std::string Listeners::add(const Address &address)
     if (!fd)
         return std::strerror(errno);
     if (address.host.empty())
-        remove_dead_socket(place, length);
+        remove_dead_socket(address.path);
     set_option(fd, SO_REUSEADDR, 1);
     set_option(fd, SO_SNDBUF, kSendBytes);
     if (bind_socket(fd, place, length) != 0 || listen(fd.get(), kBacklog) != 0)
