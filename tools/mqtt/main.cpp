@@ -1,11 +1,11 @@
 // kp-mqtt: joins the tags of a device to an MQTT 5 broker. See kp-mqtt(1) and kp-mqtt.conf(5).
 #include "base/log.h"
 #include "bridge.h"
+#include "common/device/unix_sockets.h"
 #include "common/system/signals.h"
 #include "common/system/socket_probe.h"
 #include "config/file_problems.h"
 #include "connection_check.h"
-#include "layout/notice.h"
 #include "mapping.h"
 #include "providers/left_handles.h"
 
@@ -51,7 +51,7 @@ void let_writers_go_first()
 // A bridge that takes the name of a live endpoint would cut that one off, and nobody would notice.
 bool is_endpoint_taken(const std::string &name)
 {
-    const int refusal = kp::tool::probe_socket(kp::kEndpointDirectory + name);
+    const int refusal = kp::tool::probe_socket(kp::tool::endpoint_path(name));
     return refusal == 0 || refusal == EAGAIN;
 }
 
@@ -104,7 +104,7 @@ Ended run_one(const Configuration &configuration, const kp::tool::Signals &signa
     auto successor = bridge.run(signals, load);
     if (!writer->stop(std::chrono::seconds(2))) {
         log(Level::warning, "a local peer does not read its notices; leaving without it");
-        (void)unlink((kp::kEndpointDirectory + configuration.endpoint).c_str());
+        (void)unlink(kp::tool::endpoint_path(configuration.endpoint).c_str());
         std::_Exit(successor ? kFailed : 0);
     }
     bridge.leave_behind();

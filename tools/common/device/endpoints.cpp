@@ -85,12 +85,12 @@ std::vector<UnixSocket> lost_listeners(const View &view, const std::vector<Endpo
 {
     std::vector<UnixSocket> lost;
     struct stat status;
-    const std::string prefix = std::string(kProvidersRoot) + "/";
-    if (stat(kProvidersRoot, &status) != 0)
+    if (stat(kEndpointRoot, &status) != 0)
         return lost;
     for (const UnixSocket &socket : view.sockets.sockets) {
         const bool is_here = socket.state == UnixSocket::State::listening &&
-                             socket.path.starts_with(prefix) && socket.file_device == status.st_dev;
+                             socket.path.starts_with(kEndpointDirectory) &&
+                             socket.file_device == status.st_dev;
         const bool has_file =
             std::any_of(endpoints.begin(), endpoints.end(), [&socket](const Endpoint &endpoint) {
                 return endpoint.file.is_bound_by(socket);
@@ -138,7 +138,7 @@ const char *liveness_name(Liveness liveness)
 
 bool refuses_connections(const std::string &name)
 {
-    return probe_socket(std::string(kProvidersRoot) + "/" + name) == ECONNREFUSED;
+    return probe_socket(endpoint_path(name)) == ECONNREFUSED;
 }
 
 } // namespace kp::tool

@@ -167,20 +167,20 @@ bool EndpointFile::is_bound_by(const UnixSocket &socket) const
 {
     if (socket.file_inode != 0)
         return socket.file_inode == inode && socket.file_device == device;
-    return socket.path == std::string(kProvidersRoot) + "/" + name;
+    return socket.path == endpoint_path(name);
 }
 
 std::vector<EndpointFile> list_endpoint_files(int *error)
 {
     std::vector<EndpointFile> files;
-    const UniqueDir directory(opendir(kProvidersRoot));
+    const UniqueDir directory(opendir(kEndpointRoot));
     if (error)
         *error = directory ? 0 : errno;
     if (!directory)
         return files;
     while (const dirent *entry = directory.next()) {
         struct stat status;
-        const std::string path = std::string(kProvidersRoot) + "/" + entry->d_name;
+        const std::string path = endpoint_path(entry->d_name);
         if (lstat(path.c_str(), &status) == 0)
             files.push_back({entry->d_name, status.st_dev, status.st_ino, status.st_uid,
                              status.st_gid, status.st_mode, S_ISSOCK(status.st_mode),

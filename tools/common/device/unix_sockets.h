@@ -12,10 +12,17 @@
 
 namespace kp::tool {
 
-constexpr const char *kProvidersRoot = "/run/providers"; // kEndpointDirectory in messages and calls
-static_assert(
-    std::string_view(kEndpointDirectory).starts_with(kProvidersRoot) &&
-    std::string_view(kEndpointDirectory).substr(std::string_view(kProvidersRoot).size()) == "/");
+// kEndpointDirectory as messages name it: without the slash at its end.
+constexpr const char *kEndpointRoot = "/run/providers";
+static_assert(std::string_view(kEndpointDirectory).starts_with(kEndpointRoot) &&
+              std::string_view(kEndpointDirectory).substr(std::string_view(kEndpointRoot).size()) ==
+                  "/");
+
+// The place of an endpoint's socket.
+inline std::string endpoint_path(const std::string &name)
+{
+    return kEndpointDirectory + name;
+}
 
 struct UnixSocket {
     enum class State {

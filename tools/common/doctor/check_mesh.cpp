@@ -45,9 +45,8 @@ void check_endpoint(const Endpoint &endpoint, Findings &findings)
                                 user_name(endpoint.file.owner) + "), which costs every start 3 s",
                             "kp gc"});
     if (endpoint.liveness == Liveness::foreign)
-        findings.push_back(
-            {Severity::warning, "peer-foreign", name, "is not a socket",
-             "rm " + shell_word(std::string(kProvidersRoot) + "/" + endpoint.file.name)});
+        findings.push_back({Severity::warning, "peer-foreign", name, "is not a socket",
+                            "rm " + shell_word(endpoint_path(endpoint.file.name))});
     if (endpoint.connections >= kManyConnections)
         findings.push_back({Severity::warning, "peer-crowded", name,
                             std::to_string(endpoint.connections) + " of " +
@@ -114,7 +113,7 @@ void check_socket_mode(const Endpoint &endpoint, const std::vector<Member> &memb
 void check_sight(const Mesh &mesh, Findings &findings)
 {
     if (mesh.error != 0 && mesh.error != ENOENT && mesh.error != ENOTDIR)
-        findings.push_back(unseen(kProvidersRoot, "cannot be read, so no endpoint was checked",
+        findings.push_back(unseen(kEndpointRoot, "cannot be read, so no endpoint was checked",
                                   system_problem("", mesh.error).code));
 }
 

@@ -43,7 +43,7 @@ const SharedDirectory &store_directory()
 
 const SharedDirectory &providers_directory()
 {
-    static const SharedDirectory providers = {kProvidersRoot, "providers", "providers-mode", "3770",
+    static const SharedDirectory providers = {kEndpointRoot, "providers", "providers-mode", "3770",
                                               "peers"};
     return providers;
 }
@@ -113,7 +113,7 @@ void check_store_directory(Findings &findings)
 
 void check_providers_directory(Findings &findings)
 {
-    const std::string path = kProvidersRoot;
+    const std::string path = kEndpointRoot;
     const auto found = status_of(providers_directory(),
                                  {Severity::note, "providers", path,
                                   "does not exist: only root can start the first endpoint",

@@ -115,7 +115,7 @@ bool NoticeSender::open(const char *what, Problem &problem)
     endpoint_ = kp_notify_init(name_.c_str(), sizeof(kp_write_info), ignore_message, nullptr);
     if (endpoint_)
         return true;
-    problem = system_problem(std::string(kProvidersRoot) + ": " + what, errno);
+    problem = system_problem(std::string(kEndpointRoot) + ": " + what, errno);
     if (problem.code != kPermission)
         problem.code = kLimit;
     return false;

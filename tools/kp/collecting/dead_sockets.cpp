@@ -51,7 +51,7 @@ void wait_until_grown(const std::vector<EndpointFile> &files)
 // its new socket.
 class Remover {
   public:
-    Remover() : directory_(open(kProvidersRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    Remover() : directory_(open(kEndpointRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC))
     {
     }
 
@@ -78,8 +78,7 @@ class Remover {
     {
         if (errno == ENOENT)
             return {};
-        return {Deed::failed,
-                system_problem(escaped(std::string(kProvidersRoot) + "/" + file.name), errno)};
+        return {Deed::failed, system_problem(escaped(endpoint_path(file.name)), errno)};
     }
 
     // Where the name was taken again meanwhile, the newer socket counts, as it does when an

@@ -189,7 +189,7 @@ struct Bench {
     {
         if (const int error = provider.error() != 0 ? provider.error() : consumer.error()) {
             problem =
-                system_problem(std::string(kProvidersRoot) + ": no endpoint of its own", error);
+                system_problem(std::string(kEndpointRoot) + ": no endpoint of its own", error);
             if (problem.code != kPermission)
                 problem.code = kLimit;
             return false;

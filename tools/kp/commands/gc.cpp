@@ -123,13 +123,13 @@ class Collector {
     {
         const DeadSockets found = find_dead_sockets();
         if (found.error != 0 && found.error != ENOENT)
-            outcome_.note(system_problem(kProvidersRoot, found.error));
+            outcome_.note(system_problem(kEndpointRoot, found.error));
         std::vector<DeedResult> deeds;
         if (!options_.dry_run)
             deeds = remove_dead_sockets(found.files);
         for (std::size_t index = 0; index < found.files.size(); ++index) {
-            const Dead dead{false, std::string(kProvidersRoot) + "/" + found.files[index].name,
-                            "dead-socket", "a socket that refuses connections", "remove"};
+            const Dead dead{false, endpoint_path(found.files[index].name), "dead-socket",
+                            "a socket that refuses connections", "remove"};
             if (options_.dry_run)
                 tell(dead, std::nullopt);
             else

@@ -67,7 +67,7 @@ int run_peers(bool json)
 {
     const Mesh mesh = look_at_mesh();
     if (mesh.endpoints.empty() && mesh.error != 0 && mesh.error != ENOENT)
-        return complain(system_problem(kProvidersRoot, mesh.error));
+        return complain(system_problem(kEndpointRoot, mesh.error));
     if (mesh.endpoints.empty())
         return kNothing;
     if (json)

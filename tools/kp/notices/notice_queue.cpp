@@ -52,7 +52,7 @@ NoticeQueue::Joined NoticeQueue::join_mesh(const std::string &name, NoticeMarks 
 Problem NoticeQueue::problem_of(int error)
 {
     Problem problem =
-        system_problem(std::string(kProvidersRoot) + ": the mesh cannot be joined", error);
+        system_problem(std::string(kEndpointRoot) + ": the mesh cannot be joined", error);
     problem.code = problem.code == kPermission ? kPermission : kLimit;
     return problem;
 }
@@ -99,7 +99,7 @@ Buckets NoticeQueue::take()
 
 NoticeQueue::~NoticeQueue()
 {
-    const std::string path = std::string(kProvidersRoot) + "/" + name_;
+    const std::string path = endpoint_path(name_);
     for (int tries = 0; tries < kLeaveTries; ++tries) {
         if (has_joined_within(kLeavePatienceUs)) {
             if (handle_)

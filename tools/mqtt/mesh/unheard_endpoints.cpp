@@ -39,8 +39,8 @@ std::string peer_of(int fd)
         return {};
     const std::string path(address.sun_path,
                            strnlen(address.sun_path, size - offsetof(sockaddr_un, sun_path)));
-    const std::string root = std::string(tool::kProvidersRoot) + '/';
-    return path.starts_with(root) ? path.substr(root.size()) : "";
+    constexpr std::string_view directory = kEndpointDirectory;
+    return path.starts_with(directory) ? path.substr(directory.size()) : "";
 }
 
 std::set<std::string> heard_endpoints()
