@@ -225,7 +225,7 @@ TEST(KpRestore, SaysWhatIsWrongWithANameWithAZeroByte)
 {
     const std::string text = R"({"topic":"a\u0000b","type":"int8","value":1})";
     const std::string bytes = R"({"topic_b64":"YQBi","type":"int8","value":1})";
-    const std::string message = "\"a\\x00b\" is not a topic: a zero byte is in it\n";
+    const std::string message = "\"a\\x00b\" is not a topic: a level holds a zero byte\n";
 
     const Ran ran = kp({"restore"}, {.input = text + "\n" + bytes + "\n" + R"({"value":1})"});
 

@@ -42,10 +42,10 @@ TEST(InboundName, IsRefusedWhereItCannotBeATag)
 {
     EXPECT_EQ(to_tag_topic("a//b").problem, "it has an empty level");
     EXPECT_EQ(to_tag_topic("/a").problem, "it has an empty level");
-    EXPECT_EQ(to_tag_topic("a/../b").problem, "a level is \".\" or \"..\"");
-    EXPECT_EQ(to_tag_topic("a/%2E%2E/b").problem, "a level is \".\" or \"..\"");
-    EXPECT_EQ(to_tag_topic("a%2Fb").problem, "a level holds an escaped \"/\" or zero byte");
-    EXPECT_EQ(to_tag_topic("a%00").problem, "a level holds an escaped \"/\" or zero byte");
+    EXPECT_EQ(to_tag_topic("a/../b").problem, "a level is \"..\"");
+    EXPECT_EQ(to_tag_topic("a/%2E%2E/b").problem, "a level is \"..\"");
+    EXPECT_EQ(to_tag_topic("a%2Fb").problem, "a level holds an escaped \"/\"");
+    EXPECT_EQ(to_tag_topic("a%00").problem, "a level holds a zero byte");
     EXPECT_EQ(to_tag_topic("a/$b").problem, "a level starts with \"$\"");
     EXPECT_EQ(to_tag_topic("a/%2B").problem, "a level starts like a wildcard");
     EXPECT_EQ(to_tag_topic(std::string(256, 'x')).problem, "a level is longer than 255 bytes");

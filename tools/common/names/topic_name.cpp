@@ -27,20 +27,26 @@ std::string join_levels(std::string_view first, std::string_view second)
     return joined += second;
 }
 
+std::string level_problem(std::string_view level)
+{
+    if (level.empty())
+        return "it has an empty level";
+    if (level == "." || level == "..")
+        return "a level is \"" + std::string(level) + "\"";
+    if (level.size() > kMostLevelBytes)
+        return "a level is longer than 255 bytes";
+    if (level.find('\0') != level.npos)
+        return "a level holds a zero byte";
+    return {};
+}
+
 std::optional<std::string> normal_topic(std::string_view text, Problem &problem)
 {
-    if (text.find('\0') != std::string_view::npos) {
-        problem = {kUsage, "\"" + escaped(text) + "\" is not a topic: a zero byte is in it"};
-        return std::nullopt;
-    }
     std::string topic;
     topic.reserve(text.size());
     for (const std::string_view level : split_levels(text)) {
-        if (level == "." || level == ".." || level.size() > kMostLevelBytes) {
-            problem = {kUsage,
-                       "\"" + escaped(text) + "\" is not a topic: a level is " +
-                           (level.size() > kMostLevelBytes ? "longer than 255 bytes"
-                                                           : "\"" + std::string(level) + "\"")};
+        if (const std::string why = level_problem(level); !why.empty()) {
+            problem = {kUsage, "\"" + escaped(text) + "\" is not a topic: " + why};
             return std::nullopt;
         }
         topic += topic.empty() ? "" : "/";

@@ -25,6 +25,9 @@ Levels split_levels(std::string_view text, Dialect dialect = Dialect::tags);
 // Joins two parts, with a slash between them if neither is empty.
 std::string join_levels(std::string_view first, std::string_view second);
 
+// Says why a level cannot be the name of a file or of a directory; an empty text when it can.
+std::string level_problem(std::string_view level);
+
 // Gives the topic with single slashes between its levels; nothing, with a problem, if it could not
 // be a file of the store.
 std::optional<std::string> normal_topic(std::string_view text, Problem &problem);

@@ -57,19 +57,14 @@ std::optional<char> escaped_byte(std::string_view text)
     return end == text.data() + 3 ? std::optional(static_cast<char>(byte)) : std::nullopt;
 }
 
-std::string level_problem(std::string_view level)
+// Beside what no level may be: what only an escape can bring, and what would act as a pattern.
+std::string escaped_level_problem(std::string_view level)
 {
-    if (level.empty())
-        return "it has an empty level";
-    if (level == "." || level == "..")
-        return "a level is \".\" or \"..\"";
-    if (level.size() > tool::kMostLevelBytes)
-        return "a level is longer than 255 bytes";
-    if (level.find('/') != level.npos || level.find('\0') != level.npos)
-        return "a level holds an escaped \"/\" or zero byte";
-    if (level[0] == '+' || level[0] == '#')
+    if (level.find('/') != level.npos)
+        return "a level holds an escaped \"/\"";
+    if (level.starts_with('+') || level.starts_with('#'))
         return "a level starts like a wildcard";
-    return {};
+    return tool::level_problem(level);
 }
 
 } // namespace
@@ -113,7 +108,7 @@ Name to_tag_topic(std::string_view topic)
         if (raw.starts_with('$'))
             return {{}, "a level starts with \"$\""};
         const std::string level = without_escapes(raw);
-        if (std::string problem = level_problem(level); !problem.empty())
+        if (std::string problem = escaped_level_problem(level); !problem.empty())
             return {{}, std::move(problem)};
         name.text = tool::join_levels(name.text, level);
     }
