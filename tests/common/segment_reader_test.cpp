@@ -224,8 +224,8 @@ TEST(ReadTopic, NamesWhatIsNoSegment)
     EXPECT_EQ(problem_of("longer").text, "longer: not a segment (4081 bytes instead of 4080)");
     EXPECT_EQ(problem_of("pipe").text, "pipe: not a segment (not a regular file)");
     EXPECT_EQ(problem_of("none").text, "none: no such topic");
-    EXPECT_EQ(problem_of("none").code, kNothing);
-    EXPECT_EQ(problem_of("longer").code, kInvalid);
+    EXPECT_EQ(problem_of("none").kind, kNothing);
+    EXPECT_EQ(problem_of("longer").kind, kInvalid);
 }
 
 TEST_P(EachMeans, SeesEveryWrite)

@@ -108,8 +108,8 @@ TEST(SegmentWriter, FollowsNoLinkInTheStore)
     EXPECT_FALSE(store_segment(opener, "link/a", kText, text_value("x"), directory));
     EXPECT_FALSE(store_segment(opener, "file", kText, text_value("x"), file));
 
-    EXPECT_EQ(directory.code, kInvalid);
-    EXPECT_EQ(file.code, kInvalid);
+    EXPECT_EQ(directory.kind, kInvalid);
+    EXPECT_EQ(file.kind, kInvalid);
     EXPECT_TRUE(std::filesystem::is_empty("/run/elsewhere"));
     std::filesystem::remove_all("/run/elsewhere");
 }
@@ -122,7 +122,7 @@ TEST(SegmentWriter, RefusesWhatIsNoSegmentAndLeavesItAlone)
 
     EXPECT_FALSE(store_segment(opener, "short", kText, text_value("x"), problem));
 
-    EXPECT_EQ(problem.code, kInvalid);
+    EXPECT_EQ(problem.kind, kInvalid);
     EXPECT_EQ(std::filesystem::file_size("/dev/shm/zu-kp/short"), 76U);
 }
 

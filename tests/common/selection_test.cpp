@@ -59,6 +59,6 @@ TEST(Selection, RefusesATopicThatCannotExist)
 
     EXPECT_FALSE(selection.set({"a/../b"}, {}, problem));
 
-    EXPECT_EQ(problem.code, kUsage);
+    EXPECT_EQ(problem.kind, kUsage);
     EXPECT_EQ(problem.text, "\"a/../b\" is not a topic: a level is \"..\"");
 }

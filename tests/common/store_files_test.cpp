@@ -168,7 +168,7 @@ TEST(TopicOpener, NamesALevelThatIsATopicItself)
 
     EXPECT_FALSE(opener.open("a/b", problem));
 
-    EXPECT_EQ(problem.code, kNothing);
+    EXPECT_EQ(problem.kind, kNothing);
     EXPECT_EQ(problem.text, "a/b: no such topic (one of its levels is a topic itself)");
 }
 

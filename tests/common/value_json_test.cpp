@@ -15,7 +15,7 @@ std::string json_complaint(uint32_t type, const json &value)
 {
     Problem problem;
     EXPECT_FALSE(parse_json_value(type, value, ByteStyle::hex, problem));
-    EXPECT_EQ(problem.code, kUsage);
+    EXPECT_EQ(problem.kind, kUsage);
     return problem.text;
 }
 

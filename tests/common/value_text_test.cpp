@@ -25,7 +25,7 @@ std::string complaint(uint32_t type, std::string_view text)
 {
     Problem problem;
     EXPECT_FALSE(parse_value(type, text, ByteStyle::hex, problem));
-    EXPECT_EQ(problem.code, kUsage);
+    EXPECT_EQ(problem.kind, kUsage);
     return problem.text;
 }
 

@@ -7,7 +7,7 @@ namespace kp::tool {
 
 namespace {
 
-int kind_of(int error)
+ProblemKind kind_of(int error)
 {
     switch (error) {
     case EACCES:

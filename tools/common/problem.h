@@ -18,7 +18,7 @@ enum ProblemKind : int {
 };
 
 struct Problem {
-    int code = kDone;
+    ProblemKind kind = kDone;
     std::string text; // whole words, safe to show
 };
 

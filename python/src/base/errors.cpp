@@ -83,7 +83,7 @@ PyObject *raise(Kind kind, const std::string &text, int number)
 
 PyObject *raise(const tool::Problem &problem)
 {
-    switch (problem.code) {
+    switch (problem.kind) {
     case tool::kNothing:
         return raise(Kind::NotFoundError, problem.text);
     case tool::kPermission:

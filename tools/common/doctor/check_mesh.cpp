@@ -114,7 +114,7 @@ void check_sight(const Mesh &mesh, Findings &findings)
 {
     if (mesh.error != 0 && mesh.error != ENOENT && mesh.error != ENOTDIR)
         findings.push_back(unseen(kEndpointRoot, "cannot be read, so no endpoint was checked",
-                                  system_problem("", mesh.error).code));
+                                  system_problem("", mesh.error).kind));
 }
 
 } // namespace

@@ -94,7 +94,7 @@ class StoreCheck {
         struct stat status;
         Problem problem;
         if (!opener_.status(topic, status, problem)) {
-            if (problem.code == kPermission)
+            if (problem.kind == kPermission)
                 unreadable_.add(name);
             return;
         }
@@ -102,9 +102,9 @@ class StoreCheck {
             check_mode(name, status);
         const auto snapshot = read_topic(opener_, topic, problem);
         if (!snapshot) {
-            if (problem.code == kPermission)
+            if (problem.kind == kPermission)
                 unreadable_.add(name);
-            if (problem.code == kInvalid)
+            if (problem.kind == kInvalid)
                 add(Severity::error, "not-a-segment", name, text_behind(name, problem),
                     "kp rm " + argument(topic));
             return;
@@ -205,9 +205,9 @@ class StoreCheck {
             const Problem &problem = listing.problems[index];
             if (!listing.closed[index].empty())
                 add(Severity::note, "unreadable", "store", problem.text, "sudo kp doctor");
-            else if (problem.code != kInvalid) // which is told of the directory
+            else if (problem.kind != kInvalid) // which is told of the directory
                 findings_.push_back(
-                    unseen(kStoreRoot, "cannot be read, so no topic was checked", problem.code));
+                    unseen(kStoreRoot, "cannot be read, so no topic was checked", problem.kind));
         }
     }
 

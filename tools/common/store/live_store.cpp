@@ -103,7 +103,7 @@ std::vector<std::string> LiveStore::enter(const std::string &directory, int fd,
 void LiveStore::miss(const std::string &directory, const Problem &problem)
 {
     forget_directory(directory);
-    if (problem.code != kNothing)
+    if (problem.kind != kNothing)
         report(problem);
 }
 
@@ -154,7 +154,7 @@ void LiveStore::open(const std::string &topic)
         refused_.erase(topic);
         row_.clear();
         topics_.insert_or_assign(topic, LiveTopic{topic, std::move(*reader), {}, true, false});
-    } else if (problem.code == kNothing) {
+    } else if (problem.kind == kNothing) {
         refused_.erase(topic); // its directory will show it, should it come back
     } else {
         refused_.insert(topic);

@@ -114,7 +114,7 @@ class Lister : public StoreVisitor {
     }
     void miss(const std::string &name, const Problem &problem) override
     {
-        if (problem.code == kNothing) // one that is gone has no topics
+        if (problem.kind == kNothing) // one that is gone has no topics
             return;
         listing_.problems.push_back(problem);
         listing_.closed.push_back(name);

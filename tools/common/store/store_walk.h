@@ -38,7 +38,7 @@ class StoreVisitor {
     // open during the call.
     virtual std::vector<std::string> enter(const std::string &name, int fd,
                                            const struct stat &status) = 0;
-    // This directory cannot be entered; the problem's code is kNothing when it is gone.
+    // This directory cannot be entered; the problem is kNothing when it is gone.
     virtual void miss(const std::string &name, const Problem &problem) = 0;
 };
 

@@ -116,8 +116,8 @@ bool NoticeSender::open(const char *what, Problem &problem)
     if (endpoint_)
         return true;
     problem = system_problem(std::string(kEndpointRoot) + ": " + what, errno);
-    if (problem.code != kPermission)
-        problem.code = kLimit;
+    if (problem.kind != kPermission)
+        problem.kind = kLimit;
     return false;
 }
 

@@ -76,7 +76,7 @@ std::optional<Target> find_target(const Write &write, Problem &problem)
     }
     TopicOpener opener;
     const auto snapshot = read_topic(opener, write.topic, problem);
-    if (!snapshot && problem.code != kNothing)
+    if (!snapshot && problem.kind != kNothing)
         return std::nullopt;
     std::optional<Target> target;
     if (snapshot && snapshot->condition != Condition::undeclared) {

@@ -80,7 +80,7 @@ Held open_again(TopicOpener &opener, const DeadTopic &dead)
     Problem problem;
     UniqueFd fd = opener.open(dead.topic, problem, dead.is_orphan() ? O_RDONLY : O_RDWR);
     struct stat status;
-    if (!fd && problem.code != kNothing)
+    if (!fd && problem.kind != kNothing)
         return {&dead, {}, {Deed::failed, problem}};
     if (!fd || dead.is_ambiguous() || fstat(fd.get(), &status) != 0 || file_id(status) != dead.file)
         return {&dead};
@@ -131,7 +131,7 @@ DeedResult act_on(TopicOpener &opener, const Held &held)
         return {};
     if (opener.remove_same(dead.topic, dead.file, problem))
         return {Deed::done, {}};
-    return problem.code == kPermission ? DeedResult{Deed::failed, problem} : DeedResult{};
+    return problem.kind == kPermission ? DeedResult{Deed::failed, problem} : DeedResult{};
 }
 
 void bury_some(const DeadTopic *first, std::size_t count, std::vector<DeedResult> &deeds)
@@ -165,7 +165,7 @@ DeadTopics find_dead_topics(const StoreListing &listing, const TopicSearch &sear
         Problem problem;
         if (auto dead = suspect(opener, file.topic, search, problem))
             found.topics.push_back(std::move(*dead));
-        else if (problem.code != kDone && problem.code != kNothing)
+        else if (problem.kind != kDone && problem.kind != kNothing)
             found.problems.push_back(std::move(problem));
     }
     if (found.topics.empty())

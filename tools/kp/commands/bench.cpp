@@ -190,8 +190,8 @@ struct Bench {
         if (const int error = provider.error() != 0 ? provider.error() : consumer.error()) {
             problem =
                 system_problem(std::string(kEndpointRoot) + ": no endpoint of its own", error);
-            if (problem.code != kPermission)
-                problem.code = kLimit;
+            if (problem.kind != kPermission)
+                problem.kind = kLimit;
             return false;
         }
         const std::string small_topic = directory + "/uint64";

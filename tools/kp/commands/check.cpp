@@ -70,12 +70,12 @@ class Check {
         for (const StoreFile &file : listing.files) {
             Problem problem;
             const auto snapshot = read_topic(opener, file.topic, problem);
-            if (!snapshot && problem.code == kNothing)
+            if (!snapshot && problem.kind == kNothing)
                 continue; // it has just been removed
             seen_.insert(file.topic);
             if (snapshot)
                 look_at(file.topic, *snapshot);
-            else if (problem.code == kInvalid)
+            else if (problem.kind == kInvalid)
                 tell({"unreadable", file.topic, problem.text});
             else
                 outcome_.note(problem);

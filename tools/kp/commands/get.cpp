@@ -57,7 +57,7 @@ Found read_values(const std::vector<std::string> &topics, const Selection &selec
         }
         if (snapshot)
             problem = value_problem(topic, *snapshot);
-        if (is_named || problem.code != kNothing) // a pattern asks for values, not for empty topics
+        if (is_named || problem.kind != kNothing) // a pattern asks for values, not for empty topics
             found.problems.push_back(std::move(problem));
     }
     return found;
@@ -68,7 +68,7 @@ bool is_incomplete(const Found &found)
 {
     return found.rows.empty() ||
            std::any_of(found.problems.begin(), found.problems.end(),
-                       [](const Problem &problem) { return problem.code == kNothing; });
+                       [](const Problem &problem) { return problem.kind == kNothing; });
 }
 
 int run_get(GetOptions &options, const Selection &selection)

@@ -166,7 +166,7 @@ void keep_segments(StoreListing &listing, Outcome &outcome)
         Problem problem;
         const bool good = opener.status(file.topic, status, problem) &&
                           is_segment_file(status, file.topic, problem);
-        if (!good && problem.code != kNothing) // one may be removed at any time
+        if (!good && problem.kind != kNothing) // one may be removed at any time
             outcome.note(problem);
         return !good;
     });
@@ -183,7 +183,7 @@ std::vector<Row> read_rows(const StoreListing &listing, Outcome &outcome)
             outcome.note(value_problem(file.topic, *snapshot));
         if (snapshot)
             rows.push_back({file.topic, std::move(*snapshot)});
-        else if (problem.code != kNothing)
+        else if (problem.kind != kNothing)
             outcome.note(problem);
     }
     return rows;

@@ -113,7 +113,7 @@ class Removal {
         Victim victim{topic, file_id(status)};
         if (S_ISREG(status.st_mode) && !options_.dry_run && !options_.force) {
             victim.held.fd.reset(opener_.open_any(topic, problem).release());
-            if (!victim.held.fd && problem.code != kPermission) // such as no descriptor left
+            if (!victim.held.fd && problem.kind != kPermission) // such as no descriptor left
                 return outcome_.note(problem);
         }
         victims.push_back(std::move(victim));
@@ -144,7 +144,7 @@ class Removal {
         Problem problem;
         const auto snapshot = read_topic(opener_, victim.topic, problem);
         const bool may_be_open =
-            snapshot ? snapshot->providers > 0 || snapshot->consumers > 0 : problem.code == kLimit;
+            snapshot ? snapshot->providers > 0 || snapshot->consumers > 0 : problem.kind == kLimit;
         if (may_be_open && !all.unreadable.empty())
             return Problem{kPermission, name + ": counted as open, and " +
                                             hidden_processes_text(all.unreadable.size()) +

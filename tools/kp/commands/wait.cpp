@@ -45,7 +45,7 @@ class Waiting {
         TopicOpener opener;
         Problem missing;
         const auto snapshot = read_topic(opener, topic_, missing);
-        if (!snapshot && missing.code == kPermission) {
+        if (!snapshot && missing.kind == kPermission) {
             problem = missing;
             return std::nullopt;
         }
@@ -87,11 +87,11 @@ class Waiting {
     void note_problem(const std::optional<Snapshot> &snapshot, const Problem &missing)
     {
         Problem found;
-        if (!snapshot && missing.code != kNothing)
+        if (!snapshot && missing.kind != kNothing)
             found = missing;
         if (snapshot && snapshot->has_broken_value())
             found = value_problem(topic_, *snapshot);
-        if (problem_.code == kDone)
+        if (problem_.kind == kDone)
             problem_since_ = monotonic_us();
         problem_ = std::move(found);
     }
@@ -129,7 +129,7 @@ void print(const Waiting &waiting)
 // Gives the code for a condition that did not come to hold.
 int give_up(const Waiting &waiting, int code)
 {
-    return waiting.problem().code == kDone ? code : complain(waiting.problem());
+    return waiting.problem().kind == kDone ? code : complain(waiting.problem());
 }
 
 // Gives what is waited for; nothing, with a problem, when the words do not say it.
@@ -183,7 +183,7 @@ int wait_until_met(Waiting &waiting, const WaitOptions &options, NoticeQueue *qu
             return give_up(waiting, kNothing);
         if (now >= end)
             return give_up(waiting, kTimeout);
-        if (options.timeout < 0 && !is_told && waiting.problem().code != kDone &&
+        if (options.timeout < 0 && !is_told && waiting.problem().kind != kDone &&
             now >= waiting.problem_since() + kUsPerSecond) {
             is_told = true;
             complain(waiting.problem().text);

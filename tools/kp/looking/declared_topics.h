@@ -19,7 +19,7 @@ void for_each_declared(const Selection &selection, Outcome &outcome, const Use &
         const bool broken = snapshot && snapshot->has_broken_value();
         if (broken)
             problem = value_problem(file.topic, *snapshot);
-        if (problem.code != kDone && problem.code != kNothing) // one may be removed at any time
+        if (problem.kind != kDone && problem.kind != kNothing) // one may be removed at any time
             outcome.note(problem);
         if (snapshot && !broken && snapshot->condition != Condition::undeclared)
             use(file.topic, *snapshot);

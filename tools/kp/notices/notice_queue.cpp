@@ -53,7 +53,7 @@ Problem NoticeQueue::problem_of(int error)
 {
     Problem problem =
         system_problem(std::string(kEndpointRoot) + ": the mesh cannot be joined", error);
-    problem.code = problem.code == kPermission ? kPermission : kLimit;
+    problem.kind = problem.kind == kPermission ? kPermission : kLimit;
     return problem;
 }
 

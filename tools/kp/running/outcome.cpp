@@ -15,7 +15,7 @@ void complain(const std::string &text)
 int complain(const Problem &problem)
 {
     complain(problem.text);
-    return problem.code;
+    return problem.kind;
 }
 
 void Outcome::note(const Problem &problem)

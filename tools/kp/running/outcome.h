@@ -15,7 +15,7 @@ constexpr int kSignalBase = 128; // plus the number of the signal that ended the
 // Prints one line on standard error, unless its reader does not take it in time.
 void complain(const std::string &text);
 
-// Prints the problem and returns its code.
+// Prints the problem and returns its kind, which is an exit code.
 int complain(const Problem &problem);
 
 // The exit code of a command that goes on after a problem: the first that is not 0 stays.

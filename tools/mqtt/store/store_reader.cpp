@@ -74,7 +74,7 @@ ReadOutcome StoreReader::read(const std::string &topic, Sample &sample) const
     auto snapshot = look_at(topic, problem);
     if (!snapshot) {
         const bool is_missing =
-            problem.code == tool::kNothing || tool::place_of(topic) == tool::Place::below_a_topic;
+            problem.kind == tool::kNothing || tool::place_of(topic) == tool::Place::below_a_topic;
         return is_missing ? ReadOutcome::missing : ReadOutcome::refused;
     }
     const ReadOutcome outcome = outcome_of(*snapshot);

@@ -13,9 +13,9 @@ constexpr std::string_view kTagsPath = "/tags/";
 // Gives the status that tells of a problem with the store.
 inline unsigned status_of(const tool::Problem &problem)
 {
-    return problem.code == tool::kNothing      ? 404
-           : problem.code == tool::kUsage      ? 400
-           : problem.code == tool::kPermission ? 403
+    return problem.kind == tool::kNothing      ? 404
+           : problem.kind == tool::kUsage      ? 400
+           : problem.kind == tool::kPermission ? 403
                                                : 500;
 }
 

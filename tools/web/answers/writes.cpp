@@ -64,9 +64,9 @@ std::optional<Answer> body_refusal(const Request &request)
 // Gives the status for a request that was understood, but that the store does not take.
 unsigned status_of_write(const tool::Problem &problem)
 {
-    return problem.code == tool::kUsage     ? 422
-           : problem.code == tool::kInvalid ? 409
-           : problem.code == tool::kLimit   ? 507
+    return problem.kind == tool::kUsage     ? 422
+           : problem.kind == tool::kInvalid ? 409
+           : problem.kind == tool::kLimit   ? 507
                                             : status_of(problem);
 }
 
