@@ -27,6 +27,17 @@ TEST(Hex, IsRefusedWhenMalformed)
     EXPECT_FALSE(from_hex("0g"));
 }
 
+TEST(Escape, IsAPercentSignAndTwoDigits)
+{
+    EXPECT_EQ(escaped_byte("%2Fa"), '/');
+    EXPECT_EQ(escaped_byte("%ff"), '\xff');
+    EXPECT_EQ(escaped_byte("%00"), '\0');
+    EXPECT_FALSE(escaped_byte("2F"));
+    EXPECT_FALSE(escaped_byte("%2"));
+    EXPECT_FALSE(escaped_byte("%2g"));
+    EXPECT_FALSE(escaped_byte(""));
+}
+
 TEST(Base64, ComesBackAsItWent)
 {
     EXPECT_EQ(to_base64(""), "");

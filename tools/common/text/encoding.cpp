@@ -17,6 +17,16 @@ int hex_digit(char digit)
     return -1;
 }
 
+// The byte of the two digits at the start of a text.
+std::optional<char> byte_of_digits(std::string_view text)
+{
+    const int high = text.size() > 1 ? hex_digit(text[0]) : -1;
+    const int low = text.size() > 1 ? hex_digit(text[1]) : -1;
+    if (high < 0 || low < 0)
+        return std::nullopt;
+    return static_cast<char>(high * 16 + low);
+}
+
 constexpr std::string_view kBase64 =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -44,11 +54,10 @@ std::optional<std::string> from_hex(std::string_view text)
             text.remove_prefix(1);
             continue;
         }
-        const int high = hex_digit(text[0]);
-        const int low = text.size() > 1 ? hex_digit(text[1]) : -1;
-        if (high < 0 || low < 0)
+        const auto byte = byte_of_digits(text);
+        if (!byte)
             return std::nullopt;
-        out += static_cast<char>(high * 16 + low);
+        out += *byte;
         text.remove_prefix(2);
     }
     return out;
@@ -88,6 +97,11 @@ std::optional<std::string> from_base64(std::string_view text)
     }
     out.resize(out.size() - padding);
     return out;
+}
+
+std::optional<char> escaped_byte(std::string_view text)
+{
+    return text.starts_with('%') ? byte_of_digits(text.substr(1)) : std::nullopt;
 }
 
 } // namespace kp::tool

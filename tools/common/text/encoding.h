@@ -1,4 +1,4 @@
-// Bytes as text: hexadecimal and base64.
+// Bytes as text: hexadecimal, base64, and the escapes of addresses.
 #pragma once
 
 #include <optional>
@@ -17,5 +17,8 @@ std::optional<std::string> from_hex(std::string_view text);
 std::string to_base64(std::string_view bytes);
 // Gives nothing if the text is not base64 with padding.
 std::optional<std::string> from_base64(std::string_view text);
+
+// Gives the byte of an escape, "%" and two digits, at the start of a text; nothing without one.
+std::optional<char> escaped_byte(std::string_view text);
 
 } // namespace kp::tool

@@ -1,12 +1,11 @@
 #include "names/topic_names.h"
 
 #include "common/names/topic_name.h"
+#include "common/text/encoding.h"
 #include "common/text/text.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
-#include <optional>
 
 namespace kp::mqtt {
 
@@ -47,16 +46,6 @@ std::string escape(std::string_view text, std::string_view also)
     return escaped;
 }
 
-// The byte of an escape at the start of a text; nothing when there is none.
-std::optional<char> escaped_byte(std::string_view text)
-{
-    if (text.size() < 3 || text[0] != '%')
-        return {};
-    unsigned byte = 0;
-    const auto end = std::from_chars(text.data() + 1, text.data() + 3, byte, 16).ptr;
-    return end == text.data() + 3 ? std::optional(static_cast<char>(byte)) : std::nullopt;
-}
-
 // Beside what no level may be: what only an escape can bring, and what would act as a pattern.
 std::string escaped_level_problem(std::string_view level)
 {
@@ -79,7 +68,7 @@ std::string without_escapes(std::string_view text)
     std::string plain;
     plain.reserve(text.size());
     while (!text.empty()) {
-        const auto byte = escaped_byte(text);
+        const auto byte = tool::escaped_byte(text);
         plain += byte.value_or(text[0]);
         text.remove_prefix(byte ? 3 : 1);
     }

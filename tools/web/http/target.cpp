@@ -1,38 +1,25 @@
 #include "http/target.h"
 
+#include "common/text/encoding.h"
+
 #include <optional>
 
 namespace kp::web {
 
 namespace {
 
-int digit_of(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
 // Gives nothing for a broken escape, nor for a zero byte, which no topic has. A plus stays a plus,
 // since it is a wildcard of patterns.
 std::optional<std::string> decoded(std::string_view text)
 {
     std::string out;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        char byte = text[at];
-        if (byte == '%') {
-            const int high = at + 2 < text.size() ? digit_of(text[at + 1]) : -1;
-            const int low = at + 2 < text.size() ? digit_of(text[at + 2]) : -1;
-            if (high < 0 || low < 0)
-                return std::nullopt;
-            byte = static_cast<char>(high * 16 + low);
-            at += 2;
-        }
-        if (byte == '\0')
+    while (!text.empty()) {
+        const bool is_escape = text[0] == '%';
+        const auto byte = is_escape ? tool::escaped_byte(text) : text[0];
+        if (byte.value_or('\0') == '\0')
             return std::nullopt;
-        out += byte;
+        out += *byte;
+        text.remove_prefix(is_escape ? 3 : 1);
     }
     return out;
 }
