@@ -130,6 +130,46 @@ bool notify_client_init(kp_notify_t &endpoint)
     return start_thread(endpoint.receive_thread, message_receive_listener, endpoint);
 }
 
+namespace {
+
+// Fills in what does not depend on the system. An endpoint without a name gets one.
+void set_up(kp_notify_t &endpoint, const char *name)
+{
+    std::ranges::fill(endpoint.server_fds, kFreeSlot);
+    std::ranges::fill(endpoint.client_fds, kFreeSlot);
+    endpoint.watch_fd = -1;
+    (void)sem_init(&endpoint.stop_cleared, 0, 0); // cannot fail for these arguments
+    (void)sem_init(&endpoint.watch_tried, 0, 0);
+    endpoint.claims_mutex = PTHREAD_MUTEX_INITIALIZER;
+    if (name && *name)
+        (void)format_text(endpoint.name, "%s", name);
+    else
+        make_up_name(endpoint.name);
+}
+
+// Starts both sides of an endpoint, or closes it and gives null after a log line under the caller's
+// name.
+kp_notify_t *start(kp_notify_t *endpoint, LogSite site = LogSite::current())
+{
+    if (!notify_server_init(*endpoint)) {
+        const KeepErrno keep;
+        (void)kp_notify_close(&endpoint);
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "init server failed\n");
+        return nullptr;
+    }
+    const bool has_joined = notify_client_init(*endpoint);
+    const KeepErrno keep;
+    wait_for(endpoint->stop_cleared); // cleared later, it could undo a close
+    if (!has_joined) {
+        KP_LOG_AT(KP_LEVEL_ERROR, site, "client failed\n");
+        (void)kp_notify_close(&endpoint);
+        return nullptr;
+    }
+    return endpoint;
+}
+
+} // namespace
+
 } // namespace kp
 
 using namespace kp;
@@ -153,17 +193,7 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
         KP_ERROR("MALLOC NOTIFY(): %s\n", std::strerror(errno));
         return nullptr;
     }
-    std::ranges::fill(endpoint->server_fds, kFreeSlot);
-    std::ranges::fill(endpoint->client_fds, kFreeSlot);
-    endpoint->watch_fd = -1;
-    (void)sem_init(&endpoint->stop_cleared, 0, 0); // cannot fail for these arguments
-    (void)sem_init(&endpoint->watch_tried, 0, 0);
-    endpoint->claims_mutex = PTHREAD_MUTEX_INITIALIZER;
-    if (name && *name)
-        (void)format_text(endpoint->name, "%s", name);
-    else
-        make_up_name(endpoint->name);
-
+    set_up(*endpoint, name);
     const auto length = static_cast<std::size_t>(len);
     MallocPtr<uint8_t> message(static_cast<uint8_t *>(std::calloc(1, message_room(length))));
     if (!message) {
@@ -180,20 +210,5 @@ kp_notify_t *kp_notify_init(const char *name, int32_t len, kp_notify_cb_t callba
     endpoint->cb_obj = cb_obj;
 
     enter_fork_link(endpoint->fork_link, leave_to_parent, endpoint.get());
-    kp_notify_t *started = endpoint.release(); // from here on kp_notify_close() cleans up
-    if (!notify_server_init(*started)) {
-        const KeepErrno keep;
-        (void)kp_notify_close(&started);
-        KP_ERROR("init server failed\n");
-        return nullptr;
-    }
-    const bool has_joined = notify_client_init(*started);
-    const KeepErrno keep;
-    wait_for(started->stop_cleared); // cleared later, it could undo a close
-    if (!has_joined) {
-        KP_ERROR("client failed\n");
-        (void)kp_notify_close(&started);
-        return nullptr;
-    }
-    return started;
+    return start(endpoint.release());
 }

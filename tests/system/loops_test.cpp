@@ -1,5 +1,6 @@
 // Each loop of examples/loops shows ten changes made by a provider and ends.
 #include "testing/child.h"
+#include "testing/process.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -28,7 +29,9 @@ TEST_P(Loop, ShowsTenChangesAndEnds)
     ASSERT_EQ(provider.hear(), "ready");
     ChildProcess loop(std::vector<std::string>{GetParam()});
     ASSERT_EQ(loop.hear(), "ready");
-    ASSERT_TRUE(wait_until([&] { return sockets_of(provider.pid()) == 3; }));
+    // Its notices reach only whom it has taken in, which comes after its accepting the connection.
+    ASSERT_TRUE(
+        wait_until([&] { return sockets_of(provider.pid()) == 3 && is_at_rest(provider.pid()); }));
 
     for (int value = 1; value <= 10; ++value) {
         ASSERT_TRUE(provider.tell("next"));

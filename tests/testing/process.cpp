@@ -37,14 +37,20 @@ std::map<int, std::string> open_descriptors()
 
 namespace {
 
+// The first words behind the name in the `stat` file of a task: its state, and others.
+std::istringstream stat_of(const fs::path &task)
+{
+    std::ifstream file(task / "stat");
+    std::string stat;
+    std::getline(file, stat);
+    return std::istringstream(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
+}
+
 // One that was joined stands among the tasks for a moment more, on its way out.
 bool is_exiting(const fs::path &task)
 {
     constexpr unsigned kExiting = 0x4; // of the kernel's flags, the seventh word after the name
-    std::ifstream file(task / "stat");
-    std::string stat;
-    std::getline(file, stat);
-    std::istringstream words(stat.substr(std::min(stat.size(), stat.rfind(')') + 1)));
+    std::istringstream words = stat_of(task);
     std::string word;
     for (int count = 0; count < 6; ++count)
         words >> word;
@@ -69,6 +75,16 @@ int thread_count()
     const fs::directory_iterator tasks("/proc/self/task");
     return static_cast<int>(std::count_if(
         begin(tasks), end(tasks), [](const auto &task) { return !is_exiting(task.path()); }));
+}
+
+bool is_at_rest(pid_t pid)
+{
+    const fs::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task");
+    return std::all_of(begin(tasks), end(tasks), [](const auto &task) {
+        char state = 'R';
+        stat_of(task.path()) >> state;
+        return state == 'S';
+    });
 }
 
 int mapping_count(const std::string &directory)

@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <sys/types.h>
 
 namespace kptest {
 
@@ -20,6 +21,9 @@ std::map<int, std::string> open_descriptors();
 
 // Counts the threads of this process that have not ended.
 int thread_count();
+
+// Says whether every thread of a process sleeps, so that it has taken in what had come before.
+bool is_at_rest(pid_t pid);
 
 // Counts the mappings of files below a directory, by default those of segments.
 int mapping_count(const std::string &directory = "/dev/shm/zu-kp/");
