@@ -27,9 +27,14 @@ ProblemKind kind_of(int error)
 
 } // namespace
 
+std::string system_text(const std::string &subject, int error)
+{
+    return subject + ": " + std::strerror(error);
+}
+
 Problem system_problem(const std::string &subject, int error)
 {
-    return {kind_of(error), subject + ": " + std::strerror(error)};
+    return {kind_of(error), system_text(subject, error)};
 }
 
 } // namespace kp::tool

@@ -22,7 +22,8 @@ struct Problem {
     std::string text; // whole words, safe to show
 };
 
-// The problem that the errno of a system call stands for, told about `subject`.
+// What the errno of a system call says, told about `subject`: as words, and as a problem.
+std::string system_text(const std::string &subject, int error);
 Problem system_problem(const std::string &subject, int error);
 
 } // namespace kp::tool

@@ -1,9 +1,9 @@
 #include "common/config/secret_file.h"
 
+#include "common/problem.h"
 #include "layout/unique_fd.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,21 +27,16 @@ std::string rights_problem(const std::string &path, const struct stat &status)
     return {};
 }
 
-std::string system_text(const std::string &path)
-{
-    return path + ": " + std::strerror(errno);
-}
-
 } // namespace
 
 std::string secret_file_problem(const std::string &path)
 {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)
-        return system_text(path);
+        return system_text(path, errno);
     if (std::string problem = rights_problem(path, status); !problem.empty())
         return problem;
-    return access(path.c_str(), R_OK) == 0 ? "" : system_text(path);
+    return access(path.c_str(), R_OK) == 0 ? "" : system_text(path, errno);
 }
 
 // Another file can take its place after the first look, so the one that was opened is looked at,
@@ -54,13 +49,13 @@ Result<std::string> read_secret_file(const std::string &path)
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (!fd || fstat(fd.get(), &status) != 0)
-        return Read::failed(system_text(path));
+        return Read::failed(system_text(path, errno));
     if (std::string problem = rights_problem(path, status); !problem.empty())
         return Read::failed(std::move(problem));
     std::string text(kMostBytes, '\0');
     const ssize_t size = read(fd.get(), text.data(), text.size());
     if (size < 0)
-        return Read::failed(system_text(path));
+        return Read::failed(system_text(path, errno));
     text.resize(static_cast<std::size_t>(size));
     return Read::of(std::move(text));
 }

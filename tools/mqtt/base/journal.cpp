@@ -1,8 +1,9 @@
 #include "base/journal.h"
 
+#include "common/problem.h"
+
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <unistd.h>
@@ -12,11 +13,6 @@ namespace kp::mqtt {
 namespace {
 
 constexpr size_t kFewLines = 1000; // a journal up to this size is not worth rewriting
-
-std::string failure(const std::string &path)
-{
-    return path + ": " + std::strerror(errno);
-}
 
 bool write_all(int fd, std::string_view text)
 {
@@ -49,9 +45,9 @@ std::string Journal::rewrite(const Whole &whole)
     UniqueFd file(::open(fresh.c_str(),
                          O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file || !write_all(file.get(), whole.text) || fdatasync(file.get()) != 0)
-        return failure(fresh);
+        return tool::system_text(fresh, errno);
     if (rename(fresh.c_str(), path_.c_str()) != 0)
-        return failure(path_);
+        return tool::system_text(path_, errno);
     fd_.reset(file.release());
     lines_ = whole.lines;
     return {};
@@ -67,7 +63,7 @@ std::string Journal::append(const std::string &line, size_t lines,
     const bool is_stale = failed_ || (lines_ > kFewLines && lines_ > 2 * lines);
     std::string problem = is_stale ? rewrite(whole()) : std::string();
     if (!is_stale && !write_all(fd_.get(), line + '\n'))
-        problem = failure(path_);
+        problem = tool::system_text(path_, errno);
     failed_ = !problem.empty();
     return problem;
 }

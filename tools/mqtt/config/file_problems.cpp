@@ -2,12 +2,12 @@
 
 #include "common/config/secret_file.h"
 #include "common/dictionary/live_dictionary.h"
+#include "common/problem.h"
 #include "config/credentials.h"
 #include "tls/certificate.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,29 +18,24 @@ namespace {
 // Made by systemd when the service starts for the first time, which is after the check.
 constexpr const char *kServiceFolder = "/var/lib/kp-mqtt";
 
-std::string system_problem(const std::string &path)
-{
-    return path + ": " + std::strerror(errno);
-}
-
 std::string folder_problem(const std::string &path, int rights)
 {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)
-        return system_problem(path);
+        return tool::system_text(path, errno);
     if (!S_ISDIR(status.st_mode))
         return path + ": is no directory";
-    return access(path.c_str(), rights) == 0 ? "" : system_problem(path);
+    return access(path.c_str(), rights) == 0 ? "" : tool::system_text(path, errno);
 }
 
 std::string plain_file_problem(const std::string &path, int rights)
 {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)
-        return system_problem(path);
+        return tool::system_text(path, errno);
     if (!S_ISREG(status.st_mode))
         return path + ": is no file";
-    return access(path.c_str(), rights) == 0 ? "" : system_problem(path);
+    return access(path.c_str(), rights) == 0 ? "" : tool::system_text(path, errno);
 }
 
 using Lines = std::vector<std::string>;

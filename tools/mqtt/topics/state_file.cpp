@@ -1,12 +1,13 @@
 #include "topics/state_file.h"
 
 #include "base/log.h"
+#include "common/clock.h"
+#include "common/problem.h"
 #include "names/topic_names.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -22,11 +23,6 @@ constexpr char kTaken = '<';
 constexpr char kCleared = '-';
 constexpr char kStarted = '@';  // a time, not a topic; none when the run has left
 constexpr char kCaughtUp = '~'; // a time, not a topic
-
-std::string failure(const std::string &path)
-{
-    return path + ": " + std::strerror(errno);
-}
 
 } // namespace
 
@@ -45,14 +41,13 @@ std::string StateFile::open_and_load()
     const std::string lock_path = path_ + ".lock";
     lock_.reset(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!lock_)
-        return failure(lock_path);
+        return tool::system_text(lock_path, errno);
     if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
         return errno == EWOULDBLOCK ? path_ + ": another bridge uses this state file"
-                                    : failure(lock_path);
+                                    : tool::system_text(lock_path, errno);
     struct stat status {};
     if (stat(path_.c_str(), &status) == 0)
-        last_used_ = static_cast<uint64_t>(status.st_mtim.tv_sec) * 1'000'000 +
-                     static_cast<uint64_t>(status.st_mtim.tv_nsec) / 1'000;
+        last_used_ = tool::to_us(status.st_mtim);
     journal_.read([this](const std::string &line) { load(line); });
     if (knowledge_)
         last_used_ = knowledge_->until;
