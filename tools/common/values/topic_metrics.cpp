@@ -49,16 +49,17 @@ std::string metric_label(const char *name, const std::string &text)
     return out + '"';
 }
 
-std::string gauge_family(const std::string &name, const char *help, const std::string &samples)
+void Gauge::add(const std::string &labels, const std::string &value)
+{
+    samples += name + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
+}
+
+std::string Gauge::text() const
 {
     if (samples.empty())
         return {};
-    return "# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n" + samples;
-}
-
-void TopicMetrics::Metric::add(const std::string &labels, const std::string &value)
-{
-    samples += std::string(name) + "{" + labels + "} " + value + "\n";
+    const std::string family = name;
+    return "# HELP " + family + " " + help + "\n# TYPE " + family + " gauge\n" + samples;
 }
 
 void TopicMetrics::take(const std::string &topic, const Snapshot &snapshot, const std::string &unit)
@@ -77,8 +78,8 @@ void TopicMetrics::take(const std::string &topic, const Snapshot &snapshot, cons
 std::string TopicMetrics::text() const
 {
     std::string text;
-    for (const Metric *metric : {&value_, &quality_, &written_, &providers_, &consumers_})
-        text += gauge_family(metric->name, metric->help, metric->samples);
+    for (const Gauge *gauge : {&value_, &quality_, &written_, &providers_, &consumers_})
+        text += gauge->text();
     return text;
 }
 

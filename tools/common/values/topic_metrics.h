@@ -11,8 +11,17 @@ namespace kp::tool {
 // A label of a sample, name="text".
 std::string metric_label(const char *name, const std::string &text);
 
-// A family of gauges with its help and type; nothing for one without samples.
-std::string gauge_family(const std::string &name, const char *help, const std::string &samples);
+// A metric and its samples, which the format wants side by side.
+struct Gauge {
+    const char *name;
+    const char *help;
+    std::string samples = {};
+
+    // Adds a sample with these labels, "" for none.
+    void add(const std::string &labels, const std::string &value);
+    // The samples below the metric's help and type; nothing without samples.
+    std::string text() const;
+};
 
 class TopicMetrics {
   public:
@@ -28,20 +37,11 @@ class TopicMetrics {
     }
 
   private:
-    // A metric and its samples, which the format wants side by side.
-    struct Metric {
-        const char *name;
-        const char *help;
-        std::string samples = {};
-
-        void add(const std::string &labels, const std::string &value);
-    };
-
-    Metric value_{"zu_kp_value", "The latest value of a topic of numbers or booleans."};
-    Metric quality_{"zu_kp_quality", "The quality of the value, 0 for none and 1 for good."};
-    Metric written_{"zu_kp_write_timestamp_seconds", "When the value was written, since 1970."};
-    Metric providers_{"zu_kp_providers", "Handles that are open to provide the topic."};
-    Metric consumers_{"zu_kp_consumers", "Handles that are open to consume the topic."};
+    Gauge value_{"zu_kp_value", "The latest value of a topic of numbers or booleans."};
+    Gauge quality_{"zu_kp_quality", "The quality of the value, 0 for none and 1 for good."};
+    Gauge written_{"zu_kp_write_timestamp_seconds", "When the value was written, since 1970."};
+    Gauge providers_{"zu_kp_providers", "Handles that are open to provide the topic."};
+    Gauge consumers_{"zu_kp_consumers", "Handles that are open to consume the topic."};
 };
 
 } // namespace kp::tool
