@@ -3,14 +3,11 @@
 #include "common/text/text.h"
 #include "common/writing/record_line.h"
 #include "looking/declared_topics.h"
-#include "options/option_checks.h"
+#include "options/record_options.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "running/line_reader.h"
 #include "writing/record_store.h"
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace kp::tool {
 
@@ -20,10 +17,7 @@ struct DumpOptions {
     SelectionOptions selection;
 };
 
-struct RestoreOptions {
-    std::string file = "-";
-    double peer_wait = 0.3;
-    bool force = false;
+struct RestoreOptions : RecordOptions {
     bool now = false;
 };
 
@@ -71,12 +65,7 @@ int restore_from(int fd, const RestoreOptions &options)
 
 int run_restore(const RestoreOptions &options)
 {
-    if (options.file == "-")
-        return restore_from(STDIN_FILENO, options);
-    const UniqueFd file(open(options.file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file)
-        return complain(system_problem(input_name(options.file), errno));
-    return restore_from(file.get(), options);
+    return run_on_input(options.file, [&options](int fd) { return restore_from(fd, options); });
 }
 
 } // namespace
@@ -95,15 +84,10 @@ void add_restore(Commands &commands)
     CLI::App &command =
         commands.add("restore", "write what dump printed, with its times and qualities",
                      [options] { return run_restore(*options); });
-    command.add_option("file", options->file, "the file; standard input unless given")
-        ->type_name("FILE");
-    command.add_flag("--force", options->force, "change the type of topics that exist");
+    add_record_options(command, *options);
     command.add_flag("--now", options->now,
                      "written now instead of at the times of the dump, which readers that are "
                      "running take for seen");
-    command.add_option("--peer-wait", options->peer_wait, "how long to wait for peers to connect")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 60.0));
 }
 
 } // namespace kp::tool

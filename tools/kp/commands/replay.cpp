@@ -2,14 +2,10 @@
 #include "commands/commands.h"
 #include "common/clock.h"
 #include "common/text/text.h"
-#include "options/option_checks.h"
+#include "options/record_options.h"
 #include "running/line_reader.h"
 #include "running/stop.h"
 #include "writing/record_store.h"
-
-#include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace kp::tool {
 
@@ -17,11 +13,8 @@ namespace {
 
 constexpr double kLongestWaitUs = 1e15; // some thirty years, whatever a line says
 
-struct ReplayOptions {
-    std::string file = "-";
+struct ReplayOptions : RecordOptions {
     double speed = 1;
-    double peer_wait = 0.3;
-    bool force = false;
 };
 
 // Readers take a value with an old timestamp for seen. So the times are moved: the timestamp is
@@ -113,12 +106,7 @@ class Replay {
 int run_replay(const ReplayOptions &options)
 {
     catch_stop_signals();
-    if (options.file == "-")
-        return Replay(options, STDIN_FILENO).run();
-    const UniqueFd file(open(options.file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file)
-        return complain(system_problem(input_name(options.file), errno));
-    return Replay(options, file.get()).run();
+    return run_on_input(options.file, [&options](int fd) { return Replay(options, fd).run(); });
 }
 
 } // namespace
@@ -129,17 +117,12 @@ void add_replay(Commands &commands)
     CLI::App &command =
         commands.add("replay", "write what record printed, at the pace at which it was seen",
                      [options] { return run_replay(*options); });
-    command.add_option("file", options->file, "the file; standard input unless given")
-        ->type_name("FILE");
+    add_record_options(command, *options);
     command
         .add_option("--speed", options->speed,
                     "times as fast as recorded; 1 unless given, 0 without any wait")
         ->type_name("X")
         ->check(in_range(0.0, 1e6));
-    command.add_flag("--force", options->force, "change the type of topics that exist");
-    command.add_option("--peer-wait", options->peer_wait, "how long to wait for peers to connect")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 60.0));
 }
 
 } // namespace kp::tool

@@ -5,7 +5,7 @@
 #include "common/writing/meant_write.h"
 #include "common/writing/notice_sender.h"
 #include "layout/value_type.h"
-#include "options/option_checks.h"
+#include "options/record_options.h"
 #include "output/output.h"
 #include "output/program_dictionary.h"
 #include "output/row_format.h"
@@ -274,9 +274,7 @@ void add_set(Commands &commands)
     command.add_flag_callback(
         "--base64", [options] { options->bytes = ByteStyle::base64; },
         "a bytearray or raw value is given in base64");
-    command.add_option("--peer-wait", options->peer_wait, "how long to wait for peers to connect")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 60.0));
+    add_peer_wait(command, options->peer_wait);
     command.add_flag("-j,--json", options->json, "print the new state as a JSON line");
 }
 

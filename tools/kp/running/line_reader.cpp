@@ -1,11 +1,13 @@
 #include "running/line_reader.h"
 
 #include "common/text/text.h"
+#include "layout/unique_fd.h"
 #include "running/stop.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
 #include <limits>
 #include <unistd.h>
 #include <utility>
@@ -21,6 +23,14 @@ constexpr std::size_t kLongestLine = 1 << 20; // a record takes a tenth of that 
 std::string input_name(const std::string &file)
 {
     return file == "-" ? "standard input" : escaped(file);
+}
+
+int run_on_input(const std::string &file, const std::function<int(int fd)> &run)
+{
+    if (file == "-")
+        return run(STDIN_FILENO);
+    const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd ? run(fd.get()) : complain(system_problem(input_name(file), errno));
 }
 
 Problem LineReader::at_line(Problem problem) const

@@ -4,6 +4,7 @@
 
 #include "running/outcome.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -45,5 +46,9 @@ class LineReader {
 
 // What to call a file in a message, where "-" stands for standard input.
 std::string input_name(const std::string &file);
+
+// Calls `run` with the file open to read, or with standard input for "-", and gives what it gives:
+// an exit code. Complains if the file cannot be opened.
+int run_on_input(const std::string &file, const std::function<int(int fd)> &run);
 
 } // namespace kp::tool
