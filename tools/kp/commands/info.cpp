@@ -15,7 +15,7 @@ namespace kp::tool {
 
 namespace {
 
-constexpr unsigned kManyHandles = 250; // the counts have 8 bits and wrap at 256
+constexpr unsigned kNearlyWrapped = 250; // the counts have 8 bits
 constexpr std::size_t kLabelColumns = 12;
 
 struct InfoOptions {
@@ -66,7 +66,7 @@ std::string counts_note(const Snapshot &snapshot, const Users &users)
 {
     const unsigned counted = static_cast<unsigned>(snapshot.providers) + snapshot.consumers;
     const unsigned mapped = users.writable();
-    if (snapshot.providers >= kManyHandles || snapshot.consumers >= kManyHandles)
+    if (snapshot.providers >= kNearlyWrapped || snapshot.consumers >= kNearlyWrapped)
         return "the counts wrap at 256";
     if (counted == mapped)
         return "";
