@@ -263,6 +263,8 @@ TEST_F(NotifyClose, LeavesTheNumberOfItsPipeToItsNextOwner)
     EXPECT_EQ(close(number), 0);
 }
 
+constexpr const char *kEndOfLogLine = "\033[0m"; // the colour ends with each line, of any level
+
 // How many lines of errors each of the three threads has written. They write at the same time.
 std::vector<std::size_t> count_from_threads(const StderrCapture &log)
 {
@@ -281,7 +283,8 @@ TEST_F(NotifyClose, EndsWhenTheThreadsDiedLongBefore)
     endpoint.close();
 
     EXPECT_EQ(count_from_threads(log), (std::vector<std::size_t>{1, 1, 1}));
-    EXPECT_EQ(log.count_of("epoll_create1 failed"), 3U);
+    EXPECT_EQ(log.count_of("epoll_create1 failed\n"), 3U);
+    EXPECT_EQ(log.count_of(kEndOfLogLine), 3U);
 }
 
 TEST_F(NotifyClose, EndsWhenNoThreadCanBeWoken)
@@ -295,6 +298,8 @@ TEST_F(NotifyClose, EndsWhenNoThreadCanBeWoken)
 
     EXPECT_EQ(count_from_threads(log), (std::vector<std::size_t>{2, 2, 2}));
     EXPECT_EQ(log.count_of("epoll_ctl(EPOLL_CTL_ADD, "), 6U);
+    EXPECT_EQ(log.count_of(") failed\n"), 6U);
+    EXPECT_EQ(log.count_of(kEndOfLogLine), 6U);
 }
 
 TEST_F(NotifyClose, CanBeFollowedByAnEndpointOfTheSameName)
