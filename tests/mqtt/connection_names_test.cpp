@@ -27,7 +27,7 @@ struct SecondConnection {
     {
         names.begin_attempt();
         last = names.current();
-        names.is_online(kAddress);
+        names.went_online(kAddress);
         names.begin_attempt();
     }
 };
@@ -43,7 +43,7 @@ TEST(ConnectionNames, KeepOneNameUntilAConnectionIsOnline)
     names.begin_attempt();
     EXPECT_EQ(names.current(), first);
 
-    names.is_online(kAddress);
+    names.went_online(kAddress);
     EXPECT_FALSE(names.none_was_online());
     names.begin_attempt();
     EXPECT_NE(names.current(), first);

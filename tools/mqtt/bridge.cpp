@@ -162,7 +162,7 @@ void Bridge::take_over(Configuration configuration, bool connects_anew, Clock::t
         session_.connect_anew(now);
     else
         session_.renew(now);
-    changes_.scan_next(now);
+    changes_.make_scan_due(now);
     log(Level::info, "the configuration has been read again: " + configuration_.summary() +
                          (connects_anew ? "; connecting anew" : ""));
 }

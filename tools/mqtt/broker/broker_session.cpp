@@ -322,7 +322,7 @@ void BrokerSession::go_online(bool has_read)
     phase_ = Phase::online;
     online_since_ = Clock::now();
     const std::string address = choice_.now().address();
-    names_.is_online(address);
+    names_.went_online(address);
     choice_.forget_reasons();
     events_.online(kept_, has_read);
     subscriptions_.ask_at_last(*link_);

@@ -22,7 +22,7 @@ void ConnectionNames::begin_attempt()
         current_ = random_name();
 }
 
-void ConnectionNames::is_online(const std::string &address)
+void ConnectionNames::went_online(const std::string &address)
 {
     last_ = current_;
     last_address_ = address;

@@ -12,8 +12,8 @@ class ConnectionNames {
   public:
     // To be called before each attempt to connect. Attempts share a name until one is online.
     void begin_attempt();
-    // The connection is online, with the broker at that address.
-    void is_online(const std::string &address);
+    // To be called when the connection is online, with the broker at that address.
+    void went_online(const std::string &address);
 
     // The name of this connection, or of the attempt.
     const std::string &current() const

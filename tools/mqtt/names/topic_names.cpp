@@ -46,8 +46,8 @@ std::string escape(std::string_view text, std::string_view also)
     return escaped;
 }
 
-// Beside what no level may be: what only an escape can bring, and what would act as a pattern.
-std::string escaped_level_problem(std::string_view level)
+// Says why a level whose escapes are undone cannot be one of a tag. Only an escape brings it a "/".
+std::string tag_level_problem(std::string_view level)
 {
     if (level.find('/') != level.npos)
         return "a level holds an escaped \"/\"";
@@ -97,7 +97,7 @@ Name to_tag_topic(std::string_view topic)
         if (raw.starts_with('$'))
             return {{}, "a level starts with \"$\""};
         const std::string level = without_escapes(raw);
-        if (std::string problem = escaped_level_problem(level); !problem.empty())
+        if (std::string problem = tag_level_problem(level); !problem.empty())
             return {{}, std::move(problem)};
         name.text = tool::join_levels(name.text, level);
     }

@@ -31,7 +31,7 @@ class StoreChanges {
 
     // Scans if it is time, and may then look at who has which topic open.
     void scan_when_due(Clock::time_point now);
-    void scan_next(Clock::time_point now)
+    void make_scan_due(Clock::time_point now)
     {
         next_scan_ = now;
     }
