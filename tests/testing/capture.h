@@ -34,7 +34,7 @@ class Capture {
     bool has_log_lines(std::size_t count) const;
 
     // How often a text stands there that is written at once: the beginning of a log line up to its
-    // function, or its message. Lines of several threads may mix, such pieces do not.
+    // function, or its message. Lines of several threads may mix, but such pieces do not.
     std::size_t count_of(const std::string &piece) const;
 
     // Forgets what was caught so far.

@@ -12,6 +12,7 @@
 //   @time  until then a run that has not left knew where every value of the store came from, but it
 //          never caught up with what came before it
 //   ~time  the same of a run that had caught up
+//   @      that run has left in order
 #pragma once
 
 #include "base/journal.h"
