@@ -53,6 +53,67 @@ TEST_F(Read, PassesTheFailureOfTheStoreOn)
     EXPECT_EQ(value_, -1);
 }
 
+// A read by a tag takes a shorter way than the one of the store while nothing speaks against it.
+TEST_F(Read, WaitsForAWriterThatEnds)
+{
+    segment_.put_u8(at::writing, 1);
+    const Before third_pause{Call::usleep,
+                             [this] {
+                                 segment_.put_u32(at::value, 43);
+                                 segment_.put_u8(at::writing, 0);
+                             },
+                             3};
+
+    EXPECT_EQ(kp_tag_read(tag_, &value_, sizeof(value_)), 4);
+
+    EXPECT_EQ(value_, 43);
+}
+
+TEST_F(Read, GivesUpOnAWriterThatDoesNotEnd)
+{
+    segment_.put_u8(at::writing, 1);
+    const CountCalls pauses(Call::usleep);
+
+    EXPECT_EQ(kp_tag_read(tag_, &value_, sizeof(value_)), -1);
+
+    EXPECT_EQ(pauses.count(), 10);
+    EXPECT_EQ(value_, -1);
+}
+
+TEST_F(Read, PausesForNothingWithoutAWriter)
+{
+    const CountCalls pauses(Call::usleep);
+
+    EXPECT_EQ(kp_tag_read(tag_, &value_, sizeof(value_)), 4);
+
+    EXPECT_EQ(pauses.count(), 0);
+}
+
+TEST_F(Read, RefusesAStringThatWasNeverWritten)
+{
+    kp_tag_t *const text = kp_tag_provider_new(handle_, "t", KP_TYPE_STRING, 10, 0);
+    ASSERT_NE(text, nullptr);
+    StderrCapture log;
+
+    EXPECT_EQ(kp_tag_read(text, &value_, sizeof(value_)), -1);
+
+    EXPECT_EQ(log.lines(),
+              Lines{"WARN: kp_shm_read: written_value_size is 0, cannot read anything. "
+                    "please write first"});
+    EXPECT_EQ(value_, -1);
+}
+
+TEST_F(Read, RefusesATopicThatNobodyHasDeclared)
+{
+    kp_tag_t *const consumer = kp_tag_consumer_new(handle_, "undeclared");
+    ASSERT_NE(consumer, nullptr);
+    SegmentFile("undeclared").put_u32(at::written_value_size, 4);
+
+    EXPECT_EQ(kp_tag_read(consumer, &value_, sizeof(value_)), -1);
+
+    EXPECT_EQ(value_, -1);
+}
+
 TEST_F(Read, WithTimestampGivesTheTimeOfTheWrite)
 {
     uint64_t timestamp = 0;

@@ -442,6 +442,24 @@ TEST_F(ConsistentRead, GivesTheValueWithAllThatBelongsToIt)
     EXPECT_EQ(source_ts, 99U);
 }
 
+// Small values are copied and compared without the C library.
+TEST_F(ConsistentRead, GivesValuesOfEverySize)
+{
+    const std::string bytes = "123456789";
+    for (uint32_t size = 1; size <= bytes.size(); ++size) {
+        ASSERT_EQ(kp_shm_write(provider_, bytes.data(), size, size, 1, 1), int32_t(size));
+        std::string value(bytes.size(), '-');
+
+        EXPECT_EQ(kp::read_consistent(consumer_, value.data(), size, nullptr, nullptr, nullptr),
+                  int32_t(size));
+
+        EXPECT_EQ(value, bytes.substr(0, size) + std::string(bytes.size() - size, '-'));
+        EXPECT_EQ(kp_shm_read(consumer_, value.data(), size, nullptr, nullptr, nullptr),
+                  int32_t(size));
+        EXPECT_EQ(kp_shm_has_read(consumer_), 1);
+    }
+}
+
 TEST_F(ConsistentRead, GivesZerosForAFixedSizeThatNobodyHasWritten)
 {
     ASSERT_EQ(kp_shm_set_provider_info(provider_, KP_TYPE_UINT32, 4, 0), 0);

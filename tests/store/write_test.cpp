@@ -23,6 +23,18 @@ TEST(ShmWrite, OfAFixedSizeReturnsIt)
     EXPECT_EQ(kp_shm_write(shm, &kNumber, 4, 1, 1, 1), 4);
 }
 
+TEST(ShmWrite, OfAWholeValueAreaIsTheLargest)
+{
+    const std::string bytes(kp::kValueAreaSize + 1, 'x');
+    const DeclaredSegment shm("a", KP_TYPE_RAW, kp::kValueAreaSize);
+
+    EXPECT_EQ(kp_shm_write(shm, bytes.data(), kp::kValueAreaSize, 1, 1, 1),
+              int32_t{kp::kValueAreaSize});
+
+    EXPECT_EQ(SegmentFile("a").bytes(at::value, kp::kValueAreaSize),
+              bytes.substr(0, kp::kValueAreaSize));
+}
+
 TEST(ShmWrite, StoresEveryFieldAtItsPlace)
 {
     const DeclaredSegment shm("a", KP_TYPE_UINT32, 4);
