@@ -15,6 +15,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <set>
 #include <sstream>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -129,15 +130,16 @@ void exchange_text(Pipe &input, Pipe &output, Pipe &errors, const RunOptions &op
 // they are in the build.
 std::string copy_for_others(const fs::path &program)
 {
-    const fs::path build = program.parent_path() / "../..";
+    const fs::path build = KP_BUILD_FOLDER;
     const fs::path place = "/mnt";
+    const fs::path started = program.lexically_relative(build);
     EXPECT_EQ(mount("tmpfs", place.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=755"), 0);
-    for (const char *file : {"tools/kp/kp", "src/libzu-kp.so.3"}) {
+    for (const fs::path &file : std::set<fs::path>{"tools/kp/kp", "src/libzu-kp.so.3", started}) {
         fs::create_directories((place / file).parent_path());
         fs::copy_file(build / file, place / file);
         fs::permissions(place / file, fs::perms(0755));
     }
-    return place / "tools/kp/kp";
+    return place / started;
 }
 
 } // namespace
