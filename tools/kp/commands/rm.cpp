@@ -40,7 +40,7 @@ class Removal {
                 return complain(*problem);
         // A topic that is named twice would wait for its own lock.
         std::ranges::sort(topics_);
-        topics_.erase(std::ranges::unique(topics_).begin(), topics_.end());
+        topics_.erase(std::unique(topics_.begin(), topics_.end()), topics_.end());
         for (std::size_t first = 0; first < topics_.size(); first += kMostLockedFiles)
             remove_some(first, std::min(first + kMostLockedFiles, topics_.size()));
         return outcome_.code();

@@ -18,16 +18,22 @@ constexpr std::size_t kEnough = 65536;
 
 bool use_colors = false;
 
-bool is_set(const char *variable)
+// Empty where the environment does not have it.
+std::string_view variable(const char *name)
 {
-    const char *text = std::getenv(variable);
-    return text && *text;
+    const char *text = std::getenv(name);
+    return text ? text : "";
+}
+
+bool is_set(const char *name)
+{
+    return !variable(name).empty();
 }
 
 // It is usual for such a variable that 0 means the same as no variable.
 bool is_forced()
 {
-    return is_set("CLICOLOR_FORCE") && std::string_view(std::getenv("CLICOLOR_FORCE")) != "0";
+    return is_set("CLICOLOR_FORCE") && variable("CLICOLOR_FORCE") != "0";
 }
 
 } // namespace

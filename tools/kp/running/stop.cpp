@@ -47,9 +47,8 @@ void remember_unless_told_otherwise(int number, const struct sigaction &action)
 // In milliseconds, and at most an hour, after which the caller looks again.
 int poll_timeout(uint64_t now, uint64_t deadline)
 {
-    constexpr uint64_t most_ms = 3'600'000;
-    return deadline - now >= most_ms * 1000 ? most_ms
-                                            : static_cast<int>((deadline - now + 999) / 1000);
+    constexpr uint64_t most_us = 3'600'000'000;
+    return static_cast<int>((std::min(deadline - now, most_us) + 999) / 1000);
 }
 
 } // namespace

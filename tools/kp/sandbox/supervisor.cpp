@@ -46,6 +46,7 @@ sigset_t handed_on()
     (void)std::signal(SIGXFSZ, SIG_DFL);
     (void)sigprocmask(SIG_SETMASK, &mask, nullptr);
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string &word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);

@@ -110,6 +110,7 @@ std::vector<std::string> TopData::sorted_topics(const std::string &filter, Order
     if (is_reversed)
         std::ranges::reverse(topics);
     std::vector<std::string> names;
+    names.reserve(topics.size());
     for (const LiveTopic *live : topics)
         names.push_back(live->topic);
     return names;

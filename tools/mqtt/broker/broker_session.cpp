@@ -33,7 +33,7 @@ BrokerEvents BrokerSession::link_events()
         .connected = [this] { connected(); },
         .acknowledged = [this](int id, const Answer &answer) { acknowledged(id, answer); },
         .subscribed = [this](int id, const Answer &answer) { subscribed(id, answer); },
-        .received = [this](Message message) { received(std::move(message)); },
+        .received = [this](const Message &message) { received(message); },
         .closed = [this](const std::string &why, int refusal) { closed(why, refusal); },
     };
 }
@@ -278,7 +278,7 @@ void BrokerSession::acknowledged(int id, const Answer &answer)
                           "; nobody sees there whether this device is there");
 }
 
-void BrokerSession::received(Message message)
+void BrokerSession::received(const Message &message)
 {
     if (message.topic == configuration_.state_topic)
         return hear_state(message);

@@ -85,7 +85,7 @@ class BrokerSession {
     void connected();
     void acknowledged(int id, const Answer &answer);
     void subscribed(int id, const Answer &answer);
-    void received(Message message);
+    void received(const Message &message);
     void closed(const std::string &why, int refusal);
     void connect(Clock::time_point now);
     void drop_connection(Clock::time_point now);

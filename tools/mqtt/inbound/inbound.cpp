@@ -149,8 +149,9 @@ void Inbound::give_up(const std::vector<std::string> &topics)
 {
     for (const std::string &topic : topics) {
         InboundRule *rule = rules_.rule_for(topic);
-        const Name name = rule ? name_for(*rule, topic) : Name{};
-        if (!name.text.empty())
+        if (!rule)
+            continue;
+        if (const Name name = name_for(*rule, topic); !name.text.empty())
             drop(*rule, name.text, !rule->tags.contains(name.text));
     }
 }

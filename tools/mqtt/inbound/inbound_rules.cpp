@@ -47,7 +47,8 @@ std::vector<std::string> InboundRules::reload()
     std::vector<std::string> left;
     for (const InboundRule &rule : before)
         for (const auto &[name, taken] : rule.tags)
-            if (taken.is_own && std::ranges::none_of(rules_, [&name](const InboundRule &other) {
+            if (taken.is_own &&
+                std::ranges::none_of(rules_, [&name = name](const InboundRule &other) {
                     return other.tags.contains(name);
                 }))
                 left.push_back(name);

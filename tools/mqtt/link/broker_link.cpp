@@ -16,7 +16,7 @@ constexpr size_t kMostUnacknowledged = 1000;
 constexpr int kSessionPresent = 1; // a flag of the broker's answer
 
 // Beside the payload there is room for the longest topic and for properties.
-constexpr uint32_t kMostPacketBytes = kMostPayloadBytes + 88 * 1024;
+constexpr uint32_t kMostPacketBytes = kMostPayloadBytes + size_t{88} * 1024;
 
 // The library has no text of its own for a broker that was silent for too long.
 std::string error_text(int error)
@@ -184,7 +184,7 @@ int BrokerLink::read()
 std::string BrokerLink::end_text(int error) const
 {
     const bool is_reset = error == MOSQ_ERR_ERRNO && (errno == ECONNRESET || errno == EPIPE);
-    const std::string text = error_text(error);
+    std::string text = error_text(error);
     if (was_online_)
         return text;
     if (std::string problem = attempt_->handshake ? attempt_->handshake->problem() : "";

@@ -24,7 +24,7 @@ struct BrokerEvents {
     std::function<void()> connected;
     std::function<void(int id, const Answer &answer)> acknowledged;
     std::function<void(int id, const Answer &answer)> subscribed;
-    std::function<void(Message message)> received;
+    std::function<void(const Message &message)> received;
     // Called at most once, and nothing is called after it. `refusal` is the broker's reason where
     // it has refused the connection, else 0. The link must not be destroyed within the call.
     std::function<void(const std::string &why, int refusal)> closed;

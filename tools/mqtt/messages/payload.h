@@ -15,7 +15,7 @@ namespace kp::mqtt {
 // No payload that becomes a value is larger: 4000 bytes of which JSON escapes each with six, the
 // topic with three for each of its bytes, and the other keys. Larger ones are never parsed, which
 // would take many times their size.
-constexpr size_t kMostPayloadBytes = 40 * 1024;
+constexpr size_t kMostPayloadBytes = size_t{40} * 1024;
 
 constexpr const char *kJson = "application/json"; // as content type
 

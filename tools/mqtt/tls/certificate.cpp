@@ -82,7 +82,7 @@ std::string certificate_problem(const std::string &path, std::vector<Certificate
 std::string openssl_error()
 {
     const char *reason = ERR_reason_error_string(ERR_peek_last_error());
-    const std::string text = reason ? reason : "unknown reason";
+    std::string text = reason ? reason : "unknown reason";
     ERR_clear_error();
     return text;
 }

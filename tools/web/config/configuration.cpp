@@ -115,7 +115,7 @@ class ConfigurationReader {
             if (!token_file.starts_with('/'))
                 table.problem("token-file", "a whole path is needed");
             else if (auto token = Token::read(token_file))
-                result.write.push_back({std::move(topics), std::move(*token.value)});
+                result.write.push_back({std::move(topics), *token.value});
             else
                 table.problem("token-file", token.problem);
         }
