@@ -234,7 +234,7 @@ typedef void (*kplist_print_t)(const void *element);
  * Others need a moment to connect to a new handle: what is announced or notified before that does
  * not reach them. A provider does well to wait 100 ms between kp_new() and its first tag; without
  * the pause a topic can be announced to nobody, and followers of a pattern then miss it until they
- * subscribe again.
+ * subscribe again. A peer that tries just before the socket listens tries again a second later.
  *
  * Returns null when memory, a descriptor or a thread is missing, or `/run/providers/` can neither
  * be made nor used; errno tells why.
