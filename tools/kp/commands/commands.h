@@ -15,12 +15,7 @@ class Commands {
     }
 
     // Adds a command and gives its argument parser. `run` is called after everything was parsed.
-    CLI::App &add(const std::string &name, const std::string &summary, std::function<int()> run)
-    {
-        CLI::App *command = app_.add_subcommand(name, summary);
-        command->callback([this, run = std::move(run)] { chosen_ = run; });
-        return *command;
-    }
+    CLI::App &add(const std::string &name, const std::string &summary, std::function<int()> run);
 
     // The words behind `--` of a command that starts another one; the parser does not see them,
     // since it would read brackets, options and names of its own into them.

@@ -2,6 +2,7 @@
 #include "commands/commands.h"
 #include "common/clock.h"
 #include "common/text/text.h"
+#include "options/option_checks.h"
 #include "options/record_options.h"
 #include "running/line_reader.h"
 #include "running/stop.h"

@@ -3,34 +3,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cmath>
-#include <cstdlib>
 
 namespace kp::tool {
 
-inline CLI::Validator in_range(double least, double most)
-{
-    const CLI::Range range(least, most);
-    return CLI::Validator(
-        [range](std::string &text) {
-            char *end = nullptr;
-            const double value = std::strtod(text.c_str(), &end);
-            return std::isnan(value) && end != text.c_str() ? text + " is not a number in the range"
-                                                            : range(text);
-        },
-        "");
-}
+CLI::Validator in_range(double least, double most);
 
-inline CLI::Validator whole_number()
-{
-    return CLI::Validator(
-        [](std::string &text) {
-            const bool is_whole =
-                !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-            return is_whole ? "" : text + " is not a whole number";
-        },
-        "");
-}
+CLI::Validator whole_number();
 
 // How an option that takes one of some words is called and explained.
 struct ChoiceOption {
@@ -40,26 +18,22 @@ struct ChoiceOption {
 };
 
 // Takes one of the words and nothing else; CLI11's own way also takes the numbers behind them.
+CLI::Option *add_word(CLI::App &app, const ChoiceOption &option, std::vector<std::string> words,
+                      std::function<void(std::size_t)> take);
+
+// The same, and stores the value that stands beside the word.
 template <typename Value>
 CLI::Option *add_choice(CLI::App &app, const ChoiceOption &option, Value &value,
                         const std::vector<std::pair<std::string, Value>> &choices)
 {
-    const auto check = [choices, option](std::string &text) {
-        const bool is_known =
-            std::ranges::find(choices, text, &std::pair<std::string, Value>::first) !=
-            choices.end();
-        return is_known ? "" : text + " is not one of " + option.description;
-    };
-    return app
-        .add_option_function<std::string>(
-            option.names,
-            [&value, choices](const std::string &text) {
-                value =
-                    std::ranges::find(choices, text, &std::pair<std::string, Value>::first)->second;
-            },
-            option.description)
-        ->check(CLI::Validator(check, ""))
-        ->type_name(option.type_name);
+    std::vector<std::string> words;
+    std::vector<Value> values;
+    for (const auto &[word, chosen] : choices) {
+        words.push_back(word);
+        values.push_back(chosen);
+    }
+    return add_word(app, option, std::move(words),
+                    [&value, values](std::size_t index) { value = values[index]; });
 }
 
 } // namespace kp::tool

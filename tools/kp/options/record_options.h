@@ -1,8 +1,7 @@
 // The options of the commands that store what records say.
 #pragma once
 
-#include "options/option_checks.h"
-
+#include <CLI/CLI.hpp>
 #include <string>
 
 namespace kp::tool {
@@ -13,19 +12,8 @@ struct RecordOptions {
     bool force = false;
 };
 
-inline void add_peer_wait(CLI::App &command, double &seconds)
-{
-    command.add_option("--peer-wait", seconds, "how long to wait for peers to connect")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 60.0));
-}
+void add_peer_wait(CLI::App &command, double &seconds);
 
-inline void add_record_options(CLI::App &command, RecordOptions &options)
-{
-    command.add_option("file", options.file, "the file; standard input unless given")
-        ->type_name("FILE");
-    command.add_flag("--force", options.force, "change the type of topics that exist");
-    add_peer_wait(command, options.peer_wait);
-}
+void add_record_options(CLI::App &command, RecordOptions &options);
 
 } // namespace kp::tool

@@ -16,15 +16,7 @@ struct SelectionOptions {
     std::vector<std::string> excluded;
 };
 
-inline CLI::Option *add_selection(CLI::App &command, SelectionOptions &options)
-{
-    command.add_option("-x,--exclude", options.excluded, "leave out what matches; may be repeated")
-        ->type_name("PATTERN")
-        ->take_all()
-        ->allow_extra_args(false);
-    return command.add_option("topics", options.wanted, "topics and patterns")
-        ->type_name("TOPIC|PATTERN");
-}
+CLI::Option *add_selection(CLI::App &command, SelectionOptions &options);
 
 // Gives the function that runs a command on the topics that its user chose. It calls `run` with
 // `*options` and the selection. If one of the topics cannot exist, it complains instead, and gives

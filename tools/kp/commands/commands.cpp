@@ -1,0 +1,14 @@
+// What makes a parser stands here and not in the header: whoever calls it compiles much of CLI11.
+#include "commands/commands.h"
+
+namespace kp::tool {
+
+CLI::App &Commands::add(const std::string &name, const std::string &summary,
+                        std::function<int()> run)
+{
+    CLI::App *command = app_.add_subcommand(name, summary);
+    command->callback([this, run = std::move(run)] { chosen_ = run; });
+    return *command;
+}
+
+} // namespace kp::tool
