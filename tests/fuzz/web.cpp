@@ -7,6 +7,7 @@
 #include "store/row_line.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 using namespace kpfuzz;
 using namespace kp::web;

@@ -422,7 +422,11 @@ TEST(LocalPeer, ThatIsStoppedHoldsNothingUpThatGoesOut)
     StoreProvider silent("a/value", KP_TYPE_INT32);
     Subscriber subscriber(broker.port(), "p/a/#");
     peer.signal(SIGSTOP);
-    publish(broker.port(), "s/c/x", "again", {"--repeat", "3000", "--repeat-delay", "0.0003"});
+    // Each message becomes a notice of its own when it comes apart from the others.
+    ASSERT_TRUE(wait_until([&] {
+        publish(broker.port(), "s/c/x", "again", {"--repeat", "100", "--repeat-delay", "0.0003"});
+        return bridge.log().find("a local peer does not read its notices") != std::string::npos;
+    }));
 
     silent.write(bytes_of<int32_t>(5), 5);
 
