@@ -5,6 +5,7 @@
 #include "common/dictionary/live_dictionary.h"
 
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace kp::python {
 

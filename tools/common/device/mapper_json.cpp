@@ -1,5 +1,7 @@
 #include "common/device/mapper_json.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::tool {
 
 void add_mappers(nlohmann::ordered_json &object, std::span<const Mapper> mappers,

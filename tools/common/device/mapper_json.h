@@ -4,7 +4,7 @@
 #include "common/system/processes.h"
 
 #include <functional>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <span>
 
 namespace kp::tool {

@@ -2,6 +2,8 @@
 
 #include "kp.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::tool {
 
 std::string note_of(const Endpoint &endpoint)

@@ -4,6 +4,7 @@
 #include "layout/value_type.h"
 
 #include <array>
+#include <nlohmann/json.hpp>
 
 namespace kp::tool {
 

@@ -4,7 +4,7 @@
 
 #include "common/dictionary/facts.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <vector>
 
 namespace kp::tool {

@@ -3,6 +3,8 @@
 #include "common/clock.h"
 #include "common/text/text.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::tool {
 
 namespace {

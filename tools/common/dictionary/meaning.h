@@ -4,7 +4,7 @@
 #include "common/dictionary/dictionary.h"
 #include "common/store/segment_reader.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 namespace kp::tool {
 

@@ -1,5 +1,7 @@
 #include "common/doctor/finding.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::tool {
 
 const char *severity_name(Severity severity)

@@ -3,7 +3,7 @@
 
 #include "common/problem.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 

@@ -4,6 +4,8 @@
 #include "common/text/text.h"
 #include "common/values/time_text.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::tool {
 
 using nlohmann::ordered_json;

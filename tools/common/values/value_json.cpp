@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 
 namespace kp::tool {
 

@@ -3,7 +3,7 @@
 
 #include "common/values/value_text.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 namespace kp::tool {
 

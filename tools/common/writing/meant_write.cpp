@@ -2,6 +2,8 @@
 
 #include "common/text/text.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::tool {
 
 namespace {

@@ -10,6 +10,7 @@
 #include <array>
 #include <ctime>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 namespace kp::tool {
 

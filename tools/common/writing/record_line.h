@@ -6,6 +6,8 @@
 #include "common/values/value_json.h"
 #include "common/writing/writer.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::tool {
 
 struct Record {

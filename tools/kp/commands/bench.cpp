@@ -14,6 +14,7 @@
 
 #include <array>
 #include <cerrno>
+#include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>

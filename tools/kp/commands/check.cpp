@@ -11,6 +11,7 @@
 #include "output/program_dictionary.h"
 #include "output/row_format.h"
 
+#include <nlohmann/json.hpp>
 #include <unordered_set>
 
 namespace kp::tool {

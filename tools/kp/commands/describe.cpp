@@ -9,6 +9,7 @@
 #include "output/program_dictionary.h"
 #include "output/row_format.h"
 
+#include <nlohmann/json.hpp>
 #include <set>
 
 namespace kp::tool {

@@ -5,6 +5,8 @@
 #include "output/program_dictionary.h"
 #include "output/row_format.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::tool {
 
 namespace {

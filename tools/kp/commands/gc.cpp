@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <nlohmann/json.hpp>
 #include <string_view>
 #include <unordered_set>
 

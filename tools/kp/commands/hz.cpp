@@ -12,6 +12,7 @@
 
 #include <array>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 namespace kp::tool {
 

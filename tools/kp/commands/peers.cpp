@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <nlohmann/json.hpp>
 
 namespace kp::tool {
 

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 

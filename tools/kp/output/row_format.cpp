@@ -7,6 +7,7 @@
 #include "output/program_dictionary.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 namespace kp::tool {
 

@@ -6,6 +6,7 @@
 #include "common/writing/meant_write.h"
 #include "store/row_line.h"
 
+#include <nlohmann/json.hpp>
 #include <strings.h>
 
 namespace kp::web {

@@ -3,6 +3,8 @@
 #include "common/device/mapper_json.h"
 #include "store/row_line.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::web {
 
 std::string mappers_line(const std::string &topic, ino_t inode, const Survey &survey)

@@ -4,6 +4,8 @@
 #include "common/text/encoding.h"
 #include "common/text/text.h"
 
+#include <nlohmann/json.hpp>
+
 namespace kp::web {
 
 namespace {

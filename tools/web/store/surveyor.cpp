@@ -9,6 +9,7 @@
 #include "store/mesh_metrics.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 namespace kp::web {
