@@ -7,10 +7,13 @@ all:
 	cmake --preset product
 	cmake --build --preset product
 
+# Two runs in one folder would build and list the tests over each other, so one waits.
 test:
 	@scripts/setup build test tools mqtt mqtt-test
 	@scripts/check-namespaces
-	cmake --workflow --preset release
+	@mkdir -p build
+	@flock --nonblock build true || echo "waiting for another run in this folder"
+	flock --close build cmake --workflow --preset release
 
 demo:
 	@scripts/setup build tools
