@@ -1,4 +1,3 @@
-// What makes a parser stands here and not in the header: whoever calls it compiles much of CLI11.
 #include "commands/commands.h"
 
 namespace kp::tool {
