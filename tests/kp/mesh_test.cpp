@@ -66,7 +66,9 @@ class ManyMappings {
     std::vector<void *> mapped_;
 };
 
-constexpr uid_t kUserOfItsOwn = 54'321;
+// Numbers that no distribution gives to anybody.
+constexpr uid_t kFirstFreeUser = 20'000;
+constexpr uid_t kFreeUsers = 40'000;
 
 } // namespace
 
@@ -381,9 +383,11 @@ TEST(KpDoctor, FindsAUserWhoHasNearlyAllInotifyInstances)
         GTEST_SKIP() << "this system lets a user have " << limit << " instances";
     if (other_user() == 0)
         GTEST_SKIP() << "this test needs a second user";
-    // It uses those of another user, since other tests need those of this one.
-    ChildProcess owner([limit](Channel &parent) {
-        if (setuid(kUserOfItsOwn) != 0)
+    // It uses those of another user, since other tests need those of this one, and of another one
+    // in each run of it.
+    const uid_t user = kFirstFreeUser + static_cast<uid_t>(getpid()) % kFreeUsers;
+    ChildProcess owner([limit, user](Channel &parent) {
+        if (setuid(user) != 0)
             return 1;
         for (std::size_t count = 0; count < limit * 95 / 100; ++count)
             (void)inotify_init1(IN_CLOEXEC);
@@ -395,7 +399,7 @@ TEST(KpDoctor, FindsAUserWhoHasNearlyAllInotifyInstances)
 
     const std::string out = kp({"doctor"}).out;
 
-    EXPECT_THAT(out, HasSubstr("warning: " + std::to_string(kUserOfItsOwn) + ": has " +
+    EXPECT_THAT(out, HasSubstr("warning: " + std::to_string(user) + ": has " +
                                std::to_string(limit * 95 / 100) + " of " + std::to_string(limit) +
                                " inotify instances; every endpoint takes one  [sysctl "
                                "fs.inotify.max_user_instances=" +
