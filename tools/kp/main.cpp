@@ -9,6 +9,7 @@
 #include "output/program_dictionary.h"
 #include "running/stop.h"
 
+#include <algorithm>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>

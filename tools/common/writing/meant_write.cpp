@@ -2,8 +2,6 @@
 
 #include "common/text/text.h"
 
-#include <nlohmann/json.hpp>
-
 namespace kp::tool {
 
 namespace {

@@ -10,7 +10,6 @@
 #include <array>
 #include <ctime>
 #include <limits>
-#include <nlohmann/json.hpp>
 
 namespace kp::tool {
 

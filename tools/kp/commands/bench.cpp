@@ -12,6 +12,7 @@
 #include "output/row_format.h"
 #include "running/stop.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <nlohmann/json.hpp>

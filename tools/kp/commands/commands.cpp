@@ -1,5 +1,7 @@
 #include "commands/commands.h"
 
+#include <utility>
+
 namespace kp::tool {
 
 CLI::App &Commands::add(const std::string &name, const std::string &summary,

@@ -7,6 +7,8 @@
 #include "output/row_format.h"
 #include "running/stop.h"
 
+#include <algorithm>
+
 namespace kp::tool {
 
 namespace {

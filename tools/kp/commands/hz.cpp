@@ -10,6 +10,7 @@
 #include "running/standard_stream.h"
 #include "running/stop.h"
 
+#include <algorithm>
 #include <array>
 #include <limits>
 #include <nlohmann/json.hpp>

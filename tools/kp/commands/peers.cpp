@@ -8,6 +8,7 @@
 #include "output/output.h"
 #include "output/row_format.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <nlohmann/json.hpp>

@@ -8,6 +8,8 @@
 #include "running/stop.h"
 #include "writing/record_store.h"
 
+#include <algorithm>
+
 namespace kp::tool {
 
 namespace {

@@ -12,6 +12,7 @@
 #include "running/standard_stream.h"
 #include "running/stop.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace kp::tool {

@@ -1,5 +1,6 @@
 #include "options/option_checks.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 

@@ -2,7 +2,11 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kp::tool {
 
@@ -17,11 +21,12 @@ struct ChoiceOption {
     std::string type_name;
 };
 
-// Takes one of the words and nothing else; CLI11's own way also takes the numbers behind them.
+// Takes one of the words and nothing else, and calls `take` with its place among them. CLI11's own
+// way also takes the numbers of the places.
 CLI::Option *add_word(CLI::App &app, const ChoiceOption &option, std::vector<std::string> words,
                       std::function<void(std::size_t)> take);
 
-// The same, and stores the value that stands beside the word.
+// Takes one of the words and stores the value that stands beside it.
 template <typename Value>
 CLI::Option *add_choice(CLI::App &app, const ChoiceOption &option, Value &value,
                         const std::vector<std::pair<std::string, Value>> &choices)
