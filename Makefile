@@ -7,13 +7,13 @@ all:
 	cmake --preset product
 	cmake --build --preset product
 
-# Two runs in one folder would build and list the tests over each other, so one waits.
+# Of two that start in one folder one waits: both would build, and list the tests, into its files.
 test:
 	@scripts/setup build test tools mqtt mqtt-test
 	@scripts/check-namespaces
 	@mkdir -p build
 	@flock --nonblock build true || echo "waiting for another run in this folder"
-	flock --close build cmake --workflow --preset release
+	flock --no-fork build cmake --workflow --preset release
 
 demo:
 	@scripts/setup build tools

@@ -71,7 +71,7 @@ TEST(HandleCost, IsAtMostFiveMillisecondsAboveTheStatedWait)
     auto fastest = Clock::duration::max();
     go_first();
 
-    // What still comes between makes single rounds slow; the library alone would make all of them.
+    // An interrupt makes single rounds slow; the library alone would make all of them.
     (void)wait_until([&fastest] {
         fastest = std::min(fastest, time_of_opening_and_closing());
         return fastest <= kMost;
