@@ -127,7 +127,10 @@ TEST(KpReplay, TellsThePeersAtEachStep)
         return 0;
     });
     (void)kp_set_user_data(handle, &notices);
-    std::ofstream(kRecord) << recorded("a", 1, 0) << recorded("b", 1, 0) << recorded("a", 2, 50);
+    // A step that is over before the first one is stored would be told of with it.
+    constexpr int kStepMs = 3'000;
+    std::ofstream(kRecord) << recorded("a", 1, 0) << recorded("b", 1, 0)
+                           << recorded("a", 2, kStepMs);
 
     EXPECT_EQ(kp({"replay", "--peer-wait", "20", kRecord}).code, 0);
 
