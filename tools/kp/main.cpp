@@ -3,12 +3,13 @@
 #include "common/store/fault_guard.h"
 #include "common/text/text.h"
 #include "kp.h"
-#include "options/option_checks.h"
+#include "options/command.h"
 #include "options/similar_word.h"
 #include "output/output.h"
 #include "output/program_dictionary.h"
 #include "running/stop.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <clocale>
 #include <csignal>
@@ -42,10 +43,11 @@ struct GlobalOptions {
 void add_global_options(CLI::App &app, GlobalOptions &options)
 {
     app.add_flag("-d,--debug", options.debug, "print the library's own messages on standard error");
-    add_choice<ColorChoice>(app, {"--color", "auto, always or never", "WHEN"}, options.color,
-                            {{"auto", ColorChoice::automatic},
-                             {"always", ColorChoice::always},
-                             {"never", ColorChoice::never}});
+    Command(app).add_choice<ColorChoice>({"--color", "auto, always or never", "WHEN"},
+                                         options.color,
+                                         {{"auto", ColorChoice::automatic},
+                                          {"always", ColorChoice::always},
+                                          {"never", ColorChoice::never}});
     app.add_option("--dictionary", options.dictionary,
                    "what tags mean; KP_DICTIONARY or /etc/zu-kp/tags.d unless given (kp-tags(5))")
         ->type_name("DIR");

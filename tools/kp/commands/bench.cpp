@@ -7,7 +7,6 @@
 #include "common/writing/notice_sender.h"
 #include "layout/segment.h"
 #include "layout/unique_fd.h"
-#include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/stop.h"
@@ -15,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -257,11 +257,10 @@ int run_bench(const BenchOptions &options)
 void add_bench(Commands &commands)
 {
     const auto options = std::make_shared<BenchOptions>();
-    CLI::App &command = commands.add("bench", "write, read and notice figures of this device",
-                                     [options] { return run_bench(*options); });
-    command.add_option("-t,--time", options->seconds, "seconds in all; 10 unless given")
-        ->type_name("SEC")
-        ->check(in_range(0.1, 3600.0));
+    Command command = commands.add("bench", "write, read and notice figures of this device",
+                                   [options] { return run_bench(*options); });
+    command.add_number({"-t,--time", "seconds in all; 10 unless given", "SEC"}, options->seconds,
+                       0.1, 3600.0);
     command.add_flag("-j,--json", options->json, "one JSON object a figure");
 }
 

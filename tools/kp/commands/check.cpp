@@ -11,6 +11,7 @@
 #include "output/program_dictionary.h"
 #include "output/row_format.h"
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <unordered_set>
 
@@ -187,8 +188,8 @@ int run_check(const CheckOptions &options, const Selection &selection)
 void add_check(Commands &commands)
 {
     const auto options = std::make_shared<CheckOptions>();
-    CLI::App &command = commands.add("check", "hold the store against the dictionary",
-                                     on_selection(options, run_check));
+    Command command = commands.add("check", "hold the store against the dictionary",
+                                   on_selection(options, run_check));
     add_selection(command, options->selection);
     command.add_flag("--limits", options->limits, "tell also of values at or beyond their limits");
     command.add_flag("-j,--json", options->json, "one JSON object a finding");

@@ -1,10 +1,13 @@
 // The commands of `kp`. Each adds itself, its options and the function that runs it.
 #pragma once
 
+#include "options/command.h"
 #include "running/outcome.h"
 
-#include <CLI/CLI.hpp>
 #include <functional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kp::tool {
 
@@ -14,8 +17,8 @@ class Commands {
     {
     }
 
-    // Adds a command and gives its argument parser. `run` is called after everything was parsed.
-    CLI::App &add(const std::string &name, const std::string &summary, std::function<int()> run);
+    // Adds a command. `run` is called after everything was parsed.
+    Command add(const std::string &name, const std::string &summary, std::function<int()> run);
 
     // The words behind `--` of a command that starts another one; the parser does not see them,
     // since it would read brackets, options and names of its own into them.

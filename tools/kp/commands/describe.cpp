@@ -9,6 +9,7 @@
 #include "output/program_dictionary.h"
 #include "output/row_format.h"
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -72,8 +73,8 @@ int run_describe(const DescribeOptions &options, const Selection &selection)
 void add_describe(Commands &commands)
 {
     const auto options = std::make_shared<DescribeOptions>();
-    CLI::App &command = commands.add("describe", "what the dictionary says of topics, and where",
-                                     on_selection(options, run_describe));
+    Command command = commands.add("describe", "what the dictionary says of topics, and where",
+                                   on_selection(options, run_describe));
     add_selection(command, options->selection);
     command.add_flag("-j,--json", options->json, "one JSON object a topic");
 }

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdio>
+#include <memory>
 
 namespace kp::tool {
 
@@ -79,14 +80,13 @@ int run_init(const InitOptions &options, const Selection &selection)
 void add_dictionary(Commands &commands)
 {
     const auto options = std::make_shared<InitOptions>();
-    CLI::App &command =
+    Command command =
         commands.add("dictionary", "begin a dictionary", on_selection(options, run_init));
-    command.require_subcommand(1);
-    CLI::App *init = command.add_subcommand(
-        "init", "print a dictionary to begin with, from the topics that exist");
-    add_selection(*init, options->selection);
-    init->add_flag("--unknown", options->only_unknown,
-                   "only the topics of which the dictionary says nothing yet");
+    Command init =
+        command.add_command("init", "print a dictionary to begin with, from the topics that exist");
+    add_selection(init, options->selection);
+    init.add_flag("--unknown", options->only_unknown,
+                  "only the topics of which the dictionary says nothing yet");
 }
 
 } // namespace kp::tool

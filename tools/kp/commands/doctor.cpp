@@ -5,6 +5,7 @@
 #include "output/program_dictionary.h"
 #include "output/row_format.h"
 
+#include <memory>
 #include <nlohmann/json.hpp>
 
 namespace kp::tool {
@@ -51,8 +52,8 @@ int run_doctor(bool json)
 void add_doctor(Commands &commands)
 {
     const auto json = std::make_shared<bool>(false);
-    CLI::App &command = commands.add("doctor", "find what is wrong, and the command that mends it",
-                                     [json] { return run_doctor(*json); });
+    Command command = commands.add("doctor", "find what is wrong, and the command that mends it",
+                                   [json] { return run_doctor(*json); });
     command.add_flag("-j,--json", *json, "one JSON object a finding");
 }
 

@@ -9,6 +9,8 @@
 #include "running/line_reader.h"
 #include "writing/record_store.h"
 
+#include <memory>
+
 namespace kp::tool {
 
 namespace {
@@ -73,15 +75,15 @@ int run_restore(const RestoreOptions &options)
 void add_dump(Commands &commands)
 {
     const auto options = std::make_shared<DumpOptions>();
-    CLI::App &command = commands.add("dump", "print topics as JSON lines that restore takes back",
-                                     on_selection(options, run_dump));
+    Command command = commands.add("dump", "print topics as JSON lines that restore takes back",
+                                   on_selection(options, run_dump));
     add_selection(command, options->selection);
 }
 
 void add_restore(Commands &commands)
 {
     const auto options = std::make_shared<RestoreOptions>();
-    CLI::App &command =
+    Command command =
         commands.add("restore", "write what dump printed, with its times and qualities",
                      [options] { return run_restore(*options); });
     add_record_options(command, *options);

@@ -5,6 +5,8 @@
 #include "options/selection_options.h"
 #include "output/output.h"
 
+#include <memory>
+
 namespace kp::tool {
 
 namespace {
@@ -33,10 +35,10 @@ int run_export(const ExportOptions & /*options*/, const Selection &selection)
 void add_export(Commands &commands)
 {
     const auto options = std::make_shared<ExportOptions>();
-    CLI::App &command = commands.add("export", "print topics in the format of another system",
-                                     on_selection(options, run_export));
+    Command command = commands.add("export", "print topics in the format of another system",
+                                   on_selection(options, run_export));
     add_selection(command, options->selection);
-    command.add_flag("--prometheus", options->prometheus, "as metrics of Prometheus")->required();
+    command.add_flag("--prometheus", options->prometheus, "as metrics of Prometheus").required();
 }
 
 } // namespace kp::tool

@@ -9,12 +9,12 @@
 #include "common/text/text.h"
 #include "common/values/time_text.h"
 #include "looking/noted_listing.h"
-#include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <unordered_set>
@@ -199,16 +199,13 @@ class Collector {
 void add_gc(Commands &commands)
 {
     const auto options = std::make_shared<CollectOptions>();
-    CLI::App &command = commands.add("gc", "remove what is provably dead and correct dead counts",
-                                     [options] { return Collector(*options).run(); });
+    Command command = commands.add("gc", "remove what is provably dead and correct dead counts",
+                                   [options] { return Collector(*options).run(); });
     command.add_flag("-n,--dry-run", options->dry_run, "only show what would be done");
     command.add_flag("--orphans", options->orphans,
                      "also topics that only instant writes touched, and empty directories");
-    command
-        .add_option("--older-than", options->older_than,
-                    "orphans not touched for so long; 60 unless given")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 1e9));
+    command.add_number({"--older-than", "orphans not touched for so long; 60 unless given", "SEC"},
+                       options->older_than, 0.0, 1e9);
     command.add_flag("-j,--json", options->json, "one JSON object for each");
     command.add_flag("--trust-visible", options->trust_visible,
                      "take the processes that can be seen for all there are");

@@ -1,13 +1,13 @@
 // kp get: values, once.
 #include "commands/commands.h"
 #include "looking/noted_listing.h"
-#include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/stop.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace kp::tool {
 
@@ -106,15 +106,14 @@ int run_get(GetOptions &options, const Selection &selection)
 void add_get(Commands &commands)
 {
     const auto options = std::make_shared<GetOptions>();
-    CLI::App &command =
+    Command command =
         commands.add("get", "print values: alone for one topic, topic<TAB>value for several",
                      on_selection(options, run_get));
-    add_selection(command, options->selection)->required();
+    add_selection(command, options->selection).required();
     command.add_flag("-v,--verbose", options->format.verbose, "with type, quality, times and age");
     command.add_flag("-T,--terse", options->format.terse, "values without their topics");
-    command.add_option("-t,--timeout", options->timeout, "wait so long for a value to appear")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 1e9));
+    command.add_number({"-t,--timeout", "wait so long for a value to appear", "SEC"},
+                       options->timeout, 0.0, 1e9);
     add_format_options(command, options->format);
 }
 

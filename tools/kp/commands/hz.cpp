@@ -3,7 +3,6 @@
 #include "common/store/live_store.h"
 #include "common/text/text.h"
 #include "looking/intervals.h"
-#include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "output/row_format.h"
@@ -13,6 +12,8 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 namespace kp::tool {
@@ -206,23 +207,17 @@ int run_hz(const HzOptions &options, const Selection &selection)
 void add_hz(Commands &commands)
 {
     const auto options = std::make_shared<HzOptions>();
-    CLI::App &command = commands.add("hz", "how often topics are written, and how evenly",
-                                     on_selection(options, run_hz));
-    add_selection(command, options->selection)->required();
-    command.add_option("-w,--window", options->window, "seconds in one report; 1 unless given")
-        ->type_name("SEC")
-        ->check(in_range(0.01, 3600.0));
-    command.add_option("--rate", options->rate, "looks in a second; 1000 unless given")
-        ->type_name("HZ")
-        ->check(in_range(1.0, 100000.0));
-    command.add_option("-n,--count", options->count, "end after so many reports")
-        ->type_name("N")
-        ->check(whole_number());
-    command.add_flag_callback(
+    Command command = commands.add("hz", "how often topics are written, and how evenly",
+                                   on_selection(options, run_hz));
+    add_selection(command, options->selection).required();
+    command.add_number({"-w,--window", "seconds in one report; 1 unless given", "SEC"},
+                       options->window, 0.01, 3600.0);
+    command.add_number({"--rate", "looks in a second; 1000 unless given", "HZ"}, options->rate, 1.0,
+                       100000.0);
+    command.add_count({"-n,--count", "end after so many reports", "N"}, options->count);
+    command.on_flag(
         "-1,--once", [options] { options->count = 1; }, "end after one report");
-    command.add_option("-t,--timeout", options->timeout, "end after so long")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 1e9));
+    command.add_number({"-t,--timeout", "end after so long", "SEC"}, options->timeout, 0.0, 1e9);
     command.add_flag("-j,--json", options->json, "one JSON object a topic and report");
 }
 

@@ -9,6 +9,7 @@
 #include "output/program_dictionary.h"
 #include "output/row_format.h"
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
@@ -228,10 +229,10 @@ int run_info(const InfoOptions &options)
 void add_info(Commands &commands)
 {
     const auto options = std::make_shared<InfoOptions>();
-    CLI::App &command = commands.add("info", "everything about one topic and who has it open",
-                                     [options] { return run_info(*options); });
+    Command command = commands.add("info", "everything about one topic and who has it open",
+                                   [options] { return run_info(*options); });
     command.alias("inspect");
-    command.add_option("topic", options->topic, "the topic")->type_name("TOPIC")->required();
+    command.add_text({"topic", "the topic", "TOPIC"}, options->topic).required();
     add_format_options(command, options->format);
 }
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <numeric>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -221,17 +222,17 @@ int run_list(const ListOptions &options, const Selection &selection)
 void add_list(Commands &commands)
 {
     const auto options = std::make_shared<ListOptions>();
-    CLI::App &command =
+    Command command =
         commands.add("list", "list topics, at any depth, sorted", on_selection(options, run_list));
     command.alias("ls");
-    CLI::Option *long_form =
+    const Option long_form =
         command.add_flag("-l,--long", options->long_form,
                          "with type, value, state, quality, age, providers and consumers");
     add_selection(command, options->selection);
     add_format_options(command, options->format);
     command.add_flag("--tree", options->tree, "as a tree of levels")
-        ->excludes(long_form, command.get_option("--json"), command.get_option("--format"),
-                   command.get_option("--template"));
+        .excludes({long_form, command.option("--json"), command.option("--format"),
+                   command.option("--template")});
 }
 
 } // namespace kp::tool

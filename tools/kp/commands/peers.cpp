@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 namespace kp::tool {
@@ -88,8 +89,8 @@ int run_peers(bool json)
 void add_peers(Commands &commands)
 {
     const auto json = std::make_shared<bool>(false);
-    CLI::App &command = commands.add("peers", "every endpoint, its process and its connections",
-                                     [json] { return run_peers(*json); });
+    Command command = commands.add("peers", "every endpoint, its process and its connections",
+                                   [json] { return run_peers(*json); });
     command.add_flag("-j,--json", *json, "one JSON object a line");
 }
 

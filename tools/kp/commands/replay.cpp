@@ -2,13 +2,13 @@
 #include "commands/commands.h"
 #include "common/clock.h"
 #include "common/text/text.h"
-#include "options/option_checks.h"
 #include "options/record_options.h"
 #include "running/line_reader.h"
 #include "running/stop.h"
 #include "writing/record_store.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace kp::tool {
 
@@ -117,15 +117,13 @@ int run_replay(const ReplayOptions &options)
 void add_replay(Commands &commands)
 {
     const auto options = std::make_shared<ReplayOptions>();
-    CLI::App &command =
+    Command command =
         commands.add("replay", "write what record printed, at the pace at which it was seen",
                      [options] { return run_replay(*options); });
     add_record_options(command, *options);
-    command
-        .add_option("--speed", options->speed,
-                    "times as fast as recorded; 1 unless given, 0 without any wait")
-        ->type_name("X")
-        ->check(in_range(0.0, 1e6));
+    command.add_number(
+        {"--speed", "times as fast as recorded; 1 unless given, 0 without any wait", "X"},
+        options->speed, 0.0, 1e6);
 }
 
 } // namespace kp::tool

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 
 namespace kp::tool {
 
@@ -163,11 +164,10 @@ class Removal {
 void add_rm(Commands &commands)
 {
     const auto options = std::make_shared<RemoveOptions>();
-    CLI::App &command = commands.add("rm", "remove topics that nobody has open",
-                                     [options] { return Removal(*options).run(); });
-    command.add_option("topics", options->topics, "topics and patterns")
-        ->type_name("TOPIC|PATTERN")
-        ->required();
+    Command command = commands.add("rm", "remove topics that nobody has open",
+                                   [options] { return Removal(*options).run(); });
+    command.add_words({"topics", "topics and patterns", "TOPIC|PATTERN"}, options->topics)
+        .required();
     command.add_flag("-f,--force", options->force,
                      "also what somebody has open, who then keeps the dead file");
     command.add_flag("-n,--dry-run", options->dry_run, "only show what would be removed");

@@ -10,6 +10,7 @@
 #include <array>
 #include <climits>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <unistd.h>
 
@@ -100,15 +101,15 @@ void add_sandbox(Commands &commands)
     const auto options = std::make_shared<SandboxOptions>();
     if (const char *level = std::getenv("KP_XLOG_USER_LEVEL"))
         options->log_level = level;
-    CLI::App &command =
+    Command command =
         commands.add("sandbox", "run a command with a store of its own", [options, &commands] {
             return run_sandbox(*options, commands.words_behind_mark());
         });
     command.footer("The command stands behind --, as in: kp sandbox -- make test");
     command.add_flag("--network-none", options->no_network,
                      "with no network but the loopback device");
-    command.add_option("--keep", options->keep, "copy the store to DIR when the command has ended")
-        ->type_name("DIR");
+    command.add_text({"--keep", "copy the store to DIR when the command has ended", "DIR"},
+                     options->keep);
 }
 
 } // namespace kp::tool

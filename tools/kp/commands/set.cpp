@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <iostream>
+#include <iterator>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -244,35 +246,31 @@ int run_set(const SetOptions &options)
 void add_set(Commands &commands)
 {
     const auto options = std::make_shared<SetOptions>();
-    CLI::App &command = commands.add("set", "write a value; prints old and new",
-                                     [options] { return run_set(*options); });
+    Command command = commands.add("set", "write a value; prints old and new",
+                                   [options] { return run_set(*options); });
     command.alias("put");
-    command.add_option("topic", options->topic, "the topic, or TOPIC=VALUE")->type_name("TOPIC");
-    command.add_option("value", options->value, "the value; - takes it from standard input")
-        ->type_name("VALUE");
-    command.add_option("more", options->more, "any number of TOPIC=VALUE")
-        ->type_name("TOPIC=VALUE");
-    CLI::Option *type = command.add_option("--type", options->type, "the type of a new topic");
-    type->type_name("TYPE")->check(CLI::Validator(
-        [](std::string &name) {
-            return kp_str2type(name.c_str()) < kValueTypeCount ? "" : "no such type: " + name;
-        },
-        ""));
-    CLI::Option *quality = command.add_option("-q,--quality", options->quality,
-                                              "the quality (1 is good); 255 keeps it");
-    quality->type_name("0..255")->check(CLI::Range(0, 255));
-    CLI::Option *source_time =
-        command.add_option("--source-time", options->source_time,
-                           "the source's time: microseconds since 1970, or ISO 8601 in UTC");
-    source_time->type_name("TIME");
+    command.add_text({"topic", "the topic, or TOPIC=VALUE", "TOPIC"}, options->topic);
+    command.add_text({"value", "the value; - takes it from standard input", "VALUE"},
+                     options->value);
+    command.add_words({"more", "any number of TOPIC=VALUE", "TOPIC=VALUE"}, options->more);
+    Option type = command.add_text({"--type", "the type of a new topic", "TYPE"}, options->type);
+    type.check([](const std::string &name) {
+        return kp_str2type(name.c_str()) < kValueTypeCount ? "" : "no such type: " + name;
+    });
+    const Option quality =
+        command.add_number({"-q,--quality", "the quality (1 is good); 255 keeps it", "0..255"},
+                           options->quality, 0, 255);
+    const Option source_time = command.add_text(
+        {"--source-time", "the source's time: microseconds since 1970, or ISO 8601 in UTC", "TIME"},
+        options->source_time);
     command
         .add_flag("--batch", options->batch,
                   "JSON lines from standard input, as list -j prints them; one notice at the end")
-        ->excludes(type, quality, source_time); // each line has its own
+        .excludes({type, quality, source_time}); // each line has its own
     command.add_flag("--force", options->force,
                      "change the type of a topic that exists, and set a value outside its range");
     command.add_flag("--text", options->text, "a bytearray or raw value is given as text");
-    command.add_flag_callback(
+    command.on_flag(
         "--base64", [options] { options->bytes = ByteStyle::base64; },
         "a bytearray or raw value is given in base64");
     add_peer_wait(command, options->peer_wait);

@@ -3,7 +3,6 @@
 #include "common/clock.h"
 #include "common/store/live_store.h"
 #include "common/text/text.h"
-#include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "output/program_dictionary.h"
@@ -16,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <unistd.h>
 
 namespace kp::tool {
@@ -288,14 +288,12 @@ int run_top(const TopOptions &options, const Selection &selection)
 void add_top(Commands &commands)
 {
     const auto options = std::make_shared<TopOptions>();
-    CLI::App &command = commands.add("top", "the live view", on_selection(options, run_top));
+    Command command = commands.add("top", "the live view", on_selection(options, run_top));
     add_selection(command, options->selection);
-    command.add_option("--delay", options->delay, "seconds between drawings; 0.5 unless given")
-        ->type_name("SEC")
-        ->check(in_range(0.05, 60.0));
-    command.add_option("--stale", options->stale, "seconds after which a value is shown as stale")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 1e9));
+    command.add_number({"--delay", "seconds between drawings; 0.5 unless given", "SEC"},
+                       options->delay, 0.05, 60.0);
+    command.add_number({"--stale", "seconds after which a value is shown as stale", "SEC"},
+                       options->stale, 0.0, 1e9);
 }
 
 } // namespace kp::tool

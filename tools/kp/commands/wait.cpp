@@ -4,7 +4,6 @@
 #include "common/text/text.h"
 #include "looking/topic_condition.h"
 #include "notices/notice_queue.h"
-#include "options/option_checks.h"
 #include "output/output.h"
 #include "output/row_format.h"
 #include "running/standard_stream.h"
@@ -12,6 +11,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 
 namespace kp::tool {
 
@@ -218,21 +218,20 @@ int run_wait(const WaitOptions &options)
 void add_wait(Commands &commands)
 {
     const auto options = std::make_shared<WaitOptions>();
-    CLI::App &command = commands.add("wait", "wait until a condition on a topic holds",
-                                     [options] { return run_wait(*options); });
-    command.add_option("topic", options->topic, "the topic")->type_name("TOPIC")->required();
+    Command command = commands.add("wait", "wait until a condition on a topic holds",
+                                   [options] { return run_wait(*options); });
+    command.add_text({"topic", "the topic", "TOPIC"}, options->topic).required();
     command
-        .add_option("condition", options->condition,
+        .add_words({"condition",
                     "== != < <= > >= VALUE, changes, exists, or fresh SEC (written at most so long "
-                    "ago)")
-        ->type_name("CONDITION")
-        ->required();
-    command
-        .add_option(
-            "-t,--timeout", options->timeout,
-            "give up after so long, with code 124; 0 only tests, with code 1 when it is false")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 1e9));
+                    "ago)",
+                    "CONDITION"},
+                   options->condition)
+        .required();
+    command.add_number(
+        {"-t,--timeout",
+         "give up after so long, with code 124; 0 only tests, with code 1 when it is false", "SEC"},
+        options->timeout, 0.0, 1e9);
     command.add_flag("-v,--verbose", options->verbose,
                      "print the value that meets the condition, as get -v does");
     command.add_flag("--mesh", options->mesh,

@@ -4,7 +4,6 @@
 #include "common/store/live_store.h"
 #include "common/writing/record_line.h"
 #include "notices/notice_queue.h"
-#include "options/option_checks.h"
 #include "options/selection_options.h"
 #include "output/output.h"
 #include "output/program_dictionary.h"
@@ -14,6 +13,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 
 namespace kp::tool {
 
@@ -156,26 +156,21 @@ int run_watch(const WatchOptions &options, const Selection &selection)
     return Watch(options, selection).run();
 }
 
-void add_following(CLI::App &command, WatchOptions &options)
+void add_following(Command &command, WatchOptions &options)
 {
-    command
-        .add_option("--rate", options.rate,
-                    "looks at the store in a second; " +
-                        std::to_string(static_cast<int>(options.rate)) + " unless given")
-        ->type_name("HZ")
-        ->check(in_range(0.001, 10000.0));
+    command.add_number({"--rate",
+                        "looks at the store in a second; " +
+                            std::to_string(static_cast<int>(options.rate)) + " unless given",
+                        "HZ"},
+                       options.rate, 0.001, 10000.0);
     command.add_flag("--mesh", options.mesh,
                      "join the mesh and follow change notices instead of sampling");
-    command.add_option("-n,--count", options.count, "end after so many lines")
-        ->type_name("N")
-        ->check(whole_number());
-    command.add_option("-t,--timeout", options.timeout, "end after so long")
-        ->type_name("SEC")
-        ->check(in_range(0.0, 1e9));
-    CLI::Option *none =
+    command.add_count({"-n,--count", "end after so many lines", "N"}, options.count);
+    command.add_number({"-t,--timeout", "end after so long", "SEC"}, options.timeout, 0.0, 1e9);
+    const Option none =
         command.add_flag("--no-initial", options.no_initial, "leave out the values that are there");
     command.add_flag("--initial-only", options.initial_only, "end after the values that are there")
-        ->excludes(none);
+        .excludes({none});
 }
 
 } // namespace
@@ -185,25 +180,25 @@ void add_record(Commands &commands)
     const auto options = std::make_shared<WatchOptions>();
     options->is_record = true;
     options->rate = 100;
-    CLI::App &command =
+    Command command =
         commands.add("record", "print each change as a JSON line that replay takes, until stopped",
                      on_selection(options, run_watch));
-    add_selection(command, options->selection)->required();
+    add_selection(command, options->selection).required();
     add_following(command, *options);
 }
 
 void add_watch(Commands &commands)
 {
     const auto options = std::make_shared<WatchOptions>();
-    CLI::App &command =
+    Command command =
         commands.add("watch", "print a line for each change, until stopped", [options] {
             options->format.with_meaning = !options->format.terse;
             return on_selection(options, run_watch)();
         });
     command.alias("mon");
-    add_selection(command, options->selection)->required();
+    add_selection(command, options->selection).required();
     add_following(command, *options);
-    command.add_flag_callback(
+    command.on_flag(
         "-1,--once", [options] { options->count = 1; }, "end after one line");
     command.add_flag("-v,--verbose", options->format.verbose, "with type, quality, times and age");
     command.add_flag("-T,--terse", options->format.terse, "values without their topics");

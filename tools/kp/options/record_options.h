@@ -1,7 +1,8 @@
 // The options of the commands that store what records say.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "options/command.h"
+
 #include <string>
 
 namespace kp::tool {
@@ -12,8 +13,8 @@ struct RecordOptions {
     bool force = false;
 };
 
-void add_peer_wait(CLI::App &command, double &seconds);
+void add_peer_wait(Command &command, double &seconds);
 
-void add_record_options(CLI::App &command, RecordOptions &options);
+void add_record_options(Command &command, RecordOptions &options);
 
 } // namespace kp::tool

@@ -2,14 +2,11 @@
 
 namespace kp::tool {
 
-CLI::Option *add_selection(CLI::App &command, SelectionOptions &options)
+Option add_selection(Command &command, SelectionOptions &options)
 {
-    command.add_option("-x,--exclude", options.excluded, "leave out what matches; may be repeated")
-        ->type_name("PATTERN")
-        ->take_all()
-        ->allow_extra_args(false);
-    return command.add_option("topics", options.wanted, "topics and patterns")
-        ->type_name("TOPIC|PATTERN");
+    command.add_repeatable({"-x,--exclude", "leave out what matches; may be repeated", "PATTERN"},
+                           options.excluded);
+    return command.add_words({"topics", "topics and patterns", "TOPIC|PATTERN"}, options.wanted);
 }
 
 } // namespace kp::tool

@@ -2,12 +2,14 @@
 #pragma once
 
 #include "common/names/selection.h"
+#include "options/command.h"
 #include "running/outcome.h"
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace kp::tool {
 
@@ -16,7 +18,7 @@ struct SelectionOptions {
     std::vector<std::string> excluded;
 };
 
-CLI::Option *add_selection(CLI::App &command, SelectionOptions &options);
+Option add_selection(Command &command, SelectionOptions &options);
 
 // Gives the function that runs a command on the topics that its user chose. It calls `run` with
 // `*options` and the selection. If one of the topics cannot exist, it complains instead, and gives

@@ -2,11 +2,9 @@
 
 #include "common/text/encoding.h"
 #include "common/text/text.h"
-#include "options/option_checks.h"
 #include "output/output.h"
 #include "output/program_dictionary.h"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 namespace kp::tool {
@@ -153,33 +151,33 @@ std::string plain_line(const Row &row, const FormatOptions &options)
 
 } // namespace
 
-void add_format_options(CLI::App &command, FormatOptions &options)
+void add_format_options(Command &command, FormatOptions &options)
 {
-    add_choice<Format>(command, {"--format", "plain, json, csv, tsv, raw or hex", "FORMAT"},
-                       options.format,
-                       {{"plain", Format::plain},
-                        {"json", Format::json},
-                        {"csv", Format::csv},
-                        {"tsv", Format::tsv},
-                        {"raw", Format::raw},
-                        {"hex", Format::hex}});
-    command.add_flag_callback(
+    command.add_choice<Format>({"--format", "plain, json, csv, tsv, raw or hex", "FORMAT"},
+                               options.format,
+                               {{"plain", Format::plain},
+                                {"json", Format::json},
+                                {"csv", Format::csv},
+                                {"tsv", Format::tsv},
+                                {"raw", Format::raw},
+                                {"hex", Format::hex}});
+    command.on_flag(
         "-j,--json", [&options] { options.format = Format::json; },
         "one JSON object a line, as --format json");
-    command
-        .add_option("-F,--template", options.field_template,
-                    "%t topic %v value %T type %q quality %w write time %s source time %a age "
-                    "%x hex %p providers %c consumers %u unit %S state; \\n \\t \\0")
-        ->type_name("TEMPLATE");
-    command.add_flag_callback(
+    command.add_text({"-F,--template",
+                      "%t topic %v value %T type %q quality %w write time %s source time %a age "
+                      "%x hex %p providers %c consumers %u unit %S state; \\n \\t \\0",
+                      "TEMPLATE"},
+                     options.field_template);
+    command.on_flag(
         "--base64", [&options] { options.bytes = ByteStyle::base64; },
         "bytearray and raw values in base64 instead of hexadecimal");
-    command.add_flag_callback(
+    command.on_flag(
         "--utc", [&options] { options.time = TimeStyle::utc; }, "times in UTC");
-    command.add_flag_callback(
+    command.on_flag(
         "--epoch", [&options] { options.time = TimeStyle::epoch; },
         "times in microseconds since 1970");
-    command.add_flag_callback(
+    command.on_flag(
         "--relative", [&options] { options.time = TimeStyle::relative; }, "times as ages");
 }
 

@@ -3,10 +3,7 @@
 
 #include "common/values/row_json.h"
 #include "common/values/time_text.h"
-
-namespace CLI {
-class App;
-}
+#include "options/command.h"
 
 namespace kp::tool {
 
@@ -23,7 +20,7 @@ struct FormatOptions {
 };
 
 // Adds -j, --format, -F and the styles of times and bytes to a command.
-void add_format_options(CLI::App &command, FormatOptions &options);
+void add_format_options(Command &command, FormatOptions &options);
 
 // The topic as JSON, and behind it what the dictionary says, where it says anything.
 nlohmann::ordered_json described_json(const Row &row, ByteStyle style);
