@@ -17,7 +17,7 @@ class Option;
 
 namespace kp::tool {
 
-// How an option ("-t,--timeout") or an argument ("topic") is called, explained, and its value named.
+// How an option ("-t,--timeout") or an argument ("topic") and its value are called and explained.
 struct OptionText {
     std::string names;
     std::string description;
