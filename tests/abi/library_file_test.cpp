@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -117,10 +118,12 @@ TEST(LibraryFile, ChecksTheBoundsOfItsFormattedTexts)
 
 TEST(LibraryFile, IsAtMostAHundredKibibytesWhenStripped)
 {
-    const std::string stripped = testing::TempDir() + "/libzu-kp-stripped.so";
+    std::string folder = testing::TempDir() + "strippedXXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const std::string stripped = folder + "/libzu-kp.so";
 
     output_of(KP_STRIP " -o " + stripped + " '" KP_LIBRARY "'");
 
     EXPECT_LE(std::filesystem::file_size(stripped), 100U * 1024);
-    std::filesystem::remove(stripped);
+    std::filesystem::remove_all(folder);
 }
