@@ -11,7 +11,9 @@
 #include <gtest/gtest.h>
 
 using namespace kptest;
+using testing::ContainsRegex;
 using testing::HasSubstr;
+using testing::Matches;
 
 namespace {
 
@@ -251,11 +253,9 @@ TEST_F(WebWrite, IsRefusedWhileAPeerDoesNotReadAndDelaysNobody)
     ChildProcess peer(run_peer);
     ASSERT_EQ(peer.hear(), "running");
     const WebProgram web(kRule);
-    ASSERT_TRUE(wait_until([&] {
-        const std::string peers = web.get("/peers").body;
-        const std::size_t own = peers.find("{\"name\":\"kp-web-");
-        return own != peers.npos && peers.find("\"connections\":1", own) != peers.npos;
-    }));
+    // The peer connects a moment after it was connected to, and hears nothing before.
+    const auto sends_to_it = ContainsRegex("\"name\":\"kp-web-[^}]*\"connections\":1,");
+    ASSERT_TRUE(wait_until([&] { return Matches(sends_to_it)(web.get("/peers").body); }));
     peer.signal(SIGSTOP);
     Client client(web.port());
     const std::string request = "PUT /tags/plant/speed HTTP/1.1\r\nHost: localhost\r\n"
