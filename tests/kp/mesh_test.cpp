@@ -380,7 +380,7 @@ TEST(KpDoctor, FindsAUserWhoHasNearlyAllInotifyInstances)
     std::size_t limit = 0;
     std::ifstream("/proc/sys/fs/inotify/max_user_instances") >> limit;
     if (limit > 1024)
-        GTEST_SKIP() << "this system lets a user have " << limit << " instances";
+        GTEST_SKIP() << "this system has more inotify instances for a user than a test may take";
     if (other_user() == 0)
         GTEST_SKIP() << "this test needs a second user";
     // It uses those of another user, since other tests need those of this one, and of another one

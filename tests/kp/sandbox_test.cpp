@@ -137,7 +137,7 @@ TEST(KpSandbox, SaysByItsCodeThatTheSystemStartsNoProcess)
 {
     const uid_t user = other_user();
     if (user == 0)
-        GTEST_SKIP() << "this test needs a user whose processes are counted";
+        GTEST_SKIP() << "this test needs a second user";
     const Ran ran =
         run_program({"bash", "-c", "ulimit -u 0; exec " + program_for(user) + " sandbox -- true"},
                     {.environment = {"ASAN_OPTIONS=detect_leaks=0"}, .uid = user});
