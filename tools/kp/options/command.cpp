@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 namespace kp::tool {
 
@@ -50,16 +51,14 @@ Option &Option::check(std::function<std::string(const std::string &)> problem_of
     return *this;
 }
 
-Command &Command::alias(const std::string &name)
+void Command::alias(const std::string &name)
 {
     parser_->alias(name);
-    return *this;
 }
 
-Command &Command::footer(const std::string &text)
+void Command::footer(const std::string &text)
 {
     parser_->footer(text);
-    return *this;
 }
 
 Command Command::add_command(const std::string &name, const std::string &summary)

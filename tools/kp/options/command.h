@@ -49,8 +49,8 @@ class Command {
     {
     }
 
-    Command &alias(const std::string &name);
-    Command &footer(const std::string &text);
+    void alias(const std::string &name);
+    void footer(const std::string &text);
 
     // A command below this one, which then wants one of them.
     Command add_command(const std::string &name, const std::string &summary);
