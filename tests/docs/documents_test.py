@@ -122,7 +122,7 @@ class Checks(unittest.TestCase):
 
     def test_fuzz_seconds_in_ci(self) -> None:
         seconds = only(r"tests/fuzz/run (\d+)", text(".ci/run"))
-        self.assertIn(f"`.ci/run` gives each target {seconds} seconds", text("docs/reliability.md"))
+        self.assertIn(f"`.ci/run --further` gives each target {seconds} seconds", text("docs/reliability.md"))
 
     def test_coverage_limits(self) -> None:
         script = text("scripts/coverage")
